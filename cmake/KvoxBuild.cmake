@@ -1,0 +1,64 @@
+# What every target of the project shares: language level, warnings, sanitizers, where programs go.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+set(KVOX_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them (address,undefined or thread)")
+set(KVOX_BIN_DIR "${PROJECT_BINARY_DIR}/bin" CACHE PATH "Where the programs are put")
+option(KVOX_WERROR "Treat warnings as errors" ON)
+option(KVOX_FUZZ "Build the fuzz targets (clang)" OFF)
+
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+
+add_library(kvox_build INTERFACE)
+target_include_directories(kvox_build INTERFACE "${PROJECT_SOURCE_DIR}")
+target_link_libraries(kvox_build INTERFACE Threads::Threads)
+target_compile_options(kvox_build INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Wformat=2
+  $<$<BOOL:${KVOX_WERROR}>:-Werror>
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wthread-safety-beta -Wno-gnu-zero-variadic-macro-arguments>)
+if(KVOX_SANITIZE)
+  target_compile_options(kvox_build INTERFACE
+    -fsanitize=${KVOX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(kvox_build INTERFACE -fsanitize=${KVOX_SANITIZE})
+endif()
+
+# kvox_library(NAME SOURCES... [LINK targets...])
+function(kvox_library name)
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  add_library(${name} STATIC ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PUBLIC kvox_build ${ARG_LINK})
+endfunction()
+
+# kvox_program(NAME SOURCES... [LINK targets...]): a program users run; it lands in KVOX_BIN_DIR.
+function(kvox_program name)
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE kvox_build ${ARG_LINK})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${KVOX_BIN_DIR}")
+endfunction()
+
+# kvox_test(NAME SOURCES... [LINK targets...]): one GoogleTest program, each test a CTest test of its own.
+function(kvox_test name)
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE kvox_build ${ARG_LINK} GTest::gmock_main)
+  gtest_discover_tests(${name} PROPERTIES TIMEOUT 120 DISCOVERY_TIMEOUT 60)
+endfunction()
+
+# The distribution's build of Android's own log library.
+find_path(KVOX_LIBLOG_INCLUDE android/log.h PATHS /usr/include/android NO_DEFAULT_PATH REQUIRED)
+find_library(KVOX_LIBLOG log PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android NO_DEFAULT_PATH REQUIRED)
+add_library(android_log INTERFACE)
+target_include_directories(android_log SYSTEM INTERFACE "${KVOX_LIBLOG_INCLUDE}")
+target_link_libraries(android_log INTERFACE "${KVOX_LIBLOG}")
+
+# libevent, statically: kvoxctl runs for a millisecond, and a third of that would go into loading
+# shared libraries.
+find_library(KVOX_EVENT_CORE libevent_core.a REQUIRED)
+find_library(KVOX_EVENT_PTHREADS libevent_pthreads.a REQUIRED)
+add_library(kvox_event INTERFACE)
+target_link_libraries(kvox_event INTERFACE "${KVOX_EVENT_PTHREADS}" "${KVOX_EVENT_CORE}" Threads::Threads)

@@ -1,0 +1,30 @@
+// Small helpers that several folders share: format codes, the packet clock, thread priority.
+// Every function may be called from any thread.
+#pragma once
+
+#include <cstdint>
+
+namespace kvox {
+
+inline constexpr uint8_t kNoSampleRateCode = 255;
+inline constexpr uint32_t kNoSampleSizeCode = 0xFFFFFFFF;
+
+/// Code of a sample rate in Hz: 0 to 7 for 8000, 16000, 24000, 32000, 44100, 48000, 96000 and
+/// 192000; kNoSampleRateCode for any other rate, however close.
+uint8_t SampleRateToEnum(unsigned int rate);
+
+/// Code of a sample size in bits: 0 to 3 for 8, 16, 24 and 32, else kNoSampleSizeCode.
+uint32_t BitsPerSampleToEnum(unsigned int bits);
+
+/// RT: raw monotonic clock in nanoseconds, never set back by clock changes. Computed in double
+/// precision, so exact up to 104 days of uptime and rounded beyond.
+uint64_t GetTimestampNs();
+
+/// Puts the calling thread under SCHED_FIFO at its highest priority. Answers 0, or the scheduler
+/// call's result after logging it; the thread then goes on as it was.
+int SetThreadRealtimePriority();
+
+/// Names the calling thread for debuggers and /proc (at most 15 characters are kept).
+void SetThreadName(const char* name);
+
+}  // namespace kvox

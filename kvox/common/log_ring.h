@@ -1,0 +1,74 @@
+// Log lines of threads that must never wait: a bounded ring takes them, one log thread passes them
+// on to the log library, which may block. Lines that find the ring full are lost, counted and
+// reported in one line.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include "kvox/common/log.h"
+
+namespace kvox {
+
+/// Lines longer than this, NUL included, are cut in the ring.
+inline constexpr size_t kLogRingLineSize = 240;
+
+/// Bounded queue of lines, many writers, one reader, without locks.
+class LogRing {
+ public:
+  struct Line {
+    LogPriority priority;
+    std::array<char, 16> tag;
+    std::array<char, kLogRingLineSize> text;
+  };
+
+  static constexpr uint32_t kCapacity = 512;
+
+  LogRing();
+
+  /// RT: puts a line in; false when the ring is full, which counts a loss. Any thread.
+  bool Push(LogPriority priority, const char* tag, const char* text);
+
+  /// Takes the oldest line out; false when there is none. One thread at a time.
+  bool Pop(Line& line);
+
+  /// Lines lost since the last call. Any thread.
+  uint32_t TakeLosses();
+
+ private:
+  struct Slot {
+    std::atomic<uint64_t> turn;  // which pass may touch the slot: 2 * lap to write, + 1 to read
+    Line line;
+  };
+
+  const std::unique_ptr<std::array<Slot, kCapacity>> slots_;
+  std::atomic<uint64_t> tail_ = 0;  // next to write
+  uint64_t head_ = 0;               // next to read
+  std::atomic<uint32_t> losses_ = 0;
+};
+
+/// A LogTarget for real-time threads: its Write neither waits nor does I/O beyond waking the log
+/// thread. Owns the log thread; the destructor passes on what is still in the ring and joins it.
+class DeferredLog : public LogTarget {
+ public:
+  explicit DeferredLog(LogTarget& destination);
+  ~DeferredLog() override;
+
+  /// RT. Any thread.
+  void Write(LogPriority priority, const char* tag, const char* line) override;
+
+ private:
+  void Run();
+  void PassOn();
+
+  LogTarget& destination_;
+  LogRing ring_;
+  std::atomic<uint32_t> wakeups_ = 0;
+  std::atomic<bool> stopping_ = false;
+  std::thread thread_;
+};
+
+}  // namespace kvox

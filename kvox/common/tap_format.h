@@ -1,0 +1,38 @@
+// The audio format of a tap point, and the names of its sample encodings.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+struct Kvox {
+  /// How samples are encoded. Other values travel through unchanged and are shown as unsupported.
+  enum class DataFormat : uint8_t { INT = 0, FLOAT = 1, SULAW = 2 };
+};
+
+namespace kvox {
+
+inline constexpr uint8_t kDataFormatCount = 3;
+
+/// "int", "float" or "sulaw"; null for any other encoding.
+const char* DataFormatName(Kvox::DataFormat format);
+
+/// The letter that tap listings print before the bits of a sample: 'i', 'f' or 'v', else '?'.
+char DataFormatLetter(Kvox::DataFormat format);
+
+/// Audio format as the co-processor's packets carry it (bytes 24 to 35 of a packet's header).
+/// A frame is one sample of every channel.
+struct KvoxTapFormat {
+  uint32_t sample_rate = 0;  // Hz; 0 means that the packets are not timed
+  uint8_t channels = 0;
+  uint8_t bytes_per_sample = 0;  // of one sample of one channel
+  uint8_t data_format = 0;       // a Kvox::DataFormat
+  uint8_t reserved = 0;          // carried, never interpreted
+  /// Samples of one channel that stand together before the next channel's; 0 and 1: interleaved.
+  uint32_t noninterleaved_samples = 0;
+};
+static_assert(sizeof(KvoxTapFormat) == 12 && std::is_trivially_copyable_v<KvoxTapFormat>);
+static_assert(offsetof(KvoxTapFormat, channels) == 4 &&
+              offsetof(KvoxTapFormat, noninterleaved_samples) == 8);
+
+}  // namespace kvox

@@ -1,0 +1,130 @@
+#include "kvox/common/log_ring.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kvox/common/mutex.h"
+
+namespace kvox {
+namespace {
+
+std::string PopText(LogRing& ring) {
+  LogRing::Line line;
+  return ring.Pop(line) ? line.text.data() : "(empty)";
+}
+
+TEST(LogRing, KeepsOrderThroughManyLapsAndCutsLongLines) {
+  LogRing ring;
+  for (uint32_t i = 0; i < 5 * LogRing::kCapacity; ++i) {
+    ASSERT_TRUE(ring.Push(LogPriority::kInfo, "kvox", std::to_string(i).c_str()));
+    ASSERT_EQ(PopText(ring), std::to_string(i));
+  }
+  ASSERT_TRUE(ring.Push(LogPriority::kInfo, "kvox", std::string(4000, 'x').c_str()));
+  EXPECT_EQ(PopText(ring), std::string(kLogRingLineSize - 1, 'x'));
+  EXPECT_EQ(PopText(ring), "(empty)");
+}
+
+TEST(LogRing, CountsWhatDoesNotFit) {
+  LogRing ring;
+  for (uint32_t i = 0; i < LogRing::kCapacity; ++i) {
+    ASSERT_TRUE(ring.Push(LogPriority::kInfo, "kvox", "kept"));
+  }
+  EXPECT_FALSE(ring.Push(LogPriority::kInfo, "kvox", "lost"));
+  EXPECT_FALSE(ring.Push(LogPriority::kInfo, "kvox", "lost"));
+  EXPECT_EQ(ring.TakeLosses(), 2u);
+  EXPECT_EQ(ring.TakeLosses(), 0u);
+  EXPECT_EQ(PopText(ring), "kept");
+  EXPECT_TRUE(ring.Push(LogPriority::kInfo, "kvox", "room again"));
+}
+
+/// Collects lines; a blocked one stands for a log reader that has stopped reading.
+class SlowLog : public LogTarget {
+ public:
+  void Write(LogPriority, const char*, const char* line) override {
+    MutexLock lock(mutex_);
+    lines_.emplace_back(line);
+    arrived_.NotifyAll();
+    while (blocked_) unblocked_.Wait(mutex_);
+  }
+  void Block() {
+    MutexLock lock(mutex_);
+    blocked_ = true;
+  }
+  void Unblock() {
+    MutexLock lock(mutex_);
+    blocked_ = false;
+    unblocked_.NotifyAll();
+  }
+  void WaitForLines(size_t count) {
+    MutexLock lock(mutex_);
+    while (lines_.size() < count) arrived_.Wait(mutex_);
+  }
+  std::vector<std::string> lines() {
+    MutexLock lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  Mutex mutex_;
+  CondVar arrived_;
+  CondVar unblocked_;
+  bool blocked_ GUARDED_BY(mutex_) = false;
+  std::vector<std::string> lines_ GUARDED_BY(mutex_);
+};
+
+TEST(DeferredLog, WritersNeverWaitAndEveryLineIsPassedOnOrCounted) {
+  constexpr int kWriters = 4;
+  constexpr int kLines = 2000;
+  SlowLog destination;
+  {
+    DeferredLog log(destination);
+    std::vector<std::thread> writers;
+    for (int i = 0; i < kWriters; ++i) {
+      writers.emplace_back([&log, i] {
+        ScopedThreadLog scope(log);
+        for (int line = 0; line < kLines; ++line) LogInfo("%d %d", i, line);
+      });
+    }
+    for (std::thread& writer : writers) writer.join();
+  }
+  std::vector<int> next(kWriters, 0);
+  unsigned lost = 0;
+  unsigned passed = 0;
+  for (const std::string& text : destination.lines()) {
+    unsigned losses = 0;
+    int writer = 0;
+    int line = 0;
+    if (sscanf(text.c_str(), "%u log lines of I/O threads lost", &losses) == 1 &&
+        text.find("lost") != std::string::npos) {
+      lost += losses;
+      continue;
+    }
+    ASSERT_EQ(sscanf(text.c_str(), "%d %d", &writer, &line), 2) << text;
+    EXPECT_GE(line, next[static_cast<size_t>(writer)]) << "lines of one thread stay in order";
+    next[static_cast<size_t>(writer)] = line + 1;
+    ++passed;
+  }
+  EXPECT_EQ(passed + lost, kWriters * kLines);
+}
+
+TEST(DeferredLog, ABlockedLogCostsLinesNotTime) {
+  SlowLog destination;
+  destination.Block();
+  {
+    DeferredLog log(destination);
+    log.Write(LogPriority::kInfo, "kvox", "first");
+    destination.WaitForLines(1);  // the log thread now hangs in the destination
+    for (uint32_t i = 0; i < LogRing::kCapacity + 7; ++i) {
+      log.Write(LogPriority::kInfo, "kvox", "line");
+    }
+    destination.Unblock();
+  }
+  EXPECT_EQ(destination.lines().size(), 1 + LogRing::kCapacity + 1);
+  EXPECT_EQ(destination.lines().back().substr(0, 11), "7 log lines");
+}
+
+}  // namespace
+}  // namespace kvox

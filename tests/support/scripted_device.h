@@ -1,0 +1,142 @@
+// A device whose reads, errors and times a test writes down beforehand. The script is played by one
+// thread; what was written to injects is kept.
+#pragma once
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "buffer/device_io.h"
+#include "kvox/common/kvox_packet.h"
+
+namespace kvox {
+
+using Bytes = std::vector<std::byte>;
+
+inline Bytes MakePacket(uint32_t number, uint32_t payload_size, const KvoxTapFormat& format = {}) {
+  KvoxPacketHeader header;
+  header.stamp = 1000 + number;
+  header.packet_num = number;
+  header.payload_size = payload_size;
+  header.format = format;
+  Bytes bytes(kPacketHeaderSize + payload_size);
+  std::memcpy(bytes.data(), &header, sizeof header);
+  for (uint32_t i = 0; i < payload_size; ++i) {
+    bytes[kPacketHeaderSize + i] = static_cast<std::byte>(number + i * 7);
+  }
+  return bytes;
+}
+
+class ScriptedDevice : public DeviceIo {
+ public:
+  static constexpr int kTapoutFd = 100;
+  static constexpr int kInjectFd = 200;
+
+  /// Steps of the tap-out device, one for each wait.
+  void Deliver(Bytes bytes, double after_ms = 0) {
+    steps_.push_back([this, bytes, after_ms] {
+      Advance(after_ms);
+      pending_ = bytes;
+      return Ready::kDevice;
+    });
+  }
+  void FailRead(int error) {
+    steps_.push_back([this, error] {
+      read_error_ = error;
+      return Ready::kDevice;
+    });
+  }
+  void HangUp() { Deliver({}); }
+  void StayQuiet() {
+    steps_.push_back([] { return Ready::kTimeout; });
+  }
+  void FailWait() {
+    steps_.push_back([] { return Ready::kFailed; });
+  }
+  void Do(std::function<void()> action) {
+    steps_.push_back([action] {
+      action();
+      return Ready::kWoken;
+    });
+  }
+
+  int Open(const char* path, Direction) override {
+    opened.emplace_back(path);
+    if (open_errors > 0) {
+      --open_errors;
+      errno = ENXIO;
+      return -1;
+    }
+    return std::string(path).find("inject") == std::string::npos ? kTapoutFd : kInjectFd;
+  }
+  void Close(int fd) override { closed.push_back(fd); }
+
+  Ready Wait(int fd, Direction direction, int, int timeout_ms) override {
+    if (fd < 0) {  // a pause
+      Advance(timeout_ms);
+      pauses_ms.push_back(timeout_ms);
+      return Ready::kTimeout;
+    }
+    if (direction == Direction::kWrite) {
+      if (writable) return Ready::kDevice;
+      Advance(timeout_ms);
+      return Ready::kTimeout;
+    }
+    if (!pending_.empty()) return Ready::kDevice;  // a read left something
+    if (steps_.empty()) return Ready::kFailed;     // ends the reader
+    const auto step = std::move(steps_.front());
+    steps_.pop_front();
+    return step();
+  }
+
+  ssize_t Read(int, std::span<std::byte> area) override {
+    requested.push_back(area.size());
+    if (read_error_ != 0) {
+      errno = std::exchange(read_error_, 0);
+      return -1;
+    }
+    const size_t size = std::min(area.size(), pending_.size());
+    std::memcpy(area.data(), pending_.data(), size);
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<ptrdiff_t>(size));
+    return static_cast<ssize_t>(size);
+  }
+
+  ssize_t Write(int fd, std::span<const std::byte> bytes) override {
+    size_t taken = bytes.size();
+    if (!write_limits.empty()) {
+      taken = write_limits.front();
+      write_limits.pop_front();
+    }
+    if (taken == 0) {
+      errno = write_errno;
+      return -1;
+    }
+    written.emplace_back(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(taken));
+    (void)fd;
+    return static_cast<ssize_t>(taken);
+  }
+
+  uint64_t NowNs() override { return now_ns_; }
+  void Advance(double ms) { now_ns_ += static_cast<uint64_t>(ms * 1e6); }
+
+  int open_errors = 0;
+  bool writable = false;
+  int write_errno = EAGAIN;
+  std::deque<size_t> write_limits;  // how much each next write takes; 0 fails with write_errno
+  std::vector<std::string> opened;
+  std::vector<int> closed;
+  std::vector<size_t> requested;
+  std::vector<int> pauses_ms;
+  std::vector<Bytes> written;
+
+ private:
+  uint64_t now_ns_ = 1'000'000'000'000;
+  std::deque<std::function<Ready()>> steps_;
+  Bytes pending_;
+  int read_error_ = 0;
+};
+
+}  // namespace kvox
