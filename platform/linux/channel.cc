@@ -1,0 +1,146 @@
+#include "platform/linux/channel.h"
+
+#include <errno.h>
+#include <event2/buffer.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/linux/frames.h"
+#include "platform/linux/limits.h"
+
+namespace kvox::binder {
+namespace {
+
+/// Cuts the first `size` bytes off the parts.
+Channel::Parts Without(Channel::Parts parts, size_t size) {
+  for (iovec& part : parts) {
+    const size_t cut = std::min(size, part.iov_len);
+    part.iov_base = static_cast<char*>(part.iov_base) + cut;
+    part.iov_len -= cut;
+    size -= cut;
+  }
+  return parts;
+}
+
+size_t SizeOf(const Channel::Parts& parts) {
+  return parts[0].iov_len + parts[1].iov_len + parts[2].iov_len;
+}
+
+}  // namespace
+
+bool Channel::Open(event_base* base, UniqueFd fd, size_t first_bytes) {
+  // Callbacks come later and without libevent's lock, so that they may take ours.
+  constexpr int kOptions = BEV_OPT_CLOSE_ON_FREE | BEV_OPT_THREADSAFE | BEV_OPT_DEFER_CALLBACKS |
+                           BEV_OPT_UNLOCK_CALLBACKS;
+  bufferevent* stream = bufferevent_socket_new(base, fd.get(), kOptions);
+  if (stream == nullptr) return false;
+  fd.Release();
+  needed_ = first_bytes;
+  bufferevent_setcb(stream, OnReadable, OnDrained, OnEvent, this);
+  bufferevent_setwatermark(stream, EV_READ, first_bytes, kMaxFrameSize);
+  bufferevent_setwatermark(stream, EV_WRITE, kPauseUnsentBytes / 2, 0);
+  bufferevent_set_max_single_read(stream, kMaxSingleRead);
+  const timeval handshake{.tv_sec = kHandshakeTimeout.count(), .tv_usec = 0};
+  bufferevent_set_timeouts(stream, &handshake, nullptr);
+  MutexLock lock(mutex_);
+  stream_ = stream;
+  return bufferevent_enable(stream, EV_READ) == 0;  // for writing it is from the start
+}
+
+void Channel::Greeted() {
+  MutexLock lock(mutex_);
+  if (stream_ != nullptr) bufferevent_set_timeouts(stream_, nullptr, nullptr);
+}
+
+bool Channel::Send(Parts parts) {
+  MutexLock lock(mutex_);
+  if (stream_ == nullptr || aborted_) return false;
+  size_t sent = 0;
+  // What is queued leaves the queue only after it was written, and only under our lock is anything
+  // added: an empty queue means that it is our turn.
+  if (evbuffer_get_length(bufferevent_get_output(stream_)) == 0) {
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+    const ssize_t size = sendmsg(bufferevent_getfd(stream_), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (size >= 0) {
+      sent = static_cast<size_t>(size);
+    } else if (errno != EAGAIN && errno != EINTR && errno != ENOBUFS) {
+      AbortLocked();
+      return false;
+    }
+  }
+  return sent == SizeOf(parts) || Queue(parts, sent);
+}
+
+bool Channel::Queue(const Parts& parts, size_t sent) {
+  evbuffer* output = bufferevent_get_output(stream_);
+  bool queued = evbuffer_get_length(output) + SizeOf(parts) - sent <= kMaxUnsentBytes;
+  for (const iovec& part : Without(parts, sent)) {
+    if (queued && part.iov_len > 0) queued = evbuffer_add(output, part.iov_base, part.iov_len) == 0;
+  }
+  if (!queued) AbortLocked();
+  owner_.OnUnsent(evbuffer_get_length(output));
+  return queued;
+}
+
+bool Channel::UpdateReading() {
+  MutexLock lock(mutex_);
+  if (stream_ == nullptr || aborted_) return false;
+  const bool wanted = owner_.WantsInput();
+  if (wanted == std::exchange(reading_, wanted)) return wanted;
+  if (wanted) {
+    bufferevent_enable(stream_, EV_READ);
+    // There may be whole frames in the buffer already, for which nothing else would wake us.
+    bufferevent_trigger(stream_, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);
+  } else {
+    bufferevent_disable(stream_, EV_READ);
+  }
+  return wanted;
+}
+
+void Channel::Abort() {
+  MutexLock lock(mutex_);
+  if (stream_ != nullptr) AbortLocked();
+}
+
+void Channel::AbortLocked() {
+  if (std::exchange(aborted_, true)) return;
+  bufferevent_trigger_event(stream_, BEV_EVENT_ERROR, 0);
+}
+
+void Channel::Close() {
+  bufferevent* stream = nullptr;
+  {
+    MutexLock lock(mutex_);
+    stream = std::exchange(stream_, nullptr);
+  }
+  if (stream != nullptr) bufferevent_free(stream);
+}
+
+bool Channel::open() const {
+  MutexLock lock(mutex_);
+  return stream_ != nullptr && !aborted_;
+}
+
+void Channel::OnReadable(bufferevent* stream, void* channel) {
+  auto* self = static_cast<Channel*>(channel);
+  const size_t needed = self->owner_.OnInput(bufferevent_get_input(stream));
+  if (needed == 0 || needed == self->needed_) return;
+  self->needed_ = needed;
+  bufferevent_setwatermark(stream, EV_READ, needed, kMaxFrameSize);
+}
+
+void Channel::OnDrained(bufferevent* stream, void* channel) {
+  auto* self = static_cast<Channel*>(channel);
+  MutexLock lock(self->mutex_);
+  self->owner_.OnUnsent(evbuffer_get_length(bufferevent_get_output(stream)));
+}
+
+void Channel::OnEvent(bufferevent*, short, void* channel) {
+  static_cast<Channel*>(channel)->owner_.OnBroken();
+}
+
+}  // namespace kvox::binder

@@ -1,0 +1,295 @@
+#include "platform/linux/connection.h"
+
+#include <event2/buffer.h>
+#include <sys/socket.h>
+
+#include <utility>
+
+#include "kvox/common/log.h"
+#include "platform/linux/parcel.h"
+#include "platform/linux/reactor.h"
+#include "platform/linux/remote_object.h"
+#include "platform/linux/status.h"
+
+namespace kvox::binder {
+namespace {
+
+Caller PeerOf(int fd) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+    return {static_cast<uid_t>(-1), 0};
+  }
+  return {credentials.uid, credentials.pid};
+}
+
+/// Dropping a parcel may drop the last reference to an object, whose code the reactor must not run.
+void DropOnPool(std::unique_ptr<AParcel> parcel) {
+  if (parcel == nullptr || parcel->objects().empty()) return;
+  ThreadPool::Get().Post([held = std::shared_ptr<AParcel>(std::move(parcel))] {});
+}
+
+/// What is wrong with a header, or null.
+const char* CheckHeader(const FrameHeader& header) {
+  const bool bare = header.parcel_size == 0 && header.object_count == 0;
+  if (header.parcel_size > kMaxParcelSize || header.parcel_size % 4 != 0 ||
+      header.object_list_size > kMaxObjectListSize) {
+    return "a frame of impossible size";
+  }
+  switch (header.type) {
+    case FrameType::kRequest:
+      return (header.flags & ~uint32_t{FLAG_ONEWAY}) == 0 ? nullptr : "a request of unknown kind";
+    case FrameType::kReply:
+      return header.code == STATUS_OK || bare ? nullptr : "a failed reply with a parcel";
+    case FrameType::kRelease:
+    case FrameType::kRootRequest:
+      return bare && header.object_list_size == 0 ? nullptr : "a frame with needless contents";
+  }
+  return "a frame of unknown type";
+}
+
+iovec Part(const void* bytes, size_t size) {
+  return {const_cast<void*>(bytes), size};
+}
+
+}  // namespace
+
+Connection::Connection(const Caller& peer, std::shared_ptr<ServicePort> port)
+    : peer_(peer), port_(std::move(port)), greeted_(port_ == nullptr) {}
+
+void Connection::Accept(UniqueFd fd, std::shared_ptr<ServicePort> port) {
+  const ndk::SpAIBinder root = port->root();
+  const auto connection = std::make_shared<Connection>(PeerOf(fd.get()), std::move(port));
+  const std::string_view descriptor = root.get()->clazz()->descriptor;
+  const std::string padding(
+      PaddedSize(static_cast<uint32_t>(descriptor.size())) - descriptor.size(), '\0');
+  ServiceGreeting greeting;
+  greeting.descriptor_size = static_cast<uint32_t>(descriptor.size());
+  greeting.address = connection->objects_.Give(root);
+  if (!connection->Open(std::move(fd), sizeof(ClientGreeting))) return;
+  connection->channel_.Send({Part(&greeting, sizeof greeting),
+                             Part(descriptor.data(), descriptor.size()),
+                             Part(padding.data(), padding.size())});
+}
+
+std::shared_ptr<Connection> Connection::Join(UniqueFd fd, uint64_t root_address,
+                                             std::string_view descriptor, ndk::SpAIBinder* root) {
+  auto connection = std::make_shared<Connection>(PeerOf(fd.get()), nullptr);
+  *root = connection->objects_.Take(root_address, descriptor, connection);
+  return connection->Open(std::move(fd), sizeof(FrameHeader)) ? connection : nullptr;
+}
+
+bool Connection::Open(UniqueFd fd, size_t first_bytes) {
+  // The reactor knows the connection before anything can happen to it.
+  event_base* base = Reactor::Get().Start();
+  if (base != nullptr) Reactor::Get().Keep(Self());
+  if (base == nullptr || !channel_.Open(base, std::move(fd), first_bytes)) {
+    Close();  // nothing else runs that could
+    return false;
+  }
+  if (greeted_) channel_.Greeted();
+  return true;
+}
+
+binder_status_t Connection::Transact(uint64_t id, transaction_code_t code, AParcel& in,
+                                     binder_flags_t flags, std::unique_ptr<AParcel>* out) {
+  if (in.data().size() > kMaxParcelSize) {
+    LogError("binder: a call of %zu bytes is too large, %u is the most", in.data().size(),
+             kMaxParcelSize);
+    return STATUS_FAILED_TRANSACTION;
+  }
+  std::vector<uint8_t> object_list;
+  const binder_status_t status = objects_.Give(in, *this, &object_list);
+  if (status != STATUS_OK) return status;
+  FrameHeader header;
+  header.code = code;
+  header.address = id << 1 | kReceiversObject;
+  header.flags = flags;
+  if ((flags & FLAG_ONEWAY) != 0) {
+    *out = std::make_unique<AParcel>();
+    return Send(header, in, object_list) ? STATUS_OK : STATUS_DEAD_OBJECT;
+  }
+  WaitingCall call;
+  header.call = calls_.Add(&call);
+  if (!Send(header, in, object_list) && calls_.Remove(header.call)) return STATUS_DEAD_OBJECT;
+  // The reply may lie behind requests that wait for the thread we are on.
+  if (ThreadPool::Get().Full(*this)) channel_.UpdateReading();
+  return call.Wait(out);
+}
+
+ndk::SpAIBinder Connection::QueryRoot(std::chrono::steady_clock::time_point deadline) {
+  WaitingCall call;
+  FrameHeader header;
+  header.type = FrameType::kRootRequest;
+  header.call = calls_.Add(&call);
+  const bool sent = Send(header, AParcel(), {});
+  if ((!sent || !call.WaitUntil(deadline)) && calls_.Remove(header.call)) return nullptr;
+  std::unique_ptr<AParcel> reply;
+  ndk::SpAIBinder root;
+  if (call.Wait(&reply) == STATUS_OK) AParcel_readStrongBinder(reply.get(), root.getR());
+  return root;
+}
+
+void Connection::Forget(const RemoteObject& proxy) {
+  FrameHeader header;
+  header.type = FrameType::kRelease;
+  header.address = proxy.id() << 1 | kReceiversObject;
+  header.call = objects_.Forget(proxy);
+  if (header.call > 0) Send(header, AParcel(), {});
+}
+
+bool Connection::Send(FrameHeader header, const AParcel& parcel,
+                      const std::vector<uint8_t>& object_list) {
+  header.object_count = static_cast<uint32_t>(parcel.objects().size());
+  header.parcel_size = static_cast<uint32_t>(parcel.data().size());
+  header.object_list_size = static_cast<uint32_t>(object_list.size());
+  return channel_.Send({Part(&header, sizeof header),
+                        Part(parcel.data().data(), parcel.data().size()),
+                        Part(object_list.data(), object_list.size())});
+}
+
+void Connection::SendReply(uint64_t call, binder_status_t status, AParcel& reply) {
+  std::vector<uint8_t> object_list;
+  if (status == STATUS_OK && reply.data().size() > kMaxParcelSize) {
+    LogError("binder: a reply of %zu bytes is too large, %u is the most", reply.data().size(),
+             kMaxParcelSize);
+    status = STATUS_FAILED_TRANSACTION;
+  }
+  if (status == STATUS_OK) status = objects_.Give(reply, *this, &object_list);
+  FrameHeader header;
+  header.type = FrameType::kReply;
+  header.call = call;
+  header.code = static_cast<uint32_t>(status);
+  const AParcel nothing;
+  Send(header, status == STATUS_OK ? reply : nothing, object_list);
+}
+
+void Connection::Serve(Request request) {
+  AParcel reply;
+  binder_status_t status = STATUS_OK;
+  {
+    const ScopedCaller caller(peer_);
+    auto* target = static_cast<LocalObject*>(request.target.get());
+    status = target->Handle(request.code, *request.parcel, reply);
+  }
+  if (!request.oneway()) SendReply(request.call, status, reply);
+}
+
+size_t Connection::OnInput(evbuffer* input) {
+  const auto self = Self();  // closing drops the reactor's reference
+  if (const char* fault = TakeGreeting(input)) {
+    Close(fault);
+    return 0;
+  }
+  FrameHeader header;
+  do {
+    const size_t size = evbuffer_get_length(input);
+    if (size < sizeof header) return sizeof header;
+    evbuffer_copyout(input, &header, sizeof header);
+    const char* fault = CheckHeader(header);
+    if (fault == nullptr && size < header.FrameSize()) return header.FrameSize();
+    if (fault == nullptr) fault = TakeFrame(header, input);
+    if (fault != nullptr) {
+      Close(fault);
+      return 0;
+    }
+  } while (!ThreadPool::Get().Full(*this) || channel_.UpdateReading());
+  return sizeof header;
+}
+
+const char* Connection::TakeGreeting(evbuffer* input) {
+  ClientGreeting greeting;
+  if (greeted_ || evbuffer_get_length(input) < sizeof greeting) return nullptr;
+  evbuffer_remove(input, &greeting, sizeof greeting);
+  greeted_ = true;
+  channel_.Greeted();
+  if (greeting.magic != kTransportMagic) return "a foreign greeting";
+  return greeting.version == kTransportVersion ? nullptr : "a greeting of another version";
+}
+
+const char* Connection::TakeFrame(const FrameHeader& header, evbuffer* input) {
+  evbuffer_drain(input, sizeof header);
+  if (header.type == FrameType::kRelease) {
+    ndk::SpAIBinder last;
+    if (!objects_.GiveBack(header.address, header.call, &last)) return "a false release";
+    if (last.get() != nullptr) ThreadPool::Get().Post([held = std::move(last)] {});
+    return nullptr;
+  }
+  if (header.type == FrameType::kRootRequest) {
+    if (port_ == nullptr) return "a question for a service it is not connected to";
+    AParcel reply;
+    AParcel_writeStrongBinder(&reply, port_->root().get());
+    SendReply(header.call, STATUS_OK, reply);
+    return nullptr;
+  }
+  std::vector<uint8_t> data(header.parcel_size);
+  std::vector<uint8_t> object_list(header.object_list_size);
+  evbuffer_remove(input, data.data(), data.size());
+  evbuffer_remove(input, object_list.data(), object_list.size());
+  std::vector<AParcel::Object> objects;
+  const char* fault = objects_.Take(data, object_list, header.object_count, Self(), &objects);
+  auto parcel = std::make_unique<AParcel>(std::move(data), std::move(objects));
+  if (fault != nullptr) {
+    DropOnPool(std::move(parcel));
+    return fault;
+  }
+  if (header.type == FrameType::kRequest) return TakeRequest(header, std::move(parcel));
+  std::unique_ptr<AParcel> stray;
+  const binder_status_t status = KnownStatus(static_cast<binder_status_t>(header.code));
+  const bool called = calls_.Finish(header.call, status, std::move(parcel), &stray);
+  DropOnPool(std::move(stray));
+  return called ? nullptr : "a reply to no call";
+}
+
+const char* Connection::TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel) {
+  ndk::SpAIBinder target = objects_.Given(header.address);
+  if (target.get() == nullptr) {
+    DropOnPool(std::move(parcel));
+    return "a call of an object that it was never given";
+  }
+  Request request{std::move(target), header.call, header.code, header.flags, std::move(parcel)};
+  const bool fits = ThreadPool::Get().Enqueue(*this, std::move(request));
+  return fits ? nullptr : "too many calls at once";
+}
+
+bool Connection::WantsInput() const {
+  return !ThreadPool::Get().Full(*this) || !calls_.empty();
+}
+
+void Connection::OnUnsent(size_t bytes) {
+  ThreadPool::Get().SetBlocked(*this, bytes > kPauseUnsentBytes);
+}
+
+void Connection::Close(const char* fault) {
+  if (std::exchange(closed_, true)) return;
+  const auto self = Self();
+  channel_.Close();
+  calls_.FinishAll(STATUS_DEAD_OBJECT);
+  // The port holds the service, which may hold proxies of this connection.
+  if (const auto port = std::exchange(port_, nullptr)) port->Leave();
+  Reactor::Get().Forget(self);
+
+  struct Remains {
+    ObjectTable::Remains objects;
+    std::deque<Request> requests;
+    DeathLinkList links;
+  };
+  auto remains = std::make_shared<Remains>();
+  remains->objects = objects_.Close();
+  remains->requests = ThreadPool::Get().Clear(*this);
+  for (const auto& proxy : remains->objects.proxies) {
+    for (auto& link : proxy.get()->AsRemote()->death_links().Die()) {
+      remains->links.push_back(std::move(link));
+    }
+  }
+  // The log may block as well, which the reactor must not.
+  ThreadPool::Get().Post([held = std::move(remains), fault, peer = peer_] {
+    if (fault != nullptr) {
+      LogWarning("binder: process %d of user %u was cut off: it sent %s", peer.pid, peer.uid,
+                 fault);
+    }
+    for (const auto& link : held->links) link->ReportDeath();
+  });
+}
+
+}  // namespace kvox::binder

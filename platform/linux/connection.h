@@ -1,0 +1,81 @@
+// One connection between two processes. Both ends are alike: either calls objects of the other.
+// They differ in the greeting alone.
+//
+// Locks, in this order, each for itself: the channel's, then the pool's or the call table's. The
+// object table's is taken with none of them, and no code of an object's runs under any.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string_view>
+
+#include "platform/linux/binder_object.h"
+#include "platform/linux/call_table.h"
+#include "platform/linux/channel.h"
+#include "platform/linux/frames.h"
+#include "platform/linux/object_table.h"
+#include "platform/linux/service_port.h"
+#include "platform/linux/thread_pool.h"
+
+namespace kvox::binder {
+
+/// Kept by the reactor until it is closed, and by the proxies of the peer's objects.
+class Connection final : public RequestQueue, private ChannelOwner {
+ public:
+  /// The service's end: greets the client with the port's object. The port has admitted it.
+  static void Accept(UniqueFd fd, std::shared_ptr<ServicePort> port);
+  /// The client's end, after the service's greeting. `root` is the service's object. Null when the
+  /// system refuses.
+  static std::shared_ptr<Connection> Join(UniqueFd fd, uint64_t root_address,
+                                          std::string_view descriptor, ndk::SpAIBinder* root);
+
+  Connection(const Caller& peer, std::shared_ptr<ServicePort> port);
+
+  /// Calls the peer's object `id`.
+  binder_status_t Transact(uint64_t id, transaction_code_t code, AParcel& in, binder_flags_t flags,
+                           std::unique_ptr<AParcel>* out);
+  /// The service's present object; null when it does not answer in time.
+  ndk::SpAIBinder QueryRoot(std::chrono::steady_clock::time_point deadline);
+  /// The last reference to a proxy is gone.
+  void Forget(const RemoteObject& proxy);
+
+  bool open() const { return channel_.open(); }
+  /// Ends every call with STATUS_DEAD_OBJECT, and has a pool thread report the deaths and drop the
+  /// objects. On the reactor, or when that has ended. `fault` is what the peer did wrong, if it
+  /// did.
+  void Close(const char* fault = nullptr);
+
+ private:
+  bool Open(UniqueFd fd, size_t first_bytes);
+  std::shared_ptr<Connection> Self() {
+    return std::static_pointer_cast<Connection>(shared_from_this());
+  }
+  bool Send(FrameHeader header, const AParcel& parcel, const std::vector<uint8_t>& object_list);
+  void SendReply(uint64_t call, binder_status_t status, AParcel& reply);
+
+  // RequestQueue
+  void Serve(Request request) override;
+  void OnRoom() override { channel_.UpdateReading(); }
+
+  // ChannelOwner
+  size_t OnInput(evbuffer* input) override;
+  void OnBroken() override { Close(); }
+  bool WantsInput() const override;
+  void OnUnsent(size_t bytes) override;
+
+  /// Each answers what is wrong, or null.
+  const char* TakeGreeting(evbuffer* input);
+  const char* TakeFrame(const FrameHeader& header, evbuffer* input);
+  const char* TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel);
+
+  const Caller peer_;
+  // The next three are the reactor's.
+  std::shared_ptr<ServicePort> port_;  // null: the client's end, or closed
+  bool greeted_;
+  bool closed_ = false;
+  Channel channel_{*this};
+  ObjectTable objects_;
+  CallTable calls_;
+};
+
+}  // namespace kvox::binder

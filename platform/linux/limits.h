@@ -1,0 +1,63 @@
+// What one peer may take of this process. Every bound of the transport is here.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace kvox::binder {
+
+/// Bytes of one parcel on the wire. Binder's own transaction buffer has this size, so nothing that
+/// works there fails here.
+inline constexpr uint32_t kMaxParcelSize = 1024 * 1024;
+
+/// Objects that one peer may hold of us, and we of it. A client needs one for each callback; this
+/// is room for far more, while the two tables of a hostile peer stay below a megabyte.
+inline constexpr size_t kMaxObjects = 1024;
+
+/// Bytes of an interface descriptor; those of the platform are below 100.
+inline constexpr uint32_t kMaxDescriptorSize = 256;
+
+/// Behind its header a frame holds a parcel and at most this much of an object list: one parcel can
+/// carry a hundred references with long descriptors, several hundred with usual ones.
+inline constexpr uint32_t kMaxObjectListSize = 32 * 1024;
+
+/// Clients of one service. Each has one connection, however many threads it has.
+inline constexpr int kMaxConnections = 128;
+
+/// Connections that wait to be accepted. More than that answer "try again" to the client, which
+/// does for as long as a handshake may take.
+inline constexpr int kListenBacklog = 64;
+
+/// A connection with this much waiting for a pool thread is not read from until half of it is done:
+/// enough for a client with dozens of threads, and two full-size parcels.
+inline constexpr size_t kPauseRequests = 64;
+inline constexpr size_t kPauseRequestBytes = 2 * 1024 * 1024;
+
+/// While we wait for a reply of that very peer its connection must be read on, whatever waits. A
+/// peer that uses that to pile up requests is cut off here.
+inline constexpr size_t kMaxRequests = 1024;
+inline constexpr size_t kMaxRequestBytes = 16 * 1024 * 1024;
+
+/// A peer that leaves this many bytes unread gets no further request served until it reads: one
+/// reply of full size never stops anything.
+inline constexpr size_t kPauseUnsentBytes = 2 * 1024 * 1024;
+
+/// Calls to such a peer go on until this much waits for it; then it is cut off.
+inline constexpr size_t kMaxUnsentBytes = 16 * 1024 * 1024;
+
+/// One read of the reactor takes at most this much, so that no peer keeps it from the others.
+inline constexpr size_t kMaxSingleRead = 256 * 1024;
+
+/// How long either side waits for the other's first bytes. They are sent without being asked for,
+/// so only a stopped process takes longer.
+inline constexpr std::chrono::seconds kHandshakeTimeout{2};
+
+/// Pause of the acceptor when the process has no descriptors left.
+inline constexpr std::chrono::milliseconds kAcceptPause{100};
+
+/// Pause between two look-ups of a service that is not there, and how long getService goes on.
+inline constexpr std::chrono::milliseconds kLookupInterval{50};
+inline constexpr std::chrono::seconds kGetServiceTimeout{5};
+
+}  // namespace kvox::binder

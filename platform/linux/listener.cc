@@ -1,0 +1,81 @@
+#include "platform/linux/listener.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <utility>
+
+#include "kvox/common/log.h"
+#include "platform/linux/connection.h"
+#include "platform/linux/frames.h"
+#include "platform/linux/thread_pool.h"
+
+namespace kvox::binder {
+namespace {
+
+constexpr timeval kPause{
+    .tv_sec = 0,
+    .tv_usec = std::chrono::duration_cast<std::chrono::microseconds>(kAcceptPause).count(),
+};
+
+void Refuse(const UniqueFd& client) {
+  const ServiceGreeting greeting{.welcome = Welcome::kTooManyClients};
+  send(client.get(), &greeting, sizeof greeting, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+}  // namespace
+
+Listener::Listener(UniqueFd socket, std::shared_ptr<ServicePort> port)
+    : socket_(std::move(socket)), port_(std::move(port)) {}
+
+Listener::~Listener() {
+  // Deleting an event waits for its callback. One that did not see the flag yet may add the other
+  // event, and that one's callback the first again, but no more than that.
+  stopping_ = true;
+  if (readable_ != nullptr) event_del(readable_);
+  if (pause_ != nullptr) event_free(pause_);
+  if (readable_ != nullptr) event_free(readable_);
+}
+
+bool Listener::Start(event_base* base) {
+  readable_ = event_new(base, socket_.get(), EV_READ | EV_PERSIST, OnReadable, this);
+  pause_ = event_new(base, -1, 0, OnPauseOver, this);
+  return readable_ != nullptr && pause_ != nullptr && event_add(readable_, nullptr) == 0;
+}
+
+void Listener::OnReadable(int, short, void* listener) {
+  static_cast<Listener*>(listener)->AcceptAll();
+}
+
+void Listener::OnPauseOver(int, short, void* listener) {
+  auto* self = static_cast<Listener*>(listener);
+  if (!self->stopping_) event_add(self->readable_, nullptr);
+}
+
+void Listener::AcceptAll() {
+  while (true) {
+    UniqueFd client(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (client.valid()) {
+      if (port_->Admit()) {
+        Connection::Accept(std::move(client), port_);
+      } else {
+        Refuse(client);
+      }
+      continue;
+    }
+    const int error = errno;
+    if (error == EINTR || error == ECONNABORTED) continue;
+    if (error == EAGAIN) return;
+    // Out of descriptors or memory: the client stays in the queue, and asking on would spin.
+    if (stopping_) return;
+    event_del(readable_);
+    event_add(pause_, &kPause);
+    ThreadPool::Get().Post([error] {
+      LogWarning("binder: cannot accept a client: %s; trying again", std::strerror(error));
+    });
+    return;
+  }
+}
+
+}  // namespace kvox::binder

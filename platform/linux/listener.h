@@ -1,0 +1,38 @@
+// The socket of a registered service, and the connections that come in on it.
+#pragma once
+
+#include <event2/event.h>
+
+#include <atomic>
+#include <memory>
+
+#include "platform/linux/service_port.h"
+#include "platform/linux/unique_fd.h"
+
+namespace kvox::binder {
+
+/// Accepts on the reactor for as long as it lives. Ends before the reactor does, on another thread.
+class Listener {
+ public:
+  Listener(UniqueFd socket, std::shared_ptr<ServicePort> port);
+  ~Listener();
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  /// False when the reactor cannot watch the socket.
+  bool Start(event_base* base);
+
+ private:
+  static void OnReadable(int fd, short events, void* listener);
+  static void OnPauseOver(int fd, short events, void* listener);
+
+  void AcceptAll();
+
+  const UniqueFd socket_;  // non-blocking
+  const std::shared_ptr<ServicePort> port_;
+  std::atomic<bool> stopping_ = false;
+  event* readable_ = nullptr;
+  event* pause_ = nullptr;
+};
+
+}  // namespace kvox::binder

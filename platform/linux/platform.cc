@@ -1,0 +1,23 @@
+#include "platform/platform.h"
+
+#include <event2/thread.h>
+#include <stdlib.h>
+
+namespace kvox {
+
+void PreparePlatform() {
+  // The binder's event loop needs it; an event loop of the program's own must not be made before.
+  evthread_use_pthreads();
+}
+
+const std::string& DeviceDirectory() {
+  static const auto* const directory = [] {
+    const char* value = getenv("KVOX_DEV_DIR");
+    auto* path = new std::string(value == nullptr || *value == '\0' ? "/dev" : value);
+    while (path->size() > 1 && path->back() == '/') path->pop_back();
+    return path;
+  }();
+  return *directory;
+}
+
+}  // namespace kvox

@@ -1,0 +1,74 @@
+#include "platform/linux/reactor.h"
+
+#include <event2/thread.h>
+
+#include <system_error>
+#include <utility>
+
+#include "kvox/common/log.h"
+#include "platform/linux/connection.h"
+
+namespace kvox::binder {
+
+Reactor& Reactor::Get() {
+  static Reactor* const reactor = new Reactor;  // outlives every thread, also at exit
+  return *reactor;
+}
+
+event_base* Reactor::Start() {
+  MutexLock lock(mutex_);
+  if (base_ != nullptr) return base_;
+  evthread_use_pthreads();
+  event_base* base = event_base_new();
+  if (base == nullptr) {
+    LogError("binder: no event loop: the process is out of descriptors or memory");
+    return nullptr;
+  }
+  try {
+    thread_ =
+        StartThread("binder:reactor", [base] { event_base_loop(base, EVLOOP_NO_EXIT_ON_EMPTY); });
+  } catch (const std::system_error& error) {
+    LogError("binder: no thread for the event loop: %s", error.what());
+    event_base_free(base);
+    return nullptr;
+  }
+  return base_ = base;
+}
+
+void Reactor::Stop() {
+  event_base* base = nullptr;
+  std::thread thread;
+  std::unordered_set<std::shared_ptr<Connection>> connections;
+  {
+    MutexLock lock(mutex_);
+    base = std::exchange(base_, nullptr);
+    thread = std::move(thread_);
+  }
+  if (base == nullptr) return;
+  // From within the loop: before the thread has entered it, it could not be broken.
+  event_base_once(
+      base, -1, EV_TIMEOUT,
+      [](int, short, void* loop) { event_base_loopbreak(static_cast<event_base*>(loop)); }, base,
+      nullptr);
+  thread.join();
+  {
+    MutexLock lock(mutex_);
+    connections = connections_;
+  }
+  for (const auto& connection : connections) connection->Close();
+  // libevent frees a stream and closes its socket on the loop.
+  event_base_loop(base, EVLOOP_NONBLOCK);
+  event_base_free(base);
+}
+
+void Reactor::Keep(std::shared_ptr<Connection> connection) {
+  MutexLock lock(mutex_);
+  connections_.insert(std::move(connection));
+}
+
+void Reactor::Forget(const std::shared_ptr<Connection>& connection) {
+  MutexLock lock(mutex_);
+  connections_.erase(connection);
+}
+
+}  // namespace kvox::binder

@@ -1,0 +1,39 @@
+// The one thread of a process that reads from connections and accepts them.
+#pragma once
+
+#include <event2/event.h>
+
+#include <memory>
+#include <thread>
+#include <unordered_set>
+
+#include "kvox/common/mutex.h"
+
+namespace kvox::binder {
+
+class Connection;
+
+/// One a process. Any thread, unless it says otherwise.
+class Reactor {
+ public:
+  static Reactor& Get();
+
+  /// Starts the thread if need be. Null when the system refuses, which the log explains.
+  event_base* Start();
+  /// Closes all connections and joins the thread. Not from the reactor.
+  void Stop();
+
+  /// Keeps a connection until it is forgotten.
+  void Keep(std::shared_ptr<Connection> connection);
+  void Forget(const std::shared_ptr<Connection>& connection);
+
+ private:
+  Reactor() = default;
+
+  Mutex mutex_;
+  event_base* base_ GUARDED_BY(mutex_) = nullptr;
+  std::thread thread_ GUARDED_BY(mutex_);
+  std::unordered_set<std::shared_ptr<Connection>> connections_ GUARDED_BY(mutex_);
+};
+
+}  // namespace kvox::binder

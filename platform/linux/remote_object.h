@@ -1,0 +1,38 @@
+// An object that lives in another process.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/linux/binder_object.h"
+#include "platform/linux/death_link.h"
+
+namespace kvox::binder {
+
+class Connection;
+
+/// Bound to its connection, whose object table knows it under `id` for as long as anyone holds a
+/// strong reference.
+class RemoteObject final : public AIBinder {
+ public:
+  RemoteObject(std::shared_ptr<Connection> connection, uint64_t id, std::string descriptor);
+
+  const Connection* connection() const { return connection_.get(); }
+  uint64_t id() const { return id_; }
+  DeathLinks& death_links() { return death_links_; }
+
+  bool AssociateClass(const AIBinder_Class* clazz) override;
+  binder_status_t Transact(transaction_code_t code, AParcel& in, binder_flags_t flags,
+                           std::unique_ptr<AParcel>* out) override;
+  RemoteObject* AsRemote() override { return this; }
+
+ private:
+  void OnLastStrong() override;
+
+  const std::shared_ptr<Connection> connection_;
+  const uint64_t id_;
+  const std::string descriptor_;
+  DeathLinks death_links_;
+};
+
+}  // namespace kvox::binder

@@ -1,0 +1,111 @@
+#include "platform/linux/runtime_directory.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string_view>
+
+namespace kvox::binder {
+namespace {
+
+constexpr char kVariable[] = "KVOX_RUNTIME_DIR";
+constexpr char kUserVariable[] = "XDG_RUNTIME_DIR";
+constexpr char kSystemDirectory[] = "/run/kvox";
+constexpr mode_t kDirectoryMode = 0750;
+constexpr size_t kMaxNameSize = 127;
+
+std::string Variable(const char* name) {
+  const char* value = getenv(name);
+  std::string path = value == nullptr ? "" : value;
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+std::string UserDirectory() {
+  const std::string parent = Variable(kUserVariable);
+  return parent.empty() ? "" : parent + "/kvox";
+}
+
+/// Creates what is missing of the path; each directory with the mode, whatever the umask. Answers 0
+/// or errno.
+int MakeDirectory(const std::string& path) {
+  for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string part = path.substr(0, end);
+    struct stat status;
+    if (mkdir(part.c_str(), kDirectoryMode) == 0) {
+      if (chmod(part.c_str(), kDirectoryMode) != 0) return errno;
+    } else if (const int cause = errno; stat(part.c_str(), &status) != 0) {
+      return cause;
+    } else if (!S_ISDIR(status.st_mode)) {
+      return ENOTDIR;
+    }
+    if (end == std::string::npos) return 0;
+  }
+}
+
+std::string PathOf(const std::string& directory, const std::string& name, const char* suffix) {
+  std::string file = name;
+  std::ranges::replace(file, '/', ':');
+  return directory + "/" + file + suffix;
+}
+
+}  // namespace
+
+bool IsServiceName(const std::string& name) {
+  return !name.empty() && name.size() <= kMaxNameSize && std::ranges::all_of(name, [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::string_view("_-./").find(c) != std::string_view::npos;
+  });
+}
+
+int PrepareRuntimeDirectory(std::string* directory, std::string* error) {
+  *directory = Variable(kVariable);
+  if (directory->empty() && geteuid() == 0) *directory = kSystemDirectory;
+  if (directory->empty()) *directory = UserDirectory();
+  if (directory->empty()) {
+    *error = std::string("no runtime directory: set ") + kVariable + " or " + kUserVariable;
+    return ENOENT;
+  }
+  const int cause = MakeDirectory(*directory);
+  if (cause != 0) {
+    *error = "cannot use the runtime directory " + *directory + ": " + strerror(cause) +
+             "; make it writable, or set " + kVariable + " to another";
+  }
+  return cause;
+}
+
+std::vector<std::string> LookupDirectories() {
+  if (const std::string only = Variable(kVariable); !only.empty()) return {only};
+  std::vector<std::string> directories;
+  if (const std::string user = UserDirectory(); !user.empty()) directories.push_back(user);
+  directories.push_back(kSystemDirectory);
+  return directories;
+}
+
+std::string SocketPath(const std::string& directory, const std::string& name) {
+  return PathOf(directory, name, ".sock");
+}
+std::string LockPath(const std::string& directory, const std::string& name) {
+  return PathOf(directory, name, ".lock");
+}
+
+bool MakeAddress(const std::string& path, sockaddr_un* address, std::string* error) {
+  *address = {};
+  address->sun_family = AF_UNIX;
+  if (path.size() >= sizeof address->sun_path) {
+    *error = path + " is too long for a socket (" + std::to_string(path.size()) + " bytes, " +
+             std::to_string(sizeof address->sun_path - 1) + " at most); set " + kVariable +
+             " to a shorter path";
+    return false;
+  }
+  memcpy(address->sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+}  // namespace kvox::binder

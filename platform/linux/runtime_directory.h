@@ -1,0 +1,28 @@
+// Where the sockets of services are: the runtime directory, and names in it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct sockaddr_un;
+
+namespace kvox::binder {
+
+/// Whether a service may bear this name.
+bool IsServiceName(const std::string& name);
+
+/// The directory for services of this process, created if it is missing. Answers 0, or errno with
+/// `error` set.
+int PrepareRuntimeDirectory(std::string* directory, std::string* error);
+
+/// Where clients look for services, in this order.
+std::vector<std::string> LookupDirectories();
+
+/// Paths of a service's socket and lock: '/' of the name turns into ':', which no name has.
+std::string SocketPath(const std::string& directory, const std::string& name);
+std::string LockPath(const std::string& directory, const std::string& name);
+
+/// False, with `error` set, for a path that is too long for a socket.
+bool MakeAddress(const std::string& path, sockaddr_un* address, std::string* error);
+
+}  // namespace kvox::binder

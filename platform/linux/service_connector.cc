@@ -1,0 +1,121 @@
+#include "platform/linux/service_connector.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+#include "platform/linux/connection.h"
+#include "platform/linux/frames.h"
+#include "platform/linux/runtime_directory.h"
+#include "platform/linux/unique_fd.h"
+
+namespace kvox::binder {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kBacklogPause{10};
+
+/// 0, or errno. A socket whose queue is full is tried again until `deadline`.
+int Connect(int fd, const sockaddr_un& address, Clock::time_point deadline) {
+  while (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN || Clock::now() >= deadline) return errno;
+    std::this_thread::sleep_for(kBacklogPause);
+  }
+  return 0;
+}
+
+/// Reads exactly `size` bytes. False when the peer closes or the deadline passes before.
+bool ReceiveExactly(int fd, void* bytes, size_t size, Clock::time_point deadline) {
+  auto* at = static_cast<char*>(bytes);
+  while (size > 0) {
+    const ssize_t received = recv(fd, at, size, 0);
+    if (received == 0 || (received < 0 && errno != EAGAIN && errno != EINTR)) return false;
+    if (received > 0) {
+      at += received;
+      size -= static_cast<size_t>(received);
+      continue;
+    }
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd ready{.fd = fd, .events = POLLIN, .revents = 0};
+    if (left <= 0 || poll(&ready, 1, static_cast<int>(left)) == 0) return false;
+  }
+  return true;
+}
+
+/// Exchanges greetings. Answers what is wrong, or "".
+std::string Greet(int fd, ServiceGreeting* greeting, std::string* descriptor,
+                  Clock::time_point deadline) {
+  const ClientGreeting own;
+  // A service that refuses may have closed already; what it said can still be read.
+  send(fd, &own, sizeof own, MSG_NOSIGNAL);
+  if (!ReceiveExactly(fd, greeting, sizeof *greeting, deadline)) {
+    return "does not answer; is its process stopped, or going down? Try again";
+  }
+  if (greeting->magic != kTransportMagic || greeting->descriptor_size > kMaxDescriptorSize) {
+    return "is a socket of something else; remove it, or set KVOX_RUNTIME_DIR";
+  }
+  if (greeting->version != kTransportVersion) {
+    return "speaks version " + std::to_string(greeting->version) + " of the protocol, not " +
+           std::to_string(kTransportVersion) + "; install client and daemon of one release";
+  }
+  if (greeting->welcome != Welcome::kOk) {
+    return "has all the " + std::to_string(kMaxConnections) + " clients that it takes; end one";
+  }
+  descriptor->resize(PaddedSize(greeting->descriptor_size));
+  if (!ReceiveExactly(fd, descriptor->data(), descriptor->size(), deadline)) {
+    return "broke off; try again";
+  }
+  descriptor->resize(greeting->descriptor_size);
+  return "";
+}
+
+std::string ExplainConnect(int error) {
+  switch (error) {
+    case ENOENT:
+      return "does not exist; start the daemon, or set KVOX_RUNTIME_DIR to its directory";
+    case ECONNREFUSED:
+      return "belongs to a process that has ended; start the daemon again";
+    case EACCES:
+      return "may not be used by this user; join the group of the socket and its directory";
+    case EAGAIN:
+      return "takes no more clients for now; try again";
+  }
+  return std::string("cannot be connected to: ") + std::strerror(error);
+}
+
+}  // namespace
+
+ServiceLink ConnectToService(const std::string& path) {
+  ServiceLink link;
+  sockaddr_un address;
+  if (!MakeAddress(path, &address, &link.error)) return link;
+  const auto deadline = Clock::now() + kHandshakeTimeout;
+  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const int error = fd.valid() ? Connect(fd.get(), address, deadline) : errno;
+  if (error != 0) {
+    link.absent = error == ENOENT || error == ENOTDIR;
+    link.error = path + " " + ExplainConnect(link.absent ? ENOENT : error);
+    return link;
+  }
+  ServiceGreeting greeting;
+  std::string descriptor;
+  const std::string fault = Greet(fd.get(), &greeting, &descriptor, deadline);
+  if (!fault.empty()) {
+    link.error = path + " " + fault;
+    return link;
+  }
+  link.connection = Connection::Join(std::move(fd), greeting.address, descriptor, &link.root);
+  if (link.connection == nullptr) link.error = "no memory or no thread for a connection";
+  return link;
+}
+
+}  // namespace kvox::binder

@@ -1,0 +1,25 @@
+// A client's way to a service: connect and exchange greetings.
+#pragma once
+
+#include <android/binder_auto_utils.h>
+
+#include <memory>
+#include <string>
+
+namespace kvox::binder {
+
+class Connection;
+
+/// What came of it. Without a connection `error` says why, in words that name the path and the next
+/// step.
+struct ServiceLink {
+  std::shared_ptr<Connection> connection;
+  ndk::SpAIBinder root;
+  bool absent = false;  // there is no socket, the service may be elsewhere
+  std::string error;
+};
+
+/// Takes at most the handshake time, and no noticeable time when the service runs or is absent.
+ServiceLink ConnectToService(const std::string& path);
+
+}  // namespace kvox::binder

@@ -1,0 +1,218 @@
+#include "platform/linux/service_manager.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <kvox_host/binder_host.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+#include "kvox/common/log.h"
+#include "platform/linux/reactor.h"
+#include "platform/linux/runtime_directory.h"
+#include "platform/linux/service_connector.h"
+
+namespace kvox::binder {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr mode_t kSocketMode = 0660;
+constexpr mode_t kLockMode = 0600;  // whoever can open it can lock it
+
+thread_local std::string error_of_thread;
+
+binder_exception_t ExceptionFor(int cause) {
+  return cause == EACCES || cause == EPERM || cause == EROFS ? EX_SECURITY : EX_ILLEGAL_STATE;
+}
+
+/// Sets `error` to what failed and why; answers the exception for it.
+binder_exception_t Refusal(const std::string& what, int cause, std::string* error) {
+  *error = what + ": " + std::strerror(cause);
+  return ExceptionFor(cause);
+}
+
+/// Locks the service's name for the life of this process.
+binder_exception_t LockName(const std::string& path, UniqueFd* lock, std::string* error) {
+  *lock = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
+  if (!lock->valid()) return Refusal("cannot open " + path, errno, error);
+  if (flock(lock->get(), LOCK_EX | LOCK_NB) == 0) return EX_NONE;
+  if (errno != EWOULDBLOCK) return Refusal("cannot lock " + path, errno, error);
+  *error = path + " is locked: another process serves that name; stop it first";
+  return EX_ILLEGAL_STATE;
+}
+
+/// A socket at `path`, in place of whatever a dead process left there. Nobody can connect before it
+/// has its mode.
+binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* error) {
+  sockaddr_un address;
+  if (!MakeAddress(path, &address, error)) return EX_ILLEGAL_ARGUMENT;
+  *fd = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!fd->valid()) return Refusal("cannot make a socket", errno, error);
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    return Refusal("cannot replace " + path, errno, error);
+  }
+  if (bind(fd->get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      chmod(path.c_str(), kSocketMode) != 0 || listen(fd->get(), kListenBacklog) != 0) {
+    return Refusal("cannot listen on " + path, errno, error);
+  }
+  return EX_NONE;
+}
+
+/// Looks for a service until `deadline`, for ever without one.
+AIBinder* Await(const char* instance, const Clock::time_point* deadline) {
+  const std::string name = instance == nullptr ? "" : instance;
+  while (true) {
+    ndk::SpAIBinder found = ServiceManager::Get().Check(name);
+    if (found.get() != nullptr) return std::exchange(*found.getR(), nullptr);
+    if (!IsServiceName(name)) return nullptr;
+    if (deadline != nullptr && Clock::now() >= *deadline) return nullptr;
+    std::this_thread::sleep_for(kLookupInterval);
+  }
+}
+
+}  // namespace
+
+ServiceManager& ServiceManager::Get() {
+  static ServiceManager* const manager = new ServiceManager;  // outlives every thread, also at exit
+  return *manager;
+}
+
+binder_exception_t ServiceManager::Add(AIBinder* binder, const char* instance) {
+  const std::string name = instance == nullptr ? "" : instance;
+  binder_exception_t result = EX_ILLEGAL_ARGUMENT;
+  std::string error;
+  if (binder == nullptr || AIBinder_isRemote(binder) ||
+      binder->clazz()->descriptor.size() > kMaxDescriptorSize) {
+    error = "only an object of this process can be registered as \"" + name + "\"";
+  } else if (!IsServiceName(name)) {
+    error = "\"" + name + "\" is no service name: 1 to 127 letters, digits and _ - . /";
+  } else {
+    ndk::SpAIBinder root = StrongReference(binder);
+    MutexLock lock(mutex_);
+    result = Publish(name, &root, &error);
+  }
+  if (result != EX_NONE) LogError("binder: service not registered: %s", error.c_str());
+  error_of_thread = std::move(error);
+  return result;
+}
+
+binder_exception_t ServiceManager::Publish(const std::string& name, ndk::SpAIBinder* root,
+                                           std::string* error) {
+  if (const auto known = services_.find(name); known != services_.end()) {
+    *root = known->second.port->Replace(std::move(*root));
+    return EX_NONE;
+  }
+  std::string directory;
+  if (const int cause = PrepareRuntimeDirectory(&directory, error)) return ExceptionFor(cause);
+  Service service;
+  service.path = SocketPath(directory, name);
+  UniqueFd socket;
+  binder_exception_t result = LockName(LockPath(directory, name), &service.lock, error);
+  if (result == EX_NONE) result = Listen(service.path, &socket, error);
+  if (result != EX_NONE) return result;
+  service.port = std::make_shared<ServicePort>(*root);
+  service.listener = std::make_unique<Listener>(std::move(socket), service.port);
+  event_base* base = Reactor::Get().Start();
+  if (base == nullptr || !service.listener->Start(base)) {
+    unlink(service.path.c_str());
+    *error = "the process has no thread, descriptor or memory left";
+    return EX_ILLEGAL_STATE;
+  }
+  services_[name] = std::move(service);
+  return EX_NONE;
+}
+
+ndk::SpAIBinder ServiceManager::Check(const std::string& name) {
+  error_of_thread.clear();
+  if (!IsServiceName(name)) {
+    error_of_thread = "\"" + name + "\" is no service name";
+    return nullptr;
+  }
+  MutexLock lock(mutex_);
+  if (const auto own = services_.find(name); own != services_.end()) {
+    return own->second.port->root();
+  }
+  std::string all_absent;
+  for (const std::string& directory : LookupDirectories()) {
+    bool absent = false;
+    std::string error;
+    ndk::SpAIBinder root = CheckPath(SocketPath(directory, name), &absent, &error);
+    if (root.get() != nullptr) return root;
+    if (!absent) {
+      error_of_thread = std::move(error);
+      return nullptr;
+    }
+    all_absent += (all_absent.empty() ? "" : ", ") + directory;
+  }
+  error_of_thread = name + " is not in " + all_absent +
+                    "; start the daemon, or set KVOX_RUNTIME_DIR (or XDG_RUNTIME_DIR, for its "
+                    "directory kvox) to where it runs";
+  return nullptr;
+}
+
+ndk::SpAIBinder ServiceManager::CheckPath(const std::string& path, bool* absent,
+                                          std::string* error) {
+  std::shared_ptr<Connection>& connection = connections_[path];
+  if (connection != nullptr && connection->open()) {
+    ndk::SpAIBinder root = connection->QueryRoot(Clock::now() + kHandshakeTimeout);
+    if (root.get() != nullptr) return root;
+    if (connection->open()) {
+      *error = path + " does not answer; is its process stopped? Try again";
+      return nullptr;
+    }
+  }
+  ServiceLink link = ConnectToService(path);
+  connection = std::move(link.connection);
+  *absent = link.absent;
+  *error = std::move(link.error);
+  return connection == nullptr ? nullptr : std::move(link.root);
+}
+
+void ServiceManager::Clear() {
+  std::map<std::string, Service> services;
+  std::map<std::string, std::shared_ptr<Connection>> connections;
+  {
+    MutexLock lock(mutex_);
+    services.swap(services_);
+    connections.swap(connections_);
+  }
+  for (const auto& [name, service] : services) unlink(service.path.c_str());
+}
+
+}  // namespace kvox::binder
+
+binder_exception_t AServiceManager_addService(AIBinder* binder, const char* instance) {
+  return kvox::binder::ServiceManager::Get().Add(binder, instance);
+}
+AIBinder* AServiceManager_checkService(const char* instance) {
+  const auto now = kvox::binder::Clock::now();
+  return kvox::binder::Await(instance, &now);
+}
+AIBinder* AServiceManager_getService(const char* instance) {
+  const auto deadline = kvox::binder::Clock::now() + kvox::binder::kGetServiceTimeout;
+  return kvox::binder::Await(instance, &deadline);
+}
+AIBinder* AServiceManager_waitForService(const char* instance) {
+  return kvox::binder::Await(instance, nullptr);
+}
+
+namespace kvox_host {
+
+const std::string& ServiceError() {
+  return kvox::binder::error_of_thread;
+}
+
+void StopBinder() {
+  kvox::binder::ServiceManager::Get().Clear();
+  kvox::binder::Reactor::Get().Stop();
+  kvox::binder::ThreadPool::Get().Stop();
+}
+
+}  // namespace kvox_host

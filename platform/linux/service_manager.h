@@ -1,0 +1,50 @@
+// The services of this process, and its connections to those of others.
+#pragma once
+
+#include <android/binder_manager.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "kvox/common/mutex.h"
+#include "platform/linux/connection.h"
+#include "platform/linux/listener.h"
+#include "platform/linux/unique_fd.h"
+
+namespace kvox::binder {
+
+/// One a process. Any thread; each function leaves its error text for its thread.
+class ServiceManager {
+ public:
+  static ServiceManager& Get();
+
+  binder_exception_t Add(AIBinder* binder, const char* instance);
+  /// Looks once.
+  ndk::SpAIBinder Check(const std::string& name);
+  /// Takes all services back and forgets the connections.
+  void Clear();
+
+ private:
+  struct Service {
+    UniqueFd lock;
+    std::string path;
+    std::shared_ptr<ServicePort> port;
+    std::unique_ptr<Listener> listener;
+  };
+
+  ServiceManager() = default;
+
+  /// `root` becomes the object that it replaces, for the caller to drop without the lock.
+  binder_exception_t Publish(const std::string& name, ndk::SpAIBinder* root, std::string* error)
+      REQUIRES(mutex_);
+  ndk::SpAIBinder CheckPath(const std::string& path, bool* absent, std::string* error)
+      REQUIRES(mutex_);
+
+  // Held while a service is connected to, which takes the handshake time at most.
+  Mutex mutex_;
+  std::map<std::string, Service> services_ GUARDED_BY(mutex_);                         // by name
+  std::map<std::string, std::shared_ptr<Connection>> connections_ GUARDED_BY(mutex_);  // by path
+};
+
+}  // namespace kvox::binder

@@ -1,0 +1,197 @@
+#include "platform/linux/status.h"
+
+#include <android/binder_parcel.h>
+#include <android/binder_parcel_utils.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "platform/linux/parcel.h"
+
+namespace {
+
+/// A reader skips the block behind either word; the second stands for EX_NONE.
+constexpr int32_t kNotedHeader = -127;
+constexpr int32_t kReplyHeader = -128;
+
+struct Name {
+  int32_t value;
+  const char* text;
+};
+
+constexpr Name kStatuses[] = {
+    {STATUS_OK, "OK"},
+    {STATUS_PERMISSION_DENIED, "PERMISSION_DENIED"},
+    {STATUS_NAME_NOT_FOUND, "NAME_NOT_FOUND"},
+    {STATUS_WOULD_BLOCK, "WOULD_BLOCK"},
+    {STATUS_NO_MEMORY, "NO_MEMORY"},
+    {STATUS_ALREADY_EXISTS, "ALREADY_EXISTS"},
+    {STATUS_NO_INIT, "NO_INIT"},
+    {STATUS_BAD_VALUE, "BAD_VALUE"},
+    {STATUS_DEAD_OBJECT, "DEAD_OBJECT"},
+    {STATUS_INVALID_OPERATION, "INVALID_OPERATION"},
+    {STATUS_NOT_ENOUGH_DATA, "NOT_ENOUGH_DATA"},
+    {STATUS_UNKNOWN_TRANSACTION, "UNKNOWN_TRANSACTION"},
+    {STATUS_BAD_INDEX, "BAD_INDEX"},
+    {STATUS_TIMED_OUT, "TIMED_OUT"},
+    {STATUS_UNKNOWN_ERROR, "UNKNOWN_ERROR"},
+    {STATUS_BAD_TYPE, "BAD_TYPE"},
+    {STATUS_FAILED_TRANSACTION, "FAILED_TRANSACTION"},
+    {STATUS_FDS_NOT_ALLOWED, "FDS_NOT_ALLOWED"},
+    {STATUS_UNEXPECTED_NULL, "UNEXPECTED_NULL"},
+};
+
+constexpr Name kExceptions[] = {
+    {EX_NONE, "EX_NONE"},
+    {EX_SECURITY, "EX_SECURITY"},
+    {EX_BAD_PARCELABLE, "EX_BAD_PARCELABLE"},
+    {EX_ILLEGAL_ARGUMENT, "EX_ILLEGAL_ARGUMENT"},
+    {EX_NULL_POINTER, "EX_NULL_POINTER"},
+    {EX_ILLEGAL_STATE, "EX_ILLEGAL_STATE"},
+    {EX_NETWORK_MAIN_THREAD, "EX_NETWORK_MAIN_THREAD"},
+    {EX_UNSUPPORTED_OPERATION, "EX_UNSUPPORTED_OPERATION"},
+    {EX_SERVICE_SPECIFIC, "EX_SERVICE_SPECIFIC"},
+    {EX_PARCELABLE, "EX_PARCELABLE"},
+    {EX_TRANSACTION_FAILED, "EX_TRANSACTION_FAILED"},
+};
+
+template <size_t N>
+const char* NameOf(const Name (&names)[N], int32_t value) {
+  const auto* found = std::ranges::find(names, value, &Name::value);
+  return found == std::end(names) ? nullptr : found->text;
+}
+
+AStatus* NewException(binder_exception_t exception, int32_t code, const char* message) {
+  const binder_exception_t known = kvox::binder::KnownException(exception);
+  if (known == EX_NONE) return AStatus_newOk();
+  if (known == EX_TRANSACTION_FAILED) code = STATUS_FAILED_TRANSACTION;
+  return new AStatus{known, code, message == nullptr ? "" : message};
+}
+
+/// Skips a block whose first word counts its bytes, that word included; 0 stands for an empty one.
+binder_status_t SkipBlock(const AParcel& parcel) {
+  int32_t size = 0;
+  const binder_status_t status = parcel.Read(&size);
+  if (status != STATUS_OK || size == 0) return status;
+  const auto word = static_cast<int32_t>(sizeof size);
+  if (size < word || static_cast<size_t>(size - word) > parcel.BytesLeft()) {
+    return STATUS_UNKNOWN_ERROR;
+  }
+  parcel.set_position(parcel.position() + static_cast<size_t>(size - word));
+  return STATUS_OK;
+}
+
+binder_status_t ReadHeader(const AParcel& parcel, AStatus* status) {
+  binder_status_t result = parcel.Read(&status->exception);
+  if (result == STATUS_OK && status->exception == kNotedHeader) {
+    result = SkipBlock(parcel);
+    if (result == STATUS_OK) result = parcel.Read(&status->exception);
+  }
+  if (result == STATUS_OK && status->exception == kReplyHeader) {
+    status->exception = EX_NONE;
+    return SkipBlock(parcel);
+  }
+  if (result != STATUS_OK || status->exception == EX_NONE) return result;
+  result = ndk::AParcel_readData(&parcel, &status->message);
+  if (result == STATUS_OK) result = SkipBlock(parcel);
+  if (result == STATUS_OK && status->exception == EX_SERVICE_SPECIFIC) {
+    result = parcel.Read(&status->code);
+  }
+  status->exception = kvox::binder::KnownException(status->exception);
+  if (status->exception == EX_TRANSACTION_FAILED) status->code = STATUS_FAILED_TRANSACTION;
+  return result;
+}
+
+}  // namespace
+
+namespace kvox::binder {
+
+binder_status_t KnownStatus(binder_status_t status) {
+  return NameOf(kStatuses, status) == nullptr ? STATUS_UNKNOWN_ERROR : status;
+}
+
+binder_exception_t KnownException(binder_exception_t exception) {
+  return NameOf(kExceptions, exception) == nullptr ? EX_TRANSACTION_FAILED : exception;
+}
+
+}  // namespace kvox::binder
+
+AStatus* AStatus_newOk() {
+  static AStatus* const ok = new AStatus;  // lives for ever: every method answers it
+  return ok;
+}
+
+AStatus* AStatus_fromStatus(binder_status_t status) {
+  if (status == STATUS_OK) return AStatus_newOk();
+  return new AStatus{EX_TRANSACTION_FAILED, kvox::binder::KnownStatus(status), ""};
+}
+AStatus* AStatus_fromExceptionCode(binder_exception_t exception) {
+  return NewException(exception, 0, nullptr);
+}
+AStatus* AStatus_fromExceptionCodeWithMessage(binder_exception_t exception, const char* message) {
+  return NewException(exception, 0, message);
+}
+AStatus* AStatus_fromServiceSpecificError(int32_t error) {
+  return NewException(EX_SERVICE_SPECIFIC, error, nullptr);
+}
+AStatus* AStatus_fromServiceSpecificErrorWithMessage(int32_t error, const char* message) {
+  return NewException(EX_SERVICE_SPECIFIC, error, message);
+}
+
+bool AStatus_isOk(const AStatus* status) {
+  return status->exception == EX_NONE;
+}
+binder_exception_t AStatus_getExceptionCode(const AStatus* status) {
+  return status->exception;
+}
+int32_t AStatus_getServiceSpecificError(const AStatus* status) {
+  return status->exception == EX_SERVICE_SPECIFIC ? status->code : 0;
+}
+binder_status_t AStatus_getStatus(const AStatus* status) {
+  return status->exception == EX_TRANSACTION_FAILED ? status->code : STATUS_OK;
+}
+const char* AStatus_getMessage(const AStatus* status) {
+  return status->message.c_str();
+}
+
+const char* AStatus_getDescription(const AStatus* status) {
+  std::string text = NameOf(kExceptions, status->exception);
+  if (status->exception == EX_SERVICE_SPECIFIC) text += " " + std::to_string(status->code);
+  if (status->exception == EX_TRANSACTION_FAILED) {
+    text += std::string(" (STATUS_") + NameOf(kStatuses, status->code) + ")";
+  }
+  if (!status->message.empty()) text += ": " + status->message;
+  char* description = new char[text.size() + 1];
+  std::memcpy(description, text.c_str(), text.size() + 1);
+  return description;
+}
+
+void AStatus_deleteDescription(const char* description) {
+  delete[] description;
+}
+
+void AStatus_delete(AStatus* status) {
+  if (status != AStatus_newOk()) delete status;
+}
+
+binder_status_t AParcel_writeStatusHeader(AParcel* parcel, const AStatus* status) {
+  if (status == nullptr) return STATUS_UNEXPECTED_NULL;
+  if (status->exception == EX_TRANSACTION_FAILED) return status->code;
+  binder_status_t result = parcel->Write(status->exception);
+  if (result != STATUS_OK || status->exception == EX_NONE) return result;
+  result = ndk::AParcel_writeData(parcel, status->message);
+  if (result == STATUS_OK) result = parcel->Write(int32_t{0});
+  if (result == STATUS_OK && status->exception == EX_SERVICE_SPECIFIC) {
+    result = parcel->Write(status->code);
+  }
+  return result;
+}
+
+binder_status_t AParcel_readStatusHeader(const AParcel* parcel, AStatus** status) {
+  AStatus read;
+  const binder_status_t result = ReadHeader(*parcel, &read);
+  if (result != STATUS_OK) return result;
+  *status = read.exception == EX_NONE ? AStatus_newOk() : new AStatus(std::move(read));
+  return STATUS_OK;
+}

@@ -1,0 +1,21 @@
+// A method's answer, and its place at the head of a reply.
+#pragma once
+
+#include <android/binder_status.h>
+
+#include <string>
+
+struct AStatus {
+  binder_exception_t exception = EX_NONE;
+  int32_t code = 0;  // the service's own error, or the status behind EX_TRANSACTION_FAILED
+  std::string message;
+};
+
+namespace kvox::binder {
+
+/// The status, or STATUS_UNKNOWN_ERROR for a number that is none.
+binder_status_t KnownStatus(binder_status_t status);
+/// The exception, or EX_TRANSACTION_FAILED for a number that is none.
+binder_exception_t KnownException(binder_exception_t exception);
+
+}  // namespace kvox::binder

@@ -1,0 +1,181 @@
+#include "platform/linux/thread_pool.h"
+
+#include <android/binder_process.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+#include "kvox/common/log.h"
+#include "platform/linux/limits.h"
+
+namespace kvox::binder {
+
+ThreadPool& ThreadPool::Get() {
+  static ThreadPool* const pool = new ThreadPool;  // outlives every thread, also at exit
+  return *pool;
+}
+
+bool ThreadPool::SetThreadCount(uint32_t count) {
+  MutexLock lock(mutex_);
+  if (started_) return false;
+  thread_count_ = std::max(count, 1u);
+  return true;
+}
+
+void ThreadPool::Start() {
+  MutexLock lock(mutex_);
+  if (std::exchange(started_, true)) return;
+  try {
+    while (threads_.size() < thread_count_) {
+      threads_.push_back(
+          StartThread("binder:" + std::to_string(threads_.size() + 1), [this] { Run(); }));
+    }
+  } catch (const std::system_error& error) {
+    LogError("binder: only %zu of %u pool threads could be started: %s", threads_.size(),
+             thread_count_, error.what());
+  }
+}
+
+void ThreadPool::Join() {
+  Run();
+}
+
+void ThreadPool::Stop() {
+  MutexLock lock(mutex_);
+  stopping_ = true;
+  work_.NotifyAll();
+  while (running_ > 0) idle_.Wait(mutex_);
+  std::vector<std::thread> threads = std::exchange(threads_, {});
+  lock.Unlock();
+  for (std::thread& thread : threads) thread.join();
+  lock.Lock();
+  while (!tasks_.empty()) RunTask();
+  started_ = false;
+  stopping_ = false;
+}
+
+void ThreadPool::Post(Task task) {
+  MutexLock lock(mutex_);
+  tasks_.push_back(std::move(task));
+  work_.NotifyOne();
+}
+
+bool ThreadPool::Enqueue(RequestQueue& queue, Request request) {
+  MutexLock lock(mutex_);
+  queue.pending_bytes_ += request.parcel->data().size();
+  queue.pending_.push_back(std::move(request));
+  const size_t count = queue.pending_.size();
+  if (count >= kPauseRequests || queue.pending_bytes_ >= kPauseRequestBytes) queue.full_ = true;
+  List(queue);
+  return count <= kMaxRequests && queue.pending_bytes_ <= kMaxRequestBytes;
+}
+
+bool ThreadPool::Full(const RequestQueue& queue) const {
+  MutexLock lock(mutex_);
+  return queue.full_;
+}
+
+void ThreadPool::SetBlocked(RequestQueue& queue, bool blocked) {
+  MutexLock lock(mutex_);
+  queue.blocked_ = blocked;
+  List(queue);
+}
+
+std::deque<Request> ThreadPool::Clear(RequestQueue& queue) {
+  MutexLock lock(mutex_);
+  queue.pending_bytes_ = 0;
+  return std::exchange(queue.pending_, {});
+}
+
+void ThreadPool::List(RequestQueue& queue) {
+  if (queue.listed_ || queue.blocked_ || FirstRunnable(queue) == queue.pending_.size()) return;
+  queue.listed_ = true;
+  turns_.push_back(queue.shared_from_this());
+  work_.NotifyOne();
+}
+
+size_t ThreadPool::FirstRunnable(const RequestQueue& queue) {
+  if (!queue.oneway_running_) return 0;
+  const auto found = std::ranges::find_if_not(queue.pending_, &Request::oneway);
+  return static_cast<size_t>(found - queue.pending_.begin());
+}
+
+void ThreadPool::Run() {
+  MutexLock lock(mutex_);
+  ++running_;
+  while (!stopping_) {
+    if (!tasks_.empty()) {
+      RunTask();
+    } else if (!turns_.empty()) {
+      ServeNext();
+    } else {
+      work_.Wait(mutex_);
+    }
+  }
+  if (--running_ == 0) idle_.NotifyAll();
+}
+
+void ThreadPool::RunTask() {
+  Task task = std::move(tasks_.front());
+  tasks_.pop_front();
+  mutex_.Unlock();
+  task();
+  task = nullptr;  // may hold the last reference to anything
+  mutex_.Lock();
+}
+
+void ThreadPool::ServeNext() {
+  const std::shared_ptr<RequestQueue> queue = std::move(turns_.front());
+  turns_.pop_front();
+  queue->listed_ = false;
+  const size_t index = FirstRunnable(*queue);
+  if (queue->blocked_ || index == queue->pending_.size()) return;
+  Request request = std::move(queue->pending_[index]);
+  queue->pending_.erase(queue->pending_.begin() + static_cast<ptrdiff_t>(index));
+  queue->pending_bytes_ -= request.parcel->data().size();
+  const bool oneway = request.oneway();
+  if (oneway) queue->oneway_running_ = true;
+  const bool room = queue->full_ && queue->pending_.size() <= kPauseRequests / 2 &&
+                    queue->pending_bytes_ <= kPauseRequestBytes / 2;
+  if (room) queue->full_ = false;
+  List(*queue);  // the next connection has its turn before this one's next request
+  mutex_.Unlock();
+  if (room) queue->OnRoom();
+  queue->Serve(std::move(request));
+  mutex_.Lock();
+  if (!oneway) return;
+  queue->oneway_running_ = false;
+  List(*queue);
+}
+
+std::thread StartThread(const std::string& name, std::function<void()> body) {
+  // A new thread takes over the mask of its maker: signals are left to the program's own threads,
+  // and a peer that goes away while libevent writes to it raises none.
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  struct Restore {
+    const sigset_t& mask;
+    ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
+  } restore{previous};
+  return std::thread([name, body = std::move(body)] {
+    pthread_setname_np(pthread_self(), name.c_str());
+    body();
+  });
+}
+
+}  // namespace kvox::binder
+
+bool ABinderProcess_setThreadPoolMaxThreadCount(uint32_t numThreads) {
+  return kvox::binder::ThreadPool::Get().SetThreadCount(numThreads);
+}
+void ABinderProcess_startThreadPool() {
+  kvox::binder::ThreadPool::Get().Start();
+}
+void ABinderProcess_joinThreadPool() {
+  kvox::binder::ThreadPool::Get().Join();
+}

@@ -1,0 +1,111 @@
+// The threads that serve calls, and what waits for them: requests, taken from one connection after
+// the other, and tasks (death notices, last references), which go first.
+#pragma once
+
+#include <android/binder_auto_utils.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kvox/common/mutex.h"
+#include "platform/linux/parcel.h"
+
+namespace kvox::binder {
+
+class LocalObject;
+
+/// A call that a peer asks for.
+struct Request {
+  ndk::SpAIBinder target;  // a local object
+  uint64_t call = 0;
+  transaction_code_t code = 0;
+  binder_flags_t flags = 0;
+  std::unique_ptr<AParcel> parcel;
+
+  bool oneway() const { return (flags & FLAG_ONEWAY) != 0; }
+};
+
+/// The requests of one connection. Its one-way calls run one at a time, in their order; the others
+/// as threads are free.
+class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
+ public:
+  virtual ~RequestQueue() = default;
+
+ protected:
+  /// Serves one request, on a pool thread.
+  virtual void Serve(Request request) = 0;
+  /// What ThreadPool::Full answered has turned false; on a pool thread.
+  virtual void OnRoom() = 0;
+
+ private:
+  friend class ThreadPool;
+
+  // All under the pool's lock.
+  std::deque<Request> pending_;
+  size_t pending_bytes_ = 0;
+  bool full_ = false;
+  bool blocked_ = false;
+  bool listed_ = false;
+  bool oneway_running_ = false;
+};
+
+/// One a process. Never called under a lock that a queue's functions take.
+class ThreadPool {
+ public:
+  using Task = std::function<void()>;
+
+  static ThreadPool& Get();
+
+  bool SetThreadCount(uint32_t count);
+  /// Starts the pool's own threads, once.
+  void Start();
+  /// Serves on the calling thread until Stop.
+  void Join();
+  /// Ends all threads once they are done with what they are at, and runs the tasks that are left.
+  /// Not from a thread of the pool.
+  void Stop();
+
+  void Post(Task task);
+
+  /// False when the queue has more than any peer may have waiting.
+  bool Enqueue(RequestQueue& queue, Request request);
+  /// Whether the queue should get no more requests for now. Turns true at its limits and false when
+  /// half of that is done.
+  bool Full(const RequestQueue& queue) const;
+  /// A blocked queue's requests wait.
+  void SetBlocked(RequestQueue& queue, bool blocked);
+  /// Takes all requests out of the queue.
+  std::deque<Request> Clear(RequestQueue& queue);
+
+ private:
+  ThreadPool() = default;
+
+  void Run();
+  /// Serves the next request of the queue that is first in turn.
+  void ServeNext() REQUIRES(mutex_);
+  void RunTask() REQUIRES(mutex_);
+  void List(RequestQueue& queue) REQUIRES(mutex_);
+  static size_t FirstRunnable(const RequestQueue& queue);
+
+  mutable Mutex mutex_;
+  CondVar work_;
+  CondVar idle_;
+  uint32_t thread_count_ GUARDED_BY(mutex_) = 1;
+  uint32_t running_ GUARDED_BY(mutex_) = 0;
+  bool started_ GUARDED_BY(mutex_) = false;
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  std::vector<std::thread> threads_ GUARDED_BY(mutex_);
+  std::deque<Task> tasks_ GUARDED_BY(mutex_);
+  std::deque<std::shared_ptr<RequestQueue>> turns_ GUARDED_BY(mutex_);
+};
+
+/// Starts a thread that takes no signals and bears `name`. Throws std::system_error like
+/// std::thread.
+std::thread StartThread(const std::string& name, std::function<void()> body);
+
+}  // namespace kvox::binder

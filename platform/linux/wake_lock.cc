@@ -1,0 +1,114 @@
+// Wake locks through the kernel's two files: `wake_lock` takes a name and lists those held,
+// `wake_unlock` takes a name.
+#include <errno.h>
+#include <fcntl.h>
+#include <hardware_legacy/power.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include "kvox/common/log.h"
+#include "kvox/common/mutex.h"
+#include "platform/linux/unique_fd.h"
+#include "platform/platform.h"
+
+namespace kvox {
+namespace {
+
+using binder::UniqueFd;
+
+constexpr char kTakeFile[] = "wake_lock";
+constexpr char kDropFile[] = "wake_unlock";
+
+std::string PathOf(const char* file) {
+  const char* directory = getenv("KVOX_WAKE_LOCK_DIR");
+  if (directory == nullptr || *directory == '\0') directory = "/sys/power";
+  return std::string(directory) + "/" + file;
+}
+
+/// 0, or errno.
+int WriteName(const char* file, const char* name) {
+  const UniqueFd fd(open(PathOf(file).c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  if (!fd.valid()) return errno;
+  const size_t size = std::strlen(name);
+  const ssize_t written = write(fd.get(), name, size);
+  if (written < 0) return errno;
+  return static_cast<size_t>(written) == size ? 0 : EIO;
+}
+
+/// The locks of a machine that has no such files.
+class CountedLocks {
+ public:
+  int Take(const std::string& name) {
+    MutexLock lock(mutex_);
+    ++counts_[name];
+    return 0;
+  }
+  int Drop(const std::string& name) {
+    MutexLock lock(mutex_);
+    const auto count = counts_.find(name);
+    if (count == counts_.end()) return EINVAL;
+    if (--count->second == 0) counts_.erase(count);
+    return 0;
+  }
+  /// Says so, once.
+  void Warn() {
+    MutexLock lock(mutex_);
+    if (warned_) return;
+    warned_ = true;
+    LogWarning("No %s: wake locks are counted, but do not keep this machine awake",
+               PathOf(kTakeFile).c_str());
+  }
+
+ private:
+  Mutex mutex_;
+  std::map<std::string, int> counts_ GUARDED_BY(mutex_);
+  bool warned_ GUARDED_BY(mutex_) = false;
+};
+
+CountedLocks& Counted() {
+  static auto* const locks = new CountedLocks;
+  return *locks;
+}
+
+bool KernelHasLocks() {
+  if (access(PathOf(kTakeFile).c_str(), F_OK) == 0 &&
+      access(PathOf(kDropFile).c_str(), F_OK) == 0) {
+    return true;
+  }
+  Counted().Warn();
+  return false;
+}
+
+}  // namespace
+
+void ReleaseStaleWakeLock(const char* name) {
+  if (!KernelHasLocks()) return;
+  const UniqueFd fd(open(PathOf(kTakeFile).c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  char held[4096];  // the kernel lists a page at most
+  const ssize_t size = fd.valid() ? read(fd.get(), held, sizeof held) : -1;
+  if (size <= 0) return;
+  std::istringstream names(std::string(held, static_cast<size_t>(size)));
+  for (std::string each; names >> each;) {
+    if (each != name) continue;
+    const int error = WriteName(kDropFile, name);
+    if (error != 0) LogWarning("Stale wake lock %s not released: %s", name, std::strerror(error));
+    return;
+  }
+}
+
+}  // namespace kvox
+
+int acquire_wake_lock(int, const char* id) {
+  return -(kvox::KernelHasLocks() ? kvox::WriteName(kvox::kTakeFile, id)
+                                  : kvox::Counted().Take(id));
+}
+
+int release_wake_lock(const char* id) {
+  return -(kvox::KernelHasLocks() ? kvox::WriteName(kvox::kDropFile, id)
+                                  : kvox::Counted().Drop(id));
+}

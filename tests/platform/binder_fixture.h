@@ -1,0 +1,165 @@
+// A service and clients of it within one process: both ends of real sockets.
+#pragma once
+
+#include <android/binder_manager.h>
+#include <android/binder_process.h>
+#include <gtest/gtest.h>
+#include <kvox_host/binder_host.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "kvox/common/mutex.h"
+#include "platform/linux/runtime_directory.h"
+#include "platform/linux/service_connector.h"
+#include "tests/platform/echo.h"
+#include "tests/platform/temp_directory.h"
+
+namespace kvox::binder {
+
+using aidl::kvoxtest::IEcho;
+using ndk::ScopedAStatus;
+
+/// Waits for what another thread or process brings about. False when it takes absurdly long.
+template <typename Condition>
+bool Eventually(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+/// Holds threads up until it is opened.
+class Gate {
+ public:
+  explicit Gate(bool open) : open_(open) {}
+  void Open() {
+    MutexLock lock(mutex_);
+    open_ = true;
+    changed_.NotifyAll();
+  }
+  void Close() {
+    MutexLock lock(mutex_);
+    open_ = false;
+  }
+  void Pass() {
+    MutexLock lock(mutex_);
+    ++waiting_;
+    while (!open_) changed_.Wait(mutex_);
+    --waiting_;
+  }
+  int waiting() {
+    MutexLock lock(mutex_);
+    return waiting_;
+  }
+
+ private:
+  Mutex mutex_;
+  CondVar changed_;
+  bool open_ GUARDED_BY(mutex_);
+  int waiting_ GUARDED_BY(mutex_) = 0;
+};
+
+class EchoService : public aidl::kvoxtest::BnEcho {
+ public:
+  ~EchoService() override { ++destroyed; }
+
+  /// Asks `partner` first, if there is one: its answer with a byte less, then one more.
+  ScopedAStatus Echo(const std::vector<uint8_t>& data, std::vector<uint8_t>* answer) override {
+    gate.Pass();
+    *answer = data;
+    caller_pid = AIBinder_getCallingPid();
+    caller_uid = AIBinder_getCallingUid();
+    const auto partner = this->partner();
+    if (partner == nullptr || data.empty()) return ScopedAStatus::ok();
+    answer->pop_back();
+    auto status = partner->Echo(std::vector<uint8_t>(*answer), answer);
+    answer->push_back(data.back());
+    return status;
+  }
+  ScopedAStatus Swap(const std::shared_ptr<IEcho>& object,
+                     std::shared_ptr<IEcho>* before) override {
+    MutexLock lock(mutex_);
+    *before = std::exchange(held_, object);
+    return ScopedAStatus::ok();
+  }
+  ScopedAStatus Note(int32_t number) override {
+    gate.Pass();
+    MutexLock lock(mutex_);
+    notes_.push_back(number);
+    return ScopedAStatus::ok();
+  }
+  std::shared_ptr<IEcho> held() {
+    MutexLock lock(mutex_);
+    return held_;
+  }
+  std::shared_ptr<IEcho> partner() {
+    MutexLock lock(mutex_);
+    return partner_;
+  }
+  void set_partner(std::shared_ptr<IEcho> partner) {
+    MutexLock lock(mutex_);
+    partner_ = std::move(partner);
+  }
+  std::vector<int32_t> notes() {
+    MutexLock lock(mutex_);
+    return notes_;
+  }
+
+  static inline std::atomic<int> destroyed = 0;
+  Gate gate{true};
+  std::atomic<pid_t> caller_pid = 0;
+  std::atomic<uid_t> caller_uid = 0;
+
+ private:
+  Mutex mutex_;
+  std::shared_ptr<IEcho> partner_ GUARDED_BY(mutex_);
+  std::shared_ptr<IEcho> held_ GUARDED_BY(mutex_);
+  std::vector<int32_t> notes_ GUARDED_BY(mutex_);
+};
+
+class BinderTest : public ::testing::Test {
+ protected:
+  static constexpr char kName[] = "kvoxtest.IEcho/default";
+
+  void SetUp() override { setenv("KVOX_RUNTIME_DIR", directory_.c_str(), 1); }
+  void TearDown() override {
+    if (service_ != nullptr) service_->gate.Open();
+    kvox_host::StopBinder();
+  }
+
+  void Serve(uint32_t threads) {
+    service_ = ndk::SharedRefBase::make<EchoService>();
+    ASSERT_EQ(AServiceManager_addService(service_->asBinder().get(), kName), EX_NONE)
+        << kvox_host::ServiceError();
+    ASSERT_TRUE(ABinderProcess_setThreadPoolMaxThreadCount(threads));
+    ABinderProcess_startThreadPool();
+  }
+  std::string Path() const { return SocketPath(directory_, kName); }
+  /// Another client: a connection of its own.
+  std::shared_ptr<IEcho> Client() const {
+    ServiceLink link = ConnectToService(Path());
+    EXPECT_EQ(link.error, "");
+    return IEcho::fromBinder(link.root);
+  }
+  static std::vector<uint8_t> Echo(IEcho& client, std::vector<uint8_t> data) {
+    std::vector<uint8_t> answer;
+    const auto status = client.Echo(data, &answer);
+    EXPECT_TRUE(status.isOk()) << status;
+    return answer;
+  }
+
+  const TempDirectory temporary_;
+  const std::string directory_ = temporary_.path();
+  std::shared_ptr<EchoService> service_;
+};
+
+}  // namespace kvox::binder

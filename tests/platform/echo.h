@@ -1,0 +1,61 @@
+// An interface as the AIDL compiler emits it: what it calls, in its order and style. The binder's
+// tests run on it.
+//
+//   interface IEcho {
+//       byte[] Echo(in byte[] data);
+//       IEcho Swap(IEcho object);
+//       oneway void Note(int number);
+//   }
+#pragma once
+
+#include <android/binder_ibinder.h>
+#include <android/binder_interface_utils.h>
+#include <android/binder_parcel_utils.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace aidl::kvoxtest {
+
+class IEcho : public ::ndk::ICInterface {
+ public:
+  static const char* descriptor;
+  IEcho();
+  virtual ~IEcho();
+
+  static constexpr uint32_t TRANSACTION_Echo = FIRST_CALL_TRANSACTION + 0;
+  static constexpr uint32_t TRANSACTION_Swap = FIRST_CALL_TRANSACTION + 1;
+  static constexpr uint32_t TRANSACTION_Note = FIRST_CALL_TRANSACTION + 2;
+
+  static std::shared_ptr<IEcho> fromBinder(const ::ndk::SpAIBinder& binder);
+
+  virtual ::ndk::ScopedAStatus Echo(const std::vector<uint8_t>& in_data,
+                                    std::vector<uint8_t>* _aidl_return) = 0;
+  virtual ::ndk::ScopedAStatus Swap(const std::shared_ptr<IEcho>& in_object,
+                                    std::shared_ptr<IEcho>* _aidl_return) = 0;
+  virtual ::ndk::ScopedAStatus Note(int32_t in_number) = 0;
+};
+
+class BnEcho : public ::ndk::BnCInterface<IEcho> {
+ public:
+  BnEcho();
+  virtual ~BnEcho();
+
+ protected:
+  ::ndk::SpAIBinder createBinder() override;
+};
+
+class BpEcho : public ::ndk::BpCInterface<IEcho> {
+ public:
+  explicit BpEcho(const ::ndk::SpAIBinder& binder);
+  virtual ~BpEcho();
+
+  ::ndk::ScopedAStatus Echo(const std::vector<uint8_t>& in_data,
+                            std::vector<uint8_t>* _aidl_return) override;
+  ::ndk::ScopedAStatus Swap(const std::shared_ptr<IEcho>& in_object,
+                            std::shared_ptr<IEcho>* _aidl_return) override;
+  ::ndk::ScopedAStatus Note(int32_t in_number) override;
+};
+
+}  // namespace aidl::kvoxtest

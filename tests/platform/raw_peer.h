@@ -1,0 +1,118 @@
+// A peer that speaks frames by hand, well or badly.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/linux/frames.h"
+#include "platform/linux/runtime_directory.h"
+#include "platform/linux/unique_fd.h"
+#include "tests/platform/parcel_bytes.h"
+
+namespace kvox::binder {
+
+struct Frame {
+  FrameHeader header = {};
+  std::vector<uint8_t> parcel = {};
+  std::vector<uint8_t> object_list = {};
+};
+
+class RawPeer {
+ public:
+  /// Connects without a word.
+  explicit RawPeer(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM, 0)) {
+    sockaddr_un address;
+    std::string error;
+    EXPECT_TRUE(MakeAddress(path, &address, &error)) << error;
+    EXPECT_EQ(connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+
+  /// Exchanges greetings; the service's object is at greeting().address afterwards.
+  void Greet() {
+    Send(ClientGreeting());
+    ASSERT_TRUE(Receive(&greeting_, sizeof greeting_));
+    std::vector<char> descriptor(PaddedSize(greeting_.descriptor_size));
+    ASSERT_TRUE(Receive(descriptor.data(), descriptor.size()));
+    descriptor_.assign(descriptor.data(), greeting_.descriptor_size);
+  }
+  const ServiceGreeting& greeting() const { return greeting_; }
+  const std::string& descriptor() const { return descriptor_; }
+
+  /// A request to the service's object. `hex` follows the token.
+  Frame Request(transaction_code_t code, std::string_view hex = "") const {
+    AParcel token;
+    EXPECT_EQ(WriteInterfaceToken(token, descriptor_.c_str()), STATUS_OK);
+    Frame frame;
+    frame.header.code = code;
+    frame.header.call = 1;
+    frame.header.address = greeting_.address | kReceiversObject;
+    frame.parcel.assign(token.data().begin(), token.data().end());
+    for (const uint8_t byte : Bytes(hex)) frame.parcel.push_back(byte);
+    return frame;
+  }
+
+  template <typename T>
+  bool Send(const T& value) {
+    return SendBytes(&value, sizeof value);
+  }
+  bool SendFrame(Frame frame) {
+    frame.header.parcel_size = static_cast<uint32_t>(frame.parcel.size());
+    frame.header.object_list_size = static_cast<uint32_t>(frame.object_list.size());
+    return Send(frame.header) && SendBytes(frame.parcel.data(), frame.parcel.size()) &&
+           SendBytes(frame.object_list.data(), frame.object_list.size());
+  }
+  std::optional<Frame> ReceiveFrame() {
+    Frame frame;
+    if (!Receive(&frame.header, sizeof frame.header)) return std::nullopt;
+    frame.parcel.resize(frame.header.parcel_size);
+    frame.object_list.resize(frame.header.object_list_size);
+    if (!Receive(frame.parcel.data(), frame.parcel.size()) ||
+        !Receive(frame.object_list.data(), frame.object_list.size())) {
+      return std::nullopt;
+    }
+    return frame;
+  }
+
+  /// Whether the other end closes; what it sends before is dropped.
+  bool Closed() {
+    char bytes[4096];
+    while (Wait(POLLIN)) {
+      if (recv(fd_.get(), bytes, sizeof bytes, 0) <= 0) return true;
+    }
+    return false;
+  }
+  int fd() const { return fd_.get(); }
+
+ private:
+  bool Wait(short events) const {
+    pollfd ready{.fd = fd_.get(), .events = events, .revents = 0};
+    return poll(&ready, 1, 30'000) == 1;
+  }
+  bool SendBytes(const void* bytes, size_t size) {
+    return send(fd_.get(), bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+  }
+  bool Receive(void* bytes, size_t size) {
+    auto* at = static_cast<char*>(bytes);
+    while (size > 0) {
+      if (!Wait(POLLIN)) return false;
+      const ssize_t received = recv(fd_.get(), at, size, 0);
+      if (received <= 0) return false;
+      at += received;
+      size -= static_cast<size_t>(received);
+    }
+    return true;
+  }
+
+  UniqueFd fd_;
+  ServiceGreeting greeting_;
+  std::string descriptor_;
+};
+
+}  // namespace kvox::binder

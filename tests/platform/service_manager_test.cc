@@ -1,0 +1,159 @@
+// How services are registered and found.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "platform/linux/limits.h"
+#include "platform/linux/service_manager.h"
+#include "tests/platform/binder_fixture.h"
+#include "tests/platform/raw_peer.h"
+
+namespace kvox::binder {
+namespace {
+
+using ServiceManagerTest = BinderTest;
+
+std::string FailedLookup(const char* name) {
+  EXPECT_EQ(AServiceManager_checkService(name), nullptr);
+  return kvox_host::ServiceError();
+}
+
+mode_t ModeOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 0777;
+}
+
+binder_exception_t Add(const std::shared_ptr<EchoService>& service, const char* name) {
+  return AServiceManager_addService(service->asBinder().get(), name);
+}
+
+#define EXPECT_CONTAINS(text, part) EXPECT_NE((text).find(part), std::string::npos) << (text)
+
+TEST_F(ServiceManagerTest, NamesAreCheckedBothWays) {
+  const auto service = ndk::SharedRefBase::make<EchoService>();
+  const std::string longest(127, 'a');
+  const std::string too_long = longest + "a";
+  for (const char* name : {"", "a b", "a:b", "a\n", "h\xc3\xa9", too_long.c_str()}) {
+    EXPECT_EQ(Add(service, name), EX_ILLEGAL_ARGUMENT) << name;
+    EXPECT_CONTAINS(FailedLookup(name), "no service name");
+    EXPECT_EQ(AServiceManager_waitForService(name), nullptr);
+  }
+  EXPECT_EQ(Add(service, nullptr), EX_ILLEGAL_ARGUMENT);
+  EXPECT_EQ(AServiceManager_addService(nullptr, kName), EX_ILLEGAL_ARGUMENT);
+  EXPECT_TRUE(IsServiceName(longest));
+  EXPECT_TRUE(IsServiceName("kvox.IKvox/default_2-x"));
+  EXPECT_EQ(SocketPath("/run/kvox", "../a/b"), "/run/kvox/..:a:b.sock");
+}
+
+TEST_F(ServiceManagerTest, TheDirectoryAndTheSocketAreForTheGroup) {
+  const std::string nested = directory_ + "/a/b";
+  setenv("KVOX_RUNTIME_DIR", (nested + "//").c_str(), 1);
+  const mode_t before = umask(077);
+  Serve(1);
+  umask(before);
+  EXPECT_EQ(ModeOf(nested), 0750u);
+  EXPECT_EQ(ModeOf(SocketPath(nested, kName)), 0660u);
+}
+
+TEST_F(ServiceManagerTest, LookUpsInTheSameProcessFindTheObjectItself) {
+  Serve(1);
+  const ndk::SpAIBinder found(AServiceManager_checkService(kName));
+  EXPECT_EQ(found, service_->asBinder());
+}
+
+TEST_F(ServiceManagerTest, ASecondRegistrationReplacesTheFirst) {
+  Serve(1);
+  ServiceLink link = ConnectToService(Path());
+  const auto next = ndk::SharedRefBase::make<EchoService>();
+  ASSERT_EQ(Add(next, kName), EX_NONE);
+  const auto soon = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const ndk::SpAIBinder root = link.connection->QueryRoot(soon);
+  ASSERT_NE(root.get(), nullptr);
+  EXPECT_NE(root, link.root);
+  EXPECT_EQ(link.connection->QueryRoot(soon), root);
+  EXPECT_TRUE(IEcho::fromBinder(root)->Note(1).isOk());
+  EXPECT_TRUE(Eventually([&] { return next->notes().size() == 1; }));
+  EXPECT_TRUE(IEcho::fromBinder(link.root)->Note(2).isOk()) << "the first lives on for its holders";
+}
+
+TEST_F(ServiceManagerTest, ALiveDaemonKeepsItsName) {
+  // flock looks at the open file, so a second one of this process stands for another process.
+  const UniqueFd other(open(LockPath(directory_, kName).c_str(), O_RDWR | O_CREAT, 0640));
+  ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+  const auto service = ndk::SharedRefBase::make<EchoService>();
+  EXPECT_EQ(Add(service, kName), EX_ILLEGAL_STATE);
+  EXPECT_CONTAINS(kvox_host::ServiceError(), "another process");
+  ASSERT_EQ(flock(other.get(), LOCK_UN), 0);
+  EXPECT_EQ(Add(service, kName), EX_NONE);
+}
+
+TEST_F(ServiceManagerTest, ADeadDaemonsSocketIsExplainedAndReplaced) {
+  {
+    const UniqueFd dead(socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address;
+    std::string error;
+    ASSERT_TRUE(MakeAddress(Path(), &address, &error));
+    ASSERT_EQ(bind(dead.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+  EXPECT_CONTAINS(FailedLookup(kName), "has ended");
+  Serve(1);
+  EXPECT_EQ(Echo(*Client(), {5}), std::vector<uint8_t>{5});
+}
+
+TEST_F(ServiceManagerTest, DirectoriesThatCannotBeUsedAreNamed) {
+  const auto service = ndk::SharedRefBase::make<EchoService>();
+  const std::string file = directory_ + "/file";
+  std::ofstream(file) << "x";
+  setenv("KVOX_RUNTIME_DIR", file.c_str(), 1);
+  EXPECT_NE(Add(service, kName), EX_NONE);
+  EXPECT_CONTAINS(kvox_host::ServiceError(), file);
+  EXPECT_CONTAINS(kvox_host::ServiceError(), "KVOX_RUNTIME_DIR");
+
+  setenv("KVOX_RUNTIME_DIR", (directory_ + "/" + std::string(90, 'd')).c_str(), 1);
+  EXPECT_EQ(Add(service, kName), EX_ILLEGAL_ARGUMENT);
+  EXPECT_CONTAINS(kvox_host::ServiceError(), "too long");
+  EXPECT_CONTAINS(FailedLookup(kName), "too long");
+}
+
+TEST_F(ServiceManagerTest, ClientsLookInTheUsersDirectoryThenInTheSystems) {
+  unsetenv("KVOX_RUNTIME_DIR");
+  setenv("XDG_RUNTIME_DIR", directory_.c_str(), 1);
+  const std::vector<std::string> expected = {directory_ + "/kvox", "/run/kvox"};
+  EXPECT_EQ(LookupDirectories(), expected);
+  const std::string error = FailedLookup("kvoxtest.IAbsent/x");
+  for (const char* part : {"kvoxtest.IAbsent/x", "/kvox, /run/kvox", "KVOX_RUNTIME_DIR",
+                           "XDG_RUNTIME_DIR", "start the daemon"}) {
+    EXPECT_CONTAINS(error, part);
+  }
+  unsetenv("XDG_RUNTIME_DIR");
+  EXPECT_EQ(LookupDirectories(), std::vector<std::string>{"/run/kvox"});
+}
+
+TEST_F(ServiceManagerTest, AClientMayWaitForTheService) {
+  std::thread waiter([] {
+    const ndk::SpAIBinder found(AServiceManager_waitForService(kName));
+    EXPECT_NE(found.get(), nullptr);
+  });
+  Serve(1);
+  waiter.join();
+}
+
+TEST_F(ServiceManagerTest, ClientsBeyondTheLimitAreToldSo) {
+  Serve(1);
+  {
+    std::vector<RawPeer> peers;
+    for (int i = 0; i < kMaxConnections; ++i) {
+      peers.emplace_back(Path());
+      peers.back().Greet();
+      ASSERT_EQ(peers.back().greeting().welcome, Welcome::kOk);
+    }
+    EXPECT_CONTAINS(ConnectToService(Path()).error, "clients");
+  }
+  EXPECT_TRUE(Eventually([&] { return ConnectToService(Path()).error.empty(); }));
+}
+
+}  // namespace
+}  // namespace kvox::binder
