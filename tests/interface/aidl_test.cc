@@ -1,0 +1,146 @@
+// The table that the C++ side is made from, against the interface's own file.
+#include <aidl/kvox/IKvox.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace aidl::kvox {
+namespace {
+
+using Matches = std::sregex_iterator;
+
+struct Row {
+  std::string name;
+  std::string parameters;
+};
+
+#define KVOX_ROW(name, parameters, arguments) {#name, #parameters},
+const std::vector<Row> kRows = {KVOX_METHODS(KVOX_ROW)};
+const std::vector<Row> kCallbackRows = {KVOX_CALLBACK_METHODS(KVOX_ROW)};
+#define KVOX_CODE(name, parameters, arguments) IKvox::TRANSACTION_##name,
+const std::vector<uint32_t> kCodes = {KVOX_METHODS(KVOX_CODE)};
+
+/// The file without comments.
+std::string Contract() {
+  std::stringstream text;
+  text << std::ifstream(KVOX_AIDL_FILE).rdbuf();
+  return std::regex_replace(text.str(), std::regex(R"(/\*[^*]*\*+([^/*][^*]*\*+)*/|//[^\n]*)"), "");
+}
+
+/// What stands between the braces after `head`.
+std::string Block(const std::string& text, const std::string& head) {
+  const size_t start = text.find(head + " {");
+  EXPECT_NE(start, std::string::npos) << head;
+  size_t end = text.find('{', start) + 1;
+  for (int depth = 1; depth > 0; ++end) depth += text[end] == '{' ? 1 : text[end] == '}' ? -1 : 0;
+  const size_t first = text.find('{', start) + 1;
+  return text.substr(first, end - first - 1);
+}
+
+std::string CppType(std::string type) {
+  static const std::map<std::string, std::string> kNames = {
+      {"int", "int32_t"}, {"boolean", "bool"}, {"String", "std::string"}};
+  const bool is_array = type.ends_with("[]");
+  if (is_array) type.resize(type.size() - 2);
+  const auto name = kNames.find(type);
+  if (name != kNames.end()) type = name->second;
+  if (type == "IReceiveAudioCallback") type = "std::shared_ptr<" + type + ">";
+  return is_array ? "std::vector<" + type + ">" : type;
+}
+
+bool IsScalar(const std::string& type) {
+  return std::regex_match(type, std::regex("int32_t|bool|float|UseCase|ParameterId"));
+}
+
+/// The C++ parameters of a method of the file, as the rows have them.
+std::string CppParameters(const std::string& result, const std::string& parameters) {
+  static const std::regex kParameter(R"((in |out )?([\w\[\]]+) (\w+))");
+  std::string text;
+  for (Matches at(parameters.begin(), parameters.end(), kParameter), end; at != end; ++at) {
+    const std::string type = CppType((*at)[2]);
+    const bool is_out = (*at)[1] == "out ";
+    text += text.empty() ? "" : ", ";
+    text += is_out ? type + "* " : IsScalar(type) ? type + " " : "const " + type + "& ";
+    text += (*at)[3];
+  }
+  if (result == "void") return "(" + text + ")";
+  return "(" + text + (text.empty() ? "" : ", ") + CppType(result) + "* _aidl_return)";
+}
+
+std::vector<Row> Methods(const std::string& block) {
+  static const std::regex kMethod(R"(([\w\[\]]+) (\w+)\(([^)]*)\);)");
+  std::vector<Row> rows;
+  for (Matches at(block.begin(), block.end(), kMethod), end; at != end; ++at) {
+    rows.push_back({(*at)[2], CppParameters((*at)[1], (*at)[3])});
+  }
+  return rows;
+}
+
+void ExpectSame(const std::vector<Row>& rows, const std::vector<Row>& expected) {
+  ASSERT_EQ(rows.size(), expected.size());
+  for (size_t i = 0; i < rows.size(); ++i) {
+    EXPECT_EQ(rows[i].name, expected[i].name) << i;
+    EXPECT_EQ(rows[i].parameters, expected[i].parameters) << rows[i].name;
+  }
+}
+
+TEST(Contract, MethodsHaveTheFilesOrderNamesAndTypes) {
+  std::string methods = Block(Contract(), "interface IKvox");
+  const std::string callback = Block(methods, "interface IReceiveAudioCallback");
+  methods.erase(methods.find(callback), callback.size());
+  ExpectSame(kRows, Methods(methods));
+  ExpectSame(kCallbackRows, Methods(callback));
+  ASSERT_EQ(kCodes.size(), 39u);
+  for (uint32_t i = 0; i < kCodes.size(); ++i) EXPECT_EQ(kCodes[i], FIRST_CALL_TRANSACTION + i);
+}
+
+template <typename E>
+void ExpectEnumerators(const char* name) {
+  static const std::regex kEnumerator(R"((\w+) = (-?\d+),)");
+  const std::string block = Block(Contract(), std::string("enum ") + name);
+  Matches at(block.begin(), block.end(), kEnumerator);
+  for (const E value : ndk::enum_range<E>()) {
+    ASSERT_NE(at, Matches()) << name;
+    EXPECT_EQ(toString(value), (*at)[1]);
+    EXPECT_EQ(static_cast<int>(value), std::stoi((*at)[2])) << (*at)[1];
+    ++at;
+  }
+  EXPECT_EQ(at, Matches()) << name;
+  EXPECT_EQ(toString(static_cast<E>(77)), "77");
+}
+
+TEST(Contract, EnumeratorsHaveTheFilesOrderAndValues) {
+  ExpectEnumerators<IKvox::CommandStatus>("CommandStatus");
+  ExpectEnumerators<IKvox::UseCase>("UseCase");
+  ExpectEnumerators<IKvox::ParameterId>("ParameterId");
+}
+
+std::string FieldNames(const std::string& head) {
+  static const std::regex kField(R"([\w\[\]]+ (\w+)( = [^;]+)?;)");
+  const std::string block = Block(Contract(), head);
+  std::string names;
+  for (Matches at(block.begin(), block.end(), kField), end; at != end; ++at) {
+    names += (names.empty() ? "" : ", ") + (*at)[1].str();
+  }
+  return names;
+}
+
+TEST(Contract, FieldsHaveTheFilesOrder) {
+  EXPECT_EQ(IKvox::CommandResult::_field_names, FieldNames("parcelable CommandResult"));
+  EXPECT_EQ(IKvox::ParamIdElementPair::_field_names, FieldNames("parcelable ParamIdElementPair"));
+  EXPECT_EQ(IKvox::AudioPacket::_field_names, FieldNames("parcelable AudioPacket"));
+  EXPECT_EQ(IKvox::ProcessorStats::_field_names, FieldNames("parcelable ProcessorStats"));
+  std::string tags;
+  for (const auto tag : ndk::enum_range<IKvox::ParamValue::Tag>()) {
+    tags += (tags.empty() ? "" : ", ") + toString(tag);
+  }
+  EXPECT_EQ(tags, FieldNames("union ParamValue"));
+}
+
+}  // namespace
+}  // namespace aidl::kvox
