@@ -1,0 +1,123 @@
+#include "processors/processor_stats.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tests/support/log_capture.h"
+
+namespace kvox {
+namespace {
+
+int64_t fake_now_ns = 0;
+int64_t FakeNow() {
+  return fake_now_ns;
+}
+
+class ProcessorStatsTest : public ::testing::Test {
+ protected:
+  /// A block that begins `period` after the last one began and takes `active`, in milliseconds.
+  void Block(double period, double active) {
+    begin_ms_ += period;
+    fake_now_ns = static_cast<int64_t>(begin_ms_ * 1e6);
+    stats_.StartMeasurement();
+    fake_now_ns = static_cast<int64_t>((begin_ms_ + active) * 1e6);
+    stats_.StopMeasurement();
+  }
+
+  std::vector<float> Read() {
+    std::vector<float> measurements;
+    EXPECT_TRUE(stats_.GetMeasurements(average_, measurements));
+    return measurements;
+  }
+
+  double begin_ms_ = 1e6;
+  float average_ = -1;
+  LogCapture log_;
+  KvoxProcessorStats stats_{FakeNow};
+};
+
+TEST_F(ProcessorStatsTest, KeepsTheLatestActiveTimesOldestFirst) {
+  EXPECT_TRUE(Read().empty());
+  EXPECT_EQ(average_, 0);
+  ASSERT_TRUE(stats_.SetBufferSize(4));
+  for (int i = 1; i <= 3; ++i) Block(10, i);
+  EXPECT_EQ(Read(), (std::vector<float>{1, 2, 3}));
+  for (int i = 1; i <= 6; ++i) Block(10, i);
+  EXPECT_EQ(Read(), (std::vector<float>{3, 4, 5, 6}));
+  EXPECT_TRUE(Read().empty()) << "reading begins anew";
+  EXPECT_EQ(average_, 0);
+  ASSERT_TRUE(stats_.SetBufferSize(0));
+  Block(10, 1);
+  EXPECT_TRUE(Read().empty());
+}
+
+TEST_F(ProcessorStatsTest, LongPausesAreNotPeriods) {
+  Block(10, 1);  // the first has no period
+  Block(10, 1);
+  Block(1200, 1);
+  Block(20, 1);
+  Block(30, 1);
+  Read();
+  EXPECT_FLOAT_EQ(average_, 25) << "a pause restarts the average";
+  ASSERT_TRUE(stats_.Reset());
+  Block(10, 1);
+  Read();
+  EXPECT_EQ(average_, 0) << "a reset forgets when the last block began";
+}
+
+TEST_F(ProcessorStatsTest, AverageRestartsAfterTenThousandPeriods) {
+  Block(10, 0);
+  for (int i = 0; i < 9999; ++i) Block(10, 0);
+  for (int i = 0; i < 3; ++i) Block(50, 0);
+  Read();
+  EXPECT_FLOAT_EQ(average_, 50) << "the ten thousandth is the first of the next average";
+}
+
+TEST_F(ProcessorStatsTest, ReportsHealthOnceASecond) {
+  const struct {
+    double active;
+    double jitter;
+    const char* line;
+  } rows[] = {
+      {5, 0,
+       "I Period min/max/avg: 10.000/10.000/10.000 ms, Active min/max/avg: 5.000/5.000/5.000 ms"},
+      {9.5, 0,
+       "W Warning: Period min/max/avg: 10.000/10.000/10.000 ms, Active min/max/avg: "
+       "9.500/9.500/9.500 ms"},
+      {1, 3, "W Warning: Period min/max/avg: 7.000/13.000/10."},
+  };
+  for (const auto& row : rows) {
+    Block(5000, row.active);
+    log_.Take();
+    for (int i = 0; i < 101; ++i) Block(10 + (i % 2 == 0 ? row.jitter : -row.jitter), row.active);
+    const auto lines = log_.Take();
+    ASSERT_EQ(lines.size(), 1u);
+    // The periods are averaged over the blocks, one of which began without a period.
+    EXPECT_EQ(lines[0].substr(0, 30), std::string(row.line).substr(0, 30)) << lines[0];
+  }
+}
+
+TEST_F(ProcessorStatsTest, TheIoThreadNeverWaitsForAReader) {
+  // Readers hammer the flag; whatever that costs in measurements, the figures stay possible ones.
+  ASSERT_TRUE(stats_.SetBufferSize(64));
+  std::atomic<bool> done = false;
+  std::thread reader([&] {
+    std::vector<float> measurements;
+    float average = 0;
+    while (!done) {
+      if (!stats_.GetMeasurements(average, measurements)) continue;
+      for (const float active : measurements) EXPECT_EQ(active, 0.0f);
+      stats_.Reset();
+    }
+  });
+  for (int i = 0; i < 20000; ++i) {
+    stats_.StartMeasurement();
+    stats_.StopMeasurement();
+  }
+  done = true;
+  reader.join();
+}
+
+}  // namespace
+}  // namespace kvox
