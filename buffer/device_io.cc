@@ -1,0 +1,70 @@
+#include "buffer/device_io.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "kvox/common/kvox_utils.h"
+
+namespace kvox {
+namespace {
+
+class System : public DeviceIo {
+ public:
+  // Without O_NONBLOCK opening a FIFO would wait for its other end, without O_NOCTTY a terminal
+  // would become ours.
+  int Open(const char* path, Direction direction) override {
+    const int access = direction == Direction::kRead ? O_RDONLY : O_WRONLY;
+    return open(path, access | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  }
+
+  void Close(int fd) override { close(fd); }
+
+  Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) override {
+    const short events = direction == Direction::kRead ? POLLIN : POLLOUT;
+    pollfd fds[] = {{.fd = fd, .events = events, .revents = 0},
+                    {.fd = wake_fd, .events = POLLIN, .revents = 0}};
+    const int count = poll(fds, 2, timeout_ms);
+    if (count < 0) return errno == EINTR ? Ready::kWoken : Ready::kFailed;
+    if (count == 0) return Ready::kTimeout;
+    return fds[1].revents != 0 ? Ready::kWoken : Ready::kDevice;
+  }
+
+  ssize_t Read(int fd, std::span<std::byte> bytes) override {
+    return read(fd, bytes.data(), bytes.size());
+  }
+
+  ssize_t Write(int fd, std::span<const std::byte> bytes) override {
+    return write(fd, bytes.data(), bytes.size());
+  }
+
+  uint64_t NowNs() override { return GetTimestampNs(); }
+};
+
+}  // namespace
+
+DeviceIo& SystemDeviceIo() {
+  static System io;
+  return io;
+}
+
+WakeEvent::WakeEvent() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+WakeEvent::~WakeEvent() {
+  if (fd_ >= 0) close(fd_);
+}
+
+void WakeEvent::Signal() {
+  const uint64_t one = 1;
+  // Fails only when the counter is full, and then the waiter is awake already.
+  [[maybe_unused]] const ssize_t written = write(fd_, &one, sizeof one);
+}
+
+void WakeEvent::Clear() {
+  uint64_t count;
+  [[maybe_unused]] const ssize_t got = read(fd_, &count, sizeof count);
+}
+
+}  // namespace kvox

@@ -1,0 +1,55 @@
+// The system calls of the packet path, as a seam that tests script.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace kvox {
+
+class DeviceIo {
+ public:
+  enum class Direction { kRead, kWrite };
+  enum class Ready { kDevice, kWoken, kTimeout, kFailed };
+
+  virtual ~DeviceIo() = default;
+
+  /// Opens a device without blocking. A descriptor, or -1 with errno set.
+  virtual int Open(const char* path, Direction direction) = 0;
+  virtual void Close(int fd) = 0;
+
+  /// RT: waits until `fd` can be read (or written; also when it hung up or failed), or until
+  /// `wake_fd` can be read, which comes first when both can, or for `timeout_ms`. A negative `fd`
+  /// waits for the other two.
+  virtual Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) = 0;
+
+  /// RT: as the system calls, -1 with errno set on failure.
+  virtual ssize_t Read(int fd, std::span<std::byte> bytes) = 0;
+  virtual ssize_t Write(int fd, std::span<const std::byte> bytes) = 0;
+
+  /// RT: the packet clock (GetTimestampNs).
+  virtual uint64_t NowNs() = 0;
+};
+
+/// The real thing. Any thread.
+DeviceIo& SystemDeviceIo();
+
+/// An eventfd that ends another thread's Wait.
+class WakeEvent {
+ public:
+  WakeEvent();
+  ~WakeEvent();
+  WakeEvent(const WakeEvent&) = delete;
+  WakeEvent& operator=(const WakeEvent&) = delete;
+
+  void Signal();  // any thread
+  void Clear();   // RT: the waiting thread
+  int fd() const { return fd_; }
+
+ private:
+  const int fd_;
+};
+
+}  // namespace kvox

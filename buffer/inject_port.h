@@ -1,0 +1,82 @@
+// The open device of an enabled inject buffer, as the packet path sees it. It closes with its last
+// owner, so no thread can write to a descriptor that has become another's.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "buffer/device_io.h"
+#include "buffer/packet_recorder.h"
+#include "kvox/common/kvox_packet.h"
+
+namespace kvox {
+
+/// Why a packet did not go out; -1 is the failure of the device itself.
+enum PortStatus : int32_t {
+  kPortOk = 0,
+  kPortWriteFailed = -1,
+  kPortClosed = -2,
+  kPortPayloadTooLarge = -5,
+};
+
+/// Waits on behalf of a writer whose device is stalled.
+class StallWaiter {
+ public:
+  virtual ~StallWaiter() = default;
+  /// RT: true when `fd` can be written, false when the thread is needed elsewhere or `deadline_ns`
+  /// has passed.
+  virtual bool WaitWritable(int fd, uint64_t deadline_ns) = 0;
+};
+
+/// One I/O thread at a time, RT throughout, except construction and destruction.
+class InjectPort {
+ public:
+  /// Takes over `fd`. `io` and `recorder` outlive the port.
+  InjectPort(std::string name, std::string device_path, DeviceIo& io, PacketRecorder& recorder,
+             int fd);
+  ~InjectPort();
+  InjectPort(const InjectPort&) = delete;
+  InjectPort& operator=(const InjectPort&) = delete;
+
+  const std::string& name() const { return name_; }
+
+  /// Where the payload of the next packet may be built; what stands there is left from before.
+  std::span<std::byte> PayloadArea(uint32_t size);
+
+  /// Sends `header` and the payload that was built in PayloadArea().
+  int32_t SendBuilt(const KvoxPacketHeader& header, StallWaiter& waiter);
+
+  /// Sends `header` and the payload that stands behind the header in `packet`, without copying it.
+  /// The first 64 bytes of `packet` are changed for the write and put back.
+  int32_t SendInPlace(const KvoxPacketHeader& header, std::byte* packet, StallWaiter& waiter);
+
+  /// Brings a packet that SendInPlace sent last into the work area, for dumps, while its payload
+  /// still stands at `payload`.
+  void KeepSentPacket(const std::byte* payload);
+
+  std::span<const std::byte> WorkArea() const { return {area_.get(), kPacketMaxSize}; }
+
+  /// Copies the work area. Not RT. Answers true.
+  bool CopyTo(std::vector<std::byte>& copy) const;
+
+ private:
+  int32_t Send(const KvoxPacketHeader& header, std::span<const std::byte> packet,
+               StallWaiter& waiter);
+  void Reopen();
+
+  const std::string name_;
+  const std::string device_path_;
+  DeviceIo& io_;
+  PacketRecorder& recorder_;
+  int fd_;  // -1 while a reopened device refuses
+  const std::unique_ptr<std::byte[]> area_;
+
+  bool sent_in_place_ = false;  // the last packet was not built in the work area
+  KvoxPacketHeader in_place_header_;
+};
+
+}  // namespace kvox

@@ -1,0 +1,259 @@
+#include "buffer/kvox_buffer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include "kvox/common/fixed_text.h"
+
+namespace kvox {
+namespace {
+
+constexpr unsigned kOpenRetries = 4;
+constexpr auto kOpenRetryPause = std::chrono::seconds(1);
+
+/// Recording is not built in yet: nothing is recorded.
+class NoRecorder : public PacketRecorder {
+ public:
+  void Record(const KvoxPacketHeader&, std::span<const std::byte>) override {}
+  bool recording() const override { return false; }
+  uint32_t samples() const override { return 0; }
+};
+
+const char* PluralS(size_t count) {
+  return count == 1 ? "" : "s";
+}
+
+}  // namespace
+
+KvoxBuffer::KvoxBuffer(std::string name, std::string device_path, uint32_t index, bool is_tapout,
+                       const BufferEnvironment& environment)
+    : name_(std::move(name)),
+      device_path_(std::move(device_path)),
+      index_(index),
+      is_tapout_(is_tapout),
+      environment_(environment),
+      recorder_(std::make_unique<NoRecorder>()),
+      routes_([this] { wake_.Signal(); }) {}
+
+KvoxBuffer::~KvoxBuffer() {
+  Drop();
+}
+
+int32_t KvoxBuffer::Enable(bool enable) {
+  switch (BeginSwitching(enable)) {
+    case Switch::kGo:
+      break;
+    case Switch::kAlreadyThere:
+      return 0;
+    case Switch::kRefused:
+      return -1;
+  }
+  int fd = -1;
+  if (enable) {
+    fd = OpenWithRetries();
+    if (fd >= 0) EnableDevice(fd);
+  } else {
+    DisableDevice();
+  }
+  EndSwitching();
+  return enable && fd < 0 ? -1 : 0;
+}
+
+/// Waits for the turn to switch and looks whether there is anything to do. A thread that comes to
+/// disable ends the wait of one that is opening.
+KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable) {
+  MutexLock lock(mutex_);
+  if (!enable) ++disables_waiting_;
+  changed_.NotifyAll();
+  while (switching_) changed_.Wait(mutex_);
+  if (!enable) --disables_waiting_;
+  if (enable && IsEnabled()) {
+    LogInfo("Enable buffer %s: already enabled", name_.c_str());
+    return Switch::kAlreadyThere;
+  }
+  if (!enable && !IsEnabled()) {
+    LogInfo("Disable buffer %s: already disabled", name_.c_str());
+    return Switch::kAlreadyThere;
+  }
+  if (enable && dropped_) return Switch::kRefused;
+  switching_ = true;
+  if (!enable) {
+    LogInfo("Disable buffer %s", name_.c_str());
+  } else if (is_tapout_) {
+    LogInfo("Enable buffer %s (%u processor%s connected), I/O thread start", name_.c_str(),
+            static_cast<unsigned>(outputs_.size()), PluralS(outputs_.size()));
+  } else {
+    LogInfo("Enable buffer %s with %u input", name_.c_str(), input_ ? 1u : 0u);
+  }
+  return Switch::kGo;
+}
+
+void KvoxBuffer::EndSwitching() {
+  MutexLock lock(mutex_);
+  switching_ = false;
+  changed_.NotifyAll();
+}
+
+int KvoxBuffer::OpenWithRetries() {
+  int fd = OpenDevice();
+  int error = errno;
+  for (unsigned attempt = 1; fd < 0 && attempt <= kOpenRetries; ++attempt) {
+    LogInfo("%s Attempting to reinitialize KVO interface, attempt %u\n", name_.c_str(), attempt);
+    if (!WaitBeforeRetry()) break;
+    fd = OpenDevice();
+    error = errno;
+  }
+  if (fd < 0) {
+    LogError("Open %s failed, status %d, errno %d", device_path_.c_str(), fd, error);
+  }
+  return fd;
+}
+
+int KvoxBuffer::OpenDevice() const {
+  const auto direction = is_tapout_ ? DeviceIo::Direction::kRead : DeviceIo::Direction::kWrite;
+  const int fd = environment_.io.Open(device_path_.c_str(), direction);
+  if (fd < 0) {
+    const int error = errno;
+    LogError("Error opening %s, status %d (errno %d: %s)\n", device_path_.c_str(), fd, error,
+             ErrorText(error).c_str());
+    errno = error;
+  }
+  return fd;
+}
+
+/// False when the device is not wanted any more.
+bool KvoxBuffer::WaitBeforeRetry() {
+  const auto until = std::chrono::steady_clock::now() + kOpenRetryPause;
+  MutexLock lock(mutex_);
+  while (disables_waiting_ == 0 && !dropped_) {
+    if (!changed_.WaitUntil(mutex_, until)) return true;
+  }
+  return false;
+}
+
+void KvoxBuffer::EnableDevice(int fd) {
+  if (is_tapout_) {
+    {
+      MutexLock lock(mutex_);
+      rx_format_.Set({});
+      PublishRoutes();
+    }
+    routes_.Settle();
+    reader_ = std::make_unique<TapReader>(TapReaderLinks{.name = name_,
+                                                         .device_path = device_path_,
+                                                         .io = environment_.io,
+                                                         .routes = routes_,
+                                                         .rx_format = rx_format_,
+                                                         .recorder = *recorder_,
+                                                         .log = environment_.io_log,
+                                                         .wake = wake_},
+                                          fd);
+    enabled_.store(true, std::memory_order_relaxed);
+    reader_->Start();
+    return;
+  }
+  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *recorder_, fd));
+  enabled_.store(true, std::memory_order_relaxed);
+  if (const auto writer = GetInput()) writer->RefreshFeed();
+}
+
+void KvoxBuffer::DisableDevice() {
+  enabled_.store(false, std::memory_order_relaxed);
+  if (is_tapout_) {
+    reader_->Stop();
+    reader_.reset();
+    LogInfo("Buffer %s disabled, I/O thread end", name_.c_str());
+    return;
+  }
+  {
+    const std::shared_ptr<InjectPort> closing = SwapPort(nullptr);
+    if (const auto writer = GetInput()) writer->RefreshFeed();
+  }
+  LogInfo("Buffer %s disabled", name_.c_str());
+}
+
+void KvoxBuffer::AbandonOpening() {
+  MutexLock lock(mutex_);
+  dropped_ = true;
+  changed_.NotifyAll();
+}
+
+void KvoxBuffer::Drop() {
+  std::set<std::shared_ptr<KvoxProcessor>> outputs;
+  AbandonOpening();
+  {
+    MutexLock lock(mutex_);
+    if (let_go_) return;
+    let_go_ = true;
+    while (switching_) changed_.Wait(mutex_);
+  }
+  if (IsEnabled()) Enable(false);
+  LogInfo("%s %s", name_.c_str(), "UnregisterAllOutputs");
+  {
+    MutexLock lock(mutex_);
+    outputs.swap(outputs_);
+    PublishRoutes();
+  }
+  for (const auto& processor : outputs) {
+    processor->SetInput(nullptr);
+    processor->SetFeed(nullptr);
+  }
+  routes_.Settle();
+  UnregisterInput();
+}
+
+std::shared_ptr<InjectPort> KvoxBuffer::SwapPort(std::shared_ptr<InjectPort> port) {
+  MutexLock lock(port_mutex_);
+  port_.swap(port);
+  return port;
+}
+
+std::shared_ptr<InjectPort> KvoxBuffer::port() const {
+  MutexLock lock(port_mutex_);
+  return port_;
+}
+
+void KvoxBuffer::DumpBuffer() {
+  std::vector<std::byte> area;
+  bool copied = false;
+  if (is_tapout_) {
+    copied = CopyWorkArea(nullptr, area);
+  } else if (const std::shared_ptr<InjectPort> open_port = port()) {
+    const auto writer = GetInput();
+    const auto feed = From(writer ? writer->feed() : nullptr);
+    copied = feed ? feed->CopyWorkArea(open_port.get(), area) : open_port->CopyTo(area);
+  }
+  if (!copied) {
+    LogError("%s buffer is null", name_.c_str());
+    return;
+  }
+  constexpr size_t kWordsPerLine = 8;
+  const auto* const words = reinterpret_cast<const uint32_t*>(area.data());
+  for (size_t at = 0; at < area.size() / sizeof(uint32_t); at += kWordsPerLine) {
+    const uint32_t* const w = words + at;
+    LogInfo("%08x : %08x %08x %08x %08x %08x %08x %08x %08x", static_cast<unsigned>(at), w[0], w[1],
+            w[2], w[3], w[4], w[5], w[6], w[7]);
+  }
+}
+
+/// Our own area, or that of a port we feed: between two packets while the I/O thread runs, and
+/// while it cannot start otherwise.
+bool KvoxBuffer::CopyWorkArea(InjectPort* port, std::vector<std::byte>& area) {
+  {
+    MutexLock lock(mutex_);
+    while (switching_) changed_.Wait(mutex_);
+    switching_ = true;
+  }
+  bool copied = false;
+  if (reader_) {
+    copied = reader_->CopyArea(port, area);
+  } else if (port != nullptr) {
+    copied = port->CopyTo(area);
+  }
+  EndSwitching();
+  return copied;
+}
+
+}  // namespace kvox

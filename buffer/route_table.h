@@ -1,0 +1,75 @@
+// Where the packets of a tap-out buffer go: an immutable table that service threads replace as a
+// whole and the I/O thread reads without a lock.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "buffer/inject_port.h"
+#include "kvox/common/mutex.h"
+#include "kvox/common/tap_format.h"
+#include "processors/kvox_processor.h"
+
+namespace kvox {
+
+struct Route {
+  std::shared_ptr<KvoxProcessor> processor;
+  std::shared_ptr<InjectPort> port;  // null while the processor has no enabled inject buffer
+};
+
+struct RouteTable {
+  std::vector<Route> routes;  // in the order of the buffer's outputs
+  KvoxTapFormat rx_format;    // as last set by a command
+  uint32_t rx_format_serial = 0;
+};
+
+/// Hands tables from service threads to one reader, the I/O thread. A table that has been replaced
+/// is destroyed by a service thread once the reader has moved on, never by the reader: the last
+/// owner of a processor or a port must not be the packet path.
+class RoutePublisher {
+ public:
+  /// `nudge` brings the reader back soon from a wait inside a packet; it may be called at any time.
+  explicit RoutePublisher(std::function<void()> nudge);
+  ~RoutePublisher();
+
+  /// Replaces the table. Callers take turns; any service thread.
+  void Publish(std::unique_ptr<const RouteTable> table);
+
+  /// Returns once the reader has moved on from every replaced table, and destroys those. The reader
+  /// holds a table for one packet only, whose waits are bounded and end at a nudge. On the reader's
+  /// own thread it leaves the table in use to the next call. No lock may be held that ProcessBlock
+  /// takes.
+  void Settle();
+
+  /// Reader's side, RT: the table for one packet.
+  class Use {
+   public:
+    explicit Use(RoutePublisher& publisher);
+    ~Use();
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+    const RouteTable& operator*() const { return *table_; }
+    const RouteTable* operator->() const { return table_; }
+
+   private:
+    RoutePublisher& publisher_;
+    const RouteTable* table_;
+  };
+
+  /// RT: whether the table in use has been replaced. Inside a Use only.
+  bool Stale() const;
+
+ private:
+  bool DestroyUnused();
+
+  const std::function<void()> nudge_;
+  std::atomic<const RouteTable*> published_;
+  std::atomic<const RouteTable*> in_use_ = nullptr;
+  Mutex mutex_;  // a leaf lock
+  std::vector<std::unique_ptr<const RouteTable>> retired_ GUARDED_BY(mutex_);
+};
+
+}  // namespace kvox

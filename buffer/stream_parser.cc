@@ -1,0 +1,121 @@
+#include "buffer/stream_parser.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kvox {
+namespace {
+
+constexpr uint32_t kReadAlignment = 8;
+constexpr uint32_t kReportedExcess = 8;
+constexpr size_t kWord = sizeof(uint32_t);
+constexpr size_t kBlockWords = 64;
+
+uint32_t WordAt(const std::byte* at) {
+  uint32_t word;
+  std::memcpy(&word, at, sizeof word);
+  return word;
+}
+
+/// A loop of fixed length without an early way out, so that the compiler makes vector code of it.
+bool HoldsMagic(const std::byte* block) {
+  uint32_t found = 0;
+  for (size_t i = 0; i < kBlockWords; ++i) found |= WordAt(block + i * kWord) == kPacketMagic;
+  return found != 0;
+}
+
+}  // namespace
+
+std::optional<uint32_t> FindLastMagic(std::span<const std::byte> bytes) {
+  constexpr size_t kBlock = kBlockWords * kWord;
+  size_t end = bytes.size() / kWord * kWord;
+  while (end >= kBlock && !HoldsMagic(bytes.data() + end - kBlock)) end -= kBlock;
+  while (end >= kWord) {
+    end -= kWord;
+    if (WordAt(bytes.data() + end) == kPacketMagic) return static_cast<uint32_t>(end);
+  }
+  return std::nullopt;
+}
+
+StreamParser::StreamParser(Area receive, Area packet) : receive_(receive), packet_(packet) {}
+
+std::span<std::byte> StreamParser::ReadArea() const {
+  if (resyncing_) return receive_;
+  return receive_.first(expected_ - assembled_);
+}
+
+void StreamParser::StartOver() {
+  assembled_ = 0;
+  header_parsed_ = false;
+}
+
+StreamFindings StreamParser::Consume(size_t read_size) {
+  const auto size = static_cast<uint32_t>(read_size);
+  StreamFindings findings;
+  if (size % kReadAlignment != 0) {
+    findings.misaligned = size;
+    findings.next = StreamFindings::Next::kStartOver;
+    StartOver();
+    Resync();
+    return findings;
+  }
+  if (assembling()) {
+    Append(size);
+  } else if (const auto offset = FindLastMagic(receive_.first(size))) {
+    Begin(*offset, size);
+  } else {
+    findings.skipped = size;
+    return findings;
+  }
+  if (!header_parsed_ && assembled_ >= kPacketHeaderSize && !CheckHeader(findings)) {
+    StartOver();
+    return findings;
+  }
+  if (!header_parsed_ || assembled_ < expected_) {
+    MoveToPacketArea();
+    return findings;
+  }
+  const uint32_t excess = assembled_ - expected_;
+  findings.next = StreamFindings::Next::kPacket;
+  findings.excess = excess >= kReportedExcess ? excess : 0;
+  findings.assembled = assembled_;
+  findings.expected = expected_;
+  findings.packet = front_;
+  return findings;
+}
+
+/// A packet that begins where the read began stays there: in a stream that runs well every packet
+/// arrives in one read and is never copied. Elsewhere it may lie askew for its 64-bit fields.
+void StreamParser::Begin(uint32_t offset, uint32_t size) {
+  front_ = receive_.data() + offset;
+  assembled_ = size - offset;
+  if (offset > 0) MoveToPacketArea();
+}
+
+void StreamParser::Append(uint32_t size) {
+  const uint32_t room = assembled_ < kPacketMaxSize ? kPacketMaxSize - assembled_ : 0;
+  std::memcpy(packet_.data() + assembled_, receive_.data(), std::min(size, room));
+  assembled_ += size;
+}
+
+void StreamParser::MoveToPacketArea() {
+  if (front_ == packet_.data()) return;
+  std::memcpy(packet_.data(), front_, assembled_);
+  front_ = packet_.data();
+}
+
+bool StreamParser::CheckHeader(StreamFindings& findings) {
+  KvoxPacketHeader header;
+  std::memcpy(&header, front_, sizeof header);
+  if (header.version != kPacketVersion) findings.bad_version = header.version;
+  if (header.payload_size > kPacketMaxPayload || header.payload_size % kWord != 0) {
+    findings.bad_payload_size = header.payload_size;
+  }
+  if (findings.BadHeader()) return false;
+  expected_ = header.payload_size + kPacketHeaderSize;
+  resyncing_ = false;
+  header_parsed_ = true;
+  return true;
+}
+
+}  // namespace kvox

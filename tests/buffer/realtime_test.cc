@@ -1,0 +1,92 @@
+// Proves what the packet path never does: this program counts every allocation and every mutex that
+// the I/O thread takes. It stands alone because it replaces malloc, which the sanitizers do too.
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+
+#include "kvox/common/log_ring.h"
+#include "tests/buffer/buffer_fixture.h"
+
+namespace {
+
+thread_local bool counted = false;  // on the I/O thread, once it has warmed up
+std::atomic<int> allocations = 0;
+std::atomic<int> locks = 0;
+
+}  // namespace
+
+extern "C" {
+void* __libc_malloc(size_t size);
+
+void* malloc(size_t size) {
+  if (counted) ++allocations;
+  return __libc_malloc(size);
+}
+
+int pthread_mutex_lock(pthread_mutex_t* mutex) {
+  using Function = int (*)(pthread_mutex_t*);
+  static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+  if (counted) ++locks;
+  return real(mutex);
+}
+}
+
+namespace kvox {
+namespace {
+
+constexpr int kWarmUp = 100;
+constexpr int kPackets = 5000;
+
+/// Passes audio on, and makes the thread that it runs on the one that is counted.
+class WatchedProcessor : public PassthruProcessor {
+ public:
+  using PassthruProcessor::PassthruProcessor;
+  BlockResult ProcessPacket(std::span<const std::byte> in, OutputArea* out) override {
+    counted = ++blocks > kWarmUp;
+    return PassthruProcessor::ProcessPacket(in, out);
+  }
+  int blocks = 0;
+};
+
+class RealtimeTest : public BufferFixture {
+ protected:
+  LogTarget& io_log() override { return deferred_log_; }
+
+ private:
+  DeferredLog deferred_log_{log_};
+};
+
+TEST_F(RealtimeTest, ThePacketPathNeitherAllocatesNorLocks) {
+  const auto tapout = MakeBuffer("tapout0", 0, true);
+  const auto inject = MakeBuffer("inject0", 0, false);
+  const auto processor =
+      std::make_shared<WatchedProcessor>(MakeFourCc("pass"), PassthruProcessor::kType);
+  processor->SetStatsMaxBufferSize(100);
+  processor->Enable(true);
+  tapout->RegisterOutput(processor);
+  inject->RegisterInput(processor);
+  ASSERT_EQ(inject->Enable(true), 0);
+  ASSERT_EQ(tapout->Enable(true), 0);
+  const void* volatile proof = malloc(1);  // the replacement is in place
+  counted = true;
+  free(const_cast<void*>(proof));
+  free(malloc(1));
+  counted = false;
+  ASSERT_EQ(allocations, 1);
+  allocations = 0;
+  for (uint32_t number = 1; number <= kPackets; ++number) {
+    SendPacket(MakePacket(number, 1920));
+    ASSERT_EQ(ReceivePacket(kPacketHeaderSize + 1920).size(), kPacketHeaderSize + 1920);
+  }
+  EXPECT_EQ(allocations, 0);
+  EXPECT_EQ(locks, 0);
+  EXPECT_EQ(processor->blocks, kPackets);
+  tapout->Drop();
+  inject->Drop();
+}
+
+}  // namespace
+}  // namespace kvox

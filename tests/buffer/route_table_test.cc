@@ -1,0 +1,146 @@
+#include "buffer/route_table.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tests/support/scripted_device.h"
+
+namespace kvox {
+namespace {
+
+std::unique_ptr<RouteTable> TableWith(std::shared_ptr<KvoxProcessor> processor) {
+  auto table = std::make_unique<RouteTable>();
+  table->routes.push_back({.processor = std::move(processor), .port = nullptr});
+  return table;
+}
+
+std::shared_ptr<KvoxProcessor> NewProcessor() {
+  return std::make_shared<KvoxProcessor>(MakeFourCc("test"), MakeFourCc("test"));
+}
+
+TEST(RoutePublisher, KeepsATableInUseUntilTheReaderMovesOn) {
+  RoutePublisher routes([] {});
+  auto processor = NewProcessor();
+  const std::weak_ptr<KvoxProcessor> watched = processor;
+  routes.Publish(TableWith(std::move(processor)));
+  {
+    const RoutePublisher::Use table(routes);
+    EXPECT_FALSE(routes.Stale());
+    routes.Publish(std::make_unique<RouteTable>());
+    EXPECT_TRUE(routes.Stale());
+    routes.Settle();  // on the reader's own thread: must not wait
+    EXPECT_FALSE(watched.expired());
+    EXPECT_EQ(table->routes.size(), 1u);
+  }
+  EXPECT_FALSE(watched.expired()) << "the reader destroys nothing";
+  routes.Settle();
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST(RoutePublisher, SettleWaitsForAReaderElsewhereAndNudgesIt) {
+  std::atomic<int> nudges = 0;
+  RoutePublisher routes([&] { ++nudges; });
+  std::atomic<bool> reading = false;
+  std::thread reader([&] {
+    const RoutePublisher::Use table(routes);
+    reading = true;
+    while (nudges == 0) std::this_thread::yield();
+  });
+  while (!reading) std::this_thread::yield();
+  routes.Publish(std::make_unique<RouteTable>());
+  routes.Settle();
+  EXPECT_GE(nudges, 1);
+  reader.join();
+}
+
+TEST(RoutePublisher, ReaderAndPublisherNeverMeetOnADeadTable) {
+  // Under the sanitizers a table or processor that is used after its end is caught.
+  RoutePublisher routes([] {});
+  std::atomic<bool> done = false;
+  std::thread reader([&] {
+    while (!done) {
+      const RoutePublisher::Use table(routes);
+      for (const Route& route : table->routes) EXPECT_EQ(route.processor->id(), MakeFourCc("test"));
+    }
+  });
+  for (int i = 0; i < 2000; ++i) {
+    routes.Publish(TableWith(NewProcessor()));
+    if (i % 3 == 0) routes.Settle();
+  }
+  done = true;
+  reader.join();
+}
+
+/// A waiter that counts down the waits it grants.
+class Patience : public StallWaiter {
+ public:
+  explicit Patience(int waits) : waits_(waits) {}
+  bool WaitWritable(int, uint64_t) override { return waits_-- > 0; }
+
+ private:
+  int waits_;
+};
+
+class InjectPortTest : public ::testing::Test {
+ protected:
+  class Silence : public PacketRecorder {
+    void Record(const KvoxPacketHeader&, std::span<const std::byte>) override {}
+    bool recording() const override { return false; }
+    uint32_t samples() const override { return 0; }
+  };
+
+  int32_t Send(int patience) {
+    Patience waiter(patience);
+    Bytes packet = packet_;
+    KvoxPacketHeader header;
+    std::memcpy(&header, packet.data(), sizeof header);
+    header.stamp = 5;
+    const int32_t status = port_.SendInPlace(header, packet.data(), waiter);
+    EXPECT_EQ(packet, packet_) << "the packet is as it was";
+    return status;
+  }
+
+  ScriptedDevice device_;
+  Silence recorder_;
+  const Bytes packet_ = MakePacket(1, 480);
+  InjectPort port_{"inject0", "/inject0", device_, recorder_, ScriptedDevice::kInjectFd};
+};
+
+TEST_F(InjectPortTest, FinishesAPacketThatTheDeviceTakesInPieces) {
+  device_.write_limits = {100, 0, 200};
+  EXPECT_EQ(Send(5), kPortOk);
+  ASSERT_EQ(device_.written.size(), 3u);
+  Bytes whole = device_.written[0];
+  for (size_t i : {1u, 2u})
+    whole.insert(whole.end(), device_.written[i].begin(), device_.written[i].end());
+  EXPECT_EQ(whole.size(), packet_.size());
+  EXPECT_EQ(whole[8], std::byte{5}) << "with the header it was given";
+  EXPECT_TRUE(device_.opened.empty());
+}
+
+TEST_F(InjectPortTest, ATornDeviceStartsAfreshAFullOneDoesNot) {
+  device_.write_limits = {0};
+  EXPECT_EQ(Send(0), kPortWriteFailed);
+  EXPECT_TRUE(device_.opened.empty()) << "nothing of the packet went out";
+  device_.write_limits = {100, 0};
+  EXPECT_EQ(Send(1), kPortWriteFailed);
+  EXPECT_EQ(device_.closed.size(), 1u);
+  EXPECT_EQ(device_.opened, (std::vector<std::string>{"/inject0"}));
+  EXPECT_EQ(Send(0), kPortOk);
+}
+
+TEST_F(InjectPortTest, ErrorsAreAnsweredAndClosedDevicesAreTriedAgain) {
+  device_.write_limits = {0};
+  device_.write_errno = EPIPE;
+  EXPECT_EQ(Send(5), kPortWriteFailed);
+  device_.write_errno = EAGAIN;
+  device_.open_errors = 2;
+  device_.write_limits = {64};
+  EXPECT_EQ(Send(0), kPortWriteFailed);
+  EXPECT_EQ(Send(0), kPortClosed);
+  EXPECT_EQ(Send(0), kPortOk);
+}
+
+}  // namespace
+}  // namespace kvox
