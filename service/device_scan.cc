@@ -1,0 +1,75 @@
+#include "service/device_scan.h"
+
+#include <glob.h>
+
+#include <climits>
+#include <cstdlib>
+
+#include "kvox/common/log.h"
+
+namespace kvox {
+namespace {
+
+/// The text as a pattern that matches only itself.
+std::string Literally(const std::string& text) {
+  std::string pattern;
+  for (const char c : text) {
+    if (std::string_view("*?[\\").find(c) != std::string_view::npos) pattern += '\\';
+    pattern += c;
+  }
+  return pattern;
+}
+
+/// Paths with a common prefix, sorted; none when nothing matches.
+class Glob {
+ public:
+  explicit Glob(const std::string& prefix)
+      : matched_(glob((Literally(prefix) + "*").c_str(), 0, nullptr, &paths_) == 0) {}
+  ~Glob() { globfree(&paths_); }
+  Glob(const Glob&) = delete;
+  Glob& operator=(const Glob&) = delete;
+
+  bool matched() const { return matched_; }
+
+  std::vector<DataDevice> Devices(const std::string& prefix, const std::string& buffer_kind) const {
+    std::vector<DataDevice> devices;
+    for (size_t i = 0; matched_ && i < paths_.gl_pathc; ++i) {
+      const std::string path = paths_.gl_pathv[i];
+      const std::string rest = path.substr(prefix.size());
+      const std::optional<int> number = DeviceNumber(rest);
+      if (number) devices.push_back({*number, buffer_kind + rest, path});
+    }
+    return devices;
+  }
+
+ private:
+  glob_t paths_ = {};
+  const bool matched_;
+};
+
+}  // namespace
+
+std::optional<int> DeviceNumber(std::string_view rest) {
+  const std::string text(rest);
+  const long number = std::strtol(text.c_str(), nullptr, 10);
+  if ((number > 0 && number <= INT_MAX) || text == "0") return static_cast<int>(number);
+  return std::nullopt;
+}
+
+DeviceScan ScanDataDevices(const std::string& directory) {
+  const std::string tapout_prefix = directory + "/xdv-kvox_tapout";
+  const std::string inject_prefix = directory + "/xdv-kvox_inject";
+  DeviceScan scan;
+  const Glob tapouts(tapout_prefix);
+  scan.any_tapout_path = tapouts.matched();
+  if (!scan.any_tapout_path) {
+    LogInfo("Scanning for kvox devices %s did not succeed", (tapout_prefix + "*").c_str());
+    LogInfo("Note: No Kvox buffers");
+    return scan;
+  }
+  scan.tapouts = tapouts.Devices(tapout_prefix, "tapout");
+  scan.injects = Glob(inject_prefix).Devices(inject_prefix, "inject");
+  return scan;
+}
+
+}  // namespace kvox

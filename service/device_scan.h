@@ -1,0 +1,31 @@
+// Which data devices there are.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kvox {
+
+struct DataDevice {
+  int number;
+  std::string name;  // of the buffer: "tapout0"
+  std::string path;
+};
+
+/// The number that the rest of a device's name stands for: decimal digits at its front, above 0, or
+/// exactly "0". Names that begin otherwise are not data devices.
+std::optional<int> DeviceNumber(std::string_view rest);
+
+struct DeviceScan {
+  bool any_tapout_path = false;  // whether anything at all looked like a tap-out device
+  std::vector<DataDevice> tapouts;
+  std::vector<DataDevice> injects;
+};
+
+/// Looks through `directory`. Each list is in the order of the paths and may name a number twice;
+/// the first one counts.
+DeviceScan ScanDataDevices(const std::string& directory);
+
+}  // namespace kvox

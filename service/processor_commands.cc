@@ -1,0 +1,183 @@
+// Commands that list, make, delete, describe and switch processors.
+
+#include <functional>
+#include <utility>
+
+#include "kvox/common/fixed_text.h"
+#include "kvox/common/four_cc.h"
+#include "processors/passthru_processor.h"
+#include "service/kvox_service.h"
+
+namespace kvox {
+namespace {
+
+struct ProcessorKind {
+  FourCc type;
+  std::shared_ptr<KvoxProcessor> (*make)(FourCc id);  // null when the kind refuses
+};
+
+constexpr ProcessorKind kKinds[] = {
+    {PassthruProcessor::kType,
+     [](FourCc id) -> std::shared_ptr<KvoxProcessor> {
+       return std::make_shared<PassthruProcessor>(id, PassthruProcessor::kType);
+     }},
+    {MakeFourCc("arel"), [](FourCc) -> std::shared_ptr<KvoxProcessor> { return nullptr; }},
+    {MakeFourCc("phbt"), [](FourCc) -> std::shared_ptr<KvoxProcessor> { return nullptr; }},
+};
+
+std::shared_ptr<KvoxProcessor> MakeProcessor(FourCc id, FourCc type) {
+  for (const ProcessorKind& kind : kKinds) {
+    if (kind.type == type) return kind.make(id);
+  }
+  return nullptr;
+}
+
+std::string EndpointName(const std::shared_ptr<AudioEndpoint>& endpoint) {
+  return endpoint ? endpoint->name() : "-";
+}
+
+constexpr char kNotFound[] = "Kvox processor not found";
+
+}  // namespace
+
+KvoxService::Status KvoxService::ListSupportedProcessors(CommandResult* result) {
+  std::string text = "Supported Kvox processors: ";
+  for (const ProcessorKind& kind : kKinds) text += ToString(kind.type) + " ";
+  print_command_status("ListSupportedProcessors", text, result);
+  return Status::ok();
+}
+
+KvoxService::Status KvoxService::ListProcessors(CommandResult* result) {
+  std::string text = "Kvox processors: ";
+  const auto processors = Processors();
+  if (processors.empty()) {
+    text += "  none";
+  } else {
+    text += FormatText<128>("\n  %-9s %-9s %-9s %-9s %-9s", "Id", "Type", "InBuffer", "OutBuffer",
+                            "Enabled");
+  }
+  for (const auto& processor : processors) {
+    text += FormatText<128>("\n  %-9s %-9s %-9s %-9s %-9u", processor->id_text(),
+                            processor->type_text(), EndpointName(processor->input()).c_str(),
+                            EndpointName(processor->output()).c_str(),
+                            processor->IsEnabled() ? 1u : 0u);
+  }
+  print_command_status("ListProcessors", text, result);
+  return Status::ok();
+}
+
+KvoxService::Status KvoxService::NewProcessor(int32_t id, CommandResult* result) {
+  return NewProcessorWithType(id, id, result);
+}
+
+KvoxService::Status KvoxService::NewProcessorWithType(int32_t id_number, int32_t type_number,
+                                                      CommandResult* result) {
+  const auto id = static_cast<FourCc>(id_number);
+  const auto type = static_cast<FourCc>(type_number);
+  const std::string id_text = ToString(id);
+  BeginCommand(FormatText<64>("Creating new processor '%s' of type '%s'", id_text.c_str(),
+                              ToString(type).c_str()),
+               result);
+  std::string text;
+  std::shared_ptr<KvoxProcessor> existing;  // let go of when every lock is released
+  MutexLock wiring(wiring_mutex_);
+  existing = TakeProcessor(id);
+  if (existing) {
+    text += "Deleting existing processor '" + id_text + "'\n";
+    existing->Disconnect();
+  }
+  if (const auto processor = MakeProcessor(id, type)) {
+    MutexLock lock(mutex_);
+    processors_.emplace(id, processor);
+  } else {
+    result->status = CommandStatus::INVALID_PROCESSOR;
+  }
+  print_command_status("NewProcessorWithType", text, result);
+  return Status::ok();
+}
+
+KvoxService::Status KvoxService::DeleteProcessor(int32_t id_number, CommandResult* result) {
+  const auto id = static_cast<FourCc>(id_number);
+  const std::string id_text = ToString(id);
+  BeginCommand(FormatText<64>("Deleting processor '%s'", id_text.c_str()), result);
+  std::string text;
+  std::shared_ptr<KvoxProcessor> processor;  // let go of when every lock is released
+  MutexLock wiring(wiring_mutex_);
+  processor = TakeProcessor(id);
+  if (processor) {
+    processor->Disconnect();
+  } else {
+    text = "Kvox processor '" + id_text + "' already deleted";
+  }
+  print_command_status("DeleteProcessor", text, result);
+  return Status::ok();
+}
+
+/// Out of the table; the caller unties and drops it.
+std::shared_ptr<KvoxProcessor> KvoxService::TakeProcessor(FourCc id) {
+  to_enable_again_.erase(id);
+  MutexLock lock(mutex_);
+  const auto found = processors_.find(id);
+  if (found == processors_.end()) return nullptr;
+  auto processor = std::move(found->second);
+  processors_.erase(found);
+  return processor;
+}
+
+KvoxService::Status KvoxService::ProcessorInfo(int32_t id, CommandResult* result) {
+  const auto code = static_cast<FourCc>(id);
+  BeginCommand(FormatText<64>("Processor '%s' info\n", ToString(code).c_str()), result);
+  std::string text;
+  if (const auto processor = FindProcessor(code)) {
+    std::vector<std::string> lines;
+    processor->Info(lines);
+    for (const std::string& line : lines) text += line + "\n";
+  } else {
+    result->status = CommandStatus::INVALID_PROCESSOR;
+  }
+  print_command_status("ProcessorInfo", text, result);
+  return Status::ok();
+}
+
+KvoxService::Status KvoxService::ProcessorEnable(int32_t id_number, bool enable,
+                                                 CommandResult* result) {
+  const auto id = static_cast<FourCc>(id_number);
+  BeginCommand(
+      FormatText<64>("%s processor '%s'", enable ? "Enable" : "Disable", ToString(id).c_str()),
+      result);
+  std::string text;
+  MutexLock wiring(wiring_mutex_);
+  if (const auto processor = FindProcessor(id)) {
+    to_enable_again_.erase(id);
+    const bool failed = processor->Enable(enable) != 0;
+    result->status = failed ? CommandStatus::ERROR : CommandStatus::OK;
+    MutexLock lock(mutex_);
+    updateWakeLock(result);
+  } else {
+    text = kNotFound;
+    result->status = CommandStatus::INVALID_PROCESSOR;
+  }
+  print_command_status("ProcessorEnable", text, result);
+  return Status::ok();
+}
+
+KvoxService::Status KvoxService::ProcessorIsEnabled(int32_t id_number, CommandResult* result) {
+  const auto id = static_cast<FourCc>(id_number);
+  const std::string request =
+      FormatText<64>("Get processor '%s' enabled state", ToString(id).c_str());
+  BeginCommand(request, result);
+  std::string text;
+  if (const auto processor = FindProcessor(id)) {
+    const bool enabled = processor->IsEnabled();
+    text = request + (enabled ? ": 1" : ": 0");
+    result->value = enabled ? 1.0f : 0.0f;
+  } else {
+    text = kNotFound;
+    result->status = CommandStatus::INVALID_PROCESSOR;
+    result->value = 0.0f;
+  }
+  print_command_status("ProcessorIsEnabled", text, result);
+  return Status::ok();
+}
+
+}  // namespace kvox
