@@ -1,0 +1,187 @@
+#include "daemon/control_channel.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <thread>
+#include <utility>
+
+#include "kvox/common/log.h"
+
+namespace kvox {
+namespace {
+
+constexpr int kOpenTests = 5;
+constexpr auto kOpenPause = std::chrono::milliseconds(100);
+constexpr auto kReplyBudget = std::chrono::milliseconds(500);
+
+/// The rest of a record that has begun follows at once or never.
+constexpr auto kPartialPatience = std::chrono::milliseconds(20);
+
+constexpr char kSender[] = "SendKvoxCommand";
+
+}  // namespace
+
+ControlChannel::ControlChannel(std::string device_path) : device_path_(std::move(device_path)) {}
+
+ControlChannel::~ControlChannel() {
+  Close();
+}
+
+void ControlChannel::Open() {
+  MutexLock lock(lock_);
+  openKvoxControl();
+}
+
+void ControlChannel::Close() {
+  MutexLock lock(lock_);
+  CloseLocked();
+}
+
+void ControlChannel::CloseLocked() {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+  stream_.DropPartial();
+  replies_.clear();
+}
+
+void ControlChannel::openKvoxControl() {
+  CloseLocked();
+  const char* const path = device_path_.c_str();
+  for (int test = 1; access(path, F_OK) != 0; ++test) {
+    if (test == kOpenTests) {
+      LogError("Cannot find %s\n", path);
+      fprintf(stderr, "ERROR: Cannot find %s\n", path);
+      return;
+    }
+    std::this_thread::sleep_for(kOpenPause);
+  }
+  fd_ = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd_ < 0) {
+    const std::string reason = std::strerror(errno);
+    LogError("Failed to open %s: %s", path, reason.c_str());
+    fprintf(stderr, "ERROR: Failed to open %s: %s", path, reason.c_str());
+    return;
+  }
+  LogInfo("Opened %s\n", path);
+}
+
+int32_t ControlChannel::Exchange(uint16_t opcode, CMD_HDR* record, size_t size) {
+  LogInfo("%s: send opcode 0x%x\n", kSender, opcode);
+  MutexLock lock(lock_);
+  record->opcode = opcode;
+  record->seq = static_cast<uint8_t>(commands_sent_++);
+  record->reserved = 0;
+  record->size = static_cast<uint16_t>(size);
+  if (!WriteRecord(opcode, record, size)) {
+    LogError("%s: Trying again\n", kSender);
+    openKvoxControl();
+    if (fd_ < 0 || !WriteRecord(opcode, record, size)) return -1;
+  }
+  return WaitForReply(opcode, record, size);
+}
+
+bool ControlChannel::WriteRecord(uint16_t opcode, const CMD_HDR* record, size_t size) {
+  const ssize_t written = write(fd_, record, size);
+  if (written == static_cast<ssize_t>(size)) return true;
+  LogError("%s: Error sending opcode 0x%x, status %ld, expected %lu", kSender, opcode,
+           static_cast<long>(written), static_cast<unsigned long>(size));
+  return false;
+}
+
+int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t size) {
+  const auto deadline = Clock::now() + kReplyBudget;
+  int32_t result = 0;
+  while (result == 0 && !TakeReply(opcode, record, size)) {
+    auto until = deadline;
+    if (stream_.partial()) until = std::min(until, Clock::now() + kPartialPatience);
+    switch (WaitReadable(until)) {
+      case Wait::kReadable:
+        result = ReadReplies(opcode, size);
+        break;
+      case Wait::kInterrupted:
+        break;
+      case Wait::kFailed:
+        result = -errno;
+        break;
+      case Wait::kHangUp:
+        LogError("%s: hang-up for opcode 0x%x", "waitForKvoxCommandResponse", opcode);
+        result = -1;
+        break;
+      case Wait::kQuiet:
+        if (const size_t partial = stream_.DropPartial(); partial > 0) {
+          LogError("wrong data sz %d != %d for opcode 0x%x", static_cast<int>(partial),
+                   static_cast<int>(size), opcode);
+        }
+        if (Clock::now() < deadline) break;
+        LogWarning("%s: timeout for opcode 0x%x", "waitForKvoxCommandResponse", opcode);
+        return -1;
+    }
+  }
+  if (result == 0) {
+    result = record->status;
+    if (result != 0) LogError("KVO opcode 0x%x reply status %d", opcode, result);
+  }
+  LogInfo("KVO reply OK");
+  return result;
+}
+
+ControlChannel::Wait ControlChannel::WaitReadable(Clock::time_point until) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+  pollfd device{.fd = fd_, .events = POLLIN, .revents = 0};
+  const int count = poll(&device, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+  if (count < 0) {
+    const int error = errno;
+    LogWarning("select err %d", error);
+    errno = error;
+    return error == EAGAIN || error == EINTR ? Wait::kInterrupted : Wait::kFailed;
+  }
+  if (count == 0) return Wait::kQuiet;
+  return (device.revents & POLLIN) != 0 ? Wait::kReadable : Wait::kHangUp;
+}
+
+/// Answers 0, or what ends the wait.
+int32_t ControlChannel::ReadReplies(uint16_t opcode, size_t size) {
+  std::array<std::byte, 4096> bytes;
+  const ssize_t count = read(fd_, bytes.data(), bytes.size());
+  if (count > 0) {
+    auto records = stream_.Append(std::span(bytes).first(static_cast<size_t>(count)));
+    std::move(records.begin(), records.end(), std::back_inserter(replies_));
+    return 0;
+  }
+  const int error = errno;
+  LogError("wrong data sz %d != %d for opcode 0x%x", static_cast<int>(count),
+           static_cast<int>(size), opcode);
+  if (count == 0) return -1;  // end of file: the co-processor has hung up
+  LogError("read err %d", error);
+  return -error;
+}
+
+/// Goes through the replies at hand, the oldest first, and drops those that are not the answer. A
+/// late answer to an earlier command with the same opcode passes for this one's.
+bool ControlChannel::TakeReply(uint16_t opcode, CMD_HDR* record, size_t size) {
+  while (!replies_.empty()) {
+    const std::vector<std::byte> reply = std::move(replies_.front());
+    replies_.pop_front();
+    if (reply.size() != size) {
+      LogError("wrong data sz %d != %d for opcode 0x%x", static_cast<int>(reply.size()),
+               static_cast<int>(size), opcode);
+      continue;
+    }
+    CMD_HDR header;
+    std::memcpy(&header, reply.data(), sizeof header);
+    std::memcpy(record, reply.data(), size);
+    if (header.opcode == opcode) return true;
+    LogError("mismatch reply id %u opcode 0x%x", header.opcode, opcode);
+  }
+  return false;
+}
+
+}  // namespace kvox

@@ -1,0 +1,57 @@
+// The daemon's frame: the process-wide singleton that owns the control channel, the wake lock and
+// the two threads - one serves binder calls, one runs the event loop for signals and device
+// changes.
+#pragma once
+
+#include <event2/event.h>
+#include <sys/inotify.h>
+
+#include <cstdint>
+#include <string>
+
+#include "daemon/control_channel.h"
+#include "kvox/common/log_ring.h"
+#include "service/coprocessor_link.h"
+
+namespace kvox {
+
+class Kvoxd : public CoprocessorLink {
+ public:
+  /// Made at the first call. Any thread.
+  static Kvoxd& Instance();
+
+  /// Body of the binder thread: makes the service, publishes it and serves calls.
+  void BinderThread(int);
+
+  /// Body of the event thread: runs the event loop until SIGINT or SIGHUP.
+  void EventThread(int);
+
+  int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) override;
+  void UpdateWakeLock(bool needed) override;
+
+ private:
+  Kvoxd();
+  ~Kvoxd() override;
+
+  static void _setup_events(evutil_socket_t, short, void* daemon);
+  static void _signal_handler(evutil_socket_t, short, void* daemon);
+  static void _inotify_read_event_cb(evutil_socket_t, short, void* daemon);
+
+  void WatchDevices();
+  void HandleDeviceEvent(const inotify_event& event);
+  void HandleOverflow();
+
+  const std::string device_directory_;
+  const std::string control_path_;
+  ControlChannel control_;
+  DeferredLog io_log_;
+  bool wake_lock_held_ = false;  // guarded by the lock of the service that calls UpdateWakeLock
+
+  // The event thread's.
+  event_base* event_base_ = nullptr;
+  event* startup_event_ = nullptr;
+  int inotify_fd_ = -1;
+  event* inotify_event_ = nullptr;
+};
+
+}  // namespace kvox

@@ -1,0 +1,63 @@
+// kvoxd: the daemon between the audio co-processor and its clients.
+
+#include <signal.h>
+
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include "daemon/kvoxd.h"
+#include "kvox/common/log.h"
+#include "platform/platform.h"
+#include "service/kvox_service.h"
+
+namespace {
+
+constexpr bool kEnableKvoxProcessing = KVOX_ENABLE_PROCESSING;
+constexpr bool kEnableKvoxPhonebooth = KVOX_ENABLE_PHONEBOOTH;
+
+/// A write to a peer that has gone is an ordinary error, and only the event thread handles signals.
+void PrepareSignals() {
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t handled;
+  sigemptyset(&handled);
+  sigaddset(&handled, SIGINT);
+  sigaddset(&handled, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &handled, nullptr);
+}
+
+/// kvoxd takes no arguments; whoever gives one wants to know about it.
+int PrintUsage(const char* argument) {
+  const bool asked = strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0;
+  if (strcmp(argument, "--version") == 0) {
+    puts("kvoxd " KVOX_VERSION);
+    return 0;
+  }
+  if (!asked) fprintf(stderr, "kvoxd: unexpected argument '%s'\n", argument);
+  fputs(
+      "Usage: kvoxd\n\n"
+      "Serves the audio co-processor's clients until it is ended with SIGTERM. Devices are found\n"
+      "in KVOX_DEV_DIR (default /dev), the service's socket is put into KVOX_RUNTIME_DIR.\n",
+      asked ? stdout : stderr);
+  return asked ? 0 : 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1) return PrintUsage(argv[1]);
+  PrepareSignals();
+  kvox::PreparePlatform();
+  kvox::ReleaseStaleWakeLock("kvox");
+  kvox::Kvoxd& daemon = kvox::Kvoxd::Instance();
+  kvox::LogInfo("Start %s\n", "Main");
+  kvox::LogInfo("enable_kvox_processing: %u", kEnableKvoxProcessing ? 1u : 0u);
+  kvox::LogInfo("enable_kvox_phonebooth: %u", kEnableKvoxPhonebooth ? 1u : 0u);
+  std::thread binder_thread(&kvox::Kvoxd::BinderThread, &daemon, 0);
+  kvox::KvoxService::WaitForServiceReady();
+  std::thread event_thread(&kvox::Kvoxd::EventThread, &daemon, 0);
+  binder_thread.join();
+  event_thread.join();
+  kvox::LogInfo("Stop %s\n", "Main");
+  return 0;
+}

@@ -1,0 +1,178 @@
+#include "daemon/control_channel.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <termios.h>
+
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_directory.h"
+
+namespace kvox {
+namespace {
+
+using Bytes = std::vector<std::byte>;
+using ::testing::ElementsAre;
+using ::testing::IsSupersetOf;
+
+/// The co-processor's end of a control device: a pseudo-terminal whose commands a test answers.
+class ControlChannelTest : public ::testing::Test {
+ protected:
+  void SetUp() override { Plug(); }
+  void TearDown() override { Unplug(); }
+
+  void Plug() {
+    int master = -1;
+    int slave = -1;
+    char name[64];
+    termios raw = {};
+    cfmakeraw(&raw);
+    ASSERT_EQ(openpty(&master, &slave, name, &raw, nullptr), 0);
+    master_ = OwnedFd(master);
+    slave_ = OwnedFd(slave);
+    ASSERT_EQ(symlink(name, path_.c_str()), 0);
+  }
+  void Unplug() {
+    directory_.Remove("control");
+    master_ = OwnedFd();
+    slave_ = OwnedFd();
+  }
+
+  /// Sends a tap-enable command; `device` plays the other end once the command has come.
+  int32_t Exchange(const std::function<void(Bytes command)>& device) {
+    std::thread player([&] {
+      pollfd ready{.fd = master_.get(), .events = POLLIN, .revents = 0};
+      if (poll(&ready, 1, 5000) != 1) return;
+      Bytes command(64);
+      const ssize_t count = read(master_.get(), command.data(), command.size());
+      command.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+      device(command);
+    });
+    record_ = {};
+    record_.enable = 1;
+    const int32_t status =
+        channel_.Exchange(CMD_KVOX_TAP_ENABLE_ID, &record_.header, sizeof record_);
+    player.join();
+    return status;
+  }
+
+  void Send(const Bytes& bytes) {
+    EXPECT_EQ(write(master_.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+
+  /// The command as a reply, with another status, opcode or length.
+  static Bytes Reply(Bytes command, int16_t status, uint16_t opcode = 0xCA) {
+    std::memcpy(command.data() + 6, &status, sizeof status);
+    std::memcpy(command.data() + 4, &opcode, sizeof opcode);
+    return command;
+  }
+
+  LogCapture log_;
+  TempDirectory directory_;
+  const std::string path_ = directory_ / "control";
+  OwnedFd master_;
+  OwnedFd slave_;
+  ControlChannel channel_{path_};
+  TapEnableRecord record_;
+};
+
+TEST_F(ControlChannelTest, CommandsAreNumberedAndCarryTheirReplyBack) {
+  channel_.Open();
+  EXPECT_EQ(log_.Take(), (std::vector<std::string>{"I Opened " + path_ + "\n"}));
+  for (int i = 0; i < 258; ++i) {
+    ASSERT_EQ(Exchange([&](Bytes command) {
+                ASSERT_EQ(command.size(), 16u);
+                CMD_HDR header;
+                std::memcpy(&header, command.data(), sizeof header);
+                EXPECT_EQ(header.seq, i % 256);
+                EXPECT_EQ(header.size, 16);
+                EXPECT_EQ(header.opcode, 0xCA);
+                EXPECT_EQ(header.status, 0);
+                command[15] = std::byte{0x77};
+                Send(command);
+              }),
+              0);
+    EXPECT_EQ(record_.reserved, 0x77);
+  }
+  log_.Take();
+  EXPECT_EQ(Exchange([&](Bytes command) { Send(Reply(command, -5)); }), -5);
+  EXPECT_THAT(log_.Take(), ElementsAre("I SendKvoxCommand: send opcode 0xca\n",
+                                       "E KVO opcode 0xca reply status -5", "I KVO reply OK"));
+}
+
+TEST_F(ControlChannelTest, WhatIsNotTheAnswerIsPassedOver) {
+  channel_.Open();
+  log_.Take();
+  EXPECT_EQ(Exchange([&](Bytes command) {
+              Bytes all = Reply(command, 1, 0xCB);  // stale: another opcode
+              Bytes shorter = command;
+              shorter.resize(12);
+              shorter[2] = std::byte{12};
+              const Bytes answer = Reply(command, 0);
+              all.insert(all.end(), shorter.begin(), shorter.end());
+              all.insert(all.end(), answer.begin(), answer.end());
+              Send(all);
+            }),
+            0);
+  EXPECT_THAT(
+      log_.Take(),
+      ElementsAre("I SendKvoxCommand: send opcode 0xca\n", "E mismatch reply id 203 opcode 0xca",
+                  "E wrong data sz 12 != 16 for opcode 0xca", "I KVO reply OK"));
+}
+
+TEST_F(ControlChannelTest, ACutReplyDoesNotSpoilTheNextOne) {
+  channel_.Open();
+  log_.Take();
+  EXPECT_EQ(Exchange([&](Bytes command) {
+              Bytes cut = command;
+              cut.resize(10);
+              Send(cut);
+              EXPECT_TRUE(log_.WaitFor("wrong data sz 10 != 16 for opcode 0xca"));
+              Send(Reply(command, 3));
+            }),
+            3);
+}
+
+TEST_F(ControlChannelTest, LateRepliesAreSkippedByOpcodeOnly) {
+  channel_.Open();
+  Bytes late;
+  EXPECT_EQ(Exchange([&](Bytes command) { late = command; }), -1);
+  EXPECT_EQ(log_.Count("W waitForKvoxCommandResponse: timeout for opcode 0xca"), 1u);
+  Send(Reply(late, 9));
+  EXPECT_EQ(Exchange([](const Bytes&) {}), 9) << "it passes for this command's own";
+}
+
+TEST_F(ControlChannelTest, AClosedChannelOpensForACommand) {
+  EXPECT_EQ(Exchange([&](Bytes command) { Send(command); }), 0);
+  EXPECT_THAT(log_.Take(),
+              IsSupersetOf(std::vector<std::string>{
+                  "E SendKvoxCommand: Error sending opcode 0xca, status -1, expected 16",
+                  "E SendKvoxCommand: Trying again\n", "I Opened " + path_ + "\n"}));
+}
+
+TEST_F(ControlChannelTest, AMissingDeviceIsAnErrorThatNamesIt) {
+  Unplug();
+  record_ = {};
+  EXPECT_EQ(channel_.Exchange(0xCA, &record_.header, sizeof record_), -1);
+  EXPECT_EQ(log_.Count("E Cannot find " + path_ + "\n"), 1u);
+  ASSERT_EQ(mkdir(path_.c_str(), 0700), 0);
+  channel_.Open();
+  EXPECT_EQ(log_.Count("E Failed to open " + path_ + ": Is a directory"), 1u);
+  rmdir(path_.c_str());
+}
+
+TEST_F(ControlChannelTest, AHangUpEndsTheWaitAtOnce) {
+  channel_.Open();
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_LT(Exchange([&](const Bytes&) { Unplug(); }), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(400));
+}
+
+}  // namespace
+}  // namespace kvox

@@ -1,0 +1,107 @@
+#include "tests/service/service_fixture.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::ElementsAre;
+
+class ProcessorCommands : public ServiceTest {
+ protected:
+  void SetUp() override {
+    MakeNodes({"tapout0", "inject0"});
+    StartService();
+  }
+};
+
+TEST(PrintCommandStatus, ShowsTheTextAndTheWordOfAFailure) {
+  const struct {
+    int status;
+    const char* text;
+    Lines lines;
+  } rows[] = {
+      {0, "", {}},
+      {0, "fine", {"fine"}},
+      {1, "", {"Name: ERROR"}},
+      {2, "who", {"who", "Name: INVALID PROCESSOR"}},
+      {3, "", {"Name: INVALID PARAMETER"}},
+      {4, "", {"Name: INVALID_VALUE"}},
+      {6, "", {"Name: Unknown error"}},
+      {-1, "cut \xc3", {"cut ?", "Name: Unknown error"}},
+  };
+  for (const auto& row : rows) {
+    LogCapture log;
+    CommandResult result;
+    result.status = static_cast<CommandStatus>(row.status);
+    print_command_status("Name", row.text, &result);
+    EXPECT_EQ(result.lines, row.lines);
+    const Lines logged = log.Take();
+    ASSERT_EQ(logged.size(), row.lines.size());
+    for (const std::string& line : logged) EXPECT_EQ(line[0], row.status == 0 ? 'I' : 'E');
+  }
+}
+
+TEST_F(ProcessorCommands, CreatingReplacesAndARefusedTypeStillDeletes) {
+  EXPECT_THAT(Call(&KvoxService::ListProcessors).lines, ElementsAre("Kvox processors:   none"));
+  EXPECT_THAT(Call(&KvoxService::NewProcessor, Code("pass")).lines,
+              ElementsAre("Creating new processor 'pass' of type 'pass'"));
+  Call(&KvoxService::NewProcessorWithType, Code("ABCD"), Code("pass"));
+  EXPECT_THAT(Call(&KvoxService::NewProcessorWithType, Code("ABCD"), Code("pass")).lines,
+              ElementsAre("Creating new processor 'ABCD' of type 'pass'",
+                          "Deleting existing processor 'ABCD'\n"));
+  EXPECT_THAT(Call(&KvoxService::ListProcessors).lines,
+              ElementsAre("Kvox processors: "
+                          "\n  Id        Type      InBuffer  OutBuffer Enabled  "
+                          "\n  ABCD      pass      -         -         0        "
+                          "\n  pass      pass      -         -         0        "));
+  const CommandResult refused = Call(&KvoxService::NewProcessorWithType, Code("ABCD"), 5);
+  EXPECT_EQ(StatusOf(refused), 2);
+  EXPECT_THAT(refused.lines, ElementsAre("Creating new processor 'ABCD' of type ''",
+                                         "Deleting existing processor 'ABCD'\n",
+                                         "NewProcessorWithType: INVALID PROCESSOR"));
+  EXPECT_EQ(StatusOf(Call(&KvoxService::ProcessorInfo, Code("ABCD"))), 2);
+  EXPECT_THAT(Call(&KvoxService::ListSupportedProcessors).lines,
+              ElementsAre("Supported Kvox processors: pass arel phbt "));
+}
+
+TEST_F(ProcessorCommands, DeletingWhatIsNotThereIsNoError) {
+  Call(&KvoxService::NewProcessor, Code("pass"));
+  EXPECT_THAT(Call(&KvoxService::DeleteProcessor, Code("pass")).lines,
+              ElementsAre("Deleting processor 'pass'"));
+  const CommandResult again = Call(&KvoxService::DeleteProcessor, Code("pass"));
+  EXPECT_EQ(StatusOf(again), 0);
+  EXPECT_THAT(again.lines,
+              ElementsAre("Deleting processor 'pass'", "Kvox processor 'pass' already deleted"));
+}
+
+TEST_F(ProcessorCommands, EnablingReportsTheWakeLockPolicy) {
+  Call(&KvoxService::NewProcessorWithType, Code("hwae"), Code("pass"));
+  EXPECT_THAT(Call(&KvoxService::ProcessorEnable, Code("hwae"), true).lines,
+              ElementsAre("Enable processor 'hwae'",
+                          "0 buffers enabled, 1 processor active, wakelock needed: 0"));
+  const CommandResult enabled = Call(&KvoxService::ProcessorIsEnabled, Code("hwae"));
+  EXPECT_EQ(enabled.value, 1.0f);
+  EXPECT_THAT(enabled.lines, ElementsAre("Get processor 'hwae' enabled state",
+                                         "Get processor 'hwae' enabled state: 1"));
+  EXPECT_THAT(Call(&KvoxService::ProcessorEnable, Code("hwae"), false).lines,
+              ElementsAre("Disable processor 'hwae'",
+                          "0 buffers enabled, 0 processors active, wakelock needed: 0"));
+  EXPECT_THAT(Call(&KvoxService::ProcessorInfo, Code("hwae")).lines,
+              ElementsAre("Processor 'hwae' info\n",
+                          "  Id:      hwae\n  Type:    pass\n  Enabled: 0\n  Input:   none\n"
+                          "  Output:  none\n"));
+  EXPECT_THAT(Call(&KvoxService::ProcessorEnable, Code("none"), true).lines,
+              ElementsAre("Enable processor 'none'", "Kvox processor not found",
+                          "ProcessorEnable: INVALID PROCESSOR"));
+  EXPECT_THAT(Call(&KvoxService::ProcessorIsEnabled, Code("none")).lines,
+              ElementsAre("Get processor 'none' enabled state", "Kvox processor not found",
+                          "ProcessorIsEnabled: INVALID PROCESSOR"));
+}
+
+TEST_F(ProcessorCommands, CodesThatAreNotTextLeaveValidLines) {
+  const auto id = static_cast<int32_t>(0xff41c3a9);
+  const CommandResult result = Call(&KvoxService::NewProcessorWithType, id, Code("pass"));
+  EXPECT_THAT(result.lines, ElementsAre("Creating new processor '?A\xc3\xa9' of type 'pass'"));
+}
+
+}  // namespace
+}  // namespace kvox

@@ -1,0 +1,172 @@
+// A KvoxService on fake surroundings: a co-processor that answers at once, device nodes in a
+// private directory, and recoveries that run when the test says so, without a thread or a pause.
+#pragma once
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "daemon/device_events.h"
+#include "service/kvox_service.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_directory.h"
+
+namespace kvox {
+
+/// Keeps what it was sent; answers from a list of tap points, or with a failure.
+class FakeCoprocessor : public CoprocessorLink {
+ public:
+  int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) override {
+    const auto* const bytes = reinterpret_cast<const uint8_t*>(record);
+    sent.emplace_back(bytes + sizeof(CMD_HDR), bytes + size);
+    opcodes.push_back(opcode);
+    if (const auto failure = failures.find(opcode); failure != failures.end())
+      return failure->second;
+    if (opcode == CMD_KVOX_TAP_LIST_ID) List(*reinterpret_cast<TapListRecord*>(record));
+    if (opcode == CMD_TAP_INFO_ID) Tell(*reinterpret_cast<TapInfoRecord*>(record));
+    return 0;
+  }
+  void UpdateWakeLock(bool needed) override { wake_lock = needed; }
+
+  std::vector<TapInfoState> taps;
+  std::map<uint16_t, int32_t> failures;
+  std::vector<uint16_t> opcodes;
+  std::vector<std::vector<uint8_t>> sent;  // payloads
+  bool wake_lock = false;
+  bool endless_list = false;
+
+ private:
+  void List(TapListRecord& record) {
+    size_t skip = size_t{record.page} * kTapListPageEntries;
+    size_t entry = 0;
+    for (const TapInfoState& tap : taps) {
+      if (tap.core != record.core || entry == kTapListPageEntries) continue;
+      if (skip > 0 && !endless_list) {
+        --skip;
+        continue;
+      }
+      record.entries[entry].tap = tap.tap;
+      record.entries[entry++].index = tap.index;
+    }
+  }
+  void Tell(TapInfoRecord& record) {
+    for (const TapInfoState& tap : taps) {
+      if (tap.tap == record.state.tap && tap.index == record.state.index) record.state = tap;
+    }
+  }
+};
+
+/// A recovery that runs when told to, through scans and late arrivals.
+class ManualRecovery : public Recovery, public RecoveryPacer {
+ public:
+  explicit ManualRecovery(Body body) : body_(std::move(body)) {}
+  void NoteArrival() override {}
+  void RequestStop() override {}
+
+  bool Pause(std::chrono::milliseconds) override { return ++pauses, true; }
+  bool stopping() const override { return false; }
+  void ScanBegins() override {}
+  bool WaitForArrivals() override {
+    if (late_arrivals.empty()) return false;
+    late_arrivals.front()();
+    late_arrivals.erase(late_arrivals.begin());
+    return true;
+  }
+
+  void Run() { body_(*this); }
+
+  int pauses = 0;
+  std::vector<std::function<void()>> late_arrivals;
+
+ private:
+  const Body body_;
+};
+
+class ServiceTest : public ::testing::Test {
+ protected:
+  /// Nodes "tapoutN" and "injectN"; the injects get a reader, so that they can be opened.
+  void MakeNodes(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+      directory_.MakeFifo("xdv-kvox_" + name);
+      if (name.starts_with("inject")) {
+        readers_.emplace_back(
+            open((directory_ / ("xdv-kvox_" + name)).c_str(), O_RDONLY | O_NONBLOCK));
+      }
+    }
+  }
+  void RemoveNodes(const std::vector<std::string>& names) {
+    for (const std::string& name : names) directory_.Remove("xdv-kvox_" + name);
+  }
+
+  void StartService() {
+    ManualRecovery pacer([](RecoveryPacer&) {});
+    service_ = ndk::SharedRefBase::make<KvoxService>(
+        ServiceEnvironment{.link = link_,
+                           .io = SystemDeviceIo(),
+                           .io_log = log_,
+                           .device_directory = directory_.path(),
+                           .start_recovery =
+                               [this](Recovery::Body body) {
+                                 auto recovery = std::make_unique<ManualRecovery>(std::move(body));
+                                 recovery_ = recovery.get();
+                                 return recovery;
+                               }},
+        pacer);
+    startup_pauses_ = pacer.pauses;
+    log_.Take();
+  }
+
+  void Event(uint32_t mask, const std::string& name) {
+    const InotifyEventBytes event(mask, name);
+    service_->HandleInotifyEvent(&event.event());
+  }
+
+  /// The co-processor goes and comes; everything is restored when this returns.
+  void Restart(std::vector<std::function<void()>> late_arrivals = {}) {
+    Event(IN_DELETE, "xdv-kvox_tapout0");
+    Event(IN_CREATE, "xdv-kvox_tapout0");
+    link_.opcodes.clear();
+    link_.sent.clear();
+    log_.Take();
+    recovery_->late_arrivals = std::move(late_arrivals);
+    recovery_->Run();
+  }
+
+  /// Calls a command on a fresh result.
+  template <typename... Parameters, typename... Arguments>
+  CommandResult Call(KvoxService::Status (KvoxService::*method)(Parameters...),
+                     Arguments... arguments) {
+    CommandResult result;
+    EXPECT_TRUE((service_.get()->*method)(arguments..., &result).isOk());
+    return result;
+  }
+
+  LogCapture log_;
+  TempDirectory directory_;
+  FakeCoprocessor link_;
+  std::shared_ptr<KvoxService> service_;
+  ManualRecovery* recovery_ = nullptr;
+  int startup_pauses_ = 0;
+
+ private:
+  std::vector<OwnedFd> readers_;
+};
+
+/// A four-character code as commands take it.
+consteval int32_t Code(const char (&text)[5]) {
+  return static_cast<int32_t>(MakeFourCc(text));
+}
+
+using Lines = std::vector<std::string>;
+
+inline int StatusOf(const CommandResult& result) {
+  return static_cast<int>(result.status);
+}
+
+}  // namespace kvox

@@ -1,0 +1,126 @@
+#include "tests/service/service_fixture.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::ElementsAre;
+
+TapInfoState Tap(const char (&name)[5], uint8_t index, uint8_t core = 2) {
+  FourCc code = 0;
+  for (int i = 0; i < 4; ++i) code = code << 8 | static_cast<uint8_t>(name[i]);
+  return {.tap = code,
+          .index = index,
+          .core = core,
+          .enabled = 1,
+          .sample_rate = 44100,
+          .block_length = 480,
+          .channels = 2,
+          .bytes_per_sample = 2,
+          .tapout_buffer = 0,
+          .inject_buffer = kNoBuffer};
+}
+
+class TapCommands : public ServiceTest {
+ protected:
+  void SetUp() override {
+    MakeNodes({"tapout0", "inject0"});
+    StartService();
+  }
+};
+
+TEST_F(TapCommands, ListsPageByPage) {
+  EXPECT_THAT(Call(&KvoxService::TapList, 2).lines,
+              ElementsAre("KVO tap list core:2", "  No tap points registered"));
+  link_.taps = {Tap("aaaa", 0), Tap("bbbb", 1), Tap("cccc", 2), Tap("dddd", 3)};
+  link_.opcodes.clear();
+  const CommandResult list = Call(&KvoxService::TapList, 2);
+  EXPECT_THAT(link_.opcodes, ElementsAre(0xCC, 0xCD, 0xCD, 0xCD, 0xCD, 0xCC));
+  EXPECT_THAT(
+      list.lines,
+      ElementsAre("KVO tap list core:2",
+                  "  Id        Format              BlockLen  NonInterl JitterBuf OutBuffer "
+                  "InBuffer  Enabled  "
+                  "\n  aaaa.0    44.1kHz, 2ch, i16   480       0         0         tapout0   "
+                  "-         1        "
+                  "\n  bbbb.1    44.1kHz, 2ch, i16   480       0         0         tapout0   "
+                  "-         1        "
+                  "\n  cccc.2    44.1kHz, 2ch, i16   480       0         0         tapout0   "
+                  "-         1        "
+                  "\n  dddd.3    44.1kHz, 2ch, i16   480       0         0         tapout0   "
+                  "-         1        "));
+}
+
+TEST_F(TapCommands, ListsThatFailOrNeverEndAreOneAnswer) {
+  link_.failures[CMD_TAP_INFO_ID] = -5;
+  link_.taps = {Tap("aaaa", 0)};
+  CommandResult list = Call(&KvoxService::TapList, 2);
+  EXPECT_EQ(StatusOf(list), 0);
+  EXPECT_EQ(list.lines.back(), "  No tap points");
+  link_.failures.clear();
+  link_.taps.assign(4, Tap("aaaa", 0));
+  link_.endless_list = true;
+  link_.opcodes.clear();
+  list = Call(&KvoxService::TapList, 2);
+  EXPECT_EQ(list.lines.back(), "  No tap points");
+  EXPECT_EQ(std::count(link_.opcodes.begin(), link_.opcodes.end(), CMD_KVOX_TAP_LIST_ID), 256);
+}
+
+TEST_F(TapCommands, RequestsTravelAsWritten) {
+  Call(&KvoxService::TapEnable, 2, Code("imic"), 1, true);
+  Call(&KvoxService::TapSetBlockLength, 258, Code("imic"), 0, 960);
+  Call(&KvoxService::tapSetJitterBuffer, 2, Code("imic"), 0, 70000);
+  Call(&KvoxService::ConnectTap, 4, Code("vpdl"), 0, 0, -1);
+  using Bytes = std::vector<uint8_t>;
+  ASSERT_EQ(link_.sent.size(), 5u);
+  EXPECT_EQ(link_.sent[0], (Bytes{'c', 'i', 'm', 'i', 1, 2, 1, 0}));
+  EXPECT_EQ(link_.sent[1], (Bytes{'c', 'i', 'm', 'i', 0, 2, 0, 0, 0xC0, 3, 0, 0}));
+  EXPECT_EQ(link_.sent[2], (Bytes{'c', 'i', 'm', 'i', 0, 2, 0, 0, 0x70, 0x11, 1, 0}));
+  EXPECT_EQ(link_.sent[3], (Bytes{'l', 'd', 'p', 'v', 0, 4, 0, 0, 0, 0xFF}));
+}
+
+TEST_F(TapCommands, FailuresNameTheOpcode) {
+  for (const int opcode : {0xCA, 0xCB, 0xCD, 0xCE, 0xCF}) {
+    link_.failures[static_cast<uint16_t>(opcode)] = -22;
+  }
+  EXPECT_THAT(Call(&KvoxService::TapEnable, 2, Code("imic"), 0, false).lines,
+              ElementsAre("Disable tap point info [core 2 tap imic.0]",
+                          "CMD_KVOX_TAP_ENABLE_ID failed, status -22", "TapEnable: ERROR"));
+  EXPECT_THAT(
+      Call(&KvoxService::TapSetBlockLength, 2, Code("imic"), 0, -1).lines,
+      ElementsAre("Set tap point [core 2 tap imic.0] block length to 4294967295",
+                  "CMD_KVOX_TAP_SET_BLOCK_LEN_ID failed, status -22", "TapSetBlockLength: ERROR"));
+  EXPECT_THAT(Call(&KvoxService::tapSetJitterBuffer, 2, Code("imic"), 0, 5).lines,
+              ElementsAre("Set tap point [core 2 tap imic.0] jitter buffer to 5",
+                          "CMD_KVOX_TAP_SET_JITTER_BUFFER_ID failed, status -22",
+                          "tapSetJitterBuffer: ERROR"));
+  EXPECT_THAT(Call(&KvoxService::TapInfo, 2, Code("imic"), 0).lines,
+              ElementsAre("Get tap point info [core 2 tap imic.0]", "TapInfo: ERROR"));
+  EXPECT_THAT(Call(&KvoxService::ConnectTap, 2, Code("imic"), 0, 0, 0).lines,
+              ElementsAre("Connect [core 2 tap imic.0] --> tap-out buffer 0, inject buffer 0 --> "
+                          "[core 2 tap imic.0]",
+                          "CMD_KVOX_TAP_BIND_ID failed, status -22", "ConnectTap: ERROR"));
+}
+
+TEST(TapKey, OrdersByTapThenIndexThenCoreAndPutsHighIndicesLast) {
+  const std::vector<TapKey> ordered = {{9, MakeFourCc("aaaa"), 0},   {1, MakeFourCc("aaaa"), 1},
+                                       {2, MakeFourCc("aaaa"), 1},   {0, MakeFourCc("bbbb"), 0},
+                                       {0, MakeFourCc("aaaa"), 128}, {0, MakeFourCc("aaaa"), 129}};
+  EXPECT_TRUE(std::is_sorted(ordered.begin(), ordered.end()));
+  EXPECT_EQ(TapKey(3, MakeFourCc("aaaa"), 200), TapKey(3, MakeFourCc("bbbb"), 200));
+}
+
+TEST_F(TapCommands, BufferListsHaveTheirOwnColumns) {
+  Call(&KvoxService::NewProcessor, Code("pass"));
+  Call(&KvoxService::Connect, Code("pass"), 0, -1);
+  EXPECT_THAT(Call(&KvoxService::ListTapOutBuffers).lines,
+              ElementsAre("Tap-out buffers:",
+                          "  Id        Name      InProc    OutProc   Enabled"
+                          "\n  0         tapout0   -         pass      0        "));
+  EXPECT_THAT(Call(&KvoxService::ListInjectBuffers).lines,
+              ElementsAre("Inject buffers:",
+                          "  Id        Name      InProc    OutProc   Enabled  "
+                          "\n  0         inject0   -         -         0        "));
+}
+
+}  // namespace
+}  // namespace kvox
