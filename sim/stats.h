@@ -1,0 +1,42 @@
+// What the simulator counted, as tables for people and as JSON for programs. docs/simulator.md
+// defines the JSON keys. Pure.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "sim/co_processor.h"
+#include "sim/control_point.h"
+#include "sim/packet_reassembler.h"
+
+namespace kvox::sim {
+
+struct InjectCounts {
+  uint8_t id = 0;
+  uint64_t unbound = 0;  // packets that came while no tap was bound to the device
+  ReassemblyCounts stream = {};
+};
+
+struct Stats {
+  double seconds = 0;  // since the start
+  double speed = 1;
+  const CoProcessor* co_processor = nullptr;
+  CommandCounts commands = {};
+  uint64_t junk_bytes = 0;  // on the control device
+  uint64_t replies_dropped = 0;
+  std::vector<InjectCounts> injects = {};
+};
+
+/// One JSON object and a newline.
+std::string StatsJson(const Stats& stats);
+
+/// Tables of what is not zero.
+std::string StatsTable(const Stats& stats);
+
+/// What is simulated: cores, taps with format, source and sink, devices.
+std::string ScenarioTable(const CoProcessor& co_processor, const std::filesystem::path& directory,
+                          double speed);
+
+}  // namespace kvox::sim

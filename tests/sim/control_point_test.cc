@@ -1,0 +1,260 @@
+#include "sim/control_point.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kvox::sim {
+namespace {
+
+constexpr char kScenario[] = R"(
+cores = [2, 3, 9]
+tapouts = [0, 20]
+injects = [20]
+[[tap]]
+name = "imic"
+core = 2
+channels = 2
+[[tap]]
+name = "aux"
+index = 0
+core = 2
+[[tap]]
+name = "aux"
+index = 1
+core = 2
+[[tap]]
+name = "aux"
+index = 2
+core = 2
+[[tap]]
+name = "aux"
+index = 3
+core = 2
+format = "float"
+rate = 16000
+[[tap]]
+name = "aux"
+index = 0
+core = 3
+)";
+
+constexpr TapAddress kMic{.tap = MakeFourCc("imic"), .index = 0, .core = 2};
+constexpr TapAddress kAux3{.tap = 0x61757800, .index = 3, .core = 2};
+
+template <typename Record>
+Record Command(ControlOpcode opcode) {
+  Record record;
+  record.header.size = sizeof record;
+  record.header.opcode = opcode;
+  record.header.seq = 77;
+  return record;
+}
+
+TapEnableRecord EnableCommand(const TapAddress& address, uint8_t enable) {
+  auto record = Command<TapEnableRecord>(CMD_KVOX_TAP_ENABLE_ID);
+  record.address = address;
+  record.enable = enable;
+  return record;
+}
+
+TapBindRecord BindCommand(const TapAddress& address, uint8_t tapout, uint8_t inject) {
+  auto record = Command<TapBindRecord>(CMD_KVOX_TAP_BIND_ID);
+  record.address = address;
+  record.tapout_buffer = tapout;
+  record.inject_buffer = inject;
+  return record;
+}
+
+TapSettingRecord SettingCommand(ControlOpcode opcode, const TapAddress& address, uint32_t value) {
+  auto record = Command<TapSettingRecord>(opcode);
+  record.address = address;
+  record.value = value;
+  return record;
+}
+
+TapListRecord ListCommand(uint8_t core, uint8_t page) {
+  auto record = Command<TapListRecord>(CMD_KVOX_TAP_LIST_ID);
+  record.core = core;
+  record.page = page;
+  return record;
+}
+
+class ControlPointTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Scenario scenario;
+    std::string error;
+    ASSERT_TRUE(ParseScenario(kScenario, "s.toml", "", scenario, error)) << error;
+    co_processor_ = CoProcessor::Create(scenario, error);
+    ASSERT_NE(co_processor_, nullptr) << error;
+    control_ = std::make_unique<ControlPoint>(*co_processor_, journal_);
+  }
+
+  template <typename Record>
+  Record Answer(Record record) {
+    control_->Answer(std::as_writable_bytes(std::span(&record, 1)));
+    return record;
+  }
+  template <typename Record>
+  int StatusOf(Record record) {
+    const Record reply = Answer(record);
+    EXPECT_EQ(reply.header.opcode, record.header.opcode);
+    EXPECT_EQ(reply.header.size, record.header.size);
+    EXPECT_EQ(reply.header.seq, 77);
+    return reply.header.status;
+  }
+  TapInfoState Info(const TapAddress& address) {
+    auto record = Command<TapInfoRecord>(CMD_TAP_INFO_ID);
+    record.state = {.tap = address.tap, .index = address.index, .core = address.core};
+    const TapInfoRecord reply = Answer(record);
+    EXPECT_EQ(reply.header.status, 0);
+    return reply.state;
+  }
+
+  Journal journal_;
+  std::unique_ptr<CoProcessor> co_processor_;
+  std::unique_ptr<ControlPoint> control_;
+};
+
+TEST_F(ControlPointTest, ListsTheTapsOfACoreInPagesOfFour) {
+  const TapListRecord first = Answer(ListCommand(2, 0));
+  EXPECT_EQ(first.entries[0].tap, MakeFourCc("imic"));
+  EXPECT_EQ(first.entries[3].tap, kAux3.tap);
+  EXPECT_EQ(first.entries[3].index, 2);
+  auto dirty = ListCommand(2, 1);
+  dirty.entries[3].tap = 5;
+  const TapListRecord second = Answer(dirty);
+  EXPECT_EQ(second.entries[0].index, 3);
+  EXPECT_EQ(second.entries[1].tap, 0u);
+  EXPECT_EQ(second.entries[3].tap, 0u) << "what the command holds there does not come back";
+  EXPECT_EQ(Answer(ListCommand(2, 255)).entries[0].tap, 0u);
+  EXPECT_EQ(Answer(ListCommand(9, 0)).entries[0].tap, 0u) << "a core without taps";
+  EXPECT_EQ(StatusOf(ListCommand(9, 0)), 0);
+}
+
+TEST_F(ControlPointTest, InformationFollowsWhatIsSet) {
+  TapInfoState info = Info(kAux3);
+  EXPECT_EQ(info.sample_rate, 16000u);
+  EXPECT_EQ(info.channels, 1);
+  EXPECT_EQ(info.bytes_per_sample, 4);
+  EXPECT_EQ(info.enabled, 0);
+  EXPECT_EQ(info.tapout_buffer, kNoBuffer);
+
+  EXPECT_EQ(StatusOf(BindCommand(kAux3, 0, 20)), 0);
+  EXPECT_EQ(StatusOf(SettingCommand(CMD_KVOX_TAP_SET_BLOCK_LEN_ID, kAux3, 160)), 0);
+  EXPECT_EQ(StatusOf(SettingCommand(CMD_KVOX_TAP_SET_JITTER_BUFFER_ID, kAux3, 70000)), 0);
+  EXPECT_EQ(StatusOf(EnableCommand(kAux3, 1)), 0);
+  info = Info(kAux3);
+  EXPECT_EQ(info.block_length, 160u);
+  EXPECT_EQ(info.tapout_buffer, 0);
+  EXPECT_EQ(info.inject_buffer, 20);
+  EXPECT_EQ(info.enabled, 1);
+  EXPECT_EQ(co_processor_->Find(kAux3)->jitter_buffer, 70000u);
+
+  EXPECT_EQ(StatusOf(EnableCommand(kAux3, 0)), 0);
+  EXPECT_EQ(StatusOf(BindCommand(kAux3, kNoBuffer, kNoBuffer)), 0);
+  EXPECT_EQ(Info(kAux3).enabled, 0);
+  EXPECT_EQ(Info(kAux3).inject_buffer, kNoBuffer);
+}
+
+TEST_F(ControlPointTest, RefusalsHaveTheirStatusAndChangeNothing) {
+  const TapAddress no_tap{.tap = kMic.tap, .index = 0, .core = 3};
+  const TapAddress no_core{.tap = kMic.tap, .index = 0, .core = 4};
+  auto unknown = EnableCommand(kMic, 1);
+  unknown.header.opcode = 0xD0;
+  auto wrong_size = EnableCommand(kMic, 1);
+  wrong_size.header.opcode = CMD_KVOX_TAP_BIND_ID;
+  EXPECT_EQ(StatusOf(EnableCommand(no_tap, 1)), -2);
+  EXPECT_EQ(StatusOf(EnableCommand(no_core, 1)), -6);
+  EXPECT_EQ(StatusOf(ListCommand(4, 0)), -6);
+  EXPECT_EQ(StatusOf(BindCommand(kMic, 21, 20)), -19);
+  EXPECT_EQ(StatusOf(BindCommand(kMic, 20, 0)), -19);
+  EXPECT_EQ(StatusOf(EnableCommand(kMic, 2)), -22);
+  EXPECT_EQ(StatusOf(SettingCommand(CMD_KVOX_TAP_SET_BLOCK_LEN_ID, kMic, 0)), -22);
+  EXPECT_EQ(StatusOf(SettingCommand(CMD_KVOX_TAP_SET_BLOCK_LEN_ID, kMic, 0xFFFFFFFE)), -22);
+  EXPECT_EQ(StatusOf(unknown), -38);
+  EXPECT_EQ(StatusOf(wrong_size), -90);
+
+  const Tap& mic = *co_processor_->Find(kMic);
+  EXPECT_FALSE(mic.enabled);
+  EXPECT_EQ(mic.tapout, kNoBuffer);
+  EXPECT_EQ(mic.block_length, 480u);
+  EXPECT_EQ(control_->counts(), (CommandCounts{{{0, -38}, 1},
+                                               {{CMD_KVOX_TAP_ENABLE_ID, -2}, 1},
+                                               {{CMD_KVOX_TAP_ENABLE_ID, -6}, 1},
+                                               {{CMD_KVOX_TAP_ENABLE_ID, -22}, 1},
+                                               {{CMD_KVOX_TAP_LIST_ID, -6}, 1},
+                                               {{CMD_KVOX_TAP_BIND_ID, -19}, 2},
+                                               {{CMD_KVOX_TAP_BIND_ID, -90}, 1},
+                                               {{CMD_KVOX_TAP_SET_BLOCK_LEN_ID, -22}, 2}}));
+}
+
+TEST_F(ControlPointTest, OfSeveralTapsOnOneDeviceTheLastEnabledHasIt) {
+  Answer(BindCommand(kMic, 20, 20));
+  EXPECT_EQ(co_processor_->StreamingInto(20), nullptr);
+  EXPECT_EQ(co_processor_->ReceivingFrom(20), co_processor_->Find(kMic));
+  Answer(EnableCommand(kMic, 1));
+  Answer(BindCommand(kAux3, 20, 20));
+  EXPECT_EQ(co_processor_->StreamingInto(20), co_processor_->Find(kMic));
+  EXPECT_EQ(co_processor_->ReceivingFrom(20), co_processor_->Find(kMic));
+  Answer(EnableCommand(kAux3, 1));
+  EXPECT_EQ(co_processor_->StreamingInto(20), co_processor_->Find(kAux3));
+  Answer(EnableCommand(kAux3, 0));
+  EXPECT_EQ(co_processor_->StreamingInto(20), co_processor_->Find(kMic));
+}
+
+using Bytes = std::vector<std::byte>;
+
+template <typename Record>
+Bytes ToBytes(const Record& record) {
+  const auto bytes = std::as_bytes(std::span(&record, 1));
+  return Bytes(bytes.begin(), bytes.end());
+}
+
+Bytes operator+(Bytes left, const Bytes& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
+TEST(RecordSplitter, FindsRecordsHoweverTheyArrive) {
+  const Bytes enable = ToBytes(EnableCommand(kMic, 1));
+  const Bytes list = ToBytes(ListCommand(2, 0));
+  const Bytes junk(13, std::byte{'x'});
+  const Bytes stream = junk + enable + list + junk + enable;
+  for (const size_t piece : {size_t{1}, size_t{7}, size_t{16}, stream.size()}) {
+    std::vector<Bytes> records;
+    RecordSplitter splitter(
+        [&](auto record) { records.emplace_back(record.begin(), record.end()); });
+    for (size_t at = 0; at < stream.size(); at += piece) {
+      splitter.Feed(std::span(stream).subspan(at, std::min(piece, stream.size() - at)));
+    }
+    EXPECT_EQ(records, (std::vector<Bytes>{enable, list, enable})) << "in pieces of " << piece;
+    EXPECT_EQ(splitter.junk_bytes(), 26u);
+    EXPECT_FALSE(splitter.partial());
+  }
+}
+
+TEST(RecordSplitter, WhatNeverBecomesARecordHidesNoneBehindIt) {
+  const Bytes enable = ToBytes(EnableCommand(kMic, 1));
+  Bytes likely(8);  // a header that promises 200 bytes
+  likely[2] = std::byte{200};
+  std::vector<Bytes> records;
+  RecordSplitter splitter([&](auto record) { records.emplace_back(record.begin(), record.end()); });
+  splitter.Feed(likely + enable);
+  EXPECT_TRUE(records.empty());
+  ASSERT_TRUE(splitter.partial());
+  splitter.GiveUpPartial();
+  EXPECT_EQ(records, (std::vector<Bytes>{enable}));
+  EXPECT_EQ(splitter.junk_bytes(), 8u);
+  splitter.Feed(Bytes(3));
+  splitter.GiveUpPartial();
+  EXPECT_EQ(splitter.junk_bytes(), 11u);
+  EXPECT_FALSE(splitter.partial());
+}
+
+}  // namespace
+}  // namespace kvox::sim

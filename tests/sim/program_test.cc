@@ -1,0 +1,289 @@
+// Runs the real program in a directory of its own and plays the daemon's part.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "kvox/common/control_records.h"
+#include "kvox/common/kvox_packet.h"
+#include "tests/sim/wav_file.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_directory.h"
+
+namespace kvox::sim {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using namespace std::chrono_literals;
+
+constexpr TapAddress kMic{.tap = MakeFourCc("imic"), .index = 0, .core = 2};
+
+class Fd {
+ public:
+  Fd(const std::filesystem::path& path, int flags)
+      : fd_(open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
+    EXPECT_GE(fd_, 0) << path << ": " << std::strerror(errno);
+  }
+  ~Fd() { close(fd_); }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+
+  /// Exactly `size` bytes, fewer when they do not arrive in time.
+  std::vector<std::byte> Read(size_t size) {
+    std::vector<std::byte> bytes(size);
+    size_t at = 0;
+    EXPECT_TRUE(WaitFor([&] {
+      pollfd readable{.fd = fd_, .events = POLLIN, .revents = 0};
+      if (poll(&readable, 1, 100) <= 0) return false;
+      const ssize_t got = read(fd_, &bytes[at], size - at);
+      if (got > 0) at += static_cast<size_t>(got);
+      return at == size;
+    }));
+    return bytes;
+  }
+  void Write(const void* data, size_t size) {
+    EXPECT_EQ(write(fd_, data, size), static_cast<ssize_t>(size));
+  }
+
+ private:
+  const int fd_;
+};
+
+class ProgramTest : public ::testing::Test {
+ protected:
+  ProgramTest() {
+    signal(SIGPIPE, SIG_IGN);
+    std::filesystem::create_directory(Device(""));
+    setenv("KVOX_DEV_DIR", Device("").c_str(), 1);
+  }
+  std::filesystem::path Device(const std::string& name) const { return directory_ / "dev" / name; }
+  bool NoDevices() const { return std::filesystem::is_empty(Device("")); }
+
+  /// Starts kvosim and waits for the last of its devices.
+  std::unique_ptr<Process> Start(std::vector<std::string> arguments,
+                                 const char* last = "tapout41") {
+    auto process =
+        std::make_unique<Process>(KVOSIM_PROGRAM, std::move(arguments), directory_ / "kvosim");
+    const auto path = Device(std::string("xdv-kvox_") + last);
+    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(path); })) << process->Err();
+    return process;
+  }
+  /// Runs kvosim to its end.
+  int Run(std::vector<std::string> arguments) {
+    Process process(KVOSIM_PROGRAM, std::move(arguments), directory_ / "kvosim");
+    const int status = process.Wait();
+    out_ = process.Out();
+    err_ = process.Err();
+    return status;
+  }
+  template <typename Record>
+  int Send(Fd& control, ControlOpcode opcode, Record record) {
+    record.header.size = sizeof record;
+    record.header.opcode = opcode;
+    control.Write(&record, sizeof record);
+    const auto reply = control.Read(sizeof record);
+    std::memcpy(&record, reply.data(), sizeof record);
+    EXPECT_EQ(record.header.opcode, opcode);
+    return record.header.status;
+  }
+  int Bind(Fd& control, uint8_t tapout, uint8_t inject) {
+    TapBindRecord record;
+    record.address = kMic;
+    record.tapout_buffer = tapout;
+    record.inject_buffer = inject;
+    return Send(control, CMD_KVOX_TAP_BIND_ID, record);
+  }
+  int Enable(Fd& control, bool enable) {
+    TapEnableRecord record;
+    record.address = kMic;
+    record.enable = enable ? 1 : 0;
+    return Send(control, CMD_KVOX_TAP_ENABLE_ID, record);
+  }
+
+  TempDirectory directory_;
+  std::string out_;
+  std::string err_;
+};
+
+KvoxPacketHeader HeaderOf(const std::vector<std::byte>& bytes) {
+  KvoxPacketHeader header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  return header;
+}
+
+constexpr char kEchoScenario[] = R"(
+cores = [2]
+tapouts = [20]
+injects = [20]
+[[tap]]
+name = "imic"
+core = 2
+source = { kind = "wav", file = "source.wav", repeat = true }
+sink = { kind = "wav", file = "recorded.wav" }
+)";
+
+TEST_F(ProgramTest, AudioThatIsEchoedComesBackExact) {
+  std::vector<int16_t> ramp(48000);
+  std::iota(ramp.begin(), ramp.end(), int16_t{1});
+  WriteWav(directory_ / "source.wav", SF_FORMAT_PCM_16, 1, ramp);
+  std::ofstream(directory_ / "s.toml") << kEchoScenario;
+  const auto stats_file = directory_ / "stats.json";
+  const auto sim =
+      Start({"--scenario", directory_ / "s.toml", "--print", "--stats", stats_file}, "tapout20");
+  constexpr uint32_t kPackets = 20;
+  {
+    Fd control(Device("xdv-kvox_control"), O_RDWR);
+    Fd inject(Device("xdv-kvox_inject20"), O_WRONLY);
+    Fd tapout(Device("xdv-kvox_tapout20"), O_RDONLY);
+    EXPECT_EQ(Bind(control, 20, 20), 0);
+    EXPECT_EQ(Bind(control, 3, 20), -19);
+    EXPECT_EQ(Enable(control, true), 0);
+    for (uint32_t number = 1; number <= kPackets; ++number) {
+      auto packet = tapout.Read(kPacketHeaderSize + 960);
+      const KvoxPacketHeader header = HeaderOf(packet);
+      ASSERT_EQ(header.magic, kPacketMagic);
+      ASSERT_EQ(header.packet_num, number);
+      ASSERT_EQ(header.payload_size, 960u);
+      ASSERT_EQ(header.format.sample_rate, 48000u);
+      if (number == kPackets) packet[100] ^= std::byte{1};
+      inject.Write(packet.data(), packet.size());
+    }
+    inject.Write("junk", 4);
+    EXPECT_EQ(Enable(control, false), 0);
+  }
+  sim->Signal(SIGUSR1);
+  EXPECT_TRUE(WaitFor([&] { return sim->Out().find(" exact") != std::string::npos; }));
+  sim->Signal(SIGTERM);
+  EXPECT_EQ(sim->Wait(), 0) << sim->Err();
+  EXPECT_TRUE(NoDevices());
+  EXPECT_THAT(sim->Out(), HasSubstr("imic.0 (core 2): stream into tap-out 20 begins"));
+
+  const auto stats = nlohmann::json::parse(ReadText(stats_file));
+  const auto& tap = stats["taps"][0];
+  EXPECT_EQ(tap["tap"], "imic.0");
+  EXPECT_EQ(tap["tapout"], 20);
+  EXPECT_EQ(tap["streams"], 1);
+  EXPECT_GE(tap["sent"], kPackets);
+  EXPECT_EQ(tap["received"], kPackets);
+  EXPECT_EQ(tap["exact"], kPackets - 1);
+  EXPECT_EQ(tap["different"], 1);
+  EXPECT_EQ(tap["unknown"], 0);
+  EXPECT_EQ(tap["sent"],
+            tap["received"].get<int>() + tap["missing"].get<int>() + tap["in_flight"].get<int>());
+  EXPECT_GT(tap["latency_max_us"], 0);
+  EXPECT_EQ(stats["totals"]["exact"], tap["exact"]);
+  EXPECT_EQ(stats["injects"][0]["junk_bytes"], 4);
+  EXPECT_EQ(stats["control"]["commands"].size(), 3u);
+
+  const std::string source = directory_ / "source.wav";
+  const std::string recorded = directory_ / "recorded.wav";
+  EXPECT_EQ(Run({"compare", source, recorded}), 1);
+  EXPECT_THAT(out_, StartsWith("no: 9138 frames agree, then frame 9138 of "));
+  auto mended = ReadWav<int16_t>(recorded);
+  ASSERT_EQ(mended.size(), kPackets * 480);
+  std::iota(mended.begin(), mended.end(), int16_t{1});
+  mended.insert(mended.begin(), 777, int16_t{0});
+  WriteWav(recorded, SF_FORMAT_PCM_16, 1, mended);
+  EXPECT_EQ(Run({"compare", source, recorded}), 1);
+  EXPECT_EQ(Run({"compare", "--skip-silence", source, recorded}), 0);
+  EXPECT_THAT(out_, StartsWith("yes: 9600 of 48000 frames of "));
+  EXPECT_EQ(Run({"compare", source, directory_ / "none.wav"}), 2);
+}
+
+TEST_F(ProgramTest, EveryReaderGetsAStreamOfItsOwn) {
+  const auto sim = Start({"--speed", "20", "--print"});
+  Fd control(Device("xdv-kvox_control"), O_RDWR);
+  control.Write("\xffjunk", 5);
+  EXPECT_EQ(Bind(control, 0, kNoBuffer), 0);
+  EXPECT_EQ(Enable(control, true), 0);
+  for (int round = 1; round <= 3; ++round) {
+    {
+      Fd tapout(Device("xdv-kvox_tapout0"), O_RDONLY);
+      const KvoxPacketHeader header = HeaderOf(tapout.Read(kPacketHeaderSize + 1920));
+      EXPECT_EQ(header.packet_num, 1u) << round;
+      EXPECT_EQ(header.format.sample_rate, 0u);
+      EXPECT_EQ(HeaderOf(tapout.Read(kPacketHeaderSize + 1920)).packet_num, 2u);
+    }
+    EXPECT_TRUE(WaitFor([&] { return CountOf("tap-out 0 ends", sim->Out()) == round; }));
+  }
+  sim->Signal(SIGINT);
+  EXPECT_EQ(sim->Wait(), 0);
+  EXPECT_TRUE(NoDevices());
+}
+
+TEST_F(ProgramTest, LeftOversAreReplacedButNothingElse) {
+  auto dead = Start({});
+  dead->Signal(SIGKILL);
+  EXPECT_EQ(dead->Wait(), -SIGKILL);
+  EXPECT_FALSE(NoDevices());
+  std::ofstream(directory_ / "s.toml") << "cores = [2]\ntapouts = [9]\ninjects = [40]\n"
+                                          "[[tap]]\nname = \"imic\"\ncore = 2\n";
+  const auto live = Start({"--scenario", directory_ / "s.toml"}, "tapout9");
+  EXPECT_FALSE(std::filesystem::exists(Device("xdv-kvox_tapout20"))) << "of the dead one";
+  EXPECT_EQ(Run({}), 1);
+  EXPECT_THAT(err_, HasSubstr("another kvosim runs there"));
+  EXPECT_TRUE(std::filesystem::exists(Device("xdv-kvox_tapout9")));
+  live->Signal(SIGTERM);
+  EXPECT_EQ(live->Wait(), 0);
+  EXPECT_TRUE(NoDevices());
+
+  std::ofstream(Device("xdv-kvox_tapout20")) << "mine";
+  EXPECT_EQ(Run({}), 1);
+  EXPECT_THAT(err_, StartsWith("kvosim: " + Device("xdv-kvox_tapout20").string() + ": stands in"));
+  EXPECT_EQ(ReadText(Device("xdv-kvox_tapout20")), "mine");
+  EXPECT_FALSE(std::filesystem::exists(Device("kvo")));
+}
+
+struct Usage {
+  std::vector<std::string> arguments;
+  const char* message;
+};
+
+TEST_F(ProgramTest, WhatIsWrongIsNamedAndNothingIsCreated) {
+  std::ofstream(directory_ / "s.toml") << kEchoScenario;  // its source is not there
+  const Usage rows[] = {
+      {{"--sped", "2"}, "--sped"},
+      {{"--speed", "0"}, "--speed: found 0; expected a number above 0"},
+      {{"--seconds", "x"}, "--seconds: found x; expected a number"},
+      {{"--scenario"}, "--scenario"},
+      {{"--scenario", "/nowhere.toml"}, "/nowhere.toml: cannot be read"},
+      {{"--scenario", directory_ / "s.toml"}, "s.toml:8: tap[0].source.file: "},
+      {{"--stats", "/nowhere/stats.json"}, "--stats: /nowhere/stats.json: cannot be written"},
+      {{"--write-default", "/nowhere/s.toml"}, "--write-default: /nowhere/s.toml cannot be"},
+      {{"compare", "a.wav"}, "RECORDED"},
+  };
+  for (const Usage& row : rows) {
+    EXPECT_EQ(Run(row.arguments), 2) << row.message;
+    EXPECT_THAT(err_, HasSubstr(row.message));
+    EXPECT_TRUE(NoDevices());
+  }
+  setenv("KVOX_DEV_DIR", "/nowhere", 1);
+  EXPECT_EQ(Run({}), 1);
+  EXPECT_THAT(err_, HasSubstr("set KVOX_DEV_DIR"));
+}
+
+TEST_F(ProgramTest, TheDefaultCanBeWrittenAndRead) {
+  const std::string file = directory_ / "phone.toml";
+  EXPECT_EQ(Run({"--write-default", file}), 0);
+  EXPECT_EQ(Run({"--write-default", "-"}), 0);
+  EXPECT_EQ(out_, ReadText(file));
+  EXPECT_EQ(Run({"--scenario", file, "--seconds", "0.01", "--print"}), 0);
+  EXPECT_THAT(out_, HasSubstr("vpul.1"));
+}
+
+}  // namespace
+}  // namespace kvox::sim

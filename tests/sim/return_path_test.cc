@@ -1,0 +1,178 @@
+// What comes back: packets cut from the stream of an inject device, the round-trip check, the sink.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <numeric>
+#include <vector>
+
+#include "sim/packet_reassembler.h"
+#include "sim/round_trip.h"
+#include "sim/sink.h"
+#include "tests/sim/wav_file.h"
+#include "tests/support/temp_directory.h"
+
+namespace kvox::sim {
+namespace {
+
+using Bytes = std::vector<std::byte>;
+
+Bytes Packet(uint32_t number, uint32_t payload_size) {
+  KvoxPacketHeader header;
+  header.packet_num = number;
+  header.payload_size = payload_size;
+  Bytes bytes(kPacketHeaderSize + payload_size, std::byte{static_cast<uint8_t>(number)});
+  std::memcpy(bytes.data(), &header, sizeof header);
+  return bytes;
+}
+
+Bytes operator+(Bytes left, const Bytes& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
+Bytes With(Bytes bytes, size_t offset, uint32_t value) {
+  std::memcpy(&bytes[offset], &value, sizeof value);
+  return bytes;
+}
+
+Bytes First(const Bytes& bytes, size_t count) {
+  return Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
+}
+
+struct StreamRow {
+  const char* name;
+  Bytes stream;
+  std::vector<uint32_t> packets;
+  uint64_t bad_headers;
+  uint64_t torn;
+  uint64_t junk_bytes;
+};
+
+TEST(PacketReassembler, FindsPacketsAndCountsTheRest) {
+  const Bytes junk(21, std::byte{'x'});  // looks like a magic's first byte all along
+  const StreamRow rows[] = {
+      {"in a row", Packet(1, 480) + Packet(2, 0) + Packet(3, 65472), {1, 2, 3}, 0, 0, 0},
+      {"junk", junk + Packet(1, 8) + junk + Packet(2, 8), {1, 2}, 0, 0, 42},
+      {"version", With(Packet(1, 8), 4, 2) + Packet(2, 8), {2}, 1, 0, 72},
+      {"size", With(Packet(1, 8), 20, 65476) + Packet(2, 8), {2}, 1, 0, 72},
+      {"odd size", With(Packet(1, 8), 20, 6) + Packet(2, 8), {2}, 1, 0, 72},
+      {"torn", First(Packet(1, 480), 204) + Packet(2, 480) + Packet(3, 8), {2, 3}, 0, 1, 204},
+      {"torn in the header", First(Packet(1, 480), 32) + Packet(2, 480), {2}, 0, 1, 32},
+  };
+  for (const StreamRow& row : rows) {
+    for (const size_t piece : {size_t{1}, size_t{50}, row.stream.size()}) {
+      std::vector<uint32_t> packets;
+      PacketReassembler reassembler([&](const KvoxPacketHeader& header, auto payload) {
+        packets.push_back(header.packet_num);
+        EXPECT_EQ(payload.size(), header.payload_size);
+        for (const std::byte byte : payload) {
+          ASSERT_EQ(byte, std::byte{static_cast<uint8_t>(header.packet_num)});
+        }
+      });
+      for (size_t at = 0; at < row.stream.size(); at += piece) {
+        reassembler.Feed(
+            std::span(row.stream).subspan(at, std::min(piece, row.stream.size() - at)));
+      }
+      EXPECT_EQ(packets, row.packets) << row.name << " in pieces of " << piece;
+      EXPECT_EQ(reassembler.counts().packets, row.packets.size()) << row.name;
+      EXPECT_EQ(reassembler.counts().bad_headers, row.bad_headers) << row.name;
+      EXPECT_EQ(reassembler.counts().torn, row.torn) << row.name;
+      EXPECT_EQ(reassembler.counts().junk_bytes, row.junk_bytes) << row.name;
+    }
+  }
+}
+
+KvoxPacketHeader Sent(uint32_t number, uint64_t stamp) {
+  KvoxPacketHeader header;
+  header.packet_num = number;
+  header.stamp = stamp;
+  return header;
+}
+
+TEST(RoundTrip, JudgesEachPacketOnce) {
+  RoundTrip trip;
+  const Bytes audio(20, std::byte{7});
+  const Bytes zeros(20);
+  Bytes changed = audio;
+  changed[19] = std::byte{8};
+  for (uint32_t i = 1; i <= 4; ++i) trip.Sent(Sent(i, 100 * i), audio);
+  trip.Sent(Sent(5, 500), zeros);
+  trip.Returned(Sent(2, 200), changed, 600);  // out of order
+  trip.Returned(Sent(1, 100), audio, 700);
+  trip.Returned(Sent(3, 300), zeros, 700);
+  trip.Returned(Sent(5, 500), zeros, 700);
+  trip.Returned(Sent(1, 100), audio, 700);  // again
+  trip.Returned(Sent(4, 399), audio, 700);  // of another stream
+  EXPECT_EQ(trip.counts().exact, 2u);
+  EXPECT_EQ(trip.counts().silent, 1u);
+  EXPECT_EQ(trip.counts().different, 1u);
+  EXPECT_EQ(trip.counts().unknown, 2u);
+  EXPECT_EQ(trip.counts().latency_min_ns, 200u);
+  EXPECT_EQ(trip.counts().latency_max_ns, 600u);
+  EXPECT_EQ(trip.counts().latency_sum_ns, 400u + 600 + 400 + 200);
+  EXPECT_EQ(trip.in_flight(), 1u);
+  EXPECT_EQ(trip.counts().missing, 0u);
+  trip.Expire(400 + RoundTrip::kPatienceNs);
+  EXPECT_EQ(trip.counts().missing, 0u);
+  trip.Expire(401 + RoundTrip::kPatienceNs);
+  EXPECT_EQ(trip.counts().missing, 1u);
+  EXPECT_EQ(trip.in_flight(), 0u);
+  trip.Returned(Sent(4, 400), audio, 401 + RoundTrip::kPatienceNs);
+  EXPECT_EQ(trip.counts().unknown, 3u) << "too late";
+}
+
+TEST(RoundTrip, ItsMemoryIsBounded) {
+  RoundTrip trip;
+  for (uint32_t i = 0; i < RoundTrip::kMemory + 10; ++i) trip.Sent(Sent(i, 1), Bytes(8));
+  EXPECT_EQ(trip.in_flight(), RoundTrip::kMemory);
+  EXPECT_EQ(trip.counts().missing, 10u);
+}
+
+class WavSinkTest : public ::testing::Test {
+ protected:
+  template <typename Sample>
+  bool Write(const KvoxTapFormat& format, const std::vector<Sample>& samples) {
+    return sink_->Write(format, std::as_bytes(std::span(samples)));
+  }
+
+  TempDirectory directory_;
+  std::string error_;
+  std::unique_ptr<Sink> sink_ = MakeWavSink({SinkKind::kWav, directory_ / "out.wav", ""}, error_);
+};
+
+TEST_F(WavSinkTest, TheFileIsWholeAtAnyMoment) {
+  const KvoxTapFormat format{
+      .sample_rate = 48000, .channels = 2, .bytes_per_sample = 2, .noninterleaved_samples = 2};
+  ASSERT_TRUE(Write<int16_t>(format, {1, 2, -1, -2}));
+  SF_INFO info;
+  EXPECT_EQ(ReadWav<int16_t>(directory_ / "out.wav", &info), (std::vector<int16_t>{1, -1, 2, -2}));
+  EXPECT_EQ(info.samplerate, 48000);
+  EXPECT_EQ(info.channels, 2);
+  ASSERT_TRUE(Write<int16_t>(format, {3, 4, -3, -4}));
+  EXPECT_EQ(ReadWav<int16_t>(directory_ / "out.wav").size(), 8u);
+}
+
+TEST_F(WavSinkTest, EveryFormatHasItsFile) {
+  const std::vector<float> floats = {0.25f, -2.0f};
+  ASSERT_TRUE(
+      Write<int32_t>({.sample_rate = 8000, .channels = 1, .bytes_per_sample = 4}, {INT32_MIN, 5}));
+  ASSERT_TRUE(Write<float>(
+      {.sample_rate = 8000, .channels = 1, .bytes_per_sample = 4, .data_format = 1}, floats));
+  ASSERT_FALSE(Write<int16_t>({.sample_rate = 8000, .channels = 1, .bytes_per_sample = 5}, {1}));
+  ASSERT_FALSE(Write<int16_t>({.sample_rate = 8000, .channels = 0, .bytes_per_sample = 2}, {1}));
+  ASSERT_TRUE(Write<uint8_t>(
+      {.sample_rate = 8000, .channels = 1, .bytes_per_sample = 1, .data_format = 2}, {0x7f, 3}));
+  EXPECT_EQ(ReadWav<int32_t>(directory_ / "out.wav"), (std::vector<int32_t>{INT32_MIN, 5}));
+  EXPECT_EQ(ReadWav<float>(directory_ / "out-2.wav"), floats);
+  EXPECT_EQ(ReadWav<uint8_t>(directory_ / "out-3.wav"), (std::vector<uint8_t>{0x7f, 3}));
+}
+
+TEST_F(WavSinkTest, ADirectoryThatIsNotThereIsNamed) {
+  EXPECT_EQ(MakeWavSink({SinkKind::kWav, directory_ / "no/out.wav", "s.toml:4: k"}, error_),
+            nullptr);
+  EXPECT_EQ(error_, "s.toml:4: k: there is no directory " + (directory_ / "no").string() +
+                        "; expected a file in one that exists");
+}
+
+}  // namespace
+}  // namespace kvox::sim

@@ -1,0 +1,137 @@
+#include "sim/scenario.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "kvox/common/kvox_packet.h"
+
+namespace kvox::sim {
+namespace {
+
+using ::testing::StartsWith;
+
+std::string ErrorOf(std::string_view text) {
+  Scenario scenario;
+  std::string error;
+  const bool good = ParseScenario(text, "s.toml", "", scenario, error);
+  EXPECT_EQ(good, error.empty());
+  return error;
+}
+
+TEST(Scenario, TheBuiltInOneIsAPhone) {
+  Scenario phone;
+  std::string error;
+  ASSERT_TRUE(ParseScenario(kDefaultScenario, "built-in", "", phone, error)) << error;
+  EXPECT_EQ(phone.cores, (std::vector<uint8_t>{2, 3, 4}));
+  EXPECT_EQ(phone.tapouts, phone.injects);
+  std::set<std::string> names;
+  size_t taps_on_core_2 = 0;
+  for (const TapConfig& tap : phone.taps) {
+    names.insert(DisplayName(tap) + "@" + std::to_string(tap.core));
+    EXPECT_EQ(tap.format.sample_rate, 48000u);
+    taps_on_core_2 += tap.core == 2;
+  }
+  EXPECT_GT(taps_on_core_2, 4u) << "the list of taps takes more than one page";
+  for (const char* name : {"imic.0@2", "sspk.0@2", "entr.5@2", "vpdl.0@4", "vpul.1@4"}) {
+    EXPECT_TRUE(names.contains(name)) << name;
+  }
+}
+
+TEST(Scenario, ReadsEveryKey) {
+  Scenario scenario;
+  std::string error;
+  ASSERT_TRUE(ParseScenario(R"(
+cores = [7]
+tapouts = [3]
+injects = []
+[[tap]]
+name = "ab"
+index = 9
+core = 7
+rate = 16000
+channels = 2
+format = "int"
+bits = 32
+block_length = 320
+noninterleaved = 160
+source = { kind = "sweep", from = 10, to = 20.5, seconds = 2, level = -3 }
+sink = { kind = "wav", file = "out.wav" }
+)",
+                            "dir/s.toml", "dir", scenario, error))
+      << error;
+  const TapConfig& tap = scenario.taps.at(0);
+  EXPECT_EQ(DisplayName(tap), "ab.9");
+  EXPECT_EQ(tap.name, 0x61620000u);
+  EXPECT_EQ(FrameSize(tap.format), 8u);
+  EXPECT_EQ(tap.format.sample_rate, 16000u);
+  EXPECT_EQ(tap.format.noninterleaved_samples, 160u);
+  EXPECT_EQ(tap.block_length, 320u);
+  EXPECT_EQ(tap.source.kind, SourceKind::kSweep);
+  EXPECT_EQ(tap.source.to, 20.5);
+  EXPECT_EQ(tap.source.level, -3);
+  EXPECT_EQ(tap.sink.file, "dir/out.wav");
+  EXPECT_EQ(tap.sink.where, "dir/s.toml:16: tap[0].sink.file");
+}
+
+struct Fault {
+  const char* lines;  // from line 4 on, in the table of a tap
+  const char* error;
+};
+
+TEST(Scenario, FaultsNameTheLineTheKeyAndWhatIsExpected) {
+  const Fault faults[] = {
+      {"rate = \"high\"", "s.toml:7: tap[0].rate: found 'high'; expected a whole number from 8000"},
+      {"rate = 7999", "s.toml:7: tap[0].rate: found 7999; expected a whole number"},
+      {"rate = 48000.0", "s.toml:7: tap[0].rate: found 48000.0; expected a whole number"},
+      {"channels = 0", "s.toml:7: tap[0].channels: found 0; expected a whole number from 1 to 32"},
+      {"colour = 3", "s.toml:7: tap[0].colour: unknown key; expected one of name, index"},
+      {"format = \"mp3\"",
+       "s.toml:7: tap[0].format: found 'mp3'; expected one of \"int\", \"float\", \"sulaw\""},
+      {"bits = 24", "s.toml:4: tap[0].bits: int 24 cannot be carried; expected int 16"},
+      {"block_length = 441", "s.toml:4: tap[0].block_length: blocks of 441 frames have 882 bytes"},
+      {"block_length = 40000", "s.toml:4: tap[0].block_length: blocks of 40000 frames have 80000"},
+      {"channels = 2\nnoninterleaved = 400",
+       "s.toml:4: tap[0].block_length: blocks of 480 frames "
+       "do not hold whole runs; expected a multiple of 400"},
+      {"source = 1", "s.toml:7: tap[0].source: found 1; expected a table"},
+      {"source = { level = 1 }", "s.toml:7: tap[0].source.kind: missing; expected one of"},
+      {"source = { kind = \"sine\", level = 1 }",
+       "s.toml:7: tap[0].source.level: found 1; expected a number from -144 to 0"},
+      {"source = { kind = \"sine\", frequency = 24001 }", "s.toml:7: tap[0].source.frequency: fou"},
+      {"source = { kind = \"sine\", seed = 1 }", "s.toml:7: tap[0].source.seed: unknown key"},
+      {"source = { kind = \"wav\" }", "s.toml:7: tap[0].source.file: missing; expected a file"},
+      {"sink = { kind = \"wav\", file = 3 }", "s.toml:7: tap[0].sink.file: found 3; expected a f"},
+      {"source = { kind = \"wav\", file = \"a\" }\nsink = { kind = \"wav\", file = \"./a\" }",
+       "s.toml:4: tap[0].sink.file: ./a is a source or another sink; expected a file of its own"},
+      {"[[tap]]\nname = \"mic\"\ncore = 2",
+       "s.toml:7: tap[1].name: core 2 has a tap mic.0 already"},
+      {"[[tap]]\nname = \"micro\"\ncore = 2",
+       "s.toml:8: tap[1].name: found 'micro'; expected 1 to"},
+      {"[[tap]]\nname = \"\"\ncore = 2", "s.toml:8: tap[1].name: found ''; expected 1 to 4"},
+      {"[[tap]]\nname = \"b\"", "s.toml:7: tap[1].core: missing; expected one of the scenario's"},
+      {"[[tap]]\nname = \"b\"\ncore = 5", "s.toml:9: tap[1].core: there is no core 5; expected on"},
+      {"= 3", "s.toml:7: syntax: "},
+  };
+  for (const Fault& fault : faults) {
+    const std::string text = std::string("cores = [2]\ntapouts = [0]\ninjects = [0]\n") +
+                             "[[tap]]\nname = \"mic\"\ncore = 2\n" + fault.lines + "\n";
+    EXPECT_THAT(ErrorOf(text), StartsWith(fault.error));
+  }
+  EXPECT_THAT(ErrorOf(""), StartsWith("s.toml:1: cores: missing; expected a list of numbers"));
+  EXPECT_THAT(ErrorOf("cores = [2]\ntapouts = [0, 255]"),
+              StartsWith("s.toml:2: tapouts: found 255; expected a whole number from 0 to 254"));
+  EXPECT_THAT(ErrorOf("cores = [2]\ntapouts = [1, 1]"),
+              StartsWith("s.toml:2: tapouts: 1 is listed twice"));
+}
+
+TEST(Scenario, AFileThatCannotBeReadIsNamed) {
+  Scenario scenario;
+  std::string error;
+  EXPECT_FALSE(LoadScenario("/nowhere/s.toml", scenario, error));
+  EXPECT_THAT(error, StartsWith("/nowhere/s.toml: cannot be read (No such file or directory); "));
+}
+
+}  // namespace
+}  // namespace kvox::sim
