@@ -1,0 +1,122 @@
+// kvoxctl: the command-line client of kvoxd.
+
+#include <android/binder_manager.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "client/call_table.h"
+#include "client/output.h"
+#include "interface/service_name.h"
+#include "platform/linux/include/kvox_host/binder_host.h"
+
+namespace {
+
+using kvox::client::Answer;
+using kvox::client::IKvox;
+
+enum ExitStatus { kDone = 0, kRefused = 1, kWrongUsage = 2, kNoDaemon = 3 };
+
+struct Options {
+  bool json = false;
+  std::vector<std::string> call;  // method and arguments
+};
+
+int ReportNoDaemon(const std::string& reason) {
+  fprintf(stderr, "kvoxctl: %s\n", reason.c_str());
+  return kNoDaemon;
+}
+
+std::shared_ptr<IKvox> FindDaemon() {
+  return IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_checkService(kvox::KvoxDescriptor())));
+}
+
+int Call(const Options& options) {
+  const std::string& method = options.call.front();
+  const auto call = kvox::client::PrepareCall(
+      method, std::vector<std::string>(options.call.begin() + 1, options.call.end()));
+  const std::shared_ptr<IKvox> daemon = FindDaemon();
+  if (!daemon) return ReportNoDaemon(kvox_host::ServiceError());
+  Answer answer;
+  const ndk::ScopedAStatus status = call(*daemon, answer);
+  if (!status.isOk()) {
+    return ReportNoDaemon(method + " was not answered: " + status.getDescription() +
+                          "; see whether kvoxd still runs");
+  }
+  const std::string text =
+      options.json ? kvox::client::AsJson(answer) : kvox::client::AsLines(answer);
+  fputs(text.c_str(), stdout);
+  fflush(stdout);
+  if (answer.afterwards && !answer.afterwards()) return ReportNoDaemon("kvoxd has gone");
+  return answer.result.status == IKvox::CommandStatus::OK ? kDone : kRefused;
+}
+
+int Ping(const Options& options) {
+  using Clock = std::chrono::steady_clock;
+  const std::shared_ptr<IKvox> daemon = FindDaemon();
+  if (!daemon) return ReportNoDaemon(kvox_host::ServiceError());
+  const auto begin = Clock::now();
+  const ndk::ScopedAStatus status = daemon->Ping();
+  const double round_trip_us =
+      std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
+  if (!status.isOk()) return ReportNoDaemon("no answer: " + status.getDescription());
+  printf(options.json ? "{\"schema\": 1, \"round_trip_us\": %.1f}\n" : "kvoxd answers in %.1f us\n",
+         round_trip_us);
+  return kDone;
+}
+
+std::string MethodList() {
+  std::string text = "Methods and their arguments:\n";
+  for (const std::string& method : kvox::client::DescribeMethods()) text += "  " + method + "\n";
+  return text +
+         "\nPROCESSOR, TYPE and TAP are four characters (art0) or a number. Negative numbers need "
+         "no '--'.\nExample: kvoxctl call Connect pass 0 0";
+}
+
+int Run(int argc, char** argv) {
+  Options options;
+  CLI::App app{"The command-line client of kvoxd.", "kvoxctl"};
+  app.set_version_flag("--version", "kvoxctl " KVOX_VERSION);
+  app.require_subcommand(1);
+  app.add_flag("--json", options.json, "Answer with one JSON object on one line");
+  app.footer(
+      "Exit status: 0 done, 1 the daemon refused, 2 wrong usage, 3 no daemon.\n"
+      "Example: kvoxctl --json call ListProcessors");
+  CLI::App* call = app.add_subcommand("call", "Call one method of the interface");
+  call->prefix_command();
+  call->footer(MethodList);
+  CLI::App* ping = app.add_subcommand("ping", "See whether the daemon answers, and how fast");
+  ping->footer("Example: kvoxctl ping");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const bool asked = error.get_exit_code() == 0;
+    app.exit(error);
+    return asked ? kDone : kWrongUsage;
+  }
+  if (ping->parsed()) return Ping(options);
+  options.call = call->remaining();
+  if (options.call.empty()) {
+    throw kvox::client::UsageError("METHOD is missing; 'kvoxctl call --help' lists them");
+  }
+  return Call(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int status;
+  try {
+    status = Run(argc, argv);
+  } catch (const kvox::client::UsageError& error) {
+    fprintf(stderr, "kvoxctl: %s\n", error.what());
+    status = kWrongUsage;
+  }
+  // The answer is out: the binder's threads need no orderly end.
+  fflush(stdout);
+  _exit(status);
+}
