@@ -1,0 +1,90 @@
+#include "tests/system/machine.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::HasSubstr;
+
+class ClientTest : public MachineTest {};
+
+TEST_F(ClientTest, PrintsAnswersAsLinesAndAsJson) {
+  StartSimulator();
+  StartDaemon();
+  EXPECT_EQ(Run(Words("--json call Ping")).out, "{\"status\": 0, \"value\": 0.0, \"lines\": []}\n");
+  EXPECT_EQ(Run(Words("call Ping")).out, "");
+  EXPECT_EQ(Call("NewProcessorWithType ABCD 0x70617373"),
+            "Creating new processor 'ABCD' of type 'pass'\n");
+  EXPECT_EQ(
+      Call("ProcessorEnable 1094861636 true"),
+      "Enable processor 'ABCD'\n0 buffers enabled, 0 processors active, wakelock needed: 0\n");
+  EXPECT_EQ(Run(Words("--json call ProcessorIsEnabled ABCD")).out,
+            "{\"status\": 0, \"value\": 1.0, \"lines\": [\"Get processor 'ABCD' enabled state\", "
+            "\"Get processor 'ABCD' enabled state: 1\"]}\n");
+  const ClientRun refused = Run(Words("--json call Connect ABCD -1 99"));
+  EXPECT_EQ(refused.exit_status, 1);
+  const auto answer = nlohmann::json::parse(refused.out);
+  EXPECT_EQ(answer["status"], 3);
+  EXPECT_EQ(answer["lines"].back(), "Connect: INVALID PARAMETER");
+}
+
+TEST_F(ClientTest, WrongUsageNamesTheArgumentAndSendsNothing) {
+  const struct {
+    const char* line;
+    const char* message;
+  } rows[] = {
+      {"call", "METHOD is missing"},
+      {"call Pong", "METHOD: there is no 'Pong'"},
+      {"call NewProcessor", "NewProcessor takes PROCESSOR; 0 given"},
+      {"call NewProcessor abcde", "PROCESSOR: 'abcde' is not four characters or a number"},
+      {"call TapList two", "CORE: 'two' is not a number"},
+      {"call TapList 2147483648", "CORE: '2147483648' is not a number"},
+      {"call TapEnable 2 imic 0 yes", "ENABLE: 'yes' is not true, false, 1 or 0"},
+      {"call Ping again", "Ping: unexpected argument 'again'"},
+      {"call EnableUseCase MIC 1", "USECASE: 'MIC' is not a use case's name or number"},
+      {"call SetParameter pass BLOCK_LENGTH 0 960", "VALUE: '960' is not i:960, f:0.5 or v:1,2,3"},
+      {"call GetParameterBulk pass BLOCK_LENGTH", "PAIRS: 'BLOCK_LENGTH' is not a list"},
+      {"call SendAudio pass 5 0 1 1 /no/such/file", "FILE: cannot read '/no/such/file'"},
+      {"call RegisterReceiveAudioCallback art0 -1 f", "SECONDS: '-1' is not between 0 and a year"},
+      {"--jason call Ping", "--jason"},
+      {"", "subcommand"},
+  };
+  for (const auto& row : rows) {
+    const ClientRun run = Run(Words(row.line));
+    EXPECT_EQ(run.exit_status, 2) << row.line;
+    EXPECT_THAT(run.err, HasSubstr(row.message));
+    EXPECT_EQ(run.out, "");
+  }
+}
+
+TEST_F(ClientTest, HelpIsNoError) {
+  for (const char* line : {"--help", "call --help", "ping --help", "--version"}) {
+    const ClientRun run = Run(Words(line));
+    EXPECT_EQ(run.exit_status, 0) << line;
+    EXPECT_NE(run.out, "");
+  }
+  EXPECT_THAT(Run(Words("call --help")).out,
+              HasSubstr("  ConnectTap CORE TAP INDEX TAPOUT INJECT\n"));
+}
+
+TEST_F(ClientTest, WithoutADaemonItSaysWhereItLooked) {
+  for (const char* line : {"ping", "call Ping"}) {
+    const ClientRun run = Run(Words(line));
+    EXPECT_EQ(run.exit_status, 3) << line;
+    EXPECT_THAT(run.err, HasSubstr("KVOX_RUNTIME_DIR"));
+  }
+}
+
+TEST_F(ClientTest, AStayingClientNoticesThatTheDaemonHasGone) {
+  StartSimulator();
+  StartDaemon();
+  Call("NewProcessor pass");
+  const std::string file = (directory_ / "audio").string();
+  Process client(KVOXCTL_PROGRAM, Words("call ProcessorInfo pass"), directory_ / "kvoxctl");
+  EXPECT_EQ(client.Wait(), 0);
+  daemon_->Signal(SIGTERM);
+  daemon_->Wait();
+  EXPECT_EQ(Run(Words("call Ping")).exit_status, 3);
+}
+
+}  // namespace
+}  // namespace kvox

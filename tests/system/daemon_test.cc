@@ -1,0 +1,105 @@
+#include "tests/system/machine.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class DaemonTest : public MachineTest {
+ protected:
+  /// A figure of /proc/PID/status, of one thread when a name is given; -1 when there is none.
+  int64_t ProcFigure(const std::string& key, const std::filesystem::path& status) {
+    std::istringstream lines(ReadText(status));
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with(key + ":")) return std::stoll(line.substr(key.size() + 1));
+    }
+    return -1;
+  }
+
+  std::filesystem::path Proc() const { return "/proc/" + std::to_string(daemon_->pid()); }
+
+  int64_t WakeUps() {
+    int64_t sum = 0;
+    for (const auto& task : std::filesystem::directory_iterator(Proc() / "task")) {
+      sum += ProcFigure("voluntary_ctxt_switches", task.path() / "status");
+    }
+    return sum;
+  }
+};
+
+TEST_F(DaemonTest, SignalsEndItsEventsAndTerminationEndsIt) {
+  StartSimulator();
+  StartDaemon();
+  EXPECT_THAT(daemon_->Out(), HasSubstr("Kvoxd start"));
+  ASSERT_TRUE(DaemonLogs("Start EventThread"));
+  daemon_->Signal(SIGINT);
+  EXPECT_TRUE(DaemonLogs("Stop EventThread"));
+  EXPECT_THAT(daemon_->Err(), HasSubstr("Caught signal. Exiting"));
+  daemon_->Signal(SIGHUP);
+  EXPECT_EQ(Run({"call", "Ping"}).exit_status, 0);
+  Call("TapList 2");
+  daemon_->Signal(SIGTERM);
+  EXPECT_EQ(daemon_->Wait(), -SIGTERM);
+}
+
+TEST_F(DaemonTest, ASecondOneIsRefusedAndADeadOnesPlaceIsFree) {
+  StartSimulator();
+  StartDaemon();
+  Process second(KVOXD_PROGRAM, {}, directory_ / "second");
+  EXPECT_TRUE(WaitFor([&] {
+    return CountOf("Failed to find kvox service kvox.IKvox/default, status", second.Err()) == 1;
+  }));
+  EXPECT_EQ(Run({"ping"}).exit_status, 0) << "the first one serves on";
+  second.Signal(SIGINT);
+  EXPECT_EQ(second.Wait(), 0);
+  EXPECT_THAT(second.Out(), HasSubstr("Kvoxd stop"));
+  daemon_.reset();  // killed: its socket stays behind
+  StartDaemon();
+}
+
+TEST_F(DaemonTest, IsIdleWhenNothingIsEnabled) {
+#if defined(KVOX_SANITIZED)
+  GTEST_SKIP() << "a sanitizer has threads and memory of its own";
+#endif
+  StartSimulator();
+  StartDaemon();
+  // The first scan may still be under way when the daemon answers.
+  ASSERT_TRUE(DaemonLogs("Found 8 tap-out buffers, 8 inject buffers"));
+  int64_t before = -1;
+  EXPECT_TRUE(WaitFor([&] {
+    before = WakeUps();
+    poll(nullptr, 0, 1000);
+    return WakeUps() == before;
+  })) << "no second passed without a wake-up";
+  EXPECT_LT(ProcFigure("VmRSS", Proc() / "status"), 12 * 1024);
+}
+
+TEST_F(DaemonTest, DropsAWakeLockThatAnEarlierOneLeft) {
+  std::ofstream(directory_ / "power/wake_lock") << "other kvox";
+  StartSimulator();
+  StartDaemon();
+  EXPECT_EQ(ReadText(directory_ / "power/wake_unlock"), "kvox");
+}
+
+TEST_F(DaemonTest, AnswersWithoutAnyDevice) {
+  StartDaemon();
+  EXPECT_THAT(daemon_->Err(), HasSubstr("Found 0 tap-out buffers, 0 inject buffers"));
+  EXPECT_EQ(Call("ListTapOutBuffers"), "Tap-out buffers:\n  none\n\n");
+  const ClientRun tap = Run(Words("call TapInfo 2 imic 0"));
+  EXPECT_EQ(tap.exit_status, 1);
+  EXPECT_THAT(daemon_->Err(),
+              HasSubstr("Cannot find " + (directory_ / "dev/xdv-kvox_control").string()));
+  StartSimulator();
+  EXPECT_TRUE(WaitFor([&] { return CountOf("tapout41", Call("ListTapOutBuffers")) == 1; }));
+  EXPECT_THAT(Call("TapInfo 2 imic 0"), HasSubstr("imic.0 "));
+}
+
+TEST_F(DaemonTest, ArgumentsAreRefused) {
+  Process wrong(KVOXD_PROGRAM, {"--verbose"}, directory_ / "wrong");
+  EXPECT_EQ(wrong.Wait(), 2);
+  EXPECT_THAT(wrong.Err(), StartsWith("kvoxd: unexpected argument '--verbose'"));
+}
+
+}  // namespace
+}  // namespace kvox
