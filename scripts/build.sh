@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Usage: ./dev build [PRESET]
+#
+# Builds the programs kvoxd, kvosim and kvoxctl: optimised, with symbols, into build/bin. With a
+# preset (release, dev, asan, tsan) everything of it is built, the tests too, under build/PRESET.
+cd "$(dirname "$0")/.."
+. scripts/common.sh
+options=()
+parse_options "$@"
+
+if [ "${#words[@]}" -eq 0 ]; then
+  need_packages build
+  build_preset release programs
+  exit 0
+fi
+preset=${words[0]}
+words=("${words[@]:1}")
+refuse_words
+case "$preset" in
+  release) need_packages build test bench ;;
+  dev | asan | tsan) need_packages build test bench check ;;
+  *)
+    echo "./dev build: unknown preset '$preset'; there are release, dev, asan and tsan" >&2
+    exit 2
+    ;;
+esac
+build_preset "$preset"

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Usage: ./dev test [--all]
+#
+# Builds the optimised preset and runs the whole suite. --all does the same with clang 16
+# (thread-safety analysis as errors), AddressSanitizer with UBSan, and ThreadSanitizer, and runs
+# the lint.
+cd "$(dirname "$0")/.."
+. scripts/common.sh
+options=(--all)
+parse_options "$@"
+refuse_words
+
+run_suite() {
+  local begin=$SECONDS
+  echo "== $1: build"
+  build_preset "$1"
+  echo "== $1: test"
+  ctest --test-dir "build/$1" --output-on-failure --parallel "$(nproc)" --no-tests=error |
+    grep -vE '^ *(Start +[0-9]+:|[0-9]+/[0-9]+ Test .* Passed )'
+  echo "== $1: passed in $((SECONDS - begin)) s"
+}
+
+if is_chosen --all; then
+  need_packages build demo test bench format check
+  for preset in release dev asan tsan; do run_suite "$preset"; done
+  echo "== lint"
+  scripts/lint.sh
+else
+  need_packages build demo test bench
+  run_suite release
+fi
+echo "All passed."
