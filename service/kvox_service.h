@@ -110,13 +110,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
   Status StartIo(int32_t tapout, CommandResult* result) override;
   Status StopIo(int32_t tapout, CommandResult* result) override;
 
-  // Commands that are not available yet: status 1, "Unavailable".
-  Status ListSupportedUseCases(CommandResult* result) override;
-  Status Enable(const std::string& name, bool enable, CommandResult* result) override;
-  Status IsEnabled(const std::string& name, CommandResult* result) override;
-  Status Debug(const std::vector<std::string>& args, CommandResult* result) override;
-  Status EnableUseCase(IKvox::UseCase use_case, bool enable, CommandResult* result) override;
-  Status IsUseCaseEnabled(IKvox::UseCase use_case, CommandResult* result) override;
+  // Parameters.
   Status SetParameter(int32_t id, IKvox::ParameterId parameter, int32_t element,
                       const IKvox::ParamValue& value, CommandResult* result) override;
   Status GetParameter(int32_t id, IKvox::ParameterId parameter, int32_t element,
@@ -127,6 +121,8 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
   Status GetParameterBulk(int32_t id, const std::vector<IKvox::ParamIdElementPair>& pairs,
                           CommandResult* result, std::vector<IKvox::ParamValue>* values) override;
   Status ListParameters(CommandResult* result) override;
+
+  // A client's audio, and statistics.
   Status SendAudio(int32_t id, const IKvox::AudioPacket& packet, CommandResult* result) override;
   Status RegisterReceiveAudioCallback(int32_t id,
                                       const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
@@ -136,6 +132,14 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
   Status ProcessorGetStats(int32_t id, IKvox::ProcessorStats* stats,
                            CommandResult* result) override;
   Status ProcessorResetStats(int32_t id, CommandResult* result) override;
+
+  // Commands that are not available yet: status 1, "Unavailable".
+  Status ListSupportedUseCases(CommandResult* result) override;
+  Status Enable(const std::string& name, bool enable, CommandResult* result) override;
+  Status IsEnabled(const std::string& name, CommandResult* result) override;
+  Status Debug(const std::vector<std::string>& args, CommandResult* result) override;
+  Status EnableUseCase(IKvox::UseCase use_case, bool enable, CommandResult* result) override;
+  Status IsUseCaseEnabled(IKvox::UseCase use_case, CommandResult* result) override;
   Status TapSetGain(int32_t core, int32_t tap, int32_t index, float gain, int32_t ramp_ms,
                     CommandResult* result) override;
   Status UseCaseSetGain(const std::string& name, float gain, int32_t ramp_ms,

@@ -142,11 +142,5 @@ TEST_F(ConnectionCommands, StartIoSwitchesTheChainAndHoldsTheHostAwake) {
   EXPECT_THAT(Call(&KvoxService::StartIo, 42).lines, ElementsAre("Enable tap-out buffer 42\n"));
 }
 
-TEST_F(ConnectionCommands, LaterCommandsSayThatTheyAreUnavailable) {
-  EXPECT_THAT(Call(&KvoxService::ListParameters).lines,
-              ElementsAre("Unavailable", "ListParameters: ERROR"));
-  EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, IKvox::UseCase::MIC_IN, true)), 1);
-}
-
 }  // namespace
 }  // namespace kvox
