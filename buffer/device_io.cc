@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,22 +48,6 @@ class System : public DeviceIo {
 DeviceIo& SystemDeviceIo() {
   static System io;
   return io;
-}
-
-WakeEvent::WakeEvent() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-WakeEvent::~WakeEvent() {
-  if (fd_ >= 0) close(fd_);
-}
-
-void WakeEvent::Signal() {
-  const uint64_t one = 1;
-  // Fails only when the counter is full, and then the waiter is awake already.
-  [[maybe_unused]] const ssize_t written = write(fd_, &one, sizeof one);
-}
-
-void WakeEvent::Clear() {
-  uint64_t count;
-  [[maybe_unused]] const ssize_t got = read(fd_, &count, sizeof count);
 }
 
 }  // namespace kvox

@@ -36,20 +36,4 @@ class DeviceIo {
 /// The real thing. Any thread.
 DeviceIo& SystemDeviceIo();
 
-/// An eventfd that ends another thread's Wait.
-class WakeEvent {
- public:
-  WakeEvent();
-  ~WakeEvent();
-  WakeEvent(const WakeEvent&) = delete;
-  WakeEvent& operator=(const WakeEvent&) = delete;
-
-  void Signal();  // any thread
-  void Clear();   // RT: the waiting thread
-  int fd() const { return fd_; }
-
- private:
-  const int fd_;
-};
-
 }  // namespace kvox

@@ -42,7 +42,7 @@ std::span<std::byte> InjectPort::PayloadArea(uint32_t size) {
   return {area_.get() + kPacketHeaderSize, std::min(size, kPacketMaxPayload)};
 }
 
-int32_t InjectPort::SendBuilt(const KvoxPacketHeader& header, StallWaiter& waiter) {
+int32_t InjectPort::SendBuilt(const KvoxPacketHeader& header, RtWaiter& waiter) {
   if (header.payload_size > kPacketMaxPayload) return kPortPayloadTooLarge;
   sent_in_place_ = false;
   std::memcpy(area_.get(), &header, sizeof header);
@@ -50,7 +50,7 @@ int32_t InjectPort::SendBuilt(const KvoxPacketHeader& header, StallWaiter& waite
 }
 
 int32_t InjectPort::SendInPlace(const KvoxPacketHeader& header, std::byte* packet,
-                                StallWaiter& waiter) {
+                                RtWaiter& waiter) {
   if (header.payload_size > kPacketMaxPayload) return kPortPayloadTooLarge;
   in_place_header_ = header;
   sent_in_place_ = true;
@@ -75,7 +75,7 @@ bool InjectPort::CopyTo(std::vector<std::byte>& copy) const {
 }
 
 int32_t InjectPort::Send(const KvoxPacketHeader& header, std::span<const std::byte> packet,
-                         StallWaiter& waiter) {
+                         RtWaiter& waiter) {
   if (fd_ < 0) Reopen();
   if (fd_ < 0) return kPortClosed;
   recorder_.Record(header, packet.subspan(kPacketHeaderSize));

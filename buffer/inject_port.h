@@ -12,6 +12,7 @@
 #include "buffer/device_io.h"
 #include "buffer/packet_recorder.h"
 #include "kvox/common/kvox_packet.h"
+#include "processors/block.h"
 
 namespace kvox {
 
@@ -21,15 +22,6 @@ enum PortStatus : int32_t {
   kPortWriteFailed = -1,
   kPortClosed = -2,
   kPortPayloadTooLarge = -5,
-};
-
-/// Waits on behalf of a writer whose device is stalled.
-class StallWaiter {
- public:
-  virtual ~StallWaiter() = default;
-  /// RT: true when `fd` can be written, false when the thread is needed elsewhere or `deadline_ns`
-  /// has passed.
-  virtual bool WaitWritable(int fd, uint64_t deadline_ns) = 0;
 };
 
 /// One I/O thread at a time, RT throughout, except construction and destruction.
@@ -48,11 +40,11 @@ class InjectPort {
   std::span<std::byte> PayloadArea(uint32_t size);
 
   /// Sends `header` and the payload that was built in PayloadArea().
-  int32_t SendBuilt(const KvoxPacketHeader& header, StallWaiter& waiter);
+  int32_t SendBuilt(const KvoxPacketHeader& header, RtWaiter& waiter);
 
   /// Sends `header` and the payload that stands behind the header in `packet`, without copying it.
   /// The first 64 bytes of `packet` are changed for the write and put back.
-  int32_t SendInPlace(const KvoxPacketHeader& header, std::byte* packet, StallWaiter& waiter);
+  int32_t SendInPlace(const KvoxPacketHeader& header, std::byte* packet, RtWaiter& waiter);
 
   /// Brings a packet that SendInPlace sent last into the work area, for dumps, while its payload
   /// still stands at `payload`.
@@ -64,8 +56,7 @@ class InjectPort {
   bool CopyTo(std::vector<std::byte>& copy) const;
 
  private:
-  int32_t Send(const KvoxPacketHeader& header, std::span<const std::byte> packet,
-               StallWaiter& waiter);
+  int32_t Send(const KvoxPacketHeader& header, std::span<const std::byte> packet, RtWaiter& waiter);
   void Reopen();
 
   const std::string name_;

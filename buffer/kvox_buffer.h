@@ -22,6 +22,7 @@
 #include "kvox/common/log.h"
 #include "kvox/common/mutex.h"
 #include "kvox/common/tap_format.h"
+#include "kvox/common/wake_event.h"
 #include "processors/audio_endpoint.h"
 #include "processors/kvox_processor.h"
 

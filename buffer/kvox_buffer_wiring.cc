@@ -148,7 +148,10 @@ void KvoxBuffer::PublishRoutes() {
   table->rx_format_serial = rx_format.serial;
   for (const auto& processor : outputs_) {
     const auto inject = From(processor->output());
-    table->routes.push_back({.processor = processor, .port = inject ? inject->port() : nullptr});
+    table->routes.push_back({.processor = processor,
+                             .state = processor->block_state(),
+                             .connected = inject != nullptr,
+                             .port = inject ? inject->port() : nullptr});
   }
   routes_.Publish(std::move(table));
 }

@@ -206,10 +206,18 @@ bool TapReader::CopyArea(InjectPort* port, std::vector<std::byte>& copy) {
 }
 
 bool TapReader::WaitWritable(int fd, uint64_t deadline_ns) {
+  return WaitFor(fd, DeviceIo::Direction::kWrite, deadline_ns);
+}
+
+bool TapReader::WaitReadable(int fd, uint64_t deadline_ns) {
+  return WaitFor(fd, DeviceIo::Direction::kRead, deadline_ns);
+}
+
+bool TapReader::WaitFor(int fd, DeviceIo::Direction direction, uint64_t deadline_ns) {
   const uint64_t now = links_.io.NowNs();
   if (now >= deadline_ns) return false;
-  const DeviceIo::Ready ready = links_.io.Wait(fd, DeviceIo::Direction::kWrite, links_.wake.fd(),
-                                               WholeMsBetween(now, deadline_ns));
+  const DeviceIo::Ready ready =
+      links_.io.Wait(fd, direction, links_.wake.fd(), WholeMsBetween(now, deadline_ns));
   if (ready == DeviceIo::Ready::kWoken) links_.wake.Clear();  // a wish for a copy stays noted
   const bool needed_elsewhere = stopping() || links_.routes.Stale();
   return !needed_elsewhere &&
@@ -277,8 +285,12 @@ void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header
   for (const Route& route : table.routes) {
     OutputArea area(route.port ? route.port->PayloadArea(header.payload_size)
                                : std::span<std::byte>());
-    const BlockResult result =
-        route.processor->ProcessPacket(payload, route.port ? &area : nullptr);
+    const BlockResult result = route.processor->ProcessPacket({.audio = payload,
+                                                               .format = stored_header_.format,
+                                                               .connected = route.connected,
+                                                               .state = route.state.get(),
+                                                               .waiter = *this},
+                                                              route.port ? &area : nullptr);
     if (result.status != 0) {
       LogError("%s %s: ProcessBlock returned status %d", name_, "ioProcess", result.status);
     }

@@ -23,6 +23,8 @@
 #include "buffer/timing_judge.h"
 #include "kvox/common/log.h"
 #include "kvox/common/mutex.h"
+#include "kvox/common/wake_event.h"
+#include "processors/block.h"
 
 namespace kvox {
 
@@ -48,7 +50,7 @@ struct RxStatistics {
   std::atomic<uint32_t> sample_rate = 0;
 };
 
-class TapReader : private StallWaiter {
+class TapReader : private RtWaiter {
  public:
   /// Takes over `fd`.
   TapReader(TapReaderLinks links, int fd);
@@ -89,6 +91,9 @@ class TapReader : private StallWaiter {
   void ServeCopy(CopyRequest& request);
   void KeepSentPackets();
   bool WaitWritable(int fd, uint64_t deadline_ns) override;
+  bool WaitReadable(int fd, uint64_t deadline_ns) override;
+  uint64_t NowNs() override { return links_.io.NowNs(); }
+  bool WaitFor(int fd, DeviceIo::Direction direction, uint64_t deadline_ns);
 
   void HandlePacket(const StreamFindings& findings);
   void FollowStream(const KvoxPacketHeader& header, bool unpunctual);

@@ -135,9 +135,9 @@ int32_t KvoxProcessor::ProcessBlock(const void*, size_t, void*, size_t) {
   return 0;
 }
 
-BlockResult KvoxProcessor::ProcessPacket(std::span<const std::byte> in, OutputArea* out) {
+BlockResult KvoxProcessor::ProcessPacket(const Block& block, OutputArea* out) {
   std::byte* const area = out == nullptr ? nullptr : out->Data();
-  return {.status = ProcessBlock(in.data(), in.size(), area, in.size())};
+  return {.status = ProcessBlock(block.audio.data(), block.audio.size(), area, block.audio.size())};
 }
 
 uint32_t KvoxProcessor::GetBlockLength() const {
@@ -232,18 +232,16 @@ void KvoxProcessor::RegisterReceiveAudioCallback(
 }
 
 void KvoxProcessor::CallbackDied(uint64_t serial) {
+  std::shared_ptr<IKvox::IReceiveAudioCallback> dead;  // released without the lock
   {
     MutexLock lock(links_mutex_);
     if (serial != callback_serial_) return;
+    std::swap(receive_audio_callback_, dead);
   }
   onCallbackDeath();
 }
 
-void KvoxProcessor::onCallbackDeath() {
-  std::shared_ptr<IKvox::IReceiveAudioCallback> dead;  // released without the lock
-  MutexLock lock(links_mutex_);
-  std::swap(receive_audio_callback_, dead);
-}
+void KvoxProcessor::onCallbackDeath() {}
 
 void KvoxProcessor::onCallbackUnlinked() {}
 

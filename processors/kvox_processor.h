@@ -11,10 +11,8 @@
 #include <android/binder_auto_utils.h>
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -22,32 +20,12 @@
 #include "kvox/common/mutex.h"
 #include "kvox/common/tap_format.h"
 #include "processors/audio_endpoint.h"
+#include "processors/block.h"
 #include "processors/processor_stats.h"
 
 namespace kvox {
 
 using aidl::kvox::IKvox;
-
-/// The block an inject buffer will send. Zero-filled the first time it is asked for, so that a
-/// processor that leaves it alone costs nothing.
-class OutputArea {
- public:
-  explicit OutputArea(std::span<std::byte> area) : area_(area) {}
-
-  /// RT: the area, silent where nobody has written yet.
-  std::byte* Data();
-  size_t size() const { return area_.size(); }
-
- private:
-  std::span<std::byte> area_;
-  bool zeroed_ = false;
-};
-
-/// How a block left a processor.
-struct BlockResult {
-  int32_t status = 0;            // 0, or the processor's error
-  bool output_is_input = false;  // send the input as it came; the output area was not touched
-};
 
 class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
  public:
@@ -106,7 +84,10 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
 
   /// RT: one block for the I/O thread; `out` is null when no enabled inject buffer takes it. The
   /// default runs ProcessBlock on the whole output area.
-  virtual BlockResult ProcessPacket(std::span<const std::byte> in, OutputArea* out);
+  virtual BlockResult ProcessPacket(const Block& block, OutputArea* out);
+
+  /// What the kind's blocks work with; null for none. After it changed, call RefreshFeed().
+  virtual std::shared_ptr<const BlockState> block_state() const { return nullptr; }
 
   /// Unregisters from both buffers. To be called before the last owner lets go.
   void Disconnect();
@@ -128,7 +109,8 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   std::shared_ptr<AudioEndpoint> input() const;
   std::shared_ptr<AudioEndpoint> output() const;
 
-  /// A death notice for registration number `serial`; passed by when it has been replaced.
+  /// A death notice for registration number `serial`; passed by when it has been replaced. Else
+  /// the callback is dropped, and the kind hears of it by onCallbackDeath().
   void CallbackDied(uint64_t serial);
 
  protected:

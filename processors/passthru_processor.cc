@@ -31,7 +31,7 @@ int32_t PassthruProcessor::ProcessBlock(const void* in, size_t in_size, void* ou
   return 0;
 }
 
-BlockResult PassthruProcessor::ProcessPacket(std::span<const std::byte>, OutputArea*) {
+BlockResult PassthruProcessor::ProcessPacket(const Block&, OutputArea*) {
   if (!IsEnabled()) return {};
   ProcessBlockBegin();
   ProcessBlockEnd();

@@ -15,7 +15,7 @@ class PassthruProcessor : public KvoxProcessor {
   /// RT: copies what fits and zero-fills the rest. Without an output area only the statistics run.
   int32_t ProcessBlock(const void* in, size_t in_size, void* out, size_t out_size) override;
   /// RT: lets the input be sent as it is, without a copy.
-  BlockResult ProcessPacket(std::span<const std::byte> in, OutputArea* out) override;
+  BlockResult ProcessPacket(const Block& block, OutputArea* out) override;
 };
 
 }  // namespace kvox

@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,11 +28,14 @@
 #include "buffer/kvox_buffer.h"
 #include "kvox/common/mutex.h"
 #include "processors/kvox_processor.h"
+#include "processors/relay_owner.h"
+#include "processors/thread_reaper.h"
 #include "service/command_result.h"
 #include "service/coprocessor_link.h"
 #include "service/device_scan.h"
 #include "service/recovery_thread.h"
 #include "service/tap_point.h"
+#include "service/use_cases.h"
 
 namespace kvox {
 
@@ -48,6 +52,10 @@ struct ConnectionState {
   int32_t inject_buffer = -1;
 };
 
+/// Threads that call the clients of relays. More than anybody needs: one that hangs in a client is
+/// kept until the client returns or dies.
+inline constexpr size_t kMaxClientThreads = 64;
+
 /// What the service works with. Everything outlives it.
 struct ServiceEnvironment {
   CoprocessorLink& link;
@@ -59,7 +67,7 @@ struct ServiceEnvironment {
   };
 };
 
-class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
+class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private RelayOwner {
  public:
   using Status = ndk::ScopedAStatus;
 
@@ -133,17 +141,19 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
                            CommandResult* result) override;
   Status ProcessorResetStats(int32_t id, CommandResult* result) override;
 
-  // Commands that are not available yet: status 1, "Unavailable".
+  // Use cases and gains.
   Status ListSupportedUseCases(CommandResult* result) override;
   Status Enable(const std::string& name, bool enable, CommandResult* result) override;
   Status IsEnabled(const std::string& name, CommandResult* result) override;
-  Status Debug(const std::vector<std::string>& args, CommandResult* result) override;
   Status EnableUseCase(IKvox::UseCase use_case, bool enable, CommandResult* result) override;
   Status IsUseCaseEnabled(IKvox::UseCase use_case, CommandResult* result) override;
   Status TapSetGain(int32_t core, int32_t tap, int32_t index, float gain, int32_t ramp_ms,
                     CommandResult* result) override;
   Status UseCaseSetGain(const std::string& name, float gain, int32_t ramp_ms,
                         CommandResult* result) override;
+
+  // For developers.
+  Status Debug(const std::vector<std::string>& args, CommandResult* result) override;
 
  private:
   using BufferMap = std::map<int, std::shared_ptr<KvoxBuffer>>;
@@ -226,12 +236,29 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
   void ConnectProcessor(FourCc id, int tapout, int inject, Recording recording,
                         CommandResult* result) REQUIRES(wiring_mutex_) EXCLUDES(mutex_);
 
+  // Use cases (use_case_commands.cc).
+  void SwitchUseCase(IKvox::UseCase use_case, bool enable, CommandResult* result);
+  void SwitchTelephony(bool enable, CommandResult* result) EXCLUDES(use_case_mutex_);
+  void RunSteps(std::span<const UseCaseStep> steps, CommandResult* result);
+  void RunStep(const UseCaseStep& step, CommandResult* result);
+
+  // RelayOwner.
+  int32_t DisableUseCaseOf(FourCc relay) override;
+  ThreadReaper& client_threads() override { return client_threads_; }
+
   // TapControl.
   int32_t SetTapBlockLength(const KvoxBuffer& buffer, uint32_t frames) override;
   int32_t SetTapJitterBuffer(const KvoxBuffer& buffer, uint32_t size) override;
 
   const ServiceEnvironment environment_;
   const BufferEnvironment buffer_environment_;
+
+  ThreadReaper client_threads_{kMaxClientThreads};  // of relays; outlives the processors below
+
+  Mutex use_case_mutex_;  // held for a look only
+  CondVar telephony_switched_;
+  bool telephony_switching_ GUARDED_BY(use_case_mutex_) = false;
+  bool telephony_enabled_ GUARDED_BY(use_case_mutex_) = false;
 
   Mutex wiring_mutex_ ACQUIRED_BEFORE(mutex_);
   /// Processors that a recovery left disabled because their buffers are not back.

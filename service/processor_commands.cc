@@ -5,7 +5,9 @@
 
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
+#include "processors/audio_relay_processor.h"
 #include "processors/passthru_processor.h"
+#include "processors/phone_booth_processor.h"
 #include "service/kvox_service.h"
 
 namespace kvox {
@@ -13,21 +15,29 @@ namespace {
 
 struct ProcessorKind {
   FourCc type;
-  std::shared_ptr<KvoxProcessor> (*make)(FourCc id);  // null when the kind refuses
+  std::shared_ptr<KvoxProcessor> (*make)(FourCc id, RelayOwner& owner);
 };
+
+template <typename Kind>
+std::shared_ptr<KvoxProcessor> Make(FourCc id, RelayOwner&) {
+  return std::make_shared<Kind>(id, Kind::kType);
+}
+
+template <>
+std::shared_ptr<KvoxProcessor> Make<AudioRelayProcessor>(FourCc id, RelayOwner& owner) {
+  return AudioRelayProcessor::Create(id, owner);
+}
 
 constexpr ProcessorKind kKinds[] = {
-    {PassthruProcessor::kType,
-     [](FourCc id) -> std::shared_ptr<KvoxProcessor> {
-       return std::make_shared<PassthruProcessor>(id, PassthruProcessor::kType);
-     }},
-    {MakeFourCc("arel"), [](FourCc) -> std::shared_ptr<KvoxProcessor> { return nullptr; }},
-    {MakeFourCc("phbt"), [](FourCc) -> std::shared_ptr<KvoxProcessor> { return nullptr; }},
+    {PassthruProcessor::kType, Make<PassthruProcessor>},
+    {AudioRelayProcessor::kType, Make<AudioRelayProcessor>},
+    {PhoneBoothProcessor::kType, Make<PhoneBoothProcessor>},
 };
 
-std::shared_ptr<KvoxProcessor> MakeProcessor(FourCc id, FourCc type) {
+/// Null for a type there is not.
+std::shared_ptr<KvoxProcessor> MakeProcessor(FourCc id, FourCc type, RelayOwner& owner) {
   for (const ProcessorKind& kind : kKinds) {
-    if (kind.type == type) return kind.make(id);
+    if (kind.type == type) return kind.make(id, owner);
   }
   return nullptr;
 }
@@ -86,7 +96,7 @@ KvoxService::Status KvoxService::NewProcessorWithType(int32_t id_number, int32_t
     text += "Deleting existing processor '" + id_text + "'\n";
     existing->Disconnect();
   }
-  if (const auto processor = MakeProcessor(id, type)) {
+  if (const auto processor = MakeProcessor(id, type, *this)) {
     MutexLock lock(mutex_);
     processors_.emplace(id, processor);
   } else {

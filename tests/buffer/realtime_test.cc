@@ -44,9 +44,9 @@ constexpr int kPackets = 5000;
 class WatchedProcessor : public PassthruProcessor {
  public:
   using PassthruProcessor::PassthruProcessor;
-  BlockResult ProcessPacket(std::span<const std::byte> in, OutputArea* out) override {
+  BlockResult ProcessPacket(const Block& block, OutputArea* out) override {
     counted = ++blocks > kWarmUp;
-    return PassthruProcessor::ProcessPacket(in, out);
+    return PassthruProcessor::ProcessPacket(block, out);
   }
   int blocks = 0;
 };

@@ -11,7 +11,8 @@ namespace {
 
 std::unique_ptr<RouteTable> TableWith(std::shared_ptr<KvoxProcessor> processor) {
   auto table = std::make_unique<RouteTable>();
-  table->routes.push_back({.processor = std::move(processor), .port = nullptr});
+  table->routes.push_back(
+      {.processor = std::move(processor), .state = nullptr, .connected = false, .port = nullptr});
   return table;
 }
 
@@ -73,10 +74,12 @@ TEST(RoutePublisher, ReaderAndPublisherNeverMeetOnADeadTable) {
 }
 
 /// A waiter that counts down the waits it grants.
-class Patience : public StallWaiter {
+class Patience : public RtWaiter {
  public:
   explicit Patience(int waits) : waits_(waits) {}
   bool WaitWritable(int, uint64_t) override { return waits_-- > 0; }
+  bool WaitReadable(int, uint64_t) override { return false; }
+  uint64_t NowNs() override { return 0; }
 
  private:
   int waits_;

@@ -39,7 +39,8 @@ class TapReaderTest : public ::testing::Test {
     port_ = std::make_shared<InjectPort>("inject0", "/inject0", device_, inject_recorder_,
                                          ScriptedDevice::kInjectFd);
     auto table = std::make_unique<RouteTable>();
-    table->routes.push_back({.processor = std::move(processor), .port = port_});
+    table->routes.push_back(
+        {.processor = std::move(processor), .state = nullptr, .connected = true, .port = port_});
     routes_.Publish(std::move(table));
     routes_.Settle();
   }

@@ -1,0 +1,90 @@
+// Relays audio between the co-processor and a client: hands the tap's blocks to the client's
+// callback, and lets the blocks that the client sends into the co-processor.
+//
+// The id selects a role. "art0" and "art1" relay telephony: the client gets and sends mono blocks
+// of 16-bit samples, and what it sent goes out only with a block it has accepted. "armd" relays
+// media playback, any other id relays as it is; there the client gets and sends interleaved blocks
+// of the tap's format.
+//
+// Commands prepare a RelayState as a whole, the I/O thread reads it with its routes. No lock is
+// held while the client is called; see RelayClient for who waits for whom.
+#pragma once
+
+#include <memory>
+
+#include "kvox/common/mutex.h"
+#include "processors/kvox_processor.h"
+#include "processors/relay_client.h"
+#include "processors/relay_owner.h"
+
+namespace kvox {
+
+struct RelayStream;
+struct RelayState;
+
+/// Something that happens to single blocks, reported once a second at most.
+class BlockCounter {
+ public:
+  /// RT: one more. True when it is time to report; `since_last` then says how many came up.
+  bool Count(uint64_t now_ns, uint32_t& since_last);
+
+ private:
+  uint32_t count_ = 0;
+  uint64_t reported_ns_ = 0;
+};
+
+class AudioRelayProcessor : public KvoxProcessor {
+ public:
+  static constexpr FourCc kType = MakeFourCc("arel");
+
+  /// A relay with the defaults of its role.
+  static std::shared_ptr<AudioRelayProcessor> Create(FourCc id, RelayOwner& owner);
+
+  AudioRelayProcessor(FourCc id, RelayOwner& owner);
+  ~AudioRelayProcessor() override;
+
+  int32_t Enable(bool enable) override;
+  /// A block length that changes restarts an enabled relay.
+  int32_t SetParameter(IKvox::ParameterId id, int element, const IKvox::ParamValue& value) override;
+  int32_t GetParameter(IKvox::ParameterId id, int element, IKvox::ParamValue* value) const override;
+  /// Telephony takes mono and stereo taps and stays mono.
+  int32_t SetChannels(uint32_t channels) override;
+  /// A tap of another shape restarts an enabled relay that is not telephony.
+  int32_t SetFormat(const KvoxTapFormat& format) override;
+  /// Takes one whole block of the relay's format, which goes out with the next block of the tap.
+  /// One that still waits is replaced.
+  int32_t SendAudio(const IKvox::AudioPacket& packet) override;
+  void RegisterReceiveAudioCallback(
+      const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback) override;
+  void onCallbackDeath() override;
+  BlockResult ProcessPacket(const Block& block, OutputArea* out) override;
+  std::shared_ptr<const BlockState> block_state() const override;
+
+ private:
+  bool IsTelephony() const;
+  std::shared_ptr<const RelayState> state() const;
+  IKvox::AudioPacket Shape() const;
+  int32_t startProcessor() REQUIRES(processor_mutex_);
+  void SetStream(std::shared_ptr<RelayStream> stream);
+  void FollowCallback();
+
+  // RT.
+  int32_t ProcessBlockForTelephony(const Block& block, const RelayState& state, OutputArea* out);
+  int32_t ProcessBlockGeneric(const Block& block, const RelayState& state, OutputArea* out);
+  void NotePassedBy(RelayClient::Answer answer, uint64_t now_ns);
+
+  RelayOwner& owner_;
+
+  Mutex processor_mutex_;  // one switching at a time
+
+  Mutex registration_mutex_ ACQUIRED_BEFORE(audio_mutex_);  // one change of the client at a time
+
+  mutable Mutex audio_mutex_;  // a leaf lock
+  std::shared_ptr<const RelayState> state_ GUARDED_BY(audio_mutex_);
+
+  // The I/O thread's.
+  BlockCounter passed_by_;
+  BlockCounter cut_;
+};
+
+}  // namespace kvox

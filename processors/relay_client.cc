@@ -1,0 +1,70 @@
+#include "processors/relay_client.h"
+
+#include <utility>
+
+#include "kvox/common/kvox_packet.h"
+
+namespace kvox {
+
+std::shared_ptr<RelayClient> RelayClient::Start(
+    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadReaper& reaper) {
+  auto client = std::make_shared<RelayClient>(std::move(callback));
+  const bool started = reaper.Start("kvox-client", [client] { client->Serve(); });
+  return started ? client : nullptr;
+}
+
+RelayClient::RelayClient(std::shared_ptr<IKvox::IReceiveAudioCallback> callback)
+    : callback_(std::move(callback)) {
+  packet_.data.reserve(kPacketMaxPayload);
+}
+
+void RelayClient::Stop() {
+  stopping_.store(true, std::memory_order_relaxed);
+  work_.Signal();
+}
+
+std::span<std::byte> RelayClient::Slot(size_t size) {
+  // Acquire: the thread has done with the packet.
+  if (state_.load(std::memory_order_acquire) == State::kFull) return {};
+  packet_.data.resize(size);  // within what is reserved
+  return std::as_writable_bytes(std::span<uint8_t>(packet_.data));
+}
+
+RelayClient::Answer RelayClient::Deliver(const IKvox::AudioPacket& shape, RtWaiter& waiter,
+                                         uint64_t deadline_ns) {
+  if (state_.load(std::memory_order_acquire) == State::kFull) return Answer::kBusy;
+  packet_.processor_id = shape.processor_id;
+  packet_.sampleRate = shape.sampleRate;
+  packet_.format = shape.format;
+  packet_.bitsPerSample = shape.bitsPerSample;
+  packet_.numChannels = shape.numChannels;
+  answered_.Clear();  // of an answer that came too late
+  // Release: the thread sees the packet.
+  state_.store(State::kFull, std::memory_order_release);
+  work_.Signal();
+  waiter.WaitReadable(answered_.fd(), deadline_ns);
+  switch (state_.load(std::memory_order_acquire)) {
+    case State::kAccepted:
+      return Answer::kAccepted;
+    case State::kRefused:
+      return Answer::kRefused;
+    default:
+      return Answer::kLate;
+  }
+}
+
+void RelayClient::Serve() {
+  while (!stopping_.load(std::memory_order_relaxed)) {
+    work_.Wait();
+    work_.Clear();
+    // Acquire: we see the packet.
+    if (state_.load(std::memory_order_acquire) != State::kFull) continue;
+    if (stopping_.load(std::memory_order_relaxed)) break;
+    const bool accepted = callback_->ReceiveAudio(packet_).isOk();
+    // Release: the I/O thread may fill the packet again.
+    state_.store(accepted ? State::kAccepted : State::kRefused, std::memory_order_release);
+    answered_.Signal();
+  }
+}
+
+}  // namespace kvox

@@ -1,0 +1,27 @@
+#include "processors/sent_audio.h"
+
+#include <algorithm>
+
+namespace kvox {
+
+SentAudio::SentAudio(size_t block_size) {
+  for (auto& slot : slots_) slot.resize(block_size);
+}
+
+void SentAudio::Put(std::span<const uint8_t> block) {
+  MutexLock lock(writers_);
+  std::copy(block.begin(), block.end(), slots_[writing_].begin());
+  // Release: the reader sees the block we wrote. Acquire: it has done with the slot we get.
+  const auto unread = static_cast<uint8_t>(writing_ | kUnread);
+  writing_ = waiting_.exchange(unread, std::memory_order_acq_rel) & kNumber;
+}
+
+std::span<const std::byte> SentAudio::Take() {
+  // Relaxed: it only tells whether to look; a block that comes just now waits for the next time.
+  if ((waiting_.load(std::memory_order_relaxed) & kUnread) == 0) return {};
+  // Acquire: we see what the writer wrote. Release: it sees that we have done with our slot.
+  reading_ = waiting_.exchange(reading_, std::memory_order_acq_rel) & kNumber;
+  return std::as_bytes(std::span<const uint8_t>(slots_[reading_]));
+}
+
+}  // namespace kvox

@@ -1,0 +1,43 @@
+// The block that a client has sent to a relay and that waits for the next block of the tap.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "kvox/common/mutex.h"
+
+namespace kvox {
+
+/// Blocks of one size from any number of service threads to one I/O thread, the newest of which
+/// replaces one that is still waiting. Three slots: one being written, one waiting, one being read.
+/// Each side owns its slot and trades it for the waiting one, so neither waits for the other.
+class SentAudio {
+ public:
+  explicit SentAudio(size_t block_size);
+
+  size_t block_size() const { return slots_[0].size(); }
+
+  /// Service threads: copies a block of block_size() bytes; it is pending from then on.
+  void Put(std::span<const uint8_t> block);
+
+  /// RT: takes the pending block, which is the reader's until its next Take. Empty when none has
+  /// come since the last one.
+  std::span<const std::byte> Take();
+
+ private:
+  /// A slot's number, and whether nobody has read it yet.
+  static constexpr uint8_t kUnread = 0x80;
+  static constexpr uint8_t kNumber = 0x03;
+
+  std::array<std::vector<uint8_t>, 3> slots_;
+  std::atomic<uint8_t> waiting_ = 1;
+  Mutex writers_;  // a leaf lock; never the reader's
+  uint8_t writing_ GUARDED_BY(writers_) = 0;
+  uint8_t reading_ = 2;  // the reader's own
+};
+
+}  // namespace kvox

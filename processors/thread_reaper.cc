@@ -1,0 +1,57 @@
+#include "processors/thread_reaper.h"
+
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "kvox/common/kvox_utils.h"
+
+namespace kvox {
+
+ThreadReaper::~ThreadReaper() {
+  std::thread last;
+  {
+    MutexLock lock(mutex_);
+    while (!running_.empty()) finished_one_.Wait(mutex_);
+    last = std::move(finished_);
+  }
+  if (last.joinable()) last.join();
+}
+
+bool ThreadReaper::Start(const char* name, std::function<void()> body) {
+  MutexLock lock(mutex_);
+  if (running_.size() >= limit_) return false;
+  const size_t number = next_number_++;
+  try {
+    // The thread ends under the lock, so not before it is in the table.
+    running_.emplace(number, std::thread([this, number, text = std::string(name),
+                                          run = std::move(body)]() mutable {
+                       SetThreadName(text.c_str());
+                       run();
+                       run = nullptr;
+                       Finish(number);
+                     }));
+  } catch (const std::system_error&) {
+    return false;
+  }
+  return true;
+}
+
+size_t ThreadReaper::running() const {
+  MutexLock lock(mutex_);
+  return running_.size();
+}
+
+/// On the thread that ends. The one joined here has nothing left to do.
+void ThreadReaper::Finish(size_t number) {
+  std::thread before;
+  MutexLock lock(mutex_);
+  before = std::exchange(finished_, std::move(running_.at(number)));
+  running_.erase(number);
+  lock.Unlock();
+  if (before.joinable()) before.join();
+  lock.Lock();
+  finished_one_.NotifyAll();
+}
+
+}  // namespace kvox

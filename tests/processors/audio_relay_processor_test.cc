@@ -1,0 +1,360 @@
+#include "processors/audio_relay_processor.h"
+
+#include <aidl/kvox/BnKvox.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "kvox/common/kvox_utils.h"
+#include "tests/support/log_capture.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Id = IKvox::ParameterId;
+using Value = IKvox::ParamValue;
+using Samples = std::vector<int16_t>;
+
+/// Waits in the place of the I/O thread: as long as it is asked to, or, so that a busy machine does
+/// not matter, longer.
+class Waiter : public RtWaiter {
+ public:
+  bool WaitWritable(int, uint64_t) override { return false; }
+  bool WaitReadable(int fd, uint64_t deadline_ns) override {
+    asked_ms = static_cast<int>((deadline_ns - NowNs()) / 1'000'000 + 1);
+    pollfd event{.fd = fd, .events = POLLIN, .revents = 0};
+    return poll(&event, 1, patient ? 10000 : asked_ms) == 1;
+  }
+  uint64_t NowNs() override { return GetTimestampNs(); }
+
+  bool patient = true;
+  int asked_ms = 0;
+};
+
+/// A client that keeps what it gets; it may refuse, or hang until it is released.
+class Client : public IKvox::BnReceiveAudioCallback {
+ public:
+  ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override {
+    std::unique_lock lock(mutex_);
+    packets_.push_back(packet);
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return !hanging_; });
+    return refusing_ ? ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_STATE)
+                     : ndk::ScopedAStatus::ok();
+  }
+
+  void Hang(bool hang) {
+    std::lock_guard lock(mutex_);
+    hanging_ = hang;
+    changed_.notify_all();
+  }
+  void Refuse() {
+    std::lock_guard lock(mutex_);
+    refusing_ = true;
+  }
+  std::vector<IKvox::AudioPacket> Packets() {
+    std::lock_guard lock(mutex_);
+    return packets_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool hanging_ = false;
+  bool refusing_ = false;
+  std::vector<IKvox::AudioPacket> packets_;
+};
+
+class RelayTest : public ::testing::Test, public RelayOwner {
+ protected:
+  static constexpr uint32_t kFrames = 480;
+
+  /// An enabled relay with blocks of 480 frames.
+  std::shared_ptr<AudioRelayProcessor> Relay(FourCc id) {
+    auto relay = AudioRelayProcessor::Create(id, *this);
+    relay->SetBlockLength(kFrames);
+    EXPECT_EQ(relay->Enable(true), 0);
+    log_.Take();
+    return relay;
+  }
+
+  std::shared_ptr<Client> Register(AudioRelayProcessor& relay) {
+    auto client = ndk::SharedRefBase::make<Client>();
+    relay.RegisterReceiveAudioCallback(client);
+    log_.Take();
+    return client;
+  }
+
+  static IKvox::AudioPacket Packet(FourCc id, std::vector<uint8_t> data, int8_t format, int8_t bits,
+                                   int8_t channels) {
+    IKvox::AudioPacket packet;
+    packet.processor_id = static_cast<int32_t>(id);
+    packet.data = std::move(data);
+    packet.sampleRate = 5;
+    packet.format = format;
+    packet.bitsPerSample = bits;
+    packet.numChannels = channels;
+    return packet;
+  }
+  static IKvox::AudioPacket CallPacket(uint8_t fill) {
+    return Packet(kDownlink, std::vector<uint8_t>(kFrames * 2, fill), 0, 1, 1);
+  }
+
+  /// Sends a block through; what the inject buffer gets is in out_.
+  int32_t Process(AudioRelayProcessor& relay, std::span<const std::byte> in,
+                  const KvoxTapFormat& format, bool connected = true) {
+    const auto state = relay.block_state();
+    out_.assign(in.size(), std::byte{0x77});
+    OutputArea area(out_);
+    const Block block = {.audio = in,
+                         .format = format,
+                         .connected = connected,
+                         .state = state.get(),
+                         .waiter = waiter_};
+    const BlockResult result = relay.ProcessPacket(block, connected ? &area : nullptr);
+    area.Data();
+    return result.status;
+  }
+
+  bool OutputIsSilent() const {
+    return std::all_of(out_.begin(), out_.end(), [](std::byte b) { return b == std::byte{0}; });
+  }
+
+  static constexpr FourCc kDownlink = MakeFourCc("art0");
+  static constexpr FourCc kMedia = MakeFourCc("armd");
+  static constexpr KvoxTapFormat kCallTap = {
+      .sample_rate = 48000, .channels = 2, .bytes_per_sample = 2, .noninterleaved_samples = 480};
+
+  LogCapture log_;
+  Waiter waiter_;
+  std::vector<std::byte> out_;
+  std::vector<FourCc> disabled_;
+  int32_t disable_status_ = 0;
+
+ private:
+  int32_t DisableUseCaseOf(FourCc relay) override {
+    disabled_.push_back(relay);
+    return disable_status_;
+  }
+  ThreadReaper& client_threads() override { return threads_; }
+
+  ThreadReaper threads_{8};
+};
+
+TEST_F(RelayTest, TelephonyExchangesMonoBlocksWithItsClient) {
+  const auto relay = Relay(kDownlink);
+  const auto client = Register(*relay);
+  Samples tap(2 * kFrames, 0x1111);
+  std::fill(tap.begin() + kFrames, tap.end(), int16_t{0x2222});
+  const auto in = std::as_bytes(std::span(tap));
+
+  EXPECT_EQ(relay->SendAudio(CallPacket(0xaa)), 0);
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_EQ(out_, std::vector<std::byte>(in.size(), std::byte{0xaa})) << "on both channels";
+  EXPECT_THAT(client->Packets(), ElementsAre(CallPacket(0x11))) << "the first channel";
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_TRUE(OutputIsSilent()) << "each sent block goes out once";
+
+  relay->SendAudio(CallPacket(0xbb));
+  EXPECT_EQ(Process(*relay, in, kCallTap, false), -1) << "both ends are needed";
+  client->Refuse();
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_TRUE(OutputIsSilent()) << "nothing goes out with a refused block";
+  relay->RegisterReceiveAudioCallback(nullptr);
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_TRUE(OutputIsSilent());
+  Register(*relay);
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_EQ(out_[0], std::byte{0xbb}) << "it waited for an accepted block";
+}
+
+TEST_F(RelayTest, BlocksOfAnotherShapeAreRefused) {
+  const auto call = Relay(kDownlink);
+  const auto media = Relay(kMedia);
+  const auto client = Register(*call);
+  const std::vector<std::byte> block(kFrames * 4);
+  const auto process_call = [&](KvoxTapFormat format, size_t size) {
+    EXPECT_EQ(Process(*call, std::span(block).first(size), format), -1);
+    return log_.Take();
+  };
+  KvoxTapFormat slow = kCallTap;
+  slow.sample_rate = 16000;
+  EXPECT_THAT(process_call(slow, block.size()),
+              ElementsAre("E Invalid tap format (sample rate 16000, ch 2, bytes/sample 2)"));
+  EXPECT_THAT(process_call(kCallTap, kFrames * 2),
+              ElementsAre("E ProcessBlockForTelephony art0: Unexpected number of samples (240 != "
+                          "480, num_ch = 2)"));
+  EXPECT_THAT(client->Packets(), IsEmpty());
+
+  EXPECT_EQ(Process(*media, block, kCallTap), -1);
+  EXPECT_THAT(log_.Take(), ElementsAre("E Invalid tap format: raw(48 kHz, ch 2, 2 Bps), "
+                                       "requested(48 kHz, ch 2, 4 Bps)"));
+  const KvoxTapFormat format = {.sample_rate = 48000, .channels = 2, .bytes_per_sample = 4};
+  EXPECT_EQ(Process(*media, std::vector<std::byte>(kFrames * 8 + 8), format), -1);
+  EXPECT_THAT(log_.Take(), ElementsAre("E Audio data size exceed 3848 (48 kHz, ch 2, 4 Bps), "
+                                       "block length 480, 4 Bps, ch 2)"));
+}
+
+TEST_F(RelayTest, MediaIsInterleavedForTheClientAndInTheTapsOrderForTheTap) {
+  const auto relay = Relay(kMedia);
+  const auto client = Register(*relay);
+  KvoxTapFormat tap = {.sample_rate = 48000,
+                       .channels = 2,
+                       .bytes_per_sample = 4,
+                       .data_format = 1,
+                       .noninterleaved_samples = 480};
+  std::vector<float> in(2 * kFrames, 1.0f);  // left
+  std::fill(in.begin() + kFrames, in.end(), 2.0f);
+  std::vector<float> stereo(2 * kFrames);
+  for (size_t i = 0; i < stereo.size(); ++i) stereo[i] = i % 2 == 0 ? 1.0f : 2.0f;
+  std::vector<uint8_t> bytes(stereo.size() * sizeof(float));
+  std::memcpy(bytes.data(), stereo.data(), bytes.size());
+
+  EXPECT_EQ(relay->SendAudio(Packet(kMedia, bytes, 1, 3, 2)), 0);
+  EXPECT_EQ(Process(*relay, std::as_bytes(std::span(in)), tap), 0);
+  EXPECT_THAT(client->Packets(), ElementsAre(Packet(kMedia, bytes, 1, 3, 2)));
+  EXPECT_EQ(std::memcmp(out_.data(), in.data(), out_.size()), 0);
+
+  client->Refuse();
+  EXPECT_EQ(relay->SendAudio(Packet(kMedia, bytes, 1, 3, 2)), 0);
+  EXPECT_EQ(Process(*relay, std::as_bytes(std::span(in)), tap), 0);
+  EXPECT_FALSE(OutputIsSilent()) << "what a client sends does not hang on what it accepts";
+  EXPECT_THAT(
+      log_.Take(),
+      ElementsAre("E ProcessBlockGeneric armd: receive_audio_callback_->ReceiveAudio fail"));
+  IKvox::ProcessorStats stats;
+  relay->GetStats(&stats);
+  EXPECT_EQ(stats.blockCount, 2);
+}
+
+TEST_F(RelayTest, AHangingClientCostsHalfABlockOnceAndNothingWaitsForIt) {
+  auto relay = Relay(kDownlink);
+  const auto hanging = Register(*relay);
+  hanging->Hang(true);
+  waiter_.patient = false;
+  const std::vector<std::byte> in(kFrames * 4);
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_LE(waiter_.asked_ms, 5) << "half of 10 ms";
+  waiter_.asked_ms = 0;
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_EQ(waiter_.asked_ms, 0) << "a busy client is not waited for";
+  EXPECT_THAT(log_.Take(), ElementsAre("W art0: the client was too slow for 1 block"))
+      << "once a second";
+
+  const auto next = Register(*relay);
+  waiter_.patient = true;
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_EQ(next->Packets().size(), 1u) << "another client is served meanwhile";
+  EXPECT_EQ(relay->Enable(false), 0);
+  relay.reset();
+  hanging->Hang(false);
+}
+
+TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
+  const auto relay = AudioRelayProcessor::Create(kDownlink, *this);
+  EXPECT_EQ(relay->SendAudio(CallPacket(0)), -1) << "never started";
+  relay->SetBlockLength(kFrames);
+  relay->Enable(true);
+  log_.Take();
+  const struct {
+    IKvox::AudioPacket packet;
+    const char* mismatch;
+  } rows[] = {
+      {Packet(kMedia, {}, 1, 3, 2), "processor_id"},
+      {Packet(kDownlink, {}, 1, 3, 2), "format"},
+      {Packet(kDownlink, {}, 0, 3, 2), "bitsPerSample"},
+      {Packet(kDownlink, {}, 0, 1, 2), "numChannels"},
+      {Packet(kDownlink, std::vector<uint8_t>(kFrames * 2 - 1), 0, 1, 1), "data size"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(relay->SendAudio(row.packet), -1);
+    EXPECT_THAT(log_.Take(),
+                ElementsAre(std::string("E SendAudio art0: ") + row.mismatch + " mismatch"));
+  }
+  IKvox::AudioPacket slow = CallPacket(0);
+  slow.sampleRate = 1;
+  EXPECT_EQ(relay->SendAudio(slow), -1);
+  EXPECT_EQ(log_.Count("sampleRate mismatch"), 1u);
+  EXPECT_EQ(relay->SendAudio(CallPacket(0)), 0);
+}
+
+TEST_F(RelayTest, StartsWithWhatItCanRelayOnly) {
+  const auto relay = AudioRelayProcessor::Create(kMedia, *this);
+  relay->SetSampleRate(44100);
+  EXPECT_EQ(relay->Enable(true), -1);
+  EXPECT_FALSE(relay->IsEnabled());
+  relay->SetSampleRate(48000);
+  relay->SetBlockLength(0);
+  EXPECT_EQ(relay->Enable(true), -1);
+  relay->SetBlockLength(kFrames);
+  relay->SetDataFormat(Kvox::DataFormat{7});
+  EXPECT_EQ(relay->Enable(true), -1);
+  relay->SetDataFormat(Kvox::DataFormat::FLOAT);
+  EXPECT_EQ(relay->Enable(true), 0);
+  EXPECT_EQ(relay->Enable(true), 0);
+  EXPECT_THAT(log_.Take(),
+              ElementsAre("E Invalid sample rate 44100", "E Invalid block length",
+                          "E Unsupported encoding 7",
+                          "I startProcessor sr 48000, format float32, ch 2, little_endian_ 1"));
+  const auto call = AudioRelayProcessor::Create(kDownlink, *this);
+  EXPECT_EQ(call->SetChannels(2), 0);
+  EXPECT_EQ(call->SetChannels(3), -1);
+  EXPECT_EQ(call->GetChannels(), 1u);
+  Value version;
+  EXPECT_EQ(call->GetParameter(Id::VERSION, 1, &version), 0);
+  EXPECT_EQ(version, Value(1));
+}
+
+TEST_F(RelayTest, RestartsOnANewBlockLengthOrAnotherTap) {
+  const auto relay = Relay(kMedia);
+  EXPECT_EQ(relay->SetParameter(Id::BLOCK_LENGTH, 0, 960), 0);
+  EXPECT_TRUE(relay->IsEnabled());
+  EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(960 * 8), 1, 3, 2)), 0);
+  EXPECT_EQ(relay->SetParameter(Id::BLOCK_LENGTH, 0, 961), 4);
+  EXPECT_TRUE(relay->IsEnabled());
+  log_.Take();
+  // What a tap tells of itself says nothing about the encoding, which stays the role's.
+  relay->SetFormat({.sample_rate = 48000, .channels = 2, .bytes_per_sample = 4});
+  EXPECT_THAT(log_.Take(), IsEmpty());
+  EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(960 * 8), 1, 3, 2)), 0);
+  relay->SetFormat({.sample_rate = 48000, .channels = 1, .bytes_per_sample = 2});
+  EXPECT_EQ(log_.Count("startProcessor sr 48000, format int16, ch 1"), 1u);
+  EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(960 * 2), 0, 1, 1)), 0);
+  relay->SetFormat({.sample_rate = 44100, .channels = 1, .bytes_per_sample = 2});
+  EXPECT_TRUE(relay->IsEnabled());
+
+  relay->Enable(false);
+  log_.Take();
+  EXPECT_EQ(relay->SetParameter(Id::BLOCK_LENGTH, 0, 480), 0);
+  EXPECT_THAT(log_.Take(), IsEmpty());
+  EXPECT_EQ(relay->GetBlockLength(), 480u);
+  EXPECT_EQ(Process(*relay, std::vector<std::byte>(8), {}), 0) << "disabled: nothing happens";
+}
+
+TEST_F(RelayTest, TheDeathOfItsClientEndsTheUseCase) {
+  const auto relay = Relay(kDownlink);
+  const auto client = Register(*relay);
+  relay->CallbackDied(1);
+  EXPECT_THAT(disabled_, ElementsAre(kDownlink));
+  EXPECT_THAT(log_.Take(), ElementsAre("I onCallbackDeath: receive_audio_callback is not alive and "
+                                       "try to disable art0"));
+  const std::vector<std::byte> in(kFrames * 4);
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_THAT(client->Packets(), IsEmpty());
+  disable_status_ = 2;
+  Register(*relay);
+  relay->CallbackDied(2);
+  EXPECT_EQ(log_.Count("onCallbackDeath: Failed to disable art0"), 1u);
+}
+
+}  // namespace
+}  // namespace kvox

@@ -1,0 +1,129 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <latch>
+#include <numeric>
+#include <thread>
+#include <vector>
+
+#include "processors/relay_layout.h"
+#include "processors/sent_audio.h"
+#include "processors/thread_reaper.h"
+
+namespace kvox {
+namespace {
+
+std::vector<uint8_t> Counting(size_t size, uint8_t first = 0) {
+  std::vector<uint8_t> bytes(size);
+  std::iota(bytes.begin(), bytes.end(), first);
+  return bytes;
+}
+
+TEST(RelayLayout, InterleavesRunsAndBack) {
+  const struct {
+    KvoxTapFormat tap;
+    std::vector<uint8_t> in_runs;
+    std::vector<uint8_t> interleaved;
+  } rows[] = {
+      // Two channels in runs of two 16-bit samples.
+      {{.channels = 2, .bytes_per_sample = 2, .noninterleaved_samples = 2},
+       {1, 1, 2, 2, 11, 11, 12, 12, 3, 3, 4, 4, 13, 13, 14, 14},
+       {1, 1, 11, 11, 2, 2, 12, 12, 3, 3, 13, 13, 4, 4, 14, 14}},
+      // Three frames in runs of two: the last run is shorter; half a frame behind it is carried.
+      {{.channels = 2, .bytes_per_sample = 1, .noninterleaved_samples = 2},
+       {1, 2, 11, 12, 3, 13, 99},
+       {1, 11, 2, 12, 3, 13, 99}},
+      // Fewer frames than a run has.
+      {{.channels = 3, .bytes_per_sample = 1, .noninterleaved_samples = 480},
+       {1, 2, 11, 12, 21, 22},
+       {1, 11, 21, 2, 12, 22}},
+      // Nothing to do: interleaved already, mono, or a header that names nothing.
+      {{.channels = 2, .bytes_per_sample = 1, .noninterleaved_samples = 1}, {1, 2, 3}, {1, 2, 3}},
+      {{.channels = 1, .bytes_per_sample = 1, .noninterleaved_samples = 2}, {1, 2, 3}, {1, 2, 3}},
+      {{.channels = 2, .bytes_per_sample = 0, .noninterleaved_samples = 2}, {1, 2, 3}, {1, 2, 3}},
+  };
+  for (const auto& row : rows) {
+    std::vector<uint8_t> out(row.in_runs.size());
+    ToInterleaved(std::as_bytes(std::span(row.in_runs)), row.tap,
+                  std::as_writable_bytes(std::span(out)));
+    EXPECT_EQ(out, row.interleaved);
+    FromInterleaved(std::as_bytes(std::span(row.interleaved)), row.tap,
+                    std::as_writable_bytes(std::span(out)));
+    EXPECT_EQ(out, row.in_runs);
+  }
+}
+
+TEST(RelayLayout, TelephonyTakesTheFirstChannelAndFillsAll) {
+  constexpr size_t kFrames = 2 * kTelephonyRun;
+  std::vector<uint16_t> tap(2 * kFrames);
+  for (size_t i = 0; i < tap.size(); ++i) tap[i] = static_cast<uint16_t>(i);
+  std::vector<uint16_t> mono(kFrames);
+  TakeFirstChannel(std::as_bytes(std::span(tap)), 2, std::as_writable_bytes(std::span(mono)));
+  EXPECT_EQ(mono[479], 479);
+  EXPECT_EQ(mono[480], 960) << "the second chunk's first channel";
+  EXPECT_EQ(mono[959], 1439);
+  SpreadOverChannels(std::as_bytes(std::span(mono)), 2, std::as_writable_bytes(std::span(tap)));
+  EXPECT_EQ(tap[479], 479);
+  EXPECT_EQ(tap[480], 0) << "the second channel gets the same";
+  EXPECT_EQ(tap[960], 960);
+  EXPECT_EQ(tap[1440], 960);
+}
+
+TEST(SentAudio, TheNewestBlockComesOutOnce) {
+  SentAudio sent(4);
+  EXPECT_TRUE(sent.Take().empty());
+  sent.Put(Counting(4, 1));
+  sent.Put(Counting(4, 9));
+  const auto block = sent.Take();
+  ASSERT_EQ(block.size(), 4u);
+  EXPECT_EQ(block[0], std::byte{9});
+  EXPECT_TRUE(sent.Take().empty());
+}
+
+TEST(SentAudio, BlocksAreNeverTornAndNeverGoBack) {
+  constexpr uint8_t kBlocks = 250;
+  SentAudio sent(4096);
+  std::thread writer([&] {
+    for (uint8_t number = 1; number <= kBlocks; ++number) {
+      sent.Put(std::vector<uint8_t>(4096, number));
+      std::this_thread::yield();
+    }
+  });
+  uint8_t last = 0;
+  while (last != kBlocks) {
+    const auto block = sent.Take();
+    if (block.empty()) continue;
+    const auto number = static_cast<uint8_t>(block[0]);
+    ASSERT_GT(number, last);
+    for (const std::byte byte : block) ASSERT_EQ(static_cast<uint8_t>(byte), number);
+    last = number;
+  }
+  writer.join();
+}
+
+TEST(ThreadReaper, JoinsWhatEndsAndRefusesTooMany) {
+  std::atomic<int> ran = 0;
+  {
+    ThreadReaper reaper(2);
+    std::latch release(1);
+    const auto hang = [&] {
+      release.wait();
+      ++ran;
+    };
+    EXPECT_TRUE(reaper.Start("one", hang));
+    EXPECT_TRUE(reaper.Start("two", hang));
+    EXPECT_FALSE(reaper.Start("three", hang));
+    EXPECT_EQ(reaper.running(), 2u);
+    release.count_down();
+    while (reaper.running() > 0) std::this_thread::yield();
+    for (int i = 0; i < 50; ++i) {
+      while (!reaper.Start("more", [&] { ++ran; })) std::this_thread::yield();
+    }
+  }
+  EXPECT_EQ(ran, 52) << "the reaper waits for all";
+}
+
+}  // namespace
+}  // namespace kvox
