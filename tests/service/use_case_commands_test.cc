@@ -1,0 +1,202 @@
+#include "tests/service/service_fixture.h"
+
+#include <thread>
+
+#include "service/use_cases.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using UseCase = IKvox::UseCase;
+
+class UseCaseCommands : public ServiceTest {
+ protected:
+  void SetUp() override {
+    MakeNodes({"tapout20", "tapout21", "tapout40", "tapout41", "inject20", "inject21", "inject40",
+               "inject41"});
+    for (const auto& [core, tap, index, bytes] :
+         {std::tuple{uint8_t{2}, MakeFourCc("imic"), uint8_t{0}, uint8_t{2}},
+          std::tuple{uint8_t{2}, MakeFourCc("sspk"), uint8_t{0}, uint8_t{2}},
+          std::tuple{uint8_t{2}, MakeFourCc("entr"), uint8_t{5}, uint8_t{4}},
+          std::tuple{uint8_t{4}, MakeFourCc("vpdl"), uint8_t{0}, uint8_t{2}},
+          std::tuple{uint8_t{4}, MakeFourCc("vpul"), uint8_t{1}, uint8_t{2}}}) {
+      link_.taps.push_back({.tap = tap,
+                            .index = index,
+                            .core = core,
+                            .sample_rate = 48000,
+                            .channels = 2,
+                            .bytes_per_sample = bytes});
+    }
+    StartService();
+  }
+
+  std::string Processors() { return Call(&KvoxService::ListProcessors).lines.back(); }
+  float IsOn(UseCase use_case) { return Call(&KvoxService::IsUseCaseEnabled, use_case).value; }
+};
+
+TEST(StringToUseCase, KnowsNamesInAnyCase) {
+  EXPECT_EQ(stringToUseCase("phonebooth"), UseCase::PHONEBOOTH);
+  EXPECT_EQ(stringToUseCase("Mic_In"), UseCase::MIC_IN);
+  for (const char* name : {"PHONE", "unspecified", "", "mic_in "}) {
+    EXPECT_EQ(stringToUseCase(name), UseCase::UNSPECIFIED) << name;
+  }
+}
+
+TEST_F(UseCaseCommands, EveryStepsUseCaseComesAndGoes) {
+  const struct {
+    UseCase use_case;
+    std::vector<const char*> rows;
+  } rows[] = {
+      {UseCase::MIC_IN, {"pas1      pass      tapout20  inject20  1"}},
+      {UseCase::SPEAKER_OUT, {"pas2      pass      tapout21  inject21  1"}},
+      {UseCase::AREL_TELE,
+       {"art0      arel      tapout40  inject40  1", "art1      arel      tapout41  inject41  1"}},
+      {UseCase::AREL_MEDIA_PLAYBACK, {"armd      arel      tapout20  inject20  1"}},
+  };
+  for (const auto& row : rows) {
+    const std::string name = toString(row.use_case);
+    EXPECT_THAT(Call(&KvoxService::EnableUseCase, row.use_case, true).lines,
+                ElementsAre("Enable use case " + name));
+    EXPECT_EQ(log_.Count("Enable use case " + name + " done"), 1u);
+    for (const char* processor : row.rows) EXPECT_THAT(Processors(), HasSubstr(processor));
+    EXPECT_TRUE(link_.wake_lock);
+    const CommandResult off = Call(&KvoxService::EnableUseCase, row.use_case, false);
+    EXPECT_THAT(off.lines, ElementsAre("Disable use case " + name));
+    EXPECT_EQ(Processors(), "Kvox processors:   none");
+    EXPECT_FALSE(link_.wake_lock);
+  }
+  // Microphone and speaker stay bound to their buffers, the relays' tap points do not.
+  link_.opcodes.clear();
+  Restart();
+  EXPECT_EQ(log_.Count("Restore tap point state"), 2u);
+}
+
+TEST_F(UseCaseCommands, NamesAndRefusalsReadAsClientsKnowThem) {
+  EXPECT_THAT(Call(&KvoxService::ListSupportedUseCases).lines,
+              ElementsAre("Supported Kvox use cases: HOTWORDAEC MIC_IN SPEAKER_OUT AREL_TELE "
+                          "PHONEBOOTH AREL_MEDIA_PLAYBACK "));
+  const struct {
+    CommandResult result;
+    int status;
+    Lines lines;
+  } rows[] = {
+      {Call(&KvoxService::EnableUseCase, UseCase{6}, true),
+       3,
+       {"Enable use case 6", "Enable use case 6", "EnableUseCase: INVALID PARAMETER"}},
+      {Call(&KvoxService::EnableUseCase, UseCase::UNSPECIFIED, false),
+       3,
+       {"Disable use case UNSPECIFIED", "Disable use case UNSPECIFIED",
+        "EnableUseCase: INVALID PARAMETER"}},
+      {Call(&KvoxService::EnableUseCase, UseCase::PHONEBOOTH, true),
+       1,
+       {"Enable use case PHONEBOOTH",
+        "Enable use case PHONEBOOTH encountered an error: Disabled in build",
+        "EnableUseCase: ERROR"}},
+      {Call(&KvoxService::Enable, "hotwordaec", true),
+       1,
+       {"Enable 'hotwordaec'", "Enable use case HOTWORDAEC",
+        "Enable use case HOTWORDAEC encountered an error: ProcessorEnable: INVALID PROCESSOR",
+        "EnableUseCase: ERROR"}},
+      {Call(&KvoxService::Enable, "radio", false),
+       3,
+       {"Disable 'radio'", "Disable 'radio': Unknown use case"}},
+      {Call(&KvoxService::IsEnabled, "mic_in"),
+       3,
+       {"Get use case 'MIC_IN' enabled state", "kvox use case state unknown",
+        "IsUseCaseEnabled: INVALID PARAMETER"}},
+      {Call(&KvoxService::IsUseCaseEnabled, UseCase::PHONEBOOTH),
+       0,
+       {"Get use case 'PHONEBOOTH' enabled state"}},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(StatusOf(row.result), row.status) << row.lines.back();
+    EXPECT_EQ(row.result.lines, row.lines);
+  }
+}
+
+TEST_F(UseCaseCommands, HotwordFollowsItsProcessor) {
+  Call(&KvoxService::NewProcessorWithType, Code("hwae"), Code("pass"));
+  EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, UseCase::HOTWORDAEC, true)), 0);
+  EXPECT_EQ(IsOn(UseCase::HOTWORDAEC), 1.0f);
+  Call(&KvoxService::EnableUseCase, UseCase::HOTWORDAEC, false);
+  EXPECT_EQ(IsOn(UseCase::HOTWORDAEC), 0.0f);
+}
+
+TEST_F(UseCaseCommands, AFailingStepEndsTheUseCaseWhereItIs) {
+  link_.failures[CMD_KVOX_TAP_BIND_ID] = -7;
+  const CommandResult failed = Call(&KvoxService::EnableUseCase, UseCase::AREL_TELE, true);
+  EXPECT_EQ(StatusOf(failed), 1);
+  EXPECT_THAT(failed.lines,
+              ElementsAre("Enable use case AREL_TELE",
+                          "Enable use case AREL_TELE encountered an error: ConnectTap: ERROR",
+                          "EnableUseCase: ERROR"));
+  EXPECT_THAT(Processors(), HasSubstr("art1      arel      tapout41  inject41  1"));
+  EXPECT_EQ(IsOn(UseCase::AREL_TELE), 0.0f);
+  link_.failures.clear();
+  EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, UseCase::AREL_TELE, true)), 0);
+  EXPECT_EQ(IsOn(UseCase::AREL_TELE), 1.0f);
+  log_.Take();
+  EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, UseCase::AREL_TELE, true)), 0);
+  EXPECT_EQ(log_.Count("Already enabled"), 1u);
+  // Off only when every step that counts succeeded.
+  link_.failures[CMD_KVOX_TAP_ENABLE_ID] = -7;
+  EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, UseCase::AREL_TELE, false)), 1);
+  EXPECT_EQ(IsOn(UseCase::AREL_TELE), 1.0f);
+}
+
+TEST_F(UseCaseCommands, TwoClientsCannotTearTelephony) {
+  const auto toggle = [this] {
+    for (int i = 0; i < 30; ++i) {
+      Call(&KvoxService::EnableUseCase, UseCase::AREL_TELE, i % 2 == 0);
+    }
+  };
+  std::thread other(toggle);
+  toggle();
+  other.join();
+  const bool on = IsOn(UseCase::AREL_TELE) == 1.0f;
+  EXPECT_EQ(Processors() == "Kvox processors:   none", !on);
+  EXPECT_EQ(link_.wake_lock, on);
+}
+
+TEST_F(UseCaseCommands, GainsAreUnavailableWhereTheyExistAtAll) {
+  EXPECT_THAT(Call(&KvoxService::TapSetGain, 2, Code("imic"), 0, 0.5f, 10).lines,
+              ElementsAre("Tap point [core 2 tap imic.0] set gain 0.500000, ramp_ms 10",
+                          "Unavailable", "TapSetGain: ERROR"));
+  const struct {
+    const char* name;
+    int status;
+    Lines more;
+  } rows[] = {
+      {"speaker_out",
+       1,
+       {"Tap point [core 2 tap sspk.0] set gain 1.000000, ramp_ms 4294967295", "Unavailable",
+        "TapSetGain: ERROR"}},
+      {"AREL_MEDIA_PLAYBACK",
+       1,
+       {"Tap point [core 2 tap entr.5] set gain 1.000000, ramp_ms 4294967295", "Unavailable",
+        "TapSetGain: ERROR"}},
+      {"PhoneBooth", 1, {"Disabled in build"}},
+      {"AREL_TELE", 3, {}},
+      {"radio", 3, {}},
+  };
+  for (const auto& row : rows) {
+    const CommandResult result = Call(&KvoxService::UseCaseSetGain, row.name, 1.0f, -1);
+    Lines lines = {std::string("Use case ") + row.name + " set gain 1.000000, ramp_ms 4294967295"};
+    lines.insert(lines.end(), row.more.begin(), row.more.end());
+    EXPECT_EQ(StatusOf(result), row.status);
+    EXPECT_EQ(result.lines, lines);
+  }
+}
+
+TEST_F(UseCaseCommands, APhoneBoothCanBeMadeAndTiedButDoesNothing) {
+  Call(&KvoxService::NewProcessor, Code("phbt"));
+  EXPECT_THAT(Call(&KvoxService::ProcessorInfo, Code("phbt")).lines,
+              ElementsAre("Processor 'phbt' info\n"));
+  EXPECT_EQ(StatusOf(Call(&KvoxService::ProcessorEnable, Code("phbt"), true)), 1);
+  EXPECT_EQ(StatusOf(Call(&KvoxService::Connect, Code("phbt"), 20, 20)), 0);
+}
+
+}  // namespace
+}  // namespace kvox
