@@ -9,8 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "client/arguments.h"
 #include "client/call_table.h"
 #include "client/output.h"
+#include "client/play.h"
+#include "client/record.h"
 #include "interface/service_name.h"
 #include "platform/linux/include/kvox_host/binder_host.h"
 
@@ -69,6 +72,38 @@ int Ping(const Options& options) {
   return kDone;
 }
 
+int32_t Processor(const std::string& word) {
+  const auto id = kvox::client::ParseCode(word);
+  if (!id) {
+    throw kvox::client::UsageError("PROCESSOR: '" + word + "' is not four characters or a number");
+  }
+  return *id;
+}
+
+/// Runs `stay` with a daemon, and turns its outcome into an exit status.
+template <typename Stay>
+int StayAtDaemon(Stay stay) {
+  kvox::client::RelaySession::HoldInterrupts();
+  const std::shared_ptr<IKvox> daemon = FindDaemon();
+  if (!daemon) return ReportNoDaemon(kvox_host::ServiceError());
+  try {
+    const kvox::client::StayEnd end = stay(daemon);
+    if (end == kvox::client::StayEnd::kNoDaemon) return ReportNoDaemon("kvoxd has gone");
+    return static_cast<int>(end);
+  } catch (const kvox::client::SoundFileError& error) {
+    fprintf(stderr, "kvoxctl: %s\n", error.what());
+    return kRefused;
+  }
+}
+
+kvox::client::SoundReader OpenToPlay(const std::string& path) {
+  try {
+    return kvox::client::SoundReader(path);
+  } catch (const kvox::client::SoundFileError& error) {
+    throw kvox::client::UsageError(std::string("FILE: ") + error.what());
+  }
+}
+
 std::string MethodList() {
   std::string text = "Methods and their arguments:\n";
   for (const std::string& method : kvox::client::DescribeMethods()) text += "  " + method + "\n";
@@ -84,13 +119,30 @@ int Run(int argc, char** argv) {
   app.require_subcommand(1);
   app.add_flag("--json", options.json, "Answer with one JSON object on one line");
   app.footer(
-      "Exit status: 0 done, 1 the daemon refused, 2 wrong usage, 3 no daemon.\n"
+      "Exit status: 0 done, 1 the daemon refused, 2 wrong usage, 3 no daemon, 7 done but blocks "
+      "were "
+      "missed.\n"
       "Example: kvoxctl --json call ListProcessors");
   CLI::App* call = app.add_subcommand("call", "Call one method of the interface");
   call->prefix_command();
   call->footer(MethodList);
   CLI::App* ping = app.add_subcommand("ping", "See whether the daemon answers, and how fast");
   ping->footer("Example: kvoxctl ping");
+  kvox::client::RecordOptions record_options;
+  CLI::App* record = app.add_subcommand(
+      "record", "Keep the audio that a relay hands to its client in a WAV file, until Ctrl-C");
+  record->add_option("PROCESSOR", record_options.name, "Relay, such as art0")->required();
+  record->add_option("FILE", record_options.path, "WAV file to write")->required();
+  record->add_option("--seconds", record_options.seconds, "End after so much audio")
+      ->check(CLI::PositiveNumber);
+  record->footer("Example: kvoxctl record art0 downlink.wav");
+  kvox::client::PlayOptions play_options;
+  CLI::App* play =
+      app.add_subcommand("play", "Feed a relay from a sound file, to its end or until Ctrl-C");
+  play->add_option("PROCESSOR", play_options.name, "Relay, such as art1")->required();
+  std::string file_to_play;
+  play->add_option("FILE", file_to_play, "Sound file of the relay's sample rate")->required();
+  play->footer("Example: kvoxctl play art1 speech.wav");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -99,6 +151,18 @@ int Run(int argc, char** argv) {
     return asked ? kDone : kWrongUsage;
   }
   if (ping->parsed()) return Ping(options);
+  if (record->parsed()) {
+    record_options.processor = Processor(record_options.name);
+    record_options.json = options.json;
+    return StayAtDaemon([&](const auto& daemon) { return Record(daemon, record_options); });
+  }
+  if (play->parsed()) {
+    play_options.processor = Processor(play_options.name);
+    play_options.json = options.json;
+    auto file = OpenToPlay(file_to_play);
+    return StayAtDaemon(
+        [&](const auto& daemon) { return Play(daemon, std::move(file), play_options); });
+  }
   options.call = call->remaining();
   if (options.call.empty()) {
     throw kvox::client::UsageError("METHOD is missing; 'kvoxctl call --help' lists them");

@@ -46,6 +46,10 @@ uint8_t SampleRateToEnum(unsigned int rate) {
   return static_cast<uint8_t>(found - kSampleRates.begin());
 }
 
+unsigned int SampleRateOfCode(uint8_t code) {
+  return code < kSampleRates.size() ? kSampleRates[code] : 0;
+}
+
 uint32_t BitsPerSampleToEnum(unsigned int bits) {
   if (bits < 8 || bits > 32 || bits % 8 != 0) return kNoSampleSizeCode;
   return bits / 8 - 1;

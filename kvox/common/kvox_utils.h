@@ -13,6 +13,9 @@ inline constexpr uint32_t kNoSampleSizeCode = 0xFFFFFFFF;
 /// 192000; kNoSampleRateCode for any other rate, however close.
 uint8_t SampleRateToEnum(unsigned int rate);
 
+/// The sample rate that a code stands for; 0 for no code.
+unsigned int SampleRateOfCode(uint8_t code);
+
 /// Code of a sample size in bits: 0 to 3 for 8, 16, 24 and 32, else kNoSampleSizeCode.
 uint32_t BitsPerSampleToEnum(unsigned int bits);
 

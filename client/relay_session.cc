@@ -1,0 +1,145 @@
+#include "client/relay_session.h"
+
+#include <android/binder_process.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <utility>
+
+#include "kvox/common/kvox_utils.h"
+
+namespace kvox::client {
+namespace {
+
+constexpr timespec kTurn = {.tv_sec = 0, .tv_nsec = 50'000'000};
+constexpr int64_t kNsPerSecond = 1'000'000'000;
+constexpr int64_t kHintAfterNs = 3 * kNsPerSecond;
+constexpr int64_t kPatienceNs = 30 * kNsPerSecond;  // for audio that has not begun
+constexpr int64_t kSilenceNs = 5 * kNsPerSecond;    // after which audio has ended
+constexpr int64_t kProgressNs = kNsPerSecond / 5;
+
+sigset_t Interrupts() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+  return signals;
+}
+
+}  // namespace
+
+std::optional<StreamFormat> FormatOf(const IKvox::AudioPacket& packet) {
+  const auto encoding = static_cast<uint8_t>(packet.format);
+  StreamFormat format = {.sample_rate = SampleRateOfCode(static_cast<uint8_t>(packet.sampleRate)),
+                         .channels = static_cast<uint8_t>(packet.numChannels),
+                         .bits = (static_cast<uint8_t>(packet.bitsPerSample) + 1u) * 8,
+                         .encoding = Kvox::DataFormat{encoding}};
+  const bool known = format.sample_rate != 0 && format.channels != 0 && format.bits <= 32 &&
+                     encoding < kDataFormatCount;
+  return known ? std::optional(format) : std::nullopt;
+}
+
+class RelaySession::Callback : public IKvox::BnReceiveAudioCallback {
+ public:
+  explicit Callback(OnBlock on_block) : on_block_(std::move(on_block)) {}
+
+  ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override {
+    last_block_ns_ = NowNs();
+    on_block_(packet);
+    return ndk::ScopedAStatus::ok();
+  }
+
+  /// When the last block came; 0 before the first.
+  int64_t last_block_ns() const { return last_block_ns_; }
+
+ private:
+  const OnBlock on_block_;
+  std::atomic<int64_t> last_block_ns_ = 0;
+};
+
+RelaySession::RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name)
+    : kvox_(std::move(kvox)), processor_(processor), name_(std::move(name)) {}
+
+void RelaySession::HoldInterrupts() {
+  const sigset_t signals = Interrupts();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+StayEnd RelaySession::Stay(OnBlock on_block, OnTurn on_turn) {
+  const auto callback = ndk::SharedRefBase::make<Callback>(std::move(on_block));
+  ABinderProcess_setThreadPoolMaxThreadCount(1);
+  ABinderProcess_startThreadPool();
+  IKvox::CommandResult result;
+  if (!kvox_->RegisterReceiveAudioCallback(processor_, callback, &result).isOk()) {
+    return StayEnd::kNoDaemon;
+  }
+  if (result.status != IKvox::CommandStatus::OK) {
+    fprintf(stderr, "kvoxctl: there is no processor %s; 'kvoxctl call ListProcessors' lists them\n",
+            name_.c_str());
+    return StayEnd::kRefused;
+  }
+  const auto unregister = [&] {
+    EndProgress();
+    static_cast<void>(kvox_->RegisterReceiveAudioCallback(processor_, nullptr, &result));
+  };
+  try {
+    const StayEnd end = Turns(*callback, on_turn);
+    unregister();
+    on_turn();  // what came in the meantime
+    return end;
+  } catch (...) {
+    unregister();
+    throw;
+  }
+}
+
+StayEnd RelaySession::Turns(const Callback& callback, const OnTurn& on_turn) {
+  const sigset_t signals = Interrupts();
+  const int64_t begin_ns = NowNs();
+  bool hinted = false;
+  for (;;) {
+    if (on_turn()) return StayEnd::kDone;
+    if (sigtimedwait(&signals, nullptr, &kTurn) > 0) return StayEnd::kDone;
+    if (!AIBinder_isAlive(kvox_->asBinder().get())) return StayEnd::kNoDaemon;
+    const int64_t now_ns = NowNs();
+    const int64_t last_ns = callback.last_block_ns();
+    if (last_ns != 0 && now_ns - last_ns > kSilenceNs) {
+      EndProgress();
+      fprintf(stderr, "kvoxctl: no more audio comes from %s\n", name_.c_str());
+      return StayEnd::kMissedBlocks;
+    }
+    if (last_ns == 0 && !hinted && now_ns - begin_ns > kHintAfterNs) {
+      hinted = true;
+      fprintf(stderr,
+              "kvoxctl: no audio comes from %s yet; it has to be enabled and connected, its tap "
+              "point and I/O on\n",
+              name_.c_str());
+    }
+    if (last_ns == 0 && now_ns - begin_ns > kPatienceNs) {
+      fprintf(stderr, "kvoxctl: no audio came from %s; gave up\n", name_.c_str());
+      return StayEnd::kRefused;
+    }
+  }
+}
+
+void ShowProgress(double seconds, uint64_t missed) {
+  static const bool terminal = isatty(STDERR_FILENO) == 1;
+  static int64_t shown_ns = 0;
+  const int64_t now_ns = NowNs();
+  if (!terminal || now_ns - shown_ns < kProgressNs) return;
+  shown_ns = now_ns;
+  const auto tenths = static_cast<unsigned>(seconds * 10);
+  fprintf(stderr, "\r%u:%02u.%u  %llu missed ", tenths / 600, tenths / 10 % 60, tenths % 10,
+          static_cast<unsigned long long>(missed));
+}
+
+void EndProgress() {
+  if (isatty(STDERR_FILENO) == 1) fputs("\r\x1b[K", stderr);
+}
+
+int64_t NowNs() {
+  using std::chrono::steady_clock;
+  return std::chrono::nanoseconds(steady_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace kvox::client

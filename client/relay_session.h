@@ -1,0 +1,70 @@
+// A stay as the client of a relay processor: what record and play have in common.
+#pragma once
+
+#include <aidl/kvox/BnKvox.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "client/sound_file.h"
+
+namespace kvox::client {
+
+using aidl::kvox::IKvox;
+
+/// The format that a packet's codes name; none when they name none.
+std::optional<StreamFormat> FormatOf(const IKvox::AudioPacket& packet);
+
+/// What becomes of a stay, and the program's exit status for it.
+enum class StayEnd : int {
+  kDone = 0,
+  kRefused = 1,       // the daemon refused, or no audio came
+  kWrongUsage = 2,    // the file does not fit
+  kNoDaemon = 3,      // it has gone
+  kMissedBlocks = 7,  // done, but not whole
+};
+
+/// Registers as a relay's client and stays one until the work is done, the user interrupts, the
+/// audio ends or the daemon goes. It unregisters before it leaves: to die as a registered client
+/// would end the relay's use case.
+class RelaySession {
+ public:
+  /// A block has come; on the thread that serves the daemon, which waits for it half a block's
+  /// time.
+  using OnBlock = std::function<void(const IKvox::AudioPacket&)>;
+  /// Called on the main thread, several times a second. True when the work is done.
+  using OnTurn = std::function<bool()>;
+
+  RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name);
+
+  /// Keeps interrupts from ending the process at once. To be called before any thread starts.
+  static void HoldInterrupts();
+
+  /// Answers kDone when the work is done or the user has interrupted.
+  StayEnd Stay(OnBlock on_block, OnTurn on_turn);
+
+ private:
+  class Callback;
+
+  StayEnd Turns(const Callback& callback, const OnTurn& on_turn);
+
+  const std::shared_ptr<IKvox> kvox_;
+  const int32_t processor_;
+  const std::string name_;
+};
+
+/// "0:12  3 missed" on a terminal, over itself; nothing elsewhere. Main thread.
+void ShowProgress(double seconds, uint64_t missed);
+
+/// Ends the progress line.
+void EndProgress();
+
+/// Monotonic nanoseconds.
+int64_t NowNs();
+
+}  // namespace kvox::client
