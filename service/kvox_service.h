@@ -110,11 +110,13 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
   Status StartIo(int32_t tapout, CommandResult* result) override;
   Status StopIo(int32_t tapout, CommandResult* result) override;
 
+  // Debugging.
+  Status Debug(const std::vector<std::string>& args, CommandResult* result) override;
+
   // Commands that are not available yet: status 1, "Unavailable".
   Status ListSupportedUseCases(CommandResult* result) override;
   Status Enable(const std::string& name, bool enable, CommandResult* result) override;
   Status IsEnabled(const std::string& name, CommandResult* result) override;
-  Status Debug(const std::vector<std::string>& args, CommandResult* result) override;
   Status EnableUseCase(IKvox::UseCase use_case, bool enable, CommandResult* result) override;
   Status IsUseCaseEnabled(IKvox::UseCase use_case, CommandResult* result) override;
   Status SetParameter(int32_t id, IKvox::ParameterId parameter, int32_t element,
@@ -221,6 +223,14 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
 
   void ConnectProcessor(FourCc id, int tapout, int inject, Recording recording,
                         CommandResult* result) REQUIRES(wiring_mutex_) EXCLUDES(mutex_);
+
+  // What the words of Debug do (debug_commands.cc). `args` holds all of them.
+  using Words = std::vector<std::string>;
+  struct DebugWord;
+  void DebugBufferInit(const Words& args, CommandResult* result);
+  void DebugBufferDeinit(const Words& args, CommandResult* result);
+  void DebugBufferDump(const Words& args, CommandResult* result);
+  void handleCapture(const Words& args, CommandResult* result);
 
   // TapControl.
   int32_t SetTapBlockLength(const KvoxBuffer& buffer, uint32_t frames) override;

@@ -26,10 +26,6 @@ KvoxService::Status KvoxService::IsEnabled(const std::string&, CommandResult* re
   return Unavailable("IsEnabled", result);
 }
 
-KvoxService::Status KvoxService::Debug(const std::vector<std::string>&, CommandResult* result) {
-  return Unavailable("Debug", result);
-}
-
 KvoxService::Status KvoxService::EnableUseCase(IKvox::UseCase, bool, CommandResult* result) {
   return Unavailable("EnableUseCase", result);
 }
