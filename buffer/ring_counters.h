@@ -21,7 +21,7 @@ class RingCounters {
 
   /// `capacity` is a power of two, at most 2^31. `start` is where both counters begin.
   explicit RingCounters(uint32_t capacity, uint32_t start = 0)
-      : capacity_(capacity), written_(start), read_(start) {}
+      : written_(start), capacity_(capacity), read_(start) {}
 
   uint32_t capacity() const { return capacity_; }
 
@@ -67,8 +67,9 @@ class RingCounters {
     return {.offset = offset, .first = first, .rest = size - first};
   }
 
+  // What one thread writes is apart from what the other writes: no cache line goes to and fro.
+  alignas(64) std::atomic<uint32_t> written_;
   const uint32_t capacity_;
-  alignas(64) std::atomic<uint32_t> written_;  // apart, so that the threads share no cache line
   alignas(64) std::atomic<uint32_t> read_;
 };
 

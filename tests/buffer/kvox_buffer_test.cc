@@ -3,7 +3,6 @@
 #include <thread>
 
 #include "tests/buffer/buffer_fixture.h"
-#include "tests/support/process.h"
 
 namespace kvox {
 namespace {
@@ -167,36 +166,6 @@ TEST_F(KvoxBufferTest, DumpsWhatTheAreasHold) {
     EXPECT_EQ(lines[2].substr(0, 21), "I 00000010 : 160f0801");
     EXPECT_EQ(lines[2047].substr(0, 12), "I 00003ff8 :");
   }
-}
-
-TEST_F(KvoxBufferTest, CapturesWhatPassesAtEitherEnd) {
-  const KvoxTapFormat format = {.sample_rate = 48000, .channels = 2, .bytes_per_sample = 2};
-  const auto processor = MakePassthrough();
-  ConnectChain(processor);
-  std::string message;
-  for (const auto& buffer : {tapout_, inject_}) {
-    EXPECT_EQ(buffer->CaptureStart(directory_ / buffer->name(), message), -1) << "a FIFO";
-    EXPECT_FALSE(buffer->IsCapturing());
-    EXPECT_EQ(buffer->CaptureStart(directory_ / (buffer->name() + ".wav"), message), 0);
-    EXPECT_TRUE(buffer->IsCapturing());
-    EXPECT_EQ(buffer->Enable(true), 0);
-  }
-  SendPacket(MakePacket(1, 1920, format));
-  ReceivePacket(kPacketHeaderSize + 1920);
-  processor->Enable(false);
-  SendPacket(MakePacket(2, 1920, format));
-  ReceivePacket(kPacketHeaderSize + 1920);
-  std::string audio[2];
-  for (const auto& buffer : {tapout_, inject_}) {
-    const std::string file = directory_ / (buffer->name() + ".wav");
-    EXPECT_EQ(buffer->CaptureStop(message), 0);
-    EXPECT_EQ(message, "CaptureStop " + buffer->name() + " buffer " + file + ", 960 samples");
-    audio[buffer->is_tapout() ? 0 : 1] = ReadText(file);
-  }
-  ASSERT_EQ(audio[0].size(), 44u + 2 * 1920);
-  const Bytes second = MakePacket(2, 1920);
-  EXPECT_EQ(std::memcmp(&audio[0][44 + 1920], &second[kPacketHeaderSize], 1920), 0);
-  EXPECT_EQ(audio[1], audio[0].substr(0, 44 + 1920) + std::string(1920, '\0'));
 }
 
 TEST_F(KvoxBufferTest, EverythingMayChangeWhileAudioFlows) {

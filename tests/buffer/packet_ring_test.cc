@@ -11,21 +11,18 @@ namespace {
 
 TEST(RingCounters, SplitWhatReachesOverTheEndAndWrapAround) {
   RingCounters counters(16, 0xFFFFFFFA);  // six bytes before the counters wrap, at offset 10
-  EXPECT_EQ(counters.Writable(), 16u);
-  EXPECT_EQ(counters.Readable(), 0u);
-  const auto to = counters.ToWrite(2, 8);
-  EXPECT_EQ(to.offset, 12u);
-  EXPECT_EQ(to.first, 4u);
-  EXPECT_EQ(to.rest, 4u);
+  const auto expect = [](const RingCounters::Extent& extent, size_t offset, size_t first,
+                         size_t rest) {
+    EXPECT_EQ(extent.offset, offset);
+    EXPECT_EQ(extent.first, first);
+    EXPECT_EQ(extent.rest, rest);
+  };
+  expect(counters.ToWrite(2, 8), 12, 4, 4);
   counters.Commit(10);
   EXPECT_EQ(counters.Writable(), 6u);
   EXPECT_EQ(counters.Readable(), 10u);
-  const auto from = counters.ToRead(0, 6);
-  EXPECT_EQ(from.offset, 10u);
-  EXPECT_EQ(from.first, 6u);
-  EXPECT_EQ(from.rest, 0u);
+  expect(counters.ToRead(0, 6), 10, 6, 0);
   counters.Release(10);
-  EXPECT_EQ(counters.Writable(), 16u);
   counters.Commit(16);
   EXPECT_EQ(counters.Writable(), 0u);
   EXPECT_EQ(counters.Readable(), 16u);

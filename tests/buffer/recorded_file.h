@@ -1,8 +1,7 @@
-// A capture's file in memory, whose writes fail or fall short as a test says.
+// A capture's file in memory, whose writes fail, fall short or wait as a test says.
 #pragma once
 
-#include <algorithm>
-#include <cstring>
+#include <atomic>
 #include <deque>
 #include <string>
 
@@ -14,6 +13,8 @@ namespace kvox {
 /// What a file is to do and what became of it. Outlives the file.
 struct FileScript {
   std::deque<ssize_t> results;  // of the next writes; all that is asked for when there are none
+  std::atomic<bool> blocked = false;
+  std::atomic<bool> entered = false;  // a write has begun
   std::string text;
   bool closed = false;
 };
@@ -24,6 +25,8 @@ class RecordedFile : public CaptureFile {
   ~RecordedFile() override { script_.closed = true; }
 
   ssize_t Write(std::span<const std::byte> bytes) override {
+    script_.entered = true;
+    script_.blocked.wait(true);
     auto result = static_cast<ssize_t>(bytes.size());
     if (!script_.results.empty()) {
       result = script_.results.front();
@@ -31,15 +34,11 @@ class RecordedFile : public CaptureFile {
     }
     if (result <= 0) return result;
     const auto size = static_cast<size_t>(result);
-    script_.text.resize(std::max(script_.text.size(), at_ + size));
-    std::memcpy(script_.text.data() + at_, bytes.data(), size);
+    script_.text.replace(at_, size, reinterpret_cast<const char*>(bytes.data()), size);
     at_ += size;
     return result;
   }
-  bool Rewind() override {
-    at_ = 0;
-    return true;
-  }
+  bool Rewind() override { return at_ = 0, true; }
 
  private:
   FileScript& script_;
