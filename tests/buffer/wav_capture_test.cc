@@ -69,15 +69,20 @@ TEST_F(WavCaptureTest, TheFileHoldsWhatPassedBetweenStartAndStop) {
 }
 
 TEST_F(WavCaptureTest, EndsByItselfAndCanBeStartedAgain) {
-  ASSERT_EQ(Start(scripted_), 0);
-  Record(scripted_, 1);
-  Record(scripted_, 2, {.sample_rate = 16000, .channels = 2, .bytes_per_sample = 2});
-  Record(scripted_, 3);
-  ASSERT_TRUE(WaitFor([&] { return !scripted_.recording(); }));
-  EXPECT_EQ(file_.text, FileOf(1));
+  WavCapture capture("tapout0");
+  ASSERT_EQ(Start(capture), 0);
+  Record(capture, 1);
+  Record(capture, 2, {.sample_rate = 16000, .channels = 2, .bytes_per_sample = 2});
+  Record(capture, 3);
+  ASSERT_TRUE(WaitFor([&] { return !capture.recording(); }));
+  EXPECT_EQ(ReadText(path_), FileOf(1));
+  ASSERT_EQ(Start(capture), 0);
+  EXPECT_EQ(Stop(capture), 0);
+  EXPECT_EQ(ReadText(path_), "") << "no packet was taken";
+}
 
-  file_.text.clear();
-  file_.results = {44, kPayload, 100, -1};  // the disk is full
+TEST_F(WavCaptureTest, AFullDiskEndsIt) {
+  file_.results = {44, kPayload, 100, -1};
   ASSERT_EQ(Start(scripted_), 0);
   for (uint32_t number = 1; number <= 3; ++number) Record(scripted_, number);
   EXPECT_EQ(Stop(scripted_), -1) << "it ended before";
