@@ -26,7 +26,6 @@ TEST(ChannelRuns, BecomeInterleavedGroupByGroup) {
       {"two channels, 16 bits", {2, 2, 2}, "a0a1b0b1", "a0b0a1b1", 8},
       {"two channels, 32 bits", {2, 2, 4}, "LL00LL11RR00RR11", "LL00RR00LL11RR11", 16},
       {"three channels, two groups", {3, 2, 1}, "abABxycdCDzw", "aAxbBycCzdDw", 12},
-      {"24 bits", {2, 2, 3}, "a00a11b00b11", "a00b00a11b11", 12},
       {"runs of one are interleaved already", {2, 1, 2}, "a0b0a1b1", "a0b0a1b1", 8},
       {"what does not fill a group stays", {2, 2, 1}, "abABcdC", "aAbB...", 4},
       {"nothing fills a group", {2, 5, 1}, "abABcdCD", "........", 0},
