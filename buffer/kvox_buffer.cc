@@ -13,14 +13,6 @@ namespace {
 constexpr unsigned kOpenRetries = 4;
 constexpr auto kOpenRetryPause = std::chrono::seconds(1);
 
-/// Recording is not built in yet: nothing is recorded.
-class NoRecorder : public PacketRecorder {
- public:
-  void Record(const KvoxPacketHeader&, std::span<const std::byte>) override {}
-  bool recording() const override { return false; }
-  uint32_t samples() const override { return 0; }
-};
-
 const char* PluralS(size_t count) {
   return count == 1 ? "" : "s";
 }
@@ -34,7 +26,7 @@ KvoxBuffer::KvoxBuffer(std::string name, std::string device_path, uint32_t index
       index_(index),
       is_tapout_(is_tapout),
       environment_(environment),
-      recorder_(std::make_unique<NoRecorder>()),
+      capture_(name_),
       routes_([this] { wake_.Signal(); }) {}
 
 KvoxBuffer::~KvoxBuffer() {
@@ -146,7 +138,7 @@ void KvoxBuffer::EnableDevice(int fd) {
                                                          .io = environment_.io,
                                                          .routes = routes_,
                                                          .rx_format = rx_format_,
-                                                         .recorder = *recorder_,
+                                                         .recorder = capture_,
                                                          .log = environment_.io_log,
                                                          .wake = wake_},
                                           fd);
@@ -154,7 +146,7 @@ void KvoxBuffer::EnableDevice(int fd) {
     reader_->Start();
     return;
   }
-  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *recorder_, fd));
+  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, capture_, fd));
   enabled_.store(true, std::memory_order_relaxed);
   if (const auto writer = GetInput()) writer->RefreshFeed();
 }

@@ -15,10 +15,10 @@
 
 #include "buffer/device_io.h"
 #include "buffer/inject_port.h"
-#include "buffer/packet_recorder.h"
 #include "buffer/route_table.h"
 #include "buffer/rx_format.h"
 #include "buffer/tap_reader.h"
+#include "buffer/wav_capture.h"
 #include "kvox/common/log.h"
 #include "kvox/common/mutex.h"
 #include "kvox/common/tap_format.h"
@@ -96,6 +96,15 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   int32_t ForwardBlockLength(uint32_t frames) override;
   int32_t ForwardJitterBuffer(uint32_t size) override;
 
+  /// Records the packets that pass in a WAV file, whether the buffer is enabled or not yet: see
+  /// WavCapture::Start and Stop. Beside these only the stream or a failing write end a capture; a
+  /// buffer that goes leaves the file without its header.
+  int32_t CaptureStart(const std::string& file, std::string& message) {
+    return capture_.Start(file, message);
+  }
+  int32_t CaptureStop(std::string& message) { return capture_.Stop(message); }
+  bool IsCapturing() const { return capture_.recording(); }
+
   /// Logs the work area (64 KiB) as 2048 lines of words. The caller sees to it that nobody ties
   /// buffers and processors meanwhile.
   void DumpBuffer();
@@ -121,7 +130,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   const uint32_t index_;
   const bool is_tapout_;
   const BufferEnvironment environment_;
-  const std::unique_ptr<PacketRecorder> recorder_;
+  WavCapture capture_;
   WakeEvent wake_;
   RxFormatCell rx_format_;
   RoutePublisher routes_;

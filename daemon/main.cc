@@ -16,9 +16,11 @@ namespace {
 constexpr bool kEnableKvoxProcessing = KVOX_ENABLE_PROCESSING;
 constexpr bool kEnableKvoxPhonebooth = KVOX_ENABLE_PHONEBOOTH;
 
-/// A write to a peer that has gone is an ordinary error, and only the event thread handles signals.
+/// A write to a peer that has gone, or beyond the size that files may have, is an ordinary error,
+/// and only the event thread handles signals.
 void PrepareSignals() {
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
   sigset_t handled;
   sigemptyset(&handled);
   sigaddset(&handled, SIGINT);

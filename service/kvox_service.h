@@ -246,6 +246,14 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   int32_t DisableUseCaseOf(FourCc relay) override;
   ThreadReaper& client_threads() override { return client_threads_; }
 
+  // What the words of Debug do (debug_commands.cc). `args` holds all of them.
+  using Words = std::vector<std::string>;
+  struct DebugWord;
+  void DebugBufferInit(const Words& args, CommandResult* result);
+  void DebugBufferDeinit(const Words& args, CommandResult* result);
+  void DebugBufferDump(const Words& args, CommandResult* result);
+  void handleCapture(const Words& args, CommandResult* result);
+
   // TapControl.
   int32_t SetTapBlockLength(const KvoxBuffer& buffer, uint32_t frames) override;
   int32_t SetTapJitterBuffer(const KvoxBuffer& buffer, uint32_t size) override;

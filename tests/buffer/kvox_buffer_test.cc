@@ -182,7 +182,12 @@ TEST_F(KvoxBufferTest, EverythingMayChangeWhileAudioFlows) {
       (void)!read(sink_.get(), bin.data(), bin.size());
     }
   });
+  std::string message;
   for (int i = 0; i < 200; ++i) {
+    if (i % 8 == 0) inject_->CaptureStart(directory_ / "a.wav", message);
+    if (i % 8 == 6) {
+      EXPECT_EQ(inject_->CaptureStop(message), 0) << message;
+    }
     auto processor = MakePassthrough();
     ConnectChain(processor);
     if (i % 5 == 0) inject_->Enable(i % 2 == 0);

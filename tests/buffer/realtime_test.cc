@@ -1,5 +1,6 @@
 // Proves what the packet path never does: this program counts every allocation and every mutex that
-// the I/O thread takes. It stands alone because it replaces malloc, which the sanitizers do too.
+// the I/O thread takes, while both its buffers are captured. It stands alone because it replaces
+// malloc, which the sanitizers do too.
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -40,6 +41,11 @@ namespace {
 constexpr int kWarmUp = 100;
 constexpr int kPackets = 5000;
 
+/// A packet that holds less than a frame can be captured and is not timed, however busy the
+/// machine.
+constexpr uint32_t kPayload = 1000;
+constexpr KvoxTapFormat kFormat = {.sample_rate = 48000, .channels = 255, .bytes_per_sample = 4};
+
 /// Passes audio on, and makes the thread that it runs on the one that is counted.
 class WatchedProcessor : public PassthruProcessor {
  public:
@@ -68,8 +74,11 @@ TEST_F(RealtimeTest, ThePacketPathNeitherAllocatesNorLocks) {
   processor->Enable(true);
   tapout->RegisterOutput(processor);
   inject->RegisterInput(processor);
-  ASSERT_EQ(inject->Enable(true), 0);
-  ASSERT_EQ(tapout->Enable(true), 0);
+  for (const auto& buffer : {inject, tapout}) {
+    std::string message;
+    ASSERT_EQ(buffer->CaptureStart(directory_ / (buffer->name() + ".wav"), message), 0) << message;
+    ASSERT_EQ(buffer->Enable(true), 0);
+  }
   const void* volatile proof = malloc(1);  // the replacement is in place
   counted = true;
   free(const_cast<void*>(proof));
@@ -78,12 +87,17 @@ TEST_F(RealtimeTest, ThePacketPathNeitherAllocatesNorLocks) {
   ASSERT_EQ(allocations, 1);
   allocations = 0;
   for (uint32_t number = 1; number <= kPackets; ++number) {
-    SendPacket(MakePacket(number, 1920));
-    ASSERT_EQ(ReceivePacket(kPacketHeaderSize + 1920).size(), kPacketHeaderSize + 1920);
+    SendPacket(MakePacket(number, kPayload, kFormat));
+    ASSERT_EQ(ReceivePacket(kPacketHeaderSize + kPayload).size(), kPacketHeaderSize + kPayload);
   }
   EXPECT_EQ(allocations, 0);
   EXPECT_EQ(locks, 0);
   EXPECT_EQ(processor->blocks, kPackets);
+  for (const auto& buffer : {inject, tapout}) {
+    std::string message;
+    EXPECT_EQ(buffer->CaptureStop(message), 0) << message;
+    EXPECT_GT(std::filesystem::file_size(directory_ / (buffer->name() + ".wav")), 44 + kPayload);
+  }
   tapout->Drop();
   inject->Drop();
 }

@@ -1,0 +1,72 @@
+#include "buffer/capture_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "kvox/common/fixed_text.h"
+#include "kvox/common/log.h"
+
+namespace kvox {
+namespace {
+
+constexpr mode_t kMode = 0640;
+constexpr int kOpenFlags =
+    O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_LARGEFILE;
+
+class OpenFile : public CaptureFile {
+ public:
+  OpenFile(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
+  ~OpenFile() override { close(fd_); }
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+
+  ssize_t Write(std::span<const std::byte> bytes) override {
+    ssize_t written;
+    do {
+      written = write(fd_, bytes.data(), bytes.size());
+    } while (written < 0 && errno == EINTR);
+    if (written < 0) LogError("Capture file %s: %s", path_.c_str(), ErrorText(errno).c_str());
+    return written;
+  }
+
+  bool Rewind() override { return lseek(fd_, 0, SEEK_SET) == 0; }
+
+  /// Whether it is a regular file, which is empty then.
+  bool EmptyIfRegular() {
+    struct stat status;
+    return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && ftruncate(fd_, 0) == 0;
+  }
+
+ private:
+  const int fd_;
+  const std::string path_;
+};
+
+/// Opening some devices has effects of its own, so what stands there is looked at first.
+bool IsSomethingElse(const char* path) {
+  struct stat status;
+  return lstat(path, &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+std::unique_ptr<CaptureFile> Refuse(const std::string& path, const char* why) {
+  LogError("Capture file %s cannot be opened: %s; name a file in a directory that can be written",
+           path.c_str(), why);
+  return nullptr;
+}
+
+}  // namespace
+
+std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path) {
+  if (IsSomethingElse(path.c_str())) return Refuse(path, "not a regular file");
+  const int fd = open(path.c_str(), kOpenFlags, kMode);
+  if (fd < 0) return Refuse(path, ErrorText(errno).c_str());
+  auto file = std::make_unique<OpenFile>(fd, path);
+  if (!file->EmptyIfRegular()) return Refuse(path, "not a regular file that can be emptied");
+  return file;
+}
+
+}  // namespace kvox

@@ -1,0 +1,33 @@
+// The file that a capture writes, as a seam that tests script.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace kvox {
+
+/// An open file; it closes with the object. One thread at a time, never the packet path.
+class CaptureFile {
+ public:
+  virtual ~CaptureFile() = default;
+
+  /// As write(2): may take fewer bytes than it is given; -1 on failure.
+  virtual ssize_t Write(std::span<const std::byte> bytes) = 0;
+
+  /// The next write goes to the front. False on failure.
+  virtual bool Rewind() = 0;
+};
+
+/// Opens the file of that path; null, after a log line that tells why, when that fails.
+using CaptureFileOpener = std::function<std::unique_ptr<CaptureFile>(const std::string& path)>;
+
+/// Creates the file (mode 0640), or empties the one that is there. Only regular files: links,
+/// devices, FIFOs and directories are refused untouched.
+std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path);
+
+}  // namespace kvox

@@ -1,0 +1,139 @@
+#include "buffer/wav_capture.h"
+
+#include <chrono>
+#include <utility>
+
+#include "kvox/common/fixed_text.h"
+#include "kvox/common/kvox_utils.h"
+#include "kvox/common/log.h"
+
+namespace kvox {
+namespace {
+
+/// Holds 10 s of 48 kHz stereo in 16 bits, and more than a second of eight channels in 32.
+constexpr uint32_t kRingSize = 2u << 20;
+
+/// How often the writer looks into the ring, unless that fills quickly. So in a stream that runs at
+/// its own pace nobody wakes anybody.
+constexpr int kLookIntoRingMs = 50;
+
+constexpr auto kPushPoll = std::chrono::microseconds(100);
+
+}  // namespace
+
+WavCapture::Session::Session(const std::string& buffer, std::unique_ptr<CaptureFile> file)
+    : ring(std::make_unique<PacketRing>(kRingSize)), wav(buffer, std::move(file)) {}
+
+WavCapture::WavCapture(std::string buffer, CaptureFileOpener open)
+    : buffer_(std::move(buffer)), open_(std::move(open)) {}
+
+WavCapture::~WavCapture() {
+  MutexLock lock(mutex_);
+  StopWriter();
+  if (session_ && session_->wav.on()) {
+    LogWarning("%s: capture into %s has no end: the buffer is gone; its header is 44 zero bytes",
+               buffer_.c_str(), file_.c_str());
+  }
+}
+
+int32_t WavCapture::Start(const std::string& file, std::string& message) {
+  message = FormatText<256>("%s %s buffer %s", "CaptureStart", buffer_.c_str(), file.c_str());
+  MutexLock lock(mutex_);
+  if (recording()) {
+    message += ": Error, already enabled";
+    return -1;
+  }
+  StopWriter();  // of a capture that ended by itself
+  auto opened = open_(file);
+  if (!opened) {
+    message += " failed";
+    return -1;
+  }
+  session_ = std::make_unique<Session>(buffer_, std::move(opened));
+  file_ = file;
+  samples_.store(0, std::memory_order_relaxed);
+  dropped_.store(0, std::memory_order_relaxed);
+  session_->writer = std::thread([this, session = session_.get()] { Run(*session); });
+  // Release: pairs with the acquire in Record and hands over the session.
+  on_.store(true, std::memory_order_release);
+  return 0;
+}
+
+int32_t WavCapture::Stop(std::string& message) {
+  MutexLock lock(mutex_);
+  StopWriter();
+  message = "CaptureStop " + buffer_ + " buffer";
+  const auto session = std::move(session_);
+  if (!session || !session->wav.on()) {
+    message += ": Capture not started";
+    return -1;
+  }
+  message += " " + file_ + ", " + std::to_string(session->wav.samples()) + " samples";
+  session->wav.endCaptureWav();
+  return 0;
+}
+
+/// Ends the recording, if there is one, and the thread behind it.
+void WavCapture::StopWriter() {
+  on_.store(false, std::memory_order_relaxed);
+  if (!session_ || !session_->writer.joinable()) return;
+  session_->ending.store(true, std::memory_order_relaxed);
+  session_->wake.Signal();
+  session_->writer.join();
+}
+
+void WavCapture::Record(const KvoxPacketHeader& header, std::span<const std::byte> payload) {
+  if (!on_.load(std::memory_order_relaxed)) return;
+  // Acquire: pairs with the release of whoever used the producer's side before.
+  if (pushing_.exchange(true, std::memory_order_acquire)) {
+    if (on_.load(std::memory_order_relaxed)) dropped_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  // Looked at again: KeepOthersOut may have come in between. Acquire: pairs with Start.
+  if (on_.load(std::memory_order_acquire)) {
+    PacketRing& ring = *session_->ring;
+    const bool was_half_full = ring.HalfFull();
+    if (!ring.Push(header, payload)) dropped_.fetch_add(1, std::memory_order_relaxed);
+    if (!was_half_full && ring.HalfFull()) session_->wake.Signal();
+  }
+  pushing_.store(false, std::memory_order_release);
+}
+
+/// Once recording is off: returns when no thread is in the ring any more, and none comes.
+void WavCapture::KeepOthersOut() {
+  // Acquire and release: pair with Record, which then sees that on_ is off.
+  while (pushing_.exchange(true, std::memory_order_acq_rel)) std::this_thread::sleep_for(kPushPoll);
+  pushing_.store(false, std::memory_order_release);
+}
+
+void WavCapture::Run(Session& session) {
+  SetThreadName(("wav-" + buffer_).c_str());
+  const auto payload_area = std::make_unique<std::byte[]>(kPacketMaxPayload);
+  const std::span<std::byte> area(payload_area.get(), kPacketMaxPayload);
+  while (session.wav.on() && !session.ending.load(std::memory_order_relaxed)) {
+    SystemDeviceIo().Wait(-1, DeviceIo::Direction::kRead, session.wake.fd(), kLookIntoRingMs);
+    session.wake.Clear();
+    WriteQueued(session, area);
+  }
+  on_.store(false, std::memory_order_relaxed);
+  KeepOthersOut();
+  WriteQueued(session, area);
+  session.ring.reset();
+  if (const uint32_t dropped = dropped_.load(std::memory_order_relaxed); dropped > 0) {
+    LogWarning(
+        "%s: %u packets are missing from the capture: the file could not be written fast "
+        "enough",
+        buffer_.c_str(), dropped);
+  }
+}
+
+void WavCapture::WriteQueued(Session& session, std::span<std::byte> payload_area) {
+  KvoxPacketHeader header;
+  std::span<const std::byte> payload;
+  while (session.wav.on() && session.ring->Pop(header, payload_area, payload)) {
+    session.wav.writeCaptureWav(header, payload);
+    samples_.store(session.wav.samples(), std::memory_order_relaxed);
+  }
+}
+
+}  // namespace kvox

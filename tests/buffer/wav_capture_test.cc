@@ -1,0 +1,157 @@
+#include "buffer/wav_capture.h"
+
+#include <thread>
+
+#include "tests/buffer/buffer_fixture.h"
+#include "tests/buffer/recorded_file.h"
+#include "tests/support/process.h"
+
+namespace kvox {
+namespace {
+
+constexpr KvoxTapFormat kFormat = {.sample_rate = 48000, .channels = 2, .bytes_per_sample = 2};
+constexpr uint32_t kPayload = 1920;
+
+class WavCaptureTest : public ::testing::Test {
+ protected:
+  static void Record(WavCapture& capture, uint32_t number, const KvoxTapFormat& format = kFormat) {
+    const Bytes packet = MakePacket(number, kPayload, format);
+    KvoxPacketHeader header;
+    std::memcpy(&header, packet.data(), sizeof header);
+    capture.Record(header, std::span(packet).subspan(kPacketHeaderSize));
+  }
+  /// The file of `count` packets, from number 1 on.
+  static std::string FileOf(uint32_t count) {
+    std::string text = HeaderOf(48000, 2, 16, count * 480, WavFormat_t::kPcm);
+    for (uint32_t number = 1; number <= count; ++number) {
+      const Bytes packet = MakePacket(number, kPayload);
+      text.append(reinterpret_cast<const char*>(packet.data()) + kPacketHeaderSize, kPayload);
+    }
+    return text;
+  }
+  int32_t Start(WavCapture& capture) { return capture.Start(path_, message_); }
+  int32_t Stop(WavCapture& capture) { return capture.Stop(message_); }
+
+  LogCapture log_;
+  TempDirectory directory_;
+  const std::string path_ = directory_ / "a.wav";
+  std::string message_;
+  FileScript file_;
+  /// Writes into file_ instead of the path.
+  WavCapture scripted_{
+      "tapout0", [this](const std::string&) { return std::make_unique<RecordedFile>(file_); }};
+};
+
+TEST_F(WavCaptureTest, TheFileHoldsWhatPassedBetweenStartAndStop) {
+  constexpr uint32_t kPackets = 2000;  // more than the ring holds
+  WavCapture capture("tapout0");
+  EXPECT_EQ(Stop(capture), -1);
+  EXPECT_EQ(message_, "CaptureStop tapout0 buffer: Capture not started");
+  std::ofstream(path_) << std::string(kPackets * kPayload * 2, 'x');
+  for (int pass = 0; pass < 2; ++pass) {
+    Record(capture, 1);
+    ASSERT_EQ(Start(capture), 0);
+    EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_);
+    EXPECT_EQ(Start(capture), -1);
+    EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_ + ": Error, already enabled");
+    for (uint32_t number = 1; number <= kPackets; ++number) {
+      Record(capture, number);
+      if (number % 500 == 0) {
+        ASSERT_TRUE(WaitFor([&] { return capture.samples() == 480 * number; }));
+      }
+    }
+    ASSERT_EQ(Stop(capture), 0);
+    EXPECT_EQ(message_, "CaptureStop tapout0 buffer " + path_ + ", 960000 samples");
+    Record(capture, 9);
+    EXPECT_TRUE(ReadText(path_) == FileOf(kPackets));
+  }
+  EXPECT_EQ(log_.Count("W "), 0u);
+}
+
+TEST_F(WavCaptureTest, EndsByItselfAndCanBeStartedAgain) {
+  WavCapture capture("tapout0");
+  ASSERT_EQ(Start(capture), 0);
+  Record(capture, 1);
+  Record(capture, 2, {.sample_rate = 16000, .channels = 2, .bytes_per_sample = 2});
+  Record(capture, 3);
+  ASSERT_TRUE(WaitFor([&] { return !capture.recording(); }));
+  EXPECT_EQ(ReadText(path_), FileOf(1));
+  ASSERT_EQ(Start(capture), 0);
+  EXPECT_EQ(Stop(capture), 0);
+  EXPECT_EQ(ReadText(path_), "") << "no packet was taken";
+}
+
+TEST_F(WavCaptureTest, AFullDiskEndsIt) {
+  file_.results = {44, kPayload, 100, -1};
+  ASSERT_EQ(Start(scripted_), 0);
+  for (uint32_t number = 1; number <= 3; ++number) Record(scripted_, number);
+  EXPECT_EQ(Stop(scripted_), -1) << "it ended before";
+  EXPECT_EQ(message_, "CaptureStop tapout0 buffer: Capture not started");
+  EXPECT_EQ(log_.Count("E tapout0 writeCaptureWav: Error -1"), 1u);
+  EXPECT_EQ(file_.text, std::string(44, '\0') + FileOf(2).substr(44, kPayload + 100));
+}
+
+TEST_F(WavCaptureTest, ASlowFileCostsPacketsOfTheFileOnly) {
+  constexpr uint32_t kPackets = 3000;
+  file_.blocked = true;
+  ASSERT_EQ(Start(scripted_), 0);
+  Record(scripted_, 1);
+  ASSERT_TRUE(WaitFor([&] { return file_.entered.load(); }));
+  for (uint32_t number = 2; number <= kPackets; ++number) Record(scripted_, number);
+  file_.blocked = false;
+  file_.blocked.notify_all();
+  ASSERT_EQ(Stop(scripted_), 0);
+  const auto kept = static_cast<uint32_t>((file_.text.size() - 44) / kPayload);
+  EXPECT_GT(kept, 1000u);
+  EXPECT_TRUE(file_.text == FileOf(kept)) << "what fits is there, whole and in order";
+  EXPECT_EQ(log_.Count("W tapout0: " + std::to_string(kPackets - kept) + " packets are missing"),
+            1u);
+}
+
+TEST_F(WavCaptureTest, ABufferThatGoesLeavesTheSamplesButNoHeader) {
+  {
+    WavCapture capture("tapout0");
+    ASSERT_EQ(Start(capture), 0);
+    Record(capture, 1);
+  }
+  EXPECT_EQ(ReadText(path_), std::string(44, '\0') + FileOf(1).substr(44));
+  EXPECT_EQ(log_.Count("W tapout0: capture into " + path_ + " has no end"), 1u);
+}
+
+TEST_F(WavCaptureTest, OnlyRegularFilesAreOpened) {
+  WavCapture capture("tapout0");
+  directory_.MakeFifo("fifo");
+  const OwnedFd reader(open((directory_ / "fifo").c_str(), O_RDWR | O_NONBLOCK));
+  std::ofstream(directory_ / "target") << "kept";
+  std::filesystem::create_symlink(directory_ / "target", directory_ / "link");
+  for (const std::string path : {"fifo", "link", "", "no/such", "/dev/null"}) {
+    const std::string file = directory_.path() / path;
+    EXPECT_EQ(capture.Start(file, message_), -1);
+    EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + file + " failed");
+    EXPECT_FALSE(capture.recording());
+  }
+  EXPECT_EQ(ReadText(directory_ / "target"), "kept");
+  EXPECT_EQ(log_.Count("cannot be opened: not a regular file"), 4u);
+  EXPECT_EQ(capture.Start(std::string(300, 'n'), message_), -1);
+  EXPECT_EQ(message_.size(), 255u + std::string(" failed").size());
+}
+
+TEST_F(WavCaptureTest, ProducersAndCommandsMayMeet) {
+  // The sanitizers watch. Two producers at once are more than a buffer ever has.
+  std::atomic<bool> done = false;
+  const auto produce = [&] {
+    for (uint32_t number = 1; !done; ++number) Record(scripted_, number);
+  };
+  std::thread first(produce), second(produce);
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(Start(scripted_), 0);
+    EXPECT_TRUE(WaitFor([&] { return i % 2 == 0 || scripted_.samples() > 0; }));
+    EXPECT_EQ(Stop(scripted_), 0);
+  }
+  done = true;
+  first.join();
+  second.join();
+}
+
+}  // namespace
+}  // namespace kvox

@@ -1,0 +1,133 @@
+#include "tests/service/service_fixture.h"
+#include "tests/support/process.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+class DebugCommands : public ServiceTest {
+ protected:
+  void SetUp() override {
+    MakeNodes({"tapout0", "tapout3", "inject0"});
+    StartService();
+  }
+
+  CommandResult Debug(const std::string& line) {
+    CommandResult result;
+    std::istringstream words(line);
+    const std::vector<std::string> args(std::istream_iterator<std::string>(words), {});
+    EXPECT_TRUE(service_->Debug(args, &result).isOk());
+    return result;
+  }
+  std::string BufferRows() {
+    return Call(&KvoxService::ListTapOutBuffers).lines.back() +
+           Call(&KvoxService::ListInjectBuffers).lines.back();
+  }
+};
+
+TEST_F(DebugCommands, HelpIsOneLongLine) {
+  const std::string help =
+      "debug commands:  buffer_init  buffer_deinit  buffer_dump <tapout|inject> <n>"
+      "  capture start <buffer name> <file>  capture start all [<file_prfx>]"
+      "  capture stop <buffer name> stop  capture stop [all]";
+  EXPECT_THAT(Debug("").lines, ElementsAre("Debug" + help));
+  EXPECT_THAT(Debug("help me").lines, ElementsAre("Debug help me" + help));
+}
+
+TEST_F(DebugCommands, DumpsTheNamedBufferAndRefusesWhatItDoesNotUnderstand) {
+  for (const char* line :
+       {"reboot", "buffer_dump tapout", "buffer_dump tapout x", "buffer_dump tapout 00",
+        "buffer_dump tapout 1", "buffer_dump inject 3", "buffer_dump graph 0",
+        "buffer_dump tapout 0 0", "buffer_dump tapout -1"}) {
+    const CommandResult result = Debug(line);
+    EXPECT_EQ(StatusOf(result), 3);
+    EXPECT_THAT(result.lines,
+                ElementsAre(std::string("Debug ") + line, "Debug: INVALID PARAMETER"));
+  }
+  EXPECT_EQ(log_.Count("buffer is null"), 0u);
+  EXPECT_THAT(Debug("buffer_dump tapout 3rd").lines, ElementsAre("Debug buffer_dump tapout 3rd"));
+  EXPECT_EQ(StatusOf(Debug("buffer_dump inject 0")), 0);
+  EXPECT_EQ(log_.Count("E tapout3 buffer is null") + log_.Count("E inject0 buffer is null"), 2u);
+}
+
+TEST_F(DebugCommands, DroppedBuffersLetTheHostSleepAndComeBackDisabled) {
+  for (const std::string word : {"buffer_init", "buffer_deinit"}) {
+    Call(&KvoxService::StartIo, 0);
+    ASSERT_TRUE(link_.wake_lock);
+    RemoveNodes({"tapout3"});
+    EXPECT_THAT(Debug(word).lines, ElementsAre("Debug " + word));
+    EXPECT_FALSE(link_.wake_lock);
+    EXPECT_EQ(log_.Count("Buffer tapout0 disabled, I/O thread end"), 1u);
+    log_.Take();
+    if (word == "buffer_init") {
+      EXPECT_THAT(BufferRows(), HasSubstr("\n  0         tapout0   -         -         0"));
+      EXPECT_THAT(BufferRows(), ::testing::Not(HasSubstr("tapout3")));
+    }
+  }
+  EXPECT_EQ(BufferRows(), "  none\n  none");
+  EXPECT_THAT(Debug("capture start all").lines[0], "No buffers");
+}
+
+TEST_F(DebugCommands, CapturesOneBuffer) {
+  const std::string file = directory_ / "a.wav";
+  const std::string stop = "CaptureStop inject0 buffer " + file + ", 0 samples";
+  const struct {
+    std::string line;
+    int status;
+    std::string text;
+  } rows[] = {
+      {"capture stop inject0 stop", 1, "CaptureStop inject0 buffer: Capture not started"},
+      {"capture start inject0 " + file, 0, "CaptureStart inject0 buffer " + file},
+      {"capture start inject0 " + file, 1,
+       "CaptureStart inject0 buffer " + file + ": Error, already enabled"},
+      {"capture stop inject0", 0, stop},
+      {"capture start tapout0 /no/dir", 1, "CaptureStart tapout0 buffer /no/dir failed"},
+      {"capture start tapout9 a", 3, "Unknown buffer tapout9"},
+      {"capture stop tapout9", 3, "Unknown buffer tapout9"},
+      {"capture", 3, "Missing arguments"},
+      {"capture start", 3, "Missing arguments"},
+      {"capture start tapout0", 3, "Missing arguments"},
+      {"capture pause tapout0", 3, "Invalid argument"},
+  };
+  const char* const outcomes[] = {"", "Debug: ERROR", "", "Debug: INVALID PARAMETER"};
+  for (const auto& row : rows) {
+    const CommandResult result = Debug(row.line);
+    EXPECT_EQ(StatusOf(result), row.status) << row.line;
+    Lines expected = {row.text, "Debug " + row.line};
+    if (row.status != 0) expected.emplace_back(outcomes[row.status]);
+    EXPECT_EQ(result.lines, expected);
+  }
+  EXPECT_EQ(ReadText(file), "");
+  EXPECT_EQ(log_.Count("I " + stop), 1u);
+}
+
+TEST_F(DebugCommands, CapturesAllBuffers) {
+  EXPECT_THAT(Debug("capture stop").lines, ElementsAre("No capture running", "Debug capture stop"));
+  const std::string prefix = directory_ / "x";
+  const auto file = [&](const std::string& name) { return prefix + "_" + name + ".wav"; };
+  Debug("capture start tapout3 " + (directory_ / "own.wav").string());
+  const CommandResult started = Debug("capture start all " + prefix);
+  EXPECT_EQ(StatusOf(started), 1) << "one of them was on";
+  EXPECT_THAT(started.lines, ElementsAre("CaptureStart tapout0 buffer " + file("tapout0"),
+                                         "CaptureStart tapout3 buffer " + file("tapout3") +
+                                             ": Error, already enabled",
+                                         "CaptureStart inject0 buffer " + file("inject0"),
+                                         "Debug capture start all " + prefix, "Debug: ERROR"));
+  Debug("capture stop tapout0 stop");
+  const CommandResult stopped = Debug("capture stop all");
+  EXPECT_EQ(StatusOf(stopped), 0);
+  EXPECT_THAT(stopped.lines,
+              ElementsAre(HasSubstr("own.wav, 0 samples"), HasSubstr("_inject0.wav, 0 samples"),
+                          "Debug capture stop all"));
+  EXPECT_FALSE(std::filesystem::exists(file("tapout3")));
+  EXPECT_THAT(Debug("capture start all").lines[0], HasSubstr(" /tmp/kvox_capture_tapout0.wav"));
+  Debug("capture stop all");
+  for (const char* name : {"tapout0", "tapout3", "inject0"}) {
+    std::filesystem::remove("/tmp/kvox_capture_" + std::string(name) + ".wav");
+  }
+}
+
+}  // namespace
+}  // namespace kvox
