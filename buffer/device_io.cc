@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,6 +33,23 @@ class System : public DeviceIo {
     return fds[1].revents != 0 ? Ready::kWoken : Ready::kDevice;
   }
 
+  int Watch(int fd, int wake_fd) override {
+    const int watch = epoll_create1(EPOLL_CLOEXEC);
+    if (watch < 0 || (Add(watch, fd, kDeviceTag) && Add(watch, wake_fd, kWakeTag))) return watch;
+    close(watch);
+    return -1;
+  }
+
+  Ready WaitWatched(int watch, int timeout_ms) override {
+    epoll_event events[2];
+    const int count = epoll_wait(watch, events, 2, timeout_ms);
+    if (count < 0) return errno == EINTR ? Ready::kWoken : Ready::kFailed;
+    if (count == 0) return Ready::kTimeout;
+    const bool woken =
+        events[0].data.u32 == kWakeTag || (count > 1 && events[1].data.u32 == kWakeTag);
+    return woken ? Ready::kWoken : Ready::kDevice;
+  }
+
   ssize_t Read(int fd, std::span<std::byte> bytes) override {
     return read(fd, bytes.data(), bytes.size());
   }
@@ -41,6 +59,15 @@ class System : public DeviceIo {
   }
 
   uint64_t NowNs() override { return GetTimestampNs(); }
+
+ private:
+  static constexpr uint32_t kDeviceTag = 0;
+  static constexpr uint32_t kWakeTag = 1;
+
+  static bool Add(int watch, int fd, uint32_t tag) {
+    epoll_event event{.events = EPOLLIN, .data = {.u32 = tag}};
+    return epoll_ctl(watch, EPOLL_CTL_ADD, fd, &event) == 0;
+  }
 };
 
 }  // namespace

@@ -25,6 +25,13 @@ class DeviceIo {
   /// waits for the other two.
   virtual Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) = 0;
 
+  /// A standing watch over reading `fd` and over `wake_fd`, which costs less to wait for than
+  /// naming both each time: a descriptor to be closed before `fd`. -1 where the device cannot be
+  /// watched.
+  virtual int Watch(int fd, int wake_fd) = 0;
+  /// RT: as Wait for reading, with a descriptor that Watch has answered.
+  virtual Ready WaitWatched(int watch, int timeout_ms) = 0;
+
   /// RT: as the system calls, -1 with errno set on failure.
   virtual ssize_t Read(int fd, std::span<std::byte> bytes) = 0;
   virtual ssize_t Write(int fd, std::span<const std::byte> bytes) = 0;

@@ -36,14 +36,23 @@ void Count(auto& counter) {
 TapReader::TapReader(TapReaderLinks links, int fd)
     : links_(std::move(links)),
       name_(links_.name.c_str()),
-      handle_(fd),
       areas_(std::make_unique<std::byte[]>(2 * kPacketMaxSize)),
       receive_area_(areas_.get(), kPacketMaxSize),
-      parser_(receive_area_, StreamParser::Area(areas_.get() + kPacketMaxSize, kPacketMaxSize)) {}
+      parser_(receive_area_, StreamParser::Area(areas_.get() + kPacketMaxSize, kPacketMaxSize)) {
+  SetHandle(fd);
+}
 
 TapReader::~TapReader() {
   Stop();
+  SetHandle(-1);
+}
+
+/// Closes what was open before.
+void TapReader::SetHandle(int fd) {
+  if (watch_ >= 0) links_.io.Close(watch_);
   if (handle_ >= 0) links_.io.Close(handle_);
+  handle_ = fd;
+  watch_ = fd >= 0 ? links_.io.Watch(fd, links_.wake.fd()) : -1;
 }
 
 void TapReader::Start() {
@@ -86,7 +95,7 @@ void TapReader::Run() {
 TapReader::Outcome TapReader::ReadPacket(StreamFindings& findings) {
   while (!stopping() && handle_ >= 0) {
     if (copy_wanted_.load(kRelaxed)) OnWake();
-    switch (links_.io.Wait(handle_, DeviceIo::Direction::kRead, links_.wake.fd(), kWaitMs)) {
+    switch (WaitForInput()) {
       case DeviceIo::Ready::kDevice:
         break;
       case DeviceIo::Ready::kWoken:
@@ -118,6 +127,11 @@ TapReader::Outcome TapReader::ReadPacket(StreamFindings& findings) {
   return Outcome::kEnd;
 }
 
+DeviceIo::Ready TapReader::WaitForInput() {
+  if (watch_ >= 0) return links_.io.WaitWatched(watch_, kWaitMs);
+  return links_.io.Wait(handle_, DeviceIo::Direction::kRead, links_.wake.fd(), kWaitMs);
+}
+
 /// kPacket stands for "go on with the packet".
 TapReader::Outcome TapReader::HandleReadError(int error, size_t requested) {
   if (stopping()) return Outcome::kEnd;
@@ -135,14 +149,15 @@ TapReader::Outcome TapReader::Reinitialise() {
     LogInfo("%s Attempting to reinitialize KVO interface", name_);
     Pause(kReinitPauseMs);
     if (stopping()) return Outcome::kEnd;
-    if (handle_ >= 0) links_.io.Close(handle_);
-    handle_ = links_.io.Open(links_.device_path.c_str(), DeviceIo::Direction::kRead);
+    SetHandle(-1);
+    const int fd = links_.io.Open(links_.device_path.c_str(), DeviceIo::Direction::kRead);
+    const int error = errno;
+    SetHandle(fd);
     if (handle_ >= 0) {
       LogInfo("%s Re-init success", name_);
       parser_.Resync();
       return Outcome::kStartOver;
     }
-    const int error = errno;
     LogError("Error opening %s, status %d (errno %d: %s)\n", links_.device_path.c_str(), handle_,
              error, ErrorText(error).c_str());
   }

@@ -86,7 +86,9 @@ class TapReader : private RtWaiter {
   Outcome ReadPacket(StreamFindings& findings);
   Outcome HandleReadError(int error, size_t requested);
   Outcome Reinitialise();
+  void SetHandle(int fd);
   void Pause(int ms);
+  DeviceIo::Ready WaitForInput();
   void OnWake();
   void ServeCopy(CopyRequest& request);
   void KeepSentPackets();
@@ -115,7 +117,8 @@ class TapReader : private RtWaiter {
   bool ended_ GUARDED_BY(copy_mutex_) = false;
 
   // The thread's own.
-  int handle_;
+  int handle_ = -1;
+  int watch_ = -1;  // over handle_ and the wake event; -1 where there can be none
   const std::unique_ptr<std::byte[]> areas_;
   const StreamParser::Area receive_area_;
   StreamParser parser_;

@@ -18,7 +18,6 @@
 #include <thread>
 
 #include "buffer/capture_file.h"
-#include "buffer/device_io.h"
 #include "buffer/packet_recorder.h"
 #include "buffer/packet_ring.h"
 #include "buffer/wav_file.h"

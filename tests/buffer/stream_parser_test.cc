@@ -184,7 +184,7 @@ TEST_F(StreamParserTest, AReadErrorInMidPacketKeepsWhatIsThere) {
 }
 
 TEST(FindLastMagic, FindsItAtEveryWordAndNowhereElse) {
-  for (size_t size : {0u, 4u, 8u, 252u, 256u, 260u, 1020u}) {
+  for (size_t size : {0u, 4u, 8u, 60u, 64u, 68u, 508u, 512u, 516u, 1148u}) {
     Bytes bytes(size);
     EXPECT_EQ(FindLastMagic(bytes), std::nullopt) << size;
     for (size_t at = 0; at + 4 <= size; at += 4) {

@@ -92,6 +92,9 @@ class ScriptedDevice : public DeviceIo {
     return step();
   }
 
+  int Watch(int, int) override { return -1; }
+  Ready WaitWatched(int, int) override { return Ready::kFailed; }
+
   ssize_t Read(int, std::span<std::byte> area) override {
     requested.push_back(area.size());
     if (read_error_ != 0) {

@@ -1,0 +1,15 @@
+// The least a program can do with packets: the measure that the daemon is held against.
+#pragma once
+
+#include <string>
+
+namespace kvox::bench {
+
+/// How the threads of RunRelay are named, a number behind it.
+inline constexpr char kRelayThread[] = "relay";
+
+/// Role of a child: for each stream a thread under SCHED_FIFO that polls the tap-out FIFO, reads,
+/// copies, and writes once to the inject FIFO. Returns only on failure, with an exit status.
+int RunRelay(const std::string& devices, unsigned streams);
+
+}  // namespace kvox::bench

@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Usage: ./dev bench [--quick] [--only GROUP] [--json FILE]
+#
+# Measures kvoxd against the least a program can do for the same work, both in alternation in one
+# run: packets against a bare relay, calls against a bare socket, kvoxctl against a process that
+# does nothing; also what the idle daemon takes, and single steps. Prints aims beside the outcome.
+# A missed aim is no failure; a lost or wrong packet or call is.
+#
+#   --quick       well under a minute; without it about two
+#   --only GROUP  one of ping-pong, paced, calls, client, idle, micro
+#   --json FILE   write the outcome into FILE as well, all but the single steps
+#
+# Ping-pong on one core repeats well; the other figures want a machine with nothing else to do.
+# Everything runs in private directories. As root the threads run at real-time priority.
+cd "$(dirname "$0")/.."
+. scripts/common.sh
+
+only=
+arguments=()
+plain=()
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --only | --json)
+      [ $# -ge 2 ] || {
+        echo "./dev bench: a word is missing behind $1; see --help" >&2
+        exit 2
+      }
+      if [ "$1" = --only ]; then only=$2; fi
+      arguments+=("$1" "$2")
+      shift 2
+      ;;
+    *)
+      plain+=("$1")
+      shift
+      ;;
+  esac
+done
+# shellcheck disable=SC2034 # parse_options reads it
+options=(--quick)
+parse_options "${plain[@]}"
+refuse_words
+deadline_s=900
+step_time=0.5
+if is_chosen --quick; then
+  arguments+=(--quick)
+  deadline_s=180
+  step_time=0.05
+fi
+
+need_packages build test bench
+echo "Building ..."
+build_preset release benchmarks | tail -n 1
+
+private=$(mktemp -d)
+trap 'rm -rf "$private"' EXIT
+export TMPDIR=$private
+programs=build/release/bench
+
+if [ "$only" != micro ]; then
+  timeout --foreground "$deadline_s" "$programs/kvox_bench" "${arguments[@]}"
+fi
+if [ -z "$only" ] || [ "$only" = micro ]; then
+  printf '\nSingle steps\n'
+  timeout --foreground "$deadline_s" "$programs/kvox_micro_bench" \
+    --benchmark_min_time="$step_time" 2>"$private/micro.err" || {
+    cat "$private/micro.err" >&2
+    exit 1
+  }
+fi

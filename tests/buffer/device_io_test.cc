@@ -1,0 +1,71 @@
+#include "buffer/device_io.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "kvox/common/wake_event.h"
+#include "tests/support/temp_directory.h"
+
+namespace kvox {
+namespace {
+
+using Ready = DeviceIo::Ready;
+
+/// A pipe for a device, and both ways to wait for it.
+class DeviceIoTest : public ::testing::Test {
+ protected:
+  DeviceIoTest() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe(ends.data()), 0);
+    device_ = OwnedFd(ends[0]);
+    other_end_ = OwnedFd(ends[1]);
+    watch_ = OwnedFd(io_.Watch(device_.get(), wake_.fd()));
+    EXPECT_GE(watch_.get(), 0);
+  }
+  void ExpectBothAnswer(Ready expected) {
+    constexpr int kAtOnceMs = 0;
+    EXPECT_EQ(io_.Wait(device_.get(), DeviceIo::Direction::kRead, wake_.fd(), kAtOnceMs), expected);
+    EXPECT_EQ(io_.WaitWatched(watch_.get(), kAtOnceMs), expected);
+  }
+  void Deliver() { EXPECT_EQ(write(other_end_.get(), "12345678", 8), 8); }
+
+  DeviceIo& io_ = SystemDeviceIo();
+  WakeEvent wake_;
+  OwnedFd device_;
+  OwnedFd other_end_;
+  OwnedFd watch_;
+};
+
+TEST_F(DeviceIoTest, AWatchAnswersAsAWaitDoes) {
+  ExpectBothAnswer(Ready::kTimeout);
+  Deliver();
+  ExpectBothAnswer(Ready::kDevice);
+  wake_.Signal();
+  ExpectBothAnswer(Ready::kWoken);
+  wake_.Clear();
+  std::array<std::byte, 4> half;
+  EXPECT_EQ(io_.Read(device_.get(), half), 4);
+  ExpectBothAnswer(Ready::kDevice);  // the other half is still there
+  EXPECT_EQ(io_.Read(device_.get(), half), 4);
+  ExpectBothAnswer(Ready::kTimeout);
+  wake_.Signal();
+  ExpectBothAnswer(Ready::kWoken);
+}
+
+TEST_F(DeviceIoTest, AHangUpIsTheDevices) {
+  other_end_ = OwnedFd();
+  ExpectBothAnswer(Ready::kDevice);
+}
+
+TEST_F(DeviceIoTest, WhatCannotBeWatchedIsRefused) {
+  const TempDirectory directory;
+  const OwnedFd file(open((directory / "file").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  EXPECT_EQ(io_.Watch(file.get(), wake_.fd()), -1);
+  EXPECT_EQ(io_.Watch(-1, wake_.fd()), -1);
+}
+
+}  // namespace
+}  // namespace kvox
