@@ -49,8 +49,8 @@ TapReader::~TapReader() {
 void TapReader::Start() {
   thread_ = std::thread([this] {
     SetThreadName(name_);
-    SetThreadRealtimePriority();
     ScopedThreadLog log(links_.log);
+    SetThreadRealtimePriority();
     Run();
   });
 }
