@@ -191,8 +191,8 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
   void RecordBufferState(const KvoxBuffer& buffer, bool enable) REQUIRES(mutex_);
   void ForgetStatesOfAbsentBuffers(int tapout) REQUIRES(mutex_);
 
-  // Tap points. The Send functions carry a request out, report, and answer whether it succeeded;
-  // commands then record it, a recovery does not.
+  // Tap points. The Send functions carry a request out whose line has been written, report, and
+  // answer whether it succeeded; commands then record it, a recovery does not.
   int32_t getKvoxTapPoints(int core, std::vector<KvoxTapPointState>& taps) EXCLUDES(mutex_);
   int32_t QueryTap(const TapArguments& tap, KvoxTapPointState& state) REQUIRES(mutex_);
   bool SendTapEnable(const TapArguments& tap, bool enable, CommandResult* result) REQUIRES(mutex_);
@@ -206,7 +206,6 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl {
   /// A binding under way: what the lock was needed for is done, the tap-out buffer has yet to be
   /// told the tap point's format.
   struct Binding {
-    bool bound = false;
     std::shared_ptr<KvoxBuffer> tapout;  // null when there is no format to tell
     KvoxTapFormat format;
     std::string text;

@@ -70,8 +70,10 @@ bool KvoxService::RestoreTap(TapKey key) {
     MutexLock lock(mutex_);
     if (!still_known()) return true;
     LogInfo("Restore tap point state %s", TapName(state.info).c_str());
-    binding = SendBinding(state.Arguments(), BufferNumber(state.info.tapout_buffer),
-                          BufferNumber(state.info.inject_buffer), Recording::kNo, &result);
+    const int tapout = BufferNumber(state.info.tapout_buffer);
+    const int inject = BufferNumber(state.info.inject_buffer);
+    BeginCommand(BindingRequest(state.Arguments(), tapout, inject), &result);
+    binding = SendBinding(state.Arguments(), tapout, inject, Recording::kNo, &result);
   }
   FinishBinding(std::move(binding), &result);
   if (!Succeeded(result)) return false;
@@ -79,11 +81,18 @@ bool KvoxService::RestoreTap(TapKey key) {
   MutexLock lock(mutex_);
   if (!still_known()) return true;
   const TapArguments tap = state.Arguments();
-  const bool has_length = static_cast<int32_t>(state.info.block_length) >= 0;
-  if (has_length && !SendBlockLength(tap, state.info.block_length, &result)) return false;
-  const auto jitter_buffer = static_cast<uint32_t>(state.jitter_buffer);
-  if (state.jitter_buffer >= 0 && !SendJitterBuffer(tap, jitter_buffer, &result)) return false;
-  return SendTapEnable(tap, state.info.enabled != 0, &result);
+  if (const uint32_t frames = state.info.block_length; static_cast<int32_t>(frames) >= 0) {
+    BeginCommand(BlockLengthRequest(tap, frames), &result);
+    if (!SendBlockLength(tap, frames, &result)) return false;
+  }
+  if (state.jitter_buffer >= 0) {
+    const auto size = static_cast<uint32_t>(state.jitter_buffer);
+    BeginCommand(JitterBufferRequest(tap, size), &result);
+    if (!SendJitterBuffer(tap, size, &result)) return false;
+  }
+  const bool enable = state.info.enabled != 0;
+  BeginCommand(TapEnableRequest(tap, enable), &result);
+  return SendTapEnable(tap, enable, &result);
 }
 
 /// A processor is silent while it is tied. One whose buffers are not all back stays disabled until

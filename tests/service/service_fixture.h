@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon/device_events.h"
@@ -26,6 +27,7 @@ class FakeCoprocessor : public CoprocessorLink {
     const auto* const bytes = reinterpret_cast<const uint8_t*>(record);
     sent.emplace_back(bytes + sizeof(CMD_HDR), bytes + size);
     opcodes.push_back(opcode);
+    if (on_send) std::exchange(on_send, nullptr)();
     if (const auto failure = failures.find(opcode); failure != failures.end())
       return failure->second;
     if (opcode == CMD_KVOX_TAP_LIST_ID) List(*reinterpret_cast<TapListRecord*>(record));
@@ -38,6 +40,7 @@ class FakeCoprocessor : public CoprocessorLink {
   std::map<uint16_t, int32_t> failures;
   std::vector<uint16_t> opcodes;
   std::vector<std::vector<uint8_t>> sent;  // payloads
+  std::function<void()> on_send;           // called in the next exchange
   bool wake_lock = false;
   bool endless_list = false;
 
