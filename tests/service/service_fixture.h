@@ -65,6 +65,30 @@ class FakeCoprocessor : public CoprocessorLink {
   }
 };
 
+/// The real devices; the next opening of a node can be interrupted for something else.
+class InterruptedIo : public DeviceIo {
+ public:
+  int Open(const char* path, Direction direction) override {
+    if (on_open && std::string(path).ends_with(interrupted)) std::exchange(on_open, nullptr)();
+    return real_.Open(path, direction);
+  }
+  void Close(int fd) override { real_.Close(fd); }
+  Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) override {
+    return real_.Wait(fd, direction, wake_fd, timeout_ms);
+  }
+  ssize_t Read(int fd, std::span<std::byte> bytes) override { return real_.Read(fd, bytes); }
+  ssize_t Write(int fd, std::span<const std::byte> bytes) override {
+    return real_.Write(fd, bytes);
+  }
+  uint64_t NowNs() override { return real_.NowNs(); }
+
+  std::string interrupted;  // the node's name
+  std::function<void()> on_open;
+
+ private:
+  DeviceIo& real_ = SystemDeviceIo();
+};
+
 /// A recovery that runs when told to, through scans and late arrivals.
 class ManualRecovery : public Recovery, public RecoveryPacer {
  public:
@@ -111,7 +135,7 @@ class ServiceTest : public ::testing::Test {
     ManualRecovery pacer([](RecoveryPacer&) {});
     service_ = ndk::SharedRefBase::make<KvoxService>(
         ServiceEnvironment{.link = link_,
-                           .io = SystemDeviceIo(),
+                           .io = io_,
                            .io_log = log_,
                            .device_directory = directory_.path(),
                            .start_recovery =
@@ -153,6 +177,7 @@ class ServiceTest : public ::testing::Test {
   LogCapture log_;
   TempDirectory directory_;
   FakeCoprocessor link_;
+  InterruptedIo io_;
   std::shared_ptr<KvoxService> service_;
   ManualRecovery* recovery_ = nullptr;
   int startup_pauses_ = 0;
