@@ -156,6 +156,7 @@ void KvoxBuffer::DisableDevice() {
   if (is_tapout_) {
     reader_->Stop();
     reader_.reset();
+    environment_.io_log.Flush();
     LogInfo("Buffer %s disabled, I/O thread end", name_.c_str());
     return;
   }

@@ -86,6 +86,7 @@ StreamFindings StreamParser::Consume(size_t read_size) {
   }
   if (!header_parsed_ && assembled_ >= kPacketHeaderSize && !CheckHeader(findings)) {
     StartOver();
+    Resync();
     return findings;
   }
   if (!header_parsed_ || assembled_ < expected_) {

@@ -5,7 +5,8 @@
 // The stream has no framing beyond the magic word that begins a header, so the parser is always in
 // one of two states. Resyncing, it asks for large reads and takes the last magic of a read for the
 // start of a packet, which skips whatever queued up meanwhile. Once a header has passed its checks
-// it asks for exactly the rest of that packet, then for whole packets of that size.
+// it asks for exactly the rest of that packet, then for whole packets of that size; one that fails
+// its checks leads back to large reads, since the stream is no longer what it was taken for.
 //
 // One thread at a time, the buffer's I/O thread. RT: nothing here allocates, locks or logs.
 #pragma once

@@ -58,8 +58,8 @@ void TapReader::SetHandle(int fd) {
 void TapReader::Start() {
   thread_ = std::thread([this] {
     SetThreadName(name_);
-    SetThreadRealtimePriority();
     ScopedThreadLog log(links_.log);
+    SetThreadRealtimePriority();
     Run();
   });
 }

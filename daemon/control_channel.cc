@@ -25,7 +25,16 @@ constexpr auto kReplyBudget = std::chrono::milliseconds(500);
 /// The rest of a record that has begun follows at once or never.
 constexpr auto kPartialPatience = std::chrono::milliseconds(20);
 
+/// Each read in a row that brings only records nobody waits for is followed by a pause that is
+/// longer by this: a device that floods the channel does not flood the log at the same rate.
+constexpr auto kStrangerPause = std::chrono::milliseconds(1);
+
 constexpr char kSender[] = "SendKvoxCommand";
+
+void LogWrongSize(ssize_t actual, uint16_t opcode, size_t expected) {
+  LogError("wrong data sz %d != %d for opcode 0x%x", static_cast<int>(actual),
+           static_cast<int>(expected), opcode);
+}
 
 }  // namespace
 
@@ -98,11 +107,20 @@ bool ControlChannel::WriteRecord(uint16_t opcode, const CMD_HDR* record, size_t 
 
 int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t size) {
   const auto deadline = Clock::now() + kReplyBudget;
+  auto pause = std::chrono::milliseconds(0);
   int32_t result = 0;
-  while (result == 0 && !TakeReply(opcode, record, size)) {
-    auto until = deadline;
-    if (stream_.partial()) until = std::min(until, Clock::now() + kPartialPatience);
-    switch (WaitReadable(until)) {
+  while (result == 0) {
+    const bool any_at_hand = !replies_.empty();
+    if (TakeReply(opcode, record, size)) break;
+    if (any_at_hand) std::this_thread::sleep_for(std::exchange(pause, pause + kStrangerPause));
+    const auto now = Clock::now();
+    if (now >= deadline) {
+      DropPartial(opcode, size);
+      LogWarning("%s: timeout for opcode 0x%x", "waitForKvoxCommandResponse", opcode);
+      return -1;
+    }
+    switch (
+        WaitReadable(stream_.partial() ? std::min(deadline, now + kPartialPatience) : deadline)) {
       case Wait::kReadable:
         result = ReadReplies(opcode, size);
         break;
@@ -116,13 +134,8 @@ int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t si
         result = -1;
         break;
       case Wait::kQuiet:
-        if (const size_t partial = stream_.DropPartial(); partial > 0) {
-          LogError("wrong data sz %d != %d for opcode 0x%x", static_cast<int>(partial),
-                   static_cast<int>(size), opcode);
-        }
-        if (Clock::now() < deadline) break;
-        LogWarning("%s: timeout for opcode 0x%x", "waitForKvoxCommandResponse", opcode);
-        return -1;
+        DropPartial(opcode, size);
+        break;
     }
   }
   if (result == 0) {
@@ -131,6 +144,11 @@ int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t si
   }
   LogInfo("KVO reply OK");
   return result;
+}
+
+void ControlChannel::DropPartial(uint16_t opcode, size_t size) {
+  const size_t partial = stream_.DropPartial();
+  if (partial > 0) LogWrongSize(static_cast<ssize_t>(partial), opcode, size);
 }
 
 ControlChannel::Wait ControlChannel::WaitReadable(Clock::time_point until) {
@@ -157,22 +175,21 @@ int32_t ControlChannel::ReadReplies(uint16_t opcode, size_t size) {
     return 0;
   }
   const int error = errno;
-  LogError("wrong data sz %d != %d for opcode 0x%x", static_cast<int>(count),
-           static_cast<int>(size), opcode);
+  LogWrongSize(count, opcode, size);
   if (count == 0) return -1;  // end of file: the co-processor has hung up
   LogError("read err %d", error);
   return -error;
 }
 
 /// Goes through the replies at hand, the oldest first, and drops those that are not the answer. A
-/// late answer to an earlier command with the same opcode passes for this one's.
+/// record that is longer than the answer is cut. A late answer to an earlier command with the same
+/// opcode passes for this one's.
 bool ControlChannel::TakeReply(uint16_t opcode, CMD_HDR* record, size_t size) {
   while (!replies_.empty()) {
     const std::vector<std::byte> reply = std::move(replies_.front());
     replies_.pop_front();
-    if (reply.size() != size) {
-      LogError("wrong data sz %d != %d for opcode 0x%x", static_cast<int>(reply.size()),
-               static_cast<int>(size), opcode);
+    if (reply.size() < size) {
+      LogWrongSize(static_cast<ssize_t>(reply.size()), opcode, size);
       continue;
     }
     CMD_HDR header;

@@ -39,6 +39,7 @@ class ControlChannel {
   void CloseLocked() REQUIRES(lock_);
   bool WriteRecord(uint16_t opcode, const CMD_HDR* record, size_t size) REQUIRES(lock_);
   int32_t WaitForReply(uint16_t opcode, CMD_HDR* record, size_t size) REQUIRES(lock_);
+  void DropPartial(uint16_t opcode, size_t size) REQUIRES(lock_);
   Wait WaitReadable(Clock::time_point until) REQUIRES(lock_);
   int32_t ReadReplies(uint16_t opcode, size_t size) REQUIRES(lock_);
   bool TakeReply(uint16_t opcode, CMD_HDR* record, size_t size) REQUIRES(lock_);

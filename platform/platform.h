@@ -13,7 +13,7 @@ void PreparePlatform();
 const std::string& DeviceDirectory();
 
 /// Drops a wake lock of this name that an earlier process left behind, where locks outlive their
-/// process.
-void ReleaseStaleWakeLock(const char* name);
+/// process; unless a live process serves `service`, whose lock it is then.
+void ReleaseStaleWakeLock(const char* name, const char* service);
 
 }  // namespace kvox

@@ -118,11 +118,12 @@ void KvoxService::ConnectProcessor(FourCc id, int tapout_number, int inject_numb
 
 KvoxService::Status KvoxService::ConnectTap(int32_t core, int32_t tap, int32_t index,
                                             int32_t tapout, int32_t inject, CommandResult* result) {
+  const TapArguments arguments = {core, static_cast<FourCc>(tap), index};
+  BeginCommand(BindingRequest(arguments, tapout, inject), result);
   Binding binding;
   {
     MutexLock lock(mutex_);
-    binding = SendBinding({core, static_cast<FourCc>(tap), index}, tapout, inject, Recording::kYes,
-                          result);
+    binding = SendBinding(arguments, tapout, inject, Recording::kYes, result);
   }
   FinishBinding(std::move(binding), result);
   return Status::ok();
@@ -130,12 +131,6 @@ KvoxService::Status KvoxService::ConnectTap(int32_t core, int32_t tap, int32_t i
 
 KvoxService::Binding KvoxService::SendBinding(const TapArguments& tap, int tapout, int inject,
                                               Recording recording, CommandResult* result) {
-  const std::string name = ToString(tap.tap);
-  BeginCommand(FormatText<128>("Connect [core %d tap %s.%d] --> tap-out buffer %d, inject buffer "
-                               "%d --> [core %d tap %s.%d]",
-                               tap.core, name.c_str(), tap.index, tapout, inject, tap.core,
-                               name.c_str(), tap.index),
-               result);
   Binding binding;
   const auto fail = [&](std::string text) {
     binding.text = std::move(text);

@@ -15,6 +15,11 @@ constexpr int kAllBuffers = -1;
 /// A hot-word processor that is enabled counts as active wherever its audio comes from.
 constexpr FourCc kHotwordProcessor = MakeFourCc("hwae");
 
+/// By number: a device that comes back may bear it under another name ("1", "01").
+bool IsAbout(const KvoxBufferState& state, const KvoxBuffer& buffer) {
+  return state.tapout == buffer.is_tapout() && state.number == static_cast<int32_t>(buffer.index());
+}
+
 }  // namespace
 
 KvoxService::Status KvoxService::StartIo(int32_t tapout, CommandResult* result) {
@@ -48,9 +53,13 @@ void KvoxService::handleEnableBuffers(bool enable, int tapout, CommandResult* re
                              enable ? "enable" : "disable", status);
     }
   }
+  {
+    MutexLock lock(mutex_);
+    for (const auto& buffer : switched) RecordBufferState(*buffer, enable);
+    if (!enable) ForgetStatesOfAbsentBuffers(tapout);
+  }
+  for (const auto& buffer : switched) SwitchAsRecorded(*buffer);
   MutexLock lock(mutex_);
-  for (const auto& buffer : switched) RecordBufferState(*buffer, enable);
-  if (!enable) ForgetStatesOfAbsentBuffers(tapout);
   updateWakeLock(buffers.empty() ? nullptr : result);
   if (switched.size() < buffers.size()) result->status = CommandStatus::ERROR;
   print_command_status("handleEnableBuffers", text, result);
@@ -76,12 +85,31 @@ std::vector<std::shared_ptr<KvoxBuffer>> KvoxService::BuffersFor(int tapout) {
 }
 
 void KvoxService::RecordBufferState(const KvoxBuffer& buffer, bool enable) {
-  if (enable) {
-    buffer_states_[buffer.name()] = {.number = static_cast<int32_t>(buffer.index()),
-                                     .tapout = buffer.is_tapout(),
-                                     .enabled = true};
-  } else {
-    buffer_states_.erase(buffer.name());
+  std::erase_if(buffer_states_, [&](const auto& entry) { return IsAbout(entry.second, buffer); });
+  if (!enable) return;
+  buffer_states_[buffer.name()] = {.number = static_cast<int32_t>(buffer.index()),
+                                   .tapout = buffer.is_tapout(),
+                                   .enabled = true};
+}
+
+/// Whoever switches a buffer or records a wish does this last. Commands and a recovery that switch
+/// the same buffer at the same time then leave it as the wish recorded last says, which is also
+/// what the next recovery goes by. Each further round follows another command.
+void KvoxService::SwitchAsRecorded(const KvoxBuffer& buffer) {
+  for (;;) {
+    std::shared_ptr<KvoxBuffer> present;  // the device may have gone and come meanwhile
+    bool wanted;
+    {
+      MutexLock lock(mutex_);
+      const BufferMap& buffers = buffer.is_tapout() ? buffers_.tapouts : buffers_.injects;
+      const auto found = buffers.find(static_cast<int>(buffer.index()));
+      if (found == buffers.end()) return;
+      present = found->second;
+      wanted = std::any_of(buffer_states_.begin(), buffer_states_.end(), [&](const auto& entry) {
+        return entry.second.enabled && IsAbout(entry.second, buffer);
+      });
+    }
+    if (present->IsEnabled() == wanted || present->Enable(wanted) != 0) return;
   }
 }
 

@@ -178,7 +178,8 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
 
   // Restoring what clients had set up (service_restore.cc).
 
-  /// What is not back yet. What fails stays in it and is tried again when another device arrives.
+  /// What to bring back in one pass. The first pass after a departure restores everything and shows
+  /// what fails; each later one only what the devices that it found were all that was missing for.
   struct RestorePlan {
     std::set<TapKey> taps;
     std::set<FourCc> processors;
@@ -189,10 +190,10 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   void Recover(RecoveryPacer& pacer);
   void PlanEverything(RestorePlan& plan) EXCLUDES(mutex_);
   void PlanFor(const KvoxBuffer& buffer, RestorePlan& plan) REQUIRES(mutex_);
-  void Restore(const RecoveryPacer& pacer, RestorePlan& plan);
-  bool RestoreTap(TapKey key) EXCLUDES(mutex_);
-  bool RestoreProcessor(FourCc id) EXCLUDES(wiring_mutex_, mutex_);
-  bool RestoreBuffer(const std::string& name) EXCLUDES(mutex_);
+  void Restore(const RecoveryPacer& pacer, const RestorePlan& plan);
+  void RestoreTap(TapKey key) EXCLUDES(mutex_);
+  void RestoreProcessor(FourCc id) EXCLUDES(wiring_mutex_, mutex_);
+  void RestoreBuffer(const std::string& name) EXCLUDES(mutex_);
 
   // Shared by the commands.
   std::shared_ptr<KvoxProcessor> GetKvoxProcessor(FourCc id) REQUIRES(mutex_);
@@ -203,10 +204,11 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   void handleEnableBuffers(bool enable, int tapout, CommandResult* result);
   std::vector<std::shared_ptr<KvoxBuffer>> BuffersFor(int tapout) REQUIRES(mutex_);
   void RecordBufferState(const KvoxBuffer& buffer, bool enable) REQUIRES(mutex_);
+  void SwitchAsRecorded(const KvoxBuffer& buffer) EXCLUDES(mutex_);
   void ForgetStatesOfAbsentBuffers(int tapout) REQUIRES(mutex_);
 
-  // Tap points. The Send functions carry a request out, report, and answer whether it succeeded;
-  // commands then record it, a recovery does not.
+  // Tap points. The Send functions carry a request out whose line has been written, report, and
+  // answer whether it succeeded; commands then record it, a recovery does not.
   int32_t getKvoxTapPoints(int core, std::vector<KvoxTapPointState>& taps) EXCLUDES(mutex_);
   int32_t QueryTap(const TapArguments& tap, KvoxTapPointState& state) REQUIRES(mutex_);
   bool SendTapEnable(const TapArguments& tap, bool enable, CommandResult* result) REQUIRES(mutex_);
@@ -220,7 +222,6 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   /// A binding under way: what the lock was needed for is done, the tap-out buffer has yet to be
   /// told the tap point's format.
   struct Binding {
-    bool bound = false;
     std::shared_ptr<KvoxBuffer> tapout;  // null when there is no format to tell
     KvoxTapFormat format;
     std::string text;
@@ -269,7 +270,9 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   bool telephony_enabled_ GUARDED_BY(use_case_mutex_) = false;
 
   Mutex wiring_mutex_ ACQUIRED_BEFORE(mutex_);
-  /// Processors that a recovery left disabled because their buffers are not back.
+  /// Processors that a recovery left disabled because their buffers are not back. They stay noted
+  /// through further departures, until they are tied again or a client switches or deletes them: a
+  /// client that has not disabled its processor wants its audio back, however long that takes.
   std::set<FourCc> to_enable_again_ GUARDED_BY(wiring_mutex_);
 
   Mutex mutex_;

@@ -27,23 +27,26 @@ void KvoxService::initKvoWithRetry(RecoveryPacer& pacer) {
 }
 
 void KvoxService::Recover(RecoveryPacer& pacer) {
-  RestorePlan plan;
-  bool planned = ScanWithRetries(pacer) == 0;
-  if (planned) {
+  bool restored = false;
+  if (ScanWithRetries(pacer) == 0) {
+    RestorePlan plan;
     PlanEverything(plan);
     Restore(pacer, plan);
+    restored = true;
   }
   while (pacer.WaitForArrivals()) {
+    RestorePlan plan;
     {
       MutexLock lock(mutex_);
       if (pacer.stopping()) return;
       pacer.ScanBegins();
       const DeviceScan scan = ScanDataDevices(environment_.device_directory);
+      if (!scan.any_tapout_path) continue;
       for (const auto& added : AddBuffers(scan)) PlanFor(*added, plan);
     }
-    if (!planned) PlanEverything(plan);
-    planned = true;
+    if (!restored) PlanEverything(plan);
     Restore(pacer, plan);
+    restored = true;
   }
 }
 

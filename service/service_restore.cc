@@ -30,34 +30,41 @@ void KvoxService::PlanEverything(RestorePlan& plan) {
   for (const auto& [name, state] : buffer_states_) plan.buffers.insert(name);
 }
 
-void KvoxService::PlanFor(const KvoxBuffer& buffer, RestorePlan& plan) {
-  const auto number = static_cast<int>(buffer.index());
+/// What still misses another buffer waits for that one.
+void KvoxService::PlanFor(const KvoxBuffer& added, RestorePlan& plan) {
+  const auto number = static_cast<int>(added.index());
+  const auto completed = [&](int tapout, int inject) REQUIRES(mutex_) {
+    return (added.is_tapout() ? tapout : inject) == number &&
+           (tapout == -1 || buffers_.tapouts.contains(tapout)) &&
+           (inject == -1 || buffers_.injects.contains(inject));
+  };
   for (const auto& [key, state] : taps_) {
-    const uint8_t id = buffer.is_tapout() ? state.info.tapout_buffer : state.info.inject_buffer;
-    if (BufferNumber(id) == number) plan.taps.insert(key);
+    const int tapout = BufferNumber(state.info.tapout_buffer);
+    if (completed(tapout, BufferNumber(state.info.inject_buffer))) plan.taps.insert(key);
   }
-  for (const auto& [id, connection] : connections_) {
-    const int end = buffer.is_tapout() ? connection.tapout_buffer : connection.inject_buffer;
-    if (end == number) plan.processors.insert(id);
+  for (const auto& [id, ends] : connections_) {
+    if (completed(ends.tapout_buffer, ends.inject_buffer)) plan.processors.insert(id);
   }
-  plan.buffers.insert(buffer.name());
+  for (const auto& [name, state] : buffer_states_) {
+    if (state.tapout == added.is_tapout() && state.number == number) plan.buffers.insert(name);
+  }
 }
 
-void KvoxService::Restore(const RecoveryPacer& pacer, RestorePlan& plan) {
-  const auto restore = [&pacer](auto& items, auto restore_one) {
-    for (auto item = items.begin(); item != items.end() && !pacer.stopping();) {
-      item = restore_one(*item) ? items.erase(item) : std::next(item);
+void KvoxService::Restore(const RecoveryPacer& pacer, const RestorePlan& plan) {
+  const auto restore = [&pacer](const auto& items, auto restore_one) {
+    for (const auto& item : items) {
+      if (pacer.stopping()) return;
+      restore_one(item);
     }
   };
-  restore(plan.taps, [this](TapKey key) { return RestoreTap(key); });
-  restore(plan.processors, [this](FourCc id) { return RestoreProcessor(id); });
-  restore(plan.buffers, [this](const std::string& name) { return RestoreBuffer(name); });
+  restore(plan.taps, [this](TapKey key) { RestoreTap(key); });
+  restore(plan.processors, [this](FourCc id) { RestoreProcessor(id); });
+  restore(plan.buffers, [this](const std::string& name) { RestoreBuffer(name); });
   MutexLock lock(mutex_);
   updateWakeLock(nullptr);
 }
 
-/// True when nothing is left to do for this tap point.
-bool KvoxService::RestoreTap(TapKey key) {
+void KvoxService::RestoreTap(TapKey key) {
   KvoxTapPointState state;
   const auto still_known = [&]() REQUIRES(mutex_) {
     const auto found = taps_.find(key);
@@ -68,27 +75,36 @@ bool KvoxService::RestoreTap(TapKey key) {
   Binding binding;
   {
     MutexLock lock(mutex_);
-    if (!still_known()) return true;
+    if (!still_known()) return;
     LogInfo("Restore tap point state %s", TapName(state.info).c_str());
-    binding = SendBinding(state.Arguments(), BufferNumber(state.info.tapout_buffer),
-                          BufferNumber(state.info.inject_buffer), Recording::kNo, &result);
+    const int tapout = BufferNumber(state.info.tapout_buffer);
+    const int inject = BufferNumber(state.info.inject_buffer);
+    BeginCommand(BindingRequest(state.Arguments(), tapout, inject), &result);
+    binding = SendBinding(state.Arguments(), tapout, inject, Recording::kNo, &result);
   }
   FinishBinding(std::move(binding), &result);
-  if (!Succeeded(result)) return false;
+  if (!Succeeded(result)) return;
 
   MutexLock lock(mutex_);
-  if (!still_known()) return true;
+  if (!still_known()) return;
   const TapArguments tap = state.Arguments();
-  const bool has_length = static_cast<int32_t>(state.info.block_length) >= 0;
-  if (has_length && !SendBlockLength(tap, state.info.block_length, &result)) return false;
-  const auto jitter_buffer = static_cast<uint32_t>(state.jitter_buffer);
-  if (state.jitter_buffer >= 0 && !SendJitterBuffer(tap, jitter_buffer, &result)) return false;
-  return SendTapEnable(tap, state.info.enabled != 0, &result);
+  if (const uint32_t frames = state.info.block_length; static_cast<int32_t>(frames) >= 0) {
+    BeginCommand(BlockLengthRequest(tap, frames), &result);
+    if (!SendBlockLength(tap, frames, &result)) return;
+  }
+  if (state.jitter_buffer >= 0) {
+    const auto size = static_cast<uint32_t>(state.jitter_buffer);
+    BeginCommand(JitterBufferRequest(tap, size), &result);
+    if (!SendJitterBuffer(tap, size, &result)) return;
+  }
+  const bool enable = state.info.enabled != 0;
+  BeginCommand(TapEnableRequest(tap, enable), &result);
+  SendTapEnable(tap, enable, &result);
 }
 
 /// A processor is silent while it is tied. One whose buffers are not all back stays disabled until
 /// they are, unless a client switches it meanwhile.
-bool KvoxService::RestoreProcessor(FourCc id) {
+void KvoxService::RestoreProcessor(FourCc id) {
   MutexLock wiring(wiring_mutex_);
   ConnectionState connection;
   std::shared_ptr<KvoxProcessor> processor;
@@ -98,7 +114,7 @@ bool KvoxService::RestoreProcessor(FourCc id) {
     const auto found = connections_.find(id);
     if (found != connections_.end()) connection = found->second;
   }
-  if (!processor) return true;
+  if (!processor) return;
   LogInfo("Restore processor connection state %s", processor->id_text());
   const bool was_enabled = processor->IsEnabled() || to_enable_again_.contains(id);
   processor->Enable(false);
@@ -106,42 +122,30 @@ bool KvoxService::RestoreProcessor(FourCc id) {
   ConnectProcessor(id, connection.tapout_buffer, connection.inject_buffer, Recording::kNo, &result);
   if (!Succeeded(result)) {
     if (was_enabled) to_enable_again_.insert(id);
-    return false;
+    return;
   }
   to_enable_again_.erase(id);
   processor->Enable(was_enabled);
-  return true;
 }
 
-bool KvoxService::RestoreBuffer(const std::string& name) {
-  KvoxBufferState state{};
+void KvoxService::RestoreBuffer(const std::string& name) {
   std::shared_ptr<KvoxBuffer> buffer;
-  const auto wanted = [&]() REQUIRES(mutex_) {
-    const auto found = buffer_states_.find(name);
-    if (found != buffer_states_.end()) state = found->second;
-    return found != buffer_states_.end() && state.enabled;
-  };
   {
     MutexLock lock(mutex_);
-    if (!wanted()) return true;
+    const auto found = buffer_states_.find(name);
+    if (found == buffer_states_.end() || !found->second.enabled) return;
+    const KvoxBufferState& state = found->second;
     const BufferMap& buffers = state.tapout ? buffers_.tapouts : buffers_.injects;
-    const auto found = buffers.find(state.number);
-    if (found != buffers.end()) buffer = found->second;
-  }
-  if (!buffer) {
-    LogError("Error restoring %s buffer %s: missing", state.tapout ? "tap-out" : "inject",
-             name.c_str());
-    return false;
+    const auto present = buffers.find(state.number);
+    if (present == buffers.end()) {
+      LogError("Error restoring %s buffer %s: missing", state.tapout ? "tap-out" : "inject",
+               name.c_str());
+      return;
+    }
+    buffer = present->second;
   }
   LogInfo("Restore buffer state %s", name.c_str());
-  const int32_t status = buffer->Enable(true);
-  bool still_wanted;
-  {
-    MutexLock lock(mutex_);
-    still_wanted = wanted();
-  }
-  if (!still_wanted) buffer->Enable(false);  // a client has stopped it while it was opening
-  return status == 0 || !still_wanted;
+  if (buffer->Enable(true) == 0) SwitchAsRecorded(*buffer);
 }
 
 }  // namespace kvox

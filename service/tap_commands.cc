@@ -13,10 +13,6 @@ namespace {
 /// The page number travels in 8 bits; a list that is longer has no end.
 constexpr int kMaxTapListPages = 256;
 
-std::string Describe(const TapArguments& tap) {
-  return FormatText<64>("[core %d tap %s.%d]", tap.core, ToString(tap.tap).c_str(), tap.index);
-}
-
 TapArguments Arguments(int32_t core, int32_t tap, int32_t index) {
   return {core, static_cast<FourCc>(tap), index};
 }
@@ -32,7 +28,6 @@ std::string BufferName(const std::map<int, std::shared_ptr<KvoxBuffer>>& buffers
 struct KvoxService::TapSetting {
   uint16_t opcode;
   const char* opcode_name;
-  const char* request;  // after the tap point's description
   const char* command;
 };
 
@@ -112,7 +107,7 @@ KvoxService::Status KvoxService::TapList(int32_t core, CommandResult* result) {
 KvoxService::Status KvoxService::TapInfo(int32_t core, int32_t tap, int32_t index,
                                          CommandResult* result) {
   const TapArguments arguments = Arguments(core, tap, index);
-  BeginCommand(FormatText<64>("Get tap point info %s", Describe(arguments).c_str()), result);
+  BeginCommand(TapInfoRequest(arguments), result);
   std::string text;
   KvoxTapPointState state;
   MutexLock lock(mutex_);
@@ -128,6 +123,7 @@ KvoxService::Status KvoxService::TapInfo(int32_t core, int32_t tap, int32_t inde
 KvoxService::Status KvoxService::TapEnable(int32_t core, int32_t tap, int32_t index, bool enable,
                                            CommandResult* result) {
   const TapArguments arguments = Arguments(core, tap, index);
+  BeginCommand(TapEnableRequest(arguments, enable), result);
   MutexLock lock(mutex_);
   if (SendTapEnable(arguments, enable, result)) {
     EntryFor(arguments, taps_).info.enabled = enable ? 1 : 0;
@@ -137,9 +133,6 @@ KvoxService::Status KvoxService::TapEnable(int32_t core, int32_t tap, int32_t in
 }
 
 bool KvoxService::SendTapEnable(const TapArguments& tap, bool enable, CommandResult* result) {
-  BeginCommand(
-      FormatText<64>("%s tap point info %s", enable ? "Enable" : "Disable", Describe(tap).c_str()),
-      result);
   TapEnableRecord record;
   record.address = tap.Address();
   record.enable = enable ? 1 : 0;
@@ -158,6 +151,7 @@ KvoxService::Status KvoxService::TapSetBlockLength(int32_t core, int32_t tap, in
                                                    int32_t length, CommandResult* result) {
   const TapArguments arguments = Arguments(core, tap, index);
   const auto frames = static_cast<uint32_t>(length);
+  BeginCommand(BlockLengthRequest(arguments, frames), result);
   MutexLock lock(mutex_);
   if (SendBlockLength(arguments, frames, result)) {
     EntryFor(arguments, taps_).info.block_length = frames;
@@ -168,7 +162,6 @@ KvoxService::Status KvoxService::TapSetBlockLength(int32_t core, int32_t tap, in
 bool KvoxService::SendBlockLength(const TapArguments& tap, uint32_t length, CommandResult* result) {
   return SendTapSetting({.opcode = CMD_KVOX_TAP_SET_BLOCK_LEN_ID,
                          .opcode_name = "CMD_KVOX_TAP_SET_BLOCK_LEN_ID",
-                         .request = "block length",
                          .command = "TapSetBlockLength"},
                         tap, length, result);
 }
@@ -176,6 +169,7 @@ bool KvoxService::SendBlockLength(const TapArguments& tap, uint32_t length, Comm
 KvoxService::Status KvoxService::tapSetJitterBuffer(int32_t core, int32_t tap, int32_t index,
                                                     int32_t size, CommandResult* result) {
   const TapArguments arguments = Arguments(core, tap, index);
+  BeginCommand(JitterBufferRequest(arguments, static_cast<uint32_t>(size)), result);
   MutexLock lock(mutex_);
   if (SendJitterBuffer(arguments, static_cast<uint32_t>(size), result)) {
     EntryFor(arguments, taps_).jitter_buffer = static_cast<int16_t>(size);
@@ -186,16 +180,12 @@ KvoxService::Status KvoxService::tapSetJitterBuffer(int32_t core, int32_t tap, i
 bool KvoxService::SendJitterBuffer(const TapArguments& tap, uint32_t size, CommandResult* result) {
   return SendTapSetting({.opcode = CMD_KVOX_TAP_SET_JITTER_BUFFER_ID,
                          .opcode_name = "CMD_KVOX_TAP_SET_JITTER_BUFFER_ID",
-                         .request = "jitter buffer",
                          .command = "tapSetJitterBuffer"},
                         tap, size, result);
 }
 
 bool KvoxService::SendTapSetting(const TapSetting& setting, const TapArguments& tap, uint32_t value,
                                  CommandResult* result) {
-  BeginCommand(
-      FormatText<64>("Set tap point %s %s to %u", Describe(tap).c_str(), setting.request, value),
-      result);
   TapSettingRecord record;
   record.address = tap.Address();
   record.value = value;

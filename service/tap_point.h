@@ -74,4 +74,11 @@ void EraseIfIdle(const TapArguments& tap, TapMap& taps);
 /// "imic.0"
 std::string TapName(const TapInfoState& info);
 
+/// The lines with which requests about tap points begin.
+std::string TapInfoRequest(const TapArguments& tap);
+std::string TapEnableRequest(const TapArguments& tap, bool enable);
+std::string BlockLengthRequest(const TapArguments& tap, uint32_t frames);
+std::string JitterBufferRequest(const TapArguments& tap, uint32_t size);
+std::string BindingRequest(const TapArguments& tap, int tapout, int inject);
+
 }  // namespace kvox

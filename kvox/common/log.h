@@ -10,11 +10,14 @@ enum class LogPriority : int { kInfo = 4, kWarning = 5, kError = 6 };
 /// Longest line, its NUL included; longer ones are cut, as the log library would.
 inline constexpr int kLogLineSize = 1024;
 
-/// Takes finished lines. Write may be called from any thread.
+/// Takes finished lines. Any thread may call.
 class LogTarget {
  public:
   virtual ~LogTarget() = default;
   virtual void Write(LogPriority priority, const char* tag, const char* line) = 0;
+
+  /// Waits, a fifth of a second at most, until what was written so far is where it belongs.
+  virtual void Flush() {}
 };
 
 /// The log library itself.

@@ -1,5 +1,6 @@
 #include "kvox/common/log_ring.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -8,6 +9,9 @@
 
 namespace kvox {
 namespace {
+
+/// A log that blocks for longer must not hold up whoever disables a buffer.
+constexpr auto kFlushPatience = std::chrono::milliseconds(200);
 
 template <size_t Size>
 void CopyText(std::array<char, Size>& to, const char* from) {
@@ -80,6 +84,14 @@ void DeferredLog::Write(LogPriority priority, const char* tag, const char* line)
   wakeups_.notify_one();  // no system call while the log thread is awake
 }
 
+void DeferredLog::Flush() {
+  const uint64_t wanted = ring_.pushed();
+  const auto deadline = std::chrono::steady_clock::now() + kFlushPatience;
+  MutexLock lock(passed_on_mutex_);
+  while (passed_on_ < wanted && passed_on_changed_.WaitUntil(passed_on_mutex_, deadline)) {
+  }
+}
+
 void DeferredLog::Run() {
   SetThreadName("kvox-log");
   for (;;) {
@@ -93,7 +105,12 @@ void DeferredLog::Run() {
 
 void DeferredLog::PassOn() {
   LogRing::Line line;
-  while (ring_.Pop(line)) destination_.Write(line.priority, line.tag.data(), line.text.data());
+  while (ring_.Pop(line)) {
+    destination_.Write(line.priority, line.tag.data(), line.text.data());
+    MutexLock lock(passed_on_mutex_);
+    ++passed_on_;
+    passed_on_changed_.NotifyAll();
+  }
   if (const uint32_t losses = ring_.TakeLosses(); losses > 0) {
     const std::string report = FormatText<96>(
         "%u log lines of I/O threads lost: the log could not be written fast enough", losses);

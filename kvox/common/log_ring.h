@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "kvox/common/log.h"
+#include "kvox/common/mutex.h"
 
 namespace kvox {
 
@@ -31,6 +32,9 @@ class LogRing {
 
   /// RT: puts a line in; false when the ring is full, which counts a loss. Any thread.
   bool Push(LogPriority priority, const char* tag, const char* text);
+
+  /// How many lines were put in since the beginning. Any thread.
+  uint64_t pushed() const { return tail_.load(std::memory_order_relaxed); }
 
   /// Takes the oldest line out; false when there is none. One thread at a time.
   bool Pop(Line& line);
@@ -60,6 +64,9 @@ class DeferredLog : public LogTarget {
   /// RT. Any thread.
   void Write(LogPriority priority, const char* tag, const char* line) override;
 
+  /// Not RT. The calling thread must be in step with the writers, as after joining them.
+  void Flush() override;
+
  private:
   void Run();
   void PassOn();
@@ -68,6 +75,9 @@ class DeferredLog : public LogTarget {
   LogRing ring_;
   std::atomic<uint32_t> wakeups_ = 0;
   std::atomic<bool> stopping_ = false;
+  Mutex passed_on_mutex_;  // a leaf lock; never taken by Write
+  CondVar passed_on_changed_;
+  uint64_t passed_on_ GUARDED_BY(passed_on_mutex_) = 0;  // lines since the beginning
   std::thread thread_;
 };
 

@@ -64,10 +64,14 @@ bool IsServiceName(const std::string& name) {
   });
 }
 
+std::string RuntimeDirectory() {
+  std::string directory = Variable(kVariable);
+  if (directory.empty() && geteuid() == 0) directory = kSystemDirectory;
+  return directory.empty() ? UserDirectory() : directory;
+}
+
 int PrepareRuntimeDirectory(std::string* directory, std::string* error) {
-  *directory = Variable(kVariable);
-  if (directory->empty() && geteuid() == 0) *directory = kSystemDirectory;
-  if (directory->empty()) *directory = UserDirectory();
+  *directory = RuntimeDirectory();
   if (directory->empty()) {
     *error = std::string("no runtime directory: set ") + kVariable + " or " + kUserVariable;
     return ENOENT;

@@ -11,8 +11,11 @@ namespace kvox::binder {
 /// Whether a service may bear this name.
 bool IsServiceName(const std::string& name);
 
-/// The directory for services of this process, created if it is missing. Answers 0, or errno with
-/// `error` set.
+/// The directory for services of this process, whether it exists or not; empty when the environment
+/// names none.
+std::string RuntimeDirectory();
+
+/// That directory, created if it is missing. Answers 0, or errno with `error` set.
 int PrepareRuntimeDirectory(std::string* directory, std::string* error);
 
 /// Where clients look for services, in this order.

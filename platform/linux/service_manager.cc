@@ -26,6 +26,8 @@ using Clock = std::chrono::steady_clock;
 constexpr mode_t kSocketMode = 0660;
 constexpr mode_t kLockMode = 0600;  // whoever can open it can lock it
 
+constexpr Clock::duration kLockPause = std::chrono::milliseconds(10);
+
 thread_local std::string error_of_thread;
 
 binder_exception_t ExceptionFor(int cause) {
@@ -42,8 +44,14 @@ binder_exception_t Refusal(const std::string& what, int cause, std::string* erro
 binder_exception_t LockName(const std::string& path, UniqueFd* lock, std::string* error) {
   *lock = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
   if (!lock->valid()) return Refusal("cannot open " + path, errno, error);
-  if (flock(lock->get(), LOCK_EX | LOCK_NB) == 0) return EX_NONE;
-  if (errno != EWOULDBLOCK) return Refusal("cannot lock " + path, errno, error);
+  const auto take = [&] { return flock(lock->get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno; };
+  int cause = take();
+  if (cause == EWOULDBLOCK) {  // perhaps somebody only asks IsServed() just now
+    std::this_thread::sleep_for(kLockPause);
+    cause = take();
+  }
+  if (cause == 0) return EX_NONE;
+  if (cause != EWOULDBLOCK) return Refusal("cannot lock " + path, cause, error);
   *error = path + " is locked: another process serves that name; stop it first";
   return EX_ILLEGAL_STATE;
 }
@@ -78,6 +86,13 @@ AIBinder* Await(const char* instance, const Clock::time_point* deadline) {
 }
 
 }  // namespace
+
+bool IsServed(const std::string& name) {
+  const std::string path = LockPath(RuntimeDirectory(), name);
+  const UniqueFd lock(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!lock.valid()) return errno != ENOENT;
+  return flock(lock.get(), LOCK_SH | LOCK_NB) != 0;
+}
 
 ServiceManager& ServiceManager::Get() {
   static ServiceManager* const manager = new ServiceManager;  // outlives every thread, also at exit

@@ -14,6 +14,10 @@
 
 namespace kvox::binder {
 
+/// Whether a live process, this one included, has the name for its services. Looks at the lock that
+/// goes with it for an instant. True as well when that lock is out of reach.
+bool IsServed(const std::string& name);
+
 /// One a process. Any thread; each function leaves its error text for its thread.
 class ServiceManager {
  public:

@@ -13,6 +13,7 @@
 
 #include "kvox/common/log.h"
 #include "kvox/common/mutex.h"
+#include "platform/linux/service_manager.h"
 #include "platform/linux/unique_fd.h"
 #include "platform/platform.h"
 
@@ -86,8 +87,8 @@ bool KernelHasLocks() {
 
 }  // namespace
 
-void ReleaseStaleWakeLock(const char* name) {
-  if (!KernelHasLocks()) return;
+void ReleaseStaleWakeLock(const char* name, const char* service) {
+  if (!KernelHasLocks() || binder::IsServed(service)) return;
   const UniqueFd fd(open(PathOf(kTakeFile).c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   char held[4096];  // the kernel lists a page at most
   const ssize_t size = fd.valid() ? read(fd.get(), held, sizeof held) : -1;

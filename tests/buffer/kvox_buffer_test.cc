@@ -2,6 +2,7 @@
 
 #include <thread>
 
+#include "kvox/common/log_ring.h"
 #include "tests/buffer/buffer_fixture.h"
 
 namespace kvox {
@@ -206,6 +207,39 @@ TEST_F(KvoxBufferTest, EverythingMayChangeWhileAudioFlows) {
   }
   SendPacket(MakePacket(77, 1920));
   EXPECT_EQ(ReceivePacket(kPacketHeaderSize + 1920), MakePacket(77, 1920));
+}
+
+/// As in the daemon: I/O threads log through a ring. Its lines are marked.
+class RingLogTest : public BufferFixture {
+ protected:
+  LogTarget& io_log() override { return ring_; }
+
+ private:
+  class Marker : public LogTarget {
+   public:
+    explicit Marker(LogTarget& target) : target_(target) {}
+    void Write(LogPriority priority, const char* tag, const char* line) override {
+      target_.Write(priority, tag, ("ring: " + std::string(line)).c_str());
+    }
+
+   private:
+    LogTarget& target_;
+  };
+
+  Marker marker_{log_};
+  DeferredLog ring_{marker_};
+};
+
+TEST_F(RingLogTest, EveryLineOfAnIoThreadTakesTheRingAndComesBeforeItsEnd) {
+  const auto tapout = MakeBuffer("tapout0", 0, true);
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(tapout->Enable(true), 0);
+    ASSERT_EQ(tapout->Enable(false), 0);
+    EXPECT_EQ(log_.Count("kvox_utils failed"), log_.Count("ring: kvox/common/kvox_utils failed"));
+    const Lines lines = log_.Take();
+    ASSERT_EQ(lines.back(), "I Buffer tapout0 disabled, I/O thread end");
+    ASSERT_EQ(lines[lines.size() - 2], "I ring: tapout0 ioProcess end");
+  }
 }
 
 }  // namespace

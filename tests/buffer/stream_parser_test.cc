@@ -128,7 +128,7 @@ TEST_F(StreamParserTest, AnUnalignedReadDropsEverythingAndResyncs) {
   ExpectPacket(Read(Packet(2, 480)), Packet(2, 480));
 }
 
-TEST_F(StreamParserTest, HeadersThatFailTheirChecksAreDropped) {
+TEST_F(StreamParserTest, HeadersThatFailTheirChecksLeadBackToResync) {
   const struct {
     uint32_t version;
     uint32_t payload_size;
@@ -140,12 +140,14 @@ TEST_F(StreamParserTest, HeadersThatFailTheirChecksAreDropped) {
       {0, 65473, 0, 65473},
   };
   for (const auto& row : rows) {
+    Sync(480);
     Bytes packet = With(Packet(1, 480), 4, row.version);
     const StreamFindings findings = Read(With(packet, 20, row.payload_size));
     EXPECT_EQ(findings.next, Next::kRead);
     EXPECT_EQ(findings.bad_version, row.bad_version);
     EXPECT_EQ(findings.bad_payload_size, row.bad_size);
     EXPECT_FALSE(parser_.assembling());
+    EXPECT_EQ(parser_.ReadArea().size(), kPacketMaxSize) << "resynchronising";
   }
   ExpectPacket(Read(Packet(2, 480)), Packet(2, 480));
 }

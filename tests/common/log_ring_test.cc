@@ -126,5 +126,18 @@ TEST(DeferredLog, ABlockedLogCostsLinesNotTime) {
   EXPECT_EQ(destination.lines().back().substr(0, 11), "7 log lines");
 }
 
+TEST(DeferredLog, FlushWaitsForTheLinesButNotForABlockedLog) {
+  SlowLog destination;
+  DeferredLog log(destination);
+  constexpr size_t kLines = 400;
+  for (size_t i = 0; i < kLines; ++i) log.Write(LogPriority::kInfo, "kvox", "line");
+  log.Flush();
+  EXPECT_EQ(destination.lines().size(), kLines);
+  destination.Block();
+  log.Write(LogPriority::kInfo, "kvox", "stuck");
+  log.Flush();  // returns
+  destination.Unblock();
+}
+
 }  // namespace
 }  // namespace kvox

@@ -126,6 +126,33 @@ TEST_F(ControlChannelTest, WhatIsNotTheAnswerIsPassedOver) {
                   "E wrong data sz 12 != 16 for opcode 0xca", "I KVO reply OK"));
 }
 
+TEST_F(ControlChannelTest, AStaleLongerReplyIsJudgedByItsOpcode) {
+  channel_.Open();
+  log_.Take();
+  EXPECT_EQ(Exchange([&](Bytes command) {
+              Bytes longer = Reply(command, 1, 0xCC);
+              longer.resize(44);
+              longer[2] = std::byte{44};
+              const Bytes answer = Reply(command, 7);
+              longer.insert(longer.end(), answer.begin(), answer.end());
+              Send(longer);
+            }),
+            7);
+  EXPECT_EQ(log_.Count("mismatch reply id 204 opcode 0xca"), 1u);
+  EXPECT_EQ(log_.Count("wrong data sz"), 0u);
+}
+
+TEST_F(ControlChannelTest, AFloodEndsWithTheBudgetAndDoesNotFillTheLog) {
+  Unplug();
+  ASSERT_EQ(symlink("/dev/zero", path_.c_str()), 0);
+  const auto begin = std::chrono::steady_clock::now();
+  record_ = {};
+  EXPECT_EQ(channel_.Exchange(CMD_KVOX_TAP_ENABLE_ID, &record_.header, sizeof record_), -1);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+  EXPECT_EQ(log_.Count("W waitForKvoxCommandResponse: timeout for opcode 0xca"), 1u);
+  EXPECT_LT(log_.Count("mismatch reply id 0 opcode 0xca"), 50u);
+}
+
 TEST_F(ControlChannelTest, ACutReplyDoesNotSpoilTheNextOne) {
   channel_.Open();
   log_.Take();

@@ -151,10 +151,60 @@ TEST_F(RecoveryTest, LateDevicesLeaveTheOthersAlone) {
   EXPECT_THAT(Graph(), HasSubstr(whole_chain_));
 }
 
-TEST_F(RecoveryTest, EverythingIsRestoredEvenIfNothingWasThereAtFirst) {
+TEST_F(RecoveryTest, WhatFailedIsNotTriedAgainForOtherDevices) {
+  SetUpChain();
+  link_.failures[CMD_KVOX_TAP_BIND_ID] = -1;
+  RemoveNodes({"inject0"});
+  Restart({[&] {
+    link_.failures.clear();
+    link_.opcodes.clear();
+    log_.Take();
+    MakeNodes({"tapout5"});
+  }});
+  EXPECT_THAT(Buffers(), HasSubstr("\n  5         tapout5 "));
+  EXPECT_TRUE(link_.opcodes.empty());
+  EXPECT_EQ(log_.Count("Restore"), 0u);
+}
+
+TEST_F(RecoveryTest, TwoMissingDevicesMayComeOneByOne) {
+  SetUpChain();
+  RemoveNodes({"tapout0", "inject0"});
+  Restart({[&] {
+             log_.Take();
+             MakeNodes({"inject0"});
+           },
+           [&] {
+             EXPECT_TRUE(link_.opcodes.empty()) << "half of it is not enough";
+             EXPECT_EQ(log_.Count("Restore processor"), 0u);
+             EXPECT_EQ(log_.Count("I Restore buffer state inject0"), 1u);
+             MakeNodes({"tapout0"});
+           }});
+  EXPECT_THAT(Graph(), HasSubstr(whole_chain_));
+  EXPECT_THAT(Buffers(), HasSubstr("\n  0         tapout0   -         pass      1"));
+  EXPECT_THAT(Buffers(), HasSubstr("\n  0         inject0   pass      -         1"));
+  EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCD, 0xCE, 0xCA));
+  EXPECT_TRUE(link_.wake_lock);
+}
+
+TEST_F(RecoveryTest, AProcessorWaitsForItsDeviceThroughFurtherDepartures) {
+  SetUpChain();
+  RemoveNodes({"inject0"});
+  Restart();
+  Restart();
+  EXPECT_THAT(Graph(), HasSubstr("pass      pass      -         -         0"));
+  MakeNodes({"inject0"});
+  Restart();
+  EXPECT_THAT(Graph(), HasSubstr(whole_chain_));
+}
+
+TEST_F(RecoveryTest, EverythingIsRestoredOnceThereIsATapOut) {
   SetUpChain();
   RemoveNodes({"tapout0", "tapout1", "inject0"});
-  Restart({[&] { MakeNodes({"tapout0"}); }, [&] { MakeNodes({"inject0"}); }});
+  Restart({[&] { MakeNodes({"inject0"}); },
+           [&] {
+             EXPECT_EQ(log_.Count("Restore"), 0u);
+             MakeNodes({"tapout0"});
+           }});
   EXPECT_THAT(Graph(), HasSubstr(whole_chain_));
   EXPECT_TRUE(link_.wake_lock);
 }
@@ -175,6 +225,15 @@ TEST_F(RecoveryTest, ClientsCommandsDuringARecoveryStand) {
   EXPECT_THAT(Buffers(), HasSubstr("\n  0         tapout0   -         pass      0"));
   ASSERT_EQ(link_.opcodes.back(), CMD_KVOX_TAP_ENABLE_ID);
   EXPECT_EQ(link_.sent.back()[6], 0) << "the tap stays off";
+}
+
+TEST_F(RecoveryTest, StartAndStopThatMeetLeaveBuffersAsTheyAreRemembered) {
+  io_.interrupted = "tapout1";
+  io_.on_open = [&] { Call(&KvoxService::StopIo, 0); };  // tapout0 is on, but not recorded yet
+  Call(&KvoxService::StartIo, -1);
+  const std::string buffers = Buffers();
+  Restart();
+  EXPECT_EQ(Buffers(), buffers);
 }
 
 TEST_F(RecoveryTest, StoppingBuffersThatAreAwayForgetsThem) {

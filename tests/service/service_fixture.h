@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon/device_events.h"
@@ -26,6 +27,7 @@ class FakeCoprocessor : public CoprocessorLink {
     const auto* const bytes = reinterpret_cast<const uint8_t*>(record);
     sent.emplace_back(bytes + sizeof(CMD_HDR), bytes + size);
     opcodes.push_back(opcode);
+    if (on_send) std::exchange(on_send, nullptr)();
     if (const auto failure = failures.find(opcode); failure != failures.end())
       return failure->second;
     if (opcode == CMD_KVOX_TAP_LIST_ID) List(*reinterpret_cast<TapListRecord*>(record));
@@ -38,6 +40,7 @@ class FakeCoprocessor : public CoprocessorLink {
   std::map<uint16_t, int32_t> failures;
   std::vector<uint16_t> opcodes;
   std::vector<std::vector<uint8_t>> sent;  // payloads
+  std::function<void()> on_send;           // called in the next exchange
   bool wake_lock = false;
   bool endless_list = false;
 
@@ -60,6 +63,30 @@ class FakeCoprocessor : public CoprocessorLink {
       if (tap.tap == record.state.tap && tap.index == record.state.index) record.state = tap;
     }
   }
+};
+
+/// The real devices; the next opening of a node can be interrupted for something else.
+class InterruptedIo : public DeviceIo {
+ public:
+  int Open(const char* path, Direction direction) override {
+    if (on_open && std::string(path).ends_with(interrupted)) std::exchange(on_open, nullptr)();
+    return real_.Open(path, direction);
+  }
+  void Close(int fd) override { real_.Close(fd); }
+  Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) override {
+    return real_.Wait(fd, direction, wake_fd, timeout_ms);
+  }
+  ssize_t Read(int fd, std::span<std::byte> bytes) override { return real_.Read(fd, bytes); }
+  ssize_t Write(int fd, std::span<const std::byte> bytes) override {
+    return real_.Write(fd, bytes);
+  }
+  uint64_t NowNs() override { return real_.NowNs(); }
+
+  std::string interrupted;  // the node's name
+  std::function<void()> on_open;
+
+ private:
+  DeviceIo& real_ = SystemDeviceIo();
 };
 
 /// A recovery that runs when told to, through scans and late arrivals.
@@ -108,7 +135,7 @@ class ServiceTest : public ::testing::Test {
     ManualRecovery pacer([](RecoveryPacer&) {});
     service_ = ndk::SharedRefBase::make<KvoxService>(
         ServiceEnvironment{.link = link_,
-                           .io = SystemDeviceIo(),
+                           .io = io_,
                            .io_log = log_,
                            .device_directory = directory_.path(),
                            .start_recovery =
@@ -150,6 +177,7 @@ class ServiceTest : public ::testing::Test {
   LogCapture log_;
   TempDirectory directory_;
   FakeCoprocessor link_;
+  InterruptedIo io_;
   std::shared_ptr<KvoxService> service_;
   ManualRecovery* recovery_ = nullptr;
   int startup_pauses_ = 0;

@@ -1,3 +1,5 @@
+#include <thread>
+
 #include "tests/service/service_fixture.h"
 
 namespace kvox {
@@ -99,6 +101,23 @@ TEST_F(TapCommands, FailuresNameTheOpcode) {
               ElementsAre("Connect [core 2 tap imic.0] --> tap-out buffer 0, inject buffer 0 --> "
                           "[core 2 tap imic.0]",
                           "CMD_KVOX_TAP_BIND_ID failed, status -22", "ConnectTap: ERROR"));
+}
+
+TEST_F(TapCommands, RequestsAreLoggedWhileAnotherOneIsUnderWay) {
+  std::vector<std::thread> clients;
+  link_.on_send = [&] {
+    clients.emplace_back([&] { Call(&KvoxService::TapEnable, 2, Code("imic"), 0, true); });
+    clients.emplace_back([&] { Call(&KvoxService::TapSetBlockLength, 2, Code("imic"), 0, 960); });
+    clients.emplace_back([&] { Call(&KvoxService::tapSetJitterBuffer, 2, Code("imic"), 0, 9); });
+    clients.emplace_back([&] { Call(&KvoxService::ConnectTap, 2, Code("imic"), 0, 0, -1); });
+    EXPECT_TRUE(log_.WaitFor("I Enable tap point info [core 2 tap imic.0]"));
+    EXPECT_TRUE(log_.WaitFor("I Set tap point [core 2 tap imic.0] block length to 960"));
+    EXPECT_TRUE(log_.WaitFor("I Set tap point [core 2 tap imic.0] jitter buffer to 9"));
+    EXPECT_TRUE(log_.WaitFor("I Connect [core 2 tap imic.0] --> tap-out buffer 0"));
+  };
+  Call(&KvoxService::TapInfo, 2, Code("imic"), 0);
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(link_.opcodes.size(), 6u);
 }
 
 TEST(TapKey, OrdersByTapThenIndexThenCoreAndPutsHighIndicesLast) {

@@ -46,11 +46,13 @@ TEST_F(DaemonTest, SignalsEndItsEventsAndTerminationEndsIt) {
 TEST_F(DaemonTest, ASecondOneIsRefusedAndADeadOnesPlaceIsFree) {
   StartSimulator();
   StartDaemon();
+  std::ofstream(directory_ / "power/wake_lock") << "kvox";
   Process second(KVOXD_PROGRAM, {}, directory_ / "second");
   EXPECT_TRUE(WaitFor([&] {
     return CountOf("Failed to find kvox service kvox.IKvox/default, status", second.Err()) == 1;
   }));
   EXPECT_EQ(Run({"ping"}).exit_status, 0) << "the first one serves on";
+  EXPECT_EQ(ReadText(directory_ / "power/wake_unlock"), "") << "the wake lock is the first one's";
   second.Signal(SIGINT);
   EXPECT_EQ(second.Wait(), 0);
   EXPECT_THAT(second.Out(), HasSubstr("Kvoxd stop"));
