@@ -123,6 +123,7 @@ ndk::SpAIBinder Connection::QueryRoot(std::chrono::steady_clock::time_point dead
   header.type = FrameType::kRootRequest;
   header.call = calls_.Add(&call);
   const bool sent = Send(header, AParcel(), {});
+  if (ThreadPool::Get().Full(*this)) channel_.UpdateReading();
   if ((!sent || !call.WaitUntil(deadline)) && calls_.Remove(header.call)) return nullptr;
   std::unique_ptr<AParcel> reply;
   ndk::SpAIBinder root;
@@ -182,19 +183,24 @@ size_t Connection::OnInput(evbuffer* input) {
     return 0;
   }
   FrameHeader header;
-  do {
+  while (true) {
     const size_t size = evbuffer_get_length(input);
     if (size < sizeof header) return sizeof header;
+    const bool full = ThreadPool::Get().Full(*this);
+    if (full && !channel_.UpdateReading()) return sizeof header;
     evbuffer_copyout(input, &header, sizeof header);
     const char* fault = CheckHeader(header);
     if (fault == nullptr && size < header.FrameSize()) return header.FrameSize();
+    // It is read on for the sake of a reply alone; answers to questions would only add up.
+    if (full && header.type == FrameType::kRootRequest && ThreadPool::Get().Blocked(*this)) {
+      fault = "questions, and does not read the answers";
+    }
     if (fault == nullptr) fault = TakeFrame(header, input);
     if (fault != nullptr) {
       Close(fault);
       return 0;
     }
-  } while (!ThreadPool::Get().Full(*this) || channel_.UpdateReading());
-  return sizeof header;
+  }
 }
 
 const char* Connection::TakeGreeting(evbuffer* input) {

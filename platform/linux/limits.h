@@ -39,8 +39,8 @@ inline constexpr size_t kPauseRequestBytes = 2 * 1024 * 1024;
 inline constexpr size_t kMaxRequests = 1024;
 inline constexpr size_t kMaxRequestBytes = 16 * 1024 * 1024;
 
-/// A peer that leaves this many bytes unread gets no further request served until it reads: one
-/// reply of full size never stops anything.
+/// A peer that leaves this many bytes unread is not read from, and gets no further request served,
+/// until it reads: one reply of full size never stops anything.
 inline constexpr size_t kPauseUnsentBytes = 2 * 1024 * 1024;
 
 /// Calls to such a peer go on until this much waits for it; then it is cut off.
