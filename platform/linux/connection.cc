@@ -14,15 +14,6 @@
 namespace kvox::binder {
 namespace {
 
-Caller PeerOf(int fd) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-    return {static_cast<uid_t>(-1), 0};
-  }
-  return {credentials.uid, credentials.pid};
-}
-
 /// Dropping a parcel may drop the last reference to an object, whose code the reactor must not run.
 void DropOnPool(std::unique_ptr<AParcel> parcel) {
   if (parcel == nullptr || parcel->objects().empty()) return;
@@ -54,12 +45,21 @@ iovec Part(const void* bytes, size_t size) {
 
 }  // namespace
 
+Caller PeerOf(int fd) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+    return {static_cast<uid_t>(-1), 0};
+  }
+  return {credentials.uid, credentials.pid};
+}
+
 Connection::Connection(const Caller& peer, std::shared_ptr<ServicePort> port)
     : peer_(peer), port_(std::move(port)), greeted_(port_ == nullptr) {}
 
-void Connection::Accept(UniqueFd fd, std::shared_ptr<ServicePort> port) {
+void Connection::Accept(UniqueFd fd, const Caller& peer, std::shared_ptr<ServicePort> port) {
   const ndk::SpAIBinder root = port->root();
-  const auto connection = std::make_shared<Connection>(PeerOf(fd.get()), std::move(port));
+  const auto connection = std::make_shared<Connection>(peer, std::move(port));
   const std::string_view descriptor = root.get()->clazz()->descriptor;
   const std::string padding(
       PaddedSize(static_cast<uint32_t>(descriptor.size())) - descriptor.size(), '\0');
@@ -272,7 +272,7 @@ void Connection::Close(const char* fault) {
   channel_.Close();
   calls_.FinishAll(STATUS_DEAD_OBJECT);
   // The port holds the service, which may hold proxies of this connection.
-  if (const auto port = std::exchange(port_, nullptr)) port->Leave();
+  if (const auto port = std::exchange(port_, nullptr)) port->Leave(peer_);
   Reactor::Get().Forget(self);
 
   struct Remains {

@@ -22,8 +22,16 @@ inline constexpr uint32_t kMaxDescriptorSize = 256;
 /// carry a hundred references with long descriptors, several hundred with usual ones.
 inline constexpr uint32_t kMaxObjectListSize = 32 * 1024;
 
-/// Clients of one service. Each has one connection, however many threads it has.
-inline constexpr int kMaxConnections = 128;
+/// Connections of one service. With a thousand objects and a few megabytes for each, this is what a
+/// small machine can bear.
+inline constexpr size_t kMaxConnections = 128;
+
+/// Of these, one process may have so many. It needs one, however many threads it has; this leaves
+/// room for libraries with a connection of their own, but no process can shut the others out.
+inline constexpr int kMaxConnectionsOfProcess = 8;
+
+/// And one user so many, however many processes: half of all, so that another user always gets in.
+inline constexpr int kMaxConnectionsOfUser = 64;
 
 /// Connections that wait to be accepted. More than that answer "try again" to the client, which
 /// does for as long as a handshake may take.
