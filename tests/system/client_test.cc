@@ -43,11 +43,22 @@ TEST_F(ClientTest, WrongUsageNamesTheArgumentAndSendsNothing) {
       {"call EnableUseCase MIC 1", "USECASE: 'MIC' is not a use case's name or number"},
       {"call SetParameter pass BLOCK_LENGTH 0 960", "VALUE: '960' is not i:960, f:0.5 or v:1,2,3"},
       {"call GetParameterBulk pass BLOCK_LENGTH", "PAIRS: 'BLOCK_LENGTH' is not a list"},
+      {"call IsEnabled \xff", "USECASE: '?' is not a text in UTF-8"},
+      {"call Debug fine h\xc3", "WORD: 'h?' is not a text in UTF-8"},
       {"call SendAudio pass 5 0 1 1 /no/such/file", "FILE: cannot read '/no/such/file'"},
+      {"call SendAudio pass 5 0 1 1 /", "FILE: '/' is not a regular file"},
+      {"call SendAudio pass 5 0 1 1 /dev/zero", "FILE: '/dev/zero' is not a regular file"},
+      {"call SendAudio pass 5 0 1 1 dev/fifo", "FILE: 'dev/fifo' is not a regular file"},
+      {"call SendAudio pass 5 0 1 1 large", "FILE: 'large' is larger than the 1047552 bytes"},
+      {"call RegisterReceiveAudioCallback art0 1 /", "FILE: cannot write '/'"},
+      {"call RegisterReceiveAudioCallback art0 1 dev/fifo", "FILE: cannot write 'dev/fifo'"},
       {"call RegisterReceiveAudioCallback art0 -1 f", "SECONDS: '-1' is not between 0 and a year"},
       {"--jason call Ping", "--jason"},
       {"", "subcommand"},
   };
+  directory_.MakeFifo("dev/fifo");
+  std::ofstream(directory_ / "large") << std::string(1'100'000, 'x');
+  std::filesystem::current_path(directory_.path());
   for (const auto& row : rows) {
     const ClientRun run = Run(Words(row.line));
     EXPECT_EQ(run.exit_status, 2) << row.line;
@@ -72,6 +83,7 @@ TEST_F(ClientTest, WithoutADaemonItSaysWhereItLooked) {
     EXPECT_EQ(run.exit_status, 3) << line;
     EXPECT_THAT(run.err, HasSubstr("KVOX_RUNTIME_DIR"));
   }
+  std::filesystem::current_path("/");
 }
 
 TEST_F(ClientTest, AStayingClientNoticesThatTheDaemonHasGone) {
