@@ -1,11 +1,21 @@
 #include "tests/system/machine.h"
+#include "tests/system/mute_service.h"
 
 namespace kvox {
 namespace {
 
 using ::testing::HasSubstr;
 
-class ClientTest : public MachineTest {};
+class ClientTest : public MachineTest {
+ protected:
+  /// kvoxctl as a shell runs it; exits with the shell's status.
+  ClientRun Shell(const std::string& arguments_and_more) {
+    const std::string line = std::string(KVOXCTL_PROGRAM) + " " + arguments_and_more;
+    Process shell("/bin/sh", {"-c", line}, directory_ / "shell");
+    const int status = shell.Wait();
+    return {status, shell.Out(), shell.Err()};
+  }
+};
 
 TEST_F(ClientTest, PrintsAnswersAsLinesAndAsJson) {
   StartSimulator();
@@ -65,6 +75,7 @@ TEST_F(ClientTest, WrongUsageNamesTheArgumentAndSendsNothing) {
     EXPECT_THAT(run.err, HasSubstr(row.message));
     EXPECT_EQ(run.out, "");
   }
+  std::filesystem::current_path("/");
 }
 
 TEST_F(ClientTest, HelpIsNoError) {
@@ -83,7 +94,42 @@ TEST_F(ClientTest, WithoutADaemonItSaysWhereItLooked) {
     EXPECT_EQ(run.exit_status, 3) << line;
     EXPECT_THAT(run.err, HasSubstr("KVOX_RUNTIME_DIR"));
   }
-  std::filesystem::current_path("/");
+}
+
+TEST_F(ClientTest, OutputThatCannotBeWrittenIsReported) {
+  StartDaemon();
+  for (const char* line : {"--help >/dev/full", "call ListProcessors >/dev/full", "ping >&-",
+                           "--json call Ping >&-"}) {
+    const ClientRun run = Shell(line);
+    EXPECT_EQ(run.exit_status, 4) << line;
+    EXPECT_THAT(run.err, HasSubstr("kvoxctl: cannot write to standard output: ")) << line;
+  }
+  // A reader that has gone had what it wanted.
+  const ClientRun piped = Shell("--version | true; (sleep 0.1; " KVOXCTL_PROGRAM
+                                " call ListProcessors; echo status $? >&2) | true");
+  EXPECT_EQ(piped.err, "status 0\n");
+}
+
+TEST_F(ClientTest, ACallThatIsTooLargeSaysSo) {
+  StartDaemon();
+  std::vector<std::string> words(6, std::string(120'000, 'x'));
+  words.insert(words.begin(), {"call", "Debug"});
+  const ClientRun run = Run(words);
+  EXPECT_EQ(run.exit_status, 2);
+  EXPECT_THAT(run.err, HasSubstr("Debug: the call or its answer is larger than the 1 MiB"));
+}
+
+TEST_F(ClientTest, DoesNotWaitForAnAnswerForEver) {
+  for (const char* line : {"ping", "call Ping"}) {
+    MuteService service(directory_ / "run");
+    Process client(KVOXCTL_PROGRAM, Words(line), directory_ / "kvoxctl");
+    service.TakeCall();
+    client.Signal(SIGALRM);  // time passes
+    EXPECT_EQ(client.Wait(), 3);
+    EXPECT_EQ(client.Err(),
+              "kvoxctl: Ping was not answered within 300 s; see whether kvoxd hangs, and restart "
+              "it\n");
+  }
 }
 
 TEST_F(ClientTest, AStayingClientNoticesThatTheDaemonHasGone) {
