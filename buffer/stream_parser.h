@@ -40,6 +40,9 @@ struct StreamFindings {
   std::byte* packet = nullptr;
 
   bool BadHeader() const { return bad_version || bad_payload_size; }
+
+  /// Whether the read held nothing of a packet.
+  bool Junk() const { return misaligned > 0 || skipped > 0 || BadHeader(); }
 };
 
 class StreamParser {

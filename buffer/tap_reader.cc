@@ -16,6 +16,8 @@ constexpr int kWaitMs = 200;
 constexpr uint32_t kWaitsPerLine = 20;
 constexpr int kPauseMs = 10;
 constexpr uint32_t kErrorsBeforeReinit = 10;
+/// Far more than a stream needs to be found: it shows in the first large read that ends in it.
+constexpr uint32_t kJunkReadsBeforePause = 16;
 constexpr int kReinitAttempts = 5;
 constexpr int kReinitPauseMs = 500;
 constexpr auto kCopyPatience = std::chrono::seconds(1);
@@ -121,7 +123,12 @@ TapReader::Outcome TapReader::ReadPacket(StreamFindings& findings) {
     }
     findings = parser_.Consume(static_cast<size_t>(size));
     LogFindings(name_, findings);
-    if (findings.next == StreamFindings::Next::kPacket) return Outcome::kPacket;
+    if (findings.next == StreamFindings::Next::kPacket) {
+      junk_reads_ = 0;
+      return Outcome::kPacket;
+    }
+    // A device that always has bytes but no packet would keep a core at the highest priority.
+    if (findings.Junk() && ++junk_reads_ >= kJunkReadsBeforePause) Pause(kPauseMs);
     if (findings.next == StreamFindings::Next::kStartOver) return Outcome::kStartOver;
   }
   return Outcome::kEnd;

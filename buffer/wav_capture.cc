@@ -3,6 +3,7 @@
 #include <chrono>
 #include <utility>
 
+#include "buffer/device_io.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/kvox_utils.h"
 #include "kvox/common/log.h"

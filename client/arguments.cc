@@ -4,6 +4,7 @@
 #include <charconv>
 #include <limits>
 
+#include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
 
 namespace kvox::client {
@@ -93,6 +94,12 @@ std::optional<int8_t> ParseByte(std::string_view word) {
   const auto number = ParseNumber(word);
   if (!number || *number < -128 || *number > 255) return std::nullopt;
   return static_cast<int8_t>(*number);
+}
+
+std::optional<std::string> ParseText(std::string_view word) {
+  std::string text(word);
+  if (ValidUtf8(text) != text) return std::nullopt;
+  return text;
 }
 
 std::optional<IKvox::UseCase> ParseUseCase(std::string_view word) {

@@ -29,6 +29,9 @@ std::optional<float> ParseFloat(std::string_view word);
 /// A code of 8 bits, signed or unsigned.
 std::optional<int8_t> ParseByte(std::string_view word);
 
+/// Any text, in UTF-8.
+std::optional<std::string> ParseText(std::string_view word);
+
 /// By name or number.
 std::optional<IKvox::UseCase> ParseUseCase(std::string_view word);
 std::optional<IKvox::ParameterId> ParseParameterId(std::string_view word);

@@ -2,9 +2,13 @@
 
 #include <android/binder_process.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <thread>
-#include <utility>
+
+#include "client/file.h"
+#include "kvox/common/log.h"
 
 namespace kvox::client {
 namespace {
@@ -14,9 +18,7 @@ constexpr auto kAlivePoll = std::chrono::milliseconds(50);
 }  // namespace
 
 std::shared_ptr<AudioReceiver> AudioReceiver::Create(const std::string& path, bool reject) {
-  std::ofstream file(path, std::ios::binary | std::ios::app);
-  if (!file) return nullptr;
-  return ndk::SharedRefBase::make<AudioReceiver>(std::move(file), reject);
+  return ndk::SharedRefBase::make<AudioReceiver>(OpenToAppend(path), reject);
 }
 
 void AudioReceiver::StartServing() {
@@ -36,10 +38,11 @@ bool AudioReceiver::Stay(const ndk::SpAIBinder& binder, float seconds) {
 }
 
 ndk::ScopedAStatus AudioReceiver::ReceiveAudio(const IKvox::AudioPacket& packet) {
-  file_.write(reinterpret_cast<const char*>(packet.data.data()),
-              static_cast<std::streamsize>(packet.data.size()));
-  file_.flush();
-  if (reject_ || !file_) return ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_STATE);
+  if (!failed_ && !WriteAll(file_.get(), packet.data.data(), packet.data.size())) {
+    failed_ = true;
+    LogError("FILE: cannot write on: %s; packets are refused from now on", std::strerror(errno));
+  }
+  if (reject_ || failed_) return ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_STATE);
   return ndk::ScopedAStatus::ok();
 }
 

@@ -4,9 +4,11 @@
 #include <aidl/kvox/BnKvox.h>
 
 #include <atomic>
-#include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
+
+#include "platform/linux/unique_fd.h"
 
 namespace kvox::client {
 
@@ -14,11 +16,11 @@ using aidl::kvox::IKvox;
 
 class AudioReceiver : public IKvox::BnReceiveAudioCallback {
  public:
-  /// Appends to the file at `path`; null when it cannot be written. A receiver that rejects takes
-  /// the data and refuses every packet.
+  /// Appends to the regular file at `path`; throws UsageError when it cannot be written. A receiver
+  /// that rejects takes the data and refuses every packet.
   static std::shared_ptr<AudioReceiver> Create(const std::string& path, bool reject);
 
-  AudioReceiver(std::ofstream file, bool reject) : file_(std::move(file)), reject_(reject) {}
+  AudioReceiver(binder::UniqueFd file, bool reject) : file_(std::move(file)), reject_(reject) {}
 
   /// Has a thread serve incoming calls from now on.
   static void StartServing();
@@ -29,8 +31,10 @@ class AudioReceiver : public IKvox::BnReceiveAudioCallback {
   ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override;
 
  private:
-  std::ofstream file_;  // written by the one serving thread
+  // Used by the one serving thread.
+  const binder::UniqueFd file_;
   const bool reject_;
+  bool failed_ = false;
 };
 
 }  // namespace kvox::client

@@ -1,19 +1,22 @@
 #include "client/call_table.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <tuple>
 #include <utility>
 
 #include "client/arguments.h"
 #include "client/audio_receiver.h"
+#include "client/file.h"
+#include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
 namespace {
 
 using Status = ndk::ScopedAStatus;
 using Words = std::vector<std::string>;
+
+/// A packet has to fit into one transaction with everything around it.
+constexpr size_t kMaxData = (1u << 20) - 1024;
 
 constexpr float kLongestStay = 366.0f * 24 * 3600;
 
@@ -41,7 +44,7 @@ Argument<int8_t> Byte(const char* name) {
   return {name, ParseByte, "a number from -128 to 255"};
 }
 Argument<std::string> Text(const char* name) {
-  return {name, [](std::string_view word) { return std::optional(std::string(word)); }, "a text"};
+  return {name, ParseText, "a text in UTF-8"};
 }
 Argument<IKvox::UseCase> UseCase(const char* name) {
   return {name, ParseUseCase, "a use case's name or number"};
@@ -54,7 +57,8 @@ template <typename T>
 T Read(const Argument<T>& argument, const std::string& word) {
   const std::optional<T> value = argument.parse(word);
   if (!value) {
-    throw UsageError(std::string(argument.name) + ": '" + word + "' is not " + argument.expected);
+    throw UsageError(std::string(argument.name) + ": '" + ValidUtf8(word) + "' is not " +
+                     argument.expected);
   }
   return *value;
 }
@@ -119,6 +123,7 @@ Row Ping() {
 
 Row Debug() {
   return {"Debug", "[WORD...]", 0, SIZE_MAX, [](const Words& words) {
+            for (const std::string& word : words) Read(Text("WORD"), word);
             return
                 [words](IKvox& kvox, Answer& answer) { return kvox.Debug(words, &answer.result); };
           }};
@@ -153,19 +158,6 @@ Row ProcessorGetStats() {
           }};
 }
 
-std::vector<uint8_t> ReadFile(const std::string& path) {
-  // A packet has to fit into one transaction with everything around it.
-  constexpr size_t kMaxData = (1u << 20) - 1024;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw UsageError("FILE: cannot read '" + path + "'");
-  std::vector<uint8_t> data(std::istreambuf_iterator<char>(file), {});
-  if (data.size() > kMaxData) {
-    throw UsageError("FILE: '" + path + "' is larger than the " + std::to_string(kMaxData) +
-                     " bytes that one call can carry");
-  }
-  return data;
-}
-
 Row SendAudio() {
   return {"SendAudio", "PROCESSOR RATE FORMAT BITS CHANNELS FILE [PACKET_ID]", 6, 7,
           [](const Words& words) {
@@ -175,7 +167,7 @@ Row SendAudio() {
             packet.format = Read(Byte("FORMAT"), words[2]);
             packet.bitsPerSample = Read(Byte("BITS"), words[3]);
             packet.numChannels = Read(Byte("CHANNELS"), words[4]);
-            packet.data = ReadFile(words[5]);
+            packet.data = ReadFile(words[5], kMaxData);
             packet.processor_id = words.size() > 6 ? Read(Code("PACKET_ID"), words[6]) : id;
             return [id, packet = std::move(packet)](IKvox& kvox, Answer& answer) {
               return kvox.SendAudio(id, packet, &answer.result);
@@ -196,7 +188,6 @@ Row RegisterReceiveAudioCallback() {
               throw UsageError("'" + words[3] + "' is not 'reject'");
             }
             auto receiver = AudioReceiver::Create(words[2], reject);
-            if (!receiver) throw UsageError("FILE: cannot write '" + words[2] + "'");
             return [=](IKvox& kvox, Answer& answer) {
               AudioReceiver::StartServing();
               auto status = kvox.RegisterReceiveAudioCallback(id, receiver, &answer.result);

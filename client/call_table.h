@@ -6,9 +6,10 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "client/usage_error.h"
 
 namespace kvox::client {
 
@@ -23,12 +24,6 @@ struct Answer {
 
   /// What is left to do once the answer is printed; false when the daemon went meanwhile.
   std::function<bool()> afterwards;
-};
-
-/// A wrong command line; the text names the argument.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
 };
 
 /// A call whose arguments have been checked, ready to be made.

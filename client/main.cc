@@ -6,23 +6,29 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "client/arguments.h"
+#include "client/call_deadline.h"
 #include "client/call_table.h"
 #include "client/output.h"
 #include "client/play.h"
 #include "client/record.h"
+#include "client/standard_streams.h"
 #include "interface/service_name.h"
+#include "kvox/common/fixed_text.h"
 #include "platform/linux/include/kvox_host/binder_host.h"
 
 namespace {
 
 using kvox::client::Answer;
+using kvox::client::CallDeadline;
 using kvox::client::IKvox;
+using kvox::client::PrintOut;
 
-enum ExitStatus { kDone = 0, kRefused = 1, kWrongUsage = 2, kNoDaemon = 3 };
+enum ExitStatus { kDone = 0, kRefused = 1, kWrongUsage = 2, kNoDaemon = 3, kFailed = 74 };
 
 struct Options {
   bool json = false;
@@ -38,6 +44,12 @@ std::shared_ptr<IKvox> FindDaemon() {
   return IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_checkService(kvox::KvoxDescriptor())));
 }
 
+ndk::ScopedAStatus Make(const std::string& method, const kvox::client::PreparedCall& call,
+                        IKvox& daemon, Answer& answer) {
+  const CallDeadline deadline(method.c_str(), kNoDaemon);
+  return call(daemon, answer);
+}
+
 int Call(const Options& options) {
   const std::string& method = options.call.front();
   const auto call = kvox::client::PrepareCall(
@@ -45,15 +57,17 @@ int Call(const Options& options) {
   const std::shared_ptr<IKvox> daemon = FindDaemon();
   if (!daemon) return ReportNoDaemon(kvox_host::ServiceError());
   Answer answer;
-  const ndk::ScopedAStatus status = call(*daemon, answer);
+  const ndk::ScopedAStatus status = Make(method, call, *daemon, answer);
+  if (status.getStatus() == STATUS_FAILED_TRANSACTION) {
+    throw kvox::client::UsageError(method +
+                                   ": the call or its answer is larger than the 1 MiB that one "
+                                   "call can carry; give less at once");
+  }
   if (!status.isOk()) {
     return ReportNoDaemon(method + " was not answered: " + status.getDescription() +
                           "; see whether kvoxd still runs");
   }
-  const std::string text =
-      options.json ? kvox::client::AsJson(answer) : kvox::client::AsLines(answer);
-  fputs(text.c_str(), stdout);
-  fflush(stdout);
+  PrintOut(options.json ? kvox::client::AsJson(answer) : kvox::client::AsLines(answer));
   if (answer.afterwards && !answer.afterwards()) return ReportNoDaemon("kvoxd has gone");
   return answer.result.status == IKvox::CommandStatus::OK ? kDone : kRefused;
 }
@@ -62,13 +76,16 @@ int Ping(const Options& options) {
   using Clock = std::chrono::steady_clock;
   const std::shared_ptr<IKvox> daemon = FindDaemon();
   if (!daemon) return ReportNoDaemon(kvox_host::ServiceError());
+  Answer answer;
+  const auto ping = [](IKvox& kvox, Answer&) { return kvox.Ping(); };
   const auto begin = Clock::now();
-  const ndk::ScopedAStatus status = daemon->Ping();
+  const ndk::ScopedAStatus status = Make("Ping", ping, *daemon, answer);
   const double round_trip_us =
       std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
   if (!status.isOk()) return ReportNoDaemon("no answer: " + status.getDescription());
-  printf(options.json ? "{\"schema\": 1, \"round_trip_us\": %.1f}\n" : "kvoxd answers in %.1f us\n",
-         round_trip_us);
+  PrintOut(kvox::FormatText<64>(
+      options.json ? "{\"schema\": 1, \"round_trip_us\": %.1f}\n" : "kvoxd answers in %.1f us\n",
+      round_trip_us));
   return kDone;
 }
 
@@ -121,7 +138,7 @@ int Run(int argc, char** argv) {
   app.footer(
       "Exit status: 0 done, 1 the daemon refused, 2 wrong usage, 3 no daemon, 7 done but blocks "
       "were "
-      "missed.\n"
+      "missed, 74 kvoxctl failed.\n"
       "Example: kvoxctl --json call ListProcessors");
   CLI::App* call = app.add_subcommand("call", "Call one method of the interface");
   call->prefix_command();
@@ -146,8 +163,11 @@ int Run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    const bool asked = error.get_exit_code() == 0;
-    app.exit(error);
+    std::ostringstream text;
+    std::ostringstream problem;
+    const bool asked = app.exit(error, text, problem) == 0;
+    PrintOut(text.str());
+    fputs(problem.str().c_str(), stderr);
     return asked ? kDone : kWrongUsage;
   }
   if (ping->parsed()) return Ping(options);
@@ -173,14 +193,17 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  kvox::client::PrepareStandardStreams();
   int status;
   try {
     status = Run(argc, argv);
   } catch (const kvox::client::UsageError& error) {
     fprintf(stderr, "kvoxctl: %s\n", error.what());
     status = kWrongUsage;
+  } catch (const std::exception& error) {
+    fprintf(stderr, "kvoxctl: %s\n", error.what());
+    status = kFailed;
   }
   // The answer is out: the binder's threads need no orderly end.
-  fflush(stdout);
   _exit(status);
 }

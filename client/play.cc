@@ -133,11 +133,9 @@ StayEnd Play(const std::shared_ptr<IKvox>& kvox, SoundReader file, const PlayOpt
   }
   if (end == StayEnd::kRefused) return end;
   if (end == StayEnd::kDone && player->missed() > 0) end = StayEnd::kMissedBlocks;
-  printf(options.json
-             ? "{\"schema\": 1, \"seconds\": %.3f, \"blocks\": %llu, \"missed_blocks\": %llu}\n"
-             : "played %.3f s in %llu blocks, %llu missed\n",
-         player->seconds(), static_cast<unsigned long long>(player->blocks()),
-         static_cast<unsigned long long>(player->missed()));
+  PrintStay("played",
+            {.seconds = player->seconds(), .blocks = player->blocks(), .missed = player->missed()},
+            options.json);
   return end;
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <utility>
@@ -101,11 +100,10 @@ StayEnd Record(const std::shared_ptr<IKvox>& kvox, const RecordOptions& options)
                    [recorder] { return recorder->Write(); });
   if (end == StayEnd::kDone && recorder->missed() > 0) end = StayEnd::kMissedBlocks;
   if (end == StayEnd::kRefused) return end;
-  printf(options.json
-             ? "{\"schema\": 1, \"seconds\": %.3f, \"blocks\": %llu, \"missed_blocks\": %llu}\n"
-             : "recorded %.3f s in %llu blocks, %llu missed\n",
-         recorder->seconds(), static_cast<unsigned long long>(recorder->blocks()),
-         static_cast<unsigned long long>(recorder->missed()));
+  PrintStay(
+      "recorded",
+      {.seconds = recorder->seconds(), .blocks = recorder->blocks(), .missed = recorder->missed()},
+      options.json);
   return end;
 }
 

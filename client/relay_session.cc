@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "client/standard_streams.h"
+#include "kvox/common/fixed_text.h"
 #include "kvox/common/kvox_utils.h"
 
 namespace kvox::client {
@@ -119,6 +121,19 @@ StayEnd RelaySession::Turns(const Callback& callback, const OnTurn& on_turn) {
       fprintf(stderr, "kvoxctl: no audio came from %s; gave up\n", name_.c_str());
       return StayEnd::kRefused;
     }
+  }
+}
+
+void PrintStay(const char* verb, const StayFigures& figures, bool json) {
+  const auto blocks = static_cast<unsigned long long>(figures.blocks);
+  const auto missed = static_cast<unsigned long long>(figures.missed);
+  if (json) {
+    PrintOut(FormatText<128>(
+        "{\"schema\": 1, \"seconds\": %.3f, \"blocks\": %llu, \"missed_blocks\": %llu}\n",
+        figures.seconds, blocks, missed));
+  } else {
+    PrintOut(FormatText<128>("%s %.3f s in %llu blocks, %llu missed\n", verb, figures.seconds,
+                             blocks, missed));
   }
 }
 

@@ -58,6 +58,16 @@ class RelaySession {
   const std::string name_;
 };
 
+/// How a stay went.
+struct StayFigures {
+  double seconds = 0;
+  uint64_t blocks = 0;
+  uint64_t missed = 0;
+};
+
+/// "recorded 12.300 s in 123 blocks, 0 missed", or the same as a JSON object.
+void PrintStay(const char* verb, const StayFigures& figures, bool json);
+
 /// "0:12  3 missed" on a terminal, over itself; nothing elsewhere. Main thread.
 void ShowProgress(double seconds, uint64_t missed);
 

@@ -24,34 +24,44 @@ build_preset release programs | tail -n 1
 private=$(mktemp -d)
 daemon=
 simulator=
+exec 3>&2 # what must be seen even where output is thrown away
 cleanup() {
-  trap - EXIT INT TERM
-  end_process "$daemon"
-  end_process "$simulator"
+  trap '' INT TERM
+  trap - EXIT
+  local child
+  # The last ones may have been started without their number being noted any more.
+  for child in $daemon $simulator $(jobs -p); do end_process "$child"; done
   rm -rf "$private"
 }
+runs() { kill -0 "$1" 2>/dev/null; }
 # Ends a child and waits until it is gone; one that does not go by itself is killed.
 end_process() {
-  [ -n "$1" ] || return 0
+  local tries=60
   kill -TERM "$1" 2>/dev/null || true
-  (sleep 3 && kill -KILL "$1") 2>/dev/null &
-  local guard=$!
+  while runs "$1" && [ $((tries -= 1)) -gt 0 ]; do sleep 0.05; done
+  kill -KILL "$1" 2>/dev/null || true
   wait "$1" 2>/dev/null || true
-  kill "$guard" 2>/dev/null || true
-  wait "$guard" 2>/dev/null || true
 }
 trap cleanup EXIT
 trap 'cleanup; exit 130' INT
 trap 'cleanup; exit 143' TERM
+
+give_up() {
+  echo "demo: $*" >&3
+  exit 1
+}
 
 # wait_for SECONDS WHAT COMMAND...: until the command succeeds.
 wait_for() {
   local until=$((SECONDS + $1)) what=$2
   shift 2
   until "$@" >/dev/null 2>&1; do
-    if [ "$SECONDS" -ge "$until" ]; then
-      echo "demo: gave up waiting for $what; see $out/kvoxd.log and $out/kvosim.log" >&2
-      exit 1
+    if [ -n "$simulator" ] && ! runs "$simulator"; then
+      give_up "kvosim has ended while the demo waited for $what; see $out/kvosim.log"
+    elif [ -n "$daemon" ] && ! runs "$daemon"; then
+      give_up "kvoxd has ended while the demo waited for $what; see $out/kvoxd.log"
+    elif [ "$SECONDS" -ge "$until" ]; then
+      give_up "gave up waiting for $what; see $out/kvoxd.log and $out/kvosim.log"
     fi
     sleep 0.05
   done
@@ -105,10 +115,11 @@ sink = { kind = "wav", file = "$out/returned.wav" }
 TOML
   rm -f "$out/returned.wav" "$private/stats.json"
   build/bin/kvosim --scenario "$private/demo.toml" --stats "$private/stats.json" --print \
-    >"$out/kvosim.log" 2>&1 &
+    >"$out/kvosim.log" 2>&1 3>&- &
   simulator=$!
   wait_for 5 "the simulator's devices" test -e "$private/dev/xdv-kvox_tapout0"
-  build/bin/kvoxd >"$out/kvoxd.log" 2>&1 &
+  # Its whole log is looked at below, whatever the caller wants to see of it.
+  env -u ANDROID_LOG_TAGS build/bin/kvoxd >"$out/kvoxd.log" 2>&1 3>&- &
   daemon=$!
   wait_for 10 "kvoxd" "$kvoxctl" ping
   echo "Wiring tap point -> tap-out buffer -> passthrough processor -> inject buffer -> tap point"
@@ -150,8 +161,17 @@ cat <<TEXT
   packets           $sent sent, $received came back, $exact of them exact
   lost packets      $missing
   timing drops      $timing_drops
-  bit-exact         $same ($verdict)
   played            $out/original.wav
   came back         $out/returned.wav
+
 TEXT
-[ "$same" = yes ] && [ "$missing" -eq 0 ] && [ "$different" -eq 0 ]
+passed=no
+if [ "$same" = yes ] && [ "$missing" -eq 0 ] && [ "$different" -eq 0 ]; then
+  passed=yes
+  echo "Passed: the speech came back bit for bit."
+else
+  echo "Failed: the speech did not come back bit for bit ($missing packets lost, $different wrong)."
+  echo "  $verdict"
+  echo "  logs: $out/kvoxd.log $out/kvosim.log"
+fi
+[ "$passed" = yes ]

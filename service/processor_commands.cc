@@ -5,6 +5,7 @@
 
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
+#include "kvox/common/log.h"
 #include "processors/audio_relay_processor.h"
 #include "processors/passthru_processor.h"
 #include "processors/phone_booth_processor.h"
@@ -48,6 +49,20 @@ std::string EndpointName(const std::shared_ptr<AudioEndpoint>& endpoint) {
 
 constexpr char kNotFound[] = "Kvox processor not found";
 
+/// Processors at a time: clients make them, and each takes memory until a client deletes it.
+constexpr size_t kMaxProcessors = 1024;
+
+/// Room for one more connection record. Records outlive their processors on purpose; those without
+/// one go when there are as many as there may be processors.
+template <typename Connections, typename Processors>
+void MakeRoom(Connections& connections, const Processors& processors) {
+  if (connections.size() < kMaxProcessors) return;
+  const size_t forgotten = std::erase_if(
+      connections, [&](const auto& entry) { return !processors.contains(entry.first); });
+  LogWarning("Forgot the connections of %zu deleted processors: %zu are remembered at most",
+             forgotten, kMaxProcessors);
+}
+
 }  // namespace
 
 KvoxService::Status KvoxService::ListSupportedProcessors(CommandResult* result) {
@@ -90,17 +105,27 @@ KvoxService::Status KvoxService::NewProcessorWithType(int32_t id_number, int32_t
                result);
   std::string text;
   std::shared_ptr<KvoxProcessor> existing;  // let go of when every lock is released
+  const std::shared_ptr<KvoxProcessor> created = MakeProcessor(id, type, *this);
   MutexLock wiring(wiring_mutex_);
   existing = TakeProcessor(id);
   if (existing) {
     text += "Deleting existing processor '" + id_text + "'\n";
     existing->Disconnect();
   }
-  if (const auto processor = MakeProcessor(id, type, *this)) {
-    MutexLock lock(mutex_);
-    processors_.emplace(id, processor);
-  } else {
+  if (!created) {
     result->status = CommandStatus::INVALID_PROCESSOR;
+  } else {
+    MutexLock lock(mutex_);
+    if (processors_.size() < kMaxProcessors) {
+      MakeRoom(connections_, processors_);
+      processors_.emplace(id, created);
+    } else {
+      text += FormatText<128>(
+          "There are %zu Kvox processors already, which is the most; delete one with "
+          "DeleteProcessor",
+          kMaxProcessors);
+      result->status = CommandStatus::ERROR;
+    }
   }
   print_command_status("NewProcessorWithType", text, result);
   return Status::ok();

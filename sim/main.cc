@@ -3,12 +3,13 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "sim/compare.h"
+#include "sim/pacer.h"
 #include "sim/print.h"
 #include "sim/simulator.h"
 
@@ -33,12 +34,24 @@ struct CommandLine {
   bool skip_silence = false;
 };
 
-/// For options that take a number above 0.
-std::string CheckPositive(const std::string& text) {
+constexpr double kMost = 1'000'000;
+
+std::optional<double> ParseNumber(const std::string& text) {
   char* end = nullptr;
   const double value = std::strtod(text.c_str(), &end);
-  if (*end == '\0' && std::isfinite(value) && value > 0 && value <= 1e6) return "";
-  return fmt::format("found {}; expected a number above 0, 1000000 at most", text);
+  return end != text.c_str() && *end == '\0' ? std::optional(value) : std::nullopt;
+}
+
+/// Both answer what is wrong, or "".
+std::string CheckSeconds(const std::string& text) {
+  const auto value = ParseNumber(text);
+  if (value && *value > 0 && *value <= kMost) return "";
+  return fmt::format("found {}; expected a number above 0, {} at most", text, kMost);
+}
+std::string CheckSpeed(const std::string& text) {
+  const auto value = ParseNumber(text);
+  if (value && *value >= kLeastSpeed && *value <= kMost) return "";
+  return fmt::format("found {}; expected a number from {} to {}", text, kLeastSpeed, kMost);
 }
 
 void Describe(CLI::App& app, CommandLine& line) {
@@ -50,10 +63,10 @@ void Describe(CLI::App& app, CommandLine& line) {
       ->type_name("FILE|-");
   app.add_option("--speed", line.run.speed, "times faster than real time (1)")
       ->type_name("N")
-      ->check(CheckPositive);
+      ->check(CheckSpeed);
   app.add_option("--seconds", line.run.seconds, "end after this time")
       ->type_name("N")
-      ->check(CheckPositive);
+      ->check(CheckSeconds);
   app.add_flag("--print", line.run.print, "tell what runs, every change, and the counters");
   app.add_option("--stats", line.run.stats, "write the counters there as JSON")->type_name("FILE");
   CLI::App* compare = app.add_subcommand("compare", "compare a recording with what was played");

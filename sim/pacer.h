@@ -3,6 +3,7 @@
 // clock.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 namespace kvox::sim {
@@ -11,10 +12,14 @@ namespace kvox::sim {
 /// longer stall is skipped, as a device would have overwritten it.
 inline constexpr uint64_t kCatchUpNs = 500'000'000;
 
+/// The slowest a stream goes: a block of the longest packet then takes minutes, and no due time
+/// leaves the range of the clock.
+inline constexpr double kLeastSpeed = 0.001;
+
 class Pacer {
  public:
-  /// `rate` in Hz, above 0; `speed` is 1 for real time, 2 for twice as fast.
-  Pacer(uint32_t rate, double speed) : frames_a_ns_(rate * speed / 1e9) {}
+  /// `rate` in Hz, above 0; `speed` is 1 for real time, 2 for twice as fast, kLeastSpeed at least.
+  Pacer(uint32_t rate, double speed) : frames_a_ns_(rate * std::max(speed, kLeastSpeed) / 1e9) {}
 
   void Start(uint64_t now_ns) {
     start_ns_ = now_ns;

@@ -90,6 +90,8 @@ class LocalObject final : public AIBinder {
 struct Caller {
   uid_t uid;
   pid_t pid;
+
+  bool operator==(const Caller&) const = default;
 };
 
 /// Makes `caller` the calling thread's for a scope.

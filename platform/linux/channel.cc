@@ -83,11 +83,16 @@ bool Channel::Queue(const Parts& parts, size_t sent) {
   }
   if (!queued) AbortLocked();
   owner_.OnUnsent(evbuffer_get_length(output));
+  UpdateReadingLocked();
   return queued;
 }
 
 bool Channel::UpdateReading() {
   MutexLock lock(mutex_);
+  return UpdateReadingLocked();
+}
+
+bool Channel::UpdateReadingLocked() {
   if (stream_ == nullptr || aborted_) return false;
   const bool wanted = owner_.WantsInput();
   if (wanted == std::exchange(reading_, wanted)) return wanted;
@@ -137,6 +142,7 @@ void Channel::OnDrained(bufferevent* stream, void* channel) {
   auto* self = static_cast<Channel*>(channel);
   MutexLock lock(self->mutex_);
   self->owner_.OnUnsent(evbuffer_get_length(bufferevent_get_output(stream)));
+  self->UpdateReadingLocked();
 }
 
 void Channel::OnEvent(bufferevent*, short, void* channel) {

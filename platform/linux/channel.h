@@ -24,7 +24,7 @@ class ChannelOwner {
   /// The peer is gone, or Abort was called. The owner closes the channel.
   virtual void OnBroken() = 0;
   virtual bool WantsInput() const = 0;
-  /// So many bytes wait for the peer to read.
+  /// So many bytes wait for the peer to read. WantsInput is asked again afterwards.
   virtual void OnUnsent(size_t bytes) = 0;
 
  protected:
@@ -59,6 +59,7 @@ class Channel {
   static void OnEvent(bufferevent*, short events, void* channel);
 
   bool Queue(const Parts& parts, size_t sent) REQUIRES(mutex_);
+  bool UpdateReadingLocked() REQUIRES(mutex_);
   void AbortLocked() REQUIRES(mutex_);
 
   ChannelOwner& owner_;

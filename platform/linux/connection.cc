@@ -14,15 +14,6 @@
 namespace kvox::binder {
 namespace {
 
-Caller PeerOf(int fd) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-    return {static_cast<uid_t>(-1), 0};
-  }
-  return {credentials.uid, credentials.pid};
-}
-
 /// Dropping a parcel may drop the last reference to an object, whose code the reactor must not run.
 void DropOnPool(std::unique_ptr<AParcel> parcel) {
   if (parcel == nullptr || parcel->objects().empty()) return;
@@ -54,12 +45,21 @@ iovec Part(const void* bytes, size_t size) {
 
 }  // namespace
 
+Caller PeerOf(int fd) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+    return {static_cast<uid_t>(-1), 0};
+  }
+  return {credentials.uid, credentials.pid};
+}
+
 Connection::Connection(const Caller& peer, std::shared_ptr<ServicePort> port)
     : peer_(peer), port_(std::move(port)), greeted_(port_ == nullptr) {}
 
-void Connection::Accept(UniqueFd fd, std::shared_ptr<ServicePort> port) {
+void Connection::Accept(UniqueFd fd, const Caller& peer, std::shared_ptr<ServicePort> port) {
   const ndk::SpAIBinder root = port->root();
-  const auto connection = std::make_shared<Connection>(PeerOf(fd.get()), std::move(port));
+  const auto connection = std::make_shared<Connection>(peer, std::move(port));
   const std::string_view descriptor = root.get()->clazz()->descriptor;
   const std::string padding(
       PaddedSize(static_cast<uint32_t>(descriptor.size())) - descriptor.size(), '\0');
@@ -123,6 +123,7 @@ ndk::SpAIBinder Connection::QueryRoot(std::chrono::steady_clock::time_point dead
   header.type = FrameType::kRootRequest;
   header.call = calls_.Add(&call);
   const bool sent = Send(header, AParcel(), {});
+  if (ThreadPool::Get().Full(*this)) channel_.UpdateReading();
   if ((!sent || !call.WaitUntil(deadline)) && calls_.Remove(header.call)) return nullptr;
   std::unique_ptr<AParcel> reply;
   ndk::SpAIBinder root;
@@ -182,19 +183,24 @@ size_t Connection::OnInput(evbuffer* input) {
     return 0;
   }
   FrameHeader header;
-  do {
+  while (true) {
     const size_t size = evbuffer_get_length(input);
     if (size < sizeof header) return sizeof header;
+    const bool full = ThreadPool::Get().Full(*this);
+    if (full && !channel_.UpdateReading()) return sizeof header;
     evbuffer_copyout(input, &header, sizeof header);
     const char* fault = CheckHeader(header);
     if (fault == nullptr && size < header.FrameSize()) return header.FrameSize();
+    // It is read on for the sake of a reply alone; answers to questions would only add up.
+    if (full && header.type == FrameType::kRootRequest && ThreadPool::Get().Blocked(*this)) {
+      fault = "questions, and does not read the answers";
+    }
     if (fault == nullptr) fault = TakeFrame(header, input);
     if (fault != nullptr) {
       Close(fault);
       return 0;
     }
-  } while (!ThreadPool::Get().Full(*this) || channel_.UpdateReading());
-  return sizeof header;
+  }
 }
 
 const char* Connection::TakeGreeting(evbuffer* input) {
@@ -266,7 +272,7 @@ void Connection::Close(const char* fault) {
   channel_.Close();
   calls_.FinishAll(STATUS_DEAD_OBJECT);
   // The port holds the service, which may hold proxies of this connection.
-  if (const auto port = std::exchange(port_, nullptr)) port->Leave();
+  if (const auto port = std::exchange(port_, nullptr)) port->Leave(peer_);
   Reactor::Get().Forget(self);
 
   struct Remains {

@@ -19,11 +19,15 @@
 
 namespace kvox::binder {
 
+/// Who is at the other end of a connected socket; process 0 of no user when the system does not
+/// tell.
+Caller PeerOf(int fd);
+
 /// Kept by the reactor until it is closed, and by the proxies of the peer's objects.
 class Connection final : public RequestQueue, private ChannelOwner {
  public:
-  /// The service's end: greets the client with the port's object. The port has admitted it.
-  static void Accept(UniqueFd fd, std::shared_ptr<ServicePort> port);
+  /// The service's end: greets the client with the port's object. The port has admitted `peer`.
+  static void Accept(UniqueFd fd, const Caller& peer, std::shared_ptr<ServicePort> port);
   /// The client's end, after the service's greeting. `root` is the service's object. Null when the
   /// system refuses.
   static std::shared_ptr<Connection> Join(UniqueFd fd, uint64_t root_address,

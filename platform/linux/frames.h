@@ -18,7 +18,12 @@ inline constexpr uint32_t kTransportVersion = 1;
 /// A reference's address names an object of the one who sends it, or of the one who receives it.
 inline constexpr uint64_t kReceiversObject = 1;
 
-enum class Welcome : uint32_t { kOk = 0, kTooManyClients = 1 };
+enum class Welcome : uint32_t {
+  kOk = 0,
+  kTooManyClients = 1,
+  kTooManyOfProcess = 2,
+  kTooManyOfUser = 3,
+};
 
 /// First bytes of a client.
 struct ClientGreeting {

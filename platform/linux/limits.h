@@ -22,8 +22,16 @@ inline constexpr uint32_t kMaxDescriptorSize = 256;
 /// carry a hundred references with long descriptors, several hundred with usual ones.
 inline constexpr uint32_t kMaxObjectListSize = 32 * 1024;
 
-/// Clients of one service. Each has one connection, however many threads it has.
-inline constexpr int kMaxConnections = 128;
+/// Connections of one service. With a thousand objects and a few megabytes for each, this is what a
+/// small machine can bear.
+inline constexpr size_t kMaxConnections = 128;
+
+/// Of these, one process may have so many. It needs one, however many threads it has; this leaves
+/// room for libraries with a connection of their own, but no process can shut the others out.
+inline constexpr int kMaxConnectionsOfProcess = 8;
+
+/// And one user so many, however many processes: half of all, so that another user always gets in.
+inline constexpr int kMaxConnectionsOfUser = 64;
 
 /// Connections that wait to be accepted. More than that answer "try again" to the client, which
 /// does for as long as a handshake may take.
@@ -39,8 +47,8 @@ inline constexpr size_t kPauseRequestBytes = 2 * 1024 * 1024;
 inline constexpr size_t kMaxRequests = 1024;
 inline constexpr size_t kMaxRequestBytes = 16 * 1024 * 1024;
 
-/// A peer that leaves this many bytes unread gets no further request served until it reads: one
-/// reply of full size never stops anything.
+/// A peer that leaves this many bytes unread is not read from, and gets no further request served,
+/// until it reads: one reply of full size never stops anything.
 inline constexpr size_t kPauseUnsentBytes = 2 * 1024 * 1024;
 
 /// Calls to such a peer go on until this much waits for it; then it is cut off.

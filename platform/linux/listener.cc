@@ -19,8 +19,8 @@ constexpr timeval kPause{
     .tv_usec = std::chrono::duration_cast<std::chrono::microseconds>(kAcceptPause).count(),
 };
 
-void Refuse(const UniqueFd& client) {
-  const ServiceGreeting greeting{.welcome = Welcome::kTooManyClients};
+void Refuse(const UniqueFd& client, Welcome reason) {
+  const ServiceGreeting greeting{.welcome = reason};
   send(client.get(), &greeting, sizeof greeting, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
@@ -57,10 +57,12 @@ void Listener::AcceptAll() {
   while (true) {
     UniqueFd client(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client.valid()) {
-      if (port_->Admit()) {
-        Connection::Accept(std::move(client), port_);
+      const Caller peer = PeerOf(client.get());
+      const Welcome welcome = port_->Admit(peer);
+      if (welcome == Welcome::kOk) {
+        Connection::Accept(std::move(client), peer, port_);
       } else {
-        Refuse(client);
+        Refuse(client, welcome);
       }
       continue;
     }

@@ -51,6 +51,19 @@ bool ReceiveExactly(int fd, void* bytes, size_t size, Clock::time_point deadline
   return true;
 }
 
+std::string ExplainRefusal(Welcome reason) {
+  switch (reason) {
+    case Welcome::kTooManyOfProcess:
+      return "takes " + std::to_string(kMaxConnectionsOfProcess) +
+             " clients of one process, and this one has as many; end one";
+    case Welcome::kTooManyOfUser:
+      return "takes " + std::to_string(kMaxConnectionsOfUser) +
+             " clients of one user, and this one has as many; end one";
+    default:
+      return "has all the " + std::to_string(kMaxConnections) + " clients that it takes; end one";
+  }
+}
+
 /// Exchanges greetings. Answers what is wrong, or "".
 std::string Greet(int fd, ServiceGreeting* greeting, std::string* descriptor,
                   Clock::time_point deadline) {
@@ -67,9 +80,7 @@ std::string Greet(int fd, ServiceGreeting* greeting, std::string* descriptor,
     return "speaks version " + std::to_string(greeting->version) + " of the protocol, not " +
            std::to_string(kTransportVersion) + "; install client and daemon of one release";
   }
-  if (greeting->welcome != Welcome::kOk) {
-    return "has all the " + std::to_string(kMaxConnections) + " clients that it takes; end one";
-  }
+  if (greeting->welcome != Welcome::kOk) return ExplainRefusal(greeting->welcome);
   descriptor->resize(PaddedSize(greeting->descriptor_size));
   if (!ReceiveExactly(fd, descriptor->data(), descriptor->size(), deadline)) {
     return "broke off; try again";

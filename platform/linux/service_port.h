@@ -3,9 +3,13 @@
 
 #include <android/binder_auto_utils.h>
 
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "kvox/common/mutex.h"
+#include "platform/linux/binder_object.h"
+#include "platform/linux/frames.h"
 #include "platform/linux/limits.h"
 
 namespace kvox::binder {
@@ -25,22 +29,35 @@ class ServicePort {
     return std::exchange(root_, std::move(root));
   }
 
-  /// Counts one more client; false when that would be one too many.
-  bool Admit() {
+  /// Counts one more client, unless that would be one too many: of its process, of its user, or of
+  /// all.
+  Welcome Admit(const Caller& client) {
     MutexLock lock(mutex_);
-    if (clients_ >= kMaxConnections) return false;
-    ++clients_;
-    return true;
+    const auto same_process = [&](const Caller& other) { return other.pid == client.pid; };
+    const auto same_user = [&](const Caller& other) { return other.uid == client.uid; };
+    // A process outside this one's pid namespace has number 0, like all others there.
+    if (client.pid != 0 &&
+        std::ranges::count_if(clients_, same_process) >= kMaxConnectionsOfProcess) {
+      return Welcome::kTooManyOfProcess;
+    }
+    if (std::ranges::count_if(clients_, same_user) >= kMaxConnectionsOfUser) {
+      return Welcome::kTooManyOfUser;
+    }
+    if (clients_.size() >= kMaxConnections) return Welcome::kTooManyClients;
+    clients_.push_back(client);
+    return Welcome::kOk;
   }
-  void Leave() {
+  /// A client that was admitted is gone.
+  void Leave(const Caller& client) {
     MutexLock lock(mutex_);
-    --clients_;
+    const auto found = std::ranges::find(clients_, client);
+    if (found != clients_.end()) clients_.erase(found);
   }
 
  private:
   mutable Mutex mutex_;
   ndk::SpAIBinder root_ GUARDED_BY(mutex_);
-  int clients_ GUARDED_BY(mutex_) = 0;
+  std::vector<Caller> clients_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kvox::binder

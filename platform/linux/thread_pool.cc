@@ -75,13 +75,18 @@ bool ThreadPool::Enqueue(RequestQueue& queue, Request request) {
 
 bool ThreadPool::Full(const RequestQueue& queue) const {
   MutexLock lock(mutex_);
-  return queue.full_;
+  return queue.full_ || queue.blocked_;
 }
 
 void ThreadPool::SetBlocked(RequestQueue& queue, bool blocked) {
   MutexLock lock(mutex_);
   queue.blocked_ = blocked;
   List(queue);
+}
+
+bool ThreadPool::Blocked(const RequestQueue& queue) const {
+  MutexLock lock(mutex_);
+  return queue.blocked_;
 }
 
 std::deque<Request> ThreadPool::Clear(RequestQueue& queue) {

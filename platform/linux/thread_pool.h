@@ -39,7 +39,7 @@ class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
  protected:
   /// Serves one request, on a pool thread.
   virtual void Serve(Request request) = 0;
-  /// What ThreadPool::Full answered has turned false; on a pool thread.
+  /// Half of a queue that had reached its limits is done; on a pool thread.
   virtual void OnRoom() = 0;
 
  private:
@@ -74,11 +74,12 @@ class ThreadPool {
 
   /// False when the queue has more than any peer may have waiting.
   bool Enqueue(RequestQueue& queue, Request request);
-  /// Whether the queue should get no more requests for now. Turns true at its limits and false when
-  /// half of that is done.
+  /// Whether the queue should get no more requests for now: it is blocked, or has reached its
+  /// limits and half of that is not done yet.
   bool Full(const RequestQueue& queue) const;
   /// A blocked queue's requests wait.
   void SetBlocked(RequestQueue& queue, bool blocked);
+  bool Blocked(const RequestQueue& queue) const;
   /// Takes all requests out of the queue.
   std::deque<Request> Clear(RequestQueue& queue);
 

@@ -200,11 +200,13 @@ TEST_F(KvoxBufferTest, EverythingMayChangeWhileAudioFlows) {
   co_processor.join();
   inject_->Enable(true);
   tapout_->Enable(false);
+  std::array<std::byte, kPacketMaxSize> bin;
+  for (const int fd : {source_.get(), sink_.get()}) {
+    while (read(fd, bin.data(), bin.size()) > 0) {
+    }
+  }
   tapout_->Enable(true);
   ConnectChain(MakePassthrough());
-  std::array<std::byte, kPacketMaxSize> bin;
-  while (read(sink_.get(), bin.data(), bin.size()) > 0) {
-  }
   SendPacket(MakePacket(77, 1920));
   EXPECT_EQ(ReceivePacket(kPacketHeaderSize + 1920), MakePacket(77, 1920));
 }

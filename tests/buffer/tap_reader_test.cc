@@ -233,6 +233,26 @@ TEST_F(TapReaderTest, BadDataIsLoggedAndSurvived) {
   EXPECT_EQ(device_.written.size(), 1u);
 }
 
+TEST_F(TapReaderTest, EndlessJunkIsReadSlowlyAndTheStreamBehindItIsFound) {
+  RouteToPassthrough();
+  Bytes wrong = MakePacket(1, 480, kFormat);
+  wrong[4] = std::byte{2};
+  for (int i = 0; i < 6; ++i) {
+    device_.Deliver(Bytes(4096));
+    device_.Deliver(wrong);
+    device_.Deliver(Bytes(12));
+  }
+  Bytes junk_and_packet(4096);
+  const Bytes packet = MakePacket(5, 480, kFormat);
+  junk_and_packet.insert(junk_and_packet.end(), packet.begin(), packet.end());
+  device_.Deliver(junk_and_packet);
+  device_.Deliver(Bytes(4096));
+  const auto lines = Run();
+  EXPECT_EQ(device_.pauses_ms, std::vector<int>(3, 10)) << "after reads 16 to 18";
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "I tapout0 skipping 4096 bytes"), 6);
+  EXPECT_EQ(device_.written, std::vector<Bytes>{packet});
+}
+
 TEST_F(TapReaderTest, HeadersWithoutFramesAreCarriedThrough) {
   RouteToPassthrough();
   device_.Deliver(MakePacket(1, 0));

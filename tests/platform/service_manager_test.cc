@@ -141,16 +141,34 @@ TEST_F(ServiceManagerTest, AClientMayWaitForTheService) {
   waiter.join();
 }
 
+TEST(ServicePort, NobodyCanShutTheOthersOut) {
+  ServicePort port(nullptr);
+  const auto admit = [&](uid_t uid, pid_t first, int count) {
+    for (pid_t pid = first; pid < first + count; ++pid) {
+      EXPECT_EQ(port.Admit({uid, pid}), Welcome::kOk) << uid << " " << pid;
+    }
+  };
+  for (int i = 0; i < kMaxConnectionsOfProcess; ++i) admit(1, 7, 1);
+  EXPECT_EQ(port.Admit({1, 7}), Welcome::kTooManyOfProcess);
+  admit(1, 1000, kMaxConnectionsOfUser - kMaxConnectionsOfProcess);
+  EXPECT_EQ(port.Admit({1, 8}), Welcome::kTooManyOfUser);
+  for (int i = 0; i < kMaxConnectionsOfUser; ++i) admit(2, 0, 1);  // of another pid namespace
+  EXPECT_EQ(port.Admit({3, 9}), Welcome::kTooManyClients);
+  port.Leave({1, 7});
+  EXPECT_EQ(port.Admit({2, 9}), Welcome::kTooManyOfUser);
+  admit(3, 9, 1);
+}
+
 TEST_F(ServiceManagerTest, ClientsBeyondTheLimitAreToldSo) {
   Serve(1);
   {
     std::vector<RawPeer> peers;
-    for (int i = 0; i < kMaxConnections; ++i) {
+    for (int i = 0; i < kMaxConnectionsOfProcess; ++i) {
       peers.emplace_back(Path());
       peers.back().Greet();
       ASSERT_EQ(peers.back().greeting().welcome, Welcome::kOk);
     }
-    EXPECT_CONTAINS(ConnectToService(Path()).error, "clients");
+    EXPECT_CONTAINS(ConnectToService(Path()).error, "takes 8 clients of one process");
   }
   EXPECT_TRUE(Eventually([&] { return ConnectToService(Path()).error.empty(); }));
 }

@@ -43,7 +43,7 @@ TEST_F(TransportTest, ThreadsShareAConnection) {
   Serve(2);
   const auto shared = Client();
   std::vector<std::thread> threads;
-  for (uint8_t id = 0; id < 8; ++id) {
+  for (uint8_t id = 0; id < 7; ++id) {
     threads.emplace_back([&, id] {
       const auto own = Client();
       for (size_t i = 0; i < 200; ++i) {

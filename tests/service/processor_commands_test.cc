@@ -73,6 +73,29 @@ TEST_F(ProcessorCommands, DeletingWhatIsNotThereIsNoError) {
               ElementsAre("Deleting processor 'pass'", "Kvox processor 'pass' already deleted"));
 }
 
+TEST_F(ProcessorCommands, ClientsCannotMakeThemWithoutEnd) {
+  constexpr int32_t kMost = 1024;
+  const auto create = [this](int32_t id) {
+    return Call(&KvoxService::NewProcessorWithType, id, Code("pass"));
+  };
+  for (int32_t id = 1; id <= kMost; ++id) ASSERT_EQ(StatusOf(create(id)), 0) << id;
+  const CommandResult refused = create(kMost + 1);
+  EXPECT_EQ(StatusOf(refused), 1);
+  EXPECT_EQ(refused.lines[1],
+            "There are 1024 Kvox processors already, which is the most; delete one with "
+            "DeleteProcessor");
+  EXPECT_EQ(StatusOf(create(kMost)), 0) << "replaced";
+  Call(&KvoxService::DeleteProcessor, 1);
+  EXPECT_EQ(StatusOf(create(kMost + 1)), 0);
+  // Connections of deleted ones are remembered, but not without end either.
+  for (int32_t id = 2; id <= 2 * kMost + 1; ++id) {
+    create(id);
+    Call(&KvoxService::Connect, id, 0, -1);
+    Call(&KvoxService::DeleteProcessor, id);
+  }
+  EXPECT_EQ(log_.Count("Forgot the connections of 1024 deleted processors"), 1u);
+}
+
 TEST_F(ProcessorCommands, EnablingReportsTheWakeLockPolicy) {
   Call(&KvoxService::NewProcessorWithType, Code("hwae"), Code("pass"));
   EXPECT_THAT(Call(&KvoxService::ProcessorEnable, Code("hwae"), true).lines,

@@ -76,6 +76,10 @@ class InterruptedIo : public DeviceIo {
   Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) override {
     return real_.Wait(fd, direction, wake_fd, timeout_ms);
   }
+  int Watch(int fd, int wake_fd) override { return real_.Watch(fd, wake_fd); }
+  Ready WaitWatched(int watch, int timeout_ms) override {
+    return real_.WaitWatched(watch, timeout_ms);
+  }
   ssize_t Read(int fd, std::span<std::byte> bytes) override { return real_.Read(fd, bytes); }
   ssize_t Write(int fd, std::span<const std::byte> bytes) override {
     return real_.Write(fd, bytes);

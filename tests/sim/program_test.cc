@@ -257,7 +257,9 @@ TEST_F(ProgramTest, WhatIsWrongIsNamedAndNothingIsCreated) {
   std::ofstream(directory_ / "s.toml") << kEchoScenario;  // its source is not there
   const Usage rows[] = {
       {{"--sped", "2"}, "--sped"},
-      {{"--speed", "0"}, "--speed: found 0; expected a number above 0"},
+      {{"--speed", "0.00099"}, "--speed: found 0.00099; expected a number from 0.001 to 1000000"},
+      {{"--speed", "nan"}, "--speed: found nan; expected a number"},
+      {{"--seconds", "0"}, "--seconds: found 0; expected a number above 0, 1000000 at most"},
       {{"--seconds", "x"}, "--seconds: found x; expected a number"},
       {{"--scenario"}, "--scenario"},
       {{"--scenario", "/nowhere.toml"}, "/nowhere.toml: cannot be read"},

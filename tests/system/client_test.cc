@@ -1,11 +1,21 @@
 #include "tests/system/machine.h"
+#include "tests/system/mute_service.h"
 
 namespace kvox {
 namespace {
 
 using ::testing::HasSubstr;
 
-class ClientTest : public MachineTest {};
+class ClientTest : public MachineTest {
+ protected:
+  /// kvoxctl as a shell runs it; exits with the shell's status.
+  ClientRun Shell(const std::string& arguments_and_more) {
+    const std::string line = std::string(KVOXCTL_PROGRAM) + " " + arguments_and_more;
+    Process shell("/bin/sh", {"-c", line}, directory_ / "shell");
+    const int status = shell.Wait();
+    return {status, shell.Out(), shell.Err()};
+  }
+};
 
 TEST_F(ClientTest, PrintsAnswersAsLinesAndAsJson) {
   StartSimulator();
@@ -43,17 +53,29 @@ TEST_F(ClientTest, WrongUsageNamesTheArgumentAndSendsNothing) {
       {"call EnableUseCase MIC 1", "USECASE: 'MIC' is not a use case's name or number"},
       {"call SetParameter pass BLOCK_LENGTH 0 960", "VALUE: '960' is not i:960, f:0.5 or v:1,2,3"},
       {"call GetParameterBulk pass BLOCK_LENGTH", "PAIRS: 'BLOCK_LENGTH' is not a list"},
+      {"call IsEnabled \xff", "USECASE: '?' is not a text in UTF-8"},
+      {"call Debug fine h\xc3", "WORD: 'h?' is not a text in UTF-8"},
       {"call SendAudio pass 5 0 1 1 /no/such/file", "FILE: cannot read '/no/such/file'"},
+      {"call SendAudio pass 5 0 1 1 /", "FILE: '/' is not a regular file"},
+      {"call SendAudio pass 5 0 1 1 /dev/zero", "FILE: '/dev/zero' is not a regular file"},
+      {"call SendAudio pass 5 0 1 1 dev/fifo", "FILE: 'dev/fifo' is not a regular file"},
+      {"call SendAudio pass 5 0 1 1 large", "FILE: 'large' is larger than the 1047552 bytes"},
+      {"call RegisterReceiveAudioCallback art0 1 /", "FILE: cannot write '/'"},
+      {"call RegisterReceiveAudioCallback art0 1 dev/fifo", "FILE: cannot write 'dev/fifo'"},
       {"call RegisterReceiveAudioCallback art0 -1 f", "SECONDS: '-1' is not between 0 and a year"},
       {"--jason call Ping", "--jason"},
       {"", "subcommand"},
   };
+  directory_.MakeFifo("dev/fifo");
+  std::ofstream(directory_ / "large") << std::string(1'100'000, 'x');
+  std::filesystem::current_path(directory_.path());
   for (const auto& row : rows) {
     const ClientRun run = Run(Words(row.line));
     EXPECT_EQ(run.exit_status, 2) << row.line;
     EXPECT_THAT(run.err, HasSubstr(row.message));
     EXPECT_EQ(run.out, "");
   }
+  std::filesystem::current_path("/");
 }
 
 TEST_F(ClientTest, HelpIsNoError) {
@@ -71,6 +93,42 @@ TEST_F(ClientTest, WithoutADaemonItSaysWhereItLooked) {
     const ClientRun run = Run(Words(line));
     EXPECT_EQ(run.exit_status, 3) << line;
     EXPECT_THAT(run.err, HasSubstr("KVOX_RUNTIME_DIR"));
+  }
+}
+
+TEST_F(ClientTest, OutputThatCannotBeWrittenIsReported) {
+  StartDaemon();
+  for (const char* line : {"--help >/dev/full", "call ListProcessors >/dev/full", "ping >&-",
+                           "--json call Ping >&-"}) {
+    const ClientRun run = Shell(line);
+    EXPECT_EQ(run.exit_status, 74) << line;
+    EXPECT_THAT(run.err, HasSubstr("kvoxctl: cannot write to standard output: ")) << line;
+  }
+  // A reader that has gone had what it wanted.
+  const ClientRun piped = Shell("--version | true; (sleep 0.1; " KVOXCTL_PROGRAM
+                                " call ListProcessors; echo status $? >&2) | true");
+  EXPECT_EQ(piped.err, "status 0\n");
+}
+
+TEST_F(ClientTest, ACallThatIsTooLargeSaysSo) {
+  StartDaemon();
+  std::vector<std::string> words(6, std::string(120'000, 'x'));
+  words.insert(words.begin(), {"call", "Debug"});
+  const ClientRun run = Run(words);
+  EXPECT_EQ(run.exit_status, 2);
+  EXPECT_THAT(run.err, HasSubstr("Debug: the call or its answer is larger than the 1 MiB"));
+}
+
+TEST_F(ClientTest, DoesNotWaitForAnAnswerForEver) {
+  for (const char* line : {"ping", "call Ping"}) {
+    MuteService service(directory_ / "run");
+    Process client(KVOXCTL_PROGRAM, Words(line), directory_ / "kvoxctl");
+    service.TakeCall();
+    client.Signal(SIGALRM);  // time passes
+    EXPECT_EQ(client.Wait(), 3);
+    EXPECT_EQ(client.Err(),
+              "kvoxctl: Ping was not answered within 300 s; see whether kvoxd hangs, and restart "
+              "it\n");
   }
 }
 

@@ -97,6 +97,14 @@ TEST_F(DaemonTest, AnswersWithoutAnyDevice) {
   EXPECT_THAT(Call("TapInfo 2 imic 0"), HasSubstr("imic.0 "));
 }
 
+TEST_F(DaemonTest, LogsWhatTheEnvironmentAsksFor) {
+  setenv("ANDROID_LOG_TAGS", "*:w", 1);
+  StartDaemon();
+  Run(Words("call TapInfo 2 imic 0"));
+  EXPECT_TRUE(DaemonLogs("CMD_TAP_INFO_ID failed"));
+  EXPECT_EQ(CountOf("Get tap point info", daemon_->Err()), 0);
+}
+
 TEST_F(DaemonTest, ArgumentsAreRefused) {
   Process wrong(KVOXD_PROGRAM, {"--verbose"}, directory_ / "wrong");
   EXPECT_EQ(wrong.Wait(), 2);

@@ -32,6 +32,7 @@ class MachineTest : public ::testing::Test {
     for (const char* name : {"power/wake_lock", "power/wake_unlock"}) {
       std::ofstream(directory_ / name) << std::flush;
     }
+    unsetenv("ANDROID_LOG_TAGS");
     setenv("KVOX_DEV_DIR", (directory_ / "dev").c_str(), 1);
     setenv("KVOX_RUNTIME_DIR", (directory_ / "run").c_str(), 1);
     setenv("KVOX_WAKE_LOCK_DIR", (directory_ / "power").c_str(), 1);

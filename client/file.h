@@ -1,0 +1,24 @@
+// Files that a command line names. Only regular ones are taken: nothing else is sure to end, and
+// some would never let themselves be opened.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/linux/unique_fd.h"
+
+namespace kvox::client {
+
+/// All bytes of the file at `path`. Throws UsageError, also when it has more than `limit` bytes.
+std::vector<uint8_t> ReadFile(const std::string& path, size_t limit);
+
+/// Opens the file at `path` for appending, and creates it first if it is not there. Throws
+/// UsageError.
+binder::UniqueFd OpenToAppend(const std::string& path);
+
+/// False, with errno set, when not everything could be written.
+bool WriteAll(int fd, const void* bytes, size_t size);
+
+}  // namespace kvox::client

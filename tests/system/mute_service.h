@@ -1,0 +1,55 @@
+// A service that greets its one client, takes the first call and never answers it.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "interface/service_name.h"
+#include "platform/linux/frames.h"
+#include "platform/linux/runtime_directory.h"
+#include "platform/linux/unique_fd.h"
+
+namespace kvox {
+
+class MuteService {
+ public:
+  explicit MuteService(const std::string& directory)
+      : path_(binder::SocketPath(directory, KvoxDescriptor())),
+        listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address;
+    std::string error;
+    EXPECT_TRUE(binder::MakeAddress(path_, &address, &error)) << error;
+    EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener_.get(), 1), 0);
+  }
+
+  ~MuteService() { unlink(path_.c_str()); }
+  MuteService(const MuteService&) = delete;
+  MuteService& operator=(const MuteService&) = delete;
+
+  /// Waits until a client's call is there.
+  void TakeCall() {
+    client_ = binder::UniqueFd(accept(listener_.get(), nullptr, nullptr));
+    std::string descriptor = "kvox.IKvox";
+    binder::ServiceGreeting greeting;
+    greeting.descriptor_size = static_cast<uint32_t>(descriptor.size());
+    greeting.address = 2;
+    descriptor.resize(12);  // padded
+    send(client_.get(), &greeting, sizeof greeting, MSG_NOSIGNAL);
+    send(client_.get(), descriptor.data(), descriptor.size(), MSG_NOSIGNAL);
+    char first[sizeof(binder::ClientGreeting) + sizeof(binder::FrameHeader)];
+    EXPECT_EQ(recv(client_.get(), first, sizeof first, MSG_WAITALL),
+              static_cast<ssize_t>(sizeof first));
+  }
+
+ private:
+  const std::string path_;
+  binder::UniqueFd listener_;
+  binder::UniqueFd client_;
+};
+
+}  // namespace kvox
