@@ -87,6 +87,9 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
 
   /// Appends the outputs in the order of their addresses and answers how many there are.
   size_t GetOutputs(std::vector<std::shared_ptr<KvoxProcessor>>& outputs) const;
+  unsigned CountEnabledOutputs() const;
+  /// Appends the inject buffers that the outputs write, in the outputs' order.
+  void AppendWrittenBuffers(std::vector<std::shared_ptr<KvoxBuffer>>& buffers) const;
   std::shared_ptr<KvoxProcessor> GetInput() const;
   /// Id texts, comma-separated; "-" for none.
   std::string GetOutputsAsString() const;

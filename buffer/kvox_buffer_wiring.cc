@@ -112,6 +112,20 @@ size_t KvoxBuffer::GetOutputs(std::vector<std::shared_ptr<KvoxProcessor>>& outpu
   return outputs_.size();
 }
 
+unsigned KvoxBuffer::CountEnabledOutputs() const {
+  MutexLock lock(mutex_);
+  return static_cast<unsigned>(
+      std::count_if(outputs_.begin(), outputs_.end(),
+                    [](const auto& processor) { return processor->IsEnabled(); }));
+}
+
+void KvoxBuffer::AppendWrittenBuffers(std::vector<std::shared_ptr<KvoxBuffer>>& buffers) const {
+  MutexLock lock(mutex_);
+  for (const auto& processor : outputs_) {
+    if (auto written = From(processor->output())) buffers.push_back(std::move(written));
+  }
+}
+
 std::shared_ptr<KvoxProcessor> KvoxBuffer::GetInput() const {
   MutexLock lock(mutex_);
   return input_;
@@ -147,11 +161,12 @@ void KvoxBuffer::PublishRoutes() {
   table->rx_format = rx_format.format;
   table->rx_format_serial = rx_format.serial;
   for (const auto& processor : outputs_) {
-    const auto inject = From(processor->output());
+    auto output = From(processor->output());
+    auto port = output ? output->port() : nullptr;
     table->routes.push_back({.processor = processor,
                              .state = processor->block_state(),
-                             .connected = inject != nullptr,
-                             .port = inject ? inject->port() : nullptr});
+                             .output = std::move(output),
+                             .port = std::move(port)});
   }
   routes_.Publish(std::move(table));
 }

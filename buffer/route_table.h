@@ -18,7 +18,7 @@ namespace kvox {
 struct Route {
   std::shared_ptr<KvoxProcessor> processor;
   std::shared_ptr<const BlockState> state;  // the processor's, null for none
-  bool connected;                           // the processor has an inject buffer
+  std::shared_ptr<AudioEndpoint> output;    // its inject buffer, null for none
   std::shared_ptr<InjectPort> port;         // null while that is not enabled
 };
 

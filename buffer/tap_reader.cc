@@ -309,7 +309,7 @@ void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header
                                : std::span<std::byte>());
     const BlockResult result = route.processor->ProcessPacket({.audio = payload,
                                                                .format = stored_header_.format,
-                                                               .connected = route.connected,
+                                                               .connected = route.output != nullptr,
                                                                .state = route.state.get(),
                                                                .waiter = *this},
                                                               route.port ? &area : nullptr);

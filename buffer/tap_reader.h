@@ -127,7 +127,7 @@ class TapReader : private RtWaiter {
   uint32_t rx_format_serial_ = 0;
   uint32_t waits_ = 0;
   uint32_t read_errors_ = 0;
-  uint32_t junk_reads_ = 0;  // since the last packet
+  uint32_t junk_reads_ = 0;                  // since the last packet
   const std::byte* last_payload_ = nullptr;  // of the packet dispatched last
   uint32_t previous_number_ = 0;
   uint32_t previous_payload_size_ = 0;

@@ -94,7 +94,7 @@ class Recorder {
 
 StayEnd Record(const std::shared_ptr<IKvox>& kvox, const RecordOptions& options) {
   const auto recorder = std::make_shared<Recorder>(options);
-  RelaySession session(kvox, options.processor, options.name);
+  RelaySession session(kvox, options.processor, options.name, "recording from " + options.name);
   StayEnd end =
       session.Stay([recorder](const IKvox::AudioPacket& packet) { recorder->Take(packet); },
                    [recorder] { return recorder->Write(); });

@@ -59,8 +59,12 @@ class RelaySession::Callback : public IKvox::BnReceiveAudioCallback {
   std::atomic<int64_t> last_block_ns_ = 0;
 };
 
-RelaySession::RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name)
-    : kvox_(std::move(kvox)), processor_(processor), name_(std::move(name)) {}
+RelaySession::RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name,
+                           std::string doing)
+    : kvox_(std::move(kvox)),
+      processor_(processor),
+      name_(std::move(name)),
+      doing_(std::move(doing)) {}
 
 void RelaySession::HoldInterrupts() {
   const sigset_t signals = Interrupts();
@@ -80,6 +84,7 @@ StayEnd RelaySession::Stay(OnBlock on_block, OnTurn on_turn) {
             name_.c_str());
     return StayEnd::kRefused;
   }
+  fprintf(stderr, "kvoxctl: %s; Ctrl-C ends it\n", doing_.c_str());
   const auto unregister = [&] {
     EndProgress();
     static_cast<void>(kvox_->RegisterReceiveAudioCallback(processor_, nullptr, &result));

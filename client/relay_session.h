@@ -40,7 +40,8 @@ class RelaySession {
   /// Called on the main thread, several times a second. True when the work is done.
   using OnTurn = std::function<bool()>;
 
-  RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name);
+  /// `doing` is said once registered: "recording from art0".
+  RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name, std::string doing);
 
   /// Keeps interrupts from ending the process at once. To be called before any thread starts.
   static void HoldInterrupts();
@@ -56,6 +57,7 @@ class RelaySession {
   const std::shared_ptr<IKvox> kvox_;
   const int32_t processor_;
   const std::string name_;
+  const std::string doing_;
 };
 
 /// How a stay went.

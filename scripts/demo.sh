@@ -2,9 +2,10 @@
 # Usage: ./dev demo
 #
 # Plays a speech recording into a tap point of the simulated co-processor, through kvoxd and a
-# passthrough processor, and back into the co-processor, and checks that what came back is the
-# recording, bit for bit. Needs neither root nor devices: everything runs in private directories.
-# The recordings stay in build/demo.
+# passthrough processor, and back into the co-processor. Then makes a telephone call: one client
+# speaks up-link while another records the down-link. Checks that every recording is what was played,
+# sample for sample. Needs neither root nor devices: everything runs in private directories. The
+# recordings stay in build/demo.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=()
@@ -12,90 +13,24 @@ parse_options "$@"
 refuse_words
 
 speech=/usr/share/sounds/alsa/Front_Center.wav
+caller=/usr/share/sounds/alsa/Rear_Right.wav
 attempts=3
 deadline_s=15
+# shellcheck disable=SC2034 # machine.sh reads it
+name=demo
 out=$PWD/build/demo
-kvoxctl=build/bin/kvoxctl
 
 need_packages build demo
 echo "Building ..."
 build_preset release programs | tail -n 1
+mkdir -p "$out"
+. scripts/machine.sh
 
-private=$(mktemp -d)
-daemon=
-simulator=
-exec 3>&2 # what must be seen even where output is thrown away
-cleanup() {
-  trap '' INT TERM
-  trap - EXIT
-  local child
-  # The last ones may have been started without their number being noted any more.
-  for child in $daemon $simulator $(jobs -p); do end_process "$child"; done
-  rm -rf "$private"
-}
-runs() { kill -0 "$1" 2>/dev/null; }
-# Ends a child and waits until it is gone; one that does not go by itself is killed.
-end_process() {
-  local tries=60
-  kill -TERM "$1" 2>/dev/null || true
-  while runs "$1" && [ $((tries -= 1)) -gt 0 ]; do sleep 0.05; done
-  kill -KILL "$1" 2>/dev/null || true
-  wait "$1" 2>/dev/null || true
-}
-trap cleanup EXIT
-trap 'cleanup; exit 130' INT
-trap 'cleanup; exit 143' TERM
+has_played() { read_counters && [ "$(counter demo.0 received)" -ge "$blocks" ]; }
+has_settled() { read_counters && [ "$(counter "$1" in_flight)" -eq 0 ]; }
 
-give_up() {
-  echo "demo: $*" >&3
-  exit 1
-}
-
-# wait_for SECONDS WHAT COMMAND...: until the command succeeds.
-wait_for() {
-  local until=$((SECONDS + $1)) what=$2
-  shift 2
-  until "$@" >/dev/null 2>&1; do
-    if [ -n "$simulator" ] && ! runs "$simulator"; then
-      give_up "kvosim has ended while the demo waited for $what; see $out/kvosim.log"
-    elif [ -n "$daemon" ] && ! runs "$daemon"; then
-      give_up "kvoxd has ended while the demo waited for $what; see $out/kvoxd.log"
-    elif [ "$SECONDS" -ge "$until" ]; then
-      give_up "gave up waiting for $what; see $out/kvoxd.log and $out/kvosim.log"
-    fi
-    sleep 0.05
-  done
-}
-
-call() {
-  "$kvoxctl" call "$@" >"$private/answer" || {
-    echo "demo: kvoxd refused '$*':" >&2
-    cat "$private/answer" >&2
-    exit 1
-  }
-}
-
-# Has the simulator write its figures, and reads those of the demo's tap.
-read_counters() {
-  rm -f "$private/stats.json"
-  kill -USR1 "$simulator"
-  wait_for 5 "the simulator's figures" is_complete "$private/stats.json"
-  sent=$(counter sent)
-  received=$(counter received)
-  exact=$(counter exact)
-  missing=$(counter missing)
-  different=$(counter different)
-  in_flight=$(counter in_flight)
-}
-is_complete() { [ "$(tail -c 2 "$1")" = "}" ]; }
-counter() { sed -n "s/.*\"tap\": \"demo\\.0\".*\"$1\": \\([0-9]*\\).*/\\1/p" "$private/stats.json"; }
-has_played() { read_counters && [ "$received" -ge "$blocks" ]; }
-has_settled() { read_counters && [ "$in_flight" -eq 0 ]; }
-
-play_once() {
-  mkdir -p "$private/dev" "$private/run"
-  export KVOX_DEV_DIR=$private/dev KVOX_RUNTIME_DIR=$private/run
-  export KVOX_WAKE_LOCK_DIR=$private/no-wake-locks
+# Tap point -> passthrough -> tap point. Sets `same`, and what the summary shows.
+play_speech() {
   cat >"$private/demo.toml" <<TOML
 cores = [2, 3, 4]
 tapouts = [0]
@@ -103,25 +38,13 @@ injects = [0]
 
 [[tap]]
 name = "demo"
-index = 0
 core = 2
-rate = 48000
-channels = 1
-bits = 16
-format = "int"
 block_length = 4800
 source = { kind = "wav", file = "$speech" }
 sink = { kind = "wav", file = "$out/returned.wav" }
 TOML
-  rm -f "$out/returned.wav" "$private/stats.json"
-  build/bin/kvosim --scenario "$private/demo.toml" --stats "$private/stats.json" --print \
-    >"$out/kvosim.log" 2>&1 3>&- &
-  simulator=$!
-  wait_for 5 "the simulator's devices" test -e "$private/dev/xdv-kvox_tapout0"
-  # Its whole log is looked at below, whatever the caller wants to see of it.
-  env -u ANDROID_LOG_TAGS build/bin/kvoxd >"$out/kvoxd.log" 2>&1 3>&- &
-  daemon=$!
-  wait_for 10 "kvoxd" "$kvoxctl" ping
+  rm -f "$out/returned.wav"
+  start_machine "$private/demo.toml"
   echo "Wiring tap point -> tap-out buffer -> passthrough processor -> inject buffer -> tap point"
   call NewProcessor pass
   call Connect pass 0 0
@@ -130,48 +53,117 @@ TOML
   call StartIo 0
   call TapEnable 2 demo 0 true
   call ShowGraph
-  graph=$(sed -n 2p "$private/answer")
+  graph=$(sed -n '2s/^ *//p' "$private/answer")
   echo "Playing $(basename "$speech") in blocks of 100 ms ..."
   wait_for "$deadline_s" "the speech to come back" has_played
   call TapEnable 2 demo 0 false
-  wait_for 5 "the last packets" has_settled
+  wait_for 5 "the last packets" has_settled demo.0
+  sent=$(counter demo.0 sent)
+  received=$(counter demo.0 received)
+  exact=$(counter demo.0 exact)
+  missing=$(counter demo.0 missing)
   call StopIo -1
-  end_process "$daemon"
-  daemon=
-  end_process "$simulator"
-  simulator=
-  timing_drops=$(grep -c 'RX resync' "$out/kvoxd.log" || true)
-  timing_drops=$((timing_drops > 0 ? timing_drops - 1 : 0)) # the first finds the stream
-  verdict=$(build/bin/kvosim compare "$speech" "$out/returned.wav") && same=yes || same=no
+  stop_machine
+  same=no
+  if is_whole "$speech" "$out/returned.wav" && [ "$missing" -eq 0 ] &&
+    [ "$(counter demo.0 different)" -eq 0 ]; then
+    same=yes
+  fi
 }
 
-mkdir -p "$out"
+# is_whole PLAYED RECORDED: every sample of what was played is in the recording. Sets `verdict`.
+is_whole() {
+  verdict=$(build/bin/kvosim compare "$1" "$2" --skip-silence) || return 1
+  case "$verdict" in
+    "yes: $((($(stat -c %s "$1") - 44) / 2)) of "*) return 0 ;;
+    *) return 1 ;;
+  esac
+}
+
+# A call: the speech comes down-link, the caller's recording goes up-link.
+make_call() {
+  cat >"$private/call.toml" <<TOML
+cores = [2, 3, 4]
+tapouts = [40, 41]
+injects = [40, 41]
+
+[[tap]]
+name = "vpdl"
+core = 4
+channels = 2
+noninterleaved = 480
+source = { kind = "wav", file = "$speech" }
+
+[[tap]]
+name = "vpul"
+index = 1
+core = 4
+noninterleaved = 480
+sink = { kind = "wav", file = "$out/uplink.wav" }
+TOML
+  rm -f "$out/uplink.wav" "$out/downlink.wav"
+  start_machine "$private/call.toml"
+  echo "Calling: the use case AREL_TELE relays two tap points to clients"
+  call EnableUseCase AREL_TELE true
+  call TapEnable 4 vpdl 0 false # until somebody listens
+  "$kvoxctl" record art0 "$out/downlink.wav" --seconds "$call_s" >"$private/record" \
+    2>"$private/record.err" 3>&- &
+  local record=$!
+  wait_for 5 "the client that records" grep -q recording "$private/record.err"
+  call TapEnable 4 vpdl 0 true
+  echo "Speaking $(basename "$caller") up-link while the down-link is recorded ..."
+  play_status=0
+  "$kvoxctl" play art1 "$caller" >"$private/play" 2>"$private/play.err" 3>&- || play_status=$?
+  wait_for "$deadline_s" "the end of the recording" has_ended "$record"
+  record_status=0
+  wait "$record" || record_status=$?
+  call EnableUseCase AREL_TELE false
+  stop_machine
+  same=no
+  if [ "$play_status" -eq 0 ] && [ "$record_status" -eq 0 ] &&
+    is_whole "$speech" "$out/downlink.wav" && is_whole "$caller" "$out/uplink.wav"; then
+    same=yes
+  fi
+}
+has_ended() { ! runs "$1"; }
+
+# try FUNCTION: again when packets came at the wrong time, which is the machine's fault.
+try() {
+  local attempt
+  for ((attempt = 1; attempt <= attempts; attempt++)); do
+    "$1"
+    if [ "$same" = yes ]; then return; fi
+    if [ "$timing_drops" -eq 0 ] || [ "$attempt" -eq "$attempts" ]; then break; fi
+    echo "The machine was too busy: $timing_drops packets came at the wrong time. Trying again."
+  done
+  echo "Failed: not every sample came back." >&2
+  if [ -n "$verdict" ]; then echo "  $verdict" >&2; fi
+  cat "$private"/*.err "$private/record" "$private/play" 2>/dev/null >&2 || true
+  echo "  logs: $out/kvoxd.log $out/kvosim.log" >&2
+  exit 1
+}
+
 cp "$speech" "$out/original.wav"
+cp "$caller" "$out/caller.wav"
 # 16 bits, one channel: the whole speech and a block of silence behind it.
 blocks=$((($(stat -c %s "$speech") - 44) / 2 / 4800 + 2))
-for ((attempt = 1; attempt <= attempts; attempt++)); do
-  play_once
-  if [ "$same" = yes ] || [ "$timing_drops" -eq 0 ] || [ "$attempt" -eq "$attempts" ]; then break; fi
-  echo "The machine was too busy: $timing_drops packets came at the wrong time. Trying again."
-done
+call_s=$((blocks / 10 + 1))
+verdict=
+try play_speech
+speech_drops=$timing_drops
+try make_call
 
 cat <<TEXT
 
   graph             $graph
   packets           $sent sent, $received came back, $exact of them exact
   lost packets      $missing
-  timing drops      $timing_drops
-  played            $out/original.wav
-  came back         $out/returned.wav
+  timing drops      $((speech_drops + timing_drops))
+  call, down-link   $(cat "$private/record")
+  call, up-link     $(cat "$private/play")
+  bit-exact         yes: $out/returned.wav is $out/original.wav
+                    yes: $out/downlink.wav is $out/original.wav
+                    yes: $out/uplink.wav is $out/caller.wav
 
+Passed: every sample that was played came back.
 TEXT
-passed=no
-if [ "$same" = yes ] && [ "$missing" -eq 0 ] && [ "$different" -eq 0 ]; then
-  passed=yes
-  echo "Passed: the speech came back bit for bit."
-else
-  echo "Failed: the speech did not come back bit for bit ($missing packets lost, $different wrong)."
-  echo "  $verdict"
-  echo "  logs: $out/kvoxd.log $out/kvosim.log"
-fi
-[ "$passed" = yes ]

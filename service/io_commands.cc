@@ -76,11 +76,7 @@ std::vector<std::shared_ptr<KvoxBuffer>> KvoxService::BuffersFor(int tapout) {
   const auto found = buffers_.tapouts.find(tapout);
   if (found == buffers_.tapouts.end()) return buffers;
   buffers.push_back(found->second);
-  std::vector<std::shared_ptr<KvoxProcessor>> processors;
-  found->second->GetOutputs(processors);
-  for (const auto& processor : processors) {
-    if (const auto output = KvoxBuffer::From(processor->output())) buffers.push_back(output);
-  }
+  found->second->AppendWrittenBuffers(buffers);
   return buffers;
 }
 
@@ -136,9 +132,7 @@ void KvoxService::updateWakeLock(CommandResult* result) {
   for (const auto& [number, buffer] : buffers_.tapouts) {
     if (!buffer->IsEnabled()) continue;
     ++enabled_buffers;
-    std::vector<std::shared_ptr<KvoxProcessor>> processors;
-    buffer->GetOutputs(processors);
-    for (const auto& processor : processors) active_processors += processor->IsEnabled() ? 1u : 0u;
+    active_processors += buffer->CountEnabledOutputs();
   }
   const auto hotword = GetKvoxProcessor(kHotwordProcessor);
   if (hotword && hotword->IsEnabled()) active_processors = std::max(active_processors, 1u);

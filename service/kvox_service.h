@@ -184,14 +184,15 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
     std::set<TapKey> taps;
     std::set<FourCc> processors;
     std::set<std::string> buffers;
+    std::set<TapKey> refused_taps;  // out: by the co-processor, or by a control device that is away
   };
 
   void initKvoWithRetry(RecoveryPacer& pacer);
   void Recover(RecoveryPacer& pacer);
   void PlanEverything(RestorePlan& plan) EXCLUDES(mutex_);
   void PlanFor(const KvoxBuffer& buffer, RestorePlan& plan) REQUIRES(mutex_);
-  void Restore(const RecoveryPacer& pacer, const RestorePlan& plan);
-  void RestoreTap(TapKey key) EXCLUDES(mutex_);
+  void Restore(const RecoveryPacer& pacer, RestorePlan& plan);
+  bool RestoreTap(TapKey key) EXCLUDES(mutex_);
   void RestoreProcessor(FourCc id) EXCLUDES(wiring_mutex_, mutex_);
   void RestoreBuffer(const std::string& name) EXCLUDES(mutex_);
 
@@ -210,7 +211,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   // Tap points. The Send functions carry a request out whose line has been written, report, and
   // answer whether it succeeded; commands then record it, a recovery does not.
   int32_t getKvoxTapPoints(int core, std::vector<KvoxTapPointState>& taps) EXCLUDES(mutex_);
-  int32_t QueryTap(const TapArguments& tap, KvoxTapPointState& state) REQUIRES(mutex_);
+  int32_t QueryTap(const TapArguments& tap, KvoxTapPointState& state);
   bool SendTapEnable(const TapArguments& tap, bool enable, CommandResult* result) REQUIRES(mutex_);
   bool SendBlockLength(const TapArguments& tap, uint32_t length, CommandResult* result)
       REQUIRES(mutex_);
@@ -276,7 +277,8 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   std::set<FourCc> to_enable_again_ GUARDED_BY(wiring_mutex_);
 
   Mutex mutex_;
-  bool ready_ GUARDED_BY(mutex_) = false;  // at least one buffer of each kind was found
+  bool control_arrived_ GUARDED_BY(mutex_) = false;  // since the last scan
+  bool ready_ GUARDED_BY(mutex_) = false;            // at least one buffer of each kind was found
   ProcessorMap processors_ GUARDED_BY(mutex_);
   BufferTables buffers_ GUARDED_BY(mutex_);
   std::unique_ptr<Recovery> recovery_ GUARDED_BY(mutex_);

@@ -12,6 +12,7 @@ namespace {
 constexpr int kScanAttempts = 5;
 constexpr auto kScanPause = std::chrono::milliseconds(500);
 constexpr char kDevicePrefix[] = "xdv-kvox_";
+constexpr char kControlDevice[] = "xdv-kvox_control";
 
 const char* PluralS(size_t count) {
   return count == 1 ? "" : "s";
@@ -26,12 +27,14 @@ void KvoxService::initKvoWithRetry(RecoveryPacer& pacer) {
   Restore(pacer, plan);
 }
 
+/// First everything, then what devices that come later complete. What the co-processor refused is
+/// tried again once its control device has come.
 void KvoxService::Recover(RecoveryPacer& pacer) {
   bool restored = false;
+  RestorePlan last;
   if (ScanWithRetries(pacer) == 0) {
-    RestorePlan plan;
-    PlanEverything(plan);
-    Restore(pacer, plan);
+    PlanEverything(last);
+    Restore(pacer, last);
     restored = true;
   }
   while (pacer.WaitForArrivals()) {
@@ -43,10 +46,13 @@ void KvoxService::Recover(RecoveryPacer& pacer) {
       const DeviceScan scan = ScanDataDevices(environment_.device_directory);
       if (!scan.any_tapout_path) continue;
       for (const auto& added : AddBuffers(scan)) PlanFor(*added, plan);
+      if (std::exchange(control_arrived_, false)) plan.taps.merge(last.refused_taps);
     }
     if (!restored) PlanEverything(plan);
     Restore(pacer, plan);
     restored = true;
+    plan.refused_taps.merge(last.refused_taps);
+    last = std::move(plan);
   }
 }
 
@@ -77,6 +83,7 @@ int32_t KvoxService::initKvoBuffers(RecoveryPacer& pacer) {
   MutexLock lock(mutex_);
   if (pacer.stopping()) return -1;
   pacer.ScanBegins();
+  control_arrived_ = false;
   const DeviceScan scan = ScanDataDevices(environment_.device_directory);
   AddBuffers(scan);
   return scan.any_tapout_path ? 0 : -1;
@@ -113,6 +120,7 @@ void KvoxService::HandleInotifyEvent(const inotify_event* event) {
 void KvoxService::HandleArrival(const char* name) {
   LogInfo("%s online\n", name);
   MutexLock lock(mutex_);
+  if (std::strcmp(name, kControlDevice) == 0) control_arrived_ = true;
   if (recovery_) {
     recovery_->NoteArrival();
   } else {

@@ -50,21 +50,24 @@ void KvoxService::PlanFor(const KvoxBuffer& added, RestorePlan& plan) {
   }
 }
 
-void KvoxService::Restore(const RecoveryPacer& pacer, const RestorePlan& plan) {
+void KvoxService::Restore(const RecoveryPacer& pacer, RestorePlan& plan) {
   const auto restore = [&pacer](const auto& items, auto restore_one) {
     for (const auto& item : items) {
       if (pacer.stopping()) return;
       restore_one(item);
     }
   };
-  restore(plan.taps, [this](TapKey key) { RestoreTap(key); });
+  restore(plan.taps, [&](TapKey key) {
+    if (!RestoreTap(key)) plan.refused_taps.insert(key);
+  });
   restore(plan.processors, [this](FourCc id) { RestoreProcessor(id); });
   restore(plan.buffers, [this](const std::string& name) { RestoreBuffer(name); });
   MutexLock lock(mutex_);
   updateWakeLock(nullptr);
 }
 
-void KvoxService::RestoreTap(TapKey key) {
+/// False when the co-processor did not take it.
+bool KvoxService::RestoreTap(TapKey key) {
   KvoxTapPointState state;
   const auto still_known = [&]() REQUIRES(mutex_) {
     const auto found = taps_.find(key);
@@ -75,7 +78,7 @@ void KvoxService::RestoreTap(TapKey key) {
   Binding binding;
   {
     MutexLock lock(mutex_);
-    if (!still_known()) return;
+    if (!still_known()) return true;
     LogInfo("Restore tap point state %s", TapName(state.info).c_str());
     const int tapout = BufferNumber(state.info.tapout_buffer);
     const int inject = BufferNumber(state.info.inject_buffer);
@@ -83,23 +86,23 @@ void KvoxService::RestoreTap(TapKey key) {
     binding = SendBinding(state.Arguments(), tapout, inject, Recording::kNo, &result);
   }
   FinishBinding(std::move(binding), &result);
-  if (!Succeeded(result)) return;
+  if (!Succeeded(result)) return false;
 
   MutexLock lock(mutex_);
-  if (!still_known()) return;
+  if (!still_known()) return true;
   const TapArguments tap = state.Arguments();
   if (const uint32_t frames = state.info.block_length; static_cast<int32_t>(frames) >= 0) {
     BeginCommand(BlockLengthRequest(tap, frames), &result);
-    if (!SendBlockLength(tap, frames, &result)) return;
+    if (!SendBlockLength(tap, frames, &result)) return false;
   }
   if (state.jitter_buffer >= 0) {
     const auto size = static_cast<uint32_t>(state.jitter_buffer);
     BeginCommand(JitterBufferRequest(tap, size), &result);
-    if (!SendJitterBuffer(tap, size, &result)) return;
+    if (!SendJitterBuffer(tap, size, &result)) return false;
   }
   const bool enable = state.info.enabled != 0;
   BeginCommand(TapEnableRequest(tap, enable), &result);
-  SendTapEnable(tap, enable, &result);
+  return SendTapEnable(tap, enable, &result);
 }
 
 /// A processor is silent while it is tied. One whose buffers are not all back stays disabled until

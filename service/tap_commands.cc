@@ -1,6 +1,7 @@
 // Commands that look at tap points and set them up.
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "kvox/common/fixed_text.h"
@@ -12,6 +13,9 @@ namespace {
 
 /// The page number travels in 8 bits; a list that is longer has no end.
 constexpr int kMaxTapListPages = 256;
+
+/// For one list; a phone's takes a few milliseconds.
+constexpr auto kTapListPatience = std::chrono::seconds(5);
 
 TapArguments Arguments(int32_t core, int32_t tap, int32_t index) {
   return {core, static_cast<FourCc>(tap), index};
@@ -46,9 +50,15 @@ int32_t KvoxService::QueryTap(const TapArguments& tap, KvoxTapPointState& state)
   return 0;
 }
 
+/// Without the service mutex: a long list at a slow co-processor shall not keep other commands.
 int32_t KvoxService::getKvoxTapPoints(int core, std::vector<KvoxTapPointState>& taps) {
-  MutexLock lock(mutex_);
+  const auto deadline = std::chrono::steady_clock::now() + kTapListPatience;
   for (int page = 0; page < kMaxTapListPages; ++page) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      LogError("CMD_KVOX_TAP_LIST_ID on KVO core %d: gave up at page %d, the co-processor is slow",
+               core, page);
+      return -1;
+    }
     TapListRecord record;
     record.core = static_cast<uint8_t>(core);
     record.page = static_cast<uint8_t>(page);

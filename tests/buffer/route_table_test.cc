@@ -12,7 +12,7 @@ namespace {
 std::unique_ptr<RouteTable> TableWith(std::shared_ptr<KvoxProcessor> processor) {
   auto table = std::make_unique<RouteTable>();
   table->routes.push_back(
-      {.processor = std::move(processor), .state = nullptr, .connected = false, .port = nullptr});
+      {.processor = std::move(processor), .state = nullptr, .output = nullptr, .port = nullptr});
   return table;
 }
 

@@ -40,7 +40,7 @@ class TapReaderTest : public ::testing::Test {
                                          ScriptedDevice::kInjectFd);
     auto table = std::make_unique<RouteTable>();
     table->routes.push_back(
-        {.processor = std::move(processor), .state = nullptr, .connected = true, .port = port_});
+        {.processor = std::move(processor), .state = nullptr, .output = nullptr, .port = port_});
     routes_.Publish(std::move(table));
     routes_.Settle();
   }
