@@ -193,7 +193,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  kvox::client::PrepareStandardStreams();
+  kvox::client::HoldStandardStreams();
   int status;
   try {
     status = Run(argc, argv);

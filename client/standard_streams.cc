@@ -1,26 +1,31 @@
 #include "client/standard_streams.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 
 #include "client/file.h"
 
 namespace kvox::client {
 
-void PrepareStandardStreams() {
-  signal(SIGPIPE, SIG_IGN);
-  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+void HoldStandardStreams() {
+  pollfd streams[] = {{STDIN_FILENO, 0, 0}, {STDOUT_FILENO, 0, 0}, {STDERR_FILENO, 0, 0}};
+  poll(streams, std::size(streams), 0);
+  for (const pollfd& stream : streams) {
     // The lowest free number is this one. It stays open on purpose, and refuses to be written.
-    if (fcntl(fd, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDONLY));
+    if ((stream.revents & POLLNVAL) != 0) static_cast<void>(open("/dev/null", O_RDONLY));
   }
 }
 
 void PrintOut(const std::string& text) {
+  if (text.empty()) return;
+  signal(SIGPIPE, SIG_IGN);  // which would end the process; errno tells it as well
   if (WriteAll(STDOUT_FILENO, text.data(), text.size()) || errno == EPIPE) return;
   throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno) +
                            "; send it elsewhere and try again");

@@ -6,8 +6,8 @@
 namespace kvox::client {
 
 /// To be called first. Takes the places of standard descriptors that are closed, so that no socket
-/// or file gets them, and has a closed pipe reported as an error instead of ending the process.
-void PrepareStandardStreams();
+/// or file gets them.
+void HoldStandardStreams();
 
 /// Writes the text to standard output at once. Throws std::runtime_error when that fails. A reader
 /// that has gone is no failure: it had what it wanted.
