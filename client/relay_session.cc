@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "client/call_deadline.h"
 #include "client/standard_streams.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/kvox_utils.h"
@@ -71,14 +72,18 @@ void RelaySession::HoldInterrupts() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+bool RelaySession::Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
+                            IKvox::CommandResult& result) {
+  const CallDeadline deadline("RegisterReceiveAudioCallback", static_cast<int>(StayEnd::kNoDaemon));
+  return kvox_->RegisterReceiveAudioCallback(processor_, callback, &result).isOk();
+}
+
 StayEnd RelaySession::Stay(OnBlock on_block, OnTurn on_turn) {
   const auto callback = ndk::SharedRefBase::make<Callback>(std::move(on_block));
   ABinderProcess_setThreadPoolMaxThreadCount(1);
   ABinderProcess_startThreadPool();
   IKvox::CommandResult result;
-  if (!kvox_->RegisterReceiveAudioCallback(processor_, callback, &result).isOk()) {
-    return StayEnd::kNoDaemon;
-  }
+  if (!Register(callback, result)) return StayEnd::kNoDaemon;
   if (result.status != IKvox::CommandStatus::OK) {
     fprintf(stderr, "kvoxctl: there is no processor %s; 'kvoxctl call ListProcessors' lists them\n",
             name_.c_str());
@@ -87,7 +92,7 @@ StayEnd RelaySession::Stay(OnBlock on_block, OnTurn on_turn) {
   fprintf(stderr, "kvoxctl: %s; Ctrl-C ends it\n", doing_.c_str());
   const auto unregister = [&] {
     EndProgress();
-    static_cast<void>(kvox_->RegisterReceiveAudioCallback(processor_, nullptr, &result));
+    Register(nullptr, result);
   };
   try {
     const StayEnd end = Turns(*callback, on_turn);

@@ -52,6 +52,8 @@ class RelaySession {
  private:
   class Callback;
 
+  bool Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
+                IKvox::CommandResult& result);
   StayEnd Turns(const Callback& callback, const OnTurn& on_turn);
 
   const std::shared_ptr<IKvox> kvox_;

@@ -181,7 +181,7 @@ TEST_F(HostilePeerTest, APeerThatDoesNotReadIsNotReadFrom) {
     for (size_t i = 0; i < sent; ++i) {
       const auto reply = peer_->ReceiveFrame();
       ASSERT_TRUE(reply) << i << " of " << sent;
-      ASSERT_GE(reply->parcel.size(), frame.parcel.size() > 0 ? 4u + 4u + 16384u : 1u);
+      ASSERT_GE(reply->parcel.size(), frame.parcel.empty() ? 1u : 4u + 4u + 16384u);
     }
   }
 }

@@ -166,6 +166,17 @@ TEST_F(RecoveryTest, WhatFailedIsNotTriedAgainForOtherDevices) {
   EXPECT_EQ(log_.Count("Restore"), 0u);
 }
 
+TEST_F(RecoveryTest, WhatFailedIsTriedAgainWhenTheControlDeviceComesLast) {
+  SetUpChain();
+  link_.failures[CMD_KVOX_TAP_BIND_ID] = -1;
+  Restart({[&] {
+    link_.failures.clear();
+    link_.opcodes.clear();
+    Event(IN_CREATE, "xdv-kvox_control");
+  }});
+  EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCD, 0xCE, 0xCA));
+}
+
 TEST_F(RecoveryTest, TwoMissingDevicesMayComeOneByOne) {
   SetUpChain();
   RemoveNodes({"tapout0", "inject0"});

@@ -132,17 +132,5 @@ TEST_F(ClientTest, DoesNotWaitForAnAnswerForEver) {
   }
 }
 
-TEST_F(ClientTest, AStayingClientNoticesThatTheDaemonHasGone) {
-  StartSimulator();
-  StartDaemon();
-  Call("NewProcessor pass");
-  const std::string file = (directory_ / "audio").string();
-  Process client(KVOXCTL_PROGRAM, Words("call ProcessorInfo pass"), directory_ / "kvoxctl");
-  EXPECT_EQ(client.Wait(), 0);
-  daemon_->Signal(SIGTERM);
-  daemon_->Wait();
-  EXPECT_EQ(Run(Words("call Ping")).exit_status, 3);
-}
-
 }  // namespace
 }  // namespace kvox

@@ -89,6 +89,17 @@ class MachineTest : public ::testing::Test {
     return -1;
   }
 
+  /// Entries of a directory that the kernel keeps of the daemon: "task" or "fd".
+  int CountEntries(const std::string& what) {
+    const auto path = "/proc/" + std::to_string(daemon_->pid()) + "/" + what;
+    std::error_code error;
+    int count = 0;
+    for (std::filesystem::directory_iterator it(path, error), end; !error && it != end;
+         it.increment(error))
+      ++count;
+    return count;
+  }
+
   bool DaemonLogs(const std::string& part, int count = 1) {
     return WaitFor([&] { return CountOf(part, daemon_->Err()) >= count; });
   }

@@ -1,0 +1,187 @@
+// Clients of relays: the real programs, a call under way.
+#include <sndfile.h>
+
+#include <filesystem>
+
+#include "tests/system/machine.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+/// Samples of a WAV file with one channel.
+std::vector<int16_t> Samples(const std::string& path) {
+  SF_INFO info{};
+  SNDFILE* const file = sf_open(path.c_str(), SFM_READ, &info);
+  if (file == nullptr) return {};
+  std::vector<int16_t> samples(static_cast<size_t>(info.frames * info.channels));
+  sf_readf_short(file, samples.data(), info.frames);
+  sf_close(file);
+  return samples;
+}
+
+class RelayMachineTest : public MachineTest {
+ protected:
+  /// A call whose down-link is a ramp that tells which sample it is; the up-link goes into a file.
+  void StartCall() {
+    WriteRamp("ramp.wav", 48000);
+    std::ofstream(directory_ / "call.toml") << R"(
+cores = [2, 4]
+tapouts = [0, 40, 41]
+injects = [0, 40, 41]
+[[tap]]
+name = "vpdl"
+core = 4
+channels = 2
+noninterleaved = 480
+source = { kind = "wav", file = "ramp.wav", repeat = true }
+[[tap]]
+name = "vpul"
+index = 1
+core = 4
+noninterleaved = 480
+sink = { kind = "wav", file = "uplink.wav" }
+)";
+    StartSimulator({"--scenario", directory_ / "call.toml"});
+    StartDaemon();
+    ASSERT_TRUE(
+        WaitFor([&] { return Run(Words("call ListTapOutBuffers")).out.find("tapout41") != -1ul; }));
+    Call("EnableUseCase AREL_TELE true");
+  }
+
+  void WriteRamp(const std::string& name, int frames) {
+    SF_INFO info{};
+    info.samplerate = 48000;
+    info.channels = 1;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* const file = sf_open((directory_ / name).c_str(), SFM_WRITE, &info);
+    std::vector<int16_t> ramp;
+    for (int i = 0; i < frames; ++i) ramp.push_back(static_cast<int16_t>(1 + i % 30000));
+    sf_writef_short(file, ramp.data(), frames);
+    sf_close(file);
+  }
+
+  std::unique_ptr<Process> Client(const std::string& line) {
+    return std::make_unique<Process>(KVOXCTL_PROGRAM, Words(line), directory_ / "client");
+  }
+
+  bool CallIsOn() {
+    return Run(Words("--json call IsUseCaseEnabled AREL_TELE")).out.find("\"value\": 1.0") != -1ul;
+  }
+  int64_t Injected() { return Figure("vpdl.0", "received"); }
+};
+
+TEST_F(RelayMachineTest, RecordAndPlayCarryACallAndLeaveItOn) {
+  StartCall();
+  const std::string recorded = (directory_ / "down.wav").string();
+  const auto record = Client("record art0 " + recorded + " --seconds 1");
+  EXPECT_THAT(record->Wait(), ::testing::AnyOf(0, 7)) << record->Err();
+  EXPECT_THAT(record->Out(), HasSubstr("recorded 1.000 s in 10 blocks"));
+  const auto samples = Samples(recorded);
+  ASSERT_EQ(samples.size(), 48000u);
+  int steps = 0;
+  for (size_t i = 1; i < samples.size(); ++i) steps += samples[i] == samples[i - 1] + 1 ? 1 : 0;
+  EXPECT_GE(steps, 47980) << "but for the seams of the ramp and of blocks";
+
+  WriteRamp("speech.wav", 7000);
+  const ClientRun play = Run({"play", "art1", directory_ / "speech.wav"});
+  EXPECT_THAT(play.exit_status, ::testing::AnyOf(0, 7)) << play.err;
+  EXPECT_THAT(play.out, HasSubstr("played 0.200 s in 2 blocks"));
+  EXPECT_TRUE(WaitFor([&] {
+    const auto up = Samples(directory_ / "uplink.wav");
+    const auto sound = std::find(up.begin(), up.end(), 1);
+    return up.end() - sound >= 7000 && sound[6999] == 7000;
+  }));
+
+  const std::string open_end = (directory_ / "open_end.wav").string();
+  const auto interrupted = Client("record art0 " + open_end);
+  ASSERT_TRUE(WaitFor([&] { return !Samples(open_end).empty(); })) << "valid while it grows";
+  interrupted->Signal(SIGINT);
+  EXPECT_THAT(interrupted->Wait(), ::testing::AnyOf(0, 7));
+  EXPECT_TRUE(CallIsOn());
+}
+
+TEST_F(RelayMachineTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
+  StartCall();
+  const auto threads = [&] { return CountEntries("task"); };
+  const auto descriptors = [&] { return CountEntries("fd"); };
+  ASSERT_TRUE(CallIsOn());
+  const auto client =
+      Client("call RegisterReceiveAudioCallback art0 60 " + (directory_ / "raw").string());
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(directory_ / "raw"); }));
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::file_size(directory_ / "raw") > 0; }));
+  client->Signal(SIGKILL);
+  client->Wait();
+  EXPECT_TRUE(WaitFor([&] { return !CallIsOn(); }));
+  EXPECT_THAT(Call("ListProcessors"), HasSubstr("none"));
+  const int threads_before = threads();
+  const int descriptors_before = descriptors();
+  for (int i = 0; i < 3; ++i) {
+    Call("EnableUseCase AREL_TELE true");
+    EXPECT_EQ(Run(Words("call RegisterReceiveAudioCallback art0 0.3 /dev/null")).exit_status, 2);
+    Run(Words("call RegisterReceiveAudioCallback art0 0.3 " + (directory_ / "raw").string()));
+    EXPECT_TRUE(WaitFor([&] { return !CallIsOn(); }));
+  }
+  EXPECT_TRUE(WaitFor([&] { return threads() == threads_before; }));
+  EXPECT_TRUE(WaitFor([&] { return descriptors() == descriptors_before; }));
+}
+
+TEST_F(RelayMachineTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
+  StartCall();
+  const auto client =
+      Client("call RegisterReceiveAudioCallback art0 60 " + (directory_ / "raw").string());
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(directory_ / "raw"); }));
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::file_size(directory_ / "raw") > 0; }));
+  client->Signal(SIGSTOP);
+  EXPECT_TRUE(DaemonLogs("art0: the client was too slow"));
+  const int64_t before = Injected();
+  EXPECT_TRUE(WaitFor([&] { return Injected() > before + 3; })) << "audio goes on";
+  EXPECT_THAT(Call("ListProcessors"), HasSubstr("art0"));
+  Call("EnableUseCase AREL_TELE false");
+  EXPECT_THAT(Call("ListProcessors"), HasSubstr("none"));
+  client->Signal(SIGCONT);
+}
+
+TEST_F(RelayMachineTest, AStayingClientNoticesThatTheDaemonHasGone) {
+  StartCall();
+  const auto raw =
+      Client("call RegisterReceiveAudioCallback art0 60 " + (directory_ / "raw").string());
+  ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(directory_ / "raw"); }));
+  Process record(KVOXCTL_PROGRAM, Words("record art1 " + (directory_ / "r.wav").string()),
+                 directory_ / "record");
+  ASSERT_TRUE(WaitFor([&] { return record.Err().find("recording from art1") != -1ul; }));
+  daemon_->Signal(SIGTERM);
+  daemon_->Wait();
+  EXPECT_EQ(raw->Wait(), 3);
+  EXPECT_EQ(record.Wait(), 3);
+  EXPECT_THAT(record.Err(), HasSubstr("kvoxd has gone"));
+}
+
+TEST_F(RelayMachineTest, WhatCannotBePlayedOrRecordedIsNamed) {
+  StartCall();
+  WriteRamp("speech.wav", 100);
+  const std::string speech = (directory_ / "speech.wav").string();
+  const struct {
+    std::string line;
+    int status;
+    const char* message;
+  } rows[] = {
+      {"play art1 /none.wav", 2, "FILE: '/none.wav' cannot be opened: No such file"},
+      {"play toolong " + speech, 2, "PROCESSOR: 'toolong' is not four characters or a number"},
+      {"play nope " + speech, 1, "there is no processor nope"},
+      {"record art0 /none/a.wav", 1, "'/none/a.wav' cannot be opened"},
+      {"record art0", 2, "FILE is required"},
+      {"record art0 a.wav --seconds 0", 2, "--seconds"},
+  };
+  for (const auto& row : rows) {
+    const ClientRun run = Run(Words(row.line));
+    EXPECT_EQ(run.exit_status, row.status) << row.line << "\n" << run.err;
+    EXPECT_THAT(run.out + run.err, HasSubstr(row.message));
+  }
+  EXPECT_TRUE(CallIsOn());
+}
+
+}  // namespace
+}  // namespace kvox
