@@ -20,7 +20,7 @@ constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
 constexpr char kExample[] = R"(Example: a phone in a directory of its own, for ten seconds
-  export KVOX_DEV_DIR=/tmp/phone && mkdir -p $KVOX_DEV_DIR
+  export KVOX_DEV_DIR=$HOME/phone && mkdir -p $KVOX_DEV_DIR
   kvosim --print --seconds 10
 
 Devices appear in $KVOX_DEV_DIR, /dev when it is not set.)";

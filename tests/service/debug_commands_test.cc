@@ -122,11 +122,6 @@ TEST_F(DebugCommands, CapturesAllBuffers) {
               ElementsAre(HasSubstr("own.wav, 0 samples"), HasSubstr("_inject0.wav, 0 samples"),
                           "Debug capture stop all"));
   EXPECT_FALSE(std::filesystem::exists(file("tapout3")));
-  EXPECT_THAT(Debug("capture start all").lines[0], HasSubstr(" /tmp/kvox_capture_tapout0.wav"));
-  Debug("capture stop all");
-  for (const char* name : {"tapout0", "tapout3", "inject0"}) {
-    std::filesystem::remove("/tmp/kvox_capture_" + std::string(name) + ".wav");
-  }
 }
 
 }  // namespace
