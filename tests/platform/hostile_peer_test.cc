@@ -47,7 +47,7 @@ class HostilePeerTest : public BinderTest {
     FrameHeader header = frame.header;
     header.parcel_size = static_cast<uint32_t>(frame.parcel.size());
     std::memcpy(wire.data(), &header, sizeof header);
-    std::memcpy(wire.data() + sizeof header, frame.parcel.data(), frame.parcel.size());
+    std::copy(frame.parcel.begin(), frame.parcel.end(), wire.begin() + sizeof header);
     EXPECT_EQ(fcntl(peer_->fd(), F_SETFL, O_NONBLOCK), 0);
     constexpr size_t kEnough = 64 * kPauseRequestBytes;
     size_t bytes = 0;
