@@ -236,14 +236,16 @@ bool TapReader::WaitReadable(int fd, uint64_t deadline_ns) {
 }
 
 bool TapReader::WaitFor(int fd, DeviceIo::Direction direction, uint64_t deadline_ns) {
-  const uint64_t now = links_.io.NowNs();
-  if (now >= deadline_ns) return false;
-  const DeviceIo::Ready ready =
-      links_.io.Wait(fd, direction, links_.wake.fd(), WholeMsBetween(now, deadline_ns));
-  if (ready == DeviceIo::Ready::kWoken) links_.wake.Clear();  // a wish for a copy stays noted
-  const bool needed_elsewhere = stopping() || links_.routes.Stale();
-  return !needed_elsewhere &&
-         (ready == DeviceIo::Ready::kDevice || ready == DeviceIo::Ready::kWoken);
+  while (!stopping() && !links_.routes.Stale()) {
+    const uint64_t now = links_.io.NowNs();
+    if (now >= deadline_ns) return false;
+    const DeviceIo::Ready ready =
+        links_.io.Wait(fd, direction, links_.wake.fd(), WholeMsBetween(now, deadline_ns));
+    if (ready == DeviceIo::Ready::kDevice) return !stopping() && !links_.routes.Stale();
+    if (ready == DeviceIo::Ready::kFailed) return false;
+    if (ready == DeviceIo::Ready::kWoken) links_.wake.Clear();  // a wish for a copy stays noted
+  }
+  return false;
 }
 
 void TapReader::HandlePacket(const StreamFindings& findings) {
@@ -254,7 +256,8 @@ void TapReader::HandlePacket(const StreamFindings& findings) {
   statistics_.samples_per_packet.store(FrameCount(header.format, header.payload_size), kRelaxed);
   statistics_.sample_rate.store(header.format.sample_rate, kRelaxed);
 
-  const TimingVerdict verdict = judge_.Judge(links_.io.NowNs(), header.format, header.payload_size);
+  const uint64_t now = links_.io.NowNs();
+  const TimingVerdict verdict = judge_.Judge(now, header.format, header.payload_size);
   LogTiming(name_, verdict.arrival, judge_.elapsed_ms());
   if (verdict.arrival == TimingVerdict::Arrival::kEarly) Count(statistics_.early);
   if (verdict.arrival == TimingVerdict::Arrival::kLate) Count(statistics_.late);
@@ -265,7 +268,7 @@ void TapReader::HandlePacket(const StreamFindings& findings) {
   FollowStream(header, verdict.arrival != TimingVerdict::Arrival::kOnTime);
   const RoutePublisher::Use table(links_.routes);
   FollowFormat(*table, header);
-  Dispatch(*table, header, findings.packet);
+  Dispatch(*table, header, findings.packet, now);
 }
 
 void TapReader::FollowStream(const KvoxPacketHeader& header, bool unpunctual) {
@@ -300,8 +303,8 @@ void TapReader::FollowFormat(const RouteTable& table, const KvoxPacketHeader& he
   links_.rx_format.Adopt(header.format, rx_format_serial_);
 }
 
-void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header,
-                         std::byte* packet) {
+void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header, std::byte* packet,
+                         uint64_t arrived_ns) {
   const std::span<const std::byte> payload(packet + kPacketHeaderSize, header.payload_size);
   last_payload_ = payload.data();
   for (const Route& route : table.routes) {
@@ -309,6 +312,7 @@ void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header
                                : std::span<std::byte>());
     const BlockResult result = route.processor->ProcessPacket({.audio = payload,
                                                                .format = stored_header_.format,
+                                                               .arrived_ns = arrived_ns,
                                                                .connected = route.output != nullptr,
                                                                .state = route.state.get(),
                                                                .waiter = *this},

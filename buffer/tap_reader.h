@@ -100,7 +100,8 @@ class TapReader : private RtWaiter {
   void HandlePacket(const StreamFindings& findings);
   void FollowStream(const KvoxPacketHeader& header, bool unpunctual);
   void FollowFormat(const RouteTable& table, const KvoxPacketHeader& header);
-  void Dispatch(const RouteTable& table, const KvoxPacketHeader& header, std::byte* packet);
+  void Dispatch(const RouteTable& table, const KvoxPacketHeader& header, std::byte* packet,
+                uint64_t arrived_ns);
   void Send(const Route& route, const BlockResult& result, OutputArea& area,
             const KvoxPacketHeader& header, std::byte* packet);
 

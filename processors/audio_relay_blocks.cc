@@ -9,17 +9,19 @@
 namespace kvox {
 namespace {
 
-/// How long a client is waited for: half the block's time.
+/// Until when clients are waited for: half the block's time after its arrival, however many relays
+/// have their turn with it.
 uint64_t Deadline(const Block& block, uint64_t frames) {
   constexpr uint64_t kNsPerSecond = 1'000'000'000;
-  return block.waiter.NowNs() + frames * kNsPerSecond / kRelaySampleRate / 2;
+  return block.arrived_ns + frames * kNsPerSecond / kRelaySampleRate / 2;
 }
 
 }  // namespace
 
 BlockResult AudioRelayProcessor::ProcessPacket(const Block& block, OutputArea* out) {
   const auto* const state = static_cast<const RelayState*>(block.state);
-  if (!IsEnabled() || state == nullptr || !state->stream || block.audio.empty()) return {};
+  const bool passes = IsEnabled() && !restarting_.load(std::memory_order_relaxed);
+  if (!passes || state == nullptr || !state->stream || block.audio.empty()) return {};
   ProcessBlockBegin();
   const int32_t status = IsTelephony() ? ProcessBlockForTelephony(block, *state, out)
                                        : ProcessBlockGeneric(block, *state, out);
@@ -96,22 +98,28 @@ int32_t AudioRelayProcessor::ProcessBlockGeneric(const Block& block, const Relay
   const std::span<const std::byte> sent = state.stream->sent.Take();
   if (sent.empty()) return 0;
   FromInterleaved(sent.first(block.audio.size()), tap, {out->Data(), out->size()});
-  uint32_t cut = 0;
-  if (sent.size() > block.audio.size() && cut_.Count(block.waiter.NowNs(), cut)) {
-    LogWarning(
-        "%s: the end of %u sent blocks is lost, the tap's blocks are shorter; set its block "
-        "length",
-        id_text(), cut);
-  }
+  if (sent.size() > block.audio.size()) cut_.Count();
+  if (const uint32_t blocks = cut_.TakeDue(block.waiter.NowNs())) ReportCut(blocks);
   return 0;
 }
 
 void AudioRelayProcessor::NotePassedBy(RelayClient::Answer answer, uint64_t now_ns) {
-  if (answer != RelayClient::Answer::kLate && answer != RelayClient::Answer::kBusy) return;
-  uint32_t blocks = 0;
-  if (!passed_by_.Count(now_ns, blocks)) return;
+  const bool passed_by =
+      answer == RelayClient::Answer::kLate || answer == RelayClient::Answer::kBusy;
+  if (passed_by) passed_by_.Count();
+  if (const uint32_t blocks = passed_by_.TakeDue(now_ns)) ReportPassedBy(blocks);
+}
+
+void AudioRelayProcessor::ReportPassedBy(uint32_t blocks) const {
   LogWarning("%s: the client was too slow for %u block%s", id_text(), blocks,
              blocks == 1 ? "" : "s");
+}
+
+void AudioRelayProcessor::ReportCut(uint32_t blocks) const {
+  LogWarning(
+      "%s: the end of %u sent blocks is lost, the tap's blocks are shorter; set its block "
+      "length",
+      id_text(), blocks);
 }
 
 }  // namespace kvox

@@ -39,12 +39,10 @@ const Role& RoleOf(FourCc id) {
 
 }  // namespace
 
-bool BlockCounter::Count(uint64_t now_ns, uint32_t& since_last) {
-  ++count_;
-  if (reported_ns_ != 0 && now_ns - reported_ns_ < kReportNs) return false;
+uint32_t BlockCounter::TakeDue(uint64_t now_ns) {
+  if (count_ == 0 || (reported_ns_ != 0 && now_ns - reported_ns_ < kReportNs)) return 0;
   reported_ns_ = now_ns;
-  since_last = std::exchange(count_, 0);
-  return true;
+  return std::exchange(count_, 0);
 }
 
 std::shared_ptr<AudioRelayProcessor> AudioRelayProcessor::Create(FourCc id, RelayOwner& owner) {
@@ -62,8 +60,9 @@ AudioRelayProcessor::AudioRelayProcessor(FourCc id, RelayOwner& owner)
       state_(std::make_shared<const RelayState>(nullptr, nullptr)) {}
 
 AudioRelayProcessor::~AudioRelayProcessor() {
-  MutexLock lock(audio_mutex_);
-  if (state_->client) state_->client->Stop();
+  if (const auto last = state(); last->client) last->client->Stop();
+  if (passed_by_.rest() > 0) ReportPassedBy(passed_by_.rest());
+  if (cut_.rest() > 0) ReportCut(cut_.rest());
 }
 
 bool AudioRelayProcessor::IsTelephony() const {
@@ -86,7 +85,8 @@ int32_t AudioRelayProcessor::Enable(bool enable) {
 /// long as its samples have the size of the role's they are taken to be the role's.
 IKvox::AudioPacket AudioRelayProcessor::Shape() const {
   const Role& role = RoleOf(id());
-  const auto format = GetBitsPerSample() == role.bits ? role.format : GetDataFormat();
+  const bool has_role = role.id != 0;
+  const auto format = has_role && GetBitsPerSample() == role.bits ? role.format : GetDataFormat();
   IKvox::AudioPacket shape;
   shape.processor_id = static_cast<int32_t>(id());
   shape.sampleRate = static_cast<int8_t>(SampleRateToEnum(GetSampleRate()));
@@ -131,12 +131,14 @@ int32_t AudioRelayProcessor::SetParameter(Id id, int element, const Value& value
   int32_t status;
   {
     MutexLock lock(processor_mutex_);
-    const bool was_enabled = IsEnabled();
-    SetEnabled(false);
+    restarting_.store(true, std::memory_order_relaxed);
     status = KvoxProcessor::SetParameter(id, element, value);
     // A length that the tap point refused is stored, but its blocks keep their size.
-    if (status == 0 && was_enabled && startProcessor() != 0) return 1;
-    SetEnabled(was_enabled);
+    if (status == 0 && IsEnabled() && startProcessor() != 0) {
+      SetEnabled(false);
+      status = 1;
+    }
+    restarting_.store(false, std::memory_order_relaxed);
   }
   RefreshFeed();
   return status;
@@ -196,11 +198,12 @@ int32_t AudioRelayProcessor::SendAudio(const IKvox::AudioPacket& packet) {
 void AudioRelayProcessor::RegisterReceiveAudioCallback(
     const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback) {
   KvoxProcessor::RegisterReceiveAudioCallback(callback);
-  FollowCallback();
+  FollowCallback(static_cast<uint64_t>(AIBinder_getCallingPid()));
 }
 
-/// The client of the blocks becomes the callback that is registered now.
-void AudioRelayProcessor::FollowCallback() {
+/// The client of the blocks becomes the callback that is registered now; its thread counts among
+/// those of the process that registered it.
+void AudioRelayProcessor::FollowCallback(uint64_t share) {
   std::shared_ptr<const RelayState> replaced;  // let go of without the locks
   {
     MutexLock registration(registration_mutex_);
@@ -208,7 +211,7 @@ void AudioRelayProcessor::FollowCallback() {
     const auto before = state();
     if (before->client ? before->client->Calls(callback) : callback == nullptr) return;
     std::shared_ptr<RelayClient> client;
-    if (callback) client = RelayClient::Start(callback, owner_.client_threads());
+    if (callback) client = RelayClient::Start(callback, owner_.client_threads(), share);
     if (callback && !client) {
       LogError("%s: no thread to call the client with, it gets no audio; end other clients first",
                id_text());
@@ -224,8 +227,8 @@ void AudioRelayProcessor::FollowCallback() {
 void AudioRelayProcessor::onCallbackDeath() {
   LogInfo("%s: receive_audio_callback is not alive and try to disable %s", "onCallbackDeath",
           id_text());
-  FollowCallback();
-  if (owner_.DisableUseCaseOf(id()) != 0) {
+  FollowCallback(0);
+  if (owner_.DisableUseCaseOf(*this) != 0) {
     LogError("%s: Failed to disable %s", "onCallbackDeath", id_text());
   }
 }

@@ -10,6 +10,8 @@
 // held while the client is called; see RelayClient for who waits for whom.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 
 #include "kvox/common/mutex.h"
@@ -22,11 +24,16 @@ namespace kvox {
 struct RelayStream;
 struct RelayState;
 
-/// Something that happens to single blocks, reported once a second at most.
+/// Something that happens to single blocks, reported once a second at most. One thread at a time.
 class BlockCounter {
  public:
-  /// RT: one more. True when it is time to report; `since_last` then says how many came up.
-  bool Count(uint64_t now_ns, uint32_t& since_last);
+  void Count() { ++count_; }
+
+  /// RT: how many to report now; 0 when there are none, or it is too early.
+  uint32_t TakeDue(uint64_t now_ns);
+
+  /// How many have not been reported.
+  uint32_t rest() const { return count_; }
 
  private:
   uint32_t count_ = 0;
@@ -66,16 +73,19 @@ class AudioRelayProcessor : public KvoxProcessor {
   IKvox::AudioPacket Shape() const;
   int32_t startProcessor() REQUIRES(processor_mutex_);
   void SetStream(std::shared_ptr<RelayStream> stream);
-  void FollowCallback();
+  void FollowCallback(uint64_t share);
 
   // RT.
   int32_t ProcessBlockForTelephony(const Block& block, const RelayState& state, OutputArea* out);
   int32_t ProcessBlockGeneric(const Block& block, const RelayState& state, OutputArea* out);
   void NotePassedBy(RelayClient::Answer answer, uint64_t now_ns);
+  void ReportPassedBy(uint32_t blocks) const;
+  void ReportCut(uint32_t blocks) const;
 
   RelayOwner& owner_;
 
-  Mutex processor_mutex_;  // one switching at a time
+  Mutex processor_mutex_;                 // one switching at a time
+  std::atomic<bool> restarting_ = false;  // enabled, but no block passes
 
   Mutex registration_mutex_ ACQUIRED_BEFORE(audio_mutex_);  // one change of the client at a time
 

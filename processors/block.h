@@ -14,7 +14,7 @@ class RtWaiter {
  public:
   virtual ~RtWaiter() = default;
   /// RT: true when `fd` can be written (or read); false when the thread is needed elsewhere or
-  /// `deadline_ns` of its clock has passed.
+  /// `deadline_ns` of its clock has passed, whatever wakes the thread in between.
   virtual bool WaitWritable(int fd, uint64_t deadline_ns) = 0;
   virtual bool WaitReadable(int fd, uint64_t deadline_ns) = 0;
   /// RT: the packet clock.
@@ -32,6 +32,7 @@ class BlockState {
 struct Block {
   std::span<const std::byte> audio;
   KvoxTapFormat format;     // of the input buffer
+  uint64_t arrived_ns;      // when its packet came, on the waiter's clock
   bool connected;           // to an output buffer, be it enabled or not
   const BlockState* state;  // what the processor's block_state() answered
   RtWaiter& waiter;

@@ -213,16 +213,20 @@ int32_t KvoxProcessor::SendAudio(const IKvox::AudioPacket&) {
 
 void KvoxProcessor::RegisterReceiveAudioCallback(
     const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback) {
-  std::shared_ptr<IKvox::IReceiveAudioCallback> replaced = callback;
+  const ndk::SpAIBinder binder = callback ? callback->asBinder() : ndk::SpAIBinder();
+  std::shared_ptr<IKvox::IReceiveAudioCallback> replaced = callback;  // let go of without the lock
+  ndk::SpAIBinder unlinked = binder;
   uint64_t serial;
   {
     MutexLock lock(links_mutex_);
     std::swap(receive_audio_callback_, replaced);
+    // Linked already: a client may register the same object any number of times.
+    if (binder.get() != nullptr && binder == linked_binder_) return;
+    std::swap(linked_binder_, unlinked);
     serial = ++callback_serial_;
   }
   if (callback == nullptr) return;
   auto* const link = new CallbackLink{weak_from_this(), serial};
-  const ndk::SpAIBinder binder = callback->asBinder();
   const binder_status_t status =
       AIBinder_linkToDeath(binder.get(), death_recipient_.get(), link);  // unlinking deletes `link`
   if (status != STATUS_OK) {
@@ -233,10 +237,12 @@ void KvoxProcessor::RegisterReceiveAudioCallback(
 
 void KvoxProcessor::CallbackDied(uint64_t serial) {
   std::shared_ptr<IKvox::IReceiveAudioCallback> dead;  // released without the lock
+  ndk::SpAIBinder unlinked;
   {
     MutexLock lock(links_mutex_);
     if (serial != callback_serial_) return;
     std::swap(receive_audio_callback_, dead);
+    std::swap(linked_binder_, unlinked);
   }
   onCallbackDeath();
 }
@@ -244,6 +250,10 @@ void KvoxProcessor::CallbackDied(uint64_t serial) {
 void KvoxProcessor::onCallbackDeath() {}
 
 void KvoxProcessor::onCallbackUnlinked() {}
+
+bool KvoxProcessor::HasReceiveAudioCallback() const {
+  return receive_audio_callback() != nullptr;
+}
 
 std::shared_ptr<IKvox::IReceiveAudioCallback> KvoxProcessor::receive_audio_callback() const {
   MutexLock lock(links_mutex_);

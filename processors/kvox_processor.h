@@ -109,6 +109,8 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   std::shared_ptr<AudioEndpoint> input() const;
   std::shared_ptr<AudioEndpoint> output() const;
 
+  bool HasReceiveAudioCallback() const;
+
   /// A death notice for registration number `serial`; passed by when it has been replaced. Else
   /// the callback is dropped, and the kind hears of it by onCallbackDeath().
   void CallbackDied(uint64_t serial);
@@ -148,6 +150,7 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   std::weak_ptr<AudioEndpoint> feed_ GUARDED_BY(links_mutex_);
   std::weak_ptr<AudioEndpoint> output_ GUARDED_BY(links_mutex_);
   std::shared_ptr<IKvox::IReceiveAudioCallback> receive_audio_callback_ GUARDED_BY(links_mutex_);
+  ndk::SpAIBinder linked_binder_ GUARDED_BY(links_mutex_);  // the callback's
   uint64_t callback_serial_ GUARDED_BY(links_mutex_) = 0;
 };
 

@@ -7,9 +7,11 @@
 namespace kvox {
 
 std::shared_ptr<RelayClient> RelayClient::Start(
-    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadReaper& reaper) {
+    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadReaper& reaper, uint64_t share) {
   auto client = std::make_shared<RelayClient>(std::move(callback));
-  const bool started = reaper.Start("kvox-client", [client] { client->Serve(); });
+  if (client->work_.fd() < 0 || client->answered_.fd() < 0) return nullptr;
+  const bool started = reaper.Start(
+      "kvox-client", [client] { client->Serve(); }, share);
   return started ? client : nullptr;
 }
 
@@ -42,14 +44,18 @@ RelayClient::Answer RelayClient::Deliver(const IKvox::AudioPacket& shape, RtWait
   // Release: the thread sees the packet.
   state_.store(State::kFull, std::memory_order_release);
   work_.Signal();
-  waiter.WaitReadable(answered_.fd(), deadline_ns);
+  // The signal may still be that of a late answer: what counts is the state.
+  while (state_.load(std::memory_order_acquire) == State::kFull &&
+         waiter.WaitReadable(answered_.fd(), deadline_ns)) {
+    answered_.Clear();
+  }
   switch (state_.load(std::memory_order_acquire)) {
     case State::kAccepted:
       return Answer::kAccepted;
     case State::kRefused:
       return Answer::kRefused;
     default:
-      return Answer::kLate;
+      return waiter.NowNs() >= deadline_ns ? Answer::kLate : Answer::kGivenUp;
   }
 }
 

@@ -25,12 +25,13 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
     kRefused,  // also by a client that has died
     kLate,     // no answer in time; what it answers later is not heard
     kBusy,     // still with an earlier block: this one was not handed over
+    kGivenUp,  // the I/O thread was needed elsewhere
   };
 
-  /// The client and its thread, which ends by itself after Stop(). Null when the system has no
-  /// thread to give.
+  /// The client and its thread, which ends by itself after Stop() and counts among those of
+  /// `share`. Null when there is no thread, or nothing to wait on, to be had.
   static std::shared_ptr<RelayClient> Start(std::shared_ptr<IKvox::IReceiveAudioCallback> callback,
-                                            ThreadReaper& reaper);
+                                            ThreadReaper& reaper, uint64_t share);
 
   explicit RelayClient(std::shared_ptr<IKvox::IReceiveAudioCallback> callback);
 
@@ -38,7 +39,7 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
   void Stop();
 
   bool Calls(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback) const {
-    return callback_ == callback;
+    return callback != nullptr && callback_->asBinder() == callback->asBinder();
   }
 
   // RT, one I/O thread at a time.

@@ -3,19 +3,21 @@
 
 #include <cstdint>
 
-#include "kvox/common/four_cc.h"
 #include "processors/thread_reaper.h"
 
 namespace kvox {
+
+class KvoxProcessor;
 
 /// Outlives every relay. Any thread but an I/O thread may call.
 class RelayOwner {
  public:
   virtual ~RelayOwner() = default;
 
-  /// Switches off the use case that a relay of this id stands for, because its client has died.
-  /// Answers 0, or a status of the commands.
-  virtual int32_t DisableUseCaseOf(FourCc relay) = 0;
+  /// Switches off the use case that this relay stands for, because its client has died; not when
+  /// another relay has taken its place or another client the dead one's meanwhile. Answers 0, or a
+  /// status of the commands.
+  virtual int32_t DisableUseCaseOf(const KvoxProcessor& relay) = 0;
 
   /// Runs the threads that call clients.
   virtual ThreadReaper& client_threads() = 0;

@@ -1,16 +1,10 @@
 #include "processors/sent_audio.h"
 
-#include <algorithm>
-
 namespace kvox {
-
-SentAudio::SentAudio(size_t block_size) {
-  for (auto& slot : slots_) slot.resize(block_size);
-}
 
 void SentAudio::Put(std::span<const uint8_t> block) {
   MutexLock lock(writers_);
-  std::copy(block.begin(), block.end(), slots_[writing_].begin());
+  slots_[writing_].assign(block.begin(), block.end());
   // Release: the reader sees the block we wrote. Acquire: it has done with the slot we get.
   const auto unread = static_cast<uint8_t>(writing_ | kUnread);
   writing_ = waiting_.exchange(unread, std::memory_order_acq_rel) & kNumber;

@@ -17,9 +17,9 @@ namespace kvox {
 /// Each side owns its slot and trades it for the waiting one, so neither waits for the other.
 class SentAudio {
  public:
-  explicit SentAudio(size_t block_size);
+  explicit SentAudio(size_t block_size) : block_size_(block_size) {}
 
-  size_t block_size() const { return slots_[0].size(); }
+  size_t block_size() const { return block_size_; }
 
   /// Service threads: copies a block of block_size() bytes; it is pending from then on.
   void Put(std::span<const uint8_t> block);
@@ -33,7 +33,8 @@ class SentAudio {
   static constexpr uint8_t kUnread = 0x80;
   static constexpr uint8_t kNumber = 0x03;
 
-  std::array<std::vector<uint8_t>, 3> slots_;
+  const size_t block_size_;
+  std::array<std::vector<uint8_t>, 3> slots_;  // allocated by the writers when first used
   std::atomic<uint8_t> waiting_ = 1;
   Mutex writers_;  // a leaf lock; never the reader's
   uint8_t writing_ GUARDED_BY(writers_) = 0;

@@ -1,5 +1,6 @@
 #include "processors/thread_reaper.h"
 
+#include <algorithm>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -18,19 +19,22 @@ ThreadReaper::~ThreadReaper() {
   if (last.joinable()) last.join();
 }
 
-bool ThreadReaper::Start(const char* name, std::function<void()> body) {
+bool ThreadReaper::Start(const char* name, std::function<void()> body, uint64_t share) {
   MutexLock lock(mutex_);
-  if (running_.size() >= limit_) return false;
+  const auto of_share = std::count_if(running_.begin(), running_.end(), [share](const auto& entry) {
+    return entry.second.share == share;
+  });
+  if (running_.size() >= limit_ || static_cast<size_t>(of_share) >= share_limit_) return false;
   const size_t number = next_number_++;
   try {
     // The thread ends under the lock, so not before it is in the table.
-    running_.emplace(number, std::thread([this, number, text = std::string(name),
-                                          run = std::move(body)]() mutable {
-                       SetThreadName(text.c_str());
-                       run();
-                       run = nullptr;
-                       Finish(number);
-                     }));
+    std::thread thread([this, number, text = std::string(name), run = std::move(body)]() mutable {
+      SetThreadName(text.c_str());
+      run();
+      run = nullptr;
+      Finish(number);
+    });
+    running_.emplace(number, Running{std::move(thread), share});
   } catch (const std::system_error&) {
     return false;
   }
@@ -46,7 +50,7 @@ size_t ThreadReaper::running() const {
 void ThreadReaper::Finish(size_t number) {
   std::thread before;
   MutexLock lock(mutex_);
-  before = std::exchange(finished_, std::move(running_.at(number)));
+  before = std::exchange(finished_, std::move(running_.at(number).thread));
   running_.erase(number);
   lock.Unlock();
   if (before.joinable()) before.join();

@@ -56,6 +56,9 @@ struct ConnectionState {
 /// kept until the client returns or dies.
 inline constexpr size_t kMaxClientThreads = 64;
 
+/// As many of them may be for callbacks that one process has registered.
+inline constexpr size_t kMaxThreadsOfClient = 8;
+
 /// What the service works with. Everything outlives it.
 struct ServiceEnvironment {
   CoprocessorLink& link;
@@ -240,12 +243,14 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
 
   // Use cases (use_case_commands.cc).
   void SwitchUseCase(IKvox::UseCase use_case, bool enable, CommandResult* result);
-  void SwitchTelephony(bool enable, CommandResult* result) EXCLUDES(use_case_mutex_);
+  void SwitchInTurn(IKvox::UseCase use_case, bool enable, CommandResult* result)
+      EXCLUDES(use_case_mutex_);
+  class UseCaseTurn;
   void RunSteps(std::span<const UseCaseStep> steps, CommandResult* result);
   void RunStep(const UseCaseStep& step, CommandResult* result);
 
   // RelayOwner.
-  int32_t DisableUseCaseOf(FourCc relay) override;
+  int32_t DisableUseCaseOf(const KvoxProcessor& relay) override;
   ThreadReaper& client_threads() override { return client_threads_; }
 
   // What the words of Debug do (debug_commands.cc). `args` holds all of them.
@@ -263,11 +268,12 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   const ServiceEnvironment environment_;
   const BufferEnvironment buffer_environment_;
 
-  ThreadReaper client_threads_{kMaxClientThreads};  // of relays; outlives the processors below
+  ThreadReaper client_threads_{kMaxClientThreads,
+                               kMaxThreadsOfClient};  // of relays; outlives the processors below
 
   Mutex use_case_mutex_;  // held for a look only
-  CondVar telephony_switched_;
-  bool telephony_switching_ GUARDED_BY(use_case_mutex_) = false;
+  CondVar use_case_switched_;
+  bool use_case_switching_ GUARDED_BY(use_case_mutex_) = false;
   bool telephony_enabled_ GUARDED_BY(use_case_mutex_) = false;
 
   Mutex wiring_mutex_ ACQUIRED_BEFORE(mutex_);

@@ -127,8 +127,11 @@ void KvoxService::RestoreProcessor(FourCc id) {
     if (was_enabled) to_enable_again_.insert(id);
     return;
   }
-  to_enable_again_.erase(id);
-  processor->Enable(was_enabled);
+  if (processor->Enable(was_enabled) == 0) {
+    to_enable_again_.erase(id);
+  } else {
+    to_enable_again_.insert(id);
+  }
 }
 
 void KvoxService::RestoreBuffer(const std::string& name) {

@@ -74,29 +74,47 @@ KvoxService::Status KvoxService::EnableUseCase(UseCase use_case, bool enable,
   return Status::ok();
 }
 
+/// One client at a time switches use cases, so that two cannot mix their steps; the others wait for
+/// their turn. No lock is held meanwhile.
+class KvoxService::UseCaseTurn {
+ public:
+  explicit UseCaseTurn(KvoxService& service) : service_(service) {
+    MutexLock lock(service_.use_case_mutex_);
+    while (service_.use_case_switching_) service_.use_case_switched_.Wait(service_.use_case_mutex_);
+    service_.use_case_switching_ = true;
+  }
+  ~UseCaseTurn() {
+    MutexLock lock(service_.use_case_mutex_);
+    service_.use_case_switching_ = false;
+    service_.use_case_switched_.NotifyAll();
+  }
+  UseCaseTurn(const UseCaseTurn&) = delete;
+  UseCaseTurn& operator=(const UseCaseTurn&) = delete;
+
+ private:
+  KvoxService& service_;
+};
+
 void KvoxService::SwitchUseCase(UseCase use_case, bool enable, CommandResult* result) {
   if (use_case == UseCase::PHONEBOOTH) return PhoneBoothProcessor::EnableUseCase(enable, result);
-  if (use_case == UseCase::AREL_TELE) return SwitchTelephony(enable, result);
-  RunSteps(StepsOf(use_case, enable), result);
+  const UseCaseTurn turn(*this);
+  SwitchInTurn(use_case, enable, result);
 }
 
-/// Telephony remembers whether it is on. Of several clients one at a time switches it, the others
-/// wait; no lock is held meanwhile.
-void KvoxService::SwitchTelephony(bool enable, CommandResult* result) {
-  {
+/// Telephony remembers whether it is on.
+void KvoxService::SwitchInTurn(UseCase use_case, bool enable, CommandResult* result) {
+  const bool remembers = use_case == UseCase::AREL_TELE;
+  if (remembers) {
     MutexLock lock(use_case_mutex_);
-    while (telephony_switching_) telephony_switched_.Wait(use_case_mutex_);
     if (telephony_enabled_ == enable) {
       LogInfo(enable ? "Already enabled" : "Already disabled");
       return;
     }
-    telephony_switching_ = true;
   }
-  RunSteps(StepsOf(UseCase::AREL_TELE, enable), result);
+  RunSteps(StepsOf(use_case, enable), result);
+  if (!remembers || Failed(*result)) return;
   MutexLock lock(use_case_mutex_);
-  if (!Failed(*result)) telephony_enabled_ = enable;
-  telephony_switching_ = false;
-  telephony_switched_.NotifyAll();
+  telephony_enabled_ = enable;
 }
 
 void KvoxService::RunSteps(std::span<const UseCaseStep> steps, CommandResult* result) {
@@ -142,13 +160,16 @@ void KvoxService::RunStep(const UseCaseStep& step, CommandResult* result) {
   static_cast<void>(run());
 }
 
-int32_t KvoxService::DisableUseCaseOf(FourCc relay) {
-  const UseCase use_case = UseCaseOfRelay(relay);
+int32_t KvoxService::DisableUseCaseOf(const KvoxProcessor& relay) {
+  const UseCase use_case = UseCaseOfRelay(relay.id());
   if (use_case == UseCase::UNSPECIFIED) {
     return static_cast<int32_t>(CommandStatus::INVALID_PROCESSOR);
   }
+  const UseCaseTurn turn(*this);
+  const bool replaced = FindProcessor(relay.id()).get() != &relay;
+  if (replaced || relay.HasReceiveAudioCallback()) return 0;
   CommandResult result;
-  SwitchUseCase(use_case, false, &result);
+  SwitchInTurn(use_case, false, &result);
   return static_cast<int32_t>(result.status);
 }
 
@@ -174,9 +195,9 @@ KvoxService::Status KvoxService::IsUseCaseEnabled(UseCase use_case, CommandResul
 // Gains are the co-processor's own business; nothing is sent to it.
 KvoxService::Status KvoxService::TapSetGain(int32_t core, int32_t tap, int32_t index, float gain,
                                             int32_t ramp_ms, CommandResult* result) {
-  BeginCommand(FormatText<192>("Tap point [core %d tap %s.%d] set gain %f, ramp_ms %u", core,
-                               ToString(static_cast<FourCc>(tap)).c_str(), index,
-                               static_cast<double>(gain), static_cast<uint32_t>(ramp_ms)),
+  BeginCommand(FormatText<64>("Tap point [core %d tap %s.%d] set gain %f, ramp_ms %u", core,
+                              ToString(static_cast<FourCc>(tap)).c_str(), index,
+                              static_cast<double>(gain), static_cast<uint32_t>(ramp_ms)),
                result);
   result->status = CommandStatus::ERROR;
   print_command_status("TapSetGain", "Unavailable", result);
@@ -185,9 +206,8 @@ KvoxService::Status KvoxService::TapSetGain(int32_t core, int32_t tap, int32_t i
 
 KvoxService::Status KvoxService::UseCaseSetGain(const std::string& name, float gain,
                                                 int32_t ramp_ms, CommandResult* result) {
-  BeginCommand("Use case " + name +
-                   FormatText<96>(" set gain %f, ramp_ms %u", static_cast<double>(gain),
-                                  static_cast<uint32_t>(ramp_ms)),
+  BeginCommand(FormatText<64>("Use case %s set gain %f, ramp_ms %u", name.c_str(),
+                              static_cast<double>(gain), static_cast<uint32_t>(ramp_ms)),
                result);
   const UseCase use_case = stringToUseCase(name);
   for (const auto& row : kGainTaps) {

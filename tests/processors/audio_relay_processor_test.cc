@@ -18,7 +18,6 @@ namespace kvox {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Id = IKvox::ParameterId;
 using Value = IKvox::ParamValue;
@@ -30,7 +29,9 @@ class Waiter : public RtWaiter {
  public:
   bool WaitWritable(int, uint64_t) override { return false; }
   bool WaitReadable(int fd, uint64_t deadline_ns) override {
-    asked_ms = static_cast<int>((deadline_ns - NowNs()) / 1'000'000 + 1);
+    const uint64_t now = NowNs();
+    if (now >= deadline_ns) return false;
+    asked_ms = static_cast<int>((deadline_ns - now) / 1'000'000 + 1);
     pollfd event{.fd = fd, .events = POLLIN, .revents = 0};
     return poll(&event, 1, patient ? 10000 : asked_ms) == 1;
   }
@@ -117,6 +118,7 @@ class RelayTest : public ::testing::Test, public RelayOwner {
     OutputArea area(out_);
     const Block block = {.audio = in,
                          .format = format,
+                         .arrived_ns = waiter_.NowNs() - age_ns_,
                          .connected = connected,
                          .state = state.get(),
                          .waiter = waiter_};
@@ -139,10 +141,11 @@ class RelayTest : public ::testing::Test, public RelayOwner {
   std::vector<std::byte> out_;
   std::vector<FourCc> disabled_;
   int32_t disable_status_ = 0;
+  uint64_t age_ns_ = 0;  // of a block when its turn comes
 
  private:
-  int32_t DisableUseCaseOf(FourCc relay) override {
-    disabled_.push_back(relay);
+  int32_t DisableUseCaseOf(const KvoxProcessor& relay) override {
+    disabled_.push_back(relay.id());
     return disable_status_;
   }
   ThreadReaper& client_threads() override { return threads_; }
@@ -251,9 +254,15 @@ TEST_F(RelayTest, AHangingClientCostsHalfABlockOnceAndNothingWaitsForIt) {
       << "once a second";
 
   const auto next = Register(*relay);
+  age_ns_ = 6'000'000;
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_EQ(waiter_.asked_ms, 0) << "others have used up the block's time for waiting";
+  EXPECT_TRUE(OutputIsSilent());
+  while (next->Packets().empty()) std::this_thread::yield();
+  age_ns_ = 0;
   waiter_.patient = true;
   EXPECT_EQ(Process(*relay, in, kCallTap), 0);
-  EXPECT_EQ(next->Packets().size(), 1u) << "another client is served meanwhile";
+  EXPECT_EQ(next->Packets().size(), 2u) << "another client is served meanwhile";
   EXPECT_EQ(relay->Enable(false), 0);
   relay.reset();
   hanging->Hang(false);

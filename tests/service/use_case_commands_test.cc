@@ -146,18 +146,21 @@ TEST_F(UseCaseCommands, AFailingStepEndsTheUseCaseWhereItIs) {
   EXPECT_EQ(IsOn(UseCase::AREL_TELE), 1.0f);
 }
 
-TEST_F(UseCaseCommands, TwoClientsCannotTearTelephony) {
-  const auto toggle = [this] {
-    for (int i = 0; i < 30; ++i) {
-      Call(&KvoxService::EnableUseCase, UseCase::AREL_TELE, i % 2 == 0);
-    }
-  };
-  std::thread other(toggle);
-  toggle();
-  other.join();
-  const bool on = IsOn(UseCase::AREL_TELE) == 1.0f;
-  EXPECT_EQ(Processors() == "Kvox processors:   none", !on);
-  EXPECT_EQ(link_.wake_lock, on);
+TEST_F(UseCaseCommands, TwoClientsCannotTearAUseCase) {
+  for (const auto use_case : {UseCase::AREL_TELE, UseCase::AREL_MEDIA_PLAYBACK}) {
+    const auto toggle = [&](bool first) {
+      for (int i = 0; i < 30; ++i) {
+        Call(&KvoxService::EnableUseCase, use_case, first == (i % 2 == 0));
+      }
+    };
+    std::thread other(toggle, false);
+    toggle(true);
+    other.join();
+    const bool on = Processors() != "Kvox processors:   none";
+    EXPECT_EQ(link_.wake_lock, on);
+    EXPECT_EQ(IsOn(UseCase::AREL_TELE) == 1.0f, on && use_case == UseCase::AREL_TELE);
+    Call(&KvoxService::EnableUseCase, use_case, false);
+  }
 }
 
 TEST_F(UseCaseCommands, GainsAreUnavailableWhereTheyExistAtAll) {
@@ -171,19 +174,19 @@ TEST_F(UseCaseCommands, GainsAreUnavailableWhereTheyExistAtAll) {
   } rows[] = {
       {"speaker_out",
        1,
-       {"Tap point [core 2 tap sspk.0] set gain 1.000000, ramp_ms 4294967295", "Unavailable",
+       {"Tap point [core 2 tap sspk.0] set gain 1.000000, ramp_ms 7", "Unavailable",
         "TapSetGain: ERROR"}},
       {"AREL_MEDIA_PLAYBACK",
        1,
-       {"Tap point [core 2 tap entr.5] set gain 1.000000, ramp_ms 4294967295", "Unavailable",
+       {"Tap point [core 2 tap entr.5] set gain 1.000000, ramp_ms 7", "Unavailable",
         "TapSetGain: ERROR"}},
       {"PhoneBooth", 1, {"Disabled in build"}},
       {"AREL_TELE", 3, {}},
       {"radio", 3, {}},
   };
   for (const auto& row : rows) {
-    const CommandResult result = Call(&KvoxService::UseCaseSetGain, row.name, 1.0f, -1);
-    Lines lines = {std::string("Use case ") + row.name + " set gain 1.000000, ramp_ms 4294967295"};
+    const CommandResult result = Call(&KvoxService::UseCaseSetGain, row.name, 1.0f, 7);
+    Lines lines = {std::string("Use case ") + row.name + " set gain 1.000000, ramp_ms 7"};
     lines.insert(lines.end(), row.more.begin(), row.more.end());
     EXPECT_EQ(StatusOf(result), row.status);
     EXPECT_EQ(result.lines, lines);
