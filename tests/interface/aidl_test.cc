@@ -1,5 +1,6 @@
 // The table that the C++ side is made from, against the interface's own file.
 #include <aidl/kvox/IKvox.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -12,16 +13,14 @@
 namespace aidl::kvox {
 namespace {
 
+using ::testing::ElementsAreArray;
 using Matches = std::sregex_iterator;
 
-struct Row {
-  std::string name;
-  std::string parameters;
-};
+using Rows = std::vector<std::string>;
 
-#define KVOX_ROW(name, parameters, arguments) {#name, #parameters},
-const std::vector<Row> kRows = {KVOX_METHODS(KVOX_ROW)};
-const std::vector<Row> kCallbackRows = {KVOX_CALLBACK_METHODS(KVOX_ROW)};
+#define KVOX_ROW(name, parameters, arguments) #name #parameters,
+const Rows kRows = {KVOX_METHODS(KVOX_ROW)};
+const Rows kCallbackRows = {KVOX_CALLBACK_METHODS(KVOX_ROW)};
 #define KVOX_CODE(name, parameters, arguments) IKvox::TRANSACTION_##name,
 const std::vector<uint32_t> kCodes = {KVOX_METHODS(KVOX_CODE)};
 
@@ -34,11 +33,10 @@ std::string Contract() {
 
 /// What stands between the braces after `head`.
 std::string Block(const std::string& text, const std::string& head) {
-  const size_t start = text.find(head + " {");
-  EXPECT_NE(start, std::string::npos) << head;
-  size_t end = text.find('{', start) + 1;
-  for (int depth = 1; depth > 0; ++end) depth += text[end] == '{' ? 1 : text[end] == '}' ? -1 : 0;
-  const size_t first = text.find('{', start) + 1;
+  const size_t first = text.find(head + " {") + head.size() + 2;
+  size_t end = first;
+  for (int depth = 1; depth > 0; ++end)
+    depth += text.at(end) == '{' ? 1 : text[end] == '}' ? -1 : 0;
   return text.substr(first, end - first - 1);
 }
 
@@ -72,29 +70,21 @@ std::string CppParameters(const std::string& result, const std::string& paramete
   return "(" + text + (text.empty() ? "" : ", ") + CppType(result) + "* _aidl_return)";
 }
 
-std::vector<Row> Methods(const std::string& block) {
+Rows Methods(const std::string& block) {
   static const std::regex kMethod(R"(([\w\[\]]+) (\w+)\(([^)]*)\);)");
-  std::vector<Row> rows;
+  Rows rows;
   for (Matches at(block.begin(), block.end(), kMethod), end; at != end; ++at) {
-    rows.push_back({(*at)[2], CppParameters((*at)[1], (*at)[3])});
+    rows.push_back((*at)[2].str() + CppParameters((*at)[1], (*at)[3]));
   }
   return rows;
-}
-
-void ExpectSame(const std::vector<Row>& rows, const std::vector<Row>& expected) {
-  ASSERT_EQ(rows.size(), expected.size());
-  for (size_t i = 0; i < rows.size(); ++i) {
-    EXPECT_EQ(rows[i].name, expected[i].name) << i;
-    EXPECT_EQ(rows[i].parameters, expected[i].parameters) << rows[i].name;
-  }
 }
 
 TEST(Contract, MethodsHaveTheFilesOrderNamesAndTypes) {
   std::string methods = Block(Contract(), "interface IKvox");
   const std::string callback = Block(methods, "interface IReceiveAudioCallback");
   methods.erase(methods.find(callback), callback.size());
-  ExpectSame(kRows, Methods(methods));
-  ExpectSame(kCallbackRows, Methods(callback));
+  EXPECT_THAT(kRows, ElementsAreArray(Methods(methods)));
+  EXPECT_THAT(kCallbackRows, ElementsAreArray(Methods(callback)));
   ASSERT_EQ(kCodes.size(), 39u);
   for (uint32_t i = 0; i < kCodes.size(); ++i) EXPECT_EQ(kCodes[i], FIRST_CALL_TRANSACTION + i);
 }

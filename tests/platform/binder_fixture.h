@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <kvox_host/binder_host.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,23 +18,30 @@
 #include "platform/linux/runtime_directory.h"
 #include "platform/linux/service_connector.h"
 #include "tests/platform/echo.h"
-#include "tests/platform/temp_directory.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_directory.h"
 
 namespace kvox::binder {
 
 using aidl::kvoxtest::IEcho;
 using ndk::ScopedAStatus;
 
-/// Waits for what another thread or process brings about. False when it takes absurdly long.
-template <typename Condition>
-bool Eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+/// A text that several threads add to.
+class SharedText {
+ public:
+  void Add(const std::string& part) {
+    MutexLock lock(mutex_);
+    text_ += part;
   }
-  return true;
-}
+  std::string text() {
+    MutexLock lock(mutex_);
+    return text_;
+  }
+
+ private:
+  Mutex mutex_;
+  std::string text_ GUARDED_BY(mutex_);
+};
 
 /// Holds threads up until it is opened.
 class Gate {

@@ -8,7 +8,7 @@ namespace kvox::binder {
 namespace {
 
 /// What one link reports, in its order.
-class Reports {
+class Reports : public SharedText {
  public:
   explicit Reports(ndk::ScopedAIBinder_DeathRecipient* recipient) {
     recipient->set(AIBinder_DeathRecipient_new(
@@ -16,18 +16,6 @@ class Reports {
     AIBinder_DeathRecipient_setOnUnlinked(
         recipient->get(), [](void* cookie) { static_cast<Reports*>(cookie)->Add("unlinked "); });
   }
-  std::string text() {
-    MutexLock lock(mutex_);
-    return text_;
-  }
-
- private:
-  void Add(const char* text) {
-    MutexLock lock(mutex_);
-    text_ += text;
-  }
-  Mutex mutex_;
-  std::string text_ GUARDED_BY(mutex_);
 };
 
 class DeathTest : public BinderTest {
@@ -59,7 +47,7 @@ TEST_F(DeathTest, EachLinkReportsDiedThenUnlinked) {
   ASSERT_EQ(Link(), STATUS_OK) << "one recipient may be linked twice";
   EXPECT_TRUE(AIBinder_isAlive(binder_.get()));
   EndService();
-  EXPECT_TRUE(Eventually([&] { return reports_.text() == "died unlinked died unlinked "; }));
+  EXPECT_TRUE(WaitFor([&] { return reports_.text() == "died unlinked died unlinked "; }));
   EXPECT_FALSE(AIBinder_isAlive(binder_.get()));
   EXPECT_EQ(AIBinder_ping(binder_.get()), STATUS_DEAD_OBJECT);
   EXPECT_EQ(client_->Note(1).getStatus(), STATUS_DEAD_OBJECT);
@@ -115,7 +103,7 @@ class ClientDeathTest : public BinderTest {
       while (true) pause();
     }
     Serve(2);
-    ASSERT_TRUE(Eventually([&] { return service_->held() != nullptr; }));
+    ASSERT_TRUE(WaitFor([&] { return service_->held() != nullptr; }));
     binder_ = service_->held()->asBinder();
     ASSERT_EQ(AIBinder_linkToDeath(binder_.get(), recipient_.get(), &reports_), STATUS_OK);
   }
@@ -138,7 +126,7 @@ class ClientDeathTest : public BinderTest {
 
 TEST_F(ClientDeathTest, IsReportedWithoutAnyCall) {
   Kill();
-  EXPECT_TRUE(Eventually([&] { return reports_.text() == "died unlinked "; }));
+  EXPECT_TRUE(WaitFor([&] { return reports_.text() == "died unlinked "; }));
 }
 
 TEST_F(ClientDeathTest, EndsTheCallInProgress) {
@@ -155,12 +143,12 @@ TEST_F(ClientDeathTest, IsReportedAsSoonAsABusyThreadIsFree) {
   for (int i = 0; i < 2; ++i) {
     callers.emplace_back([&] { Echo(*client, {1}); });
   }
-  ASSERT_TRUE(Eventually([&] { return service_->gate.waiting() == 2; }));
+  ASSERT_TRUE(WaitFor([&] { return service_->gate.waiting() == 2; }));
   Kill();
-  ASSERT_TRUE(Eventually([&] { return !AIBinder_isAlive(binder_.get()); }));
+  ASSERT_TRUE(WaitFor([&] { return !AIBinder_isAlive(binder_.get()); }));
   EXPECT_EQ(reports_.text(), "") << "nobody is free";
   service_->gate.Open();
-  EXPECT_TRUE(Eventually([&] { return reports_.text() == "died unlinked "; }));
+  EXPECT_TRUE(WaitFor([&] { return reports_.text() == "died unlinked "; }));
   for (auto& caller : callers) caller.join();
 }
 

@@ -205,7 +205,7 @@ TEST_F(HostilePeerTest, CallsToAPeerThatDoesNotReadEndWithIt) {
   EXPECT_EQ(status, STATUS_DEAD_OBJECT);
   EXPECT_GT(sent, kMaxUnsentBytes);
   EXPECT_LT(sent, 2 * kMaxUnsentBytes);
-  EXPECT_TRUE(Eventually([&] { return !AIBinder_isAlive(held.get()); }));
+  EXPECT_TRUE(WaitFor([&] { return !AIBinder_isAlive(held.get()); }));
   ExpectServiceWell();
 }
 
