@@ -4,16 +4,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
-#include <fstream>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <numeric>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,7 +23,6 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-using namespace std::chrono_literals;
 
 constexpr TapAddress kMic{.tap = MakeFourCc("imic"), .index = 0, .core = 2};
 
@@ -101,17 +95,10 @@ class ProgramTest : public ::testing::Test {
     return record.header.status;
   }
   int Bind(Fd& control, uint8_t tapout, uint8_t inject) {
-    TapBindRecord record;
-    record.address = kMic;
-    record.tapout_buffer = tapout;
-    record.inject_buffer = inject;
-    return Send(control, CMD_KVOX_TAP_BIND_ID, record);
+    return Send(control, CMD_KVOX_TAP_BIND_ID, TapBindRecord{{}, kMic, {}, tapout, inject});
   }
-  int Enable(Fd& control, bool enable) {
-    TapEnableRecord record;
-    record.address = kMic;
-    record.enable = enable ? 1 : 0;
-    return Send(control, CMD_KVOX_TAP_ENABLE_ID, record);
+  int Enable(Fd& control, uint8_t enable) {
+    return Send(control, CMD_KVOX_TAP_ENABLE_ID, TapEnableRecord{{}, kMic, enable});
   }
 
   TempDirectory directory_;
@@ -151,7 +138,7 @@ TEST_F(ProgramTest, AudioThatIsEchoedComesBackExact) {
     Fd tapout(Device("xdv-kvox_tapout20"), O_RDONLY);
     EXPECT_EQ(Bind(control, 20, 20), 0);
     EXPECT_EQ(Bind(control, 3, 20), -19);
-    EXPECT_EQ(Enable(control, true), 0);
+    EXPECT_EQ(Enable(control, 1), 0);
     for (uint32_t number = 1; number <= kPackets; ++number) {
       auto packet = tapout.Read(kPacketHeaderSize + 960);
       const KvoxPacketHeader header = HeaderOf(packet);
@@ -163,7 +150,7 @@ TEST_F(ProgramTest, AudioThatIsEchoedComesBackExact) {
       inject.Write(packet.data(), packet.size());
     }
     inject.Write("junk", 4);
-    EXPECT_EQ(Enable(control, false), 0);
+    EXPECT_EQ(Enable(control, 0), 0);
   }
   sim->Signal(SIGUSR1);
   EXPECT_TRUE(WaitFor([&] { return sim->Out().find(" exact") != std::string::npos; }));
@@ -209,7 +196,7 @@ TEST_F(ProgramTest, EveryReaderGetsAStreamOfItsOwn) {
   Fd control(Device("xdv-kvox_control"), O_RDWR);
   control.Write("\xffjunk", 5);
   EXPECT_EQ(Bind(control, 0, kNoBuffer), 0);
-  EXPECT_EQ(Enable(control, true), 0);
+  EXPECT_EQ(Enable(control, 1), 0);
   for (int round = 1; round <= 3; ++round) {
     {
       Fd tapout(Device("xdv-kvox_tapout0"), O_RDONLY);
@@ -248,14 +235,12 @@ TEST_F(ProgramTest, LeftOversAreReplacedButNothingElse) {
   EXPECT_FALSE(std::filesystem::exists(Device("kvo")));
 }
 
-struct Usage {
-  std::vector<std::string> arguments;
-  const char* message;
-};
-
 TEST_F(ProgramTest, WhatIsWrongIsNamedAndNothingIsCreated) {
   std::ofstream(directory_ / "s.toml") << kEchoScenario;  // its source is not there
-  const Usage rows[] = {
+  const struct {
+    std::vector<std::string> arguments;
+    const char* message;
+  } rows[] = {
       {{"--sped", "2"}, "--sped"},
       {{"--speed", "0.00099"}, "--speed: found 0.00099; expected a number from 0.001 to 1000000"},
       {{"--speed", "nan"}, "--speed: found nan; expected a number"},
@@ -268,7 +253,7 @@ TEST_F(ProgramTest, WhatIsWrongIsNamedAndNothingIsCreated) {
       {{"--write-default", "/nowhere/s.toml"}, "--write-default: /nowhere/s.toml cannot be"},
       {{"compare", "a.wav"}, "RECORDED"},
   };
-  for (const Usage& row : rows) {
+  for (const auto& row : rows) {
     EXPECT_EQ(Run(row.arguments), 2) << row.message;
     EXPECT_THAT(err_, HasSubstr(row.message));
     EXPECT_TRUE(NoDevices());

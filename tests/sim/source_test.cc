@@ -1,7 +1,6 @@
 #include "sim/source.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
@@ -96,39 +95,28 @@ class WavSourceTest : public ::testing::Test {
     return MakeSource(tap, error_);
   }
 
+  /// Writes raw samples, then reads them back through a tap of the same encoding.
+  template <typename Sample>
+  void ExpectExact(int subtype, const std::vector<Sample>& samples, const KvoxTapFormat& format) {
+    WriteWav(file_, subtype, 1, samples);
+    const auto read = Read<Sample>(*Open(format), 0, samples.size());
+    EXPECT_EQ(std::memcmp(read.data(), samples.data(), samples.size() * sizeof(Sample)), 0);
+  }
+
   TempDirectory directory_;
   const std::filesystem::path file_ = directory_ / "a.wav";
   std::string error_;
 };
 
-/// Writes raw samples, then reads them back through a tap of the same encoding.
-template <typename Sample>
-void ExpectExact(const std::filesystem::path& file, int subtype, const std::vector<Sample>& samples,
-                 Source* source) {
-  ASSERT_NE(source, nullptr) << file << " " << subtype;
-  EXPECT_EQ(std::memcmp(Read<Sample>(*source, 0, samples.size()).data(), samples.data(),
-                        samples.size() * sizeof(Sample)),
-            0);
-}
-
 TEST_F(WavSourceTest, IsBitExactInTheFilesOwnEncoding) {
   std::vector<int16_t> shorts(65536);
   std::iota(shorts.begin(), shorts.end(), int16_t{-32768});
-  WriteWav(file_, SF_FORMAT_PCM_16, 1, shorts);
-  ExpectExact(file_, SF_FORMAT_PCM_16, shorts, Open(kInt16Mono).get());
-
-  const std::vector<int32_t> ints = {0, 1, -1, INT32_MAX, INT32_MIN, 0x12345678};
-  WriteWav(file_, SF_FORMAT_PCM_32, 1, ints);
-  ExpectExact(file_, SF_FORMAT_PCM_32, ints, Open(kInt32Mono).get());
-
-  const std::vector<float> floats = {0.0f, -0.0f, 1e-30f, 1.5f, -1.0f};
-  WriteWav(file_, SF_FORMAT_FLOAT, 1, floats);
-  ExpectExact(file_, SF_FORMAT_FLOAT, floats, Open(kFloatMono).get());
-
+  ExpectExact(SF_FORMAT_PCM_16, shorts, kInt16Mono);
+  ExpectExact<int32_t>(SF_FORMAT_PCM_32, {0, 1, -1, INT32_MAX, INT32_MIN, 0x12345678}, kInt32Mono);
+  ExpectExact<float>(SF_FORMAT_FLOAT, {0.0f, -0.0f, 1e-30f, 1.5f, -1.0f}, kFloatMono);
   std::vector<uint8_t> codes(256);
   std::iota(codes.begin(), codes.end(), uint8_t{0});
-  WriteWav(file_, SF_FORMAT_ULAW, 1, codes);
-  ExpectExact(file_, SF_FORMAT_ULAW, codes, Open(kUlawMono).get());
+  ExpectExact(SF_FORMAT_ULAW, codes, kUlawMono);
 }
 
 TEST_F(WavSourceTest, WidensNarrowsAndCopiesChannels) {
