@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace aidl::kvox {
@@ -15,7 +15,6 @@ namespace {
 
 using ::testing::ElementsAreArray;
 using Matches = std::sregex_iterator;
-
 using Rows = std::vector<std::string>;
 
 #define KVOX_ROW(name, parameters, arguments) #name #parameters,
@@ -40,41 +39,30 @@ std::string Block(const std::string& text, const std::string& head) {
   return text.substr(first, end - first - 1);
 }
 
-std::string CppType(std::string type) {
-  static const std::map<std::string, std::string> kNames = {
-      {"int", "int32_t"}, {"boolean", "bool"}, {"String", "std::string"}};
-  const bool is_array = type.ends_with("[]");
-  if (is_array) type.resize(type.size() - 2);
-  const auto name = kNames.find(type);
-  if (name != kNames.end()) type = name->second;
-  if (type == "IReceiveAudioCallback") type = "std::shared_ptr<" + type + ">";
-  return is_array ? "std::vector<" + type + ">" : type;
-}
+/// How the file's words become C++, one after the other.
+constexpr std::pair<const char*, const char*> kToCpp[] = {
+    {R"(\s+)", " "},
+    {R"(\bint\b)", "int32_t"},
+    {R"(\bboolean\b)", "bool"},
+    {R"(\bString\b)", "std::string"},
+    {R"(\bIReceiveAudioCallback\b)", "std::shared_ptr<IReceiveAudioCallback>"},
+    {R"(([\w:]+)\[\])", "std::vector<$1>"},
+    {R"(\b(std::string|std::shared_ptr<\w+>) (?=\w+[,)]))", "const $1& "},
+    {R"(\bin (\S+) )", "const $1& "},
+    {R"(\bout (\S+) )", "$1* "},
+};
 
-bool IsScalar(const std::string& type) {
-  return std::regex_match(type, std::regex("int32_t|bool|float|UseCase|ParameterId"));
-}
-
-/// The C++ parameters of a method of the file, as the rows have them.
-std::string CppParameters(const std::string& result, const std::string& parameters) {
-  static const std::regex kParameter(R"((in |out )?([\w\[\]]+) (\w+))");
-  std::string text;
-  for (Matches at(parameters.begin(), parameters.end(), kParameter), end; at != end; ++at) {
-    const std::string type = CppType((*at)[2]);
-    const bool is_out = (*at)[1] == "out ";
-    text += text.empty() ? "" : ", ";
-    text += is_out ? type + "* " : IsScalar(type) ? type + " " : "const " + type + "& ";
-    text += (*at)[3];
-  }
-  if (result == "void") return "(" + text + ")";
-  return "(" + text + (text.empty() ? "" : ", ") + CppType(result) + "* _aidl_return)";
-}
-
-Rows Methods(const std::string& block) {
-  static const std::regex kMethod(R"(([\w\[\]]+) (\w+)\(([^)]*)\);)");
+/// The methods of a block of the file, as the rows have them.
+Rows Methods(std::string block) {
+  for (const auto& [from, to] : kToCpp) block = std::regex_replace(block, std::regex(from), to);
+  static const std::regex kMethod(R"(([^ ;]+) (\w+)\(([^)]*)\);)");
   Rows rows;
   for (Matches at(block.begin(), block.end(), kMethod), end; at != end; ++at) {
-    rows.push_back((*at)[2].str() + CppParameters((*at)[1], (*at)[3]));
+    std::string parameters = (*at)[3];
+    if ((*at)[1] != "void") {
+      parameters += (parameters.empty() ? "" : ", ") + (*at)[1].str() + "* _aidl_return";
+    }
+    rows.push_back((*at)[2].str() + "(" + parameters + ")");
   }
   return rows;
 }

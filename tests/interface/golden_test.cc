@@ -3,8 +3,10 @@
 #include <aidl/kvox/BpKvox.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
+#include <type_traits>
+
 #include "interface/service_name.h"
-#include "tests/interface/recording_service.h"
 #include "tests/platform/parcel_bytes.h"
 
 namespace aidl::kvox {
@@ -95,6 +97,34 @@ TEST(Requests, HoldTheTokenAndTheInArguments) {
   EXPECT_EQ(values, (std::vector<IKvox::ParamValue>{3, 0}));
   EXPECT_EQ(result.lines, std::vector<string>{"n"});
 }
+
+/// Answers every command with the same values.
+class ScriptedService : public BnKvox {
+ public:
+#define KVOX_SCRIPTED(name, parameters, arguments)                           \
+  ScopedAStatus name parameters override {                                   \
+    ++calls;                                                                 \
+    const auto fill = [this](auto&&... argument) { (Fill(argument), ...); }; \
+    fill arguments;                                                          \
+    return ScopedAStatus::ok();                                              \
+  }
+  KVOX_METHODS(KVOX_SCRIPTED)
+#undef KVOX_SCRIPTED
+
+  template <typename T>
+  T& next() {
+    return std::get<T>(answers_);
+  }
+  int calls = 0;
+
+ private:
+  template <typename T>
+  void Fill(const T& argument) {
+    if constexpr (std::is_pointer_v<T>) *argument = next<std::remove_pointer_t<T>>();
+  }
+
+  std::tuple<CommandResult, ParamValue, std::vector<ParamValue>, ProcessorStats> answers_;
+};
 
 /// The bytes of a service's reply to the arguments in `hex`, or its failure.
 string Reply(const std::shared_ptr<ndk::ICInterface>& service, transaction_code_t code,

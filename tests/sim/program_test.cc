@@ -26,35 +26,29 @@ using ::testing::StartsWith;
 
 constexpr TapAddress kMic{.tap = MakeFourCc("imic"), .index = 0, .core = 2};
 
-class Fd {
+class Fd : public OwnedFd {
  public:
   Fd(const std::filesystem::path& path, int flags)
-      : fd_(open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
-    EXPECT_GE(fd_, 0) << path << ": " << std::strerror(errno);
+      : OwnedFd(open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
+    EXPECT_GE(get(), 0) << path << ": " << std::strerror(errno);
   }
-  ~Fd() { close(fd_); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
 
   /// Exactly `size` bytes, fewer when they do not arrive in time.
   std::vector<std::byte> Read(size_t size) {
     std::vector<std::byte> bytes(size);
     size_t at = 0;
     EXPECT_TRUE(WaitFor([&] {
-      pollfd readable{.fd = fd_, .events = POLLIN, .revents = 0};
+      pollfd readable{.fd = get(), .events = POLLIN, .revents = 0};
       if (poll(&readable, 1, 100) <= 0) return false;
-      const ssize_t got = read(fd_, &bytes[at], size - at);
+      const ssize_t got = read(get(), &bytes[at], size - at);
       if (got > 0) at += static_cast<size_t>(got);
       return at == size;
     }));
     return bytes;
   }
   void Write(const void* data, size_t size) {
-    EXPECT_EQ(write(fd_, data, size), static_cast<ssize_t>(size));
+    EXPECT_EQ(write(get(), data, size), static_cast<ssize_t>(size));
   }
-
- private:
-  const int fd_;
 };
 
 class ProgramTest : public ::testing::Test {
