@@ -28,19 +28,6 @@ TEST(LogRing, KeepsOrderThroughManyLapsAndCutsLongLines) {
   EXPECT_EQ(PopText(ring), "(empty)");
 }
 
-TEST(LogRing, CountsWhatDoesNotFit) {
-  LogRing ring;
-  for (uint32_t i = 0; i < LogRing::kCapacity; ++i) {
-    ASSERT_TRUE(ring.Push(LogPriority::kInfo, "kvox", "kept"));
-  }
-  EXPECT_FALSE(ring.Push(LogPriority::kInfo, "kvox", "lost"));
-  EXPECT_FALSE(ring.Push(LogPriority::kInfo, "kvox", "lost"));
-  EXPECT_EQ(ring.TakeLosses(), 2u);
-  EXPECT_EQ(ring.TakeLosses(), 0u);
-  EXPECT_EQ(PopText(ring), "kept");
-  EXPECT_TRUE(ring.Push(LogPriority::kInfo, "kvox", "room again"));
-}
-
 /// Collects lines; a blocked one stands for a log reader that has stopped reading.
 class SlowLog : public LogCapture {
  public:

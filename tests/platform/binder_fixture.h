@@ -78,16 +78,15 @@ class EchoService : public aidl::kvoxtest::BnEcho {
  public:
   ~EchoService() override { ++destroyed; }
 
-  /// Asks `partner` first, if there is one: its answer with a byte less, then one more.
+  /// With asks_held, the held object is asked first, with a byte less.
   ScopedAStatus Echo(const std::vector<uint8_t>& data, std::vector<uint8_t>* answer) override {
     gate.Pass();
     *answer = data;
     caller_pid = AIBinder_getCallingPid();
     caller_uid = AIBinder_getCallingUid();
-    const auto partner = this->partner();
-    if (partner == nullptr || data.empty()) return ScopedAStatus::ok();
+    if (!asks_held || data.empty()) return ScopedAStatus::ok();
     answer->pop_back();
-    auto status = partner->Echo(std::vector<uint8_t>(*answer), answer);
+    auto status = held()->Echo(std::vector<uint8_t>(*answer), answer);
     answer->push_back(data.back());
     return status;
   }
@@ -107,14 +106,6 @@ class EchoService : public aidl::kvoxtest::BnEcho {
     MutexLock lock(mutex_);
     return held_;
   }
-  std::shared_ptr<IEcho> partner() {
-    MutexLock lock(mutex_);
-    return partner_;
-  }
-  void set_partner(std::shared_ptr<IEcho> partner) {
-    MutexLock lock(mutex_);
-    partner_ = std::move(partner);
-  }
   std::vector<int32_t> notes() {
     MutexLock lock(mutex_);
     return notes_;
@@ -122,12 +113,12 @@ class EchoService : public aidl::kvoxtest::BnEcho {
 
   static inline std::atomic<int> destroyed = 0;
   Gate gate{true};
+  std::atomic<bool> asks_held = false;
   std::atomic<pid_t> caller_pid = 0;
   std::atomic<uid_t> caller_uid = 0;
 
  private:
   Mutex mutex_;
-  std::shared_ptr<IEcho> partner_ GUARDED_BY(mutex_);
   std::shared_ptr<IEcho> held_ GUARDED_BY(mutex_);
   std::vector<int32_t> notes_ GUARDED_BY(mutex_);
 };

@@ -233,7 +233,7 @@ TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
   peer_->Greet();
   ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
   ASSERT_TRUE(peer_->ReceiveFrame());
-  service_->set_partner(service_->held());
+  service_->asks_held = true;
   Frame echo = peer_->Request(IEcho::TRANSACTION_Echo, "01000000 05000000");
   for (echo.header.call = 1; echo.header.call <= kCalls; ++echo.header.call) {
     ASSERT_TRUE(peer_->SendFrame(echo));
@@ -250,7 +250,6 @@ TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
       ASSERT_TRUE(peer_->SendFrame(answer));
     }
   }
-  service_->set_partner(nullptr);
 }
 
 }  // namespace

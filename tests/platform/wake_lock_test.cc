@@ -33,14 +33,6 @@ class WakeLockTest : public ::testing::Test {
   const std::string directory_ = temporary_.path();
 };
 
-TEST_F(WakeLockTest, NamesGoIntoTheKernelsFiles) {
-  MakeFiles("");
-  EXPECT_EQ(acquire_wake_lock(PARTIAL_WAKE_LOCK, "kvox"), 0);
-  EXPECT_EQ(Contents("wake_lock"), "kvox");
-  EXPECT_EQ(release_wake_lock("kvox"), 0);
-  EXPECT_EQ(Contents("wake_unlock"), "kvox");
-}
-
 TEST_F(WakeLockTest, OnlyAStaleLockOfThatNameIsReleased) {
   MakeFiles("modem kvox2 display\n");
   ReleaseStaleWakeLock("kvox", kService);

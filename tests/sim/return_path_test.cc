@@ -126,22 +126,11 @@ class WavSinkTest : public ::testing::Test {
   std::unique_ptr<Sink> sink_ = MakeWavSink({SinkKind::kWav, directory_ / "out.wav", ""}, error_);
 };
 
-TEST_F(WavSinkTest, TheFileIsWholeAtAnyMoment) {
-  const KvoxTapFormat format{
-      .sample_rate = 48000, .channels = 2, .bytes_per_sample = 2, .noninterleaved_samples = 2};
-  ASSERT_TRUE(Write<int16_t>(format, {1, 2, -1, -2}));
-  SF_INFO info;
-  EXPECT_EQ(ReadWav<int16_t>(directory_ / "out.wav", &info), (std::vector<int16_t>{1, -1, 2, -2}));
-  EXPECT_EQ(info.samplerate, 48000);
-  EXPECT_EQ(info.channels, 2);
-  ASSERT_TRUE(Write<int16_t>(format, {3, 4, -3, -4}));
-  EXPECT_EQ(ReadWav<int16_t>(directory_ / "out.wav").size(), 8u);
-}
-
 TEST_F(WavSinkTest, EveryFormatHasItsFile) {
   const std::vector<float> floats = {0.25f, -2.0f};
   ASSERT_TRUE(
       Write<int32_t>({.sample_rate = 8000, .channels = 1, .bytes_per_sample = 4}, {INT32_MIN, 5}));
+  EXPECT_EQ(ReadWav<int32_t>(directory_ / "out.wav").size(), 2u) << "whole at any moment";
   ASSERT_TRUE(Write<float>(
       {.sample_rate = 8000, .channels = 1, .bytes_per_sample = 4, .data_format = 1}, floats));
   ASSERT_FALSE(Write<int16_t>({.sample_rate = 8000, .channels = 1, .bytes_per_sample = 5}, {1}));

