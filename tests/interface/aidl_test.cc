@@ -98,27 +98,5 @@ TEST(Contract, EnumeratorsHaveTheFilesOrderAndValues) {
   ExpectEnumerators<IKvox::ParameterId>("ParameterId");
 }
 
-std::string FieldNames(const std::string& head) {
-  static const std::regex kField(R"([\w\[\]]+ (\w+)( = [^;]+)?;)");
-  const std::string block = Block(Contract(), head);
-  std::string names;
-  for (Matches at(block.begin(), block.end(), kField), end; at != end; ++at) {
-    names += (names.empty() ? "" : ", ") + (*at)[1].str();
-  }
-  return names;
-}
-
-TEST(Contract, FieldsHaveTheFilesOrder) {
-  EXPECT_EQ(IKvox::CommandResult::_field_names, FieldNames("parcelable CommandResult"));
-  EXPECT_EQ(IKvox::ParamIdElementPair::_field_names, FieldNames("parcelable ParamIdElementPair"));
-  EXPECT_EQ(IKvox::AudioPacket::_field_names, FieldNames("parcelable AudioPacket"));
-  EXPECT_EQ(IKvox::ProcessorStats::_field_names, FieldNames("parcelable ProcessorStats"));
-  std::string tags;
-  for (const auto tag : ndk::enum_range<IKvox::ParamValue::Tag>()) {
-    tags += (tags.empty() ? "" : ", ") + toString(tag);
-  }
-  EXPECT_EQ(tags, FieldNames("union ParamValue"));
-}
-
 }  // namespace
 }  // namespace aidl::kvox

@@ -79,11 +79,11 @@ TEST(Requests, HoldTheTokenAndTheInArguments) {
   packet.data = {1, 2, 3, 4, 5};
   packet.sampleRate = 5;
   packet.bitsPerSample = 1;
-  packet.numChannels = 1;
+  packet.numChannels = 2;
   EXPECT_TRUE(wire->SendAudio(5, packet, &result).isOk());
   EXPECT_EQ(wire.request(), Request(32,
                                     "05000000 | 01000000 24000000 05000000 05000000 01020304 "
-                                    "05000000 05000000 00000000 01000000 01000000"));
+                                    "05000000 05000000 00000000 01000000 02000000"));
   std::vector<IKvox::ParamValue> values;
   wire.Answer(
       "00000000 02000000  01000000 00000000 03000000  01000000 00000000 00000000"

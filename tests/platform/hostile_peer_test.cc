@@ -1,6 +1,7 @@
 // What a peer may do wrong hurts itself alone.
 #include <android/binder_parcel_utils.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
 
 #include <functional>

@@ -156,16 +156,11 @@ TEST_F(ProgramTest, AudioThatIsEchoedComesBackExact) {
   const auto stats = nlohmann::json::parse(ReadText(stats_file));
   const auto& tap = stats["taps"][0];
   EXPECT_EQ(tap["tap"], "imic.0");
-  EXPECT_EQ(tap["tapout"], 20);
-  EXPECT_EQ(tap["streams"], 1);
   EXPECT_GE(tap["sent"], kPackets);
   EXPECT_EQ(tap["received"], kPackets);
   EXPECT_EQ(tap["exact"], kPackets - 1);
   EXPECT_EQ(tap["different"], 1);
   EXPECT_EQ(tap["unknown"], 0);
-  EXPECT_EQ(tap["sent"],
-            tap["received"].get<int>() + tap["missing"].get<int>() + tap["in_flight"].get<int>());
-  EXPECT_GT(tap["latency_max_us"], 0);
   EXPECT_EQ(stats["totals"]["exact"], tap["exact"]);
   EXPECT_EQ(stats["injects"][0]["junk_bytes"], 4);
   EXPECT_EQ(stats["control"]["commands"].size(), 3u);
