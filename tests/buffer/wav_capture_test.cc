@@ -81,16 +81,6 @@ TEST_F(WavCaptureTest, EndsByItselfAndCanBeStartedAgain) {
   EXPECT_EQ(ReadText(path_), "") << "no packet was taken";
 }
 
-TEST_F(WavCaptureTest, AFullDiskEndsIt) {
-  file_.results = {44, kPayload, 100, -1};
-  ASSERT_EQ(Start(scripted_), 0);
-  for (uint32_t number = 1; number <= 3; ++number) Record(scripted_, number);
-  EXPECT_EQ(Stop(scripted_), -1) << "it ended before";
-  EXPECT_EQ(message_, "CaptureStop tapout0 buffer: Capture not started");
-  EXPECT_EQ(log_.Count("E tapout0 writeCaptureWav: Error -1"), 1u);
-  EXPECT_EQ(file_.text, std::string(44, '\0') + FileOf(2).substr(44, kPayload + 100));
-}
-
 TEST_F(WavCaptureTest, ASlowFileCostsPacketsOfTheFileOnly) {
   constexpr uint32_t kPackets = 3000;
   file_.blocked = true;

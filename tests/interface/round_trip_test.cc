@@ -9,7 +9,7 @@
 #include "interface/service_name.h"
 #include "platform/linux/runtime_directory.h"
 #include "platform/linux/service_connector.h"
-#include "tests/platform/temp_directory.h"
+#include "tests/support/temp_directory.h"
 
 namespace aidl::kvox {
 namespace {
@@ -19,32 +19,15 @@ using Callback = IKvox::IReceiveAudioCallback;
 
 // A value of any type of the interface, another one for each seed.
 
-void Make(int seed, int32_t* value) {
-  *value = -1000 * seed;
+template <typename T>
+requires(std::is_arithmetic_v<T> || std::is_enum_v<T>) void Make(int seed, T* value) {
+  *value = static_cast<T>(-3 * seed);
 }
 void Make(int seed, bool* value) {
   *value = seed % 2 == 0;
 }
-void Make(int seed, float* value) {
-  *value = 0.25f * static_cast<float>(seed);
-}
 void Make(int seed, std::string* value) {
   *value = "caf\xc3\xa9 " + std::to_string(seed);
-}
-void Make(int seed, uint8_t* value) {
-  *value = static_cast<uint8_t>(250 + seed);
-}
-void Make(int seed, int8_t* value) {
-  *value = static_cast<int8_t>(-seed);
-}
-void Make(int seed, IKvox::UseCase* value) {
-  *value = static_cast<IKvox::UseCase>(seed % 7 - 1);
-}
-void Make(int seed, IKvox::ParameterId* value) {
-  *value = static_cast<IKvox::ParameterId>(seed);
-}
-void Make(int seed, IKvox::CommandStatus* value) {
-  *value = static_cast<IKvox::CommandStatus>(seed);
 }
 void Make(int seed, IKvox::ParamValue* value) {
   if (seed % 3 == 0) value->set<IKvox::ParamValue::i>(seed);

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <kvox_host/binder_host.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,23 +18,30 @@
 #include "platform/linux/runtime_directory.h"
 #include "platform/linux/service_connector.h"
 #include "tests/platform/echo.h"
-#include "tests/platform/temp_directory.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_directory.h"
 
 namespace kvox::binder {
 
 using aidl::kvoxtest::IEcho;
 using ndk::ScopedAStatus;
 
-/// Waits for what another thread or process brings about. False when it takes absurdly long.
-template <typename Condition>
-bool Eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+/// A text that several threads add to.
+class SharedText {
+ public:
+  void Add(const std::string& part) {
+    MutexLock lock(mutex_);
+    text_ += part;
   }
-  return true;
-}
+  std::string text() {
+    MutexLock lock(mutex_);
+    return text_;
+  }
+
+ private:
+  Mutex mutex_;
+  std::string text_ GUARDED_BY(mutex_);
+};
 
 /// Holds threads up until it is opened.
 class Gate {
@@ -72,16 +78,15 @@ class EchoService : public aidl::kvoxtest::BnEcho {
  public:
   ~EchoService() override { ++destroyed; }
 
-  /// Asks `partner` first, if there is one: its answer with a byte less, then one more.
+  /// With asks_held, the held object is asked first, with a byte less.
   ScopedAStatus Echo(const std::vector<uint8_t>& data, std::vector<uint8_t>* answer) override {
     gate.Pass();
     *answer = data;
     caller_pid = AIBinder_getCallingPid();
     caller_uid = AIBinder_getCallingUid();
-    const auto partner = this->partner();
-    if (partner == nullptr || data.empty()) return ScopedAStatus::ok();
+    if (!asks_held || data.empty()) return ScopedAStatus::ok();
     answer->pop_back();
-    auto status = partner->Echo(std::vector<uint8_t>(*answer), answer);
+    auto status = held()->Echo(std::vector<uint8_t>(*answer), answer);
     answer->push_back(data.back());
     return status;
   }
@@ -101,14 +106,6 @@ class EchoService : public aidl::kvoxtest::BnEcho {
     MutexLock lock(mutex_);
     return held_;
   }
-  std::shared_ptr<IEcho> partner() {
-    MutexLock lock(mutex_);
-    return partner_;
-  }
-  void set_partner(std::shared_ptr<IEcho> partner) {
-    MutexLock lock(mutex_);
-    partner_ = std::move(partner);
-  }
   std::vector<int32_t> notes() {
     MutexLock lock(mutex_);
     return notes_;
@@ -116,12 +113,12 @@ class EchoService : public aidl::kvoxtest::BnEcho {
 
   static inline std::atomic<int> destroyed = 0;
   Gate gate{true};
+  std::atomic<bool> asks_held = false;
   std::atomic<pid_t> caller_pid = 0;
   std::atomic<uid_t> caller_uid = 0;
 
  private:
   Mutex mutex_;
-  std::shared_ptr<IEcho> partner_ GUARDED_BY(mutex_);
   std::shared_ptr<IEcho> held_ GUARDED_BY(mutex_);
   std::vector<int32_t> notes_ GUARDED_BY(mutex_);
 };

@@ -8,7 +8,7 @@ namespace kvox::binder {
 namespace {
 
 /// What one link reports, in its order.
-class Reports {
+class Reports : public SharedText {
  public:
   explicit Reports(ndk::ScopedAIBinder_DeathRecipient* recipient) {
     recipient->set(AIBinder_DeathRecipient_new(
@@ -16,21 +16,21 @@ class Reports {
     AIBinder_DeathRecipient_setOnUnlinked(
         recipient->get(), [](void* cookie) { static_cast<Reports*>(cookie)->Add("unlinked "); });
   }
-  std::string text() {
-    MutexLock lock(mutex_);
-    return text_;
-  }
-
- private:
-  void Add(const char* text) {
-    MutexLock lock(mutex_);
-    text_ += text;
-  }
-  Mutex mutex_;
-  std::string text_ GUARDED_BY(mutex_);
 };
 
-class DeathTest : public BinderTest {
+/// A binder, and what a link to its end reports.
+class LinkTest : public BinderTest {
+ protected:
+  binder_status_t Link() {
+    return AIBinder_linkToDeath(binder_.get(), recipient_.get(), &reports_);
+  }
+
+  ndk::SpAIBinder binder_;
+  ndk::ScopedAIBinder_DeathRecipient recipient_;
+  Reports reports_{&recipient_};
+};
+
+class DeathTest : public LinkTest {
  protected:
   /// A service whose callers may live on when its connections break.
   void SetUp() override {
@@ -39,9 +39,6 @@ class DeathTest : public BinderTest {
     client_ = Client();
     binder_ = client_->asBinder();
   }
-  binder_status_t Link() {
-    return AIBinder_linkToDeath(binder_.get(), recipient_.get(), &reports_);
-  }
   /// Breaks all connections, as when the service's process ends.
   void EndService() {
     kvox_host::StopBinder();
@@ -49,9 +46,6 @@ class DeathTest : public BinderTest {
   }
 
   std::shared_ptr<IEcho> client_;
-  ndk::SpAIBinder binder_;
-  ndk::ScopedAIBinder_DeathRecipient recipient_;
-  Reports reports_{&recipient_};
 };
 
 TEST_F(DeathTest, EachLinkReportsDiedThenUnlinked) {
@@ -59,7 +53,7 @@ TEST_F(DeathTest, EachLinkReportsDiedThenUnlinked) {
   ASSERT_EQ(Link(), STATUS_OK) << "one recipient may be linked twice";
   EXPECT_TRUE(AIBinder_isAlive(binder_.get()));
   EndService();
-  EXPECT_TRUE(Eventually([&] { return reports_.text() == "died unlinked died unlinked "; }));
+  EXPECT_TRUE(WaitFor([&] { return reports_.text() == "died unlinked died unlinked "; }));
   EXPECT_FALSE(AIBinder_isAlive(binder_.get()));
   EXPECT_EQ(AIBinder_ping(binder_.get()), STATUS_DEAD_OBJECT);
   EXPECT_EQ(client_->Note(1).getStatus(), STATUS_DEAD_OBJECT);
@@ -100,7 +94,7 @@ TEST_F(DeathTest, WhatCannotBeLinkedIsUnlinkedAtOnce) {
 
 /// A client in a process of its own that gives an object to the service and waits to be killed. It
 /// is made before this process has threads.
-class ClientDeathTest : public BinderTest {
+class ClientDeathTest : public LinkTest {
  protected:
   void SetUp() override {
     BinderTest::SetUp();
@@ -115,9 +109,9 @@ class ClientDeathTest : public BinderTest {
       while (true) pause();
     }
     Serve(2);
-    ASSERT_TRUE(Eventually([&] { return service_->held() != nullptr; }));
+    ASSERT_TRUE(WaitFor([&] { return service_->held() != nullptr; }));
     binder_ = service_->held()->asBinder();
-    ASSERT_EQ(AIBinder_linkToDeath(binder_.get(), recipient_.get(), &reports_), STATUS_OK);
+    ASSERT_EQ(Link(), STATUS_OK);
   }
   void Kill() {
     kill(child_, SIGKILL);
@@ -131,15 +125,7 @@ class ClientDeathTest : public BinderTest {
   }
 
   pid_t child_ = -1;
-  ndk::SpAIBinder binder_;
-  ndk::ScopedAIBinder_DeathRecipient recipient_;
-  Reports reports_{&recipient_};
 };
-
-TEST_F(ClientDeathTest, IsReportedWithoutAnyCall) {
-  Kill();
-  EXPECT_TRUE(Eventually([&] { return reports_.text() == "died unlinked "; }));
-}
 
 TEST_F(ClientDeathTest, EndsTheCallInProgress) {
   std::thread killer([&] { Kill(); });
@@ -155,12 +141,12 @@ TEST_F(ClientDeathTest, IsReportedAsSoonAsABusyThreadIsFree) {
   for (int i = 0; i < 2; ++i) {
     callers.emplace_back([&] { Echo(*client, {1}); });
   }
-  ASSERT_TRUE(Eventually([&] { return service_->gate.waiting() == 2; }));
+  ASSERT_TRUE(WaitFor([&] { return service_->gate.waiting() == 2; }));
   Kill();
-  ASSERT_TRUE(Eventually([&] { return !AIBinder_isAlive(binder_.get()); }));
+  ASSERT_TRUE(WaitFor([&] { return !AIBinder_isAlive(binder_.get()); }));
   EXPECT_EQ(reports_.text(), "") << "nobody is free";
   service_->gate.Open();
-  EXPECT_TRUE(Eventually([&] { return reports_.text() == "died unlinked "; }));
+  EXPECT_TRUE(WaitFor([&] { return reports_.text() == "died unlinked "; }));
   for (auto& caller : callers) caller.join();
 }
 

@@ -3,165 +3,90 @@
 #include <cstring>
 
 namespace aidl::kvoxtest {
+namespace {
 
-static binder_status_t _aidl_kvoxtest_IEcho_onTransact(AIBinder* _aidl_binder,
-                                                       transaction_code_t _aidl_code,
-                                                       const AParcel* _aidl_in,
-                                                       AParcel* _aidl_out) {
-  binder_status_t _aidl_ret_status = STATUS_UNKNOWN_TRANSACTION;
-  std::shared_ptr<BnEcho> _aidl_impl =
-      std::static_pointer_cast<BnEcho>(::ndk::ICInterface::asInterface(_aidl_binder));
-  switch (_aidl_code) {
-    case IEcho::TRANSACTION_Echo: {
-      std::vector<uint8_t> in_data{};
-      std::vector<uint8_t> _aidl_return{};
+using ::ndk::AParcel_readData;
+using ::ndk::AParcel_writeData;
+using ::ndk::ScopedAStatus;
 
-      _aidl_ret_status = ::ndk::AParcel_readData(_aidl_in, &in_data);
-      if (_aidl_ret_status != STATUS_OK) break;
-      ::ndk::ScopedAStatus _aidl_status = _aidl_impl->Echo(in_data, &_aidl_return);
-      _aidl_ret_status = AParcel_writeStatusHeader(_aidl_out, _aidl_status.get());
-      if (_aidl_ret_status != STATUS_OK) break;
-      if (!AStatus_isOk(_aidl_status.get())) break;
-      _aidl_ret_status = ::ndk::AParcel_writeData(_aidl_out, _aidl_return);
-      if (_aidl_ret_status != STATUS_OK) break;
-      break;
-    }
-    case IEcho::TRANSACTION_Swap: {
-      std::shared_ptr<IEcho> in_object{};
-      std::shared_ptr<IEcho> _aidl_return{};
+template <typename In, typename Out>
+binder_status_t Answer(BnEcho& echo, ScopedAStatus (IEcho::*method)(const In&, Out*),
+                       const AParcel* in, AParcel* out) {
+  In argument{};
+  Out answer{};
+  binder_status_t result = AParcel_readData(in, &argument);
+  if (result != STATUS_OK) return result;
+  const ScopedAStatus status = (echo.*method)(argument, &answer);
+  result = AParcel_writeStatusHeader(out, status.get());
+  if (result != STATUS_OK || !AStatus_isOk(status.get())) return result;
+  return AParcel_writeData(out, answer);
+}
 
-      _aidl_ret_status = ::ndk::AParcel_readData(_aidl_in, &in_object);
-      if (_aidl_ret_status != STATUS_OK) break;
-      ::ndk::ScopedAStatus _aidl_status = _aidl_impl->Swap(in_object, &_aidl_return);
-      _aidl_ret_status = AParcel_writeStatusHeader(_aidl_out, _aidl_status.get());
-      if (_aidl_ret_status != STATUS_OK) break;
-      if (!AStatus_isOk(_aidl_status.get())) break;
-      _aidl_ret_status = ::ndk::AParcel_writeData(_aidl_out, _aidl_return);
-      if (_aidl_ret_status != STATUS_OK) break;
-      break;
-    }
-    case IEcho::TRANSACTION_Note: {
-      int32_t in_number{};
-
-      _aidl_ret_status = ::ndk::AParcel_readData(_aidl_in, &in_number);
-      if (_aidl_ret_status != STATUS_OK) break;
-      ::ndk::ScopedAStatus _aidl_status = _aidl_impl->Note(in_number);
-      break;
-    }
+binder_status_t OnTransact(AIBinder* binder, transaction_code_t code, const AParcel* in,
+                           AParcel* out) {
+  const auto echo = std::static_pointer_cast<BnEcho>(::ndk::ICInterface::asInterface(binder));
+  int32_t number = 0;
+  switch (code) {
+    case IEcho::TRANSACTION_Echo:
+      return Answer(*echo, &IEcho::Echo, in, out);
+    case IEcho::TRANSACTION_Swap:
+      return Answer(*echo, &IEcho::Swap, in, out);
+    case IEcho::TRANSACTION_Note:
+      if (const auto result = AParcel_readData(in, &number); result != STATUS_OK) return result;
+      static_cast<void>(echo->Note(number));
+      return STATUS_OK;
   }
-  return _aidl_ret_status;
+  return STATUS_UNKNOWN_TRANSACTION;
 }
 
-static const char* _g_aidl_kvoxtest_IEcho_functions[] = {"Echo", "Swap", "Note"};
-static AIBinder_Class* _g_aidl_kvoxtest_IEcho_clazz = ::ndk::ICInterface::defineClass(
-    "kvoxtest.IEcho", _aidl_kvoxtest_IEcho_onTransact, _g_aidl_kvoxtest_IEcho_functions, 3);
+const char* g_functions[] = {"Echo", "Swap", "Note"};
+AIBinder_Class* const g_class =
+    ::ndk::ICInterface::defineClass(IEcho::descriptor, OnTransact, g_functions, 3);
 
-BpEcho::BpEcho(const ::ndk::SpAIBinder& binder) : BpCInterface(binder) {}
-BpEcho::~BpEcho() {}
-
-::ndk::ScopedAStatus BpEcho::Echo(const std::vector<uint8_t>& in_data,
-                                  std::vector<uint8_t>* _aidl_return) {
-  binder_status_t _aidl_ret_status = STATUS_OK;
-  ::ndk::ScopedAStatus _aidl_status;
-  ::ndk::ScopedAParcel _aidl_in;
-  ::ndk::ScopedAParcel _aidl_out;
-
-  _aidl_ret_status = AIBinder_prepareTransaction(asBinderReference().get(), _aidl_in.getR());
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-  _aidl_ret_status = ::ndk::AParcel_writeData(_aidl_in.get(), in_data);
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-  _aidl_ret_status = AIBinder_transact(asBinderReference().get(), TRANSACTION_Echo, _aidl_in.getR(),
-                                       _aidl_out.getR(), 0);
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-  _aidl_ret_status = AParcel_readStatusHeader(_aidl_out.get(), _aidl_status.getR());
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-  if (!AStatus_isOk(_aidl_status.get())) goto _aidl_status_return;
-  _aidl_ret_status = ::ndk::AParcel_readData(_aidl_out.get(), _aidl_return);
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-_aidl_error:
-  _aidl_status.set(AStatus_fromStatus(_aidl_ret_status));
-_aidl_status_return:
-  return _aidl_status;
+/// A call with one argument; one-way when `answer` is null.
+template <typename In, typename Out>
+ScopedAStatus Call(AIBinder* binder, transaction_code_t code, const In& argument, Out* answer) {
+  ::ndk::ScopedAParcel in;
+  ::ndk::ScopedAParcel out;
+  const binder_flags_t flags = answer == nullptr ? FLAG_ONEWAY : 0;
+  binder_status_t result = AIBinder_prepareTransaction(binder, in.getR());
+  if (result == STATUS_OK) result = AParcel_writeData(in.get(), argument);
+  if (result == STATUS_OK) result = AIBinder_transact(binder, code, in.getR(), out.getR(), flags);
+  if (result == STATUS_OK && answer != nullptr) {
+    ScopedAStatus status;
+    result = AParcel_readStatusHeader(out.get(), status.getR());
+    if (result == STATUS_OK && !status.isOk()) return status;
+    if (result == STATUS_OK) result = AParcel_readData(out.get(), answer);
+  }
+  return ScopedAStatus(AStatus_fromStatus(result));
 }
 
-::ndk::ScopedAStatus BpEcho::Swap(const std::shared_ptr<IEcho>& in_object,
-                                  std::shared_ptr<IEcho>* _aidl_return) {
-  binder_status_t _aidl_ret_status = STATUS_OK;
-  ::ndk::ScopedAStatus _aidl_status;
-  ::ndk::ScopedAParcel _aidl_in;
-  ::ndk::ScopedAParcel _aidl_out;
+}  // namespace
 
-  _aidl_ret_status = AIBinder_prepareTransaction(asBinderReference().get(), _aidl_in.getR());
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-  _aidl_ret_status = ::ndk::AParcel_writeData(_aidl_in.get(), in_object);
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-  _aidl_ret_status = AIBinder_transact(asBinderReference().get(), TRANSACTION_Swap, _aidl_in.getR(),
-                                       _aidl_out.getR(), 0);
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-  _aidl_ret_status = AParcel_readStatusHeader(_aidl_out.get(), _aidl_status.getR());
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-  if (!AStatus_isOk(_aidl_status.get())) goto _aidl_status_return;
-  _aidl_ret_status = ::ndk::AParcel_readData(_aidl_out.get(), _aidl_return);
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-_aidl_error:
-  _aidl_status.set(AStatus_fromStatus(_aidl_ret_status));
-_aidl_status_return:
-  return _aidl_status;
+ScopedAStatus BpEcho::Echo(const std::vector<uint8_t>& data, std::vector<uint8_t>* answer) {
+  return Call(asBinderReference().get(), TRANSACTION_Echo, data, answer);
+}
+ScopedAStatus BpEcho::Swap(const std::shared_ptr<IEcho>& object, std::shared_ptr<IEcho>* before) {
+  return Call(asBinderReference().get(), TRANSACTION_Swap, object, before);
+}
+ScopedAStatus BpEcho::Note(int32_t number) {
+  int32_t* const no_answer = nullptr;
+  return Call(asBinderReference().get(), TRANSACTION_Note, number, no_answer);
 }
 
-::ndk::ScopedAStatus BpEcho::Note(int32_t in_number) {
-  binder_status_t _aidl_ret_status = STATUS_OK;
-  ::ndk::ScopedAStatus _aidl_status;
-  ::ndk::ScopedAParcel _aidl_in;
-  ::ndk::ScopedAParcel _aidl_out;
-
-  _aidl_ret_status = AIBinder_prepareTransaction(asBinderReference().get(), _aidl_in.getR());
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-  _aidl_ret_status = ::ndk::AParcel_writeData(_aidl_in.get(), in_number);
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-  _aidl_ret_status = AIBinder_transact(asBinderReference().get(), TRANSACTION_Note, _aidl_in.getR(),
-                                       _aidl_out.getR(), FLAG_ONEWAY);
-  if (_aidl_ret_status != STATUS_OK) goto _aidl_error;
-
-_aidl_error:
-  _aidl_status.set(AStatus_fromStatus(_aidl_ret_status));
-  return _aidl_status;
-}
-
-BnEcho::BnEcho() {}
-BnEcho::~BnEcho() {}
 ::ndk::SpAIBinder BnEcho::createBinder() {
-  AIBinder* binder = AIBinder_new(_g_aidl_kvoxtest_IEcho_clazz, static_cast<void*>(this));
-  return ::ndk::SpAIBinder(binder);
+  return ::ndk::SpAIBinder(AIBinder_new(g_class, static_cast<void*>(this)));
 }
-
-const char* IEcho::descriptor = "kvoxtest.IEcho";
-IEcho::IEcho() {}
-IEcho::~IEcho() {}
 
 std::shared_ptr<IEcho> IEcho::fromBinder(const ::ndk::SpAIBinder& binder) {
-  if (!AIBinder_associateClass(binder.get(), _g_aidl_kvoxtest_IEcho_clazz)) {
-    const AIBinder_Class* originalClass = AIBinder_getClass(binder.get());
-    if (originalClass == nullptr) return nullptr;
-    if (0 == strcmp(AIBinder_Class_getDescriptor(originalClass), IEcho::descriptor)) {
-      return ::ndk::SharedRefBase::make<BpEcho>(binder);
-    }
-    return nullptr;
+  if (!AIBinder_associateClass(binder.get(), g_class)) {
+    const AIBinder_Class* const original = AIBinder_getClass(binder.get());
+    if (original == nullptr) return nullptr;
+    const bool same = std::strcmp(AIBinder_Class_getDescriptor(original), descriptor) == 0;
+    return same ? ::ndk::SharedRefBase::make<BpEcho>(binder) : nullptr;
   }
-  std::shared_ptr<::ndk::ICInterface> interface = ::ndk::ICInterface::asInterface(binder.get());
-  if (interface) {
-    return std::static_pointer_cast<IEcho>(interface);
-  }
+  const auto interface = ::ndk::ICInterface::asInterface(binder.get());
+  if (interface) return std::static_pointer_cast<IEcho>(interface);
   return ::ndk::SharedRefBase::make<BpEcho>(binder);
 }
 

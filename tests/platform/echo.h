@@ -1,5 +1,5 @@
-// An interface as the AIDL compiler emits it: what it calls, in its order and style. The binder's
-// tests run on it.
+// A small interface that makes the library's calls in the order of the AIDL compiler's code. The
+// binder's tests run on it.
 //
 //   interface IEcho {
 //       byte[] Echo(in byte[] data);
@@ -20,42 +20,34 @@ namespace aidl::kvoxtest {
 
 class IEcho : public ::ndk::ICInterface {
  public:
-  static const char* descriptor;
-  IEcho();
-  virtual ~IEcho();
-
+  static constexpr char descriptor[] = "kvoxtest.IEcho";
   static constexpr uint32_t TRANSACTION_Echo = FIRST_CALL_TRANSACTION + 0;
   static constexpr uint32_t TRANSACTION_Swap = FIRST_CALL_TRANSACTION + 1;
   static constexpr uint32_t TRANSACTION_Note = FIRST_CALL_TRANSACTION + 2;
 
   static std::shared_ptr<IEcho> fromBinder(const ::ndk::SpAIBinder& binder);
 
-  virtual ::ndk::ScopedAStatus Echo(const std::vector<uint8_t>& in_data,
-                                    std::vector<uint8_t>* _aidl_return) = 0;
-  virtual ::ndk::ScopedAStatus Swap(const std::shared_ptr<IEcho>& in_object,
-                                    std::shared_ptr<IEcho>* _aidl_return) = 0;
-  virtual ::ndk::ScopedAStatus Note(int32_t in_number) = 0;
+  virtual ::ndk::ScopedAStatus Echo(const std::vector<uint8_t>& data,
+                                    std::vector<uint8_t>* answer) = 0;
+  virtual ::ndk::ScopedAStatus Swap(const std::shared_ptr<IEcho>& object,
+                                    std::shared_ptr<IEcho>* before) = 0;
+  virtual ::ndk::ScopedAStatus Note(int32_t number) = 0;
 };
 
 class BnEcho : public ::ndk::BnCInterface<IEcho> {
- public:
-  BnEcho();
-  virtual ~BnEcho();
-
  protected:
   ::ndk::SpAIBinder createBinder() override;
 };
 
 class BpEcho : public ::ndk::BpCInterface<IEcho> {
  public:
-  explicit BpEcho(const ::ndk::SpAIBinder& binder);
-  virtual ~BpEcho();
+  explicit BpEcho(const ::ndk::SpAIBinder& binder) : BpCInterface(binder) {}
 
-  ::ndk::ScopedAStatus Echo(const std::vector<uint8_t>& in_data,
-                            std::vector<uint8_t>* _aidl_return) override;
-  ::ndk::ScopedAStatus Swap(const std::shared_ptr<IEcho>& in_object,
-                            std::shared_ptr<IEcho>* _aidl_return) override;
-  ::ndk::ScopedAStatus Note(int32_t in_number) override;
+  ::ndk::ScopedAStatus Echo(const std::vector<uint8_t>& data,
+                            std::vector<uint8_t>* answer) override;
+  ::ndk::ScopedAStatus Swap(const std::shared_ptr<IEcho>& object,
+                            std::shared_ptr<IEcho>* before) override;
+  ::ndk::ScopedAStatus Note(int32_t number) override;
 };
 
 }  // namespace aidl::kvoxtest

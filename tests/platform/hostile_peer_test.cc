@@ -1,6 +1,7 @@
 // What a peer may do wrong hurts itself alone.
 #include <android/binder_parcel_utils.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
 
 #include <functional>
@@ -205,7 +206,7 @@ TEST_F(HostilePeerTest, CallsToAPeerThatDoesNotReadEndWithIt) {
   EXPECT_EQ(status, STATUS_DEAD_OBJECT);
   EXPECT_GT(sent, kMaxUnsentBytes);
   EXPECT_LT(sent, 2 * kMaxUnsentBytes);
-  EXPECT_TRUE(Eventually([&] { return !AIBinder_isAlive(held.get()); }));
+  EXPECT_TRUE(WaitFor([&] { return !AIBinder_isAlive(held.get()); }));
   ExpectServiceWell();
 }
 
@@ -233,7 +234,7 @@ TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
   peer_->Greet();
   ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
   ASSERT_TRUE(peer_->ReceiveFrame());
-  service_->set_partner(service_->held());
+  service_->asks_held = true;
   Frame echo = peer_->Request(IEcho::TRANSACTION_Echo, "01000000 05000000");
   for (echo.header.call = 1; echo.header.call <= kCalls; ++echo.header.call) {
     ASSERT_TRUE(peer_->SendFrame(echo));
@@ -250,7 +251,6 @@ TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
       ASSERT_TRUE(peer_->SendFrame(answer));
     }
   }
-  service_->set_partner(nullptr);
 }
 
 }  // namespace

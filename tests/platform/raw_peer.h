@@ -2,10 +2,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cerrno>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,6 +32,8 @@ class RawPeer {
     std::string error;
     EXPECT_TRUE(MakeAddress(path, &address, &error)) << error;
     EXPECT_EQ(connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const timeval patience{.tv_sec = 30, .tv_usec = 0};
+    EXPECT_EQ(setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
   }
 
   /// Exchanges greetings; the service's object is at greeting().address afterwards.
@@ -82,32 +84,20 @@ class RawPeer {
 
   /// Whether the other end closes; what it sends before is dropped.
   bool Closed() {
-    char bytes[4096];
-    while (Wait(POLLIN)) {
-      if (recv(fd_.get(), bytes, sizeof bytes, 0) <= 0) return true;
+    char byte;
+    while (Receive(&byte, 1)) {
     }
-    return false;
+    return errno != EAGAIN;
   }
   int fd() const { return fd_.get(); }
 
  private:
-  bool Wait(short events) const {
-    pollfd ready{.fd = fd_.get(), .events = events, .revents = 0};
-    return poll(&ready, 1, 30'000) == 1;
-  }
   bool SendBytes(const void* bytes, size_t size) {
     return send(fd_.get(), bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
   }
   bool Receive(void* bytes, size_t size) {
-    auto* at = static_cast<char*>(bytes);
-    while (size > 0) {
-      if (!Wait(POLLIN)) return false;
-      const ssize_t received = recv(fd_.get(), at, size, 0);
-      if (received <= 0) return false;
-      at += received;
-      size -= static_cast<size_t>(received);
-    }
-    return true;
+    errno = 0;
+    return size == 0 || recv(fd_.get(), bytes, size, MSG_WAITALL) == static_cast<ssize_t>(size);
   }
 
   UniqueFd fd_;

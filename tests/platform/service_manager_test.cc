@@ -1,6 +1,4 @@
 // How services are registered and found.
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -58,14 +56,10 @@ TEST_F(ServiceManagerTest, TheDirectoryAndTheSocketAreForTheGroup) {
   EXPECT_EQ(ModeOf(SocketPath(nested, kName)), 0660u);
 }
 
-TEST_F(ServiceManagerTest, LookUpsInTheSameProcessFindTheObjectItself) {
-  Serve(1);
-  const ndk::SpAIBinder found(AServiceManager_checkService(kName));
-  EXPECT_EQ(found, service_->asBinder());
-}
-
 TEST_F(ServiceManagerTest, ASecondRegistrationReplacesTheFirst) {
   Serve(1);
+  const ndk::SpAIBinder found(AServiceManager_checkService(kName));
+  EXPECT_EQ(found, service_->asBinder()) << "the object itself, within its process";
   ServiceLink link = ConnectToService(Path());
   const auto next = ndk::SharedRefBase::make<EchoService>();
   ASSERT_EQ(Add(next, kName), EX_NONE);
@@ -75,19 +69,8 @@ TEST_F(ServiceManagerTest, ASecondRegistrationReplacesTheFirst) {
   EXPECT_NE(root, link.root);
   EXPECT_EQ(link.connection->QueryRoot(soon), root);
   EXPECT_TRUE(IEcho::fromBinder(root)->Note(1).isOk());
-  EXPECT_TRUE(Eventually([&] { return next->notes().size() == 1; }));
+  EXPECT_TRUE(WaitFor([&] { return next->notes().size() == 1; }));
   EXPECT_TRUE(IEcho::fromBinder(link.root)->Note(2).isOk()) << "the first lives on for its holders";
-}
-
-TEST_F(ServiceManagerTest, ALiveDaemonKeepsItsName) {
-  // flock looks at the open file, so a second one of this process stands for another process.
-  const UniqueFd other(open(LockPath(directory_, kName).c_str(), O_RDWR | O_CREAT, 0640));
-  ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
-  const auto service = ndk::SharedRefBase::make<EchoService>();
-  EXPECT_EQ(Add(service, kName), EX_ILLEGAL_STATE);
-  EXPECT_CONTAINS(kvox_host::ServiceError(), "another process");
-  ASSERT_EQ(flock(other.get(), LOCK_UN), 0);
-  EXPECT_EQ(Add(service, kName), EX_NONE);
 }
 
 TEST_F(ServiceManagerTest, ADeadDaemonsSocketIsExplainedAndReplaced) {
@@ -132,15 +115,6 @@ TEST_F(ServiceManagerTest, ClientsLookInTheUsersDirectoryThenInTheSystems) {
   EXPECT_EQ(LookupDirectories(), std::vector<std::string>{"/run/kvox"});
 }
 
-TEST_F(ServiceManagerTest, AClientMayWaitForTheService) {
-  std::thread waiter([] {
-    const ndk::SpAIBinder found(AServiceManager_waitForService(kName));
-    EXPECT_NE(found.get(), nullptr);
-  });
-  Serve(1);
-  waiter.join();
-}
-
 TEST(ServicePort, NobodyCanShutTheOthersOut) {
   ServicePort port(nullptr);
   const auto admit = [&](uid_t uid, pid_t first, int count) {
@@ -170,7 +144,7 @@ TEST_F(ServiceManagerTest, ClientsBeyondTheLimitAreToldSo) {
     }
     EXPECT_CONTAINS(ConnectToService(Path()).error, "takes 8 clients of one process");
   }
-  EXPECT_TRUE(Eventually([&] { return ConnectToService(Path()).error.empty(); }));
+  EXPECT_TRUE(WaitFor([&] { return ConnectToService(Path()).error.empty(); }));
 }
 
 }  // namespace

@@ -12,21 +12,8 @@ namespace kvox::binder {
 namespace {
 
 /// The turns of all queues in their order.
-class Turns {
- public:
-  void Add(char queue, char code) {
-    MutexLock lock(mutex_);
-    text_ += {queue, code, ' '};
-  }
-  std::string text() {
-    MutexLock lock(mutex_);
-    return text_;
-  }
+struct Turns : SharedText {
   Gate gate{true};
-
- private:
-  Mutex mutex_;
-  std::string text_ GUARDED_BY(mutex_);
 };
 
 /// Notes the code of each request; a capital one waits at the gate first.
@@ -51,7 +38,7 @@ class NotingQueue : public RequestQueue {
   void Serve(Request request) override {
     const auto code = static_cast<char>(request.code);
     if (code <= 'Z') turns_->gate.Pass();
-    turns_->Add(name_, code);
+    turns_->Add({name_, code, ' '});
   }
   void OnRoom() override { ++rooms; }
 
@@ -67,7 +54,7 @@ class ThreadPoolTest : public ::testing::Test {
     ThreadPool::Get().Start();
   }
   void ExpectTurns(const std::string& turns) {
-    Eventually([&] { return turns_.text().size() >= turns.size(); });
+    WaitFor([&] { return turns_.text().size() >= turns.size(); });
     EXPECT_EQ(turns_.text(), turns);
   }
 
@@ -79,7 +66,7 @@ class ThreadPoolTest : public ::testing::Test {
 TEST_F(ThreadPoolTest, TasksGoFirstThenTheQueuesTakeTurns) {
   for (const char code : {'a', 'b', 'c', 'd'}) a_->Ask(code);
   for (const char code : {'a', 'b'}) b_->Ask(code);
-  ThreadPool::Get().Post([&] { turns_.Add('t', 'a'); });
+  ThreadPool::Get().Post([&] { turns_.Add("ta "); });
   Start(1);
   ExpectTurns("ta aa ba ab bb ac ad ");
 }
@@ -105,7 +92,7 @@ TEST_F(ThreadPoolTest, AFullQueueHasRoomAgainWhenHalfIsDone) {
   EXPECT_TRUE(b_->full()) << "few, but large";
   turns_.gate.Close();
   Start(1);
-  ASSERT_TRUE(Eventually([&] { return turns_.gate.waiting() == 1; }));
+  ASSERT_TRUE(WaitFor([&] { return turns_.gate.waiting() == 1; }));
   EXPECT_FALSE(a_->full());
   EXPECT_EQ(a_->rooms, 1);
   turns_.gate.Open();

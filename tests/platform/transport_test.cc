@@ -20,23 +20,16 @@ Data Pattern(size_t size) {
   return data;
 }
 
-TEST_F(TransportTest, BytesOfAnySizeComeBack) {
+TEST_F(TransportTest, BytesOfAnySizeComeBackButTooMany) {
   Serve(1);
   const auto client = Client();
   ASSERT_TRUE(client->isRemote());
-  for (const size_t size : {0u, 1u, 5u, 4096u, 100'000u, 1'000'000u}) {
-    EXPECT_EQ(Echo(*client, Pattern(size)), Pattern(size)) << size;
-  }
-}
-
-TEST_F(TransportTest, WhatIsTooLargeFailsAndLeavesTheConnection) {
-  Serve(1);
-  const auto client = Client();
   Data answer;
   EXPECT_EQ(client->Echo(Pattern(kMaxParcelSize), &answer).getStatus(), STATUS_FAILED_TRANSACTION);
-  // The token makes a request larger than its reply: this one just fits, both ways.
-  const Data most = Pattern(kMaxParcelSize - 64);
-  EXPECT_EQ(Echo(*client, most), most);
+  // The token makes a request larger than its reply: the last one just fits, both ways.
+  for (const size_t size : {0ul, 1ul, 5ul, 4096ul, 100'000ul, kMaxParcelSize - 64ul}) {
+    EXPECT_EQ(Echo(*client, Pattern(size)), Pattern(size)) << size;
+  }
 }
 
 TEST_F(TransportTest, ThreadsShareAConnection) {
@@ -76,19 +69,7 @@ TEST_F(TransportTest, AnObjectHasOneAddressAndComesHomeAsItself) {
   EXPECT_EQ(before->asBinder(), client->asBinder());
 }
 
-TEST_F(TransportTest, ObjectsGoWhenTheOtherEndLetsGo) {
-  Serve(1);
-  const auto client = Client();
-  const int destroyed = EchoService::destroyed;
-  std::shared_ptr<IEcho> before;
-  ASSERT_TRUE(client->Swap(ndk::SharedRefBase::make<EchoService>(), &before).isOk());
-  EXPECT_EQ(EchoService::destroyed, destroyed) << "the service holds it";
-  ASSERT_TRUE(client->Swap(nullptr, &before).isOk());
-  before = nullptr;
-  EXPECT_TRUE(Eventually([&] { return EchoService::destroyed == destroyed + 1; }));
-}
-
-TEST_F(TransportTest, ReferencesThatCrossAreNeverFreedEarly) {
+TEST_F(TransportTest, ReferencesThatCrossAreFreedNeitherEarlyNorNever) {
   Serve(2);
   const auto client = Client();
   const int destroyed = EchoService::destroyed;
@@ -105,10 +86,13 @@ TEST_F(TransportTest, ReferencesThatCrossAreNeverFreedEarly) {
   }
   for (auto& thread : threads) thread.join();
   std::shared_ptr<IEcho> before;
-  ASSERT_TRUE(client->Swap(nullptr, &before).isOk());
+  ASSERT_TRUE(client->Swap(own, &before).isOk());
   before = nullptr;
   own = nullptr;
-  EXPECT_TRUE(Eventually([&] { return EchoService::destroyed == destroyed + 1; }));
+  EXPECT_EQ(EchoService::destroyed, destroyed) << "the service holds it";
+  ASSERT_TRUE(client->Swap(nullptr, &before).isOk());
+  before = nullptr;
+  EXPECT_TRUE(WaitFor([&] { return EchoService::destroyed == destroyed + 1; }));
 }
 
 TEST_F(TransportTest, CallsNest) {
@@ -117,23 +101,10 @@ TEST_F(TransportTest, CallsNest) {
   const auto own = ndk::SharedRefBase::make<EchoService>();
   std::shared_ptr<IEcho> before;
   ASSERT_TRUE(client->Swap(own, &before).isOk());
-  own->set_partner(client);
-  service_->set_partner(service_->held());
+  ASSERT_TRUE(own->Swap(client, &before).isOk());
+  own->asks_held = true;
+  service_->asks_held = true;
   EXPECT_EQ(Echo(*client, {1, 2, 3}), (Data{1, 2, 3})) << "there, back, and there again";
-  service_->set_partner(nullptr);
-}
-
-TEST_F(TransportTest, OneWayCallsKeepTheirOrderAndTheirCallerGoing) {
-  Serve(3);
-  const auto client = Client();
-  service_->gate.Close();
-  std::vector<int32_t> sent(500);
-  std::iota(sent.begin(), sent.end(), 0);
-  for (const int32_t number : sent) ASSERT_TRUE(client->Note(number).isOk());
-  EXPECT_TRUE(service_->notes().empty());
-  service_->gate.Open();
-  EXPECT_TRUE(Eventually([&] { return service_->notes().size() == sent.size(); }));
-  EXPECT_EQ(service_->notes(), sent);
 }
 
 TEST_F(TransportTest, TheLibraryAnswersForEveryObject) {
@@ -169,17 +140,20 @@ TEST_F(TransportTest, AnObjectOfAThirdProcessIsNotPassedOn) {
   EXPECT_EQ(AIBinder_ping(first->asBinder().get()), STATUS_OK);
 }
 
-TEST_F(TransportTest, ABusyClientDoesNotHoldUpAnother) {
+TEST_F(TransportTest, OneWayCallsKeepTheirOrderAndHoldNobodyUp) {
   Serve(2);
   const auto busy = Client();
   const auto other = Client();
   service_->gate.Close();
-  for (int i = 0; i < 3000; ++i) ASSERT_TRUE(busy->Note(i).isOk());
-  ASSERT_TRUE(Eventually([&] { return service_->gate.waiting() == 1; }));
+  std::vector<int32_t> sent(3000);
+  std::iota(sent.begin(), sent.end(), 0);
+  for (const int32_t number : sent) ASSERT_TRUE(busy->Note(number).isOk());
+  ASSERT_TRUE(WaitFor([&] { return service_->gate.waiting() == 1; }));
   // One thread is at the first note; the other one serves.
   EXPECT_EQ(AIBinder_ping(other->asBinder().get()), STATUS_OK);
   service_->gate.Open();
-  EXPECT_TRUE(Eventually([&] { return service_->notes().size() == 3000; }));
+  EXPECT_TRUE(WaitFor([&] { return service_->notes().size() == sent.size(); }));
+  EXPECT_EQ(service_->notes(), sent);
 }
 
 TEST_F(TransportTest, TheCallerIsTheProcessAtTheOtherEnd) {
@@ -226,8 +200,6 @@ TEST_F(TransportTest, AStubMakesANewObjectOnceTheOldOneIsGone) {
   }
   EXPECT_EQ(AIBinder_Weak_promote(weak.get()), nullptr);
   EXPECT_NE(local->asBinder().get(), nullptr);
-  EXPECT_EQ(AIBinder_Weak_new(nullptr), nullptr);
-  EXPECT_EQ(AIBinder_Weak_promote(nullptr), nullptr);
 }
 
 TEST_F(TransportTest, AClassFitsOneDescriptor) {
@@ -237,22 +209,17 @@ TEST_F(TransportTest, AClassFitsOneDescriptor) {
   const auto transact = [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
     return binder_status_t{STATUS_OK};
   };
-  static const auto* const same_name =
-      AIBinder_Class_define(IEcho::descriptor, create, nothing, transact);
   static const auto* const other =
       AIBinder_Class_define("kvoxtest.IOther", create, nothing, transact);
   const ndk::SpAIBinder local = service_->asBinder();
   EXPECT_TRUE(AIBinder_associateClass(local.get(), AIBinder_getClass(local.get())));
-  EXPECT_FALSE(AIBinder_associateClass(local.get(), same_name));
-  EXPECT_FALSE(AIBinder_associateClass(nullptr, other));
+  EXPECT_FALSE(AIBinder_associateClass(local.get(), other));
 
   const ndk::SpAIBinder remote = ConnectToService(Path()).root;
   AParcel* in = nullptr;
   EXPECT_EQ(AIBinder_prepareTransaction(remote.get(), &in), STATUS_INVALID_OPERATION);
   EXPECT_FALSE(AIBinder_associateClass(remote.get(), other));
-  EXPECT_TRUE(AIBinder_associateClass(remote.get(), same_name));
-  EXPECT_EQ(AIBinder_getClass(remote.get()), same_name);
-  EXPECT_NE(IEcho::fromBinder(remote), nullptr) << "the same interface under another class";
+  EXPECT_NE(IEcho::fromBinder(remote), nullptr);
 }
 
 }  // namespace

@@ -1,18 +1,15 @@
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <hardware_legacy/power.h>
 #include <stdlib.h>
-#include <sys/file.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
-#include "platform/linux/unique_fd.h"
 #include "platform/platform.h"
-#include "tests/platform/temp_directory.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_directory.h"
 
 namespace kvox {
 namespace {
@@ -30,23 +27,11 @@ class WakeLockTest : public ::testing::Test {
     std::ofstream(directory_ + "/wake_lock") << held;
     std::ofstream(directory_ + "/wake_unlock") << "";
   }
-  std::string Contents(const char* file) const {
-    std::ostringstream text;
-    text << std::ifstream(directory_ + "/" + file).rdbuf();
-    return text.str();
-  }
+  std::string Contents(const char* file) const { return ReadText(directory_ + "/" + file); }
 
   const TempDirectory temporary_;
   const std::string directory_ = temporary_.path();
 };
-
-TEST_F(WakeLockTest, NamesGoIntoTheKernelsFiles) {
-  MakeFiles("");
-  EXPECT_EQ(acquire_wake_lock(PARTIAL_WAKE_LOCK, "kvox"), 0);
-  EXPECT_EQ(Contents("wake_lock"), "kvox");
-  EXPECT_EQ(release_wake_lock("kvox"), 0);
-  EXPECT_EQ(Contents("wake_unlock"), "kvox");
-}
 
 TEST_F(WakeLockTest, OnlyAStaleLockOfThatNameIsReleased) {
   MakeFiles("modem kvox2 display\n");
@@ -55,19 +40,6 @@ TEST_F(WakeLockTest, OnlyAStaleLockOfThatNameIsReleased) {
   MakeFiles("modem kvox display\n");
   ReleaseStaleWakeLock("kvox", kService);
   EXPECT_EQ(Contents("wake_unlock"), "kvox");
-}
-
-TEST_F(WakeLockTest, ALiveServicesLockIsLeftAlone) {
-  MakeFiles("kvox");
-  {
-    const binder::UniqueFd lock(
-        open((directory_ + "/kvox.IKvox:default.lock").c_str(), O_RDWR | O_CREAT, 0600));
-    ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
-    ReleaseStaleWakeLock("kvox", kService);
-    EXPECT_EQ(Contents("wake_unlock"), "");
-  }
-  ReleaseStaleWakeLock("kvox", kService);
-  EXPECT_EQ(Contents("wake_unlock"), "kvox") << "the file of a dead one holds no lock";
 }
 
 TEST_F(WakeLockTest, WithoutTheFilesLocksAreCounted) {

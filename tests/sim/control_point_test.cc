@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
+
+#include "tests/sim/bytes.h"
 
 namespace kvox::sim {
 namespace {
@@ -14,73 +14,38 @@ constexpr char kScenario[] = R"(
 cores = [2, 3, 9]
 tapouts = [0, 20]
 injects = [20]
-[[tap]]
-name = "imic"
-core = 2
-channels = 2
-[[tap]]
-name = "aux"
-index = 0
-core = 2
-[[tap]]
-name = "aux"
-index = 1
-core = 2
-[[tap]]
-name = "aux"
-index = 2
-core = 2
-[[tap]]
-name = "aux"
-index = 3
-core = 2
-format = "float"
-rate = 16000
-[[tap]]
-name = "aux"
-index = 0
-core = 3
+tap = [
+  { name = "imic", core = 2, channels = 2 },
+  { name = "aux", index = 0, core = 2 },
+  { name = "aux", index = 1, core = 2 },
+  { name = "aux", index = 2, core = 2 },
+  { name = "aux", index = 3, core = 2, format = "float", rate = 16000 },
+  { name = "aux", index = 0, core = 3 },
+]
 )";
 
 constexpr TapAddress kMic{.tap = MakeFourCc("imic"), .index = 0, .core = 2};
 constexpr TapAddress kAux3{.tap = 0x61757800, .index = 3, .core = 2};
 
 template <typename Record>
-Record Command(ControlOpcode opcode) {
-  Record record;
-  record.header.size = sizeof record;
-  record.header.opcode = opcode;
-  record.header.seq = 77;
-  return record;
+CMD_HDR Header(ControlOpcode opcode) {
+  return {.seq = 77, .size = sizeof(Record), .opcode = opcode};
 }
 
 TapEnableRecord EnableCommand(const TapAddress& address, uint8_t enable) {
-  auto record = Command<TapEnableRecord>(CMD_KVOX_TAP_ENABLE_ID);
-  record.address = address;
-  record.enable = enable;
-  return record;
+  return {Header<TapEnableRecord>(CMD_KVOX_TAP_ENABLE_ID), address, enable};
 }
 
 TapBindRecord BindCommand(const TapAddress& address, uint8_t tapout, uint8_t inject) {
-  auto record = Command<TapBindRecord>(CMD_KVOX_TAP_BIND_ID);
-  record.address = address;
-  record.tapout_buffer = tapout;
-  record.inject_buffer = inject;
-  return record;
+  return {Header<TapBindRecord>(CMD_KVOX_TAP_BIND_ID), address, {}, tapout, inject};
 }
 
 TapSettingRecord SettingCommand(ControlOpcode opcode, const TapAddress& address, uint32_t value) {
-  auto record = Command<TapSettingRecord>(opcode);
-  record.address = address;
-  record.value = value;
-  return record;
+  return {Header<TapSettingRecord>(opcode), address, {}, value};
 }
 
 TapListRecord ListCommand(uint8_t core, uint8_t page) {
-  auto record = Command<TapListRecord>(CMD_KVOX_TAP_LIST_ID);
-  record.core = core;
-  record.page = page;
-  return record;
+  return {Header<TapListRecord>(CMD_KVOX_TAP_LIST_ID), core, page, {}, {}};
 }
 
 class ControlPointTest : public ::testing::Test {
@@ -108,9 +73,9 @@ class ControlPointTest : public ::testing::Test {
     return reply.header.status;
   }
   TapInfoState Info(const TapAddress& address) {
-    auto record = Command<TapInfoRecord>(CMD_TAP_INFO_ID);
-    record.state = {.tap = address.tap, .index = address.index, .core = address.core};
-    const TapInfoRecord reply = Answer(record);
+    const TapInfoRecord reply =
+        Answer(TapInfoRecord{Header<TapInfoRecord>(CMD_TAP_INFO_ID),
+                             {.tap = address.tap, .index = address.index, .core = address.core}});
     EXPECT_EQ(reply.header.status, 0);
     return reply.state;
   }
@@ -207,17 +172,10 @@ TEST_F(ControlPointTest, OfSeveralTapsOnOneDeviceTheLastEnabledHasIt) {
   EXPECT_EQ(co_processor_->StreamingInto(20), co_processor_->Find(kMic));
 }
 
-using Bytes = std::vector<std::byte>;
-
 template <typename Record>
 Bytes ToBytes(const Record& record) {
   const auto bytes = std::as_bytes(std::span(&record, 1));
   return Bytes(bytes.begin(), bytes.end());
-}
-
-Bytes operator+(Bytes left, const Bytes& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
 }
 
 TEST(RecordSplitter, FindsRecordsHoweverTheyArrive) {
@@ -229,9 +187,7 @@ TEST(RecordSplitter, FindsRecordsHoweverTheyArrive) {
     std::vector<Bytes> records;
     RecordSplitter splitter(
         [&](auto record) { records.emplace_back(record.begin(), record.end()); });
-    for (size_t at = 0; at < stream.size(); at += piece) {
-      splitter.Feed(std::span(stream).subspan(at, std::min(piece, stream.size() - at)));
-    }
+    FeedInPieces(splitter, stream, piece);
     EXPECT_EQ(records, (std::vector<Bytes>{enable, list, enable})) << "in pieces of " << piece;
     EXPECT_EQ(splitter.junk_bytes(), 26u);
     EXPECT_FALSE(splitter.partial());

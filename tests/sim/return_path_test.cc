@@ -2,19 +2,17 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <numeric>
 #include <vector>
 
 #include "sim/packet_reassembler.h"
 #include "sim/round_trip.h"
 #include "sim/sink.h"
+#include "tests/sim/bytes.h"
 #include "tests/sim/wav_file.h"
 #include "tests/support/temp_directory.h"
 
 namespace kvox::sim {
 namespace {
-
-using Bytes = std::vector<std::byte>;
 
 Bytes Packet(uint32_t number, uint32_t payload_size) {
   KvoxPacketHeader header;
@@ -23,11 +21,6 @@ Bytes Packet(uint32_t number, uint32_t payload_size) {
   Bytes bytes(kPacketHeaderSize + payload_size, std::byte{static_cast<uint8_t>(number)});
   std::memcpy(bytes.data(), &header, sizeof header);
   return bytes;
-}
-
-Bytes operator+(Bytes left, const Bytes& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
 }
 
 Bytes With(Bytes bytes, size_t offset, uint32_t value) {
@@ -39,18 +32,14 @@ Bytes First(const Bytes& bytes, size_t count) {
   return Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
 }
 
-struct StreamRow {
-  const char* name;
-  Bytes stream;
-  std::vector<uint32_t> packets;
-  uint64_t bad_headers;
-  uint64_t torn;
-  uint64_t junk_bytes;
-};
-
 TEST(PacketReassembler, FindsPacketsAndCountsTheRest) {
   const Bytes junk(21, std::byte{'x'});  // looks like a magic's first byte all along
-  const StreamRow rows[] = {
+  const struct {
+    const char* name;
+    Bytes stream;
+    std::vector<uint32_t> packets;
+    uint64_t bad_headers, torn, junk_bytes;
+  } rows[] = {
       {"in a row", Packet(1, 480) + Packet(2, 0) + Packet(3, 65472), {1, 2, 3}, 0, 0, 0},
       {"junk", junk + Packet(1, 8) + junk + Packet(2, 8), {1, 2}, 0, 0, 42},
       {"version", With(Packet(1, 8), 4, 2) + Packet(2, 8), {2}, 1, 0, 72},
@@ -59,7 +48,7 @@ TEST(PacketReassembler, FindsPacketsAndCountsTheRest) {
       {"torn", First(Packet(1, 480), 204) + Packet(2, 480) + Packet(3, 8), {2, 3}, 0, 1, 204},
       {"torn in the header", First(Packet(1, 480), 32) + Packet(2, 480), {2}, 0, 1, 32},
   };
-  for (const StreamRow& row : rows) {
+  for (const auto& row : rows) {
     for (const size_t piece : {size_t{1}, size_t{50}, row.stream.size()}) {
       std::vector<uint32_t> packets;
       PacketReassembler reassembler([&](const KvoxPacketHeader& header, auto payload) {
@@ -69,10 +58,7 @@ TEST(PacketReassembler, FindsPacketsAndCountsTheRest) {
           ASSERT_EQ(byte, std::byte{static_cast<uint8_t>(header.packet_num)});
         }
       });
-      for (size_t at = 0; at < row.stream.size(); at += piece) {
-        reassembler.Feed(
-            std::span(row.stream).subspan(at, std::min(piece, row.stream.size() - at)));
-      }
+      FeedInPieces(reassembler, row.stream, piece);
       EXPECT_EQ(packets, row.packets) << row.name << " in pieces of " << piece;
       EXPECT_EQ(reassembler.counts().packets, row.packets.size()) << row.name;
       EXPECT_EQ(reassembler.counts().bad_headers, row.bad_headers) << row.name;
@@ -140,22 +126,11 @@ class WavSinkTest : public ::testing::Test {
   std::unique_ptr<Sink> sink_ = MakeWavSink({SinkKind::kWav, directory_ / "out.wav", ""}, error_);
 };
 
-TEST_F(WavSinkTest, TheFileIsWholeAtAnyMoment) {
-  const KvoxTapFormat format{
-      .sample_rate = 48000, .channels = 2, .bytes_per_sample = 2, .noninterleaved_samples = 2};
-  ASSERT_TRUE(Write<int16_t>(format, {1, 2, -1, -2}));
-  SF_INFO info;
-  EXPECT_EQ(ReadWav<int16_t>(directory_ / "out.wav", &info), (std::vector<int16_t>{1, -1, 2, -2}));
-  EXPECT_EQ(info.samplerate, 48000);
-  EXPECT_EQ(info.channels, 2);
-  ASSERT_TRUE(Write<int16_t>(format, {3, 4, -3, -4}));
-  EXPECT_EQ(ReadWav<int16_t>(directory_ / "out.wav").size(), 8u);
-}
-
 TEST_F(WavSinkTest, EveryFormatHasItsFile) {
   const std::vector<float> floats = {0.25f, -2.0f};
   ASSERT_TRUE(
       Write<int32_t>({.sample_rate = 8000, .channels = 1, .bytes_per_sample = 4}, {INT32_MIN, 5}));
+  EXPECT_EQ(ReadWav<int32_t>(directory_ / "out.wav").size(), 2u) << "whole at any moment";
   ASSERT_TRUE(Write<float>(
       {.sample_rate = 8000, .channels = 1, .bytes_per_sample = 4, .data_format = 1}, floats));
   ASSERT_FALSE(Write<int16_t>({.sample_rate = 8000, .channels = 1, .bytes_per_sample = 5}, {1}));
@@ -170,8 +145,7 @@ TEST_F(WavSinkTest, EveryFormatHasItsFile) {
 TEST_F(WavSinkTest, ADirectoryThatIsNotThereIsNamed) {
   EXPECT_EQ(MakeWavSink({SinkKind::kWav, directory_ / "no/out.wav", "s.toml:4: k"}, error_),
             nullptr);
-  EXPECT_EQ(error_, "s.toml:4: k: there is no directory " + (directory_ / "no").string() +
-                        "; expected a file in one that exists");
+  EXPECT_EQ(error_.find("s.toml:4: k: there is no directory " + (directory_ / "no").string()), 0u);
 }
 
 }  // namespace

@@ -3,13 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "kvox/common/kvox_packet.h"
 
 namespace kvox::sim {
 namespace {
 
+using ::testing::IsSupersetOf;
 using ::testing::StartsWith;
 
 std::string ErrorOf(std::string_view text) {
@@ -26,17 +25,11 @@ TEST(Scenario, TheBuiltInOneIsAPhone) {
   ASSERT_TRUE(ParseScenario(kDefaultScenario, "built-in", "", phone, error)) << error;
   EXPECT_EQ(phone.cores, (std::vector<uint8_t>{2, 3, 4}));
   EXPECT_EQ(phone.tapouts, phone.injects);
-  std::set<std::string> names;
-  size_t taps_on_core_2 = 0;
+  std::vector<std::string> names;
   for (const TapConfig& tap : phone.taps) {
-    names.insert(DisplayName(tap) + "@" + std::to_string(tap.core));
-    EXPECT_EQ(tap.format.sample_rate, 48000u);
-    taps_on_core_2 += tap.core == 2;
+    names.push_back(DisplayName(tap) + "@" + std::to_string(tap.core));
   }
-  EXPECT_GT(taps_on_core_2, 4u) << "the list of taps takes more than one page";
-  for (const char* name : {"imic.0@2", "sspk.0@2", "entr.5@2", "vpdl.0@4", "vpul.1@4"}) {
-    EXPECT_TRUE(names.contains(name)) << name;
-  }
+  EXPECT_THAT(names, IsSupersetOf({"imic.0@2", "sspk.0@2", "entr.5@2", "vpdl.0@4", "vpul.1@4"}));
 }
 
 TEST(Scenario, ReadsEveryKey) {
@@ -75,13 +68,11 @@ sink = { kind = "wav", file = "out.wav" }
   EXPECT_EQ(tap.sink.where, "dir/s.toml:16: tap[0].sink.file");
 }
 
-struct Fault {
-  const char* lines;  // from line 4 on, in the table of a tap
-  const char* error;
-};
-
 TEST(Scenario, FaultsNameTheLineTheKeyAndWhatIsExpected) {
-  const Fault faults[] = {
+  const struct {
+    const char* lines;  // from line 4 on, in the table of a tap
+    const char* error;
+  } faults[] = {
       {"rate = \"high\"", "s.toml:7: tap[0].rate: found 'high'; expected a whole number from 8000"},
       {"rate = 7999", "s.toml:7: tap[0].rate: found 7999; expected a whole number"},
       {"rate = 48000.0", "s.toml:7: tap[0].rate: found 48000.0; expected a whole number"},
@@ -114,7 +105,7 @@ TEST(Scenario, FaultsNameTheLineTheKeyAndWhatIsExpected) {
       {"[[tap]]\nname = \"b\"\ncore = 5", "s.toml:9: tap[1].core: there is no core 5; expected on"},
       {"= 3", "s.toml:7: syntax: "},
   };
-  for (const Fault& fault : faults) {
+  for (const auto& fault : faults) {
     const std::string text = std::string("cores = [2]\ntapouts = [0]\ninjects = [0]\n") +
                              "[[tap]]\nname = \"mic\"\ncore = 2\n" + fault.lines + "\n";
     EXPECT_THAT(ErrorOf(text), StartsWith(fault.error));
@@ -124,13 +115,6 @@ TEST(Scenario, FaultsNameTheLineTheKeyAndWhatIsExpected) {
               StartsWith("s.toml:2: tapouts: found 255; expected a whole number from 0 to 254"));
   EXPECT_THAT(ErrorOf("cores = [2]\ntapouts = [1, 1]"),
               StartsWith("s.toml:2: tapouts: 1 is listed twice"));
-}
-
-TEST(Scenario, AFileThatCannotBeReadIsNamed) {
-  Scenario scenario;
-  std::string error;
-  EXPECT_FALSE(LoadScenario("/nowhere/s.toml", scenario, error));
-  EXPECT_THAT(error, StartsWith("/nowhere/s.toml: cannot be read (No such file or directory); "));
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -110,13 +108,6 @@ TEST_F(TapStreamTest, SendsABlockEachPeriodFromTheFirstFrameOn) {
   EXPECT_EQ(tap_.round_trip.in_flight(), 100u);
 }
 
-TEST_F(TapStreamTest, FasterThanRealTimePacketsAreNotTimed) {
-  TapStream stream(tap_, 20, port_, 2.5, journal_, 0);
-  RunUntil(stream, 1000 * kMs);
-  EXPECT_EQ(port_.packets.size(), 250u);
-  EXPECT_EQ(port_.packets[0].header.format.sample_rate, 0u);
-}
-
 TEST_F(TapStreamTest, ANewBlockLengthHoldsFromTheNextPacketOn) {
   TapStream stream(tap_, 20, port_, 1, journal_, 0);
   RunUntil(stream, 20 * kMs);
@@ -147,55 +138,21 @@ TEST_F(TapStreamTest, ALossShowsAsAJump) {
   EXPECT_EQ(tap_.counts.sent, 4u);
 }
 
-TEST_F(TapStreamTest, CatchesUpWithWhatWasDue) {
-  TapStream stream(tap_, 20, port_, 1, journal_, 0);
-  RunUntil(stream, 10 * kMs);
-  next_ = 105 * kMs;
-  RunUntil(stream, 105 * kMs);
-  EXPECT_EQ(port_.packets.size(), 10u);
-  EXPECT_EQ(port_.packets.back().header.packet_num, 10u);
-  EXPECT_EQ(tap_.counts.max_late_ns, 85 * kMs);
-}
-
-TEST_F(TapStreamTest, BeginsAnewForEveryReader) {
+TEST_F(TapStreamTest, CountsWhatNobodyHears) {
   port_.reader = false;
   TapStream stream(tap_, 20, port_, 1, journal_, 0);
   RunUntil(stream, 100 * kMs);
   EXPECT_EQ(tap_.counts.unheard, 10u);
   EXPECT_EQ(tap_.counts.streams, 0u);
-  port_.reader = true;
-  RunUntil(stream, 200 * kMs);
-  const size_t first = port_.packets.size();
-  EXPECT_GE(first, 9u);
-  port_.result = Result::kNoReader;
-  port_.reader = false;
-  RunUntil(stream, 300 * kMs);
-  port_.result = Result::kSent;
-  port_.reader = true;
-  RunUntil(stream, 400 * kMs);
-  ASSERT_GT(port_.packets.size(), first);
-  EXPECT_EQ(port_.packets[first].header.packet_num, 1u);
-  EXPECT_EQ(port_.packets[first].samples, port_.packets[0].samples);
-  EXPECT_EQ(tap_.counts.streams, 2u);
-  EXPECT_EQ(tap_.counts.sent, port_.packets.size());
 }
 
-class FifoWriterTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    signal(SIGPIPE, SIG_IGN);
-    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
-  }
-  int OpenReader() { return open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
-
-  TempDirectory directory_;
-  const std::filesystem::path path_ = directory_ / "fifo";
-};
-
-TEST_F(FifoWriterTest, NeverPutsHalfAPacket) {
-  FifoWriter writer(path_);
+TEST(FifoWriter, NeverPutsHalfAPacket) {
+  const TempDirectory directory;
+  directory.MakeFifo("fifo");
+  const std::string path = directory / "fifo";
+  FifoWriter writer(path);
   EXPECT_FALSE(writer.HasReader());
-  const int reader = OpenReader();
+  const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   ASSERT_TRUE(writer.HasReader());
   // Packets of no whole number of pages, each filled with its number.
   constexpr size_t kSize = 10'000;
@@ -212,15 +169,10 @@ TEST_F(FifoWriterTest, NeverPutsHalfAPacket) {
   EXPECT_EQ(offer(), Result::kDropped);
   std::vector<uint8_t> received;
   std::vector<uint8_t> piece(20'000);
-  for (int round = 0; round < 20; ++round) {
+  for (int round = 0; round < 100; ++round) {
     const ssize_t size = read(reader, piece.data(), piece.size());
     if (size > 0) received.insert(received.end(), piece.begin(), piece.begin() + size);
     if (round < 8) offer();
-    writer.Flush();
-  }
-  while (const ssize_t size = read(reader, piece.data(), piece.size())) {
-    if (size < 0) break;
-    received.insert(received.end(), piece.begin(), piece.begin() + size);
     writer.Flush();
   }
   EXPECT_FALSE(writer.has_rest());
@@ -228,21 +180,6 @@ TEST_F(FifoWriterTest, NeverPutsHalfAPacket) {
   for (size_t i = 0; i < received.size(); ++i) ASSERT_EQ(received[i], sent[i / kSize]) << i;
   EXPECT_GT(sent.size(), 20u);
   EXPECT_LT(sent.size(), number) << "some did not fit";
-  close(reader);
-}
-
-TEST_F(FifoWriterTest, NoticesThatTheReaderWentAndFindsTheNext) {
-  FifoWriter writer(path_);
-  int reader = OpenReader();
-  ASSERT_TRUE(writer.HasReader());
-  close(reader);
-  EXPECT_EQ(writer.Offer(std::vector<std::byte>(64)), Result::kNoReader);
-  EXPECT_TRUE(writer.hung_up());
-  EXPECT_FALSE(writer.HasReader());
-  writer.Close();
-  EXPECT_FALSE(writer.HasReader());
-  reader = OpenReader();
-  EXPECT_TRUE(writer.HasReader());
   close(reader);
 }
 
