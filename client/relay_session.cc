@@ -78,7 +78,7 @@ bool RelaySession::Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>&
   return kvox_->RegisterReceiveAudioCallback(processor_, callback, &result).isOk();
 }
 
-StayEnd RelaySession::Stay(OnBlock on_block, OnTurn on_turn) {
+StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
   const auto callback = ndk::SharedRefBase::make<Callback>(std::move(on_block));
   ABinderProcess_setThreadPoolMaxThreadCount(1);
   ABinderProcess_startThreadPool();

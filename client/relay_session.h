@@ -47,7 +47,7 @@ class RelaySession {
   static void HoldInterrupts();
 
   /// Answers kDone when the work is done or the user has interrupted.
-  StayEnd Stay(OnBlock on_block, OnTurn on_turn);
+  StayEnd Stay(OnBlock on_block, const OnTurn& on_turn);
 
  private:
   class Callback;

@@ -13,7 +13,6 @@
 namespace kvox::client {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr int64_t kMs = 1'000'000;
