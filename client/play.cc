@@ -63,6 +63,9 @@ class Player {
     if (!format_) {
       format_ = FormatOf(*shape_);
       if (!format_) throw SoundFileError(options_.name + " wants audio of an unknown format");
+      if (shape_->data.empty() || shape_->data.size() % format_->FrameSize() != 0) {
+        throw SoundFileError(options_.name + " wants blocks that are no whole frames");
+      }
       file_.ConvertTo(*format_);
     }
     while (!at_end_ && queue_.size() < kBlocksAhead) {
@@ -94,13 +97,6 @@ class Player {
   }
 
  private:
-  static int64_t BlockNs(const IKvox::AudioPacket& packet) {
-    const auto format = FormatOf(packet);
-    if (!format) return 1;
-    const auto frames = static_cast<int64_t>(packet.data.size() / format->FrameSize());
-    return frames * 1'000'000'000 / format->sample_rate;
-  }
-
   const std::shared_ptr<IKvox> kvox_;
   const PlayOptions options_;
   SoundReader file_;                    // the main thread's

@@ -17,13 +17,9 @@ class Recorder {
   explicit Recorder(const RecordOptions& options) : options_(options) {}
 
   void Take(const IKvox::AudioPacket& packet) {
-    const auto format = FormatOf(packet);
-    const size_t frames = format ? packet.data.size() / format->FrameSize() : 0;
+    const int64_t block_ns = BlockNs(packet);
     std::lock_guard lock(mutex_);
-    if (format && frames > 0) {
-      const auto block_ns = static_cast<int64_t>(frames * 1'000'000'000 / format->sample_rate);
-      clock_.Arrived(NowNs(), block_ns);
-    }
+    clock_.Arrived(NowNs(), block_ns);
     queue_.push_back(packet);
   }
 

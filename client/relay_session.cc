@@ -42,6 +42,13 @@ std::optional<StreamFormat> FormatOf(const IKvox::AudioPacket& packet) {
   return known ? std::optional(format) : std::nullopt;
 }
 
+int64_t BlockNs(const IKvox::AudioPacket& packet) {
+  const auto format = FormatOf(packet);
+  if (!format) return 0;
+  const auto frames = static_cast<int64_t>(packet.data.size() / format->FrameSize());
+  return frames * kNsPerSecond / format->sample_rate;
+}
+
 class RelaySession::Callback : public IKvox::BnReceiveAudioCallback {
  public:
   explicit Callback(OnBlock on_block) : on_block_(std::move(on_block)) {}

@@ -30,6 +30,8 @@ TEST(BlockClock, CountsGapsAndForgivesJitterAndDrift) {
   int64_t now = 1160 * kMs;
   for (int i = 0; i < 5000; ++i) clock.Arrived(now += 10 * kMs + 2'000, 10 * kMs);
   EXPECT_EQ(clock.missed(), 4u) << "a slower clock is no gap";
+  clock.Arrived(now + 1000 * kMs, 0);
+  EXPECT_EQ(clock.missed(), 4u) << "a block without a frame tells nothing";
 }
 
 TEST(FormatOf, ReadsCodesAndRefusesUnknownOnes) {
@@ -41,6 +43,10 @@ TEST(FormatOf, ReadsCodesAndRefusesUnknownOnes) {
   const auto format = FormatOf(packet);
   ASSERT_TRUE(format);
   EXPECT_EQ(Describe(*format), "48000 Hz, 2 channels, float32");
+  packet.data.resize(7);
+  EXPECT_EQ(BlockNs(packet), 0) << "less than a frame";
+  packet.data.resize(480 * 8);
+  EXPECT_EQ(BlockNs(packet), 10 * kMs);
   for (int8_t IKvox::AudioPacket::*code :
        {&IKvox::AudioPacket::sampleRate, &IKvox::AudioPacket::format,
         &IKvox::AudioPacket::bitsPerSample}) {
