@@ -101,15 +101,16 @@ StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
     EndProgress();
     Register(nullptr, result);
   };
+  StayEnd end;
   try {
-    const StayEnd end = Turns(*callback, on_turn);
-    unregister();
-    on_turn();  // what came in the meantime
-    return end;
+    end = Turns(*callback, on_turn);
   } catch (...) {
     unregister();
     throw;
   }
+  unregister();
+  on_turn();  // what came in the meantime
+  return end;
 }
 
 StayEnd RelaySession::Turns(const Callback& callback, const OnTurn& on_turn) {

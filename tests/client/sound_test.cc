@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "client/block_clock.h"
+#include "client/block_queue.h"
 #include "client/relay_session.h"
 #include "client/sound_file.h"
 #include "tests/support/temp_directory.h"
@@ -53,6 +54,22 @@ TEST(FormatOf, ReadsCodesAndRefusesUnknownOnes) {
     IKvox::AudioPacket unknown = packet;
     unknown.*code = -1;
     EXPECT_FALSE(FormatOf(unknown));
+  }
+}
+
+TEST(BlockQueue, HoldsSixteenSecondsAndCountsTheRest) {
+  BlockQueue queue;
+  BlockQueue::Block block;
+  block.sampleRate = 5;
+  block.numChannels = 1;
+  block.bitsPerSample = 1;
+  for (const size_t frames : {4800u, 0u}) {
+    const size_t fit = frames == 0 ? 1600 : 160;
+    const uint64_t missed_before = queue.missed();
+    block.data.resize(frames * 2);
+    for (size_t i = 0; i < fit + 3; ++i) queue.Push(block, static_cast<int64_t>(i) * 100 * kMs);
+    EXPECT_EQ(queue.missed(), missed_before + 3);
+    EXPECT_EQ(queue.TakeAll().size(), fit);
   }
 }
 
