@@ -9,7 +9,7 @@ namespace kvox::client {
 /// comes most of a block late, and is taken back when blocks then come that much early.
 class BlockClock {
  public:
-  /// A block of this length arrives now; both in nanoseconds.
+  /// A block of this length arrives now; both in nanoseconds. One without a length tells nothing.
   void Arrived(int64_t now_ns, int64_t block_ns);
 
   uint64_t missed() const { return missed_; }

@@ -58,11 +58,15 @@ class Player {
   /// Reads ahead. True when everything has gone out, or nothing more can.
   bool ReadAhead() {
     std::unique_lock lock(mutex_);
-    ShowProgress(seconds(), missed_ + clock_.missed());
+    const StayFigures figures = FiguresLocked();
+    ShowProgress(figures.seconds, figures.missed);
     if (!shape_) return false;
     if (!format_) {
       format_ = FormatOf(*shape_);
       if (!format_) throw SoundFileError(options_.name + " wants audio of an unknown format");
+      if (shape_->data.empty() || shape_->data.size() % format_->FrameSize() != 0) {
+        throw SoundFileError(options_.name + " wants blocks that are no whole frames");
+      }
       file_.ConvertTo(*format_);
     }
     while (!at_end_ && queue_.size() < kBlocksAhead) {
@@ -80,25 +84,18 @@ class Player {
     std::lock_guard lock(mutex_);
     return refused_;
   }
-  uint64_t missed() {
+  /// A turn may still be under way: what it sends is not told any more.
+  StayFigures figures() {
     std::lock_guard lock(mutex_);
-    return missed_ + clock_.missed();
-  }
-  uint64_t blocks() {
-    std::lock_guard lock(mutex_);
-    return blocks_;
-  }
-  double seconds() const {
-    const size_t frames = format_ ? shape_->data.size() / format_->FrameSize() : 0;
-    return format_ ? static_cast<double>(blocks_ * frames) / format_->sample_rate : 0;
+    return FiguresLocked();
   }
 
  private:
-  static int64_t BlockNs(const IKvox::AudioPacket& packet) {
-    const auto format = FormatOf(packet);
-    if (!format) return 1;
-    const auto frames = static_cast<int64_t>(packet.data.size() / format->FrameSize());
-    return frames * 1'000'000'000 / format->sample_rate;
+  StayFigures FiguresLocked() const {
+    const size_t frames = format_ ? shape_->data.size() / format_->FrameSize() : 0;
+    return {.seconds = format_ ? static_cast<double>(blocks_ * frames) / format_->sample_rate : 0,
+            .blocks = blocks_,
+            .missed = missed_ + clock_.missed()};
   }
 
   const std::shared_ptr<IKvox> kvox_;
@@ -132,10 +129,9 @@ StayEnd Play(const std::shared_ptr<IKvox>& kvox, SoundReader file, const PlayOpt
     return StayEnd::kRefused;
   }
   if (end == StayEnd::kRefused) return end;
-  if (end == StayEnd::kDone && player->missed() > 0) end = StayEnd::kMissedBlocks;
-  PrintStay("played",
-            {.seconds = player->seconds(), .blocks = player->blocks(), .missed = player->missed()},
-            options.json);
+  const StayFigures figures = player->figures();
+  if (end == StayEnd::kDone && figures.missed > 0) end = StayEnd::kMissedBlocks;
+  PrintStay("played", figures, options.json);
   return end;
 }
 

@@ -2,54 +2,34 @@
 
 #include <algorithm>
 #include <cmath>
-#include <deque>
-#include <mutex>
-#include <utility>
+#include <memory>
 
-#include "client/block_clock.h"
+#include "client/block_queue.h"
 
 namespace kvox::client {
 namespace {
 
-/// Takes blocks on the serving thread, and writes them on the main thread.
+/// Writes blocks to a file, which ends complete with this object.
 class Recorder {
  public:
-  explicit Recorder(const RecordOptions& options) : options_(options) {}
-
-  void Take(const IKvox::AudioPacket& packet) {
-    const auto format = FormatOf(packet);
-    const size_t frames = format ? packet.data.size() / format->FrameSize() : 0;
-    std::lock_guard lock(mutex_);
-    if (format && frames > 0) {
-      const auto block_ns = static_cast<int64_t>(frames * 1'000'000'000 / format->sample_rate);
-      clock_.Arrived(NowNs(), block_ns);
-    }
-    queue_.push_back(packet);
-  }
+  Recorder(BlockQueue& queue, const RecordOptions& options) : queue_(queue), options_(options) {}
 
   /// Writes what has come. True when there is enough.
   bool Write() {
-    std::deque<IKvox::AudioPacket> blocks;
-    {
-      std::lock_guard lock(mutex_);
-      blocks.swap(queue_);
-    }
+    const auto blocks = queue_.TakeAll();
     for (const auto& block : blocks) {
       if (Enough()) break;
       WriteBlock(block);
     }
-    ShowProgress(seconds(), missed());
+    ShowProgress(figures().seconds, figures().missed);
     return Enough();
   }
 
-  uint64_t missed() {
-    std::lock_guard lock(mutex_);
-    return clock_.missed();
+  StayFigures figures() const {
+    return {.seconds = format_ ? static_cast<double>(frames_) / format_->sample_rate : 0,
+            .blocks = blocks_,
+            .missed = queue_.missed()};
   }
-  double seconds() const {
-    return format_ ? static_cast<double>(frames_) / format_->sample_rate : 0;
-  }
-  uint64_t blocks() const { return blocks_; }
 
  private:
   bool Enough() const {
@@ -78,12 +58,8 @@ class Recorder {
     ++blocks_;
   }
 
-  const RecordOptions options_;
-  std::mutex mutex_;
-  std::deque<IKvox::AudioPacket> queue_;
-  BlockClock clock_;
-
-  // The main thread's.
+  BlockQueue& queue_;
+  const RecordOptions& options_;
   std::unique_ptr<SoundWriter> file_;
   std::optional<StreamFormat> format_;
   uint64_t frames_ = 0;
@@ -93,17 +69,18 @@ class Recorder {
 }  // namespace
 
 StayEnd Record(const std::shared_ptr<IKvox>& kvox, const RecordOptions& options) {
-  const auto recorder = std::make_shared<Recorder>(options);
+  // The serving thread may keep the queue for longer. The file is this function's own, so that it
+  // is closed however the stay ends.
+  const auto queue = std::make_shared<BlockQueue>();
+  Recorder recorder(*queue, options);
   RelaySession session(kvox, options.processor, options.name, "recording from " + options.name);
   StayEnd end =
-      session.Stay([recorder](const IKvox::AudioPacket& packet) { recorder->Take(packet); },
-                   [recorder] { return recorder->Write(); });
-  if (end == StayEnd::kDone && recorder->missed() > 0) end = StayEnd::kMissedBlocks;
+      session.Stay([queue](const IKvox::AudioPacket& packet) { queue->Push(packet, NowNs()); },
+                   [&recorder] { return recorder.Write(); });
   if (end == StayEnd::kRefused) return end;
-  PrintStay(
-      "recorded",
-      {.seconds = recorder->seconds(), .blocks = recorder->blocks(), .missed = recorder->missed()},
-      options.json);
+  const StayFigures figures = recorder.figures();
+  if (end == StayEnd::kDone && figures.missed > 0) end = StayEnd::kMissedBlocks;
+  PrintStay("recorded", figures, options.json);
   return end;
 }
 

@@ -15,7 +15,8 @@ struct RecordOptions {
   bool json = false;
 };
 
-/// Until interrupted. The file is written by this thread, so that a slow disk delays no block.
+/// Until interrupted. The file is written by this thread, so that a slow disk delays no block; what
+/// does not fit into a BlockQueue meanwhile counts as missed.
 /// Prints how much came and how many blocks were missed. Throws SoundFileError when the file cannot
 /// be written.
 StayEnd Record(const std::shared_ptr<IKvox>& kvox, const RecordOptions& options);

@@ -42,6 +42,13 @@ std::optional<StreamFormat> FormatOf(const IKvox::AudioPacket& packet) {
   return known ? std::optional(format) : std::nullopt;
 }
 
+int64_t BlockNs(const IKvox::AudioPacket& packet) {
+  const auto format = FormatOf(packet);
+  if (!format) return 0;
+  const auto frames = static_cast<int64_t>(packet.data.size() / format->FrameSize());
+  return frames * kNsPerSecond / format->sample_rate;
+}
+
 class RelaySession::Callback : public IKvox::BnReceiveAudioCallback {
  public:
   explicit Callback(OnBlock on_block) : on_block_(std::move(on_block)) {}
@@ -78,7 +85,7 @@ bool RelaySession::Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>&
   return kvox_->RegisterReceiveAudioCallback(processor_, callback, &result).isOk();
 }
 
-StayEnd RelaySession::Stay(OnBlock on_block, OnTurn on_turn) {
+StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
   const auto callback = ndk::SharedRefBase::make<Callback>(std::move(on_block));
   ABinderProcess_setThreadPoolMaxThreadCount(1);
   ABinderProcess_startThreadPool();
@@ -94,15 +101,16 @@ StayEnd RelaySession::Stay(OnBlock on_block, OnTurn on_turn) {
     EndProgress();
     Register(nullptr, result);
   };
+  StayEnd end;
   try {
-    const StayEnd end = Turns(*callback, on_turn);
-    unregister();
-    on_turn();  // what came in the meantime
-    return end;
+    end = Turns(*callback, on_turn);
   } catch (...) {
     unregister();
     throw;
   }
+  unregister();
+  on_turn();  // what came in the meantime
+  return end;
 }
 
 StayEnd RelaySession::Turns(const Callback& callback, const OnTurn& on_turn) {

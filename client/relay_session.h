@@ -20,6 +20,10 @@ using aidl::kvox::IKvox;
 /// The format that a packet's codes name; none when they name none.
 std::optional<StreamFormat> FormatOf(const IKvox::AudioPacket& packet);
 
+/// How long a packet's audio lasts, in nanoseconds; 0 when it holds no whole frame or its format is
+/// unknown.
+int64_t BlockNs(const IKvox::AudioPacket& packet);
+
 /// What becomes of a stay, and the program's exit status for it.
 enum class StayEnd : int {
   kDone = 0,
@@ -47,7 +51,7 @@ class RelaySession {
   static void HoldInterrupts();
 
   /// Answers kDone when the work is done or the user has interrupted.
-  StayEnd Stay(OnBlock on_block, OnTurn on_turn);
+  StayEnd Stay(OnBlock on_block, const OnTurn& on_turn);
 
  private:
   class Callback;

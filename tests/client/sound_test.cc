@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "client/block_clock.h"
+#include "client/block_queue.h"
 #include "client/relay_session.h"
 #include "client/sound_file.h"
 #include "tests/support/temp_directory.h"
@@ -13,7 +14,6 @@
 namespace kvox::client {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr int64_t kMs = 1'000'000;
@@ -31,6 +31,8 @@ TEST(BlockClock, CountsGapsAndForgivesJitterAndDrift) {
   int64_t now = 1160 * kMs;
   for (int i = 0; i < 5000; ++i) clock.Arrived(now += 10 * kMs + 2'000, 10 * kMs);
   EXPECT_EQ(clock.missed(), 4u) << "a slower clock is no gap";
+  clock.Arrived(now + 1000 * kMs, 0);
+  EXPECT_EQ(clock.missed(), 4u) << "a block without a frame tells nothing";
 }
 
 TEST(FormatOf, ReadsCodesAndRefusesUnknownOnes) {
@@ -42,12 +44,32 @@ TEST(FormatOf, ReadsCodesAndRefusesUnknownOnes) {
   const auto format = FormatOf(packet);
   ASSERT_TRUE(format);
   EXPECT_EQ(Describe(*format), "48000 Hz, 2 channels, float32");
+  packet.data.resize(7);
+  EXPECT_EQ(BlockNs(packet), 0) << "less than a frame";
+  packet.data.resize(480 * 8);
+  EXPECT_EQ(BlockNs(packet), 10 * kMs);
   for (int8_t IKvox::AudioPacket::*code :
        {&IKvox::AudioPacket::sampleRate, &IKvox::AudioPacket::format,
         &IKvox::AudioPacket::bitsPerSample}) {
     IKvox::AudioPacket unknown = packet;
     unknown.*code = -1;
     EXPECT_FALSE(FormatOf(unknown));
+  }
+}
+
+TEST(BlockQueue, HoldsSixteenSecondsAndCountsTheRest) {
+  BlockQueue queue;
+  BlockQueue::Block block;
+  block.sampleRate = 5;
+  block.numChannels = 1;
+  block.bitsPerSample = 1;
+  for (const size_t frames : {4800u, 0u}) {
+    const size_t fit = frames == 0 ? 1600 : 160;
+    const uint64_t missed_before = queue.missed();
+    block.data.resize(frames * 2);
+    for (size_t i = 0; i < fit + 3; ++i) queue.Push(block, static_cast<int64_t>(i) * 100 * kMs);
+    EXPECT_EQ(queue.missed(), missed_before + 3);
+    EXPECT_EQ(queue.TakeAll().size(), fit);
   }
 }
 

@@ -9,7 +9,6 @@ namespace kvox {
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 /// Samples of a WAV file with one channel.
 std::vector<int16_t> Samples(const std::string& path) {
