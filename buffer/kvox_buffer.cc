@@ -26,11 +26,12 @@ KvoxBuffer::KvoxBuffer(std::string name, std::string device_path, uint32_t index
       index_(index),
       is_tapout_(is_tapout),
       environment_(environment),
-      capture_(name_),
+      capture_(std::make_shared<WavCapture>(name_, environment.capture_threads)),
       routes_([this] { wake_.Signal(); }) {}
 
 KvoxBuffer::~KvoxBuffer() {
   Drop();
+  capture_->Abandon();
 }
 
 int32_t KvoxBuffer::Enable(bool enable) {
@@ -138,7 +139,7 @@ void KvoxBuffer::EnableDevice(int fd) {
                                                          .io = environment_.io,
                                                          .routes = routes_,
                                                          .rx_format = rx_format_,
-                                                         .recorder = capture_,
+                                                         .recorder = *capture_,
                                                          .log = environment_.io_log,
                                                          .wake = wake_},
                                           fd);
@@ -146,7 +147,7 @@ void KvoxBuffer::EnableDevice(int fd) {
     reader_->Start();
     return;
   }
-  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, capture_, fd));
+  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *capture_, fd));
   enabled_.store(true, std::memory_order_relaxed);
   if (const auto writer = GetInput()) writer->RefreshFeed();
 }

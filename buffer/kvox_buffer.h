@@ -25,6 +25,7 @@
 #include "kvox/common/wake_event.h"
 #include "processors/audio_endpoint.h"
 #include "processors/kvox_processor.h"
+#include "processors/thread_reaper.h"
 
 namespace kvox {
 
@@ -44,6 +45,7 @@ struct BufferEnvironment {
   DeviceIo& io;
   LogTarget& io_log;  // for I/O threads; never waits
   TapControl& taps;
+  ThreadReaper& capture_threads;
 };
 
 /// Status results are 0 for success and -1 for failure. Any thread but an I/O thread may call.
@@ -103,10 +105,10 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   /// WavCapture::Start and Stop. Beside these only the stream or a failing write end a capture; a
   /// buffer that goes leaves the file without its header.
   int32_t CaptureStart(const std::string& file, std::string& message) {
-    return capture_.Start(file, message);
+    return capture_->Start(file, message);
   }
-  int32_t CaptureStop(std::string& message) { return capture_.Stop(message); }
-  bool IsCapturing() const { return capture_.recording(); }
+  int32_t CaptureStop(std::string& message) { return capture_->Stop(message); }
+  bool IsCapturing() const { return capture_->recording(); }
 
   /// Logs the work area (64 KiB) as 2048 lines of words. The caller sees to it that nobody ties
   /// buffers and processors meanwhile.
@@ -133,7 +135,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   const uint32_t index_;
   const bool is_tapout_;
   const BufferEnvironment environment_;
-  WavCapture capture_;
+  const std::shared_ptr<WavCapture> capture_;
   WakeEvent wake_;
   RxFormatCell rx_format_;
   RoutePublisher routes_;

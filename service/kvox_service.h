@@ -56,6 +56,10 @@ struct ConnectionState {
 /// kept until the client returns or dies.
 inline constexpr size_t kMaxClientThreads = 64;
 
+/// Threads that write captures. More than there are buffers: one whose file hangs is kept until the
+/// write returns.
+inline constexpr size_t kMaxCaptureThreads = 128;
+
 /// What the service works with. Everything outlives it.
 struct ServiceEnvironment {
   CoprocessorLink& link;
@@ -261,6 +265,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   int32_t SetTapJitterBuffer(const KvoxBuffer& buffer, uint32_t size) override;
 
   const ServiceEnvironment environment_;
+  ThreadReaper capture_threads_{kMaxCaptureThreads};  // outlives the buffers below
   const BufferEnvironment buffer_environment_;
 
   ThreadReaper client_threads_{kMaxClientThreads};  // of relays; outlives the processors below
