@@ -43,15 +43,15 @@ int32_t KvoxBuffer::Enable(bool enable) {
     case Switch::kRefused:
       return -1;
   }
-  int fd = -1;
+  bool switched = true;
   if (enable) {
-    fd = OpenWithRetries();
-    if (fd >= 0) EnableDevice(fd);
+    const int fd = OpenWithRetries();
+    switched = fd >= 0 && EnableDevice(fd);
   } else {
     DisableDevice();
   }
   EndSwitching();
-  return enable && fd < 0 ? -1 : 0;
+  return switched ? 0 : -1;
 }
 
 /// Waits for the turn to switch and looks whether there is anything to do. A thread that comes to
@@ -126,7 +126,8 @@ bool KvoxBuffer::WaitBeforeRetry() {
   return false;
 }
 
-void KvoxBuffer::EnableDevice(int fd) {
+/// Takes over `fd`. False when there is no thread to read it.
+bool KvoxBuffer::EnableDevice(int fd) {
   if (is_tapout_) {
     {
       MutexLock lock(mutex_);
@@ -143,13 +144,17 @@ void KvoxBuffer::EnableDevice(int fd) {
                                                          .log = environment_.io_log,
                                                          .wake = wake_},
                                           fd);
+    if (!reader_->Start()) {
+      reader_.reset();
+      return false;
+    }
     enabled_.store(true, std::memory_order_relaxed);
-    reader_->Start();
-    return;
+    return true;
   }
   SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *capture_, fd));
   enabled_.store(true, std::memory_order_relaxed);
   if (const auto writer = GetInput()) writer->RefreshFeed();
+  return true;
 }
 
 void KvoxBuffer::DisableDevice() {

@@ -119,7 +119,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
 
   Switch BeginSwitching(bool enable);
   void EndSwitching();
-  void EnableDevice(int fd);
+  bool EnableDevice(int fd);
   int OpenWithRetries();
   int OpenDevice() const;
   bool WaitBeforeRetry();

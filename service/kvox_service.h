@@ -66,9 +66,7 @@ struct ServiceEnvironment {
   DeviceIo& io;
   LogTarget& io_log;
   std::string device_directory;
-  Recovery::Starter start_recovery = [](Recovery::Body body) {
-    return std::make_unique<RecoveryThread>(std::move(body));
-  };
+  Recovery::Starter start_recovery = RecoveryThread::Start;
 };
 
 class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private RelayOwner {

@@ -4,6 +4,7 @@
 
 #include "kvox/common/log_ring.h"
 #include "tests/buffer/buffer_fixture.h"
+#include "tests/support/no_threads.h"
 
 namespace kvox {
 namespace {
@@ -80,6 +81,16 @@ TEST_F(KvoxBufferTest, EnablingAndDisablingTwiceOnlySaysSo) {
   EXPECT_EQ(inject_->Enable(false), 0);
   EXPECT_THAT(log_.Take(), ElementsAre("I Enable buffer inject0 with 1 input",
                                        "I Disable buffer inject0", "I Buffer inject0 disabled"));
+}
+
+TEST_F(KvoxBufferTest, StaysOffWithoutAThread) {
+  {
+    const NoThreads none;
+    EXPECT_EQ(tapout_->Enable(true), -1);
+  }
+  EXPECT_EQ(log_.Count("E tapout0: cannot start the I/O thread: "), 1u);
+  EXPECT_FALSE(tapout_->IsEnabled());
+  EXPECT_EQ(tapout_->Enable(true), 0);
 }
 
 TEST_F(KvoxBufferTest, AudioPassesAndFollowsEverySwitch) {
