@@ -82,6 +82,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   int32_t SetRxFormat(const KvoxTapFormat& format);
   KvoxTapFormat RxFormat() const override { return rx_format_.Get().format; }
 
+  /// Also applies the format of the arriving audio, once there is one.
   int32_t RegisterOutput(const std::shared_ptr<KvoxProcessor>& processor);
   int32_t UnregisterOutput(KvoxProcessor* processor) override;
   int32_t RegisterInput(const std::shared_ptr<KvoxProcessor>& processor);
@@ -127,6 +128,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   std::shared_ptr<InjectPort> SwapPort(std::shared_ptr<InjectPort> port);
   std::shared_ptr<InjectPort> port() const;
   void ReplaceInput(const std::shared_ptr<KvoxProcessor>& processor);
+  void ApplyRxFormat(KvoxProcessor& processor);
   void PublishRoutes() REQUIRES(mutex_);
   bool CopyWorkArea(InjectPort* port, std::vector<std::byte>& area);
 
@@ -140,6 +142,10 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   RxFormatCell rx_format_;
   RoutePublisher routes_;
   std::atomic<bool> enabled_ = false;
+
+  /// Held from a look at the RX format until processors have it, so that an older format never
+  /// comes after a newer one. Taken before the locks of processors.
+  Mutex format_mutex_ ACQUIRED_BEFORE(mutex_);
 
   mutable Mutex mutex_;
   CondVar changed_;

@@ -159,6 +159,33 @@ TEST_F(KvoxBufferTest, TheStreamsFormatIsKnownToWhoeverRegisters) {
   EXPECT_EQ(tapout_->RxFormat().sample_rate, 0u);
 }
 
+/// Meets a command that sets another format while it is being told one.
+class InterruptedProcessor : public PassthruProcessor {
+ public:
+  using PassthruProcessor::PassthruProcessor;
+  int32_t SetFormat(const KvoxTapFormat& format) override {
+    if (auto interrupt = std::exchange(on_format, nullptr)) interrupt();
+    return PassthruProcessor::SetFormat(format);
+  }
+  std::function<void()> on_format;
+};
+
+TEST_F(KvoxBufferTest, TheNewerOfTwoFormatsReachesAProcessorLast) {
+  const auto processor =
+      std::make_shared<InterruptedProcessor>(MakeFourCc("pass"), PassthruProcessor::kType);
+  tapout_->SetRxFormat({.sample_rate = 48000, .channels = 1, .bytes_per_sample = 2});
+  std::thread command;
+  processor->on_format = [&] {
+    command = std::thread([&] {
+      tapout_->SetRxFormat({.sample_rate = 16000, .channels = 1, .bytes_per_sample = 2});
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // time enough to overtake
+  };
+  tapout_->RegisterOutput(processor);
+  command.join();
+  EXPECT_EQ(processor->GetSampleRate(), 16000u);
+}
+
 TEST_F(KvoxBufferTest, DumpsWhatTheAreasHold) {
   tapout_->DumpBuffer();
   EXPECT_EQ(log_.Take().back(), "E tapout0 buffer is null");
