@@ -280,7 +280,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   std::set<FourCc> to_enable_again_ GUARDED_BY(wiring_mutex_);
 
   Mutex mutex_;
-  bool control_arrived_ GUARDED_BY(mutex_) = false;  // since the last scan
+  bool control_arrived_ GUARDED_BY(mutex_) = false;  // since the recovery's last scan
   bool ready_ GUARDED_BY(mutex_) = false;            // at least one buffer of each kind was found
   ProcessorMap processors_ GUARDED_BY(mutex_);
   BufferTables buffers_ GUARDED_BY(mutex_);
