@@ -195,10 +195,7 @@ void KvoxBuffer::Drop() {
     outputs.swap(outputs_);
     PublishRoutes();
   }
-  for (const auto& processor : outputs) {
-    processor->SetInput(nullptr);
-    processor->SetFeed(nullptr);
-  }
+  for (const auto& processor : outputs) processor->ClearFeedAndInput(this);
   routes_.Settle();
   UnregisterInput();
 }

@@ -80,8 +80,7 @@ int32_t KvoxBuffer::UnregisterOutput(KvoxProcessor* processor) {
              processor->id_text());
     return -1;
   }
-  removed->SetInput(nullptr);
-  removed->SetFeed(nullptr);
+  removed->ClearFeedAndInput(this);
   routes_.Settle();
   return 0;
 }
@@ -109,7 +108,7 @@ void KvoxBuffer::ReplaceInput(const std::shared_ptr<KvoxProcessor>& processor) {
     MutexLock lock(mutex_);
     input_.swap(replaced);
   }
-  if (replaced && replaced != processor) replaced->SetOutput(nullptr);
+  if (replaced && replaced != processor) replaced->ClearOutput(this);
 }
 
 size_t KvoxBuffer::GetOutputs(std::vector<std::shared_ptr<KvoxProcessor>>& outputs) const {

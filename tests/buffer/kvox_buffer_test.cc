@@ -60,6 +60,24 @@ TEST_F(KvoxBufferTest, RegistersEachProcessorOnceAndInOneDirection) {
   EXPECT_EQ(q->output(), nullptr);
 }
 
+TEST_F(KvoxBufferTest, LettingGoLeavesAProcessorItsNewBuffers) {
+  const auto processor = MakePassthrough();
+  const auto tapout = MakeBuffer("tapout1", 1, true);
+  const auto inject = MakeBuffer("inject1", 1, false);
+  ConnectChain(processor);
+  tapout->RegisterOutput(processor);
+  inject->RegisterInput(processor);
+  processor->SetInput(tapout);
+  tapout_->UnregisterOutput(processor.get());
+  inject_->Drop();
+  EXPECT_EQ(processor->feed(), tapout);
+  EXPECT_EQ(processor->input(), tapout);
+  EXPECT_EQ(processor->output(), inject);
+  tapout->Drop();
+  inject->Drop();
+  EXPECT_FALSE(processor->feed() || processor->input() || processor->output());
+}
+
 TEST_F(KvoxBufferTest, EnablingAndDisablingTwiceOnlySaysSo) {
   EXPECT_EQ(tapout_->Enable(true), 0);
   EXPECT_EQ(tapout_->Enable(true), 0);
