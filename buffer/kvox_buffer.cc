@@ -26,11 +26,12 @@ KvoxBuffer::KvoxBuffer(std::string name, std::string device_path, uint32_t index
       index_(index),
       is_tapout_(is_tapout),
       environment_(environment),
-      capture_(name_),
+      capture_(std::make_shared<WavCapture>(name_, environment.capture_threads)),
       routes_([this] { wake_.Signal(); }) {}
 
 KvoxBuffer::~KvoxBuffer() {
   Drop();
+  capture_->Abandon();
 }
 
 int32_t KvoxBuffer::Enable(bool enable) {
@@ -42,15 +43,15 @@ int32_t KvoxBuffer::Enable(bool enable) {
     case Switch::kRefused:
       return -1;
   }
-  int fd = -1;
+  bool switched = true;
   if (enable) {
-    fd = OpenWithRetries();
-    if (fd >= 0) EnableDevice(fd);
+    const int fd = OpenWithRetries();
+    switched = fd >= 0 && EnableDevice(fd);
   } else {
     DisableDevice();
   }
   EndSwitching();
-  return enable && fd < 0 ? -1 : 0;
+  return switched ? 0 : -1;
 }
 
 /// Waits for the turn to switch and looks whether there is anything to do. A thread that comes to
@@ -125,7 +126,8 @@ bool KvoxBuffer::WaitBeforeRetry() {
   return false;
 }
 
-void KvoxBuffer::EnableDevice(int fd) {
+/// Takes over `fd`. False when there is no thread to read it.
+bool KvoxBuffer::EnableDevice(int fd) {
   if (is_tapout_) {
     {
       MutexLock lock(mutex_);
@@ -138,17 +140,21 @@ void KvoxBuffer::EnableDevice(int fd) {
                                                          .io = environment_.io,
                                                          .routes = routes_,
                                                          .rx_format = rx_format_,
-                                                         .recorder = capture_,
+                                                         .recorder = *capture_,
                                                          .log = environment_.io_log,
                                                          .wake = wake_},
                                           fd);
+    if (!reader_->Start()) {
+      reader_.reset();
+      return false;
+    }
     enabled_.store(true, std::memory_order_relaxed);
-    reader_->Start();
-    return;
+    return true;
   }
-  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, capture_, fd));
+  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *capture_, fd));
   enabled_.store(true, std::memory_order_relaxed);
   if (const auto writer = GetInput()) writer->RefreshFeed();
+  return true;
 }
 
 void KvoxBuffer::DisableDevice() {
@@ -189,10 +195,7 @@ void KvoxBuffer::Drop() {
     outputs.swap(outputs_);
     PublishRoutes();
   }
-  for (const auto& processor : outputs) {
-    processor->SetInput(nullptr);
-    processor->SetFeed(nullptr);
-  }
+  for (const auto& processor : outputs) processor->ClearFeedAndInput(this);
   routes_.Settle();
   UnregisterInput();
 }

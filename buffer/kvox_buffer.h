@@ -25,6 +25,7 @@
 #include "kvox/common/wake_event.h"
 #include "processors/audio_endpoint.h"
 #include "processors/kvox_processor.h"
+#include "processors/thread_reaper.h"
 
 namespace kvox {
 
@@ -44,6 +45,7 @@ struct BufferEnvironment {
   DeviceIo& io;
   LogTarget& io_log;  // for I/O threads; never waits
   TapControl& taps;
+  ThreadReaper& capture_threads;
 };
 
 /// Status results are 0 for success and -1 for failure. Any thread but an I/O thread may call.
@@ -80,6 +82,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   int32_t SetRxFormat(const KvoxTapFormat& format);
   KvoxTapFormat RxFormat() const override { return rx_format_.Get().format; }
 
+  /// Also applies the format of the arriving audio, once there is one.
   int32_t RegisterOutput(const std::shared_ptr<KvoxProcessor>& processor);
   int32_t UnregisterOutput(KvoxProcessor* processor) override;
   int32_t RegisterInput(const std::shared_ptr<KvoxProcessor>& processor);
@@ -103,10 +106,10 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   /// WavCapture::Start and Stop. Beside these only the stream or a failing write end a capture; a
   /// buffer that goes leaves the file without its header.
   int32_t CaptureStart(const std::string& file, std::string& message) {
-    return capture_.Start(file, message);
+    return capture_->Start(file, message);
   }
-  int32_t CaptureStop(std::string& message) { return capture_.Stop(message); }
-  bool IsCapturing() const { return capture_.recording(); }
+  int32_t CaptureStop(std::string& message) { return capture_->Stop(message); }
+  bool IsCapturing() const { return capture_->recording(); }
 
   /// Logs the work area (64 KiB) as 2048 lines of words. The caller sees to it that nobody ties
   /// buffers and processors meanwhile.
@@ -117,7 +120,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
 
   Switch BeginSwitching(bool enable);
   void EndSwitching();
-  void EnableDevice(int fd);
+  bool EnableDevice(int fd);
   int OpenWithRetries();
   int OpenDevice() const;
   bool WaitBeforeRetry();
@@ -125,6 +128,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   std::shared_ptr<InjectPort> SwapPort(std::shared_ptr<InjectPort> port);
   std::shared_ptr<InjectPort> port() const;
   void ReplaceInput(const std::shared_ptr<KvoxProcessor>& processor);
+  void ApplyRxFormat(KvoxProcessor& processor);
   void PublishRoutes() REQUIRES(mutex_);
   bool CopyWorkArea(InjectPort* port, std::vector<std::byte>& area);
 
@@ -133,11 +137,15 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   const uint32_t index_;
   const bool is_tapout_;
   const BufferEnvironment environment_;
-  WavCapture capture_;
+  const std::shared_ptr<WavCapture> capture_;
   WakeEvent wake_;
   RxFormatCell rx_format_;
   RoutePublisher routes_;
   std::atomic<bool> enabled_ = false;
+
+  /// Held from a look at the RX format until processors have it, so that an older format never
+  /// comes after a newer one. Taken before the locks of processors.
+  Mutex format_mutex_ ACQUIRED_BEFORE(mutex_);
 
   mutable Mutex mutex_;
   CondVar changed_;

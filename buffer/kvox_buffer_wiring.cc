@@ -12,6 +12,7 @@ int32_t KvoxBuffer::SetRxFormat(const KvoxTapFormat& format) {
           format.sample_rate, format.channels, format.bytes_per_sample,
           format.noninterleaved_samples);
   std::vector<std::shared_ptr<KvoxProcessor>> outputs;
+  MutexLock applying(format_mutex_);
   {
     MutexLock lock(mutex_);
     rx_format_.Set(format);
@@ -43,16 +44,21 @@ int32_t KvoxBuffer::RegisterOutput(const std::shared_ptr<KvoxProcessor>& process
     PublishRoutes();
   }
   routes_.Settle();
+  ApplyRxFormat(*processor);
+  return 0;
+}
+
+void KvoxBuffer::ApplyRxFormat(KvoxProcessor& processor) {
+  MutexLock applying(format_mutex_);
   const KvoxTapFormat format = RxFormat();
-  if (format.sample_rate == 0) return 0;
+  if (format.sample_rate == 0) return;
   LogInfo("%s %s set format sr:%u nch:%u bps:%u noninterleaved:%u", name_.c_str(), "RegisterOutput",
           format.sample_rate, format.channels, format.bytes_per_sample,
           format.noninterleaved_samples);
-  const int32_t status = processor->SetFormat(format);
+  const int32_t status = processor.SetFormat(format);
   if (status != 0) {
     LogError("%s %s set format error, status %d", name_.c_str(), "RegisterOutput", status);
   }
-  return 0;
 }
 
 int32_t KvoxBuffer::UnregisterOutput(KvoxProcessor* processor) {
@@ -74,8 +80,7 @@ int32_t KvoxBuffer::UnregisterOutput(KvoxProcessor* processor) {
              processor->id_text());
     return -1;
   }
-  removed->SetInput(nullptr);
-  removed->SetFeed(nullptr);
+  removed->ClearFeedAndInput(this);
   routes_.Settle();
   return 0;
 }
@@ -103,7 +108,7 @@ void KvoxBuffer::ReplaceInput(const std::shared_ptr<KvoxProcessor>& processor) {
     MutexLock lock(mutex_);
     input_.swap(replaced);
   }
-  if (replaced && replaced != processor) replaced->SetOutput(nullptr);
+  if (replaced && replaced != processor) replaced->ClearOutput(this);
 }
 
 size_t KvoxBuffer::GetOutputs(std::vector<std::shared_ptr<KvoxProcessor>>& outputs) const {

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "buffer/rx_report.h"
@@ -57,13 +58,20 @@ void TapReader::SetHandle(int fd) {
   watch_ = fd >= 0 ? links_.io.Watch(fd, links_.wake.fd()) : -1;
 }
 
-void TapReader::Start() {
-  thread_ = std::thread([this] {
-    SetThreadName(name_);
-    ScopedThreadLog log(links_.log);
-    SetThreadRealtimePriority();
-    Run();
-  });
+bool TapReader::Start() {
+  try {
+    thread_ = std::thread([this] {
+      SetThreadName(name_);
+      ScopedThreadLog log(links_.log);
+      SetThreadRealtimePriority();
+      Run();
+    });
+  } catch (const std::system_error& error) {
+    LogError("%s: cannot start the I/O thread: %s; end other programs or buffers first", name_,
+             error.what());
+    return false;
+  }
+  return true;
 }
 
 void TapReader::Stop() {

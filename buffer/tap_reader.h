@@ -56,8 +56,8 @@ class TapReader : private RtWaiter {
   TapReader(TapReaderLinks links, int fd);
   ~TapReader() override;
 
-  /// Starts the thread.
-  void Start();
+  /// Starts the thread. False, after a log line that tells why, when the system has none to give.
+  bool Start();
 
   /// Ends the thread at once, wherever it waits, and joins it.
   void Stop();

@@ -1,11 +1,11 @@
 #include "buffer/wav_capture.h"
 
 #include <chrono>
+#include <thread>
 #include <utility>
 
 #include "buffer/device_io.h"
 #include "kvox/common/fixed_text.h"
-#include "kvox/common/kvox_utils.h"
 #include "kvox/common/log.h"
 
 namespace kvox {
@@ -22,20 +22,14 @@ constexpr auto kPushPoll = std::chrono::microseconds(100);
 
 }  // namespace
 
-WavCapture::Session::Session(const std::string& buffer, std::unique_ptr<CaptureFile> file)
-    : ring(std::make_unique<PacketRing>(kRingSize)), wav(buffer, std::move(file)) {}
+WavCapture::Session::Session(const std::string& buffer, const std::string& file_path,
+                             std::unique_ptr<CaptureFile> file)
+    : path(file_path),
+      ring(std::make_unique<PacketRing>(kRingSize)),
+      wav(buffer, std::move(file)) {}
 
-WavCapture::WavCapture(std::string buffer, CaptureFileOpener open)
-    : buffer_(std::move(buffer)), open_(std::move(open)) {}
-
-WavCapture::~WavCapture() {
-  MutexLock lock(mutex_);
-  StopWriter();
-  if (session_ && session_->wav.on()) {
-    LogWarning("%s: capture into %s has no end: the buffer is gone; its header is 44 zero bytes",
-               buffer_.c_str(), file_.c_str());
-  }
-}
+WavCapture::WavCapture(std::string buffer, ThreadReaper& threads, CaptureFileOpener open)
+    : buffer_(std::move(buffer)), threads_(threads), open_(std::move(open)) {}
 
 int32_t WavCapture::Start(const std::string& file, std::string& message) {
   message = FormatText<256>("%s %s buffer %s", "CaptureStart", buffer_.c_str(), file.c_str());
@@ -50,11 +44,16 @@ int32_t WavCapture::Start(const std::string& file, std::string& message) {
     message += " failed";
     return -1;
   }
-  session_ = std::make_unique<Session>(buffer_, std::move(opened));
-  file_ = file;
+  session_ = std::make_unique<Session>(buffer_, file, std::move(opened));
   samples_.store(0, std::memory_order_relaxed);
   dropped_.store(0, std::memory_order_relaxed);
-  session_->writer = std::thread([this, session = session_.get()] { Run(*session); });
+  if (!StartWriter()) {
+    session_.reset();
+    LogError("%s: no thread to write the capture into %s with; end other captures first",
+             buffer_.c_str(), file.c_str());
+    message += " failed";
+    return -1;
+  }
   // Release: pairs with the acquire in Record and hands over the session.
   on_.store(true, std::memory_order_release);
   return 0;
@@ -69,18 +68,42 @@ int32_t WavCapture::Stop(std::string& message) {
     message += ": Capture not started";
     return -1;
   }
-  message += " " + file_ + ", " + std::to_string(session->wav.samples()) + " samples";
+  message += " " + session->path + ", " + std::to_string(session->wav.samples()) + " samples";
   session->wav.endCaptureWav();
   return 0;
 }
 
-/// Ends the recording, if there is one, and the thread behind it.
+void WavCapture::Abandon() {
+  abandoned_.store(true, std::memory_order_relaxed);
+  EndRecording();
+}
+
+bool WavCapture::StartWriter() {
+  SetWriting(true);
+  const auto run = [self = shared_from_this()] { self->Run(*self->session_); };
+  if (threads_.Start(("wav-" + buffer_).c_str(), run)) return true;
+  SetWriting(false);
+  return false;
+}
+
+/// Ends the recording, if there is one, and waits for the thread behind it.
 void WavCapture::StopWriter() {
+  EndRecording();
+  MutexLock lock(writing_mutex_);
+  while (writing_) writing_changed_.Wait(writing_mutex_);
+}
+
+void WavCapture::EndRecording() {
   on_.store(false, std::memory_order_relaxed);
-  if (!session_ || !session_->writer.joinable()) return;
+  if (!session_) return;
   session_->ending.store(true, std::memory_order_relaxed);
   session_->wake.Signal();
-  session_->writer.join();
+}
+
+void WavCapture::SetWriting(bool writing) {
+  MutexLock lock(writing_mutex_);
+  writing_ = writing;
+  writing_changed_.NotifyAll();
 }
 
 void WavCapture::Record(const KvoxPacketHeader& header, std::span<const std::byte> payload) {
@@ -108,7 +131,6 @@ void WavCapture::KeepOthersOut() {
 }
 
 void WavCapture::Run(Session& session) {
-  SetThreadName(("wav-" + buffer_).c_str());
   const auto payload_area = std::make_unique<std::byte[]>(kPacketMaxPayload);
   const std::span<std::byte> area(payload_area.get(), kPacketMaxPayload);
   while (session.wav.on() && !session.ending.load(std::memory_order_relaxed)) {
@@ -120,11 +142,20 @@ void WavCapture::Run(Session& session) {
   KeepOthersOut();
   WriteQueued(session, area);
   session.ring.reset();
+  Report(session);
+  if (abandoned_.load(std::memory_order_relaxed)) session.wav.Abandon();
+  SetWriting(false);
+}
+
+void WavCapture::Report(Session& session) const {
+  const bool abandoned = abandoned_.load(std::memory_order_relaxed);
   if (const uint32_t dropped = dropped_.load(std::memory_order_relaxed); dropped > 0) {
-    LogWarning(
-        "%s: %u packets are missing from the capture: the file could not be written fast "
-        "enough",
-        buffer_.c_str(), dropped);
+    LogWarning("%s: %u packets are missing from the capture: the file could not be written %s",
+               buffer_.c_str(), dropped, abandoned ? "before the buffer was gone" : "fast enough");
+  }
+  if (abandoned && session.wav.on()) {
+    LogWarning("%s: capture into %s has no end: the buffer is gone; its header is 44 zero bytes",
+               buffer_.c_str(), session.path.c_str());
   }
 }
 
@@ -132,6 +163,10 @@ void WavCapture::WriteQueued(Session& session, std::span<std::byte> payload_area
   KvoxPacketHeader header;
   std::span<const std::byte> payload;
   while (session.wav.on() && session.ring->Pop(header, payload_area, payload)) {
+    if (abandoned_.load(std::memory_order_relaxed)) {
+      dropped_.fetch_add(1, std::memory_order_relaxed);
+      continue;
+    }
     session.wav.writeCaptureWav(header, payload);
     samples_.store(session.wav.samples(), std::memory_order_relaxed);
   }

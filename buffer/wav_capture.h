@@ -5,8 +5,8 @@
 // the count when the capture has ended.
 //
 // What ends a capture: Stop and a change of the stream's format complete the file. A write that
-// fails leaves it as it stands. So does the end of this object, after all that was recorded is in
-// the file; the header then stays 44 zero bytes.
+// fails leaves it as it stands. So does Abandon, which waits for nothing: packets that are not in
+// the file by then are counted as missing, and the header stays 44 zero bytes.
 #pragma once
 
 #include <atomic>
@@ -15,7 +15,6 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <thread>
 
 #include "buffer/capture_file.h"
 #include "buffer/packet_recorder.h"
@@ -23,25 +22,28 @@
 #include "buffer/wav_file.h"
 #include "kvox/common/mutex.h"
 #include "kvox/common/wake_event.h"
+#include "processors/thread_reaper.h"
 
 namespace kvox {
 
-class WavCapture final : public PacketRecorder {
+/// Owned by std::shared_ptr; the thread that writes a file is an owner.
+class WavCapture final : public PacketRecorder, public std::enable_shared_from_this<WavCapture> {
  public:
-  /// `buffer` is the name of the buffer, for messages.
-  explicit WavCapture(std::string buffer, CaptureFileOpener open = OpenCaptureFile);
+  /// `buffer` is the name of the buffer, for messages. `threads` outlives the object.
+  WavCapture(std::string buffer, ThreadReaper& threads, CaptureFileOpener open = OpenCaptureFile);
 
-  /// Waits until what is recorded is in the file. No thread may record any more.
-  ~WavCapture() override;
-
-  /// Starts a capture into the file of that path. 0, or -1 when one runs already or the file cannot
-  /// be opened. Service threads.
+  /// Starts a capture into the file of that path. 0, or -1 when one runs already, the file cannot
+  /// be opened or there is no thread to write it. Service threads.
   int32_t Start(const std::string& file, std::string& message);
 
   /// Ends the capture and answers when everything recorded up to now is in the file: a slow disk
   /// takes its time for the rest of the ring, and a write that fails ends it. 0, or -1 when no
   /// capture was on, or is not any more once the rest is written. Service threads.
   int32_t Stop(std::string& message);
+
+  /// For the buffer that goes: ends the capture without its header. The thread lets go of the file
+  /// when the write it is in has returned. No other function may be called any more.
+  void Abandon();
 
   // RT. Buffers have one I/O thread at a time. Two that met here nevertheless, while a buffer is
   // being tied anew, would cost a packet in the file and nothing else.
@@ -50,37 +52,47 @@ class WavCapture final : public PacketRecorder {
   uint32_t samples() const override { return samples_.load(std::memory_order_relaxed); }
 
  private:
-  /// What exists while a capture runs. `wav` is the writer's until its thread has ended.
+  /// What exists while a capture runs. `wav` is the writer's until writing_ is false.
   struct Session {
-    Session(const std::string& buffer, std::unique_ptr<CaptureFile> file);
+    Session(const std::string& buffer, const std::string& path, std::unique_ptr<CaptureFile> file);
 
+    const std::string path;
     std::unique_ptr<PacketRing> ring;
     WavFile wav;
     WakeEvent wake;
     std::atomic<bool> ending = false;
-    std::thread writer;
   };
 
+  bool StartWriter() REQUIRES(mutex_);
   void StopWriter() REQUIRES(mutex_);
+  void EndRecording();
   void KeepOthersOut();
+  void SetWriting(bool writing) EXCLUDES(writing_mutex_);
 
   // The writer's thread.
   void Run(Session& session);
   void WriteQueued(Session& session, std::span<std::byte> payload_area);
+  void Report(Session& session) const;
 
   const std::string buffer_;
+  ThreadReaper& threads_;
   const CaptureFileOpener open_;
 
   std::atomic<bool> on_ = false;
   std::atomic<bool> pushing_ = false;  // a thread is using the ring's producer side
   std::atomic<uint32_t> samples_ = 0;
   std::atomic<uint32_t> dropped_ = 0;
+  std::atomic<bool> abandoned_ = false;
 
-  /// Starting and stopping take turns, also while one waits for the file. A leaf lock.
+  /// Starting and stopping take turns, also while one waits for the file.
   Mutex mutex_;
-  std::string file_ GUARDED_BY(mutex_);
-  /// Changes while on_ is off and is read while it is on, so the packet path needs no lock.
+  /// Changes while there is no writer and on_ is off, and is read while on_ is on, so the packet
+  /// path needs no lock.
   std::unique_ptr<Session> session_;
+
+  Mutex writing_mutex_ ACQUIRED_AFTER(mutex_);  // a leaf lock
+  CondVar writing_changed_;
+  bool writing_ GUARDED_BY(writing_mutex_) = false;  // a writer uses session_
 };
 
 }  // namespace kvox

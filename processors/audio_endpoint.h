@@ -23,11 +23,12 @@ class AudioEndpoint {
   /// Format of the audio that arrives here; all zero while none has arrived.
   virtual KvoxTapFormat RxFormat() const = 0;
 
-  /// Takes the processor out of those that read this endpoint, and clears its input. Answers 0, or
-  /// -1 when it was not among them.
+  /// Takes the processor out of those that read this endpoint, and clears its input if that is
+  /// this one. Answers 0, or -1 when it was not among them.
   virtual int32_t UnregisterOutput(KvoxProcessor* processor) = 0;
 
-  /// Clears the processor that writes this endpoint, and that processor's output.
+  /// Clears the processor that writes this endpoint, and that processor's output if that is
+  /// this one.
   virtual void UnregisterInput() = 0;
 
   /// A processor that reads this endpoint writes to another place now.

@@ -101,6 +101,25 @@ std::shared_ptr<AudioEndpoint> KvoxProcessor::feed() const {
   return feed_.lock();
 }
 
+void KvoxProcessor::ClearFeedAndInput(const AudioEndpoint* buffer) {
+  std::shared_ptr<AudioEndpoint> fed, shown;  // released without the lock
+  MutexLock lock(links_mutex_);
+  fed = feed_.lock();
+  shown = input_.lock();
+  if (fed.get() == buffer) feed_.reset();
+  if (shown.get() == buffer) input_.reset();
+}
+
+void KvoxProcessor::ClearOutput(const AudioEndpoint* buffer) {
+  std::shared_ptr<AudioEndpoint> written;  // released without the lock
+  {
+    MutexLock lock(links_mutex_);
+    written = output_.lock();
+    if (written.get() == buffer) output_.reset();
+  }
+  RefreshFeed();
+}
+
 void KvoxProcessor::RefreshFeed() {
   if (const auto from = feed()) from->RefreshRoutes();
 }

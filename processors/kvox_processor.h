@@ -97,6 +97,11 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   void SetFeed(const std::shared_ptr<AudioEndpoint>& feed);
   std::shared_ptr<AudioEndpoint> feed() const;
 
+  /// What a buffer does that lets go of the processor: takes it away as feed and input, or as
+  /// output, unless another buffer is that already.
+  void ClearFeedAndInput(const AudioEndpoint* buffer);
+  void ClearOutput(const AudioEndpoint* buffer);
+
   /// Tells the feeding buffer that the processor's output leads to another place now.
   void RefreshFeed();
 

@@ -95,7 +95,7 @@ void KvoxService::ConnectProcessor(FourCc id, int tapout_number, int inject_numb
     if (writer && writer != processor) {
       text += FormatText<128>("  %s is already connected to %s. Disconnecting\n",
                               inject->name().c_str(), writer->id_text());
-      writer->SetOutput(nullptr);
+      writer->ClearOutput(inject.get());
     }
     inject->RegisterInput(processor);
   }

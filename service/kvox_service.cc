@@ -21,7 +21,10 @@ KvoxService* instance GUARDED_BY(instance_mutex) = nullptr;
 
 KvoxService::KvoxService(const ServiceEnvironment& environment, RecoveryPacer& pacer)
     : environment_(environment),
-      buffer_environment_{.io = environment.io, .io_log = environment.io_log, .taps = *this} {
+      buffer_environment_{.io = environment.io,
+                          .io_log = environment.io_log,
+                          .taps = *this,
+                          .capture_threads = capture_threads_} {
   {
     MutexLock lock(instance_mutex);
     instance = this;

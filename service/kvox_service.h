@@ -59,15 +59,17 @@ inline constexpr size_t kMaxClientThreads = 64;
 /// As many of them may be for callbacks that one process has registered.
 inline constexpr size_t kMaxThreadsOfClient = 8;
 
+/// Threads that write captures. More than there are buffers: one whose file hangs is kept until the
+/// write returns.
+inline constexpr size_t kMaxCaptureThreads = 128;
+
 /// What the service works with. Everything outlives it.
 struct ServiceEnvironment {
   CoprocessorLink& link;
   DeviceIo& io;
   LogTarget& io_log;
   std::string device_directory;
-  Recovery::Starter start_recovery = [](Recovery::Body body) {
-    return std::make_unique<RecoveryThread>(std::move(body));
-  };
+  Recovery::Starter start_recovery = RecoveryThread::Start;
 };
 
 class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private RelayOwner {
@@ -266,6 +268,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   int32_t SetTapJitterBuffer(const KvoxBuffer& buffer, uint32_t size) override;
 
   const ServiceEnvironment environment_;
+  ThreadReaper capture_threads_{kMaxCaptureThreads};  // outlives the buffers below
   const BufferEnvironment buffer_environment_;
 
   ThreadReaper client_threads_{kMaxClientThreads,
@@ -283,7 +286,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   std::set<FourCc> to_enable_again_ GUARDED_BY(wiring_mutex_);
 
   Mutex mutex_;
-  bool control_arrived_ GUARDED_BY(mutex_) = false;  // since the last scan
+  bool control_arrived_ GUARDED_BY(mutex_) = false;  // since the recovery's last scan
   bool ready_ GUARDED_BY(mutex_) = false;            // at least one buffer of each kind was found
   ProcessorMap processors_ GUARDED_BY(mutex_);
   BufferTables buffers_ GUARDED_BY(mutex_);

@@ -1,8 +1,10 @@
 #include "service/recovery_thread.h"
 
+#include <system_error>
 #include <utility>
 
 #include "kvox/common/kvox_utils.h"
+#include "kvox/common/log.h"
 
 namespace kvox {
 namespace {
@@ -10,6 +12,16 @@ namespace {
 constexpr auto kQuietTime = std::chrono::milliseconds(500);
 
 }  // namespace
+
+std::unique_ptr<Recovery> RecoveryThread::Start(Body body) {
+  try {
+    return std::make_unique<RecoveryThread>(std::move(body));
+  } catch (const std::system_error& error) {
+    LogError("cannot start the recovery's thread: %s; tried again when the next device arrives",
+             error.what());
+    return nullptr;
+  }
+}
 
 RecoveryThread::RecoveryThread(Body body)
     : thread_([this, body = std::move(body)] {

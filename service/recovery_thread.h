@@ -31,6 +31,7 @@ class RecoveryPacer {
 class Recovery {
  public:
   using Body = std::function<void(RecoveryPacer&)>;
+  /// Null when it could not be started.
   using Starter = std::function<std::unique_ptr<Recovery>(Body)>;
 
   virtual ~Recovery() = default;
@@ -45,6 +46,10 @@ class Recovery {
 /// Runs the body on a thread of its own, which the destructor joins.
 class RecoveryThread : public Recovery, private RecoveryPacer {
  public:
+  /// Null, after a log line that tells why, when the system has no thread to give.
+  static std::unique_ptr<Recovery> Start(Body body);
+
+  /// Throws std::system_error when there is no thread.
   explicit RecoveryThread(Body body);
   ~RecoveryThread() override;
 

@@ -60,6 +60,10 @@ int32_t KvoxService::ScanWithRetries(RecoveryPacer& pacer) {
   int32_t status = -1;
   for (int attempt = 0; attempt < kScanAttempts; ++attempt) {
     if (!pacer.Pause(kScanPause)) return -1;
+    {
+      MutexLock lock(mutex_);
+      control_arrived_ = false;
+    }
     status = initKvoBuffers(pacer);
     MutexLock lock(mutex_);
     if (ready_) break;
@@ -83,7 +87,6 @@ int32_t KvoxService::initKvoBuffers(RecoveryPacer& pacer) {
   MutexLock lock(mutex_);
   if (pacer.stopping()) return -1;
   pacer.ScanBegins();
-  control_arrived_ = false;
   const DeviceScan scan = ScanDataDevices(environment_.device_directory);
   AddBuffers(scan);
   return scan.any_tapout_path ? 0 : -1;
@@ -133,24 +136,26 @@ void KvoxService::HandleArrival(const char* name) {
 void KvoxService::HandleDeparture(const char* name) {
   LogInfo("%s offline\n", name);
   std::unique_ptr<Recovery> recovery;
-  BufferTables buffers;
+  BufferTables known;
+  BufferTables gone;
   {
     MutexLock lock(mutex_);
     ready_ = false;
     recovery = std::move(recovery_);
     if (recovery) recovery->RequestStop();
-    buffers = buffers_;
+    known = buffers_;
   }
-  for (const BufferMap* map : {&buffers.tapouts, &buffers.injects}) {
+  for (const BufferMap* map : {&known.tapouts, &known.injects}) {
     for (const auto& [number, buffer] : *map) buffer->AbandonOpening();
   }
   recovery.reset();
   {
     MutexLock lock(mutex_);
-    buffers = std::exchange(buffers_, {});
+    std::swap(gone, buffers_);
     updateWakeLock(nullptr);
   }
-  buffers.Drop();
+  gone.Drop();
+  known.Drop();  // what somebody else has taken out meanwhile
 }
 
 }  // namespace kvox

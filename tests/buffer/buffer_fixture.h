@@ -29,9 +29,11 @@ class BufferFixture : public ::testing::Test {
     directory_.MakeFifo(name);
     (is_tapout ? source_ : sink_) =
         OwnedFd(open((directory_ / name).c_str(), is_tapout ? O_RDWR : O_RDWR | O_NONBLOCK));
-    return std::make_shared<KvoxBuffer>(
-        name, directory_ / name, number, is_tapout,
-        BufferEnvironment{.io = SystemDeviceIo(), .io_log = io_log(), .taps = taps_});
+    return std::make_shared<KvoxBuffer>(name, directory_ / name, number, is_tapout,
+                                        BufferEnvironment{.io = SystemDeviceIo(),
+                                                          .io_log = io_log(),
+                                                          .taps = taps_,
+                                                          .capture_threads = capture_threads_});
   }
 
   virtual LogTarget& io_log() { return log_; }
@@ -63,6 +65,7 @@ class BufferFixture : public ::testing::Test {
   LogCapture log_;
   NoTaps taps_;
   TempDirectory directory_;
+  ThreadReaper capture_threads_{4};
   OwnedFd source_;  // writes into the tap-out FIFO made last
   OwnedFd sink_;    // reads from the inject FIFO made last
 };

@@ -4,6 +4,7 @@
 
 #include "kvox/common/log_ring.h"
 #include "tests/buffer/buffer_fixture.h"
+#include "tests/support/no_threads.h"
 
 namespace kvox {
 namespace {
@@ -59,6 +60,24 @@ TEST_F(KvoxBufferTest, RegistersEachProcessorOnceAndInOneDirection) {
   EXPECT_EQ(q->output(), nullptr);
 }
 
+TEST_F(KvoxBufferTest, LettingGoLeavesAProcessorItsNewBuffers) {
+  const auto processor = MakePassthrough();
+  const auto tapout = MakeBuffer("tapout1", 1, true);
+  const auto inject = MakeBuffer("inject1", 1, false);
+  ConnectChain(processor);
+  tapout->RegisterOutput(processor);
+  inject->RegisterInput(processor);
+  processor->SetInput(tapout);
+  tapout_->UnregisterOutput(processor.get());
+  inject_->Drop();
+  EXPECT_EQ(processor->feed(), tapout);
+  EXPECT_EQ(processor->input(), tapout);
+  EXPECT_EQ(processor->output(), inject);
+  tapout->Drop();
+  inject->Drop();
+  EXPECT_FALSE(processor->feed() || processor->input() || processor->output());
+}
+
 TEST_F(KvoxBufferTest, EnablingAndDisablingTwiceOnlySaysSo) {
   EXPECT_EQ(tapout_->Enable(true), 0);
   EXPECT_EQ(tapout_->Enable(true), 0);
@@ -80,6 +99,16 @@ TEST_F(KvoxBufferTest, EnablingAndDisablingTwiceOnlySaysSo) {
   EXPECT_EQ(inject_->Enable(false), 0);
   EXPECT_THAT(log_.Take(), ElementsAre("I Enable buffer inject0 with 1 input",
                                        "I Disable buffer inject0", "I Buffer inject0 disabled"));
+}
+
+TEST_F(KvoxBufferTest, StaysOffWithoutAThread) {
+  {
+    const NoThreads none;
+    EXPECT_EQ(tapout_->Enable(true), -1);
+  }
+  EXPECT_EQ(log_.Count("E tapout0: cannot start the I/O thread: "), 1u);
+  EXPECT_FALSE(tapout_->IsEnabled());
+  EXPECT_EQ(tapout_->Enable(true), 0);
 }
 
 TEST_F(KvoxBufferTest, AudioPassesAndFollowsEverySwitch) {
@@ -146,6 +175,33 @@ TEST_F(KvoxBufferTest, TheStreamsFormatIsKnownToWhoeverRegisters) {
   tapout_->Enable(false);
   tapout_->Enable(true);
   EXPECT_EQ(tapout_->RxFormat().sample_rate, 0u);
+}
+
+/// Meets a command that sets another format while it is being told one.
+class InterruptedProcessor : public PassthruProcessor {
+ public:
+  using PassthruProcessor::PassthruProcessor;
+  int32_t SetFormat(const KvoxTapFormat& format) override {
+    if (auto interrupt = std::exchange(on_format, nullptr)) interrupt();
+    return PassthruProcessor::SetFormat(format);
+  }
+  std::function<void()> on_format;
+};
+
+TEST_F(KvoxBufferTest, TheNewerOfTwoFormatsReachesAProcessorLast) {
+  const auto processor =
+      std::make_shared<InterruptedProcessor>(MakeFourCc("pass"), PassthruProcessor::kType);
+  tapout_->SetRxFormat({.sample_rate = 48000, .channels = 1, .bytes_per_sample = 2});
+  std::thread command;
+  processor->on_format = [&] {
+    command = std::thread([&] {
+      tapout_->SetRxFormat({.sample_rate = 16000, .channels = 1, .bytes_per_sample = 2});
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // time enough to overtake
+  };
+  tapout_->RegisterOutput(processor);
+  command.join();
+  EXPECT_EQ(processor->GetSampleRate(), 16000u);
 }
 
 TEST_F(KvoxBufferTest, DumpsWhatTheAreasHold) {

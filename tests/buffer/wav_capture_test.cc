@@ -37,47 +37,50 @@ class WavCaptureTest : public ::testing::Test {
   const std::string path_ = directory_ / "a.wav";
   std::string message_;
   FileScript file_;
+  ThreadReaper threads_{4};
+  const std::shared_ptr<WavCapture> owner_ = std::make_shared<WavCapture>("tapout0", threads_);
+  WavCapture& capture_ = *owner_;
   /// Writes into file_ instead of the path.
-  WavCapture scripted_{
-      "tapout0", [this](const std::string&) { return std::make_unique<RecordedFile>(file_); }};
+  std::shared_ptr<WavCapture> scripted_owner_ = std::make_shared<WavCapture>(
+      "tapout0", threads_,
+      [this](const std::string&) { return std::make_unique<RecordedFile>(file_); });
+  WavCapture& scripted_ = *scripted_owner_;
 };
 
 TEST_F(WavCaptureTest, TheFileHoldsWhatPassedBetweenStartAndStop) {
   constexpr uint32_t kPackets = 2000;  // more than the ring holds
-  WavCapture capture("tapout0");
-  EXPECT_EQ(Stop(capture), -1);
+  EXPECT_EQ(Stop(capture_), -1);
   EXPECT_EQ(message_, "CaptureStop tapout0 buffer: Capture not started");
   std::ofstream(path_) << std::string(kPackets * kPayload * 2, 'x');
   for (int pass = 0; pass < 2; ++pass) {
-    Record(capture, 1);
-    ASSERT_EQ(Start(capture), 0);
+    Record(capture_, 1);
+    ASSERT_EQ(Start(capture_), 0);
     EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_);
-    EXPECT_EQ(Start(capture), -1);
+    EXPECT_EQ(Start(capture_), -1);
     EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_ + ": Error, already enabled");
     for (uint32_t number = 1; number <= kPackets; ++number) {
-      Record(capture, number);
+      Record(capture_, number);
       if (number % 500 == 0) {
-        ASSERT_TRUE(WaitFor([&] { return capture.samples() == 480 * number; }));
+        ASSERT_TRUE(WaitFor([&] { return capture_.samples() == 480 * number; }));
       }
     }
-    ASSERT_EQ(Stop(capture), 0);
+    ASSERT_EQ(Stop(capture_), 0);
     EXPECT_EQ(message_, "CaptureStop tapout0 buffer " + path_ + ", 960000 samples");
-    Record(capture, 9);
+    Record(capture_, 9);
     EXPECT_TRUE(ReadText(path_) == FileOf(kPackets));
   }
   EXPECT_EQ(log_.Count("W "), 0u);
 }
 
 TEST_F(WavCaptureTest, EndsByItselfAndCanBeStartedAgain) {
-  WavCapture capture("tapout0");
-  ASSERT_EQ(Start(capture), 0);
-  Record(capture, 1);
-  Record(capture, 2, {.sample_rate = 16000, .channels = 2, .bytes_per_sample = 2});
-  Record(capture, 3);
-  ASSERT_TRUE(WaitFor([&] { return !capture.recording(); }));
+  ASSERT_EQ(Start(capture_), 0);
+  Record(capture_, 1);
+  Record(capture_, 2, {.sample_rate = 16000, .channels = 2, .bytes_per_sample = 2});
+  Record(capture_, 3);
+  ASSERT_TRUE(WaitFor([&] { return !capture_.recording(); }));
   EXPECT_EQ(ReadText(path_), FileOf(1));
-  ASSERT_EQ(Start(capture), 0);
-  EXPECT_EQ(Stop(capture), 0);
+  ASSERT_EQ(Start(capture_), 0);
+  EXPECT_EQ(Stop(capture_), 0);
   EXPECT_EQ(ReadText(path_), "") << "no packet was taken";
 }
 
@@ -98,31 +101,47 @@ TEST_F(WavCaptureTest, ASlowFileCostsPacketsOfTheFileOnly) {
             1u);
 }
 
-TEST_F(WavCaptureTest, ABufferThatGoesLeavesTheSamplesButNoHeader) {
-  {
-    WavCapture capture("tapout0");
-    ASSERT_EQ(Start(capture), 0);
-    Record(capture, 1);
-  }
-  EXPECT_EQ(ReadText(path_), std::string(44, '\0') + FileOf(1).substr(44));
+TEST_F(WavCaptureTest, ABufferThatGoesWaitsForNoDiskAndLeavesNoHeader) {
+  file_.blocked = true;
+  ASSERT_EQ(Start(scripted_), 0);
+  Record(scripted_, 1);
+  ASSERT_TRUE(WaitFor([&] { return file_.entered.load(); }));
+  for (const uint32_t number : {2u, 3u}) Record(scripted_, number);
+  scripted_.Abandon();
+  scripted_owner_.reset();
+  EXPECT_EQ(threads_.running(), 1u) << "the disk still holds the thread";
+  file_.blocked = false;
+  file_.blocked.notify_all();
+  ASSERT_TRUE(WaitFor([&] { return threads_.running() == 0; }));
+  EXPECT_TRUE(file_.closed);
+  EXPECT_EQ(file_.text, std::string(44, '\0') + FileOf(1).substr(44));
   EXPECT_EQ(log_.Count("W tapout0: capture into " + path_ + " has no end"), 1u);
+  EXPECT_EQ(log_.Count("W tapout0: 2 packets are missing"), 1u);
+}
+
+TEST_F(WavCaptureTest, WithoutAThreadThereIsNoCapture) {
+  ThreadReaper none(0);
+  const auto capture = std::make_shared<WavCapture>("tapout0", none);
+  EXPECT_EQ(Start(*capture), -1);
+  EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_ + " failed");
+  EXPECT_EQ(log_.Count("E tapout0: no thread to write the capture into " + path_), 1u);
+  EXPECT_EQ(Stop(*capture), -1);
 }
 
 TEST_F(WavCaptureTest, OnlyRegularFilesAreOpened) {
-  WavCapture capture("tapout0");
   directory_.MakeFifo("fifo");
   const OwnedFd reader(open((directory_ / "fifo").c_str(), O_RDWR | O_NONBLOCK));
   std::ofstream(directory_ / "target") << "kept";
   std::filesystem::create_symlink(directory_ / "target", directory_ / "link");
   for (const std::string path : {"fifo", "link", "", "no/such", "/dev/null"}) {
     const std::string file = directory_.path() / path;
-    EXPECT_EQ(capture.Start(file, message_), -1);
+    EXPECT_EQ(capture_.Start(file, message_), -1);
     EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + file + " failed");
-    EXPECT_FALSE(capture.recording());
+    EXPECT_FALSE(capture_.recording());
   }
   EXPECT_EQ(ReadText(directory_ / "target"), "kept");
   EXPECT_EQ(log_.Count("cannot be opened: not a regular file"), 4u);
-  EXPECT_EQ(capture.Start(std::string(300, 'n'), message_), -1);
+  EXPECT_EQ(capture_.Start(std::string(300, 'n'), message_), -1);
   EXPECT_EQ(message_.size(), 255u + std::string(" failed").size());
 }
 

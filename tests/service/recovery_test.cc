@@ -1,4 +1,5 @@
 #include "tests/service/service_fixture.h"
+#include "tests/support/no_threads.h"
 
 namespace kvox {
 namespace {
@@ -45,6 +46,13 @@ TEST(DeviceNumber, AcceptsWhatBeginsWithANumber) {
   } rows[] = {{"0", 0},   {"1", 1},  {"3x", 3},  {"01", 1},           {"", {}},
               {"-2", {}}, {"X", {}}, {"00", {}}, {"99999999999", {}}, {"127", 127}};
   for (const auto& row : rows) EXPECT_EQ(DeviceNumber(row.rest), row.number) << row.rest;
+}
+
+TEST(RecoveryThread, IsNotThereWithoutAThread) {
+  LogCapture log;
+  const NoThreads none;
+  EXPECT_EQ(RecoveryThread::Start([](RecoveryPacer&) {}), nullptr);
+  EXPECT_EQ(log.Count("E cannot start the recovery's thread: "), 1u);
 }
 
 TEST_F(RecoveryTest, DevicesBecomeBuffersNamedByTheirPath) {
@@ -173,6 +181,7 @@ TEST_F(RecoveryTest, WhatFailedIsTriedAgainWhenTheControlDeviceComesLast) {
     link_.failures.clear();
     link_.opcodes.clear();
     Event(IN_CREATE, "xdv-kvox_control");
+    Call(&KvoxService::Debug, Lines{"buffer_init"});  // its scan is not the recovery's
   }});
   EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCD, 0xCE, 0xCA));
 }
