@@ -3,31 +3,25 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kvox/common/channel_runs.h"
+
 namespace kvox {
 namespace {
 
-/// Calls `move(interleaved offset, run offset)` for every sample of a block of `size` bytes, and
-/// answers where the last whole frame ends.
-template <typename Move>
-size_t ForEachSample(size_t size, const KvoxTapFormat& tap, Move move) {
-  const size_t sample = tap.bytes_per_sample;
-  const size_t frame = sample * tap.channels;
-  const size_t frames = frame == 0 ? 0 : size / frame;
-  for (size_t first = 0; first < frames;) {
-    const size_t run = std::min<size_t>(tap.noninterleaved_samples, frames - first);
-    for (size_t channel = 0; channel < tap.channels; ++channel) {
-      for (size_t at = 0; at < run; ++at) {
-        move((first + at) * frame + channel * sample,
-             first * frame + (channel * run + at) * sample);
-      }
+/// Transposes the groups of a block between runs of `run` samples and frames. The runs of a last,
+/// incomplete group are as long as there are frames left.
+template <typename Group>
+void ConvertRuns(std::span<const std::byte> in, const KvoxTapFormat& tap, Group group,
+                 std::span<std::byte> out) {
+  const size_t frame = size_t{tap.channels} * tap.bytes_per_sample;
+  size_t done = 0;
+  if (tap.channels > 1 && tap.noninterleaved_samples > 1 && frame > 0) {
+    done = InterleaveRuns(in, group(tap.noninterleaved_samples), out);
+    if (const size_t left = (in.size() - done) / frame; left > 0) {
+      done += InterleaveRuns(in.subspan(done), group(left), out.subspan(done));
     }
-    first += run;
   }
-  return frames * frame;
-}
-
-bool HasRuns(const KvoxTapFormat& tap) {
-  return tap.channels > 1 && tap.noninterleaved_samples > 1;
+  std::memcpy(out.data() + done, in.data() + done, in.size() - done);
 }
 
 }  // namespace
@@ -54,24 +48,21 @@ void SpreadOverChannels(std::span<const std::byte> mono, uint32_t channels,
 
 void ToInterleaved(std::span<const std::byte> in, const KvoxTapFormat& tap,
                    std::span<std::byte> out) {
-  size_t done = 0;
-  if (HasRuns(tap)) {
-    done = ForEachSample(in.size(), tap, [&](size_t interleaved, size_t in_run) {
-      std::memcpy(&out[interleaved], &in[in_run], tap.bytes_per_sample);
-    });
-  }
-  std::memcpy(out.data() + done, in.data() + done, in.size() - done);
+  const auto group = [&tap](size_t run) {
+    return ChannelRuns{
+        .channels = tap.channels, .samples = run, .bytes_per_sample = tap.bytes_per_sample};
+  };
+  ConvertRuns(in, tap, group, out);
 }
 
+// The way back is the same transposition: a frame is a run of one sample of each channel.
 void FromInterleaved(std::span<const std::byte> in, const KvoxTapFormat& tap,
                      std::span<std::byte> out) {
-  size_t done = 0;
-  if (HasRuns(tap)) {
-    done = ForEachSample(in.size(), tap, [&](size_t interleaved, size_t in_run) {
-      std::memcpy(&out[in_run], &in[interleaved], tap.bytes_per_sample);
-    });
-  }
-  std::memcpy(out.data() + done, in.data() + done, in.size() - done);
+  const auto group = [&tap](size_t run) {
+    return ChannelRuns{
+        .channels = run, .samples = tap.channels, .bytes_per_sample = tap.bytes_per_sample};
+  };
+  ConvertRuns(in, tap, group, out);
 }
 
 }  // namespace kvox

@@ -127,10 +127,10 @@ void KvoxService::RestoreProcessor(FourCc id) {
     if (was_enabled) to_enable_again_.insert(id);
     return;
   }
-  if (processor->Enable(was_enabled) == 0) {
-    to_enable_again_.erase(id);
-  } else {
+  if (was_enabled && processor->Enable(true) != 0) {
     to_enable_again_.insert(id);
+  } else {
+    to_enable_again_.erase(id);
   }
 }
 

@@ -2,6 +2,7 @@
 // the I/O thread takes, while both its buffers are captured. It stands alone because it replaces
 // malloc, which the sanitizers do too.
 
+#include <aidl/kvox/BnKvox.h>
 #include <dlfcn.h>
 #include <pthread.h>
 
@@ -9,6 +10,7 @@
 #include <cstdlib>
 
 #include "kvox/common/log_ring.h"
+#include "processors/audio_relay_processor.h"
 #include "tests/buffer/buffer_fixture.h"
 
 namespace {
@@ -57,6 +59,35 @@ class WatchedProcessor : public PassthruProcessor {
   int blocks = 0;
 };
 
+/// A relay to a client that takes every block, as well as its thread can keep up.
+class Relay : public RelayOwner {
+ public:
+  Relay() {
+    processor->SetChannels(kFormat.channels);
+    processor->SetBlockLength(1);
+    processor->Enable(true);
+    processor->RegisterReceiveAudioCallback(client);
+  }
+
+ private:
+  struct Client : IKvox::BnReceiveAudioCallback {
+    ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket&) override {
+      ++blocks;
+      return ndk::ScopedAStatus::ok();
+    }
+    std::atomic<int> blocks = 0;
+  };
+  int32_t DisableUseCaseOf(const KvoxProcessor&) override { return 0; }
+  ThreadReaper& client_threads() override { return threads_; }
+
+  ThreadReaper threads_{1};
+
+ public:
+  const std::shared_ptr<Client> client = ndk::SharedRefBase::make<Client>();
+  const std::shared_ptr<AudioRelayProcessor> processor =
+      AudioRelayProcessor::Create(MakeFourCc("rely"), *this);
+};
+
 class RealtimeTest : public BufferFixture {
  protected:
   LogTarget& io_log() override { return deferred_log_; }
@@ -73,6 +104,8 @@ TEST_F(RealtimeTest, ThePacketPathNeitherAllocatesNorLocks) {
   processor->SetStatsMaxBufferSize(100);
   processor->Enable(true);
   tapout->RegisterOutput(processor);
+  const Relay relay;
+  tapout->RegisterOutput(relay.processor);
   inject->RegisterInput(processor);
   for (const auto& buffer : {inject, tapout}) {
     std::string message;
@@ -93,6 +126,7 @@ TEST_F(RealtimeTest, ThePacketPathNeitherAllocatesNorLocks) {
   EXPECT_EQ(allocations, 0);
   EXPECT_EQ(locks, 0);
   EXPECT_EQ(processor->blocks, kPackets);
+  EXPECT_GT(relay.client->blocks, 0);
   for (const auto& buffer : {inject, tapout}) {
     std::string message;
     EXPECT_EQ(buffer->CaptureStop(message), 0) << message;
