@@ -39,6 +39,15 @@ std::unique_ptr<CoProcessor> CoProcessor::Create(const Scenario& scenario, std::
   return made;
 }
 
+void CoProcessor::Reset() {
+  for (Tap& tap : taps_) {
+    tap.enabled = false;
+    tap.block_length = tap.config.block_length;
+    tap.jitter_buffer = 0;
+    tap.tapout = tap.inject = kNoBuffer;
+  }
+}
+
 Tap* CoProcessor::Find(const TapAddress& address) {
   const auto found = std::ranges::find_if(taps_, [&](const Tap& tap) {
     return tap.config.name == address.tap && tap.config.index == address.index &&

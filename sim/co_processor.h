@@ -69,6 +69,9 @@ class CoProcessor {
   /// there is one, of several the one that was enabled or bound last. Null when there is none.
   Tap* ReceivingFrom(uint8_t inject);
 
+  /// Forgets what it was told: taps are off and unbound and have the scenario's block length.
+  void Reset();
+
   /// Notes that a tap was enabled or bound just now.
   void Touch(Tap& tap) { tap.changed = ++changes_; }
 

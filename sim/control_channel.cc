@@ -28,48 +28,46 @@ bool MakeRaw(int terminal) {
 
 }  // namespace
 
-std::unique_ptr<ControlChannel> ControlChannel::Create(event_base* base, ControlPoint& control,
-                                                       std::function<void()> on_commands,
-                                                       std::string& error) {
-  const int master = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  std::array<char, 64> path{};
-  int slave = -1;
-  if (master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0 &&
-      ptsname_r(master, path.data(), path.size()) == 0) {
-    slave = open(path.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-  }
-  if (slave >= 0 && MakeRaw(slave)) {
-    return std::unique_ptr<ControlChannel>(
-        new ControlChannel(base, master, slave, path.data(), control, std::move(on_commands)));
-  }
-  error = fmt::format("no pseudo-terminal for the control device ({}); is /dev/pts mounted?",
-                      std::strerror(errno));
-  if (slave >= 0) close(slave);
-  if (master >= 0) close(master);
-  return nullptr;
-}
-
-ControlChannel::ControlChannel(event_base* base, int master, int slave, std::string slave_path,
-                               ControlPoint& control, std::function<void()> on_commands)
-    : master_(master),
-      slave_(slave),
-      slave_path_(std::move(slave_path)),
+ControlChannel::ControlChannel(event_base* base, ControlPoint& control,
+                               std::function<void()> on_commands)
+    : base_(base),
       on_commands_(std::move(on_commands)),
       splitter_([this, &control](std::span<std::byte> record) {
         control.Answer(record);
         Send(record);
       }),
-      readable_(base, master, EV_READ | EV_PERSIST, [this] { Read(); }),
-      writable_(base, master, EV_WRITE, [this] { Flush(); }),
-      partial_timeout_(base, -1, 0, [this] { GiveUpPartial(); }) {
-  readable_.Add();
+      partial_timeout_(base, -1, 0, [this] { GiveUpPartial(); }) {}
+
+bool ControlChannel::Open(std::string& error) {
+  master_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  std::array<char, 64> path{};
+  if (master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0 &&
+      ptsname_r(master_, path.data(), path.size()) == 0) {
+    slave_ = open(path.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  }
+  if (slave_ < 0 || !MakeRaw(slave_)) {
+    error = fmt::format("no pseudo-terminal for the control device ({}); is /dev/pts mounted?",
+                        std::strerror(errno));
+    Close();
+    return false;
+  }
+  slave_path_ = path.data();
+  readable_ = std::make_unique<Event>(base_, master_, EV_READ | EV_PERSIST, [this] { Read(); });
+  writable_ = std::make_unique<Event>(base_, master_, EV_WRITE, [this] { Flush(); });
+  readable_->Add();
+  return true;
 }
 
-ControlChannel::~ControlChannel() {
-  readable_.Remove();
-  writable_.Remove();
-  close(slave_);
-  close(master_);
+void ControlChannel::Close() {
+  readable_.reset();
+  writable_.reset();
+  partial_timeout_.Remove();
+  splitter_.DropPartial();
+  replies_dropped_ += replies_.size();
+  replies_.clear();
+  if (slave_ >= 0) close(slave_);
+  if (master_ >= 0) close(master_);
+  slave_ = master_ = -1;
 }
 
 void ControlChannel::Read() {
@@ -91,7 +89,7 @@ void ControlChannel::GiveUpPartial() {
 }
 
 void ControlChannel::Send(std::span<const std::byte> reply) {
-  if (replies_.size() == kMaxReplies) {
+  if (master_ < 0 || replies_.size() == kMaxReplies) {
     ++replies_dropped_;
     return;
   }
@@ -105,7 +103,7 @@ void ControlChannel::Flush() {
     std::vector<std::byte>& reply = replies_.front();
     const ssize_t written = write(master_, reply.data(), reply.size());
     if (written > 0) reply.erase(reply.begin(), reply.begin() + written);
-    if (!reply.empty()) return writable_.Add();
+    if (!reply.empty()) return writable_->Add();
     replies_.pop_front();
   }
 }

@@ -18,14 +18,16 @@ namespace kvox::sim {
 
 class ControlChannel {
  public:
-  /// `on_commands` is called after commands were answered. Null with the reason in `error` when
-  /// there is no pseudo-terminal to be had.
-  static std::unique_ptr<ControlChannel> Create(event_base* base, ControlPoint& control,
-                                                std::function<void()> on_commands,
-                                                std::string& error);
-  ~ControlChannel();
+  /// `on_commands` is called after commands were answered.
+  ControlChannel(event_base* base, ControlPoint& control, std::function<void()> on_commands);
+  ~ControlChannel() { Close(); }
   ControlChannel(const ControlChannel&) = delete;
   ControlChannel& operator=(const ControlChannel&) = delete;
+
+  /// Makes the pseudo-terminal. False with the reason in `error` when there is none to be had.
+  bool Open(std::string& error);
+  /// Hangs up on a daemon that has it open. Nothing happens when it is closed.
+  void Close();
 
   /// What the daemon opens.
   const std::string& slave_path() const { return slave_path_; }
@@ -33,22 +35,21 @@ class ControlChannel {
   uint64_t replies_dropped() const { return replies_dropped_; }
 
  private:
-  ControlChannel(event_base* base, int master, int slave, std::string slave_path,
-                 ControlPoint& control, std::function<void()> on_commands);
   void Read();
   void GiveUpPartial();
   void Send(std::span<const std::byte> reply);
   void Flush();
 
-  const int master_;
-  const int slave_;  // held open, so that a daemon that closes its end is no hang-up
-  const std::string slave_path_;
+  event_base* const base_;
   const std::function<void()> on_commands_;
+  int master_ = -1;
+  int slave_ = -1;  // held open, so that a daemon that closes its end is no hang-up
+  std::string slave_path_;
   RecordSplitter splitter_;
   std::deque<std::vector<std::byte>> replies_;  // that the terminal has no room for yet
   uint64_t replies_dropped_ = 0;
-  Event readable_;
-  Event writable_;
+  std::unique_ptr<Event> readable_;  // there while it is open
+  std::unique_ptr<Event> writable_;
   Event partial_timeout_;
 };
 

@@ -84,6 +84,11 @@ class RecordSplitter {
   /// A writer puts whole records: when the rest of one does not follow it was none. Takes what
   /// records there are behind its first byte and counts everything else as junk.
   void GiveUpPartial();
+  /// The writer has gone: what there is of a record is junk.
+  void DropPartial() {
+    junk_bytes_ += buffer_.size();
+    buffer_.clear();
+  }
 
   uint64_t junk_bytes() const { return junk_bytes_; }
 

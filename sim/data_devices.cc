@@ -50,11 +50,7 @@ void TapOutDevice::OnPipe() {
 
 /// Keeps the loop's watch on the pipe in step with what the writer did.
 void TapOutDevice::Watch() {
-  if (writer_.hung_up()) {
-    hang_up_.reset();
-    writable_.reset();
-    writer_.Close();
-  }
+  if (writer_.hung_up()) Close();
   if (writer_.fd() < 0) return;
   if (hang_up_ == nullptr) {
     // A write-only descriptor becomes readable only by the error that its reader has gone.
@@ -66,34 +62,44 @@ void TapOutDevice::Watch() {
   if (writer_.has_rest()) writable_->Add();
 }
 
-std::unique_ptr<InjectDevice> InjectDevice::Open(event_base* base, uint8_t id,
-                                                 const std::filesystem::path& path, Taker taker,
-                                                 std::string& error) {
+void TapOutDevice::Close() {
+  hang_up_.reset();
+  writable_.reset();
+  writer_.Close();
+}
+
+void TapOutDevice::Bar(bool barred) {
+  writer_.Bar(barred);
+  if (barred) Close();
+  Run();  // which ends a stream that has no reader now
+}
+
+bool InjectDevice::Open(std::string& error) {
+  if (fd_ >= 0) return true;
   // Both ways, so that a writer finds a reader and the reader no end of file.
-  const int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
+  fd_ = open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+  if (fd_ < 0) {
     error = fmt::format("{}: cannot be opened ({}); is another program at work there?",
-                        path.string(), std::strerror(errno));
-    return nullptr;
+                        path_.string(), std::strerror(errno));
+    return false;
   }
-  fcntl(fd, F_SETPIPE_SZ, kPipeSize);
-  return std::unique_ptr<InjectDevice>(new InjectDevice(base, id, fd, std::move(taker)));
+  fcntl(fd_, F_SETPIPE_SZ, kPipeSize);
+  readable_ = std::make_unique<Event>(base_, fd_, EV_READ | EV_PERSIST, [this] { Read(); });
+  readable_->Add();
+  return true;
 }
 
-InjectDevice::InjectDevice(event_base* base, uint8_t id, int fd, Taker taker)
-    : id_(id),
-      fd_(fd),
-      reassembler_(std::move(taker)),
-      readable_(base, fd, EV_READ | EV_PERSIST, [this] { Read(); }) {
-  readable_.Add();
-}
-
-InjectDevice::~InjectDevice() {
-  readable_.Remove();
+void InjectDevice::Close() {
+  if (fd_ < 0) return;
+  Read();
+  reassembler_.DropPartial();
+  readable_.reset();
   close(fd_);
+  fd_ = -1;
 }
 
 void InjectDevice::Read() {
+  if (fd_ < 0) return;
   bytes_.resize(kPipeSize);
   const ssize_t size = read(fd_, bytes_.data(), bytes_.size());
   if (size > 0) reassembler_.Feed(std::span(bytes_).first(static_cast<size_t>(size)));

@@ -24,12 +24,16 @@ class TapOutDevice {
 
   /// Streams `tap` from now on, nothing when null; a stream of that tap that runs goes on.
   void Attach(Tap* tap);
+  /// Closes the device, which ends the stream for its reader, and keeps it closed until it may be
+  /// opened again.
+  void Bar(bool barred);
   uint8_t id() const { return id_; }
 
  private:
   void Run();
   void OnPipe();
   void Watch();
+  void Close();
 
   event_base* const base_;
   const uint8_t id_;
@@ -47,27 +51,30 @@ class InjectDevice {
  public:
   using Taker = PacketReassembler::Taker;
 
-  /// Null with the reason in `error` when the FIFO cannot be opened.
-  static std::unique_ptr<InjectDevice> Open(event_base* base, uint8_t id,
-                                            const std::filesystem::path& path, Taker taker,
-                                            std::string& error);
-  ~InjectDevice();
+  InjectDevice(event_base* base, uint8_t id, std::filesystem::path path, Taker taker)
+      : base_(base), id_(id), path_(std::move(path)), reassembler_(std::move(taker)) {}
+  ~InjectDevice() { Close(); }
   InjectDevice(const InjectDevice&) = delete;
   InjectDevice& operator=(const InjectDevice&) = delete;
 
+  /// False with the reason in `error` when the FIFO cannot be opened. Nothing happens when it is
+  /// open.
+  bool Open(std::string& error);
+  /// Takes what is in the device and leaves its writer without a reader.
+  void Close();
   /// Takes what is in the device now.
   void Read();
   uint8_t id() const { return id_; }
   const ReassemblyCounts& counts() const { return reassembler_.counts(); }
 
  private:
-  InjectDevice(event_base* base, uint8_t id, int fd, Taker taker);
-
+  event_base* const base_;
   const uint8_t id_;
-  const int fd_;
+  const std::filesystem::path path_;
+  int fd_ = -1;
   std::vector<std::byte> bytes_;
   PacketReassembler reassembler_;
-  Event readable_;
+  std::unique_ptr<Event> readable_;  // there while it is open
 };
 
 }  // namespace kvox::sim

@@ -11,11 +11,14 @@
 #include <cstring>
 #include <fstream>
 
+#include "sim/socket_path.h"
+
 namespace kvox::sim {
 namespace {
 
 constexpr char kLockName[] = ".kvosim.lock";
 constexpr mode_t kMode = 0660;
+constexpr mode_t kSocketMode = 0600;
 
 struct KindRow {
   DeviceNode::Kind kind;
@@ -26,6 +29,7 @@ constexpr KindRow kKinds[] = {
     {DeviceNode::Kind::kEmptyFile, S_IFREG, "file"},
     {DeviceNode::Kind::kSymbolicLink, S_IFLNK, "link"},
     {DeviceNode::Kind::kFifo, S_IFIFO, "fifo"},
+    {DeviceNode::Kind::kSocket, S_IFSOCK, "socket"},
 };
 
 const KindRow& RowOf(DeviceNode::Kind kind) {
@@ -38,6 +42,8 @@ bool Make(const DeviceNode& node, const std::filesystem::path& path) {
       return symlink(node.target.c_str(), path.c_str()) == 0;
     case DeviceNode::Kind::kFifo:
       return mkfifo(path.c_str(), kMode) == 0;
+    case DeviceNode::Kind::kSocket:
+      return BindSocket(node.socket, path) == 0 && chmod(path.c_str(), kSocketMode) == 0;
     case DeviceNode::Kind::kEmptyFile:
       break;
   }

@@ -9,10 +9,11 @@
 namespace kvox::sim {
 
 struct DeviceNode {
-  enum class Kind { kEmptyFile, kSymbolicLink, kFifo };
+  enum class Kind { kEmptyFile, kSymbolicLink, kFifo, kSocket };
   Kind kind;
   std::string name;         // in the directory
   std::string target = {};  // of a symbolic link
+  int socket = -1;          // of a socket: a local one, bound to the node for its owner alone
 };
 
 class DeviceDirectory {

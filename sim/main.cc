@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "sim/compare.h"
+#include "sim/ctl_client.h"
 #include "sim/pacer.h"
 #include "sim/print.h"
 #include "sim/simulator.h"
@@ -32,6 +33,7 @@ struct CommandLine {
   std::filesystem::path source;
   std::filesystem::path recorded;
   bool skip_silence = false;
+  std::vector<std::string> command;
 };
 
 constexpr double kMost = 1'000'000;
@@ -73,6 +75,11 @@ void Describe(CLI::App& app, CommandLine& line) {
   compare->add_option("SOURCE", line.source, "what was played")->required();
   compare->add_option("RECORDED", line.recorded, "what arrived")->required();
   compare->add_flag("--skip-silence", line.skip_silence, "pass over silence before the recording");
+  CLI::App* ctl = app.add_subcommand("ctl", "command the simulator that runs");
+  ctl->add_option("COMMAND", line.command,
+                  "status, fault KIND [KEY=VALUE...], clear, restore or end")
+      ->required()
+      ->expected(1, -1);
 }
 
 /// What is wrong with a scenario begins with its file and line, as editors like it.
@@ -99,6 +106,11 @@ int WriteDefault(const std::filesystem::path& path) {
                                      path.string(), std::strerror(errno)));
 }
 
+std::filesystem::path DeviceDirectoryPath() {
+  const char* directory = std::getenv("KVOX_DEV_DIR");
+  return directory == nullptr || *directory == '\0' ? "/dev" : directory;
+}
+
 int Simulate(CommandLine& line) {
   Scenario scenario;
   std::string error;
@@ -112,8 +124,7 @@ int Simulate(CommandLine& line) {
   if (!line.run.stats.empty() && !WriteStatsFile(line.run.stats, nothing, error)) {
     return Trouble(kUsage, "--stats: " + error);
   }
-  const char* directory = std::getenv("KVOX_DEV_DIR");
-  line.run.device_directory = directory == nullptr || *directory == '\0' ? "/dev" : directory;
+  line.run.device_directory = DeviceDirectoryPath();
   const auto simulator = Simulator::Create(line.run, std::move(co_processor), error);
   if (simulator == nullptr) return Trouble(kFailed, error);
   return simulator->Run() ? 0 : kFailed;
@@ -134,6 +145,7 @@ int Main(int argc, char** argv) {
   if (app.got_subcommand("compare")) {
     return CompareFiles(line.source, line.recorded, line.skip_silence);
   }
+  if (app.got_subcommand("ctl")) return RunCtl(DeviceDirectoryPath(), line.command);
   if (!line.write_default.empty()) return WriteDefault(line.write_default);
   return Simulate(line);
 }

@@ -13,6 +13,7 @@ bool FifoWriter::HasReader() {
     if (poll(&pipe, 1, 0) > 0) hung_up_ = true;
     return !hung_up_;
   }
+  if (barred_) return false;
   fd_ = open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
   if (fd_ < 0) return false;
   fcntl(fd_, F_SETPIPE_SZ, kPipeSize);

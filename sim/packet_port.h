@@ -53,11 +53,14 @@ class FifoWriter : public PacketPort {
   /// The reader has gone; to be closed.
   bool hung_up() const { return hung_up_; }
   void Close();
+  /// While it is barred it is closed and finds no reader.
+  void Bar(bool barred) { barred_ = barred; }
 
  private:
   const std::filesystem::path path_;
   int fd_ = -1;
   bool hung_up_ = false;
+  bool barred_ = false;
   std::vector<std::byte> rest_;
 };
 

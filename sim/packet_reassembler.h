@@ -29,6 +29,11 @@ class PacketReassembler {
   explicit PacketReassembler(Taker taker) : taker_(std::move(taker)) {}
 
   void Feed(std::span<const std::byte> bytes);
+  /// The writer has gone: what there is of a packet is junk.
+  void DropPartial() {
+    counts_.junk_bytes += buffer_.size();
+    buffer_.clear();
+  }
   const ReassemblyCounts& counts() const { return counts_; }
 
  private:

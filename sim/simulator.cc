@@ -23,10 +23,6 @@ event_base* NewBase() {
   return base;
 }
 
-std::string NodeName(const char* kind, uint8_t id) {
-  return fmt::format("xdv-kvox_{}{}", kind, id);
-}
-
 }  // namespace
 
 Simulator::Simulator(const RunOptions& options, std::unique_ptr<CoProcessor> co_processor)
@@ -35,7 +31,8 @@ Simulator::Simulator(const RunOptions& options, std::unique_ptr<CoProcessor> co_
       start_ns_(GetTimestampNs()),
       journal_(options.print ? stdout : nullptr),
       base_(NewBase()),
-      control_(*co_processor_, journal_) {
+      control_(*co_processor_, journal_),
+      plan_(start_ns_) {
   signal(SIGPIPE, SIG_IGN);
   const auto on = [this](int fd, short what, auto call) -> Event& {
     return *events_.emplace_back(std::make_unique<Event>(base_.get(), fd, what, call));
@@ -56,36 +53,23 @@ std::unique_ptr<Simulator> Simulator::Create(const RunOptions& options,
   return made;
 }
 
-/// The control device comes first: a daemon that sees a device arrive begins to set up what it
-/// remembers, and finds somebody who answers. Removal goes the other way.
+/// The door for commands comes first, so that whoever sees the devices finds it; who calls before
+/// the loop runs has to wait that long.
 bool Simulator::CreateDevices(std::string& error) {
   directory_ = DeviceDirectory::Claim(options_.device_directory, error);
   if (directory_ == nullptr) return false;
-  channel_ = ControlChannel::Create(
-      base_.get(), control_, [this] { Rewire(); }, error);
-  if (channel_ == nullptr) return false;
-  using Kind = DeviceNode::Kind;
-  if (!directory_->Create({Kind::kEmptyFile, "kvo"}, error) ||
-      !directory_->Create({Kind::kSymbolicLink, "xdv-kvox_control", channel_->slave_path()},
-                          error)) {
-    return false;
-  }
-  for (const uint8_t id : co_processor_->injects()) {
-    const std::string name = NodeName("inject", id);
-    if (!directory_->Create({Kind::kFifo, name}, error)) return false;
-    Inject& inject = *injects_.emplace_back(std::make_unique<Inject>());
-    inject.device = InjectDevice::Open(
-        base_.get(), id, directory_->PathOf(name),
-        [this, &inject](const auto& header, auto payload) { Receive(inject, header, payload); },
-        error);
-    if (inject.device == nullptr) return false;
-  }
-  for (const uint8_t id : co_processor_->tapouts()) {
-    const std::string name = NodeName("tapout", id);
-    if (!directory_->Create({Kind::kFifo, name}, error)) return false;
-    tapouts_.push_back(std::make_unique<TapOutDevice>(base_.get(), id, directory_->PathOf(name),
-                                                      options_.speed, journal_));
-  }
+  ctl_ = CtlServer::Create(
+      base_.get(), *directory_, [this](const Words& words) { return Command(words); }, error);
+  if (ctl_ == nullptr) return false;
+  devices_ = DeviceSet::Create(
+      {base_.get(), *directory_, *co_processor_, control_, journal_, options_.speed}, error);
+  if (devices_ == nullptr) return false;
+  faults_ = std::make_unique<FaultRunner>(base_.get(), plan_, *devices_, journal_, [this] {
+    co_processor_->Reset();
+    devices_->Rewire();
+  });
+  targets_.devices = devices_->Names();
+  for (const Tap& tap : co_processor_->taps()) targets_.taps.push_back(DisplayName(tap.config));
   return true;
 }
 
@@ -94,25 +78,9 @@ bool Simulator::Run() {
     Print(stdout, "{}", ScenarioTable(*co_processor_, options_.device_directory, options_.speed));
   }
   event_base_dispatch(base_.get());
-  for (const auto& tapout : tapouts_) tapout->Attach(nullptr);
-  for (const auto& inject : injects_) inject->device->Read();
+  devices_->Stop();
   directory_.reset();
   return Report(options_.print);
-}
-
-/// Brings the streams in line with what is enabled and bound.
-void Simulator::Rewire() {
-  for (const auto& tapout : tapouts_) tapout->Attach(co_processor_->StreamingInto(tapout->id()));
-}
-
-void Simulator::Receive(Inject& inject, const KvoxPacketHeader& header,
-                        std::span<const std::byte> payload) {
-  Tap* tap = co_processor_->ReceivingFrom(inject.device->id());
-  if (tap == nullptr) {
-    ++inject.unbound;
-  } else {
-    tap->Receive(header, payload, GetTimestampNs());
-  }
 }
 
 Stats Simulator::Count() {
@@ -122,11 +90,11 @@ Stats Simulator::Count() {
               .speed = options_.speed,
               .co_processor = co_processor_.get(),
               .commands = control_.counts(),
-              .junk_bytes = channel_->junk_bytes(),
-              .replies_dropped = channel_->replies_dropped(),
-              .injects = {}};
-  for (const auto& inject : injects_) {
-    stats.injects.push_back({inject->device->id(), inject->unbound, inject->device->counts()});
+              .junk_bytes = devices_->control().junk_bytes(),
+              .replies_dropped = devices_->control().replies_dropped(),
+              .injects = devices_->Count()};
+  for (const FaultKindRow& row : FaultKinds()) {
+    stats.faults.emplace_back(row.name, plan_.CountsOf(row.kind, now));
   }
   return stats;
 }

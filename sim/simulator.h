@@ -1,5 +1,5 @@
 // The simulator as a whole: one event loop on the calling thread that serves the control device,
-// paces the streams and takes what comes back.
+// paces the streams, takes what comes back, makes faults and obeys commands.
 #pragma once
 
 #include <event2/event.h>
@@ -11,11 +11,13 @@
 #include <vector>
 
 #include "sim/co_processor.h"
-#include "sim/control_channel.h"
 #include "sim/control_point.h"
-#include "sim/data_devices.h"
+#include "sim/ctl_server.h"
 #include "sim/device_directory.h"
+#include "sim/device_set.h"
 #include "sim/event.h"
+#include "sim/fault_plan.h"
+#include "sim/fault_runner.h"
 #include "sim/journal.h"
 #include "sim/stats.h"
 
@@ -45,17 +47,23 @@ class Simulator {
   struct FreeBase {
     void operator()(event_base* base) const { event_base_free(base); }
   };
-  struct Inject {
-    std::unique_ptr<InjectDevice> device;
-    uint64_t unbound = 0;
-  };
-
   Simulator(const RunOptions& options, std::unique_ptr<CoProcessor> co_processor);
   bool CreateDevices(std::string& error);
-  void Rewire();
-  void Receive(Inject& inject, const KvoxPacketHeader& header, std::span<const std::byte> payload);
   Stats Count();
   bool Report(bool table);
+
+  using Words = std::vector<std::string>;
+  struct CommandRow {
+    const char* name;
+    CtlAnswer (Simulator::*handle)(const Words&);
+  };
+  static const CommandRow kCommands[];
+  CtlAnswer Command(const Words& words);
+  CtlAnswer TellStatus(const Words& words);
+  CtlAnswer AddFault(const Words& words);
+  CtlAnswer ClearFaults(const Words& words);
+  CtlAnswer RestoreNodes(const Words& words);
+  CtlAnswer End(const Words& words);
 
   const RunOptions options_;
   const std::unique_ptr<CoProcessor> co_processor_;
@@ -63,10 +71,12 @@ class Simulator {
   Journal journal_;
   const std::unique_ptr<event_base, FreeBase> base_;
   ControlPoint control_;
+  FaultPlan plan_;
   std::unique_ptr<DeviceDirectory> directory_;
-  std::unique_ptr<ControlChannel> channel_;
-  std::vector<std::unique_ptr<TapOutDevice>> tapouts_;
-  std::vector<std::unique_ptr<Inject>> injects_;
+  std::unique_ptr<CtlServer> ctl_;
+  std::unique_ptr<DeviceSet> devices_;
+  std::unique_ptr<FaultRunner> faults_;
+  FaultTargets targets_;
   std::vector<std::unique_ptr<Event>> events_;  // signals and the end of the time
 };
 

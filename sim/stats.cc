@@ -96,6 +96,12 @@ std::string InjectJson(const InjectCounts& inject) {
       inject.stream.torn, inject.stream.junk_bytes);
 }
 
+std::string FaultJson(const std::pair<const char*, FaultCounts>& fault) {
+  const auto& [kind, counts] = fault;
+  return fmt::format(R"({{"kind": "{}", "injected": {}, "active": {}, "waiting": {}}})", kind,
+                     counts.injected, counts.active > 0, counts.waiting);
+}
+
 bool IsQuiet(const Tap& tap) {
   return std::ranges::all_of(kCounters, [&](const Column& each) { return each.value(tap) == 0; });
 }
@@ -163,12 +169,15 @@ std::string StatsJson(const Stats& stats) {
                      "\n"
                      R"( "injects": [{}],)"
                      "\n"
+                     R"( "faults": [{}],)"
+                     "\n"
                      R"( "totals": {{{}}}}})"
                      "\n",
                      KVOX_VERSION, stats.seconds, stats.speed,
                      Join(stats.commands, ", ", CommandJson), stats.junk_bytes,
                      stats.replies_dropped, Join(stats.co_processor->taps(), ",\n  ", TapJson),
-                     Join(stats.injects, ", ", InjectJson), Join(kCounters, ", ", total));
+                     Join(stats.injects, ", ", InjectJson), Join(stats.faults, ",\n  ", FaultJson),
+                     Join(kCounters, ", ", total));
 }
 
 std::string StatsTable(const Stats& stats) {
@@ -187,6 +196,9 @@ std::string StatsTable(const Stats& stats) {
         fmt::format("inject {}: {} packets, {} unbound, {} bad headers, {} torn, {} junk bytes\n",
                     inject.id, inject.stream.packets, inject.unbound, inject.stream.bad_headers,
                     inject.stream.torn, inject.stream.junk_bytes);
+  }
+  for (const auto& [kind, counts] : stats.faults) {
+    if (counts.injected > 0) text += fmt::format("{:>8} x fault {}\n", counts.injected, kind);
   }
   return text;
 }

@@ -5,19 +5,15 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sim/co_processor.h"
 #include "sim/control_point.h"
-#include "sim/packet_reassembler.h"
+#include "sim/device_set.h"
+#include "sim/fault_plan.h"
 
 namespace kvox::sim {
-
-struct InjectCounts {
-  uint8_t id = 0;
-  uint64_t unbound = 0;  // packets that came while no tap was bound to the device
-  ReassemblyCounts stream = {};
-};
 
 struct Stats {
   double seconds = 0;  // since the start
@@ -27,6 +23,7 @@ struct Stats {
   uint64_t junk_bytes = 0;  // on the control device
   uint64_t replies_dropped = 0;
   std::vector<InjectCounts> injects = {};
+  std::vector<std::pair<const char*, FaultCounts>> faults = {};  // by kind
 };
 
 /// One JSON object and a newline.

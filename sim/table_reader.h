@@ -27,6 +27,7 @@ struct Report {
 
   bool failed() const { return !error.empty(); }
   std::string Where(const toml::node& at, std::string_view key) const {
+    if (origin.empty()) return std::string(key);  // what was read is a line, not a file
     return fmt::format("{}:{}: {}", origin, std::max(1u, at.source().begin.line), key);
   }
   void Fail(const toml::node& at, std::string_view key, std::string_view problem) {
@@ -84,16 +85,17 @@ class TableReader {
   }
 
   /// One of the rows' names; the row is answered, null when there is none.
-  template <typename Row, size_t Size>
-  const Row* ReadChoice(std::string_view key, const Row (&rows)[Size], bool required) {
+  template <typename Rows>
+  auto ReadChoice(std::string_view key, const Rows& rows, bool required)
+      -> decltype(&*std::begin(rows)) {
     std::string names;
-    for (const Row& row : rows)
+    for (const auto& row : rows)
       names += fmt::format("{}\"{}\"", names.empty() ? "" : ", ", row.name);
     const std::string expected = "one of " + names;
     const toml::node* node = required ? Require(key, expected) : Find(key);
     if (node == nullptr) return nullptr;
     const auto text = node->is_string() ? node->value<std::string>() : std::nullopt;
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
       if (text == row.name) return &row;
     }
     Unfit(*node, key, expected);

@@ -1,0 +1,14 @@
+// `kvosim ctl`: sends a command to the simulator that runs in a directory.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace kvox::sim {
+
+/// Prints the answer. The exit status: 0 done, 1 refused (the reason is on standard error), 3 no
+/// simulator answers there.
+int RunCtl(const std::filesystem::path& directory, const std::vector<std::string>& words);
+
+}  // namespace kvox::sim

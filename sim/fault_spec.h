@@ -1,0 +1,79 @@
+// The faults that the simulator can be told to make: their kinds and what is said about one of
+// them. docs/simulator.md lists kinds and keys. Pure.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kvox::sim {
+
+enum class FaultGroup {
+  kNodes,    // device nodes go and come
+  kReplies,  // to control commands
+  kPackets,  // of a tap
+  kDevices,  // whose node stays
+};
+
+/// In the order of the table of kinds.
+enum class FaultKind : uint8_t {
+  kRestart,
+  kFlap,
+  kNodeGone,
+};
+inline constexpr size_t kFaultKinds = 3;
+
+struct FaultKindRow {
+  FaultKind kind;
+  const char* name;
+  FaultGroup group;
+  std::string_view keys;  // that it knows beside those of every kind, with blanks between
+};
+
+/// One row a kind.
+std::span<const FaultKindRow, kFaultKinds> FaultKinds();
+const FaultKindRow& RowOf(FaultKind kind);
+
+/// The order in which nodes come back.
+enum class NodeOrder { kUsual, kReverse, kShuffle };
+
+/// One fault that was asked for. Times are seconds; which fields count depends on the kind.
+struct FaultSpec {
+  FaultKind kind = FaultKind::kRestart;
+
+  // When it strikes.
+  double at = 0;                      // since the simulator's start
+  std::optional<uint64_t> after;      // packets or commands that pass first
+  std::optional<double> probability;  // for each packet or command
+  uint64_t seed = 1;
+  uint64_t count = 1;             // how many in all
+  std::optional<double> seconds;  // how long it lasts; without it: see the kind
+
+  // What it strikes.
+  std::string tap;     // "genp.0"; empty: every tap
+  std::string device;  // "tapout0"
+
+  // How.
+  double gap = 0.5;
+  NodeOrder order = NodeOrder::kUsual;
+  double spacing = 0;
+  std::string missing;  // device that stays away
+  std::optional<double> missing_for;
+  uint32_t times = 1;
+};
+
+/// What faults can strike in a scenario.
+struct FaultTargets {
+  std::vector<std::string> taps;     // "imic.0"
+  std::vector<std::string> devices;  // "kvo", "control", "inject0", "tapout0": as they are created
+};
+
+/// Reads a fault from words as `kvosim ctl fault` takes them: the kind, then KEY=VALUE. False with
+/// "KEY: what is wrong; what is expected" in `error`.
+bool ParseFault(std::span<const std::string> words, const FaultTargets& targets, FaultSpec& spec,
+                std::string& error);
+
+}  // namespace kvox::sim

@@ -1,0 +1,164 @@
+// Commands to a simulator that runs, and the faults of its nodes.
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include "sim/socket_path.h"
+#include "tests/sim/program.h"
+
+namespace kvox::sim {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr char kScenario[] = R"(
+cores = [2]
+tapouts = [0]
+injects = [0]
+[[tap]]
+name = "imic"
+core = 2
+source = { kind = "noise" }
+)";
+
+class CtlTest : public ProgramTest {
+ protected:
+  std::unique_ptr<Process> StartSmall() {
+    std::ofstream(directory_ / "s.toml") << kScenario;
+    return Start({"--scenario", directory_ / "s.toml", "--print"}, "tapout0");
+  }
+  bool NodeIsThere(const std::string& name) const { return std::filesystem::exists(Device(name)); }
+
+  /// The simulator's answer, without the client in between.
+  std::string Ask(const std::string& text) {
+    const OwnedFd fd = Connect();
+    EXPECT_EQ(send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(text.size()));
+    std::string answer(1000, '\0');
+    answer.resize(static_cast<size_t>(
+        std::max<ssize_t>(recv(fd.get(), answer.data(), answer.size(), MSG_WAITALL), 0)));
+    return answer;
+  }
+  OwnedFd Connect() const {
+    OwnedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(ConnectSocket(fd.get(), Device(".kvosim.ctl")), 0);
+    return fd;
+  }
+};
+
+TEST_F(CtlTest, AnswersAndEnds) {
+  EXPECT_EQ(Run({"ctl", "status"}), 3);
+  EXPECT_THAT(err_, HasSubstr("no simulator answers (No such file"));
+  const auto sim = StartSmall();
+  struct stat socket {};
+  ASSERT_EQ(stat(Device(".kvosim.ctl").c_str(), &socket), 0);
+  EXPECT_EQ(socket.st_mode, S_IFSOCK | 0600u);
+  EXPECT_EQ(Status()["taps"][0]["tap"], "imic.0");
+  const struct {
+    std::vector<std::string> words;
+    const char* reason;
+  } refused[] = {
+      {{"stat"}, "found \"stat\"; expected one of status, fault"},
+      {{"clear", "all"}, "clear: found all; expected no more words"},
+      {{"fault"}, "kind: missing; expected one of \"restart\""},
+      {{"fault", "flip"}, "kind: found 'flip'; expected one of \"restart\""},
+      {{"fault", "flap"}, "device: missing; expected one of kvo, control, inject0, tapout0"},
+      {{"fault", "flap", "device=tapout1"}, "device: found 'tapout1'; expected one of kvo"},
+      {{"fault", "flap", "device=kvo", "times=1.5"}, "times: found 1.5; expected a whole number"},
+      {{"fault", "flap", "device=kvo", "device=kvo"},
+       "device: found device=kvo; expected each key"},
+      {{"fault", "restart", "gap"}, "gap: found gap; expected each key once, as KEY=VALUE"},
+      {{"fault", "restart", "gap=nan"}, "gap: found nan; expected a number from 0 to 3600"},
+      {{"fault", "restart", "device=kvo"}, "device: unknown key; expected one of kind, at"},
+      {{"fault", "rest art"}, "found \"rest art\"; expected words without blanks"},
+  };
+  for (const auto& row : refused) {
+    std::vector<std::string> words = {"ctl"};
+    words.insert(words.end(), row.words.begin(), row.words.end());
+    EXPECT_EQ(Run(words), 1) << row.reason;
+    EXPECT_THAT(err_, HasSubstr(row.reason));
+    EXPECT_EQ(out_, "");
+  }
+  EXPECT_EQ(Run({"ctl", "end"}), 0);
+  EXPECT_EQ(sim->Wait(), 0);
+  EXPECT_TRUE(NoDevices());
+}
+
+TEST_F(CtlTest, ABadClientDisturbsNobody) {
+  const auto sim = StartSmall();
+  std::vector<OwnedFd> mute;
+  for (int i = 0; i < 20; ++i) mute.push_back(Connect());  // more than are served at a time
+  const OwnedFd half = Connect();
+  EXPECT_EQ(send(half.get(), "stat", 4, MSG_NOSIGNAL), 4);
+  mute.clear();
+  EXPECT_THAT(Ask(std::string(5000, 'x')), StartsWith("refused\nthe line is too long"));
+  EXPECT_THAT(Ask("\n"), StartsWith("refused\ncommand: found \"\""));
+  EXPECT_THAT(Ask(std::string("fault \0\xff\n", 9)), StartsWith("refused\nfault: kind: found"));
+  EXPECT_THAT(Ask("status\nstatus\n"), StartsWith("ok\n{"));
+  EXPECT_EQ(recv(half.get(), mute.data(), 1, 0), 0) << "its time was over";
+}
+
+TEST_F(CtlTest, RestartTakesEveryNodeAndTheMemory) {
+  const auto sim = StartSmall();
+  Fd control(Device("xdv-kvox_control"), O_RDWR);
+  EXPECT_EQ(Bind(control, 0, 0), 0);
+  EXPECT_EQ(Enable(control, 1), 0);
+  Fd tapout(Device("xdv-kvox_tapout0"), O_RDONLY);
+  EXPECT_EQ(HeaderOf(tapout.Read(kPacketHeaderSize + 960)).packet_num, 1u);
+  EXPECT_EQ(Run({"ctl", "fault", "restart", "gap=0.05", "order=reverse", "missing=inject0"}), 0);
+  ASSERT_TRUE(WaitFor([&] { return CountOf("comes", sim->Out()) == 3; }));
+  std::string order;
+  for (const char* name : {"tapout0 goes", "inject0 goes", "control goes", "kvo goes",
+                           "tapout0 comes", "control comes", "kvo comes"}) {
+    EXPECT_GT(sim->Out().find(name), sim->Out().find(order)) << name;
+    order = name;
+  }
+  EXPECT_FALSE(NodeIsThere("xdv-kvox_inject0"));
+  pollfd hung_up{.fd = control.get(), .events = POLLIN, .revents = 0};
+  EXPECT_EQ(poll(&hung_up, 1, 1000), 1);
+  EXPECT_NE(hung_up.revents & POLLHUP, 0);
+  EXPECT_EQ(Fault("restart")["active"], true) << "a node stays away";
+  EXPECT_EQ(Run({"ctl", "restore"}), 0);
+  EXPECT_TRUE(NodeIsThere("xdv-kvox_inject0"));
+  EXPECT_EQ(Fault("restart")["active"], false);
+  EXPECT_EQ(Fault("restart")["injected"], 1);
+  const auto tap = Status()["taps"][0];
+  EXPECT_EQ(tap["enabled"], false);
+  EXPECT_EQ(tap["tapout"], nullptr);
+  EXPECT_EQ(tap["streams"], 1);
+
+  Fd again(Device("xdv-kvox_control"), O_RDWR);
+  EXPECT_EQ(Bind(again, 0, 0), 0);
+  EXPECT_EQ(Enable(again, 1), 0);
+  Fd stream(Device("xdv-kvox_tapout0"), O_RDONLY);
+  EXPECT_EQ(HeaderOf(stream.Read(kPacketHeaderSize + 960)).packet_num, 1u);
+}
+
+TEST_F(CtlTest, NodesFlapOneByOneAndFaultsAddUp) {
+  const auto sim = StartSmall();
+  for (const char* device : {"kvo", "control", "inject0", "tapout0"}) {
+    EXPECT_EQ(Run({"ctl", "fault", "flap", std::string("device=") + device, "times=3", "gap=0.01"}),
+              0);
+    EXPECT_TRUE(WaitFor([&] { return CountOf(std::string(device) + " comes", sim->Out()) == 3; }))
+        << device;
+  }
+  EXPECT_EQ(Run({"ctl", "fault", "node-gone", "device=tapout0"}), 0);
+  EXPECT_EQ(Run({"ctl", "fault", "node-gone", "device=tapout0", "for=0.05"}), 0);
+  EXPECT_EQ(Run({"ctl", "fault", "node-gone", "device=kvo", "at=1000"}), 0);
+  EXPECT_TRUE(WaitFor([&] { return Fault("node-gone")["injected"] == 2; }));
+  EXPECT_TRUE(Fault("node-gone")["active"]);
+  EXPECT_EQ(Fault("node-gone")["waiting"], 1);
+  EXPECT_FALSE(NodeIsThere("xdv-kvox_tapout0"));
+  EXPECT_EQ(Run({"ctl", "clear"}), 0);
+  EXPECT_TRUE(NodeIsThere("xdv-kvox_tapout0"));
+  EXPECT_EQ(Fault("node-gone")["waiting"], 0);
+  sim->Signal(SIGTERM);
+  EXPECT_EQ(sim->Wait(), 0) << sim->Err();
+  EXPECT_EQ(sim->Err(), "");
+  EXPECT_TRUE(NoDevices());
+}
+
+}  // namespace
+}  // namespace kvox::sim
