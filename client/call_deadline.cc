@@ -1,6 +1,7 @@
 #include "client/call_deadline.h"
 
 #include <signal.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,8 +9,6 @@
 
 namespace kvox::client {
 namespace {
-
-constexpr unsigned kSeconds = 300;
 
 // What the handler says and answers, made beforehand: it may only make system calls.
 char message[256];
@@ -21,21 +20,28 @@ void OnExpired(int) {
   _exit(status_at_end);
 }
 
+void StartTimer(std::chrono::milliseconds wait) {
+  itimerval timer{};
+  timer.it_value.tv_sec = wait.count() / 1000;
+  timer.it_value.tv_usec = wait.count() % 1000 * 1000;
+  setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
 }  // namespace
 
-CallDeadline::CallDeadline(const char* method, int exit_status) {
+CallDeadline::CallDeadline(const char* method, int exit_status, std::chrono::milliseconds wait) {
   const int size = snprintf(message, sizeof message,
-                            "kvoxctl: %s was not answered within %u s; see whether kvoxd hangs, "
+                            "kvoxctl: %s was not answered within %g s; see whether kvoxd hangs, "
                             "and restart it\n",
-                            method, kSeconds);
+                            method, std::chrono::duration<double>(wait).count());
   message_size = std::min(static_cast<size_t>(size), sizeof message - 1);
   status_at_end = exit_status;
   signal(SIGALRM, OnExpired);
-  alarm(kSeconds);
+  StartTimer(wait);
 }
 
 CallDeadline::~CallDeadline() {
-  alarm(0);
+  StartTimer({});
 }
 
 }  // namespace kvox::client

@@ -168,10 +168,10 @@ TEST_F(RelayMachineTest, WhatCannotBePlayedOrRecordedIsNamed) {
     const char* message;
   } rows[] = {
       {"play art1 /none.wav", 2, "FILE: '/none.wav' cannot be opened: No such file"},
-      {"play toolong " + speech, 2, "PROCESSOR: 'toolong' is not four characters or a number"},
-      {"play nope " + speech, 1, "there is no processor nope"},
+      {"play toolong " + speech, 4, "there is no processor 'toolong'"},
+      {"play art2 " + speech, 4, "there is no processor 'art2'; did you mean 'art0' or 'art1'?"},
       {"record art0 /none/a.wav", 1, "'/none/a.wav' cannot be opened"},
-      {"record art0", 2, "FILE is required"},
+      {"record art0", 2, "FILE is missing"},
       {"record art0 a.wav --seconds 0", 2, "--seconds"},
   };
   for (const auto& row : rows) {

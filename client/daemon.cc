@@ -1,0 +1,41 @@
+#include "client/daemon.h"
+
+#include <android/binder_manager.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "interface/service_name.h"
+#include "kvox/common/fixed_text.h"
+#include "platform/linux/include/kvox_host/binder_host.h"
+
+namespace kvox::client {
+
+bool Daemon::Find() {
+  if (!kvox_) {
+    kvox_ = IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_checkService(KvoxDescriptor())));
+  }
+  return kvox_ != nullptr;
+}
+
+const std::shared_ptr<IKvox>& Daemon::kvox() {
+  if (!Find()) {
+    const std::string& reason = kvox_host::ServiceError();
+    const bool denied = reason.find(ErrorText(EACCES).c_str()) != reason.npos;
+    throw Failure(denied ? kNotAllowed : kNoDaemon, reason);
+  }
+  return kvox_;
+}
+
+void Daemon::Check(const char* method, const ndk::ScopedAStatus& status) {
+  if (status.isOk()) return;
+  if (status.getStatus() == STATUS_FAILED_TRANSACTION) {
+    throw Failure(kWrongUsage, std::string(method) +
+                                   ": the call or its answer is larger than the 1 MiB that one "
+                                   "call can carry; give less at once");
+  }
+  throw Failure(kNoDaemon, std::string(method) + " was not answered: " + status.getDescription() +
+                               "; see whether kvoxd still runs");
+}
+
+}  // namespace kvox::client

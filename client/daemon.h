@@ -1,0 +1,64 @@
+// The daemon that kvoxctl talks to.
+#pragma once
+
+#include <aidl/kvox/IKvox.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "client/call_deadline.h"
+#include "client/exit_status.h"
+
+namespace kvox::client {
+
+using aidl::kvox::IKvox;
+
+/// Main thread.
+class Daemon {
+ public:
+  /// `wait` is the longest for one answer, after which the program ends with `status_at_timeout`.
+  /// The daemon is looked for at the first use.
+  explicit Daemon(std::chrono::milliseconds wait, ExitStatus status_at_timeout = kTimedOut)
+      : wait_(wait), status_at_timeout_(status_at_timeout) {}
+
+  /// Talks to this one.
+  explicit Daemon(std::shared_ptr<IKvox> kvox) : kvox_(std::move(kvox)) {}
+
+  /// Throws Failure when there is none, or none that may be used.
+  const std::shared_ptr<IKvox>& kvox();
+
+  /// True when there is one; does not throw.
+  bool Find();
+
+  /// Forgets the present one, so that the next use looks for it again.
+  void Forget() { kvox_.reset(); }
+
+  /// Runs `call(IKvox&)`, which answers a binder status, and ends the program when no answer comes
+  /// in time. Throws Failure when the connection breaks.
+  template <typename Function>
+  void Run(const char* method, Function call) {
+    IKvox& daemon = *kvox();
+    const CallDeadline deadline(method, status_at_timeout_, wait_);
+    Check(method, call(daemon));
+  }
+
+  /// Calls a method whose answer is a CommandResult alone, whatever its status.
+  template <typename Method, typename... T>
+  IKvox::CommandResult Call(const char* name, Method method, const T&... arguments) {
+    IKvox::CommandResult result;
+    Run(name, [&](IKvox& daemon) { return (daemon.*method)(arguments..., &result); });
+    return result;
+  }
+
+  std::chrono::milliseconds wait() const { return wait_; }
+
+ private:
+  static void Check(const char* method, const ndk::ScopedAStatus& status);
+
+  std::shared_ptr<IKvox> kvox_;
+  const std::chrono::milliseconds wait_ = kLongestWait;
+  const ExitStatus status_at_timeout_ = kTimedOut;
+};
+
+}  // namespace kvox::client

@@ -1,0 +1,31 @@
+// How kvoxctl ends, for scripts.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace kvox::client {
+
+enum ExitStatus {
+  kDone = 0,
+  kRefused = 1,     // the daemon answered an error
+  kWrongUsage = 2,  // nothing was sent
+  kNoDaemon = 3,    // none was reached, or it went away
+  kNoObject = 4,    // no processor, tap point, buffer... of that name
+  kNotAllowed = 5,  // the daemon's socket may not be opened
+  kTimedOut = 6,
+  kGaps = 7,     // done, but blocks were missed
+  kFailed = 74,  // kvoxctl itself failed
+};
+
+/// Ends the program. The text names the object, the cause and the next step.
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitStatus status, const std::string& text) : std::runtime_error(text), status_(status) {}
+  ExitStatus status() const { return status_; }
+
+ private:
+  ExitStatus status_;
+};
+
+}  // namespace kvox::client

@@ -1,0 +1,199 @@
+#include "client/lookup.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "client/arguments.h"
+#include "client/near_matches.h"
+#include "kvox/common/fixed_text.h"
+#include "kvox/common/four_cc.h"
+
+namespace kvox::client {
+namespace {
+
+constexpr int kLargestByte = 255;
+
+bool AllDigits(const std::string& word) {
+  return !word.empty() &&
+         std::all_of(word.begin(), word.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::optional<int> ReadByte(const std::string& word) {
+  if (!AllDigits(word)) return std::nullopt;
+  const auto number = ParseInt(word);
+  return number && *number <= kLargestByte ? number : std::nullopt;
+}
+
+template <typename T, typename Name>
+std::vector<std::string> NamesOf(const std::vector<T>& items, Name name) {
+  std::vector<std::string> names;
+  for (const T& item : items) names.push_back(name(item));
+  return names;
+}
+
+bool EqualButForCase(const std::string& a, const std::string& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](unsigned char x, unsigned char y) {
+    return std::tolower(x) == std::tolower(y);
+  });
+}
+
+const char* WordFor(Direction direction) {
+  return direction == Direction::kTapOut ? "tap-out buffer" : "inject buffer";
+}
+
+bool Matches(const TapWord& wanted, const TapPoint& tap) {
+  return tap.code == wanted.code && (!wanted.index || tap.index == *wanted.index);
+}
+
+/// Every tap point of the cores in question.
+std::vector<TapPoint> TapsOf(Daemon& daemon, const TapWord& wanted) {
+  std::vector<int> cores(std::begin(kCores), std::end(kCores));
+  if (wanted.core) cores = {*wanted.core};
+  std::vector<TapPoint> taps;
+  std::string silent;
+  for (const int core : cores) {
+    auto told = AskTaps(daemon, core);
+    if (!CoreAnswered(told.lines)) silent += " " + std::to_string(core);
+    taps.insert(taps.end(), told.items.begin(), told.items.end());
+  }
+  if (taps.empty() && !silent.empty()) {
+    throw Failure(kRefused, "core" + silent +
+                                " told of no tap points; see in the daemon's log whether the "
+                                "co-processor answers, and that it has that core");
+  }
+  return taps;
+}
+
+std::vector<Buffer> Named(const std::vector<Buffer>& buffers, const std::string& word) {
+  const auto id = ReadByte(word);
+  std::vector<Buffer> found;
+  for (const Buffer& buffer : buffers) {
+    if (buffer.name == word || (id && buffer.id == *id)) found.push_back(buffer);
+  }
+  return found;
+}
+
+std::string NameOf(const Buffer& buffer) {
+  return buffer.name;
+}
+
+}  // namespace
+
+ProcessorId LookUpProcessor(Daemon& daemon, const std::string& word) {
+  const auto told = AskProcessors(daemon);
+  if (FindProcessor(told.items, word) != nullptr) return {CodeOf(word), word};
+  const auto code = ParseCode(word);
+  const std::string name = code ? ToString(static_cast<FourCc>(*code)) : "";
+  if (FindProcessor(told.items, ValidUtf8(name)) != nullptr) return {*code, name};
+  throw Failure(kNoObject,
+                NotFound("processor", word, NamesOf(told.items, [](const auto& p) { return p.id; }),
+                         "'kvoxctl processor list' shows all"));
+}
+
+ProcessorId NewProcessorId(const std::string& argument, const std::string& word) {
+  const auto code = ParseCode(word);
+  if (!code) {
+    throw UsageError(argument + ": '" + ValidUtf8(word) + "' is not four characters or a number");
+  }
+  return {*code, ToString(static_cast<FourCc>(*code))};
+}
+
+ProcessorId LookUpType(Daemon& daemon, const std::string& word) {
+  const auto told = AskTypes(daemon);
+  for (const std::string& type : told.items) {
+    if (type == word) return {CodeOf(word), word};
+  }
+  throw Failure(kNoObject, NotFound("processor type", word, told.items,
+                                    "'kvoxctl processor types' shows all"));
+}
+
+std::optional<TapWord> ReadTapWord(const std::string& word) {
+  TapWord tap;
+  std::string rest = word;
+  const size_t colon = rest.find(':');
+  if (colon != rest.npos && AllDigits(rest.substr(0, colon))) {
+    tap.core = ReadByte(rest.substr(0, colon));
+    if (!tap.core) return std::nullopt;
+    rest.erase(0, colon + 1);
+  }
+  const size_t dot = rest.rfind('.');
+  if (dot != rest.npos && AllDigits(rest.substr(dot + 1))) {
+    tap.index = ReadByte(rest.substr(dot + 1));
+    if (!tap.index) return std::nullopt;
+    rest.resize(dot);
+  }
+  if (rest.empty() || rest.size() > 4) return std::nullopt;
+  tap.code = rest;
+  return tap;
+}
+
+TapPoint LookUpTap(Daemon& daemon, const std::string& word) {
+  const auto wanted = ReadTapWord(word);
+  if (!wanted) {
+    throw UsageError("TAP: '" + ValidUtf8(word) +
+                     "' is not a tap point's name such as imic.0 or 2:imic.0");
+  }
+  const std::vector<TapPoint> taps = TapsOf(daemon, *wanted);
+  std::vector<TapPoint> found;
+  std::copy_if(taps.begin(), taps.end(), std::back_inserter(found),
+               [&](const TapPoint& tap) { return Matches(*wanted, tap); });
+  if (found.size() == 1) return found.front();
+  if (found.empty()) {
+    throw Failure(kNoObject, NotFound("tap point", word,
+                                      NamesOf(taps,
+                                              [&](const TapPoint& tap) {
+                                                return wanted->core ? tap.FullName() : tap.Name();
+                                              }),
+                                      "'kvoxctl tap list' shows all"));
+  }
+  std::string candidates;
+  for (const TapPoint& tap : found) candidates += " " + tap.FullName();
+  throw Failure(kWrongUsage, "TAP: '" + word + "' may be any of" + candidates + "; name one");
+}
+
+Buffer LookUpBuffer(Daemon& daemon, Direction direction, const std::string& word) {
+  const auto told = AskBuffers(daemon, direction);
+  const auto found = Named(told.items, word);
+  if (!found.empty()) return found.front();
+  throw Failure(kNoObject, NotFound(WordFor(direction), word, NamesOf(told.items, NameOf),
+                                    "'kvoxctl buffer list' shows all"));
+}
+
+Buffer LookUpBuffer(Daemon& daemon, const std::string& word) {
+  auto buffers = AskBuffers(daemon, Direction::kTapOut).items;
+  const auto injects = AskBuffers(daemon, Direction::kInject).items;
+  buffers.insert(buffers.end(), injects.begin(), injects.end());
+  const auto found = Named(buffers, word);
+  if (found.size() == 1) return found.front();
+  if (found.empty()) {
+    throw Failure(kNoObject, NotFound("buffer", word, NamesOf(buffers, NameOf),
+                                      "'kvoxctl buffer list' shows all"));
+  }
+  throw Failure(kWrongUsage, "BUFFER: '" + word + "' may be " + found[0].name + " or " +
+                                 found[1].name + "; name one");
+}
+
+int32_t LookUpBufferOrNone(Daemon& daemon, Direction direction, const std::string& word) {
+  if (word.empty() || word == "none" || word == "-" || word == "-1") return -1;
+  return LookUpBuffer(daemon, direction, word).id;
+}
+
+std::string LookUpUseCase(Daemon& daemon, const std::string& word) {
+  const auto told = AskUseCases(daemon);
+  for (const std::string& name : told.items) {
+    if (EqualButForCase(name, word)) return name;
+  }
+  throw Failure(kNoObject,
+                NotFound("use case", word, told.items, "'kvoxctl usecase list' shows all"));
+}
+
+int32_t Number(const std::string& argument, const std::string& word, int32_t least, int32_t most) {
+  const auto number = ParseInt(word);
+  if (!number || *number < least || *number > most) {
+    throw UsageError(argument + ": '" + ValidUtf8(word) + "' is not a number from " +
+                     std::to_string(least) + " to " + std::to_string(most));
+  }
+  return *number;
+}
+
+}  // namespace kvox::client

@@ -1,0 +1,83 @@
+// What a daemon holds, as plain values. In every name "" means none.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kvox::client {
+
+/// A tap point of the co-processor.
+struct TapPoint {
+  int core = 0;
+  std::string code;  // four characters
+  int index = 0;
+  uint32_t sample_rate_hz = 0;
+  uint32_t channels = 0;
+  char encoding = '?';  // i: integer, f: float, v: mu-law, ?: unknown
+  uint32_t bits = 0;    // a sample
+  uint32_t block_length_frames = 0;
+  uint32_t noninterleaved_samples = 0;
+  uint32_t jitter_buffer_frames = 0;
+  std::string tapout;  // name of the buffer it streams into
+  std::string inject;  // name of the buffer it takes audio from
+  bool enabled = false;
+
+  /// "imic.0"
+  std::string Name() const { return code + "." + std::to_string(index); }
+  /// "2:imic.0", which names no other tap point
+  std::string FullName() const { return std::to_string(core) + ":" + Name(); }
+};
+
+/// What the parameters of a processor hold.
+struct Settings {
+  bool passthrough_mode = false;
+  bool test_mode = false;
+  int32_t block_length_frames = 0;
+  int32_t jitter_buffer_frames = 0;
+  int32_t sample_rate_code = -1;
+  int32_t sample_size_code = -1;
+  int32_t encoding_code = -1;
+  int32_t channels = 0;
+  int32_t noninterleaved_samples = 0;
+};
+
+struct Processor {
+  std::string id;      // four characters
+  std::string type;    // four characters
+  std::string input;   // name of a tap-out buffer
+  std::string output;  // name of an inject buffer
+  bool enabled = false;
+  std::optional<Settings> settings;  // where they were asked for
+};
+
+enum class Direction { kTapOut, kInject };
+
+struct Buffer {
+  int id = 0;
+  std::string name;
+  Direction direction = Direction::kTapOut;
+  std::string producer;                // the processor that writes into it
+  std::vector<std::string> consumers;  // the processors that read from it
+  bool enabled = false;
+};
+
+/// A line of the graph: audio from a tap point through a processor to a tap point.
+struct Path {
+  std::string source;  // "imic.0"
+  bool source_enabled = false;
+  std::string tapout;
+  std::string processor;
+  bool processor_enabled = false;
+  std::string inject;
+  std::string sink;
+  bool sink_enabled = false;
+};
+
+struct UseCase {
+  std::string name;
+  std::optional<bool> enabled;  // none where the daemon does not tell
+};
+
+}  // namespace kvox::client

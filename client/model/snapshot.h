@@ -1,0 +1,57 @@
+// Everything that a daemon tells of itself.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "client/daemon.h"
+#include "client/model/objects.h"
+#include "client/model/tables.h"
+
+namespace kvox::client {
+
+/// The cores whose tap points the daemon's own graph covers.
+constexpr int kCores[] = {2, 3, 4};
+
+/// What one method told, and what it said.
+template <typename T>
+struct Told {
+  std::vector<T> items;
+  int unread = 0;  // rows that could not be read
+  Lines lines;
+};
+
+/// These ask the daemon for one of its tables. They throw Failure when it refuses or is gone.
+Told<Processor> AskProcessors(Daemon& daemon);
+Told<TapPoint> AskTaps(Daemon& daemon, int core);
+Told<Buffer> AskBuffers(Daemon& daemon, Direction direction);
+Told<Path> AskGraph(Daemon& daemon);
+Told<std::string> AskTypes(Daemon& daemon);
+Told<std::string> AskUseCases(Daemon& daemon);
+Told<std::string> AskParameters(Daemon& daemon);
+std::optional<Settings> AskSettings(Daemon& daemon, const std::string& processor);
+std::optional<bool> AskUseCase(Daemon& daemon, const std::string& name);
+
+/// The code of a name as the daemon shows it: four bytes, the rest NUL.
+int32_t CodeOf(const std::string& name);
+
+struct Snapshot {
+  std::vector<std::string> types;
+  std::vector<Processor> processors;
+  std::vector<TapPoint> taps;     // of kCores
+  std::vector<int> silent_cores;  // that did not answer
+  std::vector<Buffer> tapouts;
+  std::vector<Buffer> injects;
+  std::vector<UseCase> use_cases;
+  int unread = 0;  // rows of all tables that could not be read
+};
+
+/// A fresh picture. Nothing is changed in the daemon: the measurements of processors, which reading
+/// would clear, are no part of it. Processors that go meanwhile have no settings.
+Snapshot ReadSnapshot(Daemon& daemon);
+
+/// The processor, tap point or buffer of that name in a list; nullptr when there is none.
+const Processor* FindProcessor(const std::vector<Processor>& processors, const std::string& id);
+const Buffer* FindBuffer(const std::vector<Buffer>& buffers, const std::string& name);
+
+}  // namespace kvox::client

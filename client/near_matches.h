@@ -1,0 +1,22 @@
+// What somebody may have meant. Pure.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kvox::client {
+
+/// How many letters have to be inserted, deleted or replaced to make one of the other; case counts
+/// for nothing.
+size_t EditDistance(std::string_view a, std::string_view b);
+
+/// Up to three of `names` that resemble `word`, nearest first.
+std::vector<std::string> NearMatches(const std::string& word,
+                                     const std::vector<std::string>& names);
+
+/// "there is no WHAT 'WORD'; did you mean 'A' or 'B'? HINT"
+std::string NotFound(const std::string& what, const std::string& word,
+                     const std::vector<std::string>& names, const std::string& hint);
+
+}  // namespace kvox::client

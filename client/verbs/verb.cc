@@ -1,0 +1,94 @@
+#include "client/verbs/verb.h"
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+
+namespace kvox::client {
+namespace {
+
+bool NamesObject(Kind kind) {
+  constexpr Kind kPlain[] = {Kind::kText, Kind::kNumber, Kind::kChoice, Kind::kFile};
+  return std::find(std::begin(kPlain), std::end(kPlain), kind) == std::end(kPlain);
+}
+
+}  // namespace
+
+const std::string& Input::Get(std::string_view name) const {
+  static const std::string none;
+  const std::vector<std::string>& all = All(name);
+  return all.empty() ? none : all.front();
+}
+
+const std::vector<std::string>& Input::All(std::string_view name) const {
+  static const std::vector<std::string> none;
+  const auto found = words.find(name);
+  return found == words.end() ? none : found->second;
+}
+
+const std::vector<Noun>& AllNouns() {
+  static const std::vector<Noun> nouns = {
+      {"processor", "Processors, which work on audio"},
+      {"tap", "Tap points of the co-processor"},
+      {"buffer", "Tap-out and inject buffers"},
+  };
+  return nouns;
+}
+
+const std::vector<Verb>& AllVerbs() {
+  static const std::vector<Verb> verbs = [] {
+    std::vector<Verb> all;
+    for (const auto rows :
+         {ProcessorVerbs, TapVerbs, BufferVerbs, AudioVerbs, DaemonVerbs, CallVerbs}) {
+      auto some = rows();
+      std::move(some.begin(), some.end(), std::back_inserter(all));
+    }
+    return all;
+  }();
+  return verbs;
+}
+
+const std::vector<Option>& CommonOptions() {
+  static const std::vector<Option> options = {
+      {"--json", nullptr, Kind::kText, "Answer with one JSON document on one line"},
+      {"--short", nullptr, Kind::kText, "Answer with columns parted by tabs, for lists"},
+      {"--color", "WHEN", Kind::kChoice, "auto, always or never; NO_COLOR means never"},
+      {"--timeout", "SECONDS", Kind::kNumber, "Longest wait for an answer, 0.001 to 86400 (300)"},
+  };
+  return options;
+}
+
+const Verb* FindVerb(std::string_view noun, std::string_view name) {
+  const auto& verbs = AllVerbs();
+  const auto found = std::find_if(verbs.begin(), verbs.end(), [&](const Verb& verb) {
+    return verb.noun == noun && verb.name == name;
+  });
+  return found == verbs.end() ? nullptr : &*found;
+}
+
+std::vector<ExitRow> ExitsOf(const Verb& verb) {
+  const bool objects =
+      std::any_of(verb.arguments.begin(), verb.arguments.end(),
+                  [](const Argument& argument) { return NamesObject(argument.kind); });
+  const struct {
+    ExitRow row;
+    bool applies;
+  } rows[] = {
+      {{kDone, "done"}, true},
+      {{kRefused, "the daemon refused"}, true},
+      {{kWrongUsage, "wrong usage; nothing was sent"}, true},
+      {{kNoDaemon, "no daemon was reached, or it went away"}, true},
+      {{kNoObject, "there is no object of that name"}, objects},
+      {{kNotAllowed, "the daemon's socket may not be used"}, !verb.raw},
+      {{kTimedOut, "timed out"}, !verb.raw},
+      {{kGaps, "done, but blocks of audio were missed"}, verb.may_have_gaps},
+      {{kFailed, "kvoxctl itself failed"}, true},
+  };
+  std::vector<ExitRow> exits;
+  for (const auto& [row, applies] : rows) {
+    if (applies) exits.push_back(row);
+  }
+  return exits;
+}
+
+}  // namespace kvox::client

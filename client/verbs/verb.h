@@ -1,0 +1,117 @@
+// The verbs of kvoxctl as one table, from which the command line is read, and of which help, manual
+// pages and completion are made.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/daemon.h"
+#include "client/exit_status.h"
+#include "client/out.h"
+#include "client/usage_error.h"
+
+namespace kvox::client {
+
+/// What a word on the command line names.
+enum class Kind {
+  kText,
+  kNumber,
+  kChoice,  // one of Argument::choices
+  kFile,
+  kProcessor,
+  kProcessorType,
+  kTap,
+  kCore,
+  kTapOut,  // a tap-out buffer, or none
+  kInject,  // an inject buffer, or none
+  kBuffer,  // of either direction
+  kUseCase,
+  kParameter,
+};
+
+enum class Arity { kOnce, kOptional, kAnyNumber };
+
+struct Argument {
+  const char* name;  // "PROCESSOR"; unique within the verb
+  Kind kind;
+  const char* help;
+  Arity arity = Arity::kOnce;
+  std::vector<const char*> choices = {};
+};
+
+struct Option {
+  const char* name;   // "--seconds"
+  const char* value;  // "SECONDS"; nullptr for a flag
+  Kind kind;          // of the value
+  const char* help;
+};
+
+/// The words that were given for a verb's arguments and options.
+class Input {
+ public:
+  std::map<std::string, std::vector<std::string>, std::less<>> words;
+
+  bool Has(std::string_view name) const { return !All(name).empty(); }
+
+  /// The first word; "" when none was given.
+  const std::string& Get(std::string_view name) const;
+  const std::vector<std::string>& All(std::string_view name) const;
+};
+
+struct Context {
+  const Input& in;
+  const Out& out;
+  Daemon& daemon;
+};
+
+struct Verb {
+  const char* noun;  // "processor"; "" for a verb of one word
+  const char* name;  // "list"
+  const char* summary;
+  std::vector<Argument> arguments;
+  std::vector<Option> options;
+  const char* example;  // without the program's name: "processor new pass"
+  /// Does the work, and answers the exit status. Throws Failure and UsageError.
+  int (*run)(const Context&);
+  const char* (*notes)() = nullptr;  // for the help, where the above does not tell all
+  bool may_have_gaps = false;        // may end with kGaps
+  bool raw = false;                  // takes all words behind it as they are, options too
+
+  /// "processor new"
+  std::string Words() const { return *noun == '\0' ? name : std::string(noun) + " " + name; }
+};
+
+struct Noun {
+  const char* name;
+  const char* summary;
+};
+
+/// In the order in which help shows them.
+const std::vector<Verb>& AllVerbs();
+const std::vector<Noun>& AllNouns();
+
+/// Options that every verb takes.
+const std::vector<Option>& CommonOptions();
+
+/// nullptr when there is none.
+const Verb* FindVerb(std::string_view noun, std::string_view name);
+
+struct ExitRow {
+  int status;
+  const char* meaning;
+};
+
+/// How a verb may end.
+std::vector<ExitRow> ExitsOf(const Verb& verb);
+
+// One function a file of this folder, each with its noun's rows.
+std::vector<Verb> AudioVerbs();
+std::vector<Verb> BufferVerbs();
+std::vector<Verb> CallVerbs();
+std::vector<Verb> DaemonVerbs();
+std::vector<Verb> ProcessorVerbs();
+std::vector<Verb> TapVerbs();
+
+}  // namespace kvox::client
