@@ -9,6 +9,7 @@ set(KVOX_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them (address
 set(KVOX_BIN_DIR "${PROJECT_BINARY_DIR}/bin" CACHE PATH "Where the programs are put")
 option(KVOX_WERROR "Treat warnings as errors" ON)
 option(KVOX_FUZZ "Build the fuzz targets (clang)" OFF)
+option(KVOX_COVERAGE "Count which lines run (clang)" OFF)
 
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
@@ -24,6 +25,15 @@ if(KVOX_SANITIZE)
   target_compile_options(kvox_build INTERFACE
     -fsanitize=${KVOX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(kvox_build INTERFACE -fsanitize=${KVOX_SANITIZE})
+endif()
+if(KVOX_COVERAGE)
+  # %c maps the counters into the file, so that they are there however a process ends, be it by
+  # SIGKILL. %m is one file a program, which all its processes share. The path is built in because
+  # programs run in directories and environments of their own.
+  set(counting "-fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%m%c.profraw")
+  target_compile_options(kvox_build INTERFACE
+    ${counting} -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
+  target_link_options(kvox_build INTERFACE ${counting})
 endif()
 
 # kvox_library(NAME SOURCES... [LINK targets...])
@@ -41,11 +51,14 @@ function(kvox_program name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${KVOX_BIN_DIR}")
 endfunction()
 
+add_custom_target(test_programs)
+
 # kvox_test(NAME SOURCES... [LINK targets...]): one GoogleTest program, each test a CTest test of its own.
 function(kvox_test name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE kvox_build ${ARG_LINK} GTest::gmock_main)
+  add_dependencies(test_programs ${name})
   gtest_discover_tests(${name} PROPERTIES TIMEOUT 120 DISCOVERY_TIMEOUT 60)
 endfunction()
 
