@@ -51,13 +51,15 @@ class Daemon {
     return result;
   }
 
+  /// The longest for one answer.
   std::chrono::milliseconds wait() const { return wait_; }
+  void set_wait(std::chrono::milliseconds wait) { wait_ = wait; }
 
  private:
   static void Check(const char* method, const ndk::ScopedAStatus& status);
 
   std::shared_ptr<IKvox> kvox_;
-  const std::chrono::milliseconds wait_ = kLongestWait;
+  std::chrono::milliseconds wait_ = kLongestWait;
   const ExitStatus status_at_timeout_ = kTimedOut;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 
 #include "client/arguments.h"
 #include "client/near_matches.h"
@@ -194,6 +195,14 @@ int32_t Number(const std::string& argument, const std::string& word, int32_t lea
                      std::to_string(least) + " to " + std::to_string(most));
   }
   return *number;
+}
+
+float Gain(const std::string& argument, const std::string& word) {
+  const auto gain = ParseFloat(word);
+  if (!gain || !std::isfinite(*gain)) {
+    throw UsageError(argument + ": '" + ValidUtf8(word) + "' is not a finite number");
+  }
+  return *gain;
 }
 
 }  // namespace kvox::client

@@ -45,6 +45,9 @@ std::string LookUpUseCase(Daemon& daemon, const std::string& word);
 /// A number within a range. Throws UsageError, which names argument and range.
 int32_t Number(const std::string& argument, const std::string& word, int32_t least, int32_t most);
 
+/// A gain: any finite number. Throws UsageError.
+float Gain(const std::string& argument, const std::string& word);
+
 /// The parts of a tap point's name. Pure.
 struct TapWord {
   std::optional<int> core;

@@ -9,13 +9,12 @@ namespace {
 std::string Cause(const IKvox::CommandResult& result) {
   const Lines lines = SplitLines(result.lines);
   std::string text;
-  for (size_t i = lines.size() > 1 ? 1 : 0; i < lines.size(); ++i) {
+  for (size_t i = 1; i < lines.size(); ++i) {
     const size_t begin = lines[i].find_first_not_of(' ');
     if (begin == std::string::npos) continue;
     text += (text.empty() ? "" : "; ") + lines[i].substr(begin);
   }
-  if (!text.empty()) return text;
-  return "the daemon answers status " + std::to_string(static_cast<int>(result.status));
+  return text.empty() ? "the daemon answers " + toString(result.status) : text;
 }
 
 }  // namespace

@@ -1,11 +1,16 @@
 #include "client/lookup.h"
 #include "client/verbs/records.h"
-#include "client/verbs/verb.h"
+#include "client/verbs/report.h"
 
 namespace kvox::client {
 namespace {
 
 constexpr int kLargestCore = 255;
+constexpr int kLongestBlock = INT32_MAX;
+constexpr int kLongestJitterBuffer = 65534;  // the daemon keeps 16 bits; the largest means unset
+constexpr int kLongestRampMs = 3'600'000;
+
+const Argument kTap = {"TAP", Kind::kTap, "Such as imic.0, or 2:imic.0 for core 2"};
 
 std::vector<int> CoresOf(const Context& context) {
   std::vector<int> cores;
@@ -34,6 +39,50 @@ int List(const Context& context) {
   return kRefused;
 }
 
+/// Calls a method on the tap point that was named, with more arguments.
+template <typename Method, typename... T>
+int OnTap(const Context& context, const char* name, Method method, const T&... more) {
+  const TapPoint tap = LookUpTap(context.daemon, context.in.Get("TAP"));
+  const auto result =
+      context.daemon.Call(name, method, tap.core, CodeOf(tap.code), tap.index, more...);
+  return Report(context, "tap point " + tap.FullName(), result, {{"tap", tap.FullName()}},
+                "the daemon's log and the co-processor's tell more");
+}
+
+int Info(const Context& context) {
+  const TapPoint tap = LookUpTap(context.daemon, context.in.Get("TAP"));
+  const auto result =
+      context.daemon.Call("TapInfo", &IKvox::TapInfo, tap.core, CodeOf(tap.code), tap.index);
+  const auto rows = ReadTaps(tap.core, result.lines);
+  return Report(context, "tap point " + tap.FullName(), result,
+                rows.items.empty() ? Fields() : FieldsOf(rows.items.front()));
+}
+
+int BlockLength(const Context& context) {
+  const int32_t frames = Number("FRAMES", context.in.Get("FRAMES"), 1, kLongestBlock);
+  return OnTap(context, "TapSetBlockLength", &IKvox::TapSetBlockLength, frames);
+}
+
+int JitterBuffer(const Context& context) {
+  const int32_t frames = Number("FRAMES", context.in.Get("FRAMES"), 0, kLongestJitterBuffer);
+  return OnTap(context, "tapSetJitterBuffer", &IKvox::tapSetJitterBuffer, frames);
+}
+
+int SetGain(const Context& context) {
+  const float gain = Gain("GAIN", context.in.Get("GAIN"));
+  const std::string& ramp = context.in.Get("--ramp");
+  const int32_t ramp_ms = ramp.empty() ? 0 : Number("--ramp", ramp, 0, kLongestRampMs);
+  return OnTap(context, "TapSetGain", &IKvox::TapSetGain, gain, ramp_ms);
+}
+
+int Connect(const Context& context) {
+  const std::string& tapout_word = context.in.Get("TAPOUT");
+  const std::string& inject_word = context.in.Get("INJECT");
+  const int32_t tapout = LookUpBufferOrNone(context.daemon, Direction::kTapOut, tapout_word);
+  const int32_t inject = LookUpBufferOrNone(context.daemon, Direction::kInject, inject_word);
+  return OnTap(context, "ConnectTap", &IKvox::ConnectTap, tapout, inject);
+}
+
 }  // namespace
 
 std::vector<Verb> TapVerbs() {
@@ -46,6 +95,68 @@ std::vector<Verb> TapVerbs() {
        {},
        "tap list 2",
        List},
+      {"tap",
+       "info",
+       "Tell what a tap point is and is bound to",
+       {kTap},
+       {},
+       "tap info imic.0",
+       Info},
+      {"tap",
+       "enable",
+       "Let audio flow at a tap point",
+       {kTap},
+       {},
+       "tap enable 2:imic.0",
+       [](const Context& context) { return OnTap(context, "TapEnable", &IKvox::TapEnable, true); }},
+      {"tap",
+       "disable",
+       "Stop the audio of a tap point",
+       {kTap},
+       {},
+       "tap disable imic.0",
+       [](const Context& context) {
+         return OnTap(context, "TapEnable", &IKvox::TapEnable, false);
+       }},
+      {"tap",
+       "connect",
+       "Bind a tap point to the buffers it streams into and takes audio from",
+       {kTap,
+        {"TAPOUT", Kind::kTapOut, "Tap-out buffer by name or number, or none"},
+        {"INJECT", Kind::kInject, "Inject buffer by name or number, or none"}},
+       {},
+       "tap connect genp.0 tapout0 inject0",
+       Connect},
+      {"tap",
+       "disconnect",
+       "Unbind a tap point from all buffers",
+       {kTap},
+       {},
+       "tap disconnect genp.0",
+       [](const Context& context) {
+         return OnTap(context, "ConnectTap", &IKvox::ConnectTap, -1, -1);
+       }},
+      {"tap",
+       "block-length",
+       "Set how many frames a packet of a tap point holds",
+       {kTap, {"FRAMES", Kind::kNumber, "At least 1"}},
+       {},
+       "tap block-length imic.0 960",
+       BlockLength},
+      {"tap",
+       "jitter-buffer",
+       "Set how many frames a tap point holds back",
+       {kTap, {"FRAMES", Kind::kNumber, "0 to 65534"}},
+       {},
+       "tap jitter-buffer genp.0 960",
+       JitterBuffer},
+      {"tap",
+       "gain",
+       "Set a tap point's gain",
+       {kTap, {"GAIN", Kind::kNumber, "Factor"}},
+       {{"--ramp", "MS", Kind::kNumber, "How long the change takes, 0 to 3600000 ms (0)"}},
+       "tap gain imic.0 0.5 --ramp 20",
+       SetGain},
   };
 }
 

@@ -31,6 +31,11 @@ const std::vector<Noun>& AllNouns() {
       {"processor", "Processors, which work on audio"},
       {"tap", "Tap points of the co-processor"},
       {"buffer", "Tap-out and inject buffers"},
+      {"usecase", "Use cases: whole set-ups by name"},
+      {"param", "Parameters of processors"},
+      {"io", "Reading and writing of the buffers' devices"},
+      {"capture", "Recording of what passes through buffers"},
+      {"wait", "Waiting until something is there"},
   };
   return nouns;
 }
@@ -39,7 +44,8 @@ const std::vector<Verb>& AllVerbs() {
   static const std::vector<Verb> verbs = [] {
     std::vector<Verb> all;
     for (const auto rows :
-         {ProcessorVerbs, TapVerbs, BufferVerbs, AudioVerbs, DaemonVerbs, CallVerbs}) {
+         {ProcessorVerbs, TapVerbs, BufferVerbs, ConnectionVerbs, UseCaseVerbs, ParameterVerbs,
+          IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs, AudioVerbs, DaemonVerbs, CallVerbs}) {
       auto some = rows();
       std::move(some.begin(), some.end(), std::back_inserter(all));
     }

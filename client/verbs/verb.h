@@ -110,8 +110,15 @@ std::vector<ExitRow> ExitsOf(const Verb& verb);
 std::vector<Verb> AudioVerbs();
 std::vector<Verb> BufferVerbs();
 std::vector<Verb> CallVerbs();
+std::vector<Verb> CaptureVerbs();
+std::vector<Verb> ConnectionVerbs();
 std::vector<Verb> DaemonVerbs();
+std::vector<Verb> IoVerbs();
+std::vector<Verb> ParameterVerbs();
 std::vector<Verb> ProcessorVerbs();
+std::vector<Verb> StatsVerbs();
 std::vector<Verb> TapVerbs();
+std::vector<Verb> UseCaseVerbs();
+std::vector<Verb> WaitVerbs();
 
 }  // namespace kvox::client

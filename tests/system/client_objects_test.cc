@@ -1,4 +1,4 @@
-#include "tests/system/machine.h"
+#include "tests/system/client_fixture.h"
 
 namespace kvox {
 namespace {
@@ -7,51 +7,32 @@ using nlohmann::json;
 using ::testing::HasSubstr;
 
 /// The verbs about processors, tap points and buffers.
-class ClientObjectsTest : public MachineTest {
+class ClientObjectsTest : public ClientMachineTest {
  protected:
-  ClientObjectsTest() {
-    StartSimulator();
-    StartDaemon();
-  }
-
-  /// The document that a verb prints; it must end with status 0.
-  json Json(const std::string& line) {
-    const ClientRun run = Run(Words(line + " --json"));
-    EXPECT_EQ(run.exit_status, 0) << line << run.err;
-    json document = json::parse(run.out, nullptr, false);
-    EXPECT_EQ(document["schema"], 1) << run.out;
-    return document;
-  }
-
-  void ExpectRefusal(const std::string& line, int exit_status, const std::string& message) {
-    const ClientRun run = Run(Words(line));
-    EXPECT_EQ(run.exit_status, exit_status) << line;
-    EXPECT_THAT(run.err, HasSubstr(message)) << line;
-    EXPECT_EQ(run.out, "") << line;
-  }
+  ClientObjectsTest() { StartBoth(); }
 };
 
 TEST_F(ClientObjectsTest, ProcessorsLiveFromNewToDelete) {
   EXPECT_EQ(Json("processor types")["types"][1]["type"], "arel");
   EXPECT_EQ(Json("processor new abcd pass")["type"], "pass");
-  EXPECT_EQ(Run(Words("processor list")).out, Call("ListProcessors"));
-  EXPECT_EQ(Run(Words("processor list --short")).out, "abcd\tpass\t-\t-\t0\n");
-  EXPECT_EQ(Run(Words("processor enable abcd")).exit_status, 0);
+  EXPECT_EQ(Do("processor list"), Call("ListProcessors"));
+  EXPECT_EQ(Do("processor list --short"), "abcd\tpass\t-\t-\t0\n");
+  Do("processor enable abcd");
   EXPECT_EQ(Json("processor status abcd")["enabled"], true);
-  EXPECT_EQ(Run(Words("processor disable 0x61626364")).exit_status, 0);
+  Do("processor disable 0x61626364");
   const json info = Json("processor info abcd");
   EXPECT_EQ(info["enabled"], false);
   EXPECT_EQ(info["block_length_frames"], 4800);
   ExpectRefusal("processor info abce", 4, "there is no processor 'abce'; did you mean 'abcd'?");
   ExpectRefusal("processor new xxxx pas", 4, "there is no processor type 'pas'; did you mean");
   ExpectRefusal("processor new abcde pass", 2, "ID: 'abcde' is not four characters or a number");
-  EXPECT_EQ(Run(Words("processor delete abcd")).exit_status, 0);
+  Do("processor delete abcd");
   EXPECT_EQ(Json("processor list")["processors"], json::array());
   ExpectRefusal("processor delete abcd", 4, "there is no processor 'abcd'");
 }
 
 TEST_F(ClientObjectsTest, ListsShowTapPointsAndBuffers) {
-  EXPECT_EQ(Run(Words("tap list 2 4")).out, Call("TapList 2") + Call("TapList 4"));
+  EXPECT_EQ(Do("tap list 2 4"), Call("TapList 2") + Call("TapList 4"));
   const json taps = Json("tap list");
   EXPECT_EQ(taps["taps"].size(), 10u);
   EXPECT_EQ(taps["taps"][0]["tap"], "2:imic.0");
@@ -61,10 +42,56 @@ TEST_F(ClientObjectsTest, ListsShowTapPointsAndBuffers) {
   EXPECT_EQ(silent.exit_status, 1);
   EXPECT_THAT(silent.err, HasSubstr("core 7: no list came"));
 
-  EXPECT_EQ(Run(Words("buffer list")).out, Call("ListTapOutBuffers") + Call("ListInjectBuffers"));
+  EXPECT_EQ(Do("buffer list"), Call("ListTapOutBuffers") + Call("ListInjectBuffers"));
   const json injects = Json("buffer list inject");
   EXPECT_EQ(injects["buffers"].size(), 8u);
   EXPECT_EQ(injects["buffers"][7]["name"], "inject41");
+}
+
+TEST_F(ClientObjectsTest, TapPointsGoByNameOnWhicheverCore) {
+  Do("tap connect genp.0 tapout0 inject0");
+  Do("tap enable 2:genp.0");
+  Do("tap block-length genp.0 960");
+  Do("tap jitter-buffer genp.0 0x10");
+  const json tap = Json("tap info genp.0");
+  EXPECT_EQ(tap["tap"], "2:genp.0");
+  EXPECT_EQ(tap["tapout"], "tapout0");
+  EXPECT_EQ(tap["inject"], "inject0");
+  EXPECT_EQ(tap["block_length_frames"], 960);
+  EXPECT_EQ(tap["enabled"], true);
+  Do("tap disable genp.0");
+  Do("tap disconnect genp.0");
+  EXPECT_EQ(Json("tap info 2:genp.0")["tapout"], nullptr);
+  EXPECT_EQ(Json("tap info adet")["core"], 3) << "the only index";
+
+  ExpectRefusal("tap info genp", 2, "may be any of 2:genp.0 2:genp.1; name one");
+  ExpectRefusal("tap info imik.0", 4, "'imik.0'; did you mean 'imic.0'");
+  ExpectRefusal("tap info 3:imic.0", 4, "did you mean '3:amic.0'");
+  ExpectRefusal("tap info toolong.0", 2, "TAP: 'toolong.0' is not a tap point's name");
+  ExpectRefusal("tap info 9:imic.0", 1, "core 9 told of no tap points");
+  ExpectRefusal("tap connect genp.0 tapout9 none", 4, "no tap-out buffer 'tapout9'; did you mean");
+  ExpectRefusal("tap block-length genp.0 0", 2, "FRAMES: '0' is not a number from 1 to");
+  ExpectRefusal("tap jitter-buffer genp.0 65535", 2, "is not a number from 0 to 65534");
+  ExpectRefusal("tap gain genp.0 nan", 2, "GAIN: 'nan' is not a finite number");
+  ExpectRefusal("tap gain genp.0 0.5 --ramp 10", 1, "tap point 2:genp.0: Unavailable");
+  ExpectRefusal("tap block-length genp.0 2000000", 1, "failed, status -22");
+}
+
+TEST_F(ClientObjectsTest, ParametersAreReadAndSet) {
+  Do("processor new pass");
+  EXPECT_EQ(Do("param list"), Call("ListParameters"));
+  Do("param set pass BLOCK_LENGTH 960");
+  Do("param set pass test-mode true");
+  const json parameters = Json("param get pass")["parameters"];
+  EXPECT_EQ(parameters.size(), 12u);
+  EXPECT_EQ(Json("param get pass block_length")["parameters"][0]["value"], 960);
+  EXPECT_EQ(Do("param get pass TEST_MODE --short"), "TEST_MODE\t0\t1\n");
+  EXPECT_THAT(Do("param get pass AUDIO_FORMAT 3"), HasSubstr("AUDIO_FORMAT 3"));
+  ExpectRefusal("param set pass BLOCK_LENGTH 1000", 2, "480 to 24000 frames in steps of 480");
+  ExpectRefusal("param set pass BLOCK_LENGTH x", 2, "VALUE: 'x' is not a number");
+  ExpectRefusal("param set pass VERSION 1", 1, "VERSION of pass: ");
+  ExpectRefusal("param get pass BLOCK_LEN", 4, "no parameter 'BLOCK_LEN'; did you mean");
+  ExpectRefusal("param get pass 9", 1, "'kvoxctl param get pass' shows what there is");
 }
 
 }  // namespace

@@ -1,0 +1,182 @@
+#include <algorithm>
+
+#include "client/arguments.h"
+#include "client/lookup.h"
+#include "client/near_matches.h"
+#include "client/verbs/records.h"
+#include "client/verbs/report.h"
+#include "kvox/common/fixed_text.h"
+
+namespace kvox::client {
+namespace {
+
+using ParameterId = IKvox::ParameterId;
+using ParamValue = IKvox::ParamValue;
+
+/// What people want to know of an element.
+struct Element {
+  ParameterId id;
+  int32_t element;
+  const char* meaning;
+};
+
+constexpr Element kElements[] = {
+    {ParameterId::VERSION, 0, ""},
+    {ParameterId::PASSTHROUGH_MODE, 0, "0 or 1"},
+    {ParameterId::TEST_MODE, 0, "0 or 1"},
+    {ParameterId::BLOCK_LENGTH, 0, "480 to 24000 frames in steps of 480"},
+    {ParameterId::AUDIO_FORMAT, 0, "code of the sample rate; read-only"},
+    {ParameterId::AUDIO_FORMAT, 1, "code of the sample size; read-only"},
+    {ParameterId::AUDIO_FORMAT, 2, "0 integer, 1 float, 2 mu-law; read-only"},
+    {ParameterId::AUDIO_FORMAT, 3, "channels; read-only"},
+    {ParameterId::AUDIO_FORMAT, 4, "1 when interleaved; read-only"},
+    {ParameterId::AUDIO_FORMAT, 5, "1 when big-endian; read-only"},
+    {ParameterId::AUDIO_FORMAT, 6, "samples of a channel in a run; read-only"},
+    {ParameterId::JITTER_BUFFER, 0, "480 to 24000 frames"},
+};
+
+const char* MeaningOf(ParameterId id, int32_t element) {
+  for (const Element& row : kElements) {
+    if (row.id == id && row.element == element) return row.meaning;
+  }
+  return "";
+}
+
+/// By name, in any case, or by number.
+ParameterId ReadParameter(const std::string& word) {
+  std::string upper = word;
+  std::transform(upper.begin(), upper.end(), upper.begin(),
+                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+  std::replace(upper.begin(), upper.end(), '-', '_');
+  if (const auto id = ParseParameterId(upper)) return *id;
+  if (const auto id = ParseParameterId(word)) return *id;
+  std::vector<std::string> names;
+  for (const ParameterId id : ndk::enum_range<ParameterId>()) names.push_back(toString(id));
+  throw Failure(kNoObject, NotFound("parameter", word, names, "'kvoxctl param list' shows all"));
+}
+
+/// "960", or with its kind as in call: "i:960", "f:0.5".
+ParamValue ReadValue(const std::string& word) {
+  if (const auto number = ParseInt(word)) return ParamValue::make<ParamValue::i>(*number);
+  if (const auto flag = ParseBool(word)) return ParamValue::make<ParamValue::i>(*flag ? 1 : 0);
+  if (const auto value = ParseParamValue(word)) return *value;
+  throw UsageError("VALUE: '" + ValidUtf8(word) +
+                   "' is not a number, true, false, or i:, f:, v: "
+                   "and numbers");
+}
+
+Value ValueOf(const ParamValue& value) {
+  switch (value.getTag()) {
+    case ParamValue::i:
+      return int64_t{value.get<ParamValue::i>()};
+    case ParamValue::f:
+      return static_cast<double>(value.get<ParamValue::f>());
+    case ParamValue::v: {
+      const auto& floats = value.get<ParamValue::v>();
+      return std::vector<double>(floats.begin(), floats.end());
+    }
+  }
+  return nullptr;
+}
+
+int32_t ReadElement(const std::string& word) {
+  return word.empty() ? 0 : Number("ELEMENT", word, INT32_MIN, INT32_MAX);
+}
+
+int List(const Context& context) {
+  const auto told = AskParameters(context.daemon);
+  context.out.List(told.lines, "parameters", RecordsOf("name", told.items));
+  return kDone;
+}
+
+/// The elements that were asked for; all when none was named.
+std::vector<Element> Wanted(const Input& in) {
+  const std::string& parameter = in.Get("PARAMETER");
+  const std::string& element = in.Get("ELEMENT");
+  if (parameter.empty()) return {std::begin(kElements), std::end(kElements)};
+  const ParameterId id = ReadParameter(parameter);
+  std::vector<Element> wanted;
+  std::copy_if(std::begin(kElements), std::end(kElements), std::back_inserter(wanted),
+               [&](const Element& row) { return row.id == id; });
+  if (!element.empty() || wanted.empty()) {
+    const int32_t number = ReadElement(element);
+    wanted = {{id, number, MeaningOf(id, number)}};
+  }
+  return wanted;
+}
+
+std::string LineOf(const Element& row, const ParamValue& value) {
+  std::string name = toString(row.id);
+  if (row.id == ParameterId::AUDIO_FORMAT) name += " " + std::to_string(row.element);
+  return FormatText<128>("%-18s %-9s %s", name.c_str(), AsColumns({{"", ValueOf(value)}}).c_str(),
+                         row.meaning);
+}
+
+int Get(const Context& context) {
+  const std::vector<Element> wanted = Wanted(context.in);
+  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  std::vector<std::string> lines;
+  std::vector<Fields> records;
+  for (const Element& row : wanted) {
+    IKvox::CommandResult result;
+    ParamValue value;
+    context.daemon.Run("GetParameter", [&](IKvox& kvox) {
+      return kvox.GetParameter(id.id, row.id, row.element, &value, &result);
+    });
+    if (result.status != IKvox::CommandStatus::OK) {
+      const std::string name = toString(row.id) + " " + std::to_string(row.element);
+      return Report(context, name + " of " + id.name, result, {},
+                    "'kvoxctl param get " + id.name + "' shows what there is");
+    }
+    lines.push_back(LineOf(row, value));
+    records.push_back({{"parameter", toString(row.id)},
+                       {"element", int64_t{row.element}},
+                       {"value", ValueOf(value)}});
+  }
+  context.out.List(lines, "parameters", records);
+  return kDone;
+}
+
+int Set(const Context& context) {
+  const ParameterId parameter = ReadParameter(context.in.Get("PARAMETER"));
+  const ParamValue value = ReadValue(context.in.Get("VALUE"));
+  const int32_t element = ReadElement(context.in.Get("--element"));
+  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const auto result =
+      context.daemon.Call("SetParameter", &IKvox::SetParameter, id.id, parameter, element, value);
+  const std::string meaning = MeaningOf(parameter, element);
+  const int status =
+      Report(context, toString(parameter) + " of " + id.name, result,
+             {{"id", id.name}, {"parameter", toString(parameter)}},
+             meaning.empty() ? "see 'kvoxctl param get " + id.name + "'" : "it is " + meaning);
+  return result.status == IKvox::CommandStatus::INVALID_VALUE ? kWrongUsage : status;
+}
+
+}  // namespace
+
+std::vector<Verb> ParameterVerbs() {
+  const Argument processor = {"PROCESSOR", Kind::kProcessor, "Four characters such as art0"};
+  return {
+      {"param", "list", "List the parameters", {}, {}, "param list", List},
+      {"param",
+       "get",
+       "Tell what parameters of a processor hold",
+       {processor,
+        {"PARAMETER", Kind::kParameter, "Name or number; all when not given", Arity::kOptional},
+        {"ELEMENT", Kind::kNumber, "Which part of it; all when not given", Arity::kOptional}},
+       {},
+       "param get pass BLOCK_LENGTH",
+       Get},
+      {"param",
+       "set",
+       "Set a parameter of a processor",
+       {processor,
+        {"PARAMETER", Kind::kParameter, "Name or number"},
+        {"VALUE", Kind::kText, "Number, true or false; or with its kind, as f:0.5"}},
+       {{"--element", "ELEMENT", Kind::kNumber, "Which part of it (0)"}},
+       "param set pass BLOCK_LENGTH 960",
+       Set},
+  };
+}
+
+}  // namespace kvox::client

@@ -1,0 +1,117 @@
+#include <chrono>
+#include <cmath>
+#include <thread>
+
+#include "client/lookup.h"
+#include "client/verbs/verb.h"
+#include "kvox/common/fixed_text.h"
+
+namespace kvox::client {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kPause = std::chrono::milliseconds(20);
+
+/// What may still change: everything else is no reason to go on waiting.
+bool MayChange(const Failure& failure) {
+  return failure.status() == kNoDaemon || failure.status() == kNoObject ||
+         failure.status() == kRefused;
+}
+
+/// Runs `check` until it throws no Failure, and as long as --timeout says in all.
+template <typename Check>
+int WaitFor(const Context& context, const std::string& what, Check check) {
+  const auto begin = Clock::now();
+  const auto whole = context.daemon.wait();
+  for (;;) {
+    std::string reason;
+    try {
+      const auto spent =
+          std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+      context.daemon.set_wait(std::max(whole - spent, std::chrono::milliseconds(1)));
+      check();
+      break;
+    } catch (const Failure& failure) {
+      if (!MayChange(failure)) throw;
+      if (failure.status() == kNoDaemon) context.daemon.Forget();
+      reason = failure.what();
+    }
+    if (Clock::now() + kPause - begin >= whole) {
+      throw Failure(kTimedOut,
+                    what + " did not come within " +
+                        FormatText<32>("%g", std::chrono::duration<double>(whole).count()) +
+                        " s: " + reason);
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  const double waited_ms = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+  context.out.One({}, {{"waited_ms", std::round(waited_ms * 10) / 10}});
+  return kDone;
+}
+
+int ForDaemon(const Context& context) {
+  return WaitFor(context, "an answer of kvoxd",
+                 [&] { context.daemon.Run("Ping", [](IKvox& kvox) { return kvox.Ping(); }); });
+}
+
+int ForBuffer(const Context& context) {
+  const std::string& word = context.in.Get("BUFFER");
+  return WaitFor(context, "buffer " + word, [&] { LookUpBuffer(context.daemon, word); });
+}
+
+int ForTap(const Context& context) {
+  const std::string& word = context.in.Get("TAP");
+  return WaitFor(context, "tap point " + word, [&] { LookUpTap(context.daemon, word); });
+}
+
+int ForProcessor(const Context& context) {
+  const std::string& word = context.in.Get("PROCESSOR");
+  return WaitFor(context, "processor " + word, [&] {
+    const ProcessorId id = LookUpProcessor(context.daemon, word);
+    if (!context.in.Has("--enabled")) return;
+    const auto result =
+        context.daemon.Call("ProcessorIsEnabled", &IKvox::ProcessorIsEnabled, id.id);
+    if (result.value == 0) {
+      throw Failure(kRefused,
+                    "it is not enabled; 'kvoxctl processor enable " + id.name + "' does that");
+    }
+  });
+}
+
+}  // namespace
+
+std::vector<Verb> WaitVerbs() {
+  return {
+      {"wait",
+       "daemon",
+       "Wait until the daemon answers",
+       {},
+       {},
+       "--timeout 10 wait daemon",
+       ForDaemon},
+      {"wait",
+       "buffer",
+       "Wait until a buffer is there",
+       {{"BUFFER", Kind::kBuffer, "Buffer by name such as tapout0"}},
+       {},
+       "wait buffer tapout0 --timeout 10",
+       ForBuffer},
+      {"wait",
+       "tap",
+       "Wait until the co-processor has a tap point",
+       {{"TAP", Kind::kTap, "Such as imic.0, or 2:imic.0 for core 2"}},
+       {},
+       "wait tap imic.0 --timeout 10",
+       ForTap},
+      {"wait",
+       "processor",
+       "Wait until a processor is there",
+       {{"PROCESSOR", Kind::kProcessor, "Four characters such as art0"}},
+       {{"--enabled", nullptr, Kind::kText, "And until it is enabled"}},
+       "wait processor art0 --enabled --timeout 10",
+       ForProcessor},
+  };
+}
+
+}  // namespace kvox::client

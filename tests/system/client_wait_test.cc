@@ -1,0 +1,59 @@
+#include "tests/system/client_fixture.h"
+#include "tests/system/mute_service.h"
+
+namespace kvox {
+namespace {
+
+using ::testing::HasSubstr;
+
+/// Waiting, and what ends it.
+class ClientWaitTest : public ClientMachineTest {
+ protected:
+  std::unique_ptr<Process> Begin(const std::string& line) {
+    return std::make_unique<Process>(KVOXCTL_PROGRAM, Words(line), directory_ / "waiting");
+  }
+};
+
+TEST_F(ClientWaitTest, EndsOnceItIsThere) {
+  auto waiting = Begin("wait processor art0 --enabled --timeout 60 --json");
+  StartBoth();
+  Do("wait daemon --timeout 60");
+  Do("wait buffer tapout0 --timeout 60");
+  Do("wait tap imic.0 --timeout 60");
+  Do("processor new art0 pass");
+  Do("processor enable art0");
+  EXPECT_EQ(waiting->Wait(), 0) << waiting->Err();
+  EXPECT_THAT(waiting->Out(), HasSubstr("\"waited_ms\": "));
+}
+
+TEST_F(ClientWaitTest, GivesUpInTimeAndSaysWhy) {
+  ExpectRefusal("wait daemon --timeout 0.1", 6, "did not come within 0.1 s: ");
+  StartDaemon();
+  ExpectRefusal("wait buffer tapout0 --timeout 0.1", 6, "there is no buffer 'tapout0'");
+  ExpectRefusal("wait tap imic.0 --timeout 3", 6, "core 2 3 4 told of no tap points");
+  Do("processor new pass");
+  ExpectRefusal("wait processor pasx --timeout 0.1", 6, "did you mean 'pass'?");
+  ExpectRefusal("wait processor pass --enabled --timeout 0.1", 6, "it is not enabled");
+  ExpectRefusal("wait tap 300:imic.0 --timeout 60", 2, "is not a tap point's name");
+}
+
+TEST_F(ClientWaitTest, ASilentDaemonTakesNoLongerThanTheTimeout) {
+  MuteService service(directory_ / "run");
+  auto waiting = Begin("processor list --timeout 0.2");
+  service.TakeCall();
+  EXPECT_EQ(waiting->Wait(), 6);
+  EXPECT_THAT(waiting->Err(), HasSubstr("ListProcessors was not answered within 0.2 s"));
+}
+
+TEST_F(ClientWaitTest, ASocketOfSomebodyElseIsNoAbsentDaemon) {
+  if (geteuid() == 0) GTEST_SKIP() << "root may open everything";
+  StartDaemon();
+  std::filesystem::permissions(directory_ / "run", std::filesystem::perms::none);
+  const ClientRun run = Run({"ping"});
+  std::filesystem::permissions(directory_ / "run", std::filesystem::perms::owner_all);
+  EXPECT_EQ(run.exit_status, 5);
+  EXPECT_THAT(run.err, HasSubstr("Permission denied"));
+}
+
+}  // namespace
+}  // namespace kvox
