@@ -90,6 +90,24 @@ Child::~Child() {
   waitpid(pid_, nullptr, 0);
 }
 
+std::optional<std::string> Child::Ended() {
+  int status = 0;
+  if (!end_ && waitpid(pid_, &status, WNOHANG) == pid_) {
+    pid_ = -1;
+    if (WIFEXITED(status)) {
+      end_ = "exit status " + std::to_string(WEXITSTATUS(status));
+    } else {
+      const int number = WTERMSIG(status);
+      end_ = "signal " + std::to_string(number) + " (" + strsignal(number) + ")";
+    }
+  }
+  return end_;
+}
+
+void Child::Signal(int number) {
+  if (!Ended()) kill(pid_, number);
+}
+
 std::string Child::Finish(int seconds) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   int status = 0;

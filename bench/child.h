@@ -33,6 +33,13 @@ class Child {
 
   pid_t pid() const { return pid_; }
 
+  /// How the child ended by itself: "exit status 1", "signal 11 (Segmentation fault)". None while
+  /// it runs.
+  std::optional<std::string> Ended();
+
+  /// Sends a signal, unless the child has ended.
+  void Signal(int number);
+
   /// Waits at most `seconds` for the child to end by itself. Answers what it printed; throws
   /// std::runtime_error when it failed or did not end.
   std::string Finish(int seconds);
@@ -41,6 +48,7 @@ class Child {
   const std::string program_;
   const std::filesystem::path output_;
   pid_t pid_ = -1;
+  std::optional<std::string> end_;
 };
 
 }  // namespace kvox::bench

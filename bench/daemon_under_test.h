@@ -53,6 +53,8 @@ class DaemonUnderTest {
   void StartStream(unsigned stream);
 
   IKvox& service() { return *service_; }
+  std::shared_ptr<IKvox> shared_service() const { return service_; }
+  Child& child() { return child_; }
   pid_t pid() const { return child_.pid(); }
 
  private:
