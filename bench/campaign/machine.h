@@ -1,0 +1,49 @@
+// Simulator and daemon as children, in directories of their own.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "bench/campaign/caller.h"
+#include "bench/campaign/log_reader.h"
+#include "bench/campaign/resources.h"
+#include "bench/campaign/sim_control.h"
+#include "bench/child.h"
+#include "bench/daemon_under_test.h"
+
+namespace kvox::campaign {
+
+class Machine {
+ public:
+  /// Starts both. Throws std::runtime_error when one does not come up.
+  Machine();
+
+  bench::PrivateDirectory& home() { return home_; }
+  SimControl& sim() { return sim_; }
+  Caller& caller() { return caller_; }
+  std::shared_ptr<IKvox> service() const { return daemon_.shared_service(); }
+  CallWatch& calls() { return calls_; }
+  pid_t daemon_pid() const { return daemon_.pid(); }
+  Resources DaemonResources() const { return ReadResources(daemon_.pid()); }
+
+  /// What has gone wrong with a process or a call: one has ended, a sanitizer has reported, a call
+  /// does not return. Empty when nothing has. Reads on in the daemon's log.
+  std::string Trouble();
+  const LogLedger& ledger() const { return log_.ledger(); }
+
+  /// Copies the logs into `directory` and ends the daemon, so that calls that hang return.
+  void KeepLogs(const std::filesystem::path& directory);
+
+ private:
+  bench::PrivateDirectory home_;
+  bench::Child simulator_;
+  bench::DaemonUnderTest daemon_;
+  SimControl sim_;
+  LogReader log_;
+  CallWatch calls_;
+  Caller caller_;
+};
+
+}  // namespace kvox::campaign

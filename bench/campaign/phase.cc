@@ -1,0 +1,28 @@
+#include "bench/campaign/phase.h"
+
+namespace kvox::campaign {
+namespace {
+
+constexpr Ms kNap{5};
+constexpr std::chrono::microseconds kOrdinary{1000};  // late by this much is nobody's fault
+
+}  // namespace
+
+LoadMeter::LoadMeter() : thread_([this] { Run(); }) {}
+
+LoadMeter::~LoadMeter() {
+  stopping_ = true;
+  thread_.join();
+}
+
+void LoadMeter::Run() {
+  while (!stopping_) {
+    const auto begin = Clock::now();
+    std::this_thread::sleep_for(kNap);
+    const auto late =
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin - kNap);
+    if (late > kOrdinary) lost_us_ += late.count();
+  }
+}
+
+}  // namespace kvox::campaign

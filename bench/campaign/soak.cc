@@ -1,0 +1,220 @@
+#include "bench/campaign/soak.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+#include "bench/campaign/leak_check.h"
+#include "bench/campaign/soak_ledger.h"
+#include "bench/campaign/stage.h"
+#include "bench/campaign/trend.h"
+
+namespace kvox::campaign {
+namespace {
+
+/// How often things happen, in a soak of a given length.
+struct Rhythm {
+  explicit Rhythm(Ms length)
+      : row(std::clamp(length / 60, Ms(2000), Ms(30000))),
+        restart(std::clamp(length / 6, Ms(12000), Ms(300000))),
+        warm_up(length / 5) {}
+  Ms row;
+  Ms restart;
+  Ms warm_up;
+};
+
+/// After this time the simulator has given up every packet that will not come back, and the daemon
+/// has reported every slow client.
+constexpr Ms kBooked{2500};
+
+/// A packet in the device and one in each hand of the daemon.
+constexpr uint64_t kLostInRestart = 3;
+
+// What may grow from the end of the warm-up to the end of the soak, by the robust slope. Less than
+// one: a descriptor or a thread that is lost once at half time shows as one.
+constexpr double kCountRise = 0.5;
+constexpr double kMemoryRiseKib = 1024;
+constexpr double kMemoryRiseShare = 0.1;
+
+/// With fewer samples one that the allocator happens to keep more in decides.
+constexpr size_t kMemorySamples = 20;
+
+class SoakRun {
+ public:
+  explicit SoakRun(const SoakOptions& options)
+      : length_(static_cast<int64_t>(options.minutes * 60000)),
+        rhythm_(length_),
+        stage_(options.seed, Manner::kOrderly) {}
+
+  bool Run();
+  void KeepLogs(const std::filesystem::path& directory) { stage_.KeepLogs(directory); }
+  void PrintOutcome(bool passed);
+
+ private:
+  bool Begin();
+  bool Row();
+  bool RestartAndSettle();
+  bool Judge();
+  void JudgeTrend(const char* what, double limit, double (*value)(const Resources&));
+  Moment Now();
+  Ms Elapsed() const { return std::chrono::duration_cast<Ms>(Clock::now() - begin_); }
+
+  const Ms length_;
+  const Rhythm rhythm_;
+  Stage stage_;
+  Clock::time_point begin_;
+  Moment calm_since_;
+  Ms calm_from_{};
+  std::vector<std::pair<double, Resources>> samples_;
+  // Sums over the stretches without a fault that have ended.
+  uint64_t timing_ = 0;
+  uint64_t slow_ = 0;
+  uint64_t passed_ = 0;
+  uint64_t restarts_ = 0;
+  uint64_t lost_in_restarts_ = 0;
+  Ms slowest_recovery_{};
+};
+
+/// The clients have to stand still: then streams are not being switched.
+Moment SoakRun::Now() {
+  stage_.Healthy();  // reads on in the log
+  return {stage_.sim().Status(), stage_.machine().ledger()};
+}
+
+bool SoakRun::Begin() {
+  fmt::print("{:>8}  {:>9}  {:>5}  {:>7}  {:>5}  {:>9}  {:>9}  {:>11}  {:>7}\n", "time",
+             "packets/s", "lost", "timing", "slow", "restarts", "memory", "descriptors", "threads");
+  // The first recovery leaves a thread that waits for the next one.
+  begin_ = Clock::now();
+  stage_.Resume();
+  return RestartAndSettle();
+}
+
+/// One restart, and the time until all that it cost has been booked.
+bool SoakRun::RestartAndSettle() {
+  const SimStatus before = stage_.sim().Status();
+  const auto recovery = stage_.Restart("restart gap=0.2");
+  if (!recovery || !stage_.Run(kBooked) || !stage_.Halt(Stand::kAtReference)) return false;
+  calm_since_ = Now();
+  calm_from_ = Elapsed();
+  const uint64_t lost = MissingBetween(before, calm_since_.sim);
+  const uint64_t bound = kLostInRestart * Streams().size();
+  if (lost > bound) {
+    stage_.findings().Add("a restart cost {} packets; {} may be under way", lost, bound);
+  }
+  ++restarts_;
+  lost_in_restarts_ += lost;
+  slowest_recovery_ = std::max(slowest_recovery_, *recovery);
+  stage_.Resume();
+  return stage_.Healthy();
+}
+
+/// Measures while everybody stands at the reference, so that rows can be compared.
+bool SoakRun::Row() {
+  if (!stage_.Halt(Stand::kAtReference)) return false;
+  if (!stage_.CheckGraph()) return false;
+  const Moment now = Now();
+  const LossReport report = LossesBetween(calm_since_, now);
+  const Resources resources = stage_.machine().DaemonResources();
+  const double seconds = static_cast<double>(Elapsed().count()) / 1000;
+  const double calm_s = seconds - static_cast<double>(calm_from_.count()) / 1000;
+  samples_.emplace_back(seconds, resources);
+  fmt::print("{:>7.0f}s  {:>9.1f}  {:>5}  {:>7}  {:>5}  {:>9}  {:>5} KiB  {:>11}  {:>7}\n", seconds,
+             static_cast<double>(report.passed) / std::max(calm_s, 0.001), report.lost,
+             timing_ + report.timing, slow_ + report.slow_clients, restarts_, resources.memory_kib,
+             resources.descriptors, resources.threads);
+  std::fflush(stdout);
+  stage_.Resume();
+  return true;
+}
+
+/// Judges the stretch without a fault that ends now.
+bool SoakRun::Judge() {
+  if (!stage_.Run(kBooked) || !stage_.Halt(Stand::kAtReference)) return false;
+  const LossReport report = LossesBetween(calm_since_, Now());
+  for (const std::string& stream : report.streams) {
+    stage_.findings().Add("packets were lost without a fault: {}", stream);
+  }
+  timing_ += report.timing;
+  slow_ += report.slow_clients;
+  passed_ += report.passed;
+  stage_.Resume();
+  return stage_.Healthy();
+}
+
+bool SoakRun::Run() {
+  if (!Begin()) return false;
+  Ms next_restart = rhythm_.restart;
+  while (Elapsed() < length_) {
+    if (!stage_.Run(rhythm_.row) || !Row()) return false;
+    if (Elapsed() < next_restart || Elapsed() + rhythm_.row > length_) continue;
+    next_restart += rhythm_.restart;
+    if (!Judge() || !RestartAndSettle()) return false;
+  }
+  if (!Judge()) return false;
+  JudgeTrend("descriptors", kCountRise,
+             [](const Resources& r) { return static_cast<double>(r.descriptors); });
+  JudgeTrend("threads", kCountRise,
+             [](const Resources& r) { return static_cast<double>(r.threads); });
+  if (MemoryIsMeasurable() && samples_.size() >= kMemorySamples) {
+    const auto at_first = static_cast<double>(samples_.front().second.memory_kib);
+    JudgeTrend("KiB of memory", kMemoryRiseKib + kMemoryRiseShare * at_first,
+               [](const Resources& r) { return static_cast<double>(r.memory_kib); });
+  }
+  return !stage_.findings().any();
+}
+
+void SoakRun::JudgeTrend(const char* what, double limit, double (*value)(const Resources&)) {
+  std::vector<Sample> judged;
+  for (const auto& [seconds, resources] : samples_) {
+    if (seconds * 1000 < static_cast<double>(rhythm_.warm_up.count())) continue;
+    judged.push_back({seconds, value(resources)});
+  }
+  const double rise = RobustRise(judged);
+  fmt::print(
+      "trend of {}: {:+.2f} in {} samples after the warm-up of {} s (less than {:.1f} is "
+      "allowed)\n",
+      what, rise, judged.size(), rhythm_.warm_up.count() / 1000, limit);
+  if (rise >= limit) {
+    stage_.findings().Add("{} grow: by {:.2f} over the soak, {:.1f} are too many\n{}", what, rise,
+                          limit, DescribeResources(stage_.machine().daemon_pid()));
+  }
+}
+
+void SoakRun::PrintOutcome(bool passed) {
+  fmt::print("{} packets passed, {} lost by their timing, {} blocks by slow clients\n", passed_,
+             timing_, slow_);
+  fmt::print("{} restarts cost {} packets; slowest recovery {} ms; {} commands, slowest {} ms\n",
+             restarts_, lost_in_restarts_, slowest_recovery_.count(),
+             stage_.shared().commands.load(), stage_.machine().calls().slowest().count());
+  for (const std::string& finding : stage_.findings().all()) fmt::print("FAULT: {}\n", finding);
+  fmt::print("Soak {} after {:.1f} minutes.\n", passed ? "passed" : "FAILED",
+             static_cast<double>(Elapsed().count()) / 60000);
+}
+
+}  // namespace
+
+int Soak(const SoakOptions& options) {
+  fmt::print("repeat with: {}\n", options.repeat);
+  SoakRun run(options);
+  bool passed = false;
+  std::string problem;
+  try {
+    passed = run.Run();
+  } catch (const SimError& error) {
+    problem = error.what();
+  }
+  run.PrintOutcome(passed);
+  if (!problem.empty()) fmt::print("FAULT: {}\n", problem);
+  if (!passed) {
+    run.KeepLogs(options.logs);
+    fmt::print("The logs of kvoxd and kvosim are in {}.\n", options.logs.string());
+  }
+  fmt::print("repeat with: {}\n", options.repeat);
+  return passed ? 0 : 1;
+}
+
+}  // namespace kvox::campaign

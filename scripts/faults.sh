@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Usage: ./dev faults [--quick] [--seed N] [--count N] [--only KIND] [--preset PRESET]
+#
+# Injects faults into a simulated co-processor while audio flows through kvoxd and clients give it
+# commands all the while; after each the daemon has to be as if nothing had been. docs/reliability.md
+# lists the faults and what is checked. Any failure is one of the daemon: the exit status is then 1,
+# and its log is kept in build/faults.
+#
+#   --quick          most of a minute, without the kinds that take long
+#   --seed N         what happens follows from it; random when not given
+#   --count N        how many faults (100)
+#   --only KIND      one kind of faults
+#   --preset PRESET  the build: release, dev, asan or tsan
+#
+# Needs neither root nor devices; as root the simulator runs at real-time priority.
+cd "$(dirname "$0")/.."
+. scripts/common.sh
+. scripts/campaign.sh
+run_campaign kvox_faults build/faults "$@"
