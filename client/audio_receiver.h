@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/linux/unique_fd.h"
+#include "kvox/common/unique_fd.h"
 
 namespace kvox::client {
 
@@ -20,7 +20,7 @@ class AudioReceiver : public IKvox::BnReceiveAudioCallback {
   /// that rejects takes the data and refuses every packet.
   static std::shared_ptr<AudioReceiver> Create(const std::string& path, bool reject);
 
-  AudioReceiver(binder::UniqueFd file, bool reject) : file_(std::move(file)), reject_(reject) {}
+  AudioReceiver(UniqueFd file, bool reject) : file_(std::move(file)), reject_(reject) {}
 
   /// Has a thread serve incoming calls from now on.
   static void StartServing();
@@ -32,7 +32,7 @@ class AudioReceiver : public IKvox::BnReceiveAudioCallback {
 
  private:
   // Used by the one serving thread.
-  const binder::UniqueFd file_;
+  const UniqueFd file_;
   const bool reject_;
   bool failed_ = false;
 };

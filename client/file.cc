@@ -20,8 +20,8 @@ constexpr mode_t kCreateMode = 0666;
 }
 
 /// `what` is "read" or "write".
-binder::UniqueFd OpenRegular(const char* what, const std::string& path, int flags) {
-  binder::UniqueFd fd(open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC, kCreateMode));
+UniqueFd OpenRegular(const char* what, const std::string& path, int flags) {
+  UniqueFd fd(open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC, kCreateMode));
   struct stat status {};
   if (!fd.valid() || fstat(fd.get(), &status) != 0) Refuse(what, path, errno);
   if (!S_ISREG(status.st_mode)) throw UsageError("FILE: '" + path + "' is not a regular file");
@@ -31,7 +31,7 @@ binder::UniqueFd OpenRegular(const char* what, const std::string& path, int flag
 }  // namespace
 
 std::vector<uint8_t> ReadFile(const std::string& path, size_t limit) {
-  const binder::UniqueFd fd = OpenRegular("read", path, O_RDONLY);
+  const UniqueFd fd = OpenRegular("read", path, O_RDONLY);
   std::vector<uint8_t> data(limit + 1);
   size_t have = 0;
   while (have < data.size()) {
@@ -49,7 +49,7 @@ std::vector<uint8_t> ReadFile(const std::string& path, size_t limit) {
   return data;
 }
 
-binder::UniqueFd OpenToAppend(const std::string& path) {
+UniqueFd OpenToAppend(const std::string& path) {
   return OpenRegular("write", path, O_WRONLY | O_APPEND | O_CREAT);
 }
 

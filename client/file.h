@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/unique_fd.h"
+#include "kvox/common/unique_fd.h"
 
 namespace kvox::client {
 
@@ -16,7 +16,7 @@ std::vector<uint8_t> ReadFile(const std::string& path, size_t limit);
 
 /// Opens the file at `path` for appending, and creates it first if it is not there. Throws
 /// UsageError.
-binder::UniqueFd OpenToAppend(const std::string& path);
+UniqueFd OpenToAppend(const std::string& path);
 
 /// False, with errno set, when not everything could be written.
 bool WriteAll(int fd, const void* bytes, size_t size);

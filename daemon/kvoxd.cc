@@ -15,6 +15,7 @@
 
 #include "daemon/device_events.h"
 #include "interface/service_name.h"
+#include "kvox/common/device_names.h"
 #include "kvox/common/kvox_utils.h"
 #include "kvox/common/log.h"
 #include "platform/platform.h"
@@ -24,8 +25,6 @@ namespace kvox {
 namespace {
 
 constexpr char kWakeLockName[] = "kvox";
-constexpr char kControlDevice[] = "xdv-kvox_control";
-constexpr char kMarkerDevice[] = "kvo";
 
 /// The first scan runs before anybody can call or end anything: its pauses are plain sleeps.
 class StartupPacer : public RecoveryPacer {

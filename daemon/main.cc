@@ -37,11 +37,10 @@ int PrintUsage(const char* argument) {
     return 0;
   }
   if (!asked) fprintf(stderr, "kvoxd: unexpected argument '%s'\n", argument);
-  fputs(
-      "Usage: kvoxd\n\n"
-      "Serves the audio co-processor's clients until it is ended with SIGTERM. Devices are found\n"
-      "in KVOX_DEV_DIR (default /dev), the service's socket is put into KVOX_RUNTIME_DIR.\n",
-      asked ? stdout : stderr);
+  fprintf(asked ? stdout : stderr,
+          "Usage: kvoxd\n\n"
+          "Serves the audio co-processor's clients until it is ended with SIGTERM.\n%s",
+          kvox::PlatformUsage());
   return asked ? 0 : 2;
 }
 

@@ -1,5 +1,5 @@
-// What the daemon asks of the platform beside its libraries. Each platform has its own
-// implementation; callers are the same everywhere.
+// What daemon and client ask of the platform beside its libraries. Each platform has its own
+// implementation (linux/, android/); callers are the same everywhere.
 #pragma once
 
 #include <string>
@@ -9,11 +9,18 @@ namespace kvox {
 /// First call of a program that has an event loop of its own, before any other thread runs.
 void PreparePlatform();
 
-/// Where the co-processor's devices are, without a slash at the end: KVOX_DEV_DIR, else "/dev".
+/// What the daemon's usage says of this platform: lines that end, or nothing. Any thread.
+const char* PlatformUsage();
+
+/// Where the co-processor's devices are, without a slash at the end. Any thread.
 const std::string& DeviceDirectory();
 
 /// Drops a wake lock of this name that an earlier process left behind, where locks outlive their
 /// process; unless a live process serves `service`, whose lock it is then.
 void ReleaseStaleWakeLock(const char* name, const char* service);
+
+/// Why this thread's last registration or look-up of a service failed, in words that name the
+/// cause, as far as the platform tells it, and the next step. Meaningless after one that succeeded.
+const std::string& ServiceError();
 
 }  // namespace kvox

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "kvox/common/device_names.h"
 #include "kvox/common/log.h"
 
 namespace kvox {
@@ -57,8 +58,8 @@ std::optional<int> DeviceNumber(std::string_view rest) {
 }
 
 DeviceScan ScanDataDevices(const std::string& directory) {
-  const std::string tapout_prefix = directory + "/xdv-kvox_tapout";
-  const std::string inject_prefix = directory + "/xdv-kvox_inject";
+  const std::string tapout_prefix = directory + "/" + kTapOutPrefix;
+  const std::string inject_prefix = directory + "/" + kInjectPrefix;
   DeviceScan scan;
   const Glob tapouts(tapout_prefix);
   scan.any_tapout_path = tapouts.matched();

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "kvox/common/device_names.h"
 #include "kvox/common/log.h"
 #include "service/kvox_service.h"
 
@@ -11,8 +12,6 @@ namespace {
 
 constexpr int kScanAttempts = 5;
 constexpr auto kScanPause = std::chrono::milliseconds(500);
-constexpr char kDevicePrefix[] = "xdv-kvox_";
-constexpr char kControlDevice[] = "xdv-kvox_control";
 
 const char* PluralS(size_t count) {
   return count == 1 ? "" : "s";

@@ -10,7 +10,7 @@
 #include <cstddef>
 
 #include "kvox/common/mutex.h"
-#include "platform/linux/unique_fd.h"
+#include "kvox/common/unique_fd.h"
 
 namespace kvox::binder {
 

@@ -6,8 +6,8 @@
 #include <atomic>
 #include <memory>
 
+#include "kvox/common/unique_fd.h"
 #include "platform/linux/service_port.h"
-#include "platform/linux/unique_fd.h"
 
 namespace kvox::binder {
 

@@ -10,6 +10,12 @@ void PreparePlatform() {
   evthread_use_pthreads();
 }
 
+const char* PlatformUsage() {
+  return "Devices are found in KVOX_DEV_DIR (default /dev), the service's socket is put into\n"
+         "KVOX_RUNTIME_DIR.\n";
+}
+
+/// KVOX_DEV_DIR, else "/dev".
 const std::string& DeviceDirectory() {
   static const auto* const directory = [] {
     const char* value = getenv("KVOX_DEV_DIR");

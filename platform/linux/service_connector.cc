@@ -10,10 +10,10 @@
 #include <thread>
 #include <utility>
 
+#include "kvox/common/unique_fd.h"
 #include "platform/linux/connection.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/runtime_directory.h"
-#include "platform/linux/unique_fd.h"
 
 namespace kvox::binder {
 namespace {

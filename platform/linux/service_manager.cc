@@ -218,11 +218,11 @@ AIBinder* AServiceManager_waitForService(const char* instance) {
   return kvox::binder::Await(instance, nullptr);
 }
 
-namespace kvox_host {
-
-const std::string& ServiceError() {
+const std::string& kvox::ServiceError() {
   return kvox::binder::error_of_thread;
 }
+
+namespace kvox_host {
 
 void StopBinder() {
   kvox::binder::ServiceManager::Get().Clear();

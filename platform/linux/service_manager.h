@@ -8,9 +8,9 @@
 #include <string>
 
 #include "kvox/common/mutex.h"
+#include "kvox/common/unique_fd.h"
 #include "platform/linux/connection.h"
 #include "platform/linux/listener.h"
-#include "platform/linux/unique_fd.h"
 
 namespace kvox::binder {
 

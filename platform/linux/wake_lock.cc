@@ -13,14 +13,12 @@
 
 #include "kvox/common/log.h"
 #include "kvox/common/mutex.h"
+#include "kvox/common/unique_fd.h"
 #include "platform/linux/service_manager.h"
-#include "platform/linux/unique_fd.h"
 #include "platform/platform.h"
 
 namespace kvox {
 namespace {
-
-using binder::UniqueFd;
 
 constexpr char kTakeFile[] = "wake_lock";
 constexpr char kDropFile[] = "wake_unlock";

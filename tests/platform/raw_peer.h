@@ -11,9 +11,9 @@
 #include <string_view>
 #include <vector>
 
+#include "kvox/common/unique_fd.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/runtime_directory.h"
-#include "platform/linux/unique_fd.h"
 #include "tests/platform/parcel_bytes.h"
 
 namespace kvox::binder {

@@ -9,9 +9,9 @@
 #include <string>
 
 #include "interface/service_name.h"
+#include "kvox/common/unique_fd.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/runtime_directory.h"
-#include "platform/linux/unique_fd.h"
 
 namespace kvox {
 
@@ -33,7 +33,7 @@ class MuteService {
 
   /// Waits until a client's call is there.
   void TakeCall() {
-    client_ = binder::UniqueFd(accept(listener_.get(), nullptr, nullptr));
+    client_ = UniqueFd(accept(listener_.get(), nullptr, nullptr));
     std::string descriptor = "kvox.IKvox";
     binder::ServiceGreeting greeting;
     greeting.descriptor_size = static_cast<uint32_t>(descriptor.size());
@@ -48,8 +48,8 @@ class MuteService {
 
  private:
   const std::string path_;
-  binder::UniqueFd listener_;
-  binder::UniqueFd client_;
+  UniqueFd listener_;
+  UniqueFd client_;
 };
 
 }  // namespace kvox

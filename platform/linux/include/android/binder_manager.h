@@ -1,5 +1,6 @@
 // Services by name. On this host a service is a socket in the runtime directory; names and
-// environment are in docs/transport.md. What went wrong is in kvox_host/binder_host.h.
+// environment are in docs/transport.md. What went wrong: ServiceError in
+// platform/platform.h.
 #pragma once
 
 #include <android/binder_ibinder.h>

@@ -1,13 +1,11 @@
-// What the host's binder tells and takes beyond the NDK.
+// What the host's binder takes beyond the NDK.
 #pragma once
 
-#include <string>
+#include "platform/platform.h"
 
 namespace kvox_host {
 
-/// Why this thread's last registration or look-up of a service failed, in words that name the path
-/// or the variable and the next step; empty when it succeeded.
-const std::string& ServiceError();
+using kvox::ServiceError;
 
 /// Takes back the services, breaks all connections and joins the binder's own threads, those in
 /// joinThreadPool return. Not from a thread that serves a call. The next use starts anew.
