@@ -10,6 +10,7 @@
 
 #include "interface/service_name.h"
 #include "platform/linux/include/kvox_host/binder_host.h"
+#include "platform/platform.h"
 
 namespace kvox::bench {
 namespace {
@@ -50,7 +51,7 @@ std::filesystem::path PrivateDirectory::Folder(const std::string& name) const {
 DaemonUnderTest::DaemonUnderTest(const PrivateDirectory& home, std::optional<int> core)
     : child_(PrepareDaemon(home), home.path() / "kvoxd", core),
       service_(IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_getService(KvoxDescriptor())))) {
-  if (!service_) throw std::runtime_error("kvoxd does not serve: " + kvox_host::ServiceError());
+  if (!service_) throw std::runtime_error("kvoxd does not serve: " + kvox::ServiceError());
 }
 
 DaemonUnderTest::~DaemonUnderTest() {

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <limits>
 
+#include "client/decimal.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
 
@@ -13,11 +14,11 @@ namespace {
 using Value = IKvox::ParamValue;
 
 /// The whole word as a number of this type.
-template <typename Number, typename... Base>
-std::optional<Number> ParseWhole(std::string_view word, Base... base) {
+template <typename Number>
+std::optional<Number> ParseWhole(std::string_view word, int base = 10) {
   Number number{};
   const char* const end = word.data() + word.size();
-  const auto [at, error] = std::from_chars(word.data(), end, number, base...);
+  const auto [at, error] = std::from_chars(word.data(), end, number, base);
   if (error != std::errc() || at != end) return std::nullopt;
   return number;
 }
@@ -87,7 +88,7 @@ std::optional<bool> ParseBool(std::string_view word) {
 
 std::optional<float> ParseFloat(std::string_view word) {
   if (word.starts_with('+')) word.remove_prefix(1);
-  return ParseWhole<float>(word);
+  return ParseDecimal<float>(word);
 }
 
 std::optional<int8_t> ParseByte(std::string_view word) {

@@ -7,7 +7,7 @@
 
 #include "interface/service_name.h"
 #include "kvox/common/fixed_text.h"
-#include "platform/linux/include/kvox_host/binder_host.h"
+#include "platform/platform.h"
 
 namespace kvox::client {
 
@@ -20,7 +20,7 @@ bool Daemon::Find() {
 
 const std::shared_ptr<IKvox>& Daemon::kvox() {
   if (!Find()) {
-    const std::string& reason = kvox_host::ServiceError();
+    const std::string& reason = ServiceError();
     const bool denied = reason.find(ErrorText(EACCES).c_str()) != reason.npos;
     throw Failure(denied ? kNotAllowed : kNoDaemon, reason);
   }

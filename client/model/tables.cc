@@ -6,6 +6,8 @@
 #include <iterator>
 #include <string_view>
 
+#include "client/decimal.h"
+
 namespace kvox::client {
 namespace {
 
@@ -113,7 +115,7 @@ void ReadFormat(const std::string& text, Row& row, TapPoint& tap) {
                         rate_end + 5 <= channels_end && channels_end + 5 < text.size();
   row.Require(complete);
   if (!complete) return;
-  const double khz = row.Whole<double>(text.substr(0, rate_end));
+  const double khz = ParseDecimal<double>(std::string_view(text).substr(0, rate_end)).value_or(-1);
   row.Require(khz >= 0 && khz <= 4'294'967);
   if (row.good()) tap.sample_rate_hz = static_cast<uint32_t>(std::lround(khz * 1000));
   tap.channels = row.Whole<uint32_t>(text.substr(rate_end + 5, channels_end - rate_end - 5));

@@ -17,6 +17,7 @@
 #include "platform/linux/reactor.h"
 #include "platform/linux/runtime_directory.h"
 #include "platform/linux/service_connector.h"
+#include "platform/platform.h"
 
 namespace kvox::binder {
 namespace {

@@ -70,7 +70,8 @@ TEST(Arguments, ListsAreOneWord) {
   EXPECT_EQ((*values)[1].get<Value::v>(), (std::vector<float>{1, 2.5}));
   EXPECT_EQ((*values)[2].get<Value::f>(), 0.5f);
   EXPECT_TRUE((*values)[3].get<Value::v>().empty());
-  for (const char* word : {"960", "i:", "x:1", "i:1,2", "f:1e", "v:1,x"}) {
+  for (const char* word :
+       {"960", "i:", "x:1", "i:1,2", "f:1e", "f: 1", "f:++1", "f:0x1", "f:1e99", "v:1,x"}) {
     EXPECT_EQ(ParseValues(word), std::nullopt) << word;
   }
   EXPECT_EQ(ParseParamValue("i:1,i:2"), std::nullopt);

@@ -17,6 +17,7 @@
 #include "kvox/common/mutex.h"
 #include "platform/linux/runtime_directory.h"
 #include "platform/linux/service_connector.h"
+#include "platform/platform.h"
 #include "tests/platform/echo.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_directory.h"
@@ -136,7 +137,7 @@ class BinderTest : public ::testing::Test {
   void Serve(uint32_t threads) {
     service_ = ndk::SharedRefBase::make<EchoService>();
     ASSERT_EQ(AServiceManager_addService(service_->asBinder().get(), kName), EX_NONE)
-        << kvox_host::ServiceError();
+        << kvox::ServiceError();
     ASSERT_TRUE(ABinderProcess_setThreadPoolMaxThreadCount(threads));
     ABinderProcess_startThreadPool();
   }

@@ -15,7 +15,7 @@ using ServiceManagerTest = BinderTest;
 
 std::string FailedLookup(const char* name) {
   EXPECT_EQ(AServiceManager_checkService(name), nullptr);
-  return kvox_host::ServiceError();
+  return kvox::ServiceError();
 }
 
 mode_t ModeOf(const std::string& path) {
@@ -92,12 +92,12 @@ TEST_F(ServiceManagerTest, DirectoriesThatCannotBeUsedAreNamed) {
   std::ofstream(file) << "x";
   setenv("KVOX_RUNTIME_DIR", file.c_str(), 1);
   EXPECT_NE(Add(service, kName), EX_NONE);
-  EXPECT_CONTAINS(kvox_host::ServiceError(), file);
-  EXPECT_CONTAINS(kvox_host::ServiceError(), "KVOX_RUNTIME_DIR");
+  EXPECT_CONTAINS(kvox::ServiceError(), file);
+  EXPECT_CONTAINS(kvox::ServiceError(), "KVOX_RUNTIME_DIR");
 
   setenv("KVOX_RUNTIME_DIR", (directory_ + "/" + std::string(90, 'd')).c_str(), 1);
   EXPECT_EQ(Add(service, kName), EX_ILLEGAL_ARGUMENT);
-  EXPECT_CONTAINS(kvox_host::ServiceError(), "too long");
+  EXPECT_CONTAINS(kvox::ServiceError(), "too long");
   EXPECT_CONTAINS(FailedLookup(kName), "too long");
 }
 
