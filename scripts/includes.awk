@@ -1,11 +1,32 @@
-# Holds every quoted include against the table of scripts/includes.txt, which is the first file.
+# Holds includes against two tables, the first two files: ours, quoted, against scripts/includes.txt;
+# those of others, in angle brackets, against scripts/includes_of_others.txt.
 
 # The headers that the interface's contract stands for are included as aidl/kvox/….
 function folder(path) {
-  if (path ~ /^kvox\/common\//) return "kvox/common"
+  if (match(path, /^(kvox\/common|platform\/(linux|android))\//)) return substr(path, 1, RLENGTH - 1)
   if (path ~ /^aidl\/kvox\//) return "interface"
   sub(/\/.*/, "", path)
   return path
+}
+
+# Folders that are built for one platform alone.
+function host_only(room) {
+  return room ~ /^(platform\/linux|sim|bench|examples|tests|fuzz)$/
+}
+
+function complain(room, header) {
+  print FILENAME ":" FNR ": " room " may not include " header
+  failed = 1
+}
+
+# Whether a row of the second table offers the header to the folder.
+function offered(header, room, row) {
+  if (header !~ /\./) return 1
+  for (row in offers) {
+    if (row != header && !(row ~ /\*$/ && index(header, substr(row, 1, length(row) - 1)) == 1)) continue
+    if (offers[row] == "*" || index("," offers[row] ",", "," room ",") > 0) return 1
+  }
+  return 0
 }
 
 FILENAME == ARGV[1] {
@@ -13,6 +34,11 @@ FILENAME == ARGV[1] {
     known[$1] = 1
     allowed[$1] = " " $0 " "
   }
+  next
+}
+
+FILENAME == ARGV[2] {
+  if ($0 !~ /^#/ && NF > 0) offers[$1] = $2
   next
 }
 
@@ -24,14 +50,16 @@ FNR == 1 {
   }
 }
 
-/^#include "/ {
+/^ *# *include "/ {
   split($0, parts, "\"")
   target = folder(parts[2])
   if (allowed[room] ~ / \* /) next
-  if (index(allowed[room], " " target " ") == 0) {
-    print FILENAME ":" FNR ": " room " may not include " target " (" parts[2] ")"
-    failed = 1
-  }
+  if (index(allowed[room], " " target " ") == 0) complain(room, target " (" parts[2] ")")
+}
+
+/^ *# *include </ {
+  split($0, parts, /[<>]/)
+  if (!host_only(room) && !offered(parts[2], room)) complain(room, "<" parts[2] ">; see scripts/includes_of_others.txt")
 }
 
 END { exit failed }

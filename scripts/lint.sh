@@ -2,11 +2,11 @@
 # Usage: ./dev lint [--changed] [--fast]
 #
 # Checks that sources are formatted, that folders include only what they may, that the log lines which
-# docs/troubleshooting.md explains exist, that the scripts are sound (shellcheck) and that clang-tidy
-# has nothing to say.
+# docs/troubleshooting.md explains exist, that the scripts are sound (shellcheck), that a phone's build
+# would take daemon and client (scripts/android.sh) and that clang-tidy has nothing to say.
 #
 #   --changed  look only at files that differ from the branch main, committed or not
-#   --fast     leave out clang-tidy, which takes nearly all the time
+#   --fast     leave out what a phone would take and clang-tidy, which need nearly all the time
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 # shellcheck disable=SC2034 # parse_options reads it
@@ -47,7 +47,8 @@ if [ "${#sources[@]}" -gt 0 ]; then
   clang-format --dry-run --Werror "${sources[@]}" || failed=1
 
   echo "lint: includes"
-  awk -f scripts/includes.awk scripts/includes.txt "${sources[@]}" || failed=1
+  awk -f scripts/includes.awk scripts/includes.txt scripts/includes_of_others.txt \
+    "${sources[@]}" || failed=1
 fi
 
 echo "lint: documents"
@@ -58,6 +59,8 @@ if [ "${#shell_scripts[@]}" -gt 0 ]; then
   echo "lint: scripts"
   shellcheck -x "${shell_scripts[@]}" || failed=1
 fi
+
+if ! is_chosen --fast; then scripts/android.sh || failed=1; fi
 
 if [ "${#units[@]}" -gt 0 ] && ! is_chosen --fast; then
   echo "lint: clang-tidy"

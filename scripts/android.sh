@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Usage: scripts/android.sh
+#
+# Checks what a host can of the phone's side: that daemon, client and the device's test compile
+# with nothing but the headers a phone has (stand-ins for binder and wake locks, Android's log and
+# C++ library), that the policy compiles, and that manifest and matrix are well-formed.
+cd "$(dirname "$0")/.."
+. scripts/common.sh
+failed=0
+tree=$(mktemp -d)
+trap 'rm -rf "$tree"' EXIT
+
+# A tree without platform/linux but for the headers of the platform itself.
+mkdir -p "$tree"/{include,platform}
+for folder in kvox processors buffer service daemon client interface tests; do
+  ln -s "$PWD/$folder" "$tree/$folder"
+done
+ln -s "$PWD"/platform/{platform.h,android} "$tree/platform"
+ln -s "$PWD"/platform/linux/include/{android,hardware_legacy} "$PWD/interface/host/include/aidl" \
+  "$tree/include"
+
+flags=(-std=c++20 -stdlib=libc++ -Wall -Wextra -Wshadow -Wthread-safety -Werror -I. -isystem include
+  -isystem /usr/include/android -DKVOX_VERSION='""'
+  -DKVOX_ENABLE_PROCESSING=0 -DKVOX_ENABLE_PHONEBOOTH=0)
+
+# precompile HEADER FLAG...: what most sources of the next compile include.
+precompile() {
+  (cd "$tree" && echo "#include <$1>" >common.h && shift &&
+    clang++-16 -x c++-header "${flags[@]}" "$@" common.h -o common.pch)
+}
+
+# compile FLAG... reads sources from standard input.
+compile() {
+  (cd "$tree" && xargs -P "$(nproc)" -n 4 clang++-16 -fsyntax-only "${flags[@]}" \
+    -include-pch common.pch "$@")
+}
+
+daemon=({kvox/common,platform/android,interface,processors,buffer,service,daemon}/*.cc)
+mapfile -t client < <(find client -name '*.cc')
+tests=(tests/{common,processors,buffer,service,daemon}/*_test.cc)
+tests=("${tests[@]/tests\/buffer\/realtime_test.cc/}") # not for phones, see Android.bp
+
+echo "lint: android, compile"
+precompile aidl/kvox/BnKvox.h -fno-rtti
+printf '%s\n' "${daemon[@]}" | compile -fno-rtti || failed=1
+precompile aidl/kvox/BnKvox.h
+printf '%s\n' "${client[@]}" | compile || failed=1
+precompile gmock/gmock.h -fno-rtti
+printf '%s\n' "${tests[@]}" | compile -fno-rtti || failed=1
+
+echo "lint: android, policy"
+m4 -s tests/android/policy.m4 android/sepolicy/{attributes,*.te} >"$tree/policy.conf"
+checkmodule -m -o "$tree/kvox.mod" "$tree/policy.conf" >"$tree/policy.log" 2>&1 || {
+  cat "$tree/policy.log" >&2
+  failed=1
+}
+
+echo "lint: android, manifest"
+xmllint --noout android/vintf/*.xml || failed=1
+
+exit "$failed"
