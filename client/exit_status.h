@@ -9,7 +9,7 @@ namespace kvox::client {
 enum ExitStatus {
   kDone = 0,
   kRefused = 1,     // the daemon answered an error
-  kWrongUsage = 2,  // nothing was sent
+  kWrongUsage = 2,  // nothing was changed
   kNoDaemon = 3,    // none was reached, or it went away
   kNoObject = 4,    // no processor, tap point, buffer... of that name
   kNotAllowed = 5,  // the daemon's socket may not be opened

@@ -13,6 +13,10 @@ char Lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
+bool Begins(std::string_view name, std::string_view word) {
+  return name.size() >= word.size() && EditDistance(name.substr(0, word.size()), word) == 0;
+}
+
 }  // namespace
 
 size_t EditDistance(std::string_view a, std::string_view b) {
@@ -38,8 +42,9 @@ std::vector<std::string> NearMatches(const std::string& word,
   std::vector<std::pair<size_t, std::string>> near;
   for (const std::string& name : names) {
     const size_t distance = EditDistance(word, name);
-    const size_t allowed = std::max<size_t>(1, std::max(word.size(), name.size()) / 2);
-    if (distance <= allowed && distance < name.size()) near.emplace_back(distance, name);
+    const size_t size = std::max(word.size(), name.size());
+    const size_t allowed = std::min(std::max<size_t>(2, size / 3), size / 2);
+    if (distance <= allowed || Begins(name, word)) near.emplace_back(distance, name);
   }
   std::stable_sort(near.begin(), near.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });

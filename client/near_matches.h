@@ -11,7 +11,7 @@ namespace kvox::client {
 /// for nothing.
 size_t EditDistance(std::string_view a, std::string_view b);
 
-/// Up to three of `names` that resemble `word`, nearest first.
+/// Up to three of `names` that resemble `word` or begin with it, nearest first.
 std::vector<std::string> NearMatches(const std::string& word,
                                      const std::vector<std::string>& names);
 

@@ -81,7 +81,7 @@ void RelaySession::HoldInterrupts() {
 
 bool RelaySession::Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
                             IKvox::CommandResult& result) {
-  const CallDeadline deadline("RegisterReceiveAudioCallback", static_cast<int>(StayEnd::kNoDaemon));
+  const CallDeadline deadline("RegisterReceiveAudioCallback", static_cast<int>(StayEnd::kTimedOut));
   return kvox_->RegisterReceiveAudioCallback(processor_, callback, &result).isOk();
 }
 
@@ -92,7 +92,7 @@ StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
   IKvox::CommandResult result;
   if (!Register(callback, result)) return StayEnd::kNoDaemon;
   if (result.status != IKvox::CommandStatus::OK) {
-    fprintf(stderr, "kvoxctl: there is no processor %s; 'kvoxctl call ListProcessors' lists them\n",
+    fprintf(stderr, "kvoxctl: there is no processor %s; 'kvoxctl processor list' shows all\n",
             name_.c_str());
     return StayEnd::kRefused;
   }

@@ -30,6 +30,7 @@ enum class StayEnd : int {
   kRefused = 1,       // the daemon refused, or no audio came
   kWrongUsage = 2,    // the file does not fit
   kNoDaemon = 3,      // it has gone
+  kTimedOut = 6,      // it does not answer
   kMissedBlocks = 7,  // done, but not whole
 };
 

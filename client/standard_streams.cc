@@ -15,6 +15,7 @@
 namespace kvox::client {
 
 void HoldStandardStreams() {
+  signal(SIGPIPE, SIG_IGN);  // which would end the process; errno tells it as well
   pollfd streams[] = {{STDIN_FILENO, 0, 0}, {STDOUT_FILENO, 0, 0}, {STDERR_FILENO, 0, 0}};
   poll(streams, std::size(streams), 0);
   for (const pollfd& stream : streams) {
@@ -25,7 +26,6 @@ void HoldStandardStreams() {
 
 void PrintOut(const std::string& text) {
   if (text.empty()) return;
-  signal(SIGPIPE, SIG_IGN);  // which would end the process; errno tells it as well
   if (WriteAll(STDOUT_FILENO, text.data(), text.size()) || errno == EPIPE) return;
   throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno) +
                            "; send it elsewhere and try again");

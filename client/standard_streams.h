@@ -6,7 +6,7 @@
 namespace kvox::client {
 
 /// To be called first. Takes the places of standard descriptors that are closed, so that no socket
-/// or file gets them.
+/// or file gets them, and lets a reader that goes be no reason to die.
 void HoldStandardStreams();
 
 /// Writes the text to standard output at once. Throws std::runtime_error when that fails. A reader

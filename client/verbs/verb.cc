@@ -82,7 +82,7 @@ std::vector<ExitRow> ExitsOf(const Verb& verb) {
   } rows[] = {
       {{kDone, "done"}, true},
       {{kRefused, "the daemon refused"}, true},
-      {{kWrongUsage, "wrong usage; nothing was sent"}, true},
+      {{kWrongUsage, "wrong usage; nothing was changed"}, true},
       {{kNoDaemon, "no daemon was reached, or it went away"}, true},
       {{kNoObject, "there is no object of that name"}, objects},
       {{kNotAllowed, "the daemon's socket may not be used"}, !verb.raw},

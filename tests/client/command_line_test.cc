@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <random>
 #include <sstream>
 
 #include "client/help.h"
@@ -88,6 +89,25 @@ TEST(CommandLine, EveryVerbHasHelpWithAnExampleThatCanBeRead) {
   EXPECT_EQ(Read("--version").help, "kvoxctl 1\n");
 }
 
+TEST(CommandLine, AnyWordsAreReadOrRefused) {
+  const std::string words[] = {"tap",  "list",      "call",  "--json", "--timeout=", "-",   "--",
+                               "-h",   "processor", "new",   "\xff",   "--ramp",     "-1",  "1e999",
+                               "gain", "--color",   "never", "stats",  "--entries",  "--=", "-x=y"};
+  std::minstd_rand random(1);
+  int read = 0;
+  for (int i = 0; i < 3000; ++i) {
+    std::vector<std::string> line(1 + random() % 6);
+    for (std::string& word : line) word = words[random() % std::size(words)];
+    try {
+      const CommandLine command = ReadCommandLine(line, "");
+      if (command.verb != nullptr) ++read;
+    } catch (const UsageError& error) {
+      EXPECT_STRNE(error.what(), "");
+    }
+  }
+  EXPECT_GT(read, 0);
+}
+
 TEST(TapWord, HasCoreAndIndexWhereTheyAreGiven) {
   const auto full = ReadTapWord("2:imic.0");
   ASSERT_TRUE(full);
@@ -109,6 +129,7 @@ TEST(NearMatches, NearestFirstAndNothingFarOff) {
   EXPECT_EQ(EditDistance("", "abc"), 3u);
   EXPECT_THAT(NearMatches("imix.0", {"sspk.0", "amic.0", "imic.0", "imic.0"}),
               ElementsAre("imic.0", "amic.0"));
+  EXPECT_THAT(NearMatches("mic", {"MIC_IN", "PHONEBOOTH"}), ElementsAre("MIC_IN"));
   EXPECT_TRUE(NearMatches("zzzz", {"pass", "art0"}).empty());
   EXPECT_TRUE(NearMatches(std::string(100'000, 'p'), {"pass"}).empty());
   EXPECT_EQ(NotFound("processor", "pas", {"pass", "pas1"}, "try"),
