@@ -20,6 +20,7 @@ struct TapCounts {
   uint64_t sent = 0;         // packets that went into the device whole
   uint64_t dropped = 0;      // that found the device full
   uint64_t skipped = 0;      // that fell into a stall of the simulator
+  uint64_t withheld = 0;     // that a fault took away
   uint64_t unheard = 0;      // that were due while nobody had the device open
   uint64_t received = 0;     // that came back on the bound inject
   uint64_t sink_failed = 0;  // of those, not written to the sink

@@ -6,10 +6,13 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
+
+#include "kvox/common/kvox_utils.h"
 
 namespace kvox::sim {
 namespace {
@@ -28,15 +31,14 @@ bool MakeRaw(int terminal) {
 
 }  // namespace
 
-ControlChannel::ControlChannel(event_base* base, ControlPoint& control,
+ControlChannel::ControlChannel(event_base* base, ControlExchange& exchange,
                                std::function<void()> on_commands)
     : base_(base),
+      exchange_(exchange),
       on_commands_(std::move(on_commands)),
-      splitter_([this, &control](std::span<std::byte> record) {
-        control.Answer(record);
-        Send(record);
-      }),
-      partial_timeout_(base, -1, 0, [this] { GiveUpPartial(); }) {}
+      splitter_([this](std::span<std::byte> record) { Take(record); }),
+      partial_timeout_(base, -1, 0, [this] { GiveUpPartial(); }),
+      delay_(base, -1, 0, [this] { SendDelayed(); }) {}
 
 bool ControlChannel::Open(std::string& error) {
   master_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
@@ -63,8 +65,10 @@ void ControlChannel::Close() {
   writable_.reset();
   partial_timeout_.Remove();
   splitter_.DropPartial();
-  replies_dropped_ += replies_.size();
+  delay_.Remove();
+  replies_dropped_ += replies_.size() + delayed_.size();
   replies_.clear();
+  delayed_.clear();
   if (slave_ >= 0) close(slave_);
   if (master_ >= 0) close(master_);
   slave_ = master_ = -1;
@@ -88,12 +92,37 @@ void ControlChannel::GiveUpPartial() {
   on_commands_();
 }
 
-void ControlChannel::Send(std::span<const std::byte> reply) {
-  if (master_ < 0 || replies_.size() == kMaxReplies) {
+void ControlChannel::Take(std::span<std::byte> record) {
+  const uint64_t now = GetTimestampNs();
+  for (Reply& reply : exchange_.Take(record, now)) {
+    if (reply.delay_ns == 0) {
+      Send(std::move(reply.bytes));
+    } else if (delayed_.size() == kMaxReplies) {
+      ++replies_dropped_;
+    } else {
+      delayed_.push_back({now + reply.delay_ns, std::move(reply.bytes)});
+    }
+  }
+  if (!delayed_.empty()) delay_.AddIn(0);
+}
+
+void ControlChannel::SendDelayed() {
+  const uint64_t now = GetTimestampNs();
+  const auto due = [now](const Delayed& delayed) { return delayed.due_ns <= now; };
+  for (Delayed& delayed : delayed_) {
+    if (due(delayed)) Send(std::move(delayed.reply));
+  }
+  std::erase_if(delayed_, due);
+  const auto next = std::ranges::min_element(delayed_, {}, &Delayed::due_ns);
+  if (next != delayed_.end()) delay_.AddIn(next->due_ns - now);
+}
+
+void ControlChannel::Send(std::vector<std::byte> reply) {
+  if (replies_.size() == kMaxReplies) {
     ++replies_dropped_;
     return;
   }
-  replies_.emplace_back(reply.begin(), reply.end());
+  replies_.push_back(std::move(reply));
   Flush();
 }
 

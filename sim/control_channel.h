@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/control_exchange.h"
 #include "sim/control_point.h"
 #include "sim/event.h"
 
@@ -18,8 +19,8 @@ namespace kvox::sim {
 
 class ControlChannel {
  public:
-  /// `on_commands` is called after commands were answered.
-  ControlChannel(event_base* base, ControlPoint& control, std::function<void()> on_commands);
+  /// `on_commands` is called after commands were answered; `exchange` outlives the channel.
+  ControlChannel(event_base* base, ControlExchange& exchange, std::function<void()> on_commands);
   ~ControlChannel() { Close(); }
   ControlChannel(const ControlChannel&) = delete;
   ControlChannel& operator=(const ControlChannel&) = delete;
@@ -37,20 +38,30 @@ class ControlChannel {
  private:
   void Read();
   void GiveUpPartial();
-  void Send(std::span<const std::byte> reply);
+  void Take(std::span<std::byte> record);
+  void Send(std::vector<std::byte> reply);
+  void SendDelayed();
   void Flush();
 
+  struct Delayed {
+    uint64_t due_ns;
+    std::vector<std::byte> reply;
+  };
+
   event_base* const base_;
+  ControlExchange& exchange_;
   const std::function<void()> on_commands_;
   int master_ = -1;
   int slave_ = -1;  // held open, so that a daemon that closes its end is no hang-up
   std::string slave_path_;
   RecordSplitter splitter_;
   std::deque<std::vector<std::byte>> replies_;  // that the terminal has no room for yet
+  std::vector<Delayed> delayed_;
   uint64_t replies_dropped_ = 0;
   std::unique_ptr<Event> readable_;  // there while it is open
   std::unique_ptr<Event> writable_;
   Event partial_timeout_;
+  Event delay_;
 };
 
 }  // namespace kvox::sim

@@ -52,23 +52,42 @@ constexpr ControlPoint::Row ControlPoint::kRows[] = {
 #undef KVOX_ROW
 
 const char* OpcodeName(uint16_t opcode) {
-  const auto* row = std::ranges::find(ControlPoint::kRows, opcode, &ControlPoint::Row::opcode);
-  return row == std::end(ControlPoint::kRows) ? "unknown" : row->name;
+  const ControlPoint::Row* row = ControlPoint::Find(opcode);
+  return row == nullptr ? "unknown" : row->name;
+}
+
+/// Null for codes that are no command.
+const ControlPoint::Row* ControlPoint::Find(uint16_t opcode) {
+  const auto* row = std::ranges::find(kRows, opcode, &Row::opcode);
+  return row == std::end(kRows) ? nullptr : row;
 }
 
 void ControlPoint::Answer(std::span<std::byte> bytes) {
   CMD_HDR header;
   std::memcpy(&header, bytes.data(), sizeof header);
-  const auto* row = std::ranges::find(kRows, header.opcode, &Row::opcode);
+  const Row* row = Find(header.opcode);
   ControlStatus status = ControlStatus::kNoOpcode;
-  if (row != std::end(kRows)) {
+  if (row != nullptr) {
     status = bytes.size() == row->size ? (this->*row->handle)(bytes) : ControlStatus::kBadSize;
   }
-  header.status = static_cast<int16_t>(status);
+  Conclude(bytes, row, static_cast<int16_t>(status));
+}
+
+void ControlPoint::Refuse(std::span<std::byte> bytes, int16_t status) {
+  CMD_HDR header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  Conclude(bytes, Find(header.opcode), status);
+}
+
+/// Puts the status into the record and counts it.
+void ControlPoint::Conclude(std::span<std::byte> bytes, const Row* row, int16_t status) {
+  CMD_HDR header;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  header.status = status;
   std::memcpy(bytes.data(), &header, sizeof header);
-  const uint16_t counted = row == std::end(kRows) ? uint16_t{0} : header.opcode;
+  const uint16_t counted = row == nullptr ? uint16_t{0} : header.opcode;
   ++counts_[{counted, header.status}];
-  if (status != ControlStatus::kOk) {
+  if (status != 0) {
     journal_.Say("command {:#x} ({}) refused with status {}", header.opcode,
                  OpcodeName(header.opcode), header.status);
   }

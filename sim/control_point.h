@@ -42,6 +42,9 @@ class ControlPoint {
   /// Answers one record (a whole CMD_HDR at least, as long as its size field says) in its place.
   void Answer(std::span<std::byte> record);
 
+  /// Answers one record with a status and does nothing else.
+  void Refuse(std::span<std::byte> record, int16_t status);
+
   const CommandCounts& counts() const { return counts_; }
 
  private:
@@ -49,6 +52,8 @@ class ControlPoint {
   template <typename Record>
   using Handler = ControlStatus (ControlPoint::*)(Tap&, Record&);
   static const Row kRows[];
+  static const Row* Find(uint16_t opcode);
+  void Conclude(std::span<std::byte> record, const Row* row, int16_t status);
   friend const char* OpcodeName(uint16_t opcode);
 
   template <typename Record, Handler<Record> handler>

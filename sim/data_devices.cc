@@ -14,10 +14,11 @@
 namespace kvox::sim {
 
 TapOutDevice::TapOutDevice(event_base* base, uint8_t id, const std::filesystem::path& path,
-                           double speed, Journal& journal)
+                           const StreamOptions& options, FaultPlan& plan, Journal& journal)
     : base_(base),
       id_(id),
-      speed_(speed),
+      options_(options),
+      plan_(plan),
       journal_(journal),
       writer_(path),
       due_(base, -1, 0, [this] { Run(); }) {}
@@ -27,7 +28,7 @@ void TapOutDevice::Attach(Tap* tap) {
   stream_.reset();
   due_.Remove();
   if (tap == nullptr) return;
-  stream_.emplace(*tap, id_, writer_, speed_, journal_, GetTimestampNs());
+  stream_.emplace(*tap, id_, writer_, options_, plan_, journal_, GetTimestampNs());
   Run();
 }
 
@@ -85,7 +86,7 @@ bool InjectDevice::Open(std::string& error) {
   }
   fcntl(fd_, F_SETPIPE_SZ, kPipeSize);
   readable_ = std::make_unique<Event>(base_, fd_, EV_READ | EV_PERSIST, [this] { Read(); });
-  readable_->Add();
+  if (!stalled_) readable_->Add();
   return true;
 }
 
@@ -98,8 +99,18 @@ void InjectDevice::Close() {
   fd_ = -1;
 }
 
-void InjectDevice::Read() {
+void InjectDevice::Stall(bool stalled) {
+  stalled_ = stalled;
   if (fd_ < 0) return;
+  if (stalled) {
+    readable_->Remove();
+  } else {
+    readable_->Add();
+  }
+}
+
+void InjectDevice::Read() {
+  if (fd_ < 0 || stalled_) return;
   bytes_.resize(kPipeSize);
   const ssize_t size = read(fd_, bytes_.data(), bytes_.size());
   if (size > 0) reassembler_.Feed(std::span(bytes_).first(static_cast<size_t>(size)));

@@ -19,14 +19,15 @@ namespace kvox::sim {
 /// A tap-out device: carries the stream of at most one tap.
 class TapOutDevice {
  public:
-  TapOutDevice(event_base* base, uint8_t id, const std::filesystem::path& path, double speed,
-               Journal& journal);
+  TapOutDevice(event_base* base, uint8_t id, const std::filesystem::path& path,
+               const StreamOptions& options, FaultPlan& plan, Journal& journal);
 
   /// Streams `tap` from now on, nothing when null; a stream of that tap that runs goes on.
   void Attach(Tap* tap);
   /// Closes the device, which ends the stream for its reader, and keeps it closed until it may be
   /// opened again.
   void Bar(bool barred);
+  bool barred() const { return writer_.barred(); }
   uint8_t id() const { return id_; }
 
  private:
@@ -37,7 +38,8 @@ class TapOutDevice {
 
   event_base* const base_;
   const uint8_t id_;
-  const double speed_;
+  const StreamOptions options_;
+  FaultPlan& plan_;
   Journal& journal_;
   FifoWriter writer_;
   std::optional<TapStream> stream_;
@@ -62,6 +64,8 @@ class InjectDevice {
   bool Open(std::string& error);
   /// Takes what is in the device and leaves its writer without a reader.
   void Close();
+  /// While it stalls it is open but takes nothing.
+  void Stall(bool stalled);
   /// Takes what is in the device now.
   void Read();
   uint8_t id() const { return id_; }
@@ -72,6 +76,7 @@ class InjectDevice {
   const uint8_t id_;
   const std::filesystem::path path_;
   int fd_ = -1;
+  bool stalled_ = false;
   std::vector<std::byte> bytes_;
   PacketReassembler reassembler_;
   std::unique_ptr<Event> readable_;  // there while it is open

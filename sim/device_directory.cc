@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 
@@ -18,6 +19,7 @@ namespace {
 
 constexpr char kLockName[] = ".kvosim.lock";
 constexpr mode_t kMode = 0660;
+constexpr mode_t kDirectoryMode = 0770;
 constexpr mode_t kSocketMode = 0600;
 
 struct KindRow {
@@ -30,6 +32,7 @@ constexpr KindRow kKinds[] = {
     {DeviceNode::Kind::kSymbolicLink, S_IFLNK, "link"},
     {DeviceNode::Kind::kFifo, S_IFIFO, "fifo"},
     {DeviceNode::Kind::kSocket, S_IFSOCK, "socket"},
+    {DeviceNode::Kind::kDirectory, S_IFDIR, "directory"},
 };
 
 const KindRow& RowOf(DeviceNode::Kind kind) {
@@ -44,6 +47,8 @@ bool Make(const DeviceNode& node, const std::filesystem::path& path) {
       return mkfifo(path.c_str(), kMode) == 0;
     case DeviceNode::Kind::kSocket:
       return BindSocket(node.socket, path) == 0 && chmod(path.c_str(), kSocketMode) == 0;
+    case DeviceNode::Kind::kDirectory:
+      return mkdir(path.c_str(), kDirectoryMode) == 0;
     case DeviceNode::Kind::kEmptyFile:
       break;
   }
@@ -138,7 +143,7 @@ bool DeviceDirectory::Create(const DeviceNode& node, std::string& error) {
 void DeviceDirectory::Remove(const std::string& name) {
   const auto node = std::ranges::find(nodes_, name, &DeviceNode::name);
   if (node == nodes_.end()) return;
-  unlink(PathOf(name).c_str());
+  remove(PathOf(name).c_str());
   nodes_.erase(node);
 }
 
@@ -149,7 +154,7 @@ bool DeviceDirectory::RemoveLeftOver(const DeviceNode& node) const {
   if (lstat(path.c_str(), &found) != 0) return false;
   const bool ours = (found.st_mode & S_IFMT) == RowOf(node.kind).type &&
                     (node.kind != DeviceNode::Kind::kEmptyFile || found.st_size == 0);
-  if (ours) return unlink(path.c_str()) == 0;
+  if (ours) return remove(path.c_str()) == 0;
   errno = EEXIST;
   return false;
 }

@@ -9,7 +9,7 @@
 namespace kvox::sim {
 
 struct DeviceNode {
-  enum class Kind { kEmptyFile, kSymbolicLink, kFifo, kSocket };
+  enum class Kind { kEmptyFile, kSymbolicLink, kFifo, kSocket, kDirectory };
   Kind kind;
   std::string name;         // in the directory
   std::string target = {};  // of a symbolic link

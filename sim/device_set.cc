@@ -2,15 +2,23 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "kvox/common/kvox_utils.h"
 #include "sim/print.h"
 
 namespace kvox::sim {
+namespace {
+
+/// How soon after a change of its devices a daemon has noticed it.
+constexpr uint64_t kSettleNs = 500'000'000;
+
+}  // namespace
 
 DeviceSet::DeviceSet(const Surroundings& around)
-    : around_(around), channel_(around.base, around.control, [this] { Rewire(); }) {}
+    : around_(around), channel_(around.base, around.exchange, [this] { Rewire(); }) {}
 
 std::unique_ptr<DeviceSet> DeviceSet::Create(const Surroundings& around, std::string& error) {
   std::unique_ptr<DeviceSet> made(new DeviceSet(around));
@@ -41,7 +49,7 @@ void DeviceSet::AddDevices() {
     Device& device = add(name, Kind::kFifo, "xdv-kvox_" + name);
     device.tapout =
         std::make_unique<TapOutDevice>(around_.base, id, around_.directory.PathOf(device.node.name),
-                                       around_.speed, around_.journal);
+                                       around_.stream, around_.plan, around_.journal);
   }
 }
 
@@ -71,20 +79,55 @@ void DeviceSet::ReleaseAll(DeviceHold hold) {
 
 /// Brings a device in line with what is held against it.
 void DeviceSet::Apply(Device& device) {
-  const bool there = !device.Has(DeviceHold::kAway);
-  if (there == device.there) return;
+  using Node = Device::Node;
+  Node wanted = device.Has(DeviceHold::kBroken) ? Node::kBroken : Node::kSound;
+  if (device.Has(DeviceHold::kAway)) wanted = Node::kNone;
   std::string error;
-  if (!there) {
-    Go(device);
-  } else if (!Come(device, error)) {
+  if (!Replace(device, wanted, error)) Print(stderr, "kvosim: {}\n", error);
+  if (device.there == Node::kSound && !OpenOrClose(device, error)) {
     Print(stderr, "kvosim: {}\n", error);
   }
-  around_.journal.Say("{} {}", device.name, device.there ? "comes" : "goes");
+  FollowTroubles();
+}
+
+bool DeviceSet::Replace(Device& device, Device::Node wanted, std::string& error) {
+  using Node = Device::Node;
+  if (wanted == device.there) return true;
+  Disturb(device);
+  if (device.there != Node::kNone) Go(device);
+  if (wanted == Node::kSound && !Come(device, error)) return false;
+  if (wanted == Node::kBroken && !Break(device, error)) return false;
+  device.there = wanted;
+  const char* const texts[] = {"goes", "comes", "comes, but cannot be read"};
+  around_.journal.Say("{} {}", device.name, texts[static_cast<size_t>(wanted)]);
+  return true;
+}
+
+/// A departure and an arrival make a daemon set up all data devices anew. The mere file is nothing
+/// to it.
+void DeviceSet::Disturb(const Device& device) {
+  if (device.node.kind == DeviceNode::Kind::kEmptyFile) return;
+  for (Tap& tap : around_.co_processor.taps()) {
+    tap.round_trip.Disturb(GetTimestampNs() + kSettleNs);
+  }
+}
+
+/// Packets of a tap do not come back while something is wrong with a device that it is bound to.
+void DeviceSet::FollowTroubles() {
+  const uint64_t now = GetTimestampNs();
+  for (Tap& tap : around_.co_processor.taps()) {
+    const bool trouble = std::ranges::any_of(devices_, [&](const auto& device) {
+      const bool bound = (device->inject && device->inject->id() == tap.inject) ||
+                         (device->tapout && device->tapout->id() == tap.tapout);
+      return bound && std::ranges::count(device->holds, 0u) < std::ssize(device->holds);
+    });
+    tap.round_trip.SetTrouble(trouble, now);
+  }
 }
 
 void DeviceSet::Go(Device& device) {
   around_.directory.Remove(device.node.name);
-  device.there = false;
+  device.there = Device::Node::kNone;
   if (device.is_control) channel_.Close();
   if (device.inject) device.inject->Close();
   if (device.tapout) device.tapout->Bar(true);
@@ -95,16 +138,31 @@ bool DeviceSet::Come(Device& device, std::string& error) {
     if (!channel_.Open(error)) return false;
     device.node.target = channel_.slave_path();
   }
-  device.there = around_.directory.Create(device.node, error);
-  if (!device.there) {
+  if (!around_.directory.Create(device.node, error)) {
     if (device.is_control) channel_.Close();
     return false;
   }
-  if (device.inject && !device.inject->Open(error)) {
+  device.there = Device::Node::kSound;
+  if (!OpenOrClose(device, error)) {
     Go(device);
     return false;
   }
-  if (device.tapout) device.tapout->Bar(false);
+  return true;
+}
+
+/// A directory can be opened as any node, and every read of it fails.
+bool DeviceSet::Break(const Device& device, std::string& error) {
+  return around_.directory.Create({DeviceNode::Kind::kDirectory, device.node.name}, error);
+}
+
+/// Of a device whose node is there the simulator's end.
+bool DeviceSet::OpenOrClose(Device& device, std::string& error) {
+  const bool closed = device.Has(DeviceHold::kClosed);
+  if (device.tapout && device.tapout->barred() != closed) device.tapout->Bar(closed);
+  if (!device.inject) return true;
+  device.inject->Stall(device.Has(DeviceHold::kStalled));
+  if (!closed) return device.inject->Open(error);
+  device.inject->Close();
   return true;
 }
 
@@ -113,6 +171,7 @@ void DeviceSet::Rewire() {
     if (!device->tapout) continue;
     device->tapout->Attach(around_.co_processor.StreamingInto(device->tapout->id()));
   }
+  FollowTroubles();
 }
 
 void DeviceSet::Stop() {

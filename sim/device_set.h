@@ -14,9 +14,9 @@
 
 #include "sim/co_processor.h"
 #include "sim/control_channel.h"
-#include "sim/control_point.h"
 #include "sim/data_devices.h"
 #include "sim/device_directory.h"
+#include "sim/fault_plan.h"
 #include "sim/fault_script.h"
 #include "sim/journal.h"
 
@@ -36,9 +36,10 @@ class DeviceSet {
     event_base* base;
     DeviceDirectory& directory;
     CoProcessor& co_processor;
-    ControlPoint& control;
+    ControlExchange& exchange;
     Journal& journal;
-    double speed;
+    FaultPlan& plan;
+    StreamOptions stream;
   };
 
   /// Creates the nodes. The control device comes before the data devices: a daemon that sees a
@@ -72,7 +73,7 @@ class DeviceSet {
     std::unique_ptr<InjectDevice> inject = nullptr;
     uint64_t unbound = 0;
     bool is_control = false;
-    bool there = false;
+    enum class Node { kNone, kSound, kBroken } there = Node::kNone;
     std::array<uint32_t, kDeviceHolds> holds = {};
 
     bool Has(DeviceHold hold) const { return holds[static_cast<size_t>(hold)] > 0; }
@@ -82,8 +83,13 @@ class DeviceSet {
   void AddDevices();
   void Receive(Device& device, const KvoxPacketHeader& header, std::span<const std::byte> payload);
   void Apply(Device& device);
+  bool Replace(Device& device, Device::Node wanted, std::string& error);
   void Go(Device& device);
   bool Come(Device& device, std::string& error);
+  bool OpenOrClose(Device& device, std::string& error);
+  bool Break(const Device& device, std::string& error);
+  void Disturb(const Device& device);
+  void FollowTroubles();
 
   const Surroundings around_;
   ControlChannel channel_;

@@ -9,6 +9,8 @@ namespace {
 
 constexpr double kMaxSeconds = 1'000'000;
 constexpr double kMaxPause = 3600;  // seconds between two steps of a fault
+constexpr int64_t kMaxBytes = 65536;
+constexpr int kMaxChannels = 32;
 constexpr int64_t kMaxCount = std::numeric_limits<int64_t>::max();
 
 void ReadOptional(TableReader& table, const char* key, std::optional<double>& value, double low,
@@ -38,40 +40,122 @@ constexpr OrderRow kOrders[] = {{"usual", NodeOrder::kUsual},
                                 {"reverse", NodeOrder::kReverse},
                                 {"shuffle", NodeOrder::kShuffle}};
 
+/// The devices whose name begins with `kind`.
+std::vector<std::string> DevicesOf(const FaultTargets& targets, std::string_view kind) {
+  std::vector<std::string> devices;
+  for (const std::string& device : targets.devices) {
+    if (device.starts_with(kind)) devices.push_back(device);
+  }
+  return devices;
+}
+
 struct KeyRow {
   std::string_view key;
   void (*read)(TableReader&, const FaultTargets&, FaultSpec&);
 };
-constexpr KeyRow kKeys[] = {
-    {"device",
-     [](TableReader& table, const FaultTargets& targets, FaultSpec& spec) {
-       ReadName(table, "device", targets.devices, true, spec.device);
-     }},
-    {"for", [](TableReader& table, const FaultTargets&,
-               FaultSpec& spec) { ReadOptional(table, "for", spec.seconds, 0.001, kMaxSeconds); }},
-    {"gap", [](TableReader& table, const FaultTargets&,
-               FaultSpec& spec) { table.Read("gap", spec.gap, 0.0, kMaxPause); }},
-    {"order",
-     [](TableReader& table, const FaultTargets&, FaultSpec& spec) {
-       if (const OrderRow* row = table.ReadChoice("order", kOrders, false)) spec.order = row->order;
-     }},
-    {"spacing", [](TableReader& table, const FaultTargets&,
-                   FaultSpec& spec) { table.Read("spacing", spec.spacing, 0.0, kMaxPause); }},
-    {"missing",
-     [](TableReader& table, const FaultTargets& targets, FaultSpec& spec) {
-       ReadName(table, "missing", targets.devices, false, spec.missing);
-     }},
-    {"missing_for",
-     [](TableReader& table, const FaultTargets&, FaultSpec& spec) {
-       ReadOptional(table, "missing_for", spec.missing_for, 0, kMaxSeconds);
-     }},
-    {"times", [](TableReader& table, const FaultTargets&,
-                 FaultSpec& spec) { table.Read("times", spec.times, 1, 10'000); }},
-};
+#define KVOX_KEY                                                                         \
+  []([[maybe_unused]] TableReader & table, [[maybe_unused]] const FaultTargets& targets, \
+     FaultSpec& spec)
+constexpr KeyRow kKeys[] = {{"tap", KVOX_KEY{ReadName(table, "tap", targets.taps, false, spec.tap);
+}  // namespace
+}  // namespace kvox::sim
+, {"opcode", KVOX_KEY{table.Read("opcode", spec.opcode, 1, 65535);
+}
+}
+, {"device", KVOX_KEY{ReadName(table, "device", targets.devices, true, spec.device);
+}
+}
+, {"tapout", KVOX_KEY{ReadName(table, "device", DevicesOf(targets, "tapout"), true, spec.device);
+}
+}
+, {"inject", KVOX_KEY{ReadName(table, "device", DevicesOf(targets, "inject"), true, spec.device);
+}
+}
+, {"for", KVOX_KEY{ReadOptional(table, "for", spec.seconds, 0.001, kMaxSeconds);
+}
+}
+, {"gap", KVOX_KEY{table.Read("gap", spec.gap, 0.0, kMaxPause);
+}
+}
+, {"order", KVOX_KEY{if (const OrderRow* row = table.ReadChoice("order", kOrders, false))
+                         spec.order = row->order;
+}
+}
+, {"spacing", KVOX_KEY{table.Read("spacing", spec.spacing, 0.0, kMaxPause);
+}
+}
+, {"missing", KVOX_KEY{ReadName(table, "missing", targets.devices, false, spec.missing);
+}
+}
+, {"missing_for", KVOX_KEY{ReadOptional(table, "missing_for", spec.missing_for, 0, kMaxSeconds);
+}
+}
+, {"times", KVOX_KEY{table.Read("times", spec.times, 1, 10'000);
+}
+}
+, {"delay", KVOX_KEY{table.Read("delay", spec.delay, 0.0, 60.0);
+}
+}
+, {"status", KVOX_KEY{table.Read("status", spec.status, -32768, 32767);
+}
+}
+, {"replace", KVOX_KEY{table.Read("replace", spec.replace);
+}
+}
+, {"torn", KVOX_KEY{table.Read("torn", spec.torn);
+}
+}
+, {"burst", KVOX_KEY{table.Read("packets", spec.packets, 2, 256);
+}
+}
+, {"jump", KVOX_KEY{table.Read("packets", spec.packets, 1, 1'000'000);
+}
+}
+, {"bytes", KVOX_KEY{table.Read("bytes", spec.bytes, 1, kMaxBytes);
+}
+}
+, {"channels", KVOX_KEY{table.Read("channels", spec.channels, 1, kMaxChannels);
+}
+}
+,
+}
+;
+#undef KVOX_KEY
 
-void ReadTrigger(TableReader& table, FaultSpec& spec) {
+/// What every kind of a group knows.
+std::string_view KeysOf(FaultGroup group) {
+  switch (group) {
+    case FaultGroup::kReplies:
+      return "opcode for";
+    case FaultGroup::kPackets:
+      return "tap for";
+    case FaultGroup::kDevices:
+      return "tap for";
+    case FaultGroup::kNodes:
+      break;
+  }
+  return "tap";
+}
+
+void ReadTrigger(TableReader& table, const toml::table& node, FaultGroup group, FaultSpec& spec) {
   table.Read("at", spec.at, 0.0, kMaxSeconds);
   table.Read("seed", spec.seed, 0, kMaxCount);
+  ReadOptional(table, "probability", spec.probability, 0, 1);
+  uint64_t number = 0;
+  if (table.Find("after") != nullptr) {
+    table.Read("after", number, 0, kMaxCount);
+    spec.after = number;
+  }
+  if (table.Find("count") != nullptr) {
+    table.Read("count", number, 1, kMaxCount);
+    spec.count = number;
+  }
+  if (!IsTimed(group) || spec.after || spec.probability) return;
+  for (const char* key : {"count", "tap"}) {
+    if (!node.contains(key)) continue;
+    table.Fail(*node.get(key), key,
+               "goes with packets; expected the key after or probability beside it");
+  }
 }
 
 bool Has(std::string_view keys, std::string_view key) {
@@ -107,9 +191,12 @@ FaultSpec ReadFault(const toml::table& node, const std::string& path, const Faul
   const FaultKindRow* row = table.ReadChoice("kind", FaultKinds(), true);
   if (row == nullptr) return spec;
   spec.kind = row->kind;
-  ReadTrigger(table, spec);
+  spec.delay = row->defaults.delay;
+  spec.packets = row->defaults.packets;
+  spec.bytes = row->defaults.bytes;
+  ReadTrigger(table, node, row->group, spec);
   for (const KeyRow& key : kKeys) {
-    if (Has(row->keys, key.key)) key.read(table, targets, spec);
+    if (Has(row->keys, key.key) || Has(KeysOf(row->group), key.key)) key.read(table, targets, spec);
   }
   table.RejectUnknownKeys();
   return spec;

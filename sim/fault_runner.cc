@@ -23,7 +23,9 @@ FaultRunner::FaultRunner(event_base* base, FaultPlan& plan, DeviceSet& devices, 
       devices_(devices),
       journal_(journal),
       reset_(std::move(reset)),
-      due_(base, -1, 0, [this] { Run(); }) {}
+      due_(base, -1, 0, [this] { Run(); }) {
+  plan.SetAlarm([this] { Wake(); });
+}
 
 uint64_t FaultRunner::Running::NextAt() const {
   return done < steps.size() ? begun_ns + steps[done].at_ns : FaultPlan::kNever;

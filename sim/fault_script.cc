@@ -1,6 +1,7 @@
 #include "sim/fault_script.h"
 
 #include <algorithm>
+#include <iterator>
 #include <numeric>
 #include <random>
 
@@ -54,29 +55,34 @@ std::vector<FaultStep> Flap(const FaultSpec& spec, const std::vector<std::string
   return steps;
 }
 
-std::vector<FaultStep> Hold(const FaultSpec& spec, const std::vector<std::string>& devices,
-                            DeviceHold hold) {
+template <DeviceHold hold>
+std::vector<FaultStep> Hold(const FaultSpec& spec, const std::vector<std::string>& devices) {
   const size_t device = IndexOf(spec.device, devices);
   std::vector<FaultStep> steps = {{0, kHold, device, hold}};
   if (spec.seconds) steps.push_back({Ns(*spec.seconds), kRelease, device, hold});
   return steps;
 }
 
+struct Row {
+  FaultKind kind;
+  std::vector<FaultStep> (*steps)(const FaultSpec&, const std::vector<std::string>&);
+};
+constexpr Row kRows[] = {
+    {FaultKind::kRestart, Restart},
+    {FaultKind::kFlap, Flap},
+    {FaultKind::kNodeGone, Hold<DeviceHold::kAway>},
+    {FaultKind::kTapoutHangup, Hold<DeviceHold::kClosed>},
+    {FaultKind::kTapoutError, Hold<DeviceHold::kBroken>},
+    {FaultKind::kInjectStall, Hold<DeviceHold::kStalled>},
+    {FaultKind::kInjectRefuse, Hold<DeviceHold::kClosed>},
+};
+
 }  // namespace
 
 std::vector<FaultStep> MakeScript(const FaultSpec& spec, const std::vector<std::string>& devices) {
-  std::vector<FaultStep> steps;
-  switch (spec.kind) {
-    case FaultKind::kRestart:
-      steps = Restart(spec, devices);
-      break;
-    case FaultKind::kFlap:
-      steps = Flap(spec, devices);
-      break;
-    case FaultKind::kNodeGone:
-      steps = Hold(spec, devices, DeviceHold::kAway);
-      break;
-  }
+  const auto* row = std::ranges::find(kRows, spec.kind, &Row::kind);
+  if (row == std::end(kRows)) return {};
+  std::vector<FaultStep> steps = row->steps(spec, devices);
   std::ranges::stable_sort(steps, {}, &FaultStep::at_ns);
   return steps;
 }

@@ -11,9 +11,12 @@ namespace kvox::sim {
 
 /// What can be wrong with a device. It is sound when nobody holds anything against it.
 enum class DeviceHold {
-  kAway,  // its node is not there
+  kAway,     // its node is not there
+  kBroken,   // something stands under its name that can be opened, but not read
+  kClosed,   // the simulator has its end closed
+  kStalled,  // the simulator does not read
 };
-inline constexpr size_t kDeviceHolds = 1;
+inline constexpr size_t kDeviceHolds = 4;
 
 struct FaultStep {
   enum class Action {

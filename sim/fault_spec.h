@@ -23,19 +23,51 @@ enum class FaultKind : uint8_t {
   kRestart,
   kFlap,
   kNodeGone,
+  kReplyLate,
+  kReplyLost,
+  kReplyShort,
+  kReplyOpcode,
+  kReplyStale,
+  kReplyStatus,
+  kPacketEarly,
+  kPacketLate,
+  kPacketBurst,
+  kPacketDrop,
+  kPacketDuplicate,
+  kPacketCut,
+  kPacketJunk,
+  kPacketMagic,
+  kPacketVersion,
+  kPacketSize,
+  kPacketNumber,
+  kPacketFormat,
+  kTapoutHangup,
+  kTapoutError,
+  kInjectStall,
+  kInjectRefuse,
 };
-inline constexpr size_t kFaultKinds = 3;
+inline constexpr size_t kFaultKinds = 25;
+
+struct FaultDefaults {
+  double delay = 0;
+  uint32_t packets = 0;
+  uint32_t bytes = 0;
+};
 
 struct FaultKindRow {
   FaultKind kind;
   const char* name;
   FaultGroup group;
-  std::string_view keys;  // that it knows beside those of every kind, with blanks between
+  std::string_view keys;  // that it knows beside those of its group, with blanks between
+  FaultDefaults defaults = {};
 };
 
 /// One row a kind.
 std::span<const FaultKindRow, kFaultKinds> FaultKinds();
 const FaultKindRow& RowOf(FaultKind kind);
+
+/// Faults that can wait or be at work at a time.
+inline constexpr size_t kMaxFaults = 64;
 
 /// The order in which nodes come back.
 enum class NodeOrder { kUsual, kReverse, kShuffle };
@@ -45,25 +77,39 @@ struct FaultSpec {
   FaultKind kind = FaultKind::kRestart;
 
   // When it strikes.
-  double at = 0;                      // since the simulator's start
-  std::optional<uint64_t> after;      // packets or commands that pass first
-  std::optional<double> probability;  // for each packet or command
+  double at = 0;                           // since the simulator's start
+  std::optional<uint64_t> after = {};      // packets or commands that pass first
+  std::optional<double> probability = {};  // for each packet or command
   uint64_t seed = 1;
-  uint64_t count = 1;             // how many in all
-  std::optional<double> seconds;  // how long it lasts; without it: see the kind
+  std::optional<uint64_t> count =
+      {};  // how many in all; without it: one, or all while `seconds` last
+  std::optional<double> seconds = {};  // how long it lasts; without it: see the kind
 
   // What it strikes.
-  std::string tap;     // "genp.0"; empty: every tap
-  std::string device;  // "tapout0"
+  std::string tap = {};     // "genp.0"; empty: every tap
+  std::string device = {};  // "tapout0"
+  uint16_t opcode = 0;      // of commands; 0: all
 
   // How.
   double gap = 0.5;
   NodeOrder order = NodeOrder::kUsual;
   double spacing = 0;
-  std::string missing;  // device that stays away
-  std::optional<double> missing_for;
+  std::string missing = {};  // device that stays away
+  std::optional<double> missing_for = {};
   uint32_t times = 1;
+  double delay = 0;
+  int16_t status = -5;
+  bool replace = false;  // a stale reply comes instead of the right one, not before it
+  bool torn = false;     // a short reply says that it is whole
+  uint32_t packets = 0;
+  uint32_t bytes = 0;
+  uint8_t channels = 0;  // 0: another number than the tap has
 };
+
+/// Whether a fault goes on by itself once it has begun, rather than strike packets or commands.
+constexpr bool IsTimed(FaultGroup group) {
+  return group == FaultGroup::kNodes || group == FaultGroup::kDevices;
+}
 
 /// What faults can strike in a scenario.
 struct FaultTargets {

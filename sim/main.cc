@@ -63,9 +63,11 @@ void Describe(CLI::App& app, CommandLine& line) {
       ->type_name("FILE");
   app.add_option("--write-default", line.write_default, "write the built-in scenario and end")
       ->type_name("FILE|-");
-  app.add_option("--speed", line.run.speed, "times faster than real time (1)")
+  app.add_option("--speed", line.run.stream.speed, "times faster than real time (1)")
       ->type_name("N")
       ->check(CheckSpeed);
+  app.add_flag("--keep-rate", line.run.stream.keep_rate,
+               "packets tell their sample rate at any speed");
   app.add_option("--seconds", line.run.seconds, "end after this time")
       ->type_name("N")
       ->check(CheckSeconds);
@@ -118,9 +120,10 @@ int Simulate(CommandLine& line) {
                           ? ParseScenario(kDefaultScenario, "built-in", "", scenario, error)
                           : LoadScenario(line.scenario, scenario, error);
   if (!loaded) return BadScenario(error);
+  line.run.faults = scenario.faults;
   auto co_processor = CoProcessor::Create(scenario, error);
   if (co_processor == nullptr) return BadScenario(error);
-  const Stats nothing{.speed = line.run.speed, .co_processor = co_processor.get()};
+  const Stats nothing{.speed = line.run.stream.speed, .co_processor = co_processor.get()};
   if (!line.run.stats.empty() && !WriteStatsFile(line.run.stats, nothing, error)) {
     return Trouble(kUsage, "--stats: " + error);
   }

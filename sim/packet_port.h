@@ -55,6 +55,7 @@ class FifoWriter : public PacketPort {
   void Close();
   /// While it is barred it is closed and finds no reader.
   void Bar(bool barred) { barred_ = barred; }
+  bool barred() const { return barred_; }
 
  private:
   const std::filesystem::path path_;

@@ -23,50 +23,100 @@ bool AllZero(std::span<const std::byte> payload) {
 
 }  // namespace
 
-void RoundTrip::Sent(const KvoxPacketHeader& header, std::span<const std::byte> payload) {
+void RoundTrip::Sent(const KvoxPacketHeader& header, std::span<const std::byte> payload,
+                     bool excused) {
   Expire(header.stamp);
   if (entries_.size() == kMemory) Forget();
-  entries_.push_back(
-      {header.stamp, header.packet_num, AllZero(payload), false, Fingerprint(payload)});
+  entries_.push_back({.stamp = header.stamp,
+                      .packet_num = header.packet_num,
+                      .silent = AllZero(payload),
+                      .returned = false,
+                      .excused = excused || Excuses(header.stamp),
+                      .passed = false,
+                      .fingerprint = Fingerprint(payload)});
   ++in_flight_;
+}
+
+bool RoundTrip::Excuses(uint64_t stamp) const {
+  const bool recovers = recovering_ && stamp < disturbed_until_ns_ + kRecoveryNs;
+  return trouble_ || stamp < disturbed_until_ns_ || recovers;
 }
 
 void RoundTrip::Returned(const KvoxPacketHeader& header, std::span<const std::byte> payload,
                          uint64_t now_ns) {
   Expire(now_ns);
   const auto entry = std::ranges::find_if(entries_, [&](const Entry& sent) {
-    return sent.packet_num == header.packet_num && sent.stamp == header.stamp;
+    return sent.packet_num == header.packet_num && sent.stamp == header.stamp && !sent.returned;
   });
-  if (entry == entries_.end() || entry->returned) {
+  if (entry == entries_.end()) {
     ++counts_.unknown;
+    counts_.exact_in_row = 0;
     return;
   }
   entry->returned = true;
   --in_flight_;
+  if (!trouble_ && entry->stamp >= disturbed_until_ns_) recovering_ = false;
   const uint64_t latency = now_ns - entry->stamp;
-  const bool first = counts_.exact + counts_.silent + counts_.different == 0;
+  const bool first = counts_.back == 0;
   counts_.latency_min_ns = first ? latency : std::min(counts_.latency_min_ns, latency);
   counts_.latency_max_ns = std::max(counts_.latency_max_ns, latency);
   counts_.latency_sum_ns += latency;
-  if (entry->fingerprint == Fingerprint(payload)) {
+  ++counts_.back;
+  NoteRow(entry);
+  Judge(*entry, payload);
+}
+
+void RoundTrip::Judge(const Entry& entry, std::span<const std::byte> payload) {
+  if (entry.fingerprint == Fingerprint(payload)) {
     ++counts_.exact;
-  } else if (!entry->silent && AllZero(payload)) {
+    ++counts_.exact_in_row;
+    return;
+  }
+  counts_.exact_in_row = 0;
+  if (entry.excused) {
+    ++counts_.spoiled;
+  } else if (!entry.silent && AllZero(payload)) {
     ++counts_.silent;
   } else {
     ++counts_.different;
   }
 }
 
-void RoundTrip::Expire(uint64_t now_ns) {
-  while (!entries_.empty() &&
-         (entries_.front().returned || entries_.front().stamp + kPatienceNs < now_ns)) {
-    Forget();
+/// Packets come back in the order of sending: what was sent before and is not back breaks the row.
+void RoundTrip::NoteRow(std::deque<Entry>::iterator returned) {
+  for (auto entry = entries_.begin(); entry != returned; ++entry) {
+    if (entry->returned || entry->passed) continue;
+    entry->passed = true;
+    counts_.exact_in_row = 0;
   }
 }
 
+void RoundTrip::Disturb(uint64_t until_ns) {
+  recovering_ = true;
+  disturbed_until_ns_ = std::max(disturbed_until_ns_, until_ns);
+  for (Entry& entry : entries_) entry.excused = true;
+}
+
+void RoundTrip::SetTrouble(bool trouble, uint64_t now_ns) {
+  if (trouble == trouble_) return;
+  trouble_ = trouble;
+  Disturb(now_ns);
+}
+
+void RoundTrip::Expire(uint64_t now_ns) {
+  const auto overdue = [&](const Entry& entry) {
+    if (entry.excused && trouble_) return false;
+    const uint64_t from = std::max(entry.stamp, entry.excused ? disturbed_until_ns_ : 0);
+    return from + kPatienceNs < now_ns;
+  };
+  while (!entries_.empty() && (entries_.front().returned || overdue(entries_.front()))) Forget();
+}
+
 void RoundTrip::Forget() {
-  if (!entries_.front().returned) {
-    ++counts_.missing;
+  const Entry& entry = entries_.front();
+  if (!entry.returned) {
+    ++(entry.excused ? counts_.spoiled : counts_.missing);
+    if (!entry.passed) counts_.exact_in_row = 0;
     --in_flight_;
   }
   entries_.pop_front();

@@ -11,6 +11,7 @@
 
 #include "kvox/common/four_cc.h"
 #include "kvox/common/tap_format.h"
+#include "sim/fault_spec.h"
 
 namespace kvox::sim {
 
@@ -53,7 +54,11 @@ struct Scenario {
   std::vector<uint8_t> tapouts;  // device numbers
   std::vector<uint8_t> injects;
   std::vector<TapConfig> taps;
+  std::vector<FaultSpec> faults;
 };
+
+/// What faults can strike in it.
+FaultTargets TargetsOf(const Scenario& scenario);
 
 /// "imic.0"
 std::string DisplayName(const TapConfig& tap);

@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "kvox/common/kvox_packet.h"
+#include "sim/fault_parser.h"
 #include "sim/samples.h"
 #include "sim/scenario.h"
 #include "sim/table_reader.h"
@@ -168,7 +169,30 @@ void ReadTaps(TableReader& root, Scenario& scenario, Report& report) {
   }
 }
 
+void ReadFaults(TableReader& root, Scenario& scenario, Report& report) {
+  const toml::node* node = root.Find("fault");
+  if (node == nullptr) return;
+  if (!node->is_array_of_tables()) return root.Unfit(*node, "fault", "[[fault]] tables");
+  const FaultTargets targets = TargetsOf(scenario);
+  for (const toml::node& element : *node->as_array()) {
+    const std::string path = fmt::format("fault[{}]", scenario.faults.size());
+    scenario.faults.push_back(ReadFault(*element.as_table(), path, targets, report));
+  }
+  if (scenario.faults.size() > kMaxFaults) {
+    root.Fail(*node, "fault",
+              fmt::format("found {}; expected {} at most", scenario.faults.size(), kMaxFaults));
+  }
+}
+
 }  // namespace
+
+FaultTargets TargetsOf(const Scenario& scenario) {
+  FaultTargets targets{.taps = {}, .devices = {"kvo", "control"}};
+  for (const TapConfig& tap : scenario.taps) targets.taps.push_back(DisplayName(tap));
+  for (const int id : scenario.injects) targets.devices.push_back(fmt::format("inject{}", id));
+  for (const int id : scenario.tapouts) targets.devices.push_back(fmt::format("tapout{}", id));
+  return targets;
+}
 
 std::string DisplayName(const TapConfig& tap) {
   return fmt::format("{}.{}", ToString(tap.name), tap.index);
@@ -204,6 +228,7 @@ bool ParseScenario(std::string_view text, const std::string& origin,
   root.ReadList("tapouts", scenario.tapouts, kMaxDevice);
   root.ReadList("injects", scenario.injects, kMaxDevice);
   ReadTaps(root, scenario, report);
+  ReadFaults(root, scenario, report);
   root.RejectUnknownKeys();
   error = report.error;
   return !report.failed();

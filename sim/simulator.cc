@@ -32,7 +32,8 @@ Simulator::Simulator(const RunOptions& options, std::unique_ptr<CoProcessor> co_
       journal_(options.print ? stdout : nullptr),
       base_(NewBase()),
       control_(*co_processor_, journal_),
-      plan_(start_ns_) {
+      plan_(start_ns_),
+      exchange_(control_, plan_) {
   signal(SIGPIPE, SIG_IGN);
   const auto on = [this](int fd, short what, auto call) -> Event& {
     return *events_.emplace_back(std::make_unique<Event>(base_.get(), fd, what, call));
@@ -62,7 +63,8 @@ bool Simulator::CreateDevices(std::string& error) {
       base_.get(), *directory_, [this](const Words& words) { return Command(words); }, error);
   if (ctl_ == nullptr) return false;
   devices_ = DeviceSet::Create(
-      {base_.get(), *directory_, *co_processor_, control_, journal_, options_.speed}, error);
+      {base_.get(), *directory_, *co_processor_, exchange_, journal_, plan_, options_.stream},
+      error);
   if (devices_ == nullptr) return false;
   faults_ = std::make_unique<FaultRunner>(base_.get(), plan_, *devices_, journal_, [this] {
     co_processor_->Reset();
@@ -70,12 +72,15 @@ bool Simulator::CreateDevices(std::string& error) {
   });
   targets_.devices = devices_->Names();
   for (const Tap& tap : co_processor_->taps()) targets_.taps.push_back(DisplayName(tap.config));
+  for (const FaultSpec& fault : options_.faults) plan_.Add(fault, start_ns_);
+  faults_->Wake();
   return true;
 }
 
 bool Simulator::Run() {
   if (options_.print) {
-    Print(stdout, "{}", ScenarioTable(*co_processor_, options_.device_directory, options_.speed));
+    Print(stdout, "{}",
+          ScenarioTable(*co_processor_, options_.device_directory, options_.stream.speed));
   }
   event_base_dispatch(base_.get());
   devices_->Stop();
@@ -87,7 +92,7 @@ Stats Simulator::Count() {
   const uint64_t now = GetTimestampNs();
   for (Tap& tap : co_processor_->taps()) tap.round_trip.Expire(now);
   Stats stats{.seconds = static_cast<double>(now - start_ns_) / 1e9,
-              .speed = options_.speed,
+              .speed = options_.stream.speed,
               .co_processor = co_processor_.get(),
               .commands = control_.counts(),
               .junk_bytes = devices_->control().junk_bytes(),

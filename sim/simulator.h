@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "sim/co_processor.h"
+#include "sim/control_exchange.h"
 #include "sim/control_point.h"
 #include "sim/ctl_server.h"
 #include "sim/device_directory.h"
@@ -24,10 +25,11 @@
 namespace kvox::sim {
 
 struct RunOptions {
-  double speed = 1;
-  double seconds = 0;           // 0: until a signal
-  bool print = false;           // tell on standard output what happens
-  std::filesystem::path stats;  // file for the counters; empty: none
+  StreamOptions stream;
+  std::vector<FaultSpec> faults;  // that nobody has to command
+  double seconds = 0;             // 0: until a signal
+  bool print = false;             // tell on standard output what happens
+  std::filesystem::path stats;    // file for the counters; empty: none
   std::filesystem::path device_directory;
 };
 
@@ -72,6 +74,7 @@ class Simulator {
   const std::unique_ptr<event_base, FreeBase> base_;
   ControlPoint control_;
   FaultPlan plan_;
+  ControlExchange exchange_;
   std::unique_ptr<DeviceDirectory> directory_;
   std::unique_ptr<CtlServer> ctl_;
   std::unique_ptr<DeviceSet> devices_;

@@ -41,7 +41,7 @@ CtlAnswer Simulator::AddFault(const Words& words) {
   if (!plan_.Add(spec, GetTimestampNs())) {
     return {false, fmt::format("fault: {} wait or are at work already; expected that some end, or "
                                "the command clear",
-                               FaultPlan::kMaxFaults)};
+                               kMaxFaults)};
   }
   faults_->Wake();
   return {true, fmt::format("fault {} is set", words.front())};

@@ -24,23 +24,26 @@ constexpr Column kCounters[] = {
     {"dropped", [](const Tap& tap) { return tap.counts.dropped; }},
     {"skipped", [](const Tap& tap) { return tap.counts.skipped; }},
     {"unheard", [](const Tap& tap) { return tap.counts.unheard; }},
+    {"withheld", [](const Tap& tap) { return tap.counts.withheld; }},
     {"received", [](const Tap& tap) { return tap.counts.received; }},
     {"exact", [](const Tap& tap) { return tap.round_trip.counts().exact; }},
     {"silent", [](const Tap& tap) { return tap.round_trip.counts().silent; }},
     {"different", [](const Tap& tap) { return tap.round_trip.counts().different; }},
     {"unknown", [](const Tap& tap) { return tap.round_trip.counts().unknown; }},
     {"missing", [](const Tap& tap) { return tap.round_trip.counts().missing; }},
+    {"spoiled", [](const Tap& tap) { return tap.round_trip.counts().spoiled; }},
     {"in_flight", [](const Tap& tap) { return tap.round_trip.in_flight(); }},
     {"sink_failed", [](const Tap& tap) { return tap.counts.sink_failed; }},
 };
 
 uint64_t MeanLatency(const Tap& tap) {
   const RoundTripCounts& counts = tap.round_trip.counts();
-  const uint64_t packets = counts.exact + counts.silent + counts.different;
-  return packets == 0 ? 0 : counts.latency_sum_ns / packets;
+  return counts.back == 0 ? 0 : counts.latency_sum_ns / counts.back;
 }
 
-constexpr Column kTimes[] = {
+/// Figures that cannot be summed up.
+constexpr Column kGauges[] = {
+    {"exact_in_row", [](const Tap& tap) { return tap.round_trip.counts().exact_in_row; }},
     {"late_max_us", [](const Tap& tap) { return tap.counts.max_late_ns / 1000; }},
     {"latency_min_us",
      [](const Tap& tap) { return tap.round_trip.counts().latency_min_ns / 1000; }},
@@ -79,7 +82,7 @@ std::string TapJson(const Tap& tap) {
       R"("tapout": {}, "inject": {}, {}, {}}})",
       DisplayName(tap.config), tap.config.core, tap.enabled, tap.block_length, tap.jitter_buffer,
       BufferJson(tap.tapout), BufferJson(tap.inject), Join(kCounters, ", ", column),
-      Join(kTimes, ", ", column));
+      Join(kGauges, ", ", column));
 }
 
 std::string CommandJson(const CommandCounts::value_type& command) {
@@ -113,7 +116,7 @@ std::string TapCountersTable(const CoProcessor& co_processor) {
     if (Total(column, co_processor) > 0) columns.push_back(column);
   }
   if (columns.empty()) return "no packets\n";
-  columns.insert(columns.end(), std::begin(kTimes), std::end(kTimes));
+  columns.insert(columns.end(), std::begin(kGauges), std::end(kGauges));
   const auto cell = [](const Column& column, auto value) {
     return fmt::format("{:>{}}", value, std::max<size_t>(std::string_view(column.name).size(), 8));
   };

@@ -107,6 +107,58 @@ TEST(RoundTrip, JudgesEachPacketOnce) {
   EXPECT_EQ(trip.counts().unknown, 3u) << "too late";
 }
 
+TEST(RoundTrip, WhatAFaultTookAwayIsNotMissing) {
+  RoundTrip trip;
+  const Bytes audio(20, std::byte{7});
+  const Bytes other(20, std::byte{8});
+  const auto back = [&](uint32_t number, const Bytes& payload) {
+    trip.Returned(Sent(number, number), payload, 100);
+  };
+  for (uint32_t i = 1; i <= 6; ++i) trip.Sent(Sent(i, i), audio, i <= 3);
+  back(1, audio);
+  EXPECT_EQ(trip.counts().exact_in_row, 1u) << "exact in spite of the fault";
+  back(2, other);
+  back(4, audio);
+  EXPECT_EQ(trip.counts().exact_in_row, 1u) << "3 did not come";
+  back(5, audio);
+  back(6, audio);
+  EXPECT_EQ(trip.counts().exact_in_row, 3u);
+  trip.Expire(100 + RoundTrip::kPatienceNs);
+  EXPECT_EQ(trip.counts().exact_in_row, 3u) << "that 3 is given up was known";
+  EXPECT_EQ(trip.counts().exact, 4u);
+  EXPECT_EQ(trip.counts().spoiled, 2u);
+  EXPECT_EQ(trip.counts().missing + trip.counts().different, 0u);
+}
+
+TEST(RoundTrip, AfterADisturbanceTheFirstThatIsBackEndsIt) {
+  constexpr uint64_t kEnd = 1000;
+  RoundTrip trip;
+  const Bytes audio(20, std::byte{7});
+  trip.Sent(Sent(1, 10), audio);
+  trip.Disturb(kEnd);
+  trip.Sent(Sent(2, 20), audio);
+  trip.Returned(Sent(2, 20), audio, 30);
+  trip.Sent(Sent(3, kEnd + 1), audio);
+  trip.Sent(Sent(4, kEnd + 2), audio);
+  trip.Returned(Sent(4, kEnd + 2), audio, kEnd + 3);
+  trip.Sent(Sent(5, kEnd + 4), audio);
+  trip.Expire(kEnd + 5 + RoundTrip::kPatienceNs);
+  EXPECT_EQ(trip.counts().spoiled, 2u) << "1 and 3";
+  EXPECT_EQ(trip.counts().missing, 1u) << "5";
+
+  uint64_t now = 20'000'000'000;
+  trip.SetTrouble(true, now);
+  trip.Sent(Sent(6, now += 1), audio);
+  trip.Expire(now + 10 * RoundTrip::kPatienceNs);
+  EXPECT_EQ(trip.in_flight(), 1u) << "nobody knows how long it lasts";
+  trip.SetTrouble(false, now += 50 * RoundTrip::kPatienceNs);
+  trip.Returned(Sent(6, 20'000'000'001), audio, now + 1);
+  EXPECT_EQ(trip.counts().unknown, 0u);
+  trip.Sent(Sent(7, now + RoundTrip::kRecoveryNs), audio);
+  trip.Expire(now + 2 * RoundTrip::kRecoveryNs);
+  EXPECT_EQ(trip.counts().missing, 2u) << "it should have recovered by then";
+}
+
 TEST(RoundTrip, ItsMemoryIsBounded) {
   RoundTrip trip;
   for (uint32_t i = 0; i < RoundTrip::kMemory + 10; ++i) trip.Sent(Sent(i, 1), Bytes(8));

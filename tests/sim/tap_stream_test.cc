@@ -87,13 +87,14 @@ class TapStreamTest : public ::testing::Test {
 
   Tap tap_;
   FakePort port_;
+  FaultPlan plan_{0};
   Journal journal_;
   uint64_t now_ = 0;
   uint64_t next_ = 0;
 };
 
 TEST_F(TapStreamTest, SendsABlockEachPeriodFromTheFirstFrameOn) {
-  TapStream stream(tap_, 20, port_, 1, journal_, 0);
+  TapStream stream(tap_, 20, port_, {}, plan_, journal_, 0);
   RunUntil(stream, 1000 * kMs);
   ASSERT_EQ(port_.packets.size(), 100u);
   for (uint32_t i = 0; i < 100; ++i) {
@@ -109,7 +110,7 @@ TEST_F(TapStreamTest, SendsABlockEachPeriodFromTheFirstFrameOn) {
 }
 
 TEST_F(TapStreamTest, ANewBlockLengthHoldsFromTheNextPacketOn) {
-  TapStream stream(tap_, 20, port_, 1, journal_, 0);
+  TapStream stream(tap_, 20, port_, {}, plan_, journal_, 0);
   RunUntil(stream, 20 * kMs);
   tap_.block_length = 960;
   next_ = stream.Run(now_);
@@ -121,7 +122,7 @@ TEST_F(TapStreamTest, ANewBlockLengthHoldsFromTheNextPacketOn) {
 }
 
 TEST_F(TapStreamTest, ALossShowsAsAJump) {
-  TapStream stream(tap_, 20, port_, 1, journal_, 0);
+  TapStream stream(tap_, 20, port_, {}, plan_, journal_, 0);
   RunUntil(stream, 20 * kMs);
   port_.result = Result::kDropped;
   RunUntil(stream, 50 * kMs);
@@ -140,7 +141,7 @@ TEST_F(TapStreamTest, ALossShowsAsAJump) {
 
 TEST_F(TapStreamTest, CountsWhatNobodyHears) {
   port_.reader = false;
-  TapStream stream(tap_, 20, port_, 1, journal_, 0);
+  TapStream stream(tap_, 20, port_, {}, plan_, journal_, 0);
   RunUntil(stream, 100 * kMs);
   EXPECT_EQ(tap_.counts.unheard, 10u);
   EXPECT_EQ(tap_.counts.streams, 0u);
