@@ -2,11 +2,7 @@
 
 #include <android/binder_manager.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "interface/service_name.h"
-#include "kvox/common/fixed_text.h"
 #include "platform/platform.h"
 
 namespace kvox::client {
@@ -20,9 +16,7 @@ bool Daemon::Find() {
 
 const std::shared_ptr<IKvox>& Daemon::kvox() {
   if (!Find()) {
-    const std::string& reason = ServiceError();
-    const bool denied = reason.find(ErrorText(EACCES).c_str()) != reason.npos;
-    throw Failure(denied ? kNotAllowed : kNoDaemon, reason);
+    throw Failure(ServiceDenied() ? kNotAllowed : kNoDaemon, ServiceError());
   }
   return kvox_;
 }

@@ -23,4 +23,8 @@ void ReleaseStaleWakeLock(const char* name, const char* service);
 /// cause, as far as the platform tells it, and the next step. Meaningless after one that succeeded.
 const std::string& ServiceError();
 
+/// True when this thread's last look-up failed because this user may not use the service, as far as
+/// the platform tells.
+bool ServiceDenied();
+
 }  // namespace kvox

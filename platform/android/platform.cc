@@ -27,4 +27,8 @@ const std::string& ServiceError() {
   return *text;
 }
 
+bool ServiceDenied() {
+  return false;
+}
+
 }  // namespace kvox

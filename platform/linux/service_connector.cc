@@ -114,6 +114,7 @@ ServiceLink ConnectToService(const std::string& path) {
   const int error = fd.valid() ? Connect(fd.get(), address, deadline) : errno;
   if (error != 0) {
     link.absent = error == ENOENT || error == ENOTDIR;
+    link.denied = error == EACCES;
     link.error = path + " " + ExplainConnect(link.absent ? ENOENT : error);
     return link;
   }

@@ -16,6 +16,7 @@ struct ServiceLink {
   std::shared_ptr<Connection> connection;
   ndk::SpAIBinder root;
   bool absent = false;  // there is no socket, the service may be elsewhere
+  bool denied = false;  // this user may not connect
   std::string error;
 };
 

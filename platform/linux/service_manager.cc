@@ -30,6 +30,7 @@ constexpr mode_t kLockMode = 0600;  // whoever can open it can lock it
 constexpr Clock::duration kLockPause = std::chrono::milliseconds(10);
 
 thread_local std::string error_of_thread;
+thread_local bool denied_of_thread = false;
 
 binder_exception_t ExceptionFor(int cause) {
   return cause == EACCES || cause == EPERM || cause == EROFS ? EX_SECURITY : EX_ILLEGAL_STATE;
@@ -147,6 +148,7 @@ binder_exception_t ServiceManager::Publish(const std::string& name, ndk::SpAIBin
 
 ndk::SpAIBinder ServiceManager::Check(const std::string& name) {
   error_of_thread.clear();
+  denied_of_thread = false;
   if (!IsServiceName(name)) {
     error_of_thread = "\"" + name + "\" is no service name";
     return nullptr;
@@ -187,6 +189,7 @@ ndk::SpAIBinder ServiceManager::CheckPath(const std::string& path, bool* absent,
   ServiceLink link = ConnectToService(path);
   connection = std::move(link.connection);
   *absent = link.absent;
+  denied_of_thread = link.denied;
   *error = std::move(link.error);
   return connection == nullptr ? nullptr : std::move(link.root);
 }
@@ -221,6 +224,10 @@ AIBinder* AServiceManager_waitForService(const char* instance) {
 
 const std::string& kvox::ServiceError() {
   return kvox::binder::error_of_thread;
+}
+
+bool kvox::ServiceDenied() {
+  return kvox::binder::denied_of_thread;
 }
 
 namespace kvox_host {
