@@ -90,6 +90,7 @@ bool CampaignRun::Inject(const FaultEvent& event) {
   for (const auto& part : event.parts) {
     std::this_thread::sleep_for(part.after);
     for (const std::string& words : part.injection.words) stage_.sim().Fault(words);
+    if (part.injection.kills) stage_.machine().ReplaceSimulator(part.injection.away);
   }
   return stage_.Run(event.Lasts());
 }
@@ -100,6 +101,8 @@ bool CampaignRun::Recovers(const FaultEvent& event) {
   if (event.MaySpoilRestore()) restorer_.AskAgain(stage_.Flowing(false));
   Ms recovery{};
   if (!AudioFlows(audio, stage_.Flowing(false), event.RecoveryLimit(), recovery)) return false;
+  const Ms step = event.MaySpoilRestore() ? kUnansweredStep : kRestoreStep;
+  if (event.TouchesNodes() && !stage_.AwaitRestored(step)) return false;
   stage_.phase().Set(Phase::kSettling);
   if (!stage_.Halt(Stand::kAnyhow)) return false;
   if (event.MaySpoilRestore()) restorer_.AskAgain({});

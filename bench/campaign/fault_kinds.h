@@ -37,6 +37,8 @@ enum class FaultGroup { kNodes, kReplies, kPackets, kDevices };
 struct Injection {
   std::vector<std::string> words;  // a line for the simulator each
   Ms lasts{};                      // at most, from then on
+  bool kills = false;              // the simulator, without warning; another one comes after `away`
+  Ms away{};
 };
 
 struct FaultKind {

@@ -31,19 +31,18 @@ Ms FaultEvent::RecoveryLimit() const {
   return limit;
 }
 
-bool FaultEvent::MaySpoilRestore() const {
-  const auto has = [&](FaultGroup group) {
-    return std::any_of(parts.begin(), parts.end(),
-                       [&](const Part& part) { return part.kind->group == group; });
-  };
-  return has(FaultGroup::kNodes) && has(FaultGroup::kReplies);
+bool FaultEvent::Has(FaultGroup group) const {
+  return std::any_of(parts.begin(), parts.end(),
+                     [&](const Part& part) { return part.kind->group == group; });
 }
 
 std::string FaultEvent::Text() const {
   std::string text;
+  const auto add = [&](const std::string& words) { text += (text.empty() ? "" : "; ") + words; };
   for (const Part& part : parts) {
-    for (const std::string& words : part.injection.words) {
-      text += (text.empty() ? "" : "; ") + words;
+    for (const std::string& words : part.injection.words) add(words);
+    if (part.injection.kills) {
+      add("simulator killed, away for " + std::to_string(part.injection.away.count()) + " ms");
     }
   }
   return text;

@@ -24,11 +24,16 @@ struct FaultEvent {
   Ms Lasts() const;
   /// How soon audio has to be exact after the end.
   Ms RecoveryLimit() const;
+  /// Whether the daemon sets a co-processor up again.
+  bool TouchesNodes() const { return Has(FaultGroup::kNodes); }
   /// Whether replies may be spoilt while the daemon sets a co-processor up again. What it was
   /// refused then it does not try again: clients have to.
-  bool MaySpoilRestore() const;
+  bool MaySpoilRestore() const { return TouchesNodes() && Has(FaultGroup::kReplies); }
   /// The lines for the simulator, for people.
   std::string Text() const;
+
+ private:
+  bool Has(FaultGroup group) const;
 };
 
 class FaultPlan {

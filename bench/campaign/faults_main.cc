@@ -10,6 +10,7 @@
 #include <string>
 
 #include "bench/campaign/campaign.h"
+#include "bench/campaign/endurance.h"
 
 namespace {
 
@@ -35,6 +36,8 @@ int main(int argc, char** argv) {
     double seconds = 0;
     app.add_flag("--quick", options.quick, "Without the kinds that take long, and for 40 s");
     app.add_option("--seconds", seconds, "No new fault after that time");
+    bool endurance = false;
+    app.add_flag("--endurance", endurance, "10000 flaps and 300 recoveries in a row");
     app.add_option("--seed", options.seed, "What happens follows from it (random)");
     app.add_option("--count", options.count, "How many faults (100)");
     app.add_option("--only", options.only, "One kind of faults")->check(CLI::IsMember(KindNames()));
@@ -43,10 +46,14 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     if (options.quick && seconds == 0) seconds = kQuickSeconds;
     options.time = Ms(static_cast<int64_t>(seconds * 1000));
-    options.repeat =
-        fmt::format("./dev faults{}{}{} --seed {} --count {}", options.quick ? " --quick" : "",
-                    options.only.empty() ? "" : " --only " + options.only,
-                    preset.empty() ? "" : " --preset " + preset, options.seed, options.count);
+    options.repeat = fmt::format("./dev faults{}{}{} --seed {}", options.quick ? " --quick" : "",
+                                 options.only.empty() ? "" : " --only " + options.only,
+                                 preset.empty() ? "" : " --preset " + preset, options.seed);
+    if (endurance) {
+      options.repeat += " --endurance";
+      return RunEndurance(options);
+    }
+    options.repeat += fmt::format(" --count {}", options.count);
     return RunCampaign(options);
   } catch (const std::exception& error) {
     fprintf(stderr, "kvox_faults: %s\n", error.what());

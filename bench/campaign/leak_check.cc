@@ -2,6 +2,8 @@
 
 #include <thread>
 
+#include "bench/campaign/resource_trend.h"
+
 namespace kvox::campaign {
 namespace {
 
@@ -9,17 +11,9 @@ constexpr Ms kLook{50};
 
 /// The allocator keeps parts of what was freed, more or less of it from one moment to the next.
 /// What grows bit by bit is for the soak to find.
-constexpr uint64_t kMemorySlackKib = 16384;
+constexpr uint64_t kMemorySlackKib = 3072;
 
 }  // namespace
-
-bool MemoryIsMeasurable() {
-#if defined(KVOX_SANITIZED)
-  return false;
-#else
-  return true;
-#endif
-}
 
 /// Audio of everything that was switched on has begun, so that every device is open.
 bool LeakCheck::Stands() {

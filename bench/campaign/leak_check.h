@@ -25,7 +25,4 @@ class LeakCheck {
   Resources before_;
 };
 
-/// Whether memory tells anything: under a sanitizer what was freed is kept.
-bool MemoryIsMeasurable();
-
 }  // namespace kvox::campaign

@@ -47,6 +47,8 @@ void LogLedger::Read(std::string_view line) {
   }
   if (After(line, ": the client was too slow for ", rest)) {
     slow_[WordBefore(line, ": the client")] += NumberAt(rest);
+  } else if (After(line, " Restore ", rest)) {
+    ++restored_;
   } else if (After(line, " log lines of I/O threads lost", rest)) {
     lost_lines_ += NumberAt(WordBefore(line, " log lines of"));
   } else if (After(line, "I/O thread start", rest) && After(line, "Enable buffer ", rest)) {

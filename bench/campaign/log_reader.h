@@ -28,6 +28,8 @@ class LogLedger {
   Losses Total() const;
   /// Blocks that a relay's client answered too late, by the relay's name.
   uint64_t SlowBlocks(const std::string& relay) const;
+  /// Steps of recoveries so far: tap points, processors and buffers that were set up again.
+  uint64_t restored() const { return restored_; }
   uint64_t lost_lines() const { return lost_lines_; }
   /// The first line of a sanitizer's report; empty when there is none.
   const std::string& report() const { return report_; }
@@ -42,6 +44,7 @@ class LogLedger {
 
   std::map<std::string, Reader, std::less<>> readers_;
   std::map<std::string, uint64_t, std::less<>> slow_;
+  uint64_t restored_ = 0;
   uint64_t lost_lines_ = 0;
   std::string report_;
 };

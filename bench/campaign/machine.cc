@@ -18,51 +18,59 @@ constexpr Ms kDevicesPatience{10000};
 /// Longer than any command may take: a buffer's device is opened for four seconds.
 constexpr Ms kCallLimit{30000};
 
-std::vector<std::string> PrepareSimulator(const bench::PrivateDirectory& home) {
+/// The co-processor has a processor of its own; where we may, the simulator has at least the
+/// priority for it.
+void GivePriority(pid_t pid) {
+  sched_param param{};
+  param.sched_priority = sched_get_priority_min(SCHED_FIFO);
+  sched_setscheduler(pid, SCHED_FIFO, &param);
+}
+
+/// One that takes commands: its devices are there then.
+std::unique_ptr<bench::Child> StartSimulator(const bench::PrivateDirectory& home) {
   setenv("KVOX_DEV_DIR", home.Folder("dev").c_str(), 1);
   unsetenv("ANDROID_LOG_TAGS");
   const auto scenario = home.path() / "scenario.toml";
   std::ofstream(scenario) << ScenarioText();
-  return {KVOSIM_PROGRAM, "--scenario", scenario};
-}
-
-/// The co-processor has a processor of its own; where we may, the simulator has at least the
-/// priority for it.
-pid_t WithPriority(pid_t pid) {
-  sched_param param{};
-  param.sched_priority = sched_get_priority_min(SCHED_FIFO);
-  sched_setscheduler(pid, SCHED_FIFO, &param);
-  return pid;
-}
-
-/// The devices are there when the last one is.
-const bench::PrivateDirectory& AwaitDevices(const bench::PrivateDirectory& home,
-                                            bench::Child& simulator) {
-  WithPriority(simulator.pid());
-  const auto last = home.path() / "dev/xdv-kvox_tapout41";
+  auto simulator = std::make_unique<bench::Child>(
+      std::vector<std::string>{KVOSIM_PROGRAM, "--scenario", scenario}, home.path() / "kvosim");
+  GivePriority(simulator->pid());
+  const SimControl control(home.path() / "dev");
   const auto until = Clock::now() + kDevicesPatience;
-  while (!exists(last)) {
-    if (simulator.Ended() || Clock::now() > until) {
-      throw std::runtime_error("kvosim does not come up; see " + home.path().string());
+  for (;;) {
+    try {
+      control.Status();
+      return simulator;
+    } catch (const SimError& error) {
+      if (!simulator->Ended() && Clock::now() < until) {
+        std::this_thread::sleep_for(Ms(5));
+        continue;
+      }
+      throw std::runtime_error(std::string("kvosim does not come up: ") + error.what());
     }
-    std::this_thread::sleep_for(Ms(5));
   }
-  return home;
 }
 
 }  // namespace
 
 Machine::Machine()
-    : simulator_(PrepareSimulator(home_), home_.path() / "kvosim"),
-      daemon_(AwaitDevices(home_, simulator_)),
+    : simulator_(StartSimulator(home_)),
+      daemon_(home_),
       sim_(home_.path() / "dev"),
       log_(home_.path() / "kvoxd.err"),
       caller_(daemon_.shared_service(), calls_) {}
 
+void Machine::ReplaceSimulator(Ms away) {
+  simulator_->Signal(SIGKILL);
+  while (!simulator_->Ended()) std::this_thread::sleep_for(Ms(1));
+  std::this_thread::sleep_for(away);
+  simulator_ = StartSimulator(home_);
+}
+
 std::string Machine::Trouble() {
   log_.Follow();
   if (const auto end = daemon_.child().Ended()) return "kvoxd has ended: " + *end;
-  if (const auto end = simulator_.Ended()) return "kvosim has ended: " + *end;
+  if (const auto end = simulator_->Ended()) return "kvosim has ended: " + *end;
   if (!ledger().report().empty()) return "a sanitizer reports: " + ledger().report();
   if (const auto call = calls_.Overdue(kCallLimit)) {
     return *call + " does not return\n" + DescribeResources(daemon_.pid());

@@ -28,6 +28,10 @@ class Machine {
   pid_t daemon_pid() const { return daemon_.pid(); }
   Resources DaemonResources() const { return ReadResources(daemon_.pid()); }
 
+  /// Kills the simulator and starts another one after a while. Throws std::runtime_error when that
+  /// does not come up. Nobody else may use sim() meanwhile.
+  void ReplaceSimulator(Ms away);
+
   /// What has gone wrong with a process or a call: one has ended, a sanitizer has reported, a call
   /// does not return. Empty when nothing has. Reads on in the daemon's log.
   std::string Trouble();
@@ -38,7 +42,7 @@ class Machine {
 
  private:
   bench::PrivateDirectory home_;
-  bench::Child simulator_;
+  std::unique_ptr<bench::Child> simulator_;
   bench::DaemonUnderTest daemon_;
   SimControl sim_;
   LogReader log_;

@@ -34,7 +34,7 @@ TapFigures FiguresOf(const nlohmann::json& row) {
           .streams = count("streams"),
           .sent = count("sent"),
           .exact = count("exact"),
-          .exact_in_row = row.value("exact_in_row", UINT64_MAX),
+          .exact_in_row = row.at("exact_in_row").get<uint64_t>(),
           .silent = count("silent"),
           .different = count("different"),
           .missing = count("missing"),

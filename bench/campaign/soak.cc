@@ -4,13 +4,10 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <utility>
-#include <vector>
 
-#include "bench/campaign/leak_check.h"
+#include "bench/campaign/resource_trend.h"
 #include "bench/campaign/soak_ledger.h"
 #include "bench/campaign/stage.h"
-#include "bench/campaign/trend.h"
 
 namespace kvox::campaign {
 namespace {
@@ -33,15 +30,6 @@ constexpr Ms kBooked{2500};
 /// A packet in the device and one in each hand of the daemon.
 constexpr uint64_t kLostInRestart = 3;
 
-// What may grow from the end of the warm-up to the end of the soak, by the robust slope. Less than
-// one: a descriptor or a thread that is lost once at half time shows as one.
-constexpr double kCountRise = 0.5;
-constexpr double kMemoryRiseKib = 1024;
-constexpr double kMemoryRiseShare = 0.1;
-
-/// With fewer samples one that the allocator happens to keep more in decides.
-constexpr size_t kMemorySamples = 20;
-
 class SoakRun {
  public:
   explicit SoakRun(const SoakOptions& options)
@@ -58,7 +46,6 @@ class SoakRun {
   bool Row();
   bool RestartAndSettle();
   bool Judge();
-  void JudgeTrend(const char* what, double limit, double (*value)(const Resources&));
   Moment Now();
   Ms Elapsed() const { return std::chrono::duration_cast<Ms>(Clock::now() - begin_); }
 
@@ -68,7 +55,7 @@ class SoakRun {
   Clock::time_point begin_;
   Moment calm_since_;
   Ms calm_from_{};
-  std::vector<std::pair<double, Resources>> samples_;
+  ResourceTrend trend_;
   // Sums over the stretches without a fault that have ended.
   uint64_t timing_ = 0;
   uint64_t slow_ = 0;
@@ -121,7 +108,7 @@ bool SoakRun::Row() {
   const Resources resources = stage_.machine().DaemonResources();
   const double seconds = static_cast<double>(Elapsed().count()) / 1000;
   const double calm_s = seconds - static_cast<double>(calm_from_.count()) / 1000;
-  samples_.emplace_back(seconds, resources);
+  trend_.Add(seconds, resources);
   fmt::print("{:>7.0f}s  {:>9.1f}  {:>5}  {:>7}  {:>5}  {:>9}  {:>5} KiB  {:>11}  {:>7}\n", seconds,
              static_cast<double>(report.passed) / std::max(calm_s, 0.001), report.lost,
              timing_ + report.timing, slow_ + report.slow_clients, restarts_, resources.memory_kib,
@@ -155,33 +142,8 @@ bool SoakRun::Run() {
     if (!Judge() || !RestartAndSettle()) return false;
   }
   if (!Judge()) return false;
-  JudgeTrend("descriptors", kCountRise,
-             [](const Resources& r) { return static_cast<double>(r.descriptors); });
-  JudgeTrend("threads", kCountRise,
-             [](const Resources& r) { return static_cast<double>(r.threads); });
-  if (MemoryIsMeasurable() && samples_.size() >= kMemorySamples) {
-    const auto at_first = static_cast<double>(samples_.front().second.memory_kib);
-    JudgeTrend("KiB of memory", kMemoryRiseKib + kMemoryRiseShare * at_first,
-               [](const Resources& r) { return static_cast<double>(r.memory_kib); });
-  }
+  trend_.Judge(static_cast<double>(rhythm_.warm_up.count()) / 1000, stage_.findings());
   return !stage_.findings().any();
-}
-
-void SoakRun::JudgeTrend(const char* what, double limit, double (*value)(const Resources&)) {
-  std::vector<Sample> judged;
-  for (const auto& [seconds, resources] : samples_) {
-    if (seconds * 1000 < static_cast<double>(rhythm_.warm_up.count())) continue;
-    judged.push_back({seconds, value(resources)});
-  }
-  const double rise = RobustRise(judged);
-  fmt::print(
-      "trend of {}: {:+.2f} in {} samples after the warm-up of {} s (less than {:.1f} is "
-      "allowed)\n",
-      what, rise, judged.size(), rhythm_.warm_up.count() / 1000, limit);
-  if (rise >= limit) {
-    stage_.findings().Add("{} grow: by {:.2f} over the soak, {:.1f} are too many\n{}", what, rise,
-                          limit, DescribeResources(stage_.machine().daemon_pid()));
-  }
 }
 
 void SoakRun::PrintOutcome(bool passed) {

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "bench/campaign/graph_check.h"
 
@@ -101,6 +102,33 @@ bool Stage::AwaitEndOfFaults(Ms limit) {
   return Healthy();
 }
 
+bool Stage::AwaitRestored(Ms step) {
+  const Ms lost_before = load_.Lost();
+  const auto begin = Clock::now();
+  auto last_step = begin;
+  uint64_t steps = machine_.ledger().restored();
+  for (;;) {
+    if (!Healthy()) return false;
+    const auto now = Clock::now();
+    if (machine_.ledger().restored() != std::exchange(steps, machine_.ledger().restored())) {
+      last_step = now;
+    }
+    const GraphTables tables = AskTables(machine_.caller());
+    const size_t buffers = Streams().size();
+    const bool all = tables.tapouts.size() == buffers && tables.injects.size() == buffers;
+    if (!all) last_step = now;
+    if (now - last_step > step) return true;
+    if (now - begin > kGrantLimit + load_.Allowance(lost_before)) {
+      findings_.Add(
+          "the daemon has not found every device, or does not end its recovery: {} "
+          "tap-outs, {} injects of {} each, {} steps",
+          tables.tapouts.size(), tables.injects.size(), buffers, steps);
+      return false;
+    }
+    std::this_thread::sleep_for(kLook);
+  }
+}
+
 StreamList Stage::Flowing(bool with_changing) const {
   const Model model = model_.Copy();
   StreamList flowing;
@@ -125,12 +153,10 @@ std::optional<Ms> Stage::Restart(const std::string& words) {
   sim().Fault(words);
   if (!AwaitEndOfFaults(kRestartLimit)) return std::nullopt;
   AudioCheck audio(sim(), load_);
-  phase_.Set(Phase::kSettling);
   const Recovery recovery = audio.Await(Flowing(false), kRecoveryLimit);
-  if (!recovery.failure.empty()) {
-    findings_.Add("after '{}': {}", words, recovery.failure);
-    return std::nullopt;
-  }
+  if (!recovery.failure.empty()) findings_.Add("after '{}': {}", words, recovery.failure);
+  if (!AwaitRestored(kRestoreStep)) return std::nullopt;
+  phase_.Set(Phase::kSettling);
   const bool granted = Halt(Stand::kAnyhow);
   phase_.Set(Phase::kCalm);
   Resume();

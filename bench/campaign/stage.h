@@ -25,6 +25,11 @@ inline constexpr Ms kRecoveryLimit{1500};
 /// For threads that end by themselves and descriptors that are closed behind an answer.
 inline constexpr Ms kReleaseLimit{5000};
 
+/// A step of a recovery whose command the co-processor answers.
+inline constexpr Ms kRestoreStep{200};
+/// One that it does not answer.
+inline constexpr Ms kUnansweredStep{700};
+
 class Stage {
  public:
   /// Sets the graph up and starts the clients; all of them stand still. Throws std::runtime_error.
@@ -50,6 +55,11 @@ class Stage {
   /// Has every fault that was told to the simulator come to its end. False, and a finding, when
   /// they do not within `limit`.
   bool AwaitEndOfFaults(Ms limit);
+
+  /// Waits until the daemon has found every buffer and then for `step` has set nothing up: longer
+  /// than a step of its recovery may take. Before that, what a command does depends on how far the
+  /// recovery has come. False, and a finding, when a buffer is not found.
+  bool AwaitRestored(Ms step);
 
   /// Streams through which audio has to flow: all that do after the model, or those of them that no
   /// client changes.
