@@ -120,12 +120,22 @@ DeviceDirectory::~DeviceDirectory() {
   close(lock_);
 }
 
+/// Puts the node on the list by which the next simulator clears away what a dead one left. A node
+/// that goes and comes again stands there once.
+bool DeviceDirectory::Note(const DeviceNode& node) {
+  const std::string entry = fmt::format("{} {}\n", RowOf(node.kind).name, node.name);
+  if (noted_.contains(entry)) return true;
+  if (pwrite(lock_, entry.data(), entry.size(), lseek(lock_, 0, SEEK_END)) !=
+      static_cast<ssize_t>(entry.size())) {
+    return false;
+  }
+  noted_.insert(entry);
+  return true;
+}
+
 bool DeviceDirectory::Create(const DeviceNode& node, std::string& error) {
   const std::filesystem::path path = PathOf(node.name);
-  const std::string entry = fmt::format("{} {}\n", RowOf(node.kind).name, node.name);
-  const bool noted = pwrite(lock_, entry.data(), entry.size(), lseek(lock_, 0, SEEK_END)) ==
-                     static_cast<ssize_t>(entry.size());
-  if (noted &&
+  if (Note(node) &&
       (Make(node, path) || (errno == EEXIST && RemoveLeftOver(node) && Make(node, path)))) {
     nodes_.push_back(node);
     return true;

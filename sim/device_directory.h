@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,10 +37,12 @@ class DeviceDirectory {
 
  private:
   DeviceDirectory(std::filesystem::path directory, int lock);
+  bool Note(const DeviceNode& node);
   bool RemoveLeftOver(const DeviceNode& node) const;
 
   const std::filesystem::path directory_;
   const int lock_;                 // descriptor of the lock file, which lists the nodes
+  std::set<std::string> noted_;    // lines of the lock file
   std::vector<DeviceNode> nodes_;  // in the order of their creation
 };
 
