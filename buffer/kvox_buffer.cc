@@ -11,10 +11,13 @@ namespace kvox {
 namespace {
 
 constexpr unsigned kOpenRetries = 4;
-constexpr auto kOpenRetryPause = std::chrono::seconds(1);
 
 const char* PluralS(size_t count) {
   return count == 1 ? "" : "s";
+}
+
+void LogOpenFailed(const std::string& path, int status, int error) {
+  LogError("Open %s failed, status %d, errno %d", path.c_str(), status, error);
 }
 
 }  // namespace
@@ -40,6 +43,7 @@ int32_t KvoxBuffer::Enable(bool enable) {
       break;
     case Switch::kAlreadyThere:
       return 0;
+    case Switch::kBusy:  // tries only
     case Switch::kRefused:
       return -1;
   }
@@ -54,6 +58,29 @@ int32_t KvoxBuffer::Enable(bool enable) {
   return switched ? 0 : -1;
 }
 
+KvoxBuffer::Try KvoxBuffer::TryEnable(unsigned number) {
+  switch (BeginTry(number)) {
+    case Switch::kGo:
+      break;
+    case Switch::kAlreadyThere:
+      return Try::kOn;
+    case Switch::kBusy:
+      return Try::kBusy;
+    case Switch::kRefused:
+      return Try::kFailed;
+  }
+  const int fd = OpenDevice();
+  const int error = errno;
+  Try outcome = Try::kFailed;
+  if (fd >= 0) {
+    if (EnableDevice(fd)) outcome = Try::kOn;
+  } else if (AnotherTry(number, fd, error)) {
+    outcome = Try::kAgain;
+  }
+  EndSwitching();
+  return outcome;
+}
+
 /// Waits for the turn to switch and looks whether there is anything to do. A thread that comes to
 /// disable ends the wait of one that is opening.
 KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable) {
@@ -62,6 +89,26 @@ KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable) {
   changed_.NotifyAll();
   while (switching_) changed_.Wait(mutex_);
   if (!enable) --disables_waiting_;
+  const Switch answer = BeginInTurn(enable);
+  opening_ = answer == Switch::kGo && enable;
+  return answer;
+}
+
+/// Waits for its turn, but not behind a thread that makes pauses.
+KvoxBuffer::Switch KvoxBuffer::BeginTry(unsigned number) {
+  MutexLock lock(mutex_);
+  while (switching_) {
+    if (opening_) return Switch::kBusy;
+    changed_.Wait(mutex_);
+  }
+  if (number == 0) return BeginInTurn(true);
+  if (IsEnabled()) return Switch::kAlreadyThere;
+  if (dropped_) return Switch::kRefused;
+  switching_ = true;
+  return Switch::kGo;
+}
+
+KvoxBuffer::Switch KvoxBuffer::BeginInTurn(bool enable) {
   if (enable && IsEnabled()) {
     LogInfo("Enable buffer %s: already enabled", name_.c_str());
     return Switch::kAlreadyThere;
@@ -86,22 +133,30 @@ KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable) {
 void KvoxBuffer::EndSwitching() {
   MutexLock lock(mutex_);
   switching_ = false;
+  opening_ = false;
   changed_.NotifyAll();
 }
 
 int KvoxBuffer::OpenWithRetries() {
-  int fd = OpenDevice();
-  int error = errno;
-  for (unsigned attempt = 1; fd < 0 && attempt <= kOpenRetries; ++attempt) {
-    LogInfo("%s Attempting to reinitialize KVO interface, attempt %u\n", name_.c_str(), attempt);
-    if (!WaitBeforeRetry()) break;
-    fd = OpenDevice();
-    error = errno;
+  for (unsigned number = 0;; ++number) {
+    const int fd = OpenDevice();
+    const int error = errno;
+    if (fd >= 0 || !AnotherTry(number, fd, error)) return fd;
+    if (!WaitBeforeRetry()) {
+      LogOpenFailed(device_path_, fd, error);
+      return fd;
+    }
   }
-  if (fd < 0) {
-    LogError("Open %s failed, status %d, errno %d", device_path_.c_str(), fd, error);
+}
+
+/// After try `number` has failed: tells what comes now, and answers whether that is another one.
+bool KvoxBuffer::AnotherTry(unsigned number, int fd, int error) const {
+  if (number < kOpenRetries) {
+    LogInfo("%s Attempting to reinitialize KVO interface, attempt %u\n", name_.c_str(), number + 1);
+    return true;
   }
-  return fd;
+  LogOpenFailed(device_path_, fd, error);
+  return false;
 }
 
 int KvoxBuffer::OpenDevice() const {

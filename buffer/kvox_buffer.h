@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -71,6 +72,18 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   /// second apart; disabling or dropping the buffer ends that.
   int32_t Enable(bool enable);
 
+  enum class Try {
+    kOn,
+    kAgain,   // the device did not open; the next try is due after the pause
+    kBusy,    // another thread is trying; the same try is due after the pause
+    kFailed,  // for good
+  };
+  static constexpr auto kOpenRetryPause = std::chrono::seconds(1);
+
+  /// One of the tries that Enable(true) makes, for a caller that has more to do than to wait for
+  /// the next one. The first is number 0.
+  Try TryEnable(unsigned number);
+
   /// What a buffer does before it is gone: switches off, and lets go of its processors.
   void Drop();
 
@@ -116,13 +129,16 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   void DumpBuffer();
 
  private:
-  enum class Switch { kGo, kAlreadyThere, kRefused };
+  enum class Switch { kGo, kAlreadyThere, kBusy, kRefused };
 
   Switch BeginSwitching(bool enable);
+  Switch BeginTry(unsigned number);
+  Switch BeginInTurn(bool enable) REQUIRES(mutex_);
   void EndSwitching();
   bool EnableDevice(int fd);
   int OpenWithRetries();
   int OpenDevice() const;
+  bool AnotherTry(unsigned number, int fd, int error) const;
   bool WaitBeforeRetry();
   void DisableDevice();
   std::shared_ptr<InjectPort> SwapPort(std::shared_ptr<InjectPort> port);
@@ -150,6 +166,7 @@ class KvoxBuffer final : public AudioEndpoint, public std::enable_shared_from_th
   mutable Mutex mutex_;
   CondVar changed_;
   bool switching_ GUARDED_BY(mutex_) = false;    // one thread has reader_ to itself
+  bool opening_ GUARDED_BY(mutex_) = false;      // and that may take seconds
   int disables_waiting_ GUARDED_BY(mutex_) = 0;  // for their turn to switch
   bool dropped_ GUARDED_BY(mutex_) = false;      // cannot be enabled any more
   bool let_go_ GUARDED_BY(mutex_) = false;       // of the processors

@@ -38,6 +38,25 @@ void LogWrongSize(ssize_t actual, uint16_t opcode, size_t expected) {
 
 }  // namespace
 
+/// Goes before commands that wait for their turn: a mutex that a row of commands takes again and
+/// again would let whoever opens or closes the device wait for all of them.
+class ControlChannel::DeviceChange {
+ public:
+  explicit DeviceChange(ControlChannel& channel) : channel_(channel) {
+    channel_.device_changes_.fetch_add(1);
+  }
+  ~DeviceChange() {
+    MutexLock lock(channel_.lock_);
+    channel_.device_changes_.fetch_sub(1);
+    channel_.device_changed_.NotifyAll();
+  }
+  DeviceChange(const DeviceChange&) = delete;
+  DeviceChange& operator=(const DeviceChange&) = delete;
+
+ private:
+  ControlChannel& channel_;
+};
+
 ControlChannel::ControlChannel(std::string device_path) : device_path_(std::move(device_path)) {}
 
 ControlChannel::~ControlChannel() {
@@ -45,11 +64,13 @@ ControlChannel::~ControlChannel() {
 }
 
 void ControlChannel::Open() {
+  const DeviceChange change(*this);
   MutexLock lock(lock_);
   openKvoxControl();
 }
 
 void ControlChannel::Close() {
+  const DeviceChange change(*this);
   MutexLock lock(lock_);
   CloseLocked();
 }
@@ -85,6 +106,7 @@ void ControlChannel::openKvoxControl() {
 int32_t ControlChannel::Exchange(uint16_t opcode, CMD_HDR* record, size_t size) {
   LogInfo("%s: send opcode 0x%x\n", kSender, opcode);
   MutexLock lock(lock_);
+  while (device_changes_.load() > 0) device_changed_.Wait(lock_);
   record->opcode = opcode;
   record->seq = static_cast<uint8_t>(commands_sent_++);
   record->reserved = 0;

@@ -2,6 +2,7 @@
 // exchange on it. docs/protocol.md describes the records.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -35,6 +36,8 @@ class ControlChannel {
   using Clock = std::chrono::steady_clock;
   enum class Wait { kReadable, kQuiet, kHangUp, kInterrupted, kFailed };
 
+  class DeviceChange;
+
   void openKvoxControl() REQUIRES(lock_);
   void CloseLocked() REQUIRES(lock_);
   bool WriteRecord(uint16_t opcode, const CMD_HDR* record, size_t size) REQUIRES(lock_);
@@ -46,6 +49,8 @@ class ControlChannel {
 
   const std::string device_path_;
   Mutex lock_;  // the control lock: held through the whole wait for a reply
+  std::atomic<int> device_changes_ = 0;  // under way or waiting; they go before commands
+  CondVar device_changed_;
   int fd_ GUARDED_BY(lock_) = -1;
   uint32_t commands_sent_ GUARDED_BY(lock_) = 0;
   ReplyStream stream_ GUARDED_BY(lock_);

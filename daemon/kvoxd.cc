@@ -35,7 +35,8 @@ class StartupPacer : public RecoveryPacer {
   }
   bool stopping() const override { return false; }
   void ScanBegins() override {}
-  bool WaitForArrivals() override { return false; }
+  RecoveryClock::time_point Now() const override { return RecoveryClock::now(); }
+  Wake WaitForArrivals(RecoveryClock::time_point) override { return Wake::kStopping; }
 };
 
 bool Exists(const std::string& path) {

@@ -19,7 +19,8 @@ class NoPauses : public RecoveryPacer {
   bool Pause(std::chrono::milliseconds) override { return false; }
   bool stopping() const override { return false; }
   void ScanBegins() override {}
-  bool WaitForArrivals() override { return false; }
+  RecoveryClock::time_point Now() const override { return RecoveryClock::now(); }
+  Wake WaitForArrivals(RecoveryClock::time_point) override { return Wake::kStopping; }
 };
 
 void Refuse(const std::string& why, CommandResult* result) {

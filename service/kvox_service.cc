@@ -39,7 +39,7 @@ KvoxService::~KvoxService() {
   }
   std::unique_ptr<Recovery> recovery;
   {
-    MutexLock lock(mutex_);
+    MutexLock lock(recovery_mutex_);
     recovery = std::move(recovery_);
   }
   recovery.reset();

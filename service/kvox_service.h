@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -69,6 +70,7 @@ struct ServiceEnvironment {
   DeviceIo& io;
   LogTarget& io_log;
   std::string device_directory;
+  std::function<DeviceScan(const std::string& directory)> scan = ScanDataDevices;
   Recovery::Starter start_recovery = RecoveryThread::Start;
 };
 
@@ -178,6 +180,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   int32_t ScanWithRetries(RecoveryPacer& pacer);
   int32_t initKvoBuffers(RecoveryPacer& pacer);
   std::vector<std::shared_ptr<KvoxBuffer>> AddBuffers(const DeviceScan& scan) REQUIRES(mutex_);
+  bool TakeControlArrival() EXCLUDES(recovery_mutex_);
   void HandleArrival(const char* name);
   void HandleDeparture(const char* name);
 
@@ -189,17 +192,36 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
     std::set<TapKey> taps;
     std::set<FourCc> processors;
     std::set<std::string> buffers;
-    std::set<TapKey> refused_taps;  // out: by the co-processor, or by a control device that is away
+  };
+
+  /// What a recovery has left to do.
+  struct Unfinished {
+    struct Opening {
+      unsigned number;  // of the next try
+      RecoveryClock::time_point due;
+    };
+    bool everything = true;                   // no pass has restored anything yet
+    std::set<TapKey> taps;                    // refused; the control device may not be there yet
+    std::map<std::string, Opening> openings;  // of buffers whose devices have not opened yet
+
+    RecoveryClock::time_point NextOpening() const;
   };
 
   void initKvoWithRetry(RecoveryPacer& pacer);
   void Recover(RecoveryPacer& pacer);
+  void RecoverLate(RecoveryPacer& pacer, Unfinished& unfinished);
   void PlanEverything(RestorePlan& plan) EXCLUDES(mutex_);
   void PlanFor(const KvoxBuffer& buffer, RestorePlan& plan) REQUIRES(mutex_);
-  void Restore(const RecoveryPacer& pacer, RestorePlan& plan);
-  bool RestoreTap(TapKey key) EXCLUDES(mutex_);
+  void Restore(const RecoveryPacer& pacer, const RestorePlan& plan, Unfinished& unfinished);
+  bool RestoreTap(const RecoveryPacer& pacer, TapKey key) EXCLUDES(mutex_);
   void RestoreProcessor(FourCc id) EXCLUDES(wiring_mutex_, mutex_);
-  void RestoreBuffer(const std::string& name) EXCLUDES(mutex_);
+  void RestoreBuffer(const RecoveryPacer& pacer, const std::string& name, Unfinished& unfinished)
+      EXCLUDES(mutex_);
+  void RetryOpenings(const RecoveryPacer& pacer, Unfinished& unfinished) EXCLUDES(mutex_);
+  void TryOpening(const RecoveryPacer& pacer, KvoxBuffer& buffer, unsigned number,
+                  Unfinished& unfinished) EXCLUDES(mutex_);
+  std::shared_ptr<KvoxBuffer> FindWanted(const std::string& name, const KvoxBufferState*& state)
+      REQUIRES(mutex_);
 
   // Shared by the commands.
   std::shared_ptr<KvoxProcessor> GetKvoxProcessor(FourCc id) REQUIRES(mutex_);
@@ -285,12 +307,15 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   /// client that has not disabled its processor wants its audio back, however long that takes.
   std::set<FourCc> to_enable_again_ GUARDED_BY(wiring_mutex_);
 
+  /// A leaf lock: devices that come and go are noted at once, whatever runs under the others.
+  Mutex recovery_mutex_;
+  std::unique_ptr<Recovery> recovery_ GUARDED_BY(recovery_mutex_);
+  bool control_arrived_ GUARDED_BY(recovery_mutex_) = false;  // since the recovery's last scan
+
   Mutex mutex_;
-  bool control_arrived_ GUARDED_BY(mutex_) = false;  // since the recovery's last scan
-  bool ready_ GUARDED_BY(mutex_) = false;            // at least one buffer of each kind was found
+  bool ready_ GUARDED_BY(mutex_) = false;  // at least one buffer of each kind was found
   ProcessorMap processors_ GUARDED_BY(mutex_);
   BufferTables buffers_ GUARDED_BY(mutex_);
-  std::unique_ptr<Recovery> recovery_ GUARDED_BY(mutex_);
   TapMap taps_ GUARDED_BY(mutex_);
   std::map<std::string, KvoxBufferState> buffer_states_ GUARDED_BY(mutex_);
   std::map<FourCc, ConnectionState> connections_ GUARDED_BY(mutex_);

@@ -1,5 +1,6 @@
 #include "service/recovery_thread.h"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -12,6 +13,10 @@ namespace {
 constexpr auto kQuietTime = std::chrono::milliseconds(500);
 
 }  // namespace
+
+RecoveryClock::time_point ArrivalWatch::Due() const {
+  return last_ ? *last_ + kQuietTime : RecoveryClock::time_point::max();
+}
 
 std::unique_ptr<Recovery> RecoveryThread::Start(Body body) {
   try {
@@ -36,8 +41,7 @@ RecoveryThread::~RecoveryThread() {
 
 void RecoveryThread::NoteArrival() {
   MutexLock lock(mutex_);
-  arrived_ = true;
-  last_arrival_ = Clock::now();
+  arrivals_.NoteArrival(Now());
   changed_.NotifyAll();
 }
 
@@ -48,7 +52,7 @@ void RecoveryThread::RequestStop() {
 }
 
 bool RecoveryThread::Pause(std::chrono::milliseconds time) {
-  const auto until = Clock::now() + time;
+  const auto until = Now() + time;
   MutexLock lock(mutex_);
   while (!stopping_ && changed_.WaitUntil(mutex_, until)) {
   }
@@ -62,19 +66,22 @@ bool RecoveryThread::stopping() const {
 
 void RecoveryThread::ScanBegins() {
   MutexLock lock(mutex_);
-  arrived_ = false;
+  arrivals_.ScanBegins();
 }
 
-bool RecoveryThread::WaitForArrivals() {
+RecoveryPacer::Wake RecoveryThread::WaitForArrivals(RecoveryClock::time_point until) {
   MutexLock lock(mutex_);
   for (;;) {
-    if (stopping_) return false;
-    if (!arrived_) {
+    if (stopping_) return Wake::kStopping;
+    const auto due = arrivals_.Due();
+    const auto now = Now();
+    if (now >= due) return Wake::kArrivals;
+    if (now >= until) return Wake::kTime;
+    const auto next = std::min(due, until);
+    if (next == RecoveryClock::time_point::max()) {
       changed_.Wait(mutex_);
-    } else if (Clock::now() >= last_arrival_ + kQuietTime) {
-      return true;
     } else {
-      changed_.WaitUntil(mutex_, last_arrival_ + kQuietTime);
+      changed_.WaitUntil(mutex_, next);
     }
   }
 }

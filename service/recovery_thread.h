@@ -4,16 +4,39 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "kvox/common/mutex.h"
 
 namespace kvox {
 
-/// How a recovery passes its time. Tests bring one that only counts.
+using RecoveryClock = std::chrono::steady_clock;
+
+/// When devices that arrive one by one are looked for: half a second after the last of them. Pure.
+class ArrivalWatch {
+ public:
+  void NoteArrival(RecoveryClock::time_point now) { last_ = now; }
+
+  /// Devices that arrived up to here are found by the scan that begins.
+  void ScanBegins() { last_.reset(); }
+
+  /// When to scan again; never, while nothing has arrived since the last scan.
+  RecoveryClock::time_point Due() const;
+
+ private:
+  std::optional<RecoveryClock::time_point> last_;
+};
+
+/// How a recovery passes its time. It holds no lock when it calls any of these. Tests bring one
+/// with a clock of its own.
 class RecoveryPacer {
  public:
+  enum class Wake { kStopping, kArrivals, kTime };
+
   virtual ~RecoveryPacer() = default;
+
+  virtual RecoveryClock::time_point Now() const = 0;
 
   /// Pauses; false when the recovery has to end.
   virtual bool Pause(std::chrono::milliseconds time) = 0;
@@ -22,9 +45,9 @@ class RecoveryPacer {
   /// A scan begins now: devices that arrived up to here are found by it.
   virtual void ScanBegins() = 0;
 
-  /// Returns true once devices have arrived after the last scan and none has for half a second;
-  /// false when the recovery has to end.
-  virtual bool WaitForArrivals() = 0;
+  /// Waits until the recovery has to end, or devices have arrived after the last scan and none has
+  /// for half a second, or it is `until`.
+  virtual Wake WaitForArrivals(RecoveryClock::time_point until) = 0;
 };
 
 /// One recovery under way. Destroying it ends it.
@@ -57,18 +80,16 @@ class RecoveryThread : public Recovery, private RecoveryPacer {
   void RequestStop() override;
 
  private:
+  RecoveryClock::time_point Now() const override { return RecoveryClock::now(); }
   bool Pause(std::chrono::milliseconds time) override;
   bool stopping() const override;
   void ScanBegins() override;
-  bool WaitForArrivals() override;
-
-  using Clock = std::chrono::steady_clock;
+  Wake WaitForArrivals(RecoveryClock::time_point until) override;
 
   mutable Mutex mutex_;  // a leaf lock
   CondVar changed_;
   bool stopping_ GUARDED_BY(mutex_) = false;
-  bool arrived_ GUARDED_BY(mutex_) = false;
-  Clock::time_point last_arrival_ GUARDED_BY(mutex_);
+  ArrivalWatch arrivals_ GUARDED_BY(mutex_);
   std::thread thread_;
 };
 

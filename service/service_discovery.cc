@@ -21,48 +21,61 @@ const char* PluralS(size_t count) {
 
 void KvoxService::initKvoWithRetry(RecoveryPacer& pacer) {
   RestorePlan plan;
+  Unfinished nothing;  // at start there is nothing to restore
   if (ScanWithRetries(pacer) != 0) return;
   PlanEverything(plan);
-  Restore(pacer, plan);
+  Restore(pacer, plan, nothing);
 }
 
-/// First everything, then what devices that come later complete. What the co-processor refused is
-/// tried again once its control device has come.
+/// First everything, then what devices that come later complete. A device that does not open is
+/// tried again beside that, so it keeps nothing else waiting.
 void KvoxService::Recover(RecoveryPacer& pacer) {
-  bool restored = false;
-  RestorePlan last;
+  Unfinished unfinished;
   if (ScanWithRetries(pacer) == 0) {
-    PlanEverything(last);
-    Restore(pacer, last);
-    restored = true;
-  }
-  while (pacer.WaitForArrivals()) {
     RestorePlan plan;
-    {
-      MutexLock lock(mutex_);
-      if (pacer.stopping()) return;
-      pacer.ScanBegins();
-      const DeviceScan scan = ScanDataDevices(environment_.device_directory);
-      if (!scan.any_tapout_path) continue;
-      for (const auto& added : AddBuffers(scan)) PlanFor(*added, plan);
-      if (std::exchange(control_arrived_, false)) plan.taps.merge(last.refused_taps);
-    }
-    if (!restored) PlanEverything(plan);
-    Restore(pacer, plan);
-    restored = true;
-    plan.refused_taps.merge(last.refused_taps);
-    last = std::move(plan);
+    PlanEverything(plan);
+    Restore(pacer, plan, unfinished);
   }
+  for (;;) {
+    switch (pacer.WaitForArrivals(unfinished.NextOpening())) {
+      case RecoveryPacer::Wake::kStopping:
+        return;
+      case RecoveryPacer::Wake::kArrivals:
+        RecoverLate(pacer, unfinished);
+        break;
+      case RecoveryPacer::Wake::kTime:
+        RetryOpenings(pacer, unfinished);
+        break;
+    }
+  }
+}
+
+/// What the co-processor refused is tried again once its control device has come.
+void KvoxService::RecoverLate(RecoveryPacer& pacer, Unfinished& unfinished) {
+  if (pacer.stopping()) return;
+  pacer.ScanBegins();
+  RestorePlan plan;
+  {
+    MutexLock lock(mutex_);
+    const DeviceScan scan = environment_.scan(environment_.device_directory);
+    if (!scan.any_tapout_path) return;
+    for (const auto& added : AddBuffers(scan)) PlanFor(*added, plan);
+  }
+  if (TakeControlArrival()) plan.taps.insert(unfinished.taps.begin(), unfinished.taps.end());
+  if (unfinished.everything) PlanEverything(plan);
+  Restore(pacer, plan, unfinished);
+}
+
+bool KvoxService::TakeControlArrival() {
+  MutexLock lock(recovery_mutex_);
+  return std::exchange(control_arrived_, false);
 }
 
 int32_t KvoxService::ScanWithRetries(RecoveryPacer& pacer) {
   int32_t status = -1;
   for (int attempt = 0; attempt < kScanAttempts; ++attempt) {
     if (!pacer.Pause(kScanPause)) return -1;
-    {
-      MutexLock lock(mutex_);
-      control_arrived_ = false;
-    }
+    TakeControlArrival();
     status = initKvoBuffers(pacer);
     MutexLock lock(mutex_);
     if (ready_) break;
@@ -83,10 +96,10 @@ int32_t KvoxService::initKvoBuffers(RecoveryPacer& pacer) {
     ready_ = false;
   }
   gone.Drop();
-  MutexLock lock(mutex_);
   if (pacer.stopping()) return -1;
   pacer.ScanBegins();
-  const DeviceScan scan = ScanDataDevices(environment_.device_directory);
+  MutexLock lock(mutex_);
+  const DeviceScan scan = environment_.scan(environment_.device_directory);
   AddBuffers(scan);
   return scan.any_tapout_path ? 0 : -1;
 }
@@ -121,7 +134,7 @@ void KvoxService::HandleInotifyEvent(const inotify_event* event) {
 
 void KvoxService::HandleArrival(const char* name) {
   LogInfo("%s online\n", name);
-  MutexLock lock(mutex_);
+  MutexLock lock(recovery_mutex_);
   if (std::strcmp(name, kControlDevice) == 0) control_arrived_ = true;
   if (recovery_) {
     recovery_->NoteArrival();
@@ -138,10 +151,13 @@ void KvoxService::HandleDeparture(const char* name) {
   BufferTables known;
   BufferTables gone;
   {
-    MutexLock lock(mutex_);
-    ready_ = false;
+    MutexLock lock(recovery_mutex_);
     recovery = std::move(recovery_);
     if (recovery) recovery->RequestStop();
+  }
+  {
+    MutexLock lock(mutex_);
+    ready_ = false;
     known = buffers_;
   }
   for (const BufferMap* map : {&known.tapouts, &known.injects}) {

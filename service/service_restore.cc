@@ -4,6 +4,7 @@
 // takes what is remembered at that moment, under the lock that commands take: a command that a
 // client gives meanwhile is never overwritten by an older state.
 
+#include <algorithm>
 #include <utility>
 
 #include "kvox/common/log.h"
@@ -50,24 +51,30 @@ void KvoxService::PlanFor(const KvoxBuffer& added, RestorePlan& plan) {
   }
 }
 
-void KvoxService::Restore(const RecoveryPacer& pacer, RestorePlan& plan) {
+void KvoxService::Restore(const RecoveryPacer& pacer, const RestorePlan& plan,
+                          Unfinished& unfinished) {
   const auto restore = [&pacer](const auto& items, auto restore_one) {
     for (const auto& item : items) {
       if (pacer.stopping()) return;
       restore_one(item);
     }
   };
+  unfinished.everything = false;
   restore(plan.taps, [&](TapKey key) {
-    if (!RestoreTap(key)) plan.refused_taps.insert(key);
+    if (RestoreTap(pacer, key)) {
+      unfinished.taps.erase(key);
+    } else {
+      unfinished.taps.insert(key);
+    }
   });
-  restore(plan.processors, [this](FourCc id) { RestoreProcessor(id); });
-  restore(plan.buffers, [this](const std::string& name) { RestoreBuffer(name); });
+  restore(plan.processors, [&](FourCc id) { RestoreProcessor(id); });
+  restore(plan.buffers, [&](const std::string& name) { RestoreBuffer(pacer, name, unfinished); });
   MutexLock lock(mutex_);
   updateWakeLock(nullptr);
 }
 
 /// False when the co-processor did not take it.
-bool KvoxService::RestoreTap(TapKey key) {
+bool KvoxService::RestoreTap(const RecoveryPacer& pacer, TapKey key) {
   KvoxTapPointState state;
   const auto still_known = [&]() REQUIRES(mutex_) {
     const auto found = taps_.find(key);
@@ -86,7 +93,7 @@ bool KvoxService::RestoreTap(TapKey key) {
     binding = SendBinding(state.Arguments(), tapout, inject, Recording::kNo, &result);
   }
   FinishBinding(std::move(binding), &result);
-  if (!Succeeded(result)) return false;
+  if (!Succeeded(result) || pacer.stopping()) return false;
 
   MutexLock lock(mutex_);
   if (!still_known()) return true;
@@ -134,24 +141,69 @@ void KvoxService::RestoreProcessor(FourCc id) {
   }
 }
 
-void KvoxService::RestoreBuffer(const std::string& name) {
+void KvoxService::RestoreBuffer(const RecoveryPacer& pacer, const std::string& name,
+                                Unfinished& unfinished) {
   std::shared_ptr<KvoxBuffer> buffer;
   {
     MutexLock lock(mutex_);
-    const auto found = buffer_states_.find(name);
-    if (found == buffer_states_.end() || !found->second.enabled) return;
-    const KvoxBufferState& state = found->second;
-    const BufferMap& buffers = state.tapout ? buffers_.tapouts : buffers_.injects;
-    const auto present = buffers.find(state.number);
-    if (present == buffers.end()) {
-      LogError("Error restoring %s buffer %s: missing", state.tapout ? "tap-out" : "inject",
+    const KvoxBufferState* wanted = nullptr;
+    buffer = FindWanted(name, wanted);
+    if (wanted == nullptr) return;
+    if (!buffer) {
+      LogError("Error restoring %s buffer %s: missing", wanted->tapout ? "tap-out" : "inject",
                name.c_str());
       return;
     }
-    buffer = present->second;
   }
   LogInfo("Restore buffer state %s", name.c_str());
-  if (buffer->Enable(true) == 0) SwitchAsRecorded(*buffer);
+  TryOpening(pacer, *buffer, 0, unfinished);
+}
+
+void KvoxService::RetryOpenings(const RecoveryPacer& pacer, Unfinished& unfinished) {
+  for (const auto& [name, opening] : std::exchange(unfinished.openings, {})) {
+    if (pacer.stopping()) return;
+    if (pacer.Now() < opening.due) {
+      unfinished.openings.emplace(name, opening);
+      continue;
+    }
+    std::shared_ptr<KvoxBuffer> buffer;
+    {
+      MutexLock lock(mutex_);
+      const KvoxBufferState* wanted = nullptr;
+      buffer = FindWanted(name, wanted);
+    }
+    if (buffer) TryOpening(pacer, *buffer, opening.number, unfinished);
+  }
+  MutexLock lock(mutex_);
+  updateWakeLock(nullptr);
+}
+
+void KvoxService::TryOpening(const RecoveryPacer& pacer, KvoxBuffer& buffer, unsigned number,
+                             Unfinished& unfinished) {
+  const KvoxBuffer::Try outcome = buffer.TryEnable(number);
+  if (outcome == KvoxBuffer::Try::kOn) SwitchAsRecorded(buffer);
+  if (outcome == KvoxBuffer::Try::kAgain) ++number;
+  if (outcome == KvoxBuffer::Try::kAgain || outcome == KvoxBuffer::Try::kBusy) {
+    unfinished.openings[buffer.name()] = {number, pacer.Now() + KvoxBuffer::kOpenRetryPause};
+  }
+}
+
+/// The buffer that shall be on under that name, null when its device is away; `state` is what is
+/// remembered of it, null when nobody wants it.
+std::shared_ptr<KvoxBuffer> KvoxService::FindWanted(const std::string& name,
+                                                    const KvoxBufferState*& state) {
+  const auto found = buffer_states_.find(name);
+  if (found == buffer_states_.end() || !found->second.enabled) return nullptr;
+  state = &found->second;
+  const BufferMap& buffers = state->tapout ? buffers_.tapouts : buffers_.injects;
+  const auto present = buffers.find(state->number);
+  return present == buffers.end() ? nullptr : present->second;
+}
+
+RecoveryClock::time_point KvoxService::Unfinished::NextOpening() const {
+  auto next = RecoveryClock::time_point::max();
+  for (const auto& [name, opening] : openings) next = std::min(next, opening.due);
+  return next;
 }
 
 }  // namespace kvox

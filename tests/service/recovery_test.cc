@@ -206,6 +206,36 @@ TEST_F(RecoveryTest, TwoMissingDevicesMayComeOneByOne) {
   EXPECT_TRUE(link_.wake_lock);
 }
 
+TEST_F(RecoveryTest, ADeviceThatDoesNotOpenKeepsNothingElseWaiting) {
+  SetUpChain();
+  RemoveNodes({"inject0"});
+  directory_.MakeFifo("xdv-kvox_inject0");  // with nobody at its other end
+  const auto begin = RecoveryClock::now();
+  Restart({[&] {
+    EXPECT_THAT(Buffers(), HasSubstr("\n  0         tapout0   -         pass      1"));
+    EXPECT_EQ(log_.Count("inject0 Attempting to reinitialize KVO interface, attempt 1\n"), 1u);
+  }});
+  EXPECT_EQ(recovery_->now, RecoveryClock::time_point() + std::chrono::seconds(4));
+  EXPECT_LT(RecoveryClock::now() - begin, std::chrono::seconds(1)) << "no pause but the pacer's";
+  EXPECT_EQ(log_.Count("I Restore buffer state inject0"), 1u);
+  EXPECT_EQ(log_.Count("I Enable buffer inject0 with 1 input"), 1u);
+  EXPECT_EQ(log_.Count("E Error opening"), 5u);
+  EXPECT_EQ(log_.Count("inject0 Attempting to reinitialize KVO interface, attempt 4\n"), 1u);
+  EXPECT_EQ(log_.Count("E Open " + (directory_ / "xdv-kvox_inject0").string()), 1u);
+}
+
+TEST_F(RecoveryTest, ClientsMaySwitchABufferThatIsBetweenTwoTries) {
+  SetUpChain();
+  RemoveNodes({"inject0"});
+  directory_.MakeFifo("xdv-kvox_inject0");
+  Restart({[&] {
+    Call(&KvoxService::StopIo, 0);
+    log_.Take();
+  }});
+  EXPECT_EQ(log_.Count("Attempting"), 0u);
+  EXPECT_THAT(Buffers(), HasSubstr("\n  0         inject0   pass      -         0"));
+}
+
 TEST_F(RecoveryTest, AProcessorWaitsForItsDeviceThroughFurtherDepartures) {
   SetUpChain();
   RemoveNodes({"inject0"});

@@ -103,16 +103,23 @@ class ManualRecovery : public Recovery, public RecoveryPacer {
   bool Pause(std::chrono::milliseconds) override { return ++pauses, true; }
   bool stopping() const override { return false; }
   void ScanBegins() override {}
-  bool WaitForArrivals() override {
-    if (late_arrivals.empty()) return false;
-    late_arrivals.front()();
+  RecoveryClock::time_point Now() const override { return now; }
+  /// First the arrivals, then the time that the recovery waits for, if any.
+  Wake WaitForArrivals(RecoveryClock::time_point until) override {
+    if (late_arrivals.empty()) {
+      if (until == RecoveryClock::time_point::max()) return Wake::kStopping;
+      now = until;
+      return Wake::kTime;
+    }
+    std::exchange(late_arrivals.front(), nullptr)();
     late_arrivals.erase(late_arrivals.begin());
-    return true;
+    return Wake::kArrivals;
   }
 
   void Run() { body_(*this); }
 
   int pauses = 0;
+  RecoveryClock::time_point now;
   std::vector<std::function<void()>> late_arrivals;
 
  private:
