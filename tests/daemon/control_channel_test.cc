@@ -7,6 +7,7 @@
 #include <pty.h>
 #include <termios.h>
 
+#include <atomic>
 #include <cstring>
 #include <thread>
 
@@ -159,6 +160,30 @@ TEST_F(ControlChannelTest, LateRepliesAreSkippedByOpcodeOnly) {
   EXPECT_EQ(log_.Count("W waitForKvoxCommandResponse: timeout for opcode 0xca"), 1u);
   Send(Reply(late, 9));
   EXPECT_EQ(Exchange([](const Bytes&) {}), 9) << "it passes for this command's own";
+}
+
+TEST_F(ControlChannelTest, ALostReplyCostsItsOwnCommandOnly) {
+  Open();
+  EXPECT_EQ(Exchange([](const Bytes&) {}), -1);
+  EXPECT_EQ(Exchange([&](Bytes command) { Send(Reply(command, 4)); }), 4);
+}
+
+TEST_F(ControlChannelTest, ClosingGoesBeforeCommandsThatWait) {
+  Open();
+  std::atomic<int> answered = 0;
+  std::thread commands([&] {
+    for (int i = 0; i < 3; ++i) {
+      TapEnableRecord record;
+      channel_.Exchange(CMD_KVOX_TAP_ENABLE_ID, &record.header, sizeof record);
+      ++answered;
+    }
+  });
+  EXPECT_TRUE(log_.WaitFor("send opcode"));
+  directory_.Remove("control");
+  channel_.Close();
+  EXPECT_LE(answered, 1) << "the command under way has its time, the next one waits";
+  commands.join();
+  EXPECT_GE(log_.Count("E Cannot find " + path_), 2u);
 }
 
 TEST_F(ControlChannelTest, AClosedChannelOpensForACommand) {

@@ -1,3 +1,5 @@
+#include <sys/mount.h>
+
 #include "kvox/common/wav_header.h"
 #include "tests/system/machine.h"
 
@@ -36,8 +38,12 @@ class CaptureTest : public MachineTest {
         source = { kind = "wav", file = "played.wav" })";
     StartSimulator({"--scenario", directory_ / "scenario.toml"});
     StartDaemon();
-    for (const char* line : {"NewProcessor pass", "Connect pass 0 0", "ProcessorEnable pass true",
-                             "ConnectTap 2 genp 0 0 0"}) {
+    SetUpChain();
+  }
+
+  void SetUpChain() {
+    for (const char* line : {"TapEnable 2 genp 0 false", "NewProcessor pass", "Connect pass 0 0",
+                             "ProcessorEnable pass true", "ConnectTap 2 genp 0 0 0"}) {
       Call(line);
     }
   }
@@ -76,6 +82,59 @@ TEST_F(CaptureTest, TheFileIsWhatWasPlayed) {
     EXPECT_TRUE(captured.substr(kHeader, played_.size() - kHeader) == played_.substr(kHeader));
     EXPECT_EQ(captured.find_first_not_of('\0', played_.size()), captured.npos) << "silence follows";
   }
+}
+
+TEST_F(CaptureTest, ADaemonThatIsKilledLeavesTheSamples) {
+  for (int attempt = 1; attempt <= 3; ++attempt) {
+    Call("Debug capture start tapout0 " + FileOf("tapout0"));
+    Call("StartIo 0");
+    const int64_t before = Figure("genp.0", "received");
+    Call("TapEnable 2 genp 0 true");
+    EXPECT_TRUE(WaitFor([&] { return Figure("genp.0", "received") >= before + 6; }));
+    daemon_->Signal(SIGKILL);
+    EXPECT_EQ(daemon_->Wait(), -SIGKILL);
+    if (CountOf("tapout0 RX resync", daemon_->Err()) == 1) break;
+    StartDaemon();  // packets came at the wrong time: once more
+    SetUpChain();
+  }
+  const std::string captured = ReadText(FileOf("tapout0"));
+  constexpr size_t kPacket = 4800 * 4;
+  ASSERT_GE(captured.size(), kHeader + 5 * kPacket) << "what is older than a packet is in the file";
+  EXPECT_EQ(captured.substr(0, kHeader), std::string(kHeader, '\0'));
+  const size_t size = std::min(captured.size(), played_.size()) - kHeader;
+  EXPECT_TRUE(captured.substr(kHeader, size) == played_.substr(kHeader, size));
+}
+
+TEST_F(CaptureTest, AFullFileSystemEndsACaptureAndNothingElse) {
+  const auto full = directory_ / "full";
+  std::filesystem::create_directory(full);
+  if (mount("tmpfs", full.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "needs the right to mount a file system";
+  }
+  const std::string file = full / "tapout0.wav";
+  Call("Debug capture start tapout0 " + file);
+  Call("Debug capture start inject0 " + FileOf("inject0"));
+  Call("StartIo 0");
+  Call("TapEnable 2 genp 0 true");
+  EXPECT_TRUE(DaemonLogs("Capture file " + file + ": No space left on device"));
+  EXPECT_TRUE(DaemonLogs("tapout0 writeCaptureWav: Error -1"));
+  const int64_t before = Figure("genp.0", "received");
+  EXPECT_TRUE(WaitFor([&] { return Figure("genp.0", "received") >= before + 5; }));
+  EXPECT_EQ(Figure("genp.0", "different"), 0);
+
+  const ClientRun stop = Run(Words("call Debug capture stop tapout0"));
+  EXPECT_EQ(stop.exit_status, 1);
+  EXPECT_EQ(CountOf("CaptureStop tapout0 buffer: Capture not started", stop.out + stop.err), 1);
+  const std::string captured = ReadText(file);
+  EXPECT_EQ(captured.size(), 64u << 10);
+  EXPECT_EQ(captured.substr(0, kHeader), std::string(kHeader, '\0'));
+
+  std::filesystem::remove(file);  // there is room again
+  Call("TapEnable 2 genp 0 false");
+  Call("Debug capture start tapout0 " + file);
+  EXPECT_EQ(CountOf("samples", Call("Debug capture stop")), 2) << "that of inject0 went on";
+  Call("StopIo 0");
+  EXPECT_EQ(umount2(full.c_str(), MNT_DETACH), 0);
 }
 
 }  // namespace
