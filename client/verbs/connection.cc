@@ -1,6 +1,6 @@
-#include "client/lookup.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
+#include "client/verbs/words.h"
 
 namespace kvox::client {
 namespace {
@@ -30,21 +30,18 @@ int Graph(const Context& context) {
 }  // namespace
 
 std::vector<Verb> ConnectionVerbs() {
-  const Argument processor = {"PROCESSOR", Kind::kProcessor, "Four characters such as art0"};
   return {
       {"",
        "connect",
        "Give a processor the buffers that it reads and writes",
-       {processor,
-        {"TAPOUT", Kind::kTapOut, "Tap-out buffer by name or number, or none"},
-        {"INJECT", Kind::kInject, "Inject buffer by name or number, or none"}},
+       {ProcessorArgument(), TapOutArgument(), InjectArgument()},
        {},
        "connect pass tapout0 inject0",
        Connect},
       {"",
        "disconnect",
        "Take a processor's buffers away",
-       {processor},
+       {ProcessorArgument()},
        {},
        "disconnect pass",
        Disconnect},

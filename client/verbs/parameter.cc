@@ -1,10 +1,10 @@
 #include <algorithm>
 
 #include "client/arguments.h"
-#include "client/lookup.h"
 #include "client/near_matches.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
+#include "client/verbs/words.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
@@ -155,13 +155,12 @@ int Set(const Context& context) {
 }  // namespace
 
 std::vector<Verb> ParameterVerbs() {
-  const Argument processor = {"PROCESSOR", Kind::kProcessor, "Four characters such as art0"};
   return {
       {"param", "list", "List the parameters", {}, {}, "param list", List},
       {"param",
        "get",
        "Tell what parameters of a processor hold",
-       {processor,
+       {ProcessorArgument(),
         {"PARAMETER", Kind::kParameter, "Name or number; all when not given", Arity::kOptional},
         {"ELEMENT", Kind::kNumber, "Which part of it; all when not given", Arity::kOptional}},
        {},
@@ -170,7 +169,7 @@ std::vector<Verb> ParameterVerbs() {
       {"param",
        "set",
        "Set a parameter of a processor",
-       {processor,
+       {ProcessorArgument(),
         {"PARAMETER", Kind::kParameter, "Name or number"},
         {"VALUE", Kind::kText, "Number, true or false; or with its kind, as f:0.5"}},
        {{"--element", "ELEMENT", Kind::kNumber, "Which part of it (0)"}},

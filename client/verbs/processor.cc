@@ -1,11 +1,9 @@
-#include "client/lookup.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
+#include "client/verbs/words.h"
 
 namespace kvox::client {
 namespace {
-
-const Argument kProcessor = {"PROCESSOR", Kind::kProcessor, "Four characters such as art0"};
 
 int List(const Context& context) {
   const auto told = AskProcessors(context.daemon);
@@ -86,35 +84,35 @@ std::vector<Verb> ProcessorVerbs() {
       {"processor",
        "delete",
        "Delete a processor",
-       {kProcessor},
+       {ProcessorArgument()},
        {},
        "processor delete pass",
        Delete},
       {"processor",
        "info",
        "Tell what a processor is and holds",
-       {kProcessor},
+       {ProcessorArgument()},
        {},
        "--json processor info pass",
        Info},
       {"processor",
        "enable",
        "Let a processor work",
-       {kProcessor},
+       {ProcessorArgument()},
        {},
        "processor enable pass",
        [](const Context& context) { return Switch(context, true); }},
       {"processor",
        "disable",
        "Stop a processor's work",
-       {kProcessor},
+       {ProcessorArgument()},
        {},
        "processor disable pass",
        [](const Context& context) { return Switch(context, false); }},
       {"processor",
        "status",
        "Tell whether a processor is enabled",
-       {kProcessor},
+       {ProcessorArgument()},
        {},
        "processor status pass",
        Status},

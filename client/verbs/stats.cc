@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <numeric>
 
-#include "client/lookup.h"
 #include "client/verbs/report.h"
+#include "client/verbs/words.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
@@ -99,8 +99,7 @@ std::vector<Verb> StatsVerbs() {
       {"",
        "stats",
        "Tell how long processors work on their blocks",
-       {{"PROCESSOR", Kind::kProcessor, "Four characters such as art0; all when not given",
-         Arity::kOptional}},
+       {ProcessorArgument(Arity::kOptional)},
        {{"--entries", "COUNT", Kind::kNumber, "Keep so many times from now on, 0 to 261120"},
         {"--reset", nullptr, Kind::kText, "Forget what was measured"}},
        "stats pass",

@@ -1,6 +1,6 @@
-#include "client/lookup.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
+#include "client/verbs/words.h"
 
 namespace kvox::client {
 namespace {
@@ -8,9 +8,6 @@ namespace {
 constexpr int kLargestCore = 255;
 constexpr int kLongestBlock = INT32_MAX;
 constexpr int kLongestJitterBuffer = 65534;  // the daemon keeps 16 bits; the largest means unset
-constexpr int kLongestRampMs = 3'600'000;
-
-const Argument kTap = {"TAP", Kind::kTap, "Such as imic.0, or 2:imic.0 for core 2"};
 
 std::vector<int> CoresOf(const Context& context) {
   std::vector<int> cores;
@@ -70,8 +67,7 @@ int JitterBuffer(const Context& context) {
 
 int SetGain(const Context& context) {
   const float gain = Gain("GAIN", context.in.Get("GAIN"));
-  const std::string& ramp = context.in.Get("--ramp");
-  const int32_t ramp_ms = ramp.empty() ? 0 : Number("--ramp", ramp, 0, kLongestRampMs);
+  const int32_t ramp_ms = RampMs(context.in);
   return OnTap(context, "TapSetGain", &IKvox::TapSetGain, gain, ramp_ms);
 }
 
@@ -98,21 +94,21 @@ std::vector<Verb> TapVerbs() {
       {"tap",
        "info",
        "Tell what a tap point is and is bound to",
-       {kTap},
+       {TapArgument()},
        {},
        "tap info imic.0",
        Info},
       {"tap",
        "enable",
        "Let audio flow at a tap point",
-       {kTap},
+       {TapArgument()},
        {},
        "tap enable 2:imic.0",
        [](const Context& context) { return OnTap(context, "TapEnable", &IKvox::TapEnable, true); }},
       {"tap",
        "disable",
        "Stop the audio of a tap point",
-       {kTap},
+       {TapArgument()},
        {},
        "tap disable imic.0",
        [](const Context& context) {
@@ -121,16 +117,14 @@ std::vector<Verb> TapVerbs() {
       {"tap",
        "connect",
        "Bind a tap point to the buffers it streams into and takes audio from",
-       {kTap,
-        {"TAPOUT", Kind::kTapOut, "Tap-out buffer by name or number, or none"},
-        {"INJECT", Kind::kInject, "Inject buffer by name or number, or none"}},
+       {TapArgument(), TapOutArgument(), InjectArgument()},
        {},
        "tap connect genp.0 tapout0 inject0",
        Connect},
       {"tap",
        "disconnect",
        "Unbind a tap point from all buffers",
-       {kTap},
+       {TapArgument()},
        {},
        "tap disconnect genp.0",
        [](const Context& context) {
@@ -139,22 +133,22 @@ std::vector<Verb> TapVerbs() {
       {"tap",
        "block-length",
        "Set how many frames a packet of a tap point holds",
-       {kTap, {"FRAMES", Kind::kNumber, "At least 1"}},
+       {TapArgument(), {"FRAMES", Kind::kNumber, "At least 1"}},
        {},
        "tap block-length imic.0 960",
        BlockLength},
       {"tap",
        "jitter-buffer",
        "Set how many frames a tap point holds back",
-       {kTap, {"FRAMES", Kind::kNumber, "0 to 65534"}},
+       {TapArgument(), {"FRAMES", Kind::kNumber, "0 to 65534"}},
        {},
        "tap jitter-buffer genp.0 960",
        JitterBuffer},
       {"tap",
        "gain",
        "Set a tap point's gain",
-       {kTap, {"GAIN", Kind::kNumber, "Factor"}},
-       {{"--ramp", "MS", Kind::kNumber, "How long the change takes, 0 to 3600000 ms (0)"}},
+       {TapArgument(), GainArgument()},
+       {RampOption()},
        "tap gain imic.0 0.5 --ramp 20",
        SetGain},
   };

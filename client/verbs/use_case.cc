@@ -1,11 +1,9 @@
-#include "client/lookup.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
+#include "client/verbs/words.h"
 
 namespace kvox::client {
 namespace {
-
-constexpr int kLongestRampMs = 3'600'000;
 
 const Argument kUseCase = {"USECASE", Kind::kUseCase, "Name such as MIC_IN; case does not count"};
 
@@ -44,8 +42,7 @@ int Status(const Context& context) {
 
 int SetGain(const Context& context) {
   const float gain = Gain("GAIN", context.in.Get("GAIN"));
-  const std::string& ramp = context.in.Get("--ramp");
-  const int32_t ramp_ms = ramp.empty() ? 0 : Number("--ramp", ramp, 0, kLongestRampMs);
+  const int32_t ramp_ms = RampMs(context.in);
   const std::string name = LookUpUseCase(context.daemon, context.in.Get("USECASE"));
   const auto result =
       context.daemon.Call("UseCaseSetGain", &IKvox::UseCaseSetGain, name, gain, ramp_ms);
@@ -81,8 +78,8 @@ std::vector<Verb> UseCaseVerbs() {
       {"usecase",
        "gain",
        "Set a use case's gain",
-       {kUseCase, {"GAIN", Kind::kNumber, "Factor"}},
-       {{"--ramp", "MS", Kind::kNumber, "How long the change takes, 0 to 3600000 ms (0)"}},
+       {kUseCase, GainArgument()},
+       {RampOption()},
        "usecase gain MIC_IN 0.5 --ramp 20",
        SetGain},
   };

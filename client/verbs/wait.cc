@@ -2,8 +2,7 @@
 #include <cmath>
 #include <thread>
 
-#include "client/lookup.h"
-#include "client/verbs/verb.h"
+#include "client/verbs/words.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
@@ -12,6 +11,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kPause = std::chrono::milliseconds(20);
+
+/// A daemon that is only slow gets to say what is missing, even when time has just run out.
+constexpr auto kLeastForAnAnswer = std::chrono::milliseconds(1000);
 
 /// What may still change: everything else is no reason to go on waiting.
 bool MayChange(const Failure& failure) {
@@ -29,7 +31,7 @@ int WaitFor(const Context& context, const std::string& what, Check check) {
     try {
       const auto spent =
           std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
-      context.daemon.set_wait(std::max(whole - spent, std::chrono::milliseconds(1)));
+      context.daemon.set_wait(std::max(whole - spent, kLeastForAnAnswer));
       check();
       break;
     } catch (const Failure& failure) {
@@ -100,14 +102,14 @@ std::vector<Verb> WaitVerbs() {
       {"wait",
        "tap",
        "Wait until the co-processor has a tap point",
-       {{"TAP", Kind::kTap, "Such as imic.0, or 2:imic.0 for core 2"}},
+       {TapArgument()},
        {},
        "wait tap imic.0 --timeout 10",
        ForTap},
       {"wait",
        "processor",
        "Wait until a processor is there",
-       {{"PROCESSOR", Kind::kProcessor, "Four characters such as art0"}},
+       {ProcessorArgument()},
        {{"--enabled", nullptr, Kind::kText, "And until it is enabled"}},
        "wait processor art0 --enabled --timeout 10",
        ForProcessor},
