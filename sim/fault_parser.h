@@ -4,7 +4,7 @@
 #include <string>
 
 #include "sim/fault_spec.h"
-#include "sim/table_reader.h"
+#include "kvox/common/table_reader.h"
 
 namespace kvox::sim {
 

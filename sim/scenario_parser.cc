@@ -11,7 +11,7 @@
 #include "sim/fault_parser.h"
 #include "sim/samples.h"
 #include "sim/scenario.h"
-#include "sim/table_reader.h"
+#include "kvox/common/table_reader.h"
 
 namespace kvox::sim {
 namespace {

@@ -20,8 +20,8 @@ struct TapPoint {
   uint32_t block_length_frames = 0;
   uint32_t noninterleaved_samples = 0;
   uint32_t jitter_buffer_frames = 0;
-  std::string tapout;  // name of the buffer it streams into
-  std::string inject;  // name of the buffer it takes audio from
+  std::string tapout = {};  // name of the buffer it streams into
+  std::string inject = {};  // name of the buffer it takes audio from
   bool enabled = false;
 
   /// "imic.0"
@@ -44,12 +44,12 @@ struct Settings {
 };
 
 struct Processor {
-  std::string id;      // four characters
-  std::string type;    // four characters
-  std::string input;   // name of a tap-out buffer
-  std::string output;  // name of an inject buffer
+  std::string id = {};      // four characters
+  std::string type = {};    // four characters
+  std::string input = {};   // name of a tap-out buffer
+  std::string output = {};  // name of an inject buffer
   bool enabled = false;
-  std::optional<Settings> settings;  // where they were asked for
+  std::optional<Settings> settings = {};  // where they were asked for
 };
 
 enum class Direction { kTapOut, kInject };
@@ -58,8 +58,8 @@ struct Buffer {
   int id = 0;
   std::string name;
   Direction direction = Direction::kTapOut;
-  std::string producer;                // the processor that writes into it
-  std::vector<std::string> consumers;  // the processors that read from it
+  std::string producer = {};                // the processor that writes into it
+  std::vector<std::string> consumers = {};  // the processors that read from it
   bool enabled = false;
 };
 
@@ -67,10 +67,10 @@ struct Buffer {
 struct Path {
   std::string source;  // "imic.0"
   bool source_enabled = false;
-  std::string tapout;
+  std::string tapout = {};
   std::string processor;
   bool processor_enabled = false;
-  std::string inject;
+  std::string inject = {};
   std::string sink;
   bool sink_enabled = false;
 };

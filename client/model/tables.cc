@@ -300,4 +300,15 @@ std::optional<Settings> ReadSettings(const std::vector<IKvox::ParamValue>& value
                   .noninterleaved_samples = numbers[8]};
 }
 
+std::string CauseOf(const aidl::kvox::IKvox::CommandResult& result) {
+  const Lines lines = SplitLines(result.lines);
+  std::string text;
+  for (size_t i = 1; i < lines.size(); ++i) {
+    const size_t begin = lines[i].find_first_not_of(' ');
+    if (begin == std::string::npos) continue;
+    text += (text.empty() ? "" : "; ") + lines[i].substr(begin);
+  }
+  return text.empty() ? "the daemon answers " + toString(result.status) : text;
+}
+
 }  // namespace kvox::client

@@ -46,6 +46,9 @@ std::optional<Settings> ReadSettings(const std::vector<aidl::kvox::IKvox::ParamV
 /// What to ask GetParameterBulk for.
 std::vector<aidl::kvox::IKvox::ParamIdElementPair> SettingsPairs();
 
+/// Why the daemon refused, in one line: what follows the line that repeats the request.
+std::string CauseOf(const aidl::kvox::IKvox::CommandResult& result);
+
 /// The lines, each on its own.
 std::vector<std::string> SplitLines(const Lines& lines);
 

@@ -1,3 +1,5 @@
+#include "client/graph_picture.h"
+#include "client/standard_streams.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
 #include "client/verbs/words.h"
@@ -22,6 +24,10 @@ int Disconnect(const Context& context) {
 }
 
 int Graph(const Context& context) {
+  if (context.in.Has("--dot")) {
+    PrintOut(GraphAsDot(ReadSnapshot(context.daemon)));
+    return kDone;
+  }
   const auto told = AskGraph(context.daemon);
   context.out.List(told.lines, "paths", RecordsOf(told.items), told.unread);
   return kDone;
@@ -49,8 +55,8 @@ std::vector<Verb> ConnectionVerbs() {
        "graph",
        "Show the ways of the audio, from tap point to tap point",
        {},
-       {},
-       "graph",
+       {{"--dot", nullptr, Kind::kText, "Draw tap points, buffers and processors for Graphviz"}},
+       "graph --dot",
        Graph},
   };
 }

@@ -116,6 +116,7 @@ std::vector<Verb> DaemonVerbs();
 std::vector<Verb> IoVerbs();
 std::vector<Verb> ParameterVerbs();
 std::vector<Verb> ProcessorVerbs();
+std::vector<Verb> StateVerbs();
 std::vector<Verb> StatsVerbs();
 std::vector<Verb> TapVerbs();
 std::vector<Verb> UseCaseVerbs();

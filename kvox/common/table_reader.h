@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-namespace kvox::sim {
+namespace kvox {
 
 /// Where messages come from, and the first of them.
 struct Report {
@@ -74,7 +74,14 @@ class TableReader {
     value = *node->value<bool>();
   }
 
-  /// A file name, as a path from the scenario's directory; `where` is told for later messages.
+  void Read(std::string_view key, std::string& value, std::string_view expected) {
+    const toml::node* node = Find(key);
+    if (node == nullptr) return;
+    if (!node->is_string()) return Unfit(*node, key, expected);
+    value = *node->value<std::string>();
+  }
+
+  /// A file name, as a path from the document's directory; `where` is told for later messages.
   void ReadFile(std::string_view key, std::filesystem::path& file, std::string& where) {
     const toml::node* node = Require(key, "a file name");
     if (node == nullptr) return;
@@ -172,4 +179,4 @@ class TableReader {
   std::vector<std::string> known_;
 };
 
-}  // namespace kvox::sim
+}  // namespace kvox

@@ -1,0 +1,27 @@
+// Plans carried out at a daemon.
+#pragma once
+
+#include "client/daemon.h"
+#include "client/exit_status.h"
+#include "client/model/snapshot.h"
+#include "client/state/plan.h"
+
+namespace kvox::client {
+
+/// Sends one step. Throws Failure when the daemon is gone; a refusal is in the answer.
+IKvox::CommandResult Send(const Step& step, const Snapshot& snapshot, Daemon& daemon);
+
+/// How far a daemon was brought.
+struct Outcome {
+  std::vector<Step> done;
+  std::vector<Step> left;               // the first of them went wrong
+  ExitStatus status = kDone;            // of what went wrong
+  std::string cause;                    // likewise
+  std::vector<Difference> differences;  // that remain though nothing went wrong
+};
+
+/// Reads the file's `text`, and makes the daemon match it. Throws Failure as ReadState does, before
+/// anything is changed. Main thread.
+Outcome Apply(const std::string& text, const std::string& origin, bool keep, Daemon& daemon);
+
+}  // namespace kvox::client

@@ -1,0 +1,69 @@
+// What a daemon is set to do, and what it should be set to do. Pure.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "client/model/snapshot.h"
+
+namespace kvox::client {
+
+/// In a wanted state, a setting that is not given may be anything.
+struct ProcessorState {
+  std::string type = {};
+  std::string input = {};   // tap-out buffer, "" for none
+  std::string output = {};  // inject buffer, "" for none
+  bool enabled = false;
+  std::optional<bool> passthrough_mode = {};
+  std::optional<bool> test_mode = {};
+  std::optional<int32_t> block_length_frames = {};
+  std::optional<int32_t> jitter_buffer_frames = {};
+};
+
+struct TapState {
+  std::string tapout = {};  // "" for none
+  std::string inject = {};  // "" for none
+  bool enabled = false;
+  std::optional<uint32_t> block_length_frames = {};
+
+  bool idle() const { return !enabled && tapout.empty() && inject.empty(); }
+};
+
+/// Everything that `apply` can bring about.
+struct State {
+  std::map<std::string, ProcessorState> processors;  // by id
+  std::map<std::string, TapState> taps;              // by full name, "2:imic.0"
+  std::set<std::string> running;                     // buffers that are enabled
+  bool telephony = false;                            // the use case AREL_TELE is on
+};
+
+/// What the snapshot tells, with all of its tap points.
+State StateOf(const Snapshot& snapshot);
+
+/// How the use case of telephony is called.
+inline constexpr char kTelephony[] = "AREL_TELE";
+
+/// One property in which two states differ, as texts for people.
+struct Difference {
+  std::string object;    // "processor pass"
+  std::string property;  // "output"
+  std::string wanted;    // "inject0"
+  std::string actual;    // "none"
+};
+
+/// Inject buffers of processors that run, and which `wanted` therefore has running.
+std::set<std::string> FedInjects(const State& wanted);
+
+/// `wanted` as something `actual` can be compared with: with tap points that it leaves out off and
+/// unbound and with the inject buffers that its tap-outs feed running. With `keep`, what it leaves
+/// out is as it is now.
+State Complete(State wanted, const State& actual, bool keep);
+
+/// What of a complete wanted state is not so. Empty when the daemon is as it should be.
+std::vector<Difference> Differences(const State& wanted, const State& actual);
+
+}  // namespace kvox::client

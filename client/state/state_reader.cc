@@ -1,0 +1,229 @@
+#include <array>
+#include <optional>
+
+#include "client/lookup.h"
+#include "client/near_matches.h"
+#include "client/state/state_file.h"
+#include "kvox/common/fixed_text.h"
+#include "kvox/common/table_reader.h"
+
+namespace kvox::client {
+namespace {
+
+constexpr int64_t kSchema = 1;
+constexpr int64_t kLeastLength = 480;
+constexpr int64_t kMostLength = 24000;  // frames, of a processor's lengths
+constexpr int64_t kBlockStep = 480;
+constexpr char kNoName[] = "a name";
+
+/// Reads one document. The first thing that is wrong stays in the report.
+class Reader {
+ public:
+  Reader(const toml::table& document, const Snapshot& snapshot, kvox::Report& report)
+      : document_(document), snapshot_(snapshot), report_(report) {}
+
+  State Read() {
+    TableReader table(document_, "", report_);
+    int64_t schema = 0;
+    if (table.Require("schema", "1") != nullptr) table.Read("schema", schema, kSchema, kSchema);
+    ReadUseCases(table);
+    ReadRunning(table);
+    ReadAll(table, "processor", [this](TableReader& row) { ReadProcessor(row); });
+    ReadAll(table, "tap", [this](TableReader& row) { ReadTap(row); });
+    table.RejectUnknownKeys();
+    return std::move(state_);
+  }
+
+  bool names_unknown() const { return names_unknown_; }
+
+ private:
+  /// `[[key]]`, each of them a table.
+  template <typename ReadRow>
+  void ReadAll(TableReader& table, const char* key, ReadRow read) {
+    const toml::node* const node = table.Find(key);
+    if (node == nullptr) return;
+    if (!node->is_array_of_tables()) return table.Unfit(*node, key, fmt::format("[[{}]]", key));
+    size_t number = 0;
+    for (const toml::node& element : *node->as_array()) {
+      TableReader row(*element.as_table(), fmt::format("{}[{}]", key, ++number), report_);
+      read(row);
+      row.RejectUnknownKeys();
+    }
+  }
+
+  /// Calls `take(name, node)` for each text of a list.
+  template <typename Take>
+  void ReadNames(TableReader& table, const char* key, Take take) {
+    const toml::node* const node = table.Find(key);
+    if (node == nullptr) return;
+    if (!node->is_array()) return table.Unfit(*node, key, "a list of names");
+    for (const toml::node& element : *node->as_array()) {
+      if (!element.is_string()) return table.Unfit(element, key, "a list of names");
+      take(*element.value<std::string>(), element);
+    }
+  }
+
+  void ReadUseCases(TableReader& table) {
+    ReadNames(table, "use_cases", [&](const std::string& name, const toml::node& at) {
+      if (name == kTelephony) {
+        state_.telephony = true;
+        return;
+      }
+      table.Fail(at, "use_cases",
+                 fmt::format("the daemon does not tell whether '{}' is on; expected {} or nothing, "
+                             "and what other use cases set up as processors and tap points",
+                             name, kTelephony));
+    });
+  }
+
+  void ReadRunning(TableReader& table) {
+    ReadNames(table, "running", [&](const std::string& name, const toml::node& at) {
+      if (IsKnown(table, at, "running", "tap-out buffer", name, NamesOf(snapshot_.tapouts))) {
+        state_.running.insert(name);
+      }
+    });
+  }
+
+  void ReadProcessor(TableReader& row) {
+    const std::string id = ReadName(row, "id");
+    ProcessorState processor;
+    processor.type = ReadName(row, "type");
+    if (report_.failed()) return;
+    if (id.size() > 4) return row.Fail(At(row, "id"), "id", "expected four characters");
+    if (!IsKnown(row, At(row, "type"), "type", "processor type", processor.type, snapshot_.types)) {
+      return;
+    }
+    ReadBuffer(row, "input", Direction::kTapOut, processor.input);
+    ReadBuffer(row, "output", Direction::kInject, processor.output);
+    row.Read("enabled", processor.enabled);
+    ReadFlag(row, "passthrough_mode", processor.passthrough_mode);
+    ReadFlag(row, "test_mode", processor.test_mode);
+    ReadLength(row, "block_length_frames", kLeastLength, kBlockStep, processor.block_length_frames);
+    ReadLength(row, "jitter_buffer_frames", 0, 1, processor.jitter_buffer_frames);
+    for (const auto& [other, there] : state_.processors) {
+      if (processor.output.empty() || there.output != processor.output) continue;
+      return row.Fail(
+          At(row, "output"), "output",
+          fmt::format("processor {} writes '{}' already; expected another inject buffer", other,
+                      processor.output));
+    }
+    if (!state_.processors.emplace(id, processor).second) {
+      row.Fail(At(row, "id"), "id", fmt::format("'{}' is there twice; expected it once", id));
+    }
+  }
+
+  void ReadTap(TableReader& row) {
+    const std::string word = ReadName(row, "name");
+    if (report_.failed()) return;
+    const auto name = FullName(row, word);
+    if (!name) return;
+    TapState tap;
+    ReadBuffer(row, "tapout", Direction::kTapOut, tap.tapout);
+    ReadBuffer(row, "inject", Direction::kInject, tap.inject);
+    row.Read("enabled", tap.enabled);
+    if (row.Find("block_length_frames") != nullptr) {
+      row.Read("block_length_frames", tap.block_length_frames.emplace(), 1, INT32_MAX);
+    }
+    if (!state_.taps.emplace(*name, tap).second) {
+      row.Fail(At(row, "name"), "name",
+               fmt::format("'{}' is there twice; expected it once", *name));
+    }
+  }
+
+  /// "imic.0" as the one tap point that is called so.
+  std::optional<std::string> FullName(TableReader& row, const std::string& word) {
+    std::vector<std::string> names;
+    std::vector<std::string> found;
+    const auto wanted = ReadTapWord(word);
+    for (const TapPoint& tap : snapshot_.taps) {
+      names.push_back(wanted && wanted->core ? tap.FullName() : tap.Name());
+      if (word == tap.Name() || word == tap.FullName()) found.push_back(tap.FullName());
+    }
+    if (found.size() == 1) return found.front();
+    if (found.empty()) {
+      IsKnown(row, At(row, "name"), "name", "tap point", word, names);
+    } else {
+      row.Fail(At(row, "name"), "name",
+               fmt::format("'{}' may be any of {}; expected one", word, fmt::join(found, " ")));
+    }
+    return std::nullopt;
+  }
+
+  std::string ReadName(TableReader& row, const char* key) {
+    std::string name;
+    const toml::node* const node = row.Require(key, kNoName);
+    if (node == nullptr) return name;
+    row.Read(key, name, kNoName);
+    if (!report_.failed() && name.empty()) row.Unfit(*node, key, kNoName);
+    return name;
+  }
+
+  void ReadBuffer(TableReader& row, const char* key, Direction direction, std::string& name) {
+    row.Read(key, name, "a buffer's name");
+    if (name.empty()) return;
+    const bool tapout = direction == Direction::kTapOut;
+    IsKnown(row, At(row, key), key, tapout ? "tap-out buffer" : "inject buffer", name,
+            NamesOf(tapout ? snapshot_.tapouts : snapshot_.injects));
+  }
+
+  static void ReadFlag(TableReader& row, const char* key, std::optional<bool>& flag) {
+    if (row.Find(key) != nullptr) row.Read(key, flag.emplace());
+  }
+
+  /// 0 where `least` is 0, else a multiple of `step` within the range.
+  void ReadLength(TableReader& row, const char* key, int64_t least, int64_t step,
+                  std::optional<int32_t>& frames) {
+    const toml::node* const node = row.Find(key);
+    if (node == nullptr) return;
+    int64_t value = 0;
+    row.Read(key, value, least, kMostLength);
+    if (report_.failed()) return;
+    if (value % step != 0) row.Unfit(*node, key, fmt::format("a multiple of {}", step));
+    if (value != 0 && value < kLeastLength) {
+      row.Unfit(*node, key, fmt::format("0 or {} to {}", kLeastLength, kMostLength));
+    }
+    frames = static_cast<int32_t>(value);
+  }
+
+  bool IsKnown(TableReader& row, const toml::node& at, const char* key, const char* what,
+               const std::string& name, const std::vector<std::string>& names) {
+    if (std::ranges::count(names, name) > 0) return true;
+    names_unknown_ = names_unknown_ || !report_.failed();
+    row.Fail(at, key, NotFound(what, name, names, "'kvoxctl export' shows what there is"));
+    return false;
+  }
+
+  static std::vector<std::string> NamesOf(const std::vector<Buffer>& buffers) {
+    std::vector<std::string> names;
+    for (const Buffer& buffer : buffers) names.push_back(buffer.name);
+    return names;
+  }
+
+  static const toml::node& At(TableReader& row, const char* key) { return *row.Find(key); }
+
+  const toml::table& document_;
+  const Snapshot& snapshot_;
+  kvox::Report& report_;
+  State state_;
+  bool names_unknown_ = false;
+};
+
+}  // namespace
+
+State ReadState(std::string_view text, const std::string& origin, const Snapshot& snapshot) {
+  const toml::parse_result parsed = toml::parse(text, origin);
+  if (!parsed) {
+    throw Failure(kWrongUsage,
+                  fmt::format("{}:{}: {}; expected TOML", origin,
+                              parsed.error().source().begin.line, parsed.error().description()));
+  }
+  kvox::Report report{origin, {}, {}};
+  Reader reader(parsed.table(), snapshot, report);
+  State state = reader.Read();
+  if (report.failed()) {
+    throw Failure(reader.names_unknown() ? kNoObject : kWrongUsage, ValidUtf8(report.error));
+  }
+  return state;
+}
+
+}  // namespace kvox::client

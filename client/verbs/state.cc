@@ -1,0 +1,130 @@
+// export and apply: a daemon's state as a file.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "client/file.h"
+#include "client/standard_streams.h"
+#include "client/state/apply.h"
+#include "client/state/state_file.h"
+#include "client/verbs/records.h"
+#include "client/verbs/report.h"
+#include "client/verbs/verb.h"
+
+namespace kvox::client {
+namespace {
+
+constexpr size_t kLongestFile = 1 << 20;
+
+int Export(const Context& context) {
+  const Snapshot snapshot = ReadSnapshot(context.daemon);
+  PrintOut(context.out.json() ? StateAsJson(snapshot) : WriteState(snapshot));
+  if (snapshot.silent_cores.empty() && snapshot.unread == 0) return kDone;
+  context.out.Message(
+      "the file is not whole: some of the daemon's tables did not come, see its comments; run "
+      "'kvoxctl tap list' to see which, and the daemon's log for the reason");
+  return kRefused;
+}
+
+std::string ReadStandardInput() {
+  std::string text;
+  char part[4096];
+  for (;;) {
+    const ssize_t size = read(STDIN_FILENO, part, sizeof part);
+    if (size == 0) return text;
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0) throw UsageError(std::string("FILE: standard input: ") + strerror(errno));
+    text.append(part, static_cast<size_t>(size));
+    if (text.size() > kLongestFile) throw UsageError("FILE: standard input is longer than 1 MiB");
+  }
+}
+
+std::string ReadText(const std::string& path) {
+  if (path == "-") return ReadStandardInput();
+  const std::vector<uint8_t> bytes = ReadFile(path, kLongestFile);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+std::string Origin(const std::string& path) {
+  return path == "-" ? "standard input" : path;
+}
+
+int Compare(const Context& context, const std::string& path, bool keep) {
+  const Snapshot snapshot = ReadSnapshot(context.daemon);
+  const State actual = StateOf(snapshot);
+  const State wanted = Complete(ReadState(ReadText(path), Origin(path), snapshot), actual, keep);
+  std::vector<std::string> lines;
+  std::vector<Fields> records;
+  for (const Difference& difference : Differences(wanted, actual)) {
+    lines.push_back(difference.object + ": " + difference.property + ": wanted " +
+                    difference.wanted + ", actual " + difference.actual);
+    records.push_back({{"object", difference.object},
+                       {"property", difference.property},
+                       {"wanted", difference.wanted},
+                       {"actual", difference.actual}});
+  }
+  if (lines.empty()) lines.emplace_back("nothing differs");
+  context.out.List(lines, "differences", records);
+  return records.empty() ? kDone : kRefused;
+}
+
+/// Prints what was done; answers the exit status.
+int Tell(const Context& context, const std::string& origin, const Outcome& outcome) {
+  std::vector<std::string> lines;
+  std::vector<Fields> records;
+  for (const auto* steps : {&outcome.done, &outcome.left}) {
+    const bool done = steps == &outcome.done;
+    for (const Step& step : *steps) {
+      lines.push_back((done ? "done: " : "not done: ") + Describe(step));
+      records.push_back({{"step", Describe(step)}, {"done", done}});
+    }
+  }
+  if (lines.empty()) lines.emplace_back("nothing to do");
+  context.out.List(lines, "steps", records);
+  const std::string next = "; 'kvoxctl apply --dry-run' shows what differs";
+  if (!outcome.left.empty()) {
+    context.out.Message(Describe(outcome.left.front()) + ": " + outcome.cause +
+                        "; the steps before it are done, the others are not" + next);
+    return outcome.status;
+  }
+  if (outcome.differences.empty()) return kDone;
+  const Difference& first = outcome.differences.front();
+  context.out.Message(first.object + ": " + first.property + " is " + first.actual + " though " +
+                      origin + " wants " + first.wanted +
+                      " and the daemon accepted it; somebody else may have changed it" + next);
+  return kRefused;
+}
+
+int ApplyFile(const Context& context) {
+  const std::string& path = context.in.Get("FILE");
+  const bool keep = context.in.Has("--keep");
+  if (context.in.Has("--dry-run")) return Compare(context, path, keep);
+  return Tell(context, Origin(path), Apply(ReadText(path), Origin(path), keep, context.daemon));
+}
+
+}  // namespace
+
+std::vector<Verb> StateVerbs() {
+  return {
+      {"",
+       "export",
+       "Write what the daemon is set to do as TOML, for apply",
+       {},
+       {},
+       "export > phone.toml",
+       Export},
+      {"",
+       "apply",
+       "Make the daemon match a file that export has written",
+       {{"FILE", Kind::kFile, "The file, or - for standard input"}},
+       {{"--dry-run", nullptr, Kind::kText,
+         "Only show what differs, wanted and actual; exit status 1 when something does"},
+        {"--keep", nullptr, Kind::kText, "Leave what the file does not name as it is"}},
+       "apply --dry-run phone.toml",
+       ApplyFile},
+  };
+}
+
+}  // namespace kvox::client

@@ -1,0 +1,194 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "client/state/plan.h"
+#include "client/state/state_file.h"
+
+namespace kvox::client {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Action = Step::Action;
+
+/// States made of three of everything.
+class RandomStates {
+ public:
+  explicit RandomStates(uint32_t seed) : random_(seed) {}
+
+  State Next() {
+    State state;
+    state.telephony = Chance(4);
+    std::set<std::string> outputs;
+    for (const char* id : {"pass", "art0", "phbt"}) {
+      if (Chance(3)) continue;
+      ProcessorState& processor = state.processors[id];
+      processor = {.type = Chance(2) ? "pass" : "arel",
+                   .input = Maybe("tapout"),
+                   .output = Maybe("inject"),
+                   .enabled = Chance(2),
+                   .passthrough_mode = Chance(2),
+                   .test_mode = false,
+                   .block_length_frames = Chance(2) ? 480 : 960,
+                   .jitter_buffer_frames = Chance(2) ? 0 : 960};
+      // An inject buffer has one producer.
+      if (!outputs.insert(processor.output).second) processor.output.clear();
+    }
+    for (const char* name : {"2:imic.0", "2:genp.0", "3:amic.1"}) {
+      state.taps[name] = {.tapout = Maybe("tapout"),
+                          .inject = Maybe("inject"),
+                          .enabled = Chance(2),
+                          .block_length_frames = Chance(2) ? 480u : 960u};
+    }
+    for (const char* name : {"tapout0", "tapout1", "tapout2"}) {
+      if (Chance(2)) state.running.insert(name);
+    }
+    state.running.merge(FedInjects(state));
+    return state;
+  }
+
+  bool Chance(unsigned of) { return random_() % of == 0; }
+
+ private:
+  std::string Maybe(const char* name) {
+    return Chance(3) ? "" : name + std::to_string(random_() % 3);
+  }
+  std::mt19937 random_;
+};
+
+/// What must hold of the daemon when a step is about to be sent.
+void ExpectNothingHalfWired(const Step& step, const State& wanted, const State& now) {
+  const bool on_processor = step.action == Action::kDelete || step.action == Action::kNew ||
+                            step.action == Action::kSetParameter || step.action == Action::kConnect;
+  if (on_processor && now.processors.contains(step.object)) {
+    EXPECT_FALSE(now.processors.at(step.object).enabled) << Describe(step);
+  }
+  if (step.action == Action::kBind || step.action == Action::kSetBlockLength) {
+    EXPECT_FALSE(now.taps.at(step.object).enabled) << Describe(step);
+  }
+  if (step.action == Action::kConnect) {
+    for (const auto& [id, other] : now.processors) {
+      EXPECT_FALSE(other.enabled && id != step.object && !step.inject.empty() &&
+                   other.output == step.inject)
+          << Describe(step) << " takes the buffer of " << id;
+    }
+  }
+  const bool enables_tap = step.action == Action::kSwitchTap && step.on;
+  const bool enables_processor = step.action == Action::kSwitchProcessor && step.on;
+  for (const Difference& left : Differences(wanted, now)) {
+    if (enables_tap) {
+      EXPECT_EQ(left.object.find("tap point"), 0u) << Describe(step) << " before " << left.object;
+    }
+    if (enables_processor && left.object == "processor " + step.object) {
+      EXPECT_EQ(left.property, "enabled") << Describe(step);
+    }
+  }
+}
+
+/// The steps from one state to the other, carried out; the use case has its own round.
+State Carry(const State& wanted, State now) {
+  for (int round = 0; round < 2; ++round) {
+    for (const Step& step : Plan(wanted, now)) {
+      ExpectNothingHalfWired(step, wanted, now);
+      Perform(step, now);
+    }
+  }
+  return now;
+}
+
+TEST(Plan, LeadsFromAnyStateToAnyOther) {
+  for (uint32_t seed = 0; seed < 3000 && !::testing::Test::HasFailure(); ++seed) {
+    SCOPED_TRACE(seed);
+    RandomStates states(seed);
+    const State actual = states.Next();
+    State file = states.Next();
+    const bool keep = states.Chance(2);
+    if (keep) file.taps.erase("2:genp.0");
+    const State wanted = Complete(file, actual, keep);
+    const State after = Carry(wanted, actual);
+    EXPECT_TRUE(Differences(wanted, after).empty());
+    EXPECT_TRUE(Plan(wanted, after).empty()) << "a second time there is nothing to do";
+  }
+}
+
+TEST(Plan, TouchesNothingThatStays) {
+  State actual;
+  actual.processors["pass"] = {
+      .type = "pass", .input = "tapout0", .output = "inject0", .enabled = true};
+  actual.taps["2:genp.0"] = {.tapout = "tapout0", .inject = "inject0", .enabled = true};
+  actual.taps["2:imic.0"] = {.tapout = "tapout1", .enabled = true};
+  actual.running = {"inject0", "tapout0", "tapout1"};
+  State wanted = actual;
+  wanted.taps["2:imic.0"].tapout = "tapout2";
+  std::vector<std::string> steps;
+  for (const Step& step : Plan(wanted, actual)) steps.push_back(Describe(step));
+  EXPECT_THAT(steps, ::testing::ElementsAre("tap point 2:imic.0: disable",
+                                            "tap point 2:imic.0: bind to tapout2",
+                                            "tap point 2:imic.0: enable"));
+}
+
+Snapshot Phone() {
+  Snapshot snapshot;
+  snapshot.types = {"pass", "arel"};
+  snapshot.processors = {{.id = "a\"b\\",
+                          .type = "pass",
+                          .input = "tapout0",
+                          .output = "inject0",
+                          .enabled = true,
+                          .settings = Settings{.test_mode = true, .block_length_frames = 960}}};
+  snapshot.taps = {{.core = 2, .code = "imic", .block_length_frames = 480, .tapout = "tapout0"},
+                   {.core = 2, .code = "genp", .index = 1},
+                   {.core = 3, .code = "genp", .index = 1, .enabled = true}};
+  snapshot.tapouts = {{.id = 0, .name = "tapout0", .enabled = true}, {.id = 2, .name = "tapout2"}};
+  snapshot.injects = {{.id = 0, .name = "inject0", .direction = Direction::kInject}};
+  return snapshot;
+}
+
+TEST(StateFile, WhatIsWrittenIsReadBack) {
+  const Snapshot phone = Phone();
+  const std::string text = WriteState(phone);
+  const State actual = StateOf(phone);
+  const State read = Complete(ReadState(text, "phone.toml", phone), actual, false);
+  // The inject buffer does not run yet, though its tap-out does.
+  const auto differences = Differences(read, actual);
+  ASSERT_EQ(differences.size(), 1u) << text;
+  EXPECT_EQ(differences[0].object, "buffer inject0");
+  EXPECT_EQ(text.find("genp.1\"\ntapout"), std::string::npos);
+  EXPECT_THAT(text, ::testing::Not(HasSubstr("\"2:genp.1\""))) << "idle";
+}
+
+TEST(StateFile, WhatIsWrongIsNamedByLineAndKey) {
+  const Snapshot phone = Phone();
+  const auto problem = [&](const std::string& text, ExitStatus status = kWrongUsage) {
+    try {
+      ReadState("schema = 1\n" + text, "f", phone);
+    } catch (const Failure& failure) {
+      EXPECT_EQ(failure.status(), status) << text;
+      return std::string(failure.what());
+    }
+    return std::string("nothing");
+  };
+  EXPECT_THAT(problem("[[processor]\n"), HasSubstr("f:2: "));
+  EXPECT_THAT(problem("runing = []"), HasSubstr("f:2: runing: unknown key; expected one of"));
+  EXPECT_THAT(problem("tap = 5"), HasSubstr("f:2: tap: found 5; expected [[tap]]"));
+  EXPECT_THAT(problem("use_cases = ['MIC_IN']"), HasSubstr("does not tell whether 'MIC_IN' is on"));
+  EXPECT_THAT(problem("running = ['tapout1']", kNoObject),
+              HasSubstr("f:2: running: there is no tap-out buffer 'tapout1'; did you mean"));
+  EXPECT_THAT(problem("[[tap]]\nname = 'imik.0'", kNoObject), HasSubstr("f:3: tap[1].name"));
+  EXPECT_THAT(problem("[[tap]]\nname = 'genp.1'"), HasSubstr("any of 2:genp.1 3:genp.1"));
+  EXPECT_THAT(problem("[[tap]]\nname='imic.0'\n[[tap]]\nname='2:imic.0'"), HasSubstr("twice"));
+  const std::string processor = "[[processor]]\nid = 'p'\ntype = 'pass'\n";
+  EXPECT_THAT(problem("[[processor]]\nid = 'p'"), HasSubstr("f:2: processor[1].type: missing"));
+  EXPECT_THAT(problem(processor + "output = 'inject0'\n[[processor]]\nid='q'\ntype='pass'\n"
+                                  "output = 'inject0'"),
+              HasSubstr("f:9: processor[2].output: processor p writes 'inject0' already"));
+  EXPECT_THAT(problem(processor + "block_length_frames = 500"), HasSubstr("a multiple of 480"));
+  EXPECT_THAT(problem(processor + "jitter_buffer_frames = 24001"), HasSubstr("from 0 to 24000"));
+  EXPECT_THAT(problem(processor + "enabled = 1"), HasSubstr("found 1; expected true or false"));
+  EXPECT_EQ(problem(processor), "nothing");
+}
+
+}  // namespace
+}  // namespace kvox::client
