@@ -113,7 +113,7 @@ std::vector<Verb> StateVerbs() {
        "Write what the daemon is set to do as TOML, for apply",
        {},
        {},
-       "export > phone.toml",
+       "export",
        Export},
       {"",
        "apply",
