@@ -24,7 +24,7 @@ std::string Section(const char* heading, const std::vector<Line>& lines) {
 }
 
 std::string Shown(const Argument& argument) {
-  const std::string name = argument.name;
+  std::string name = argument.name;
   switch (argument.arity) {
     case Arity::kOptional:
       return "[" + name + "]";

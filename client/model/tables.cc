@@ -21,7 +21,7 @@ std::string Trim(std::string_view text) {
 }
 
 /// "-" and "NC" stand for nothing.
-std::string NameOrNone(std::string name) {
+std::string NameOrNone(const std::string& name) {
   return name == "-" || name == "NC" ? "" : name;
 }
 
@@ -34,7 +34,7 @@ class Row {
 
   /// A column of fixed width, which may hold blanks, and the blank behind it.
   std::string Column(size_t width) {
-    const std::string column = Trim(text_.substr(0, width));
+    std::string column = Trim(text_.substr(0, width));
     good_ = good_ && !column.empty();
     Skip(width + 1);
     return column;
@@ -258,7 +258,7 @@ std::vector<std::string> ReadNames(const Lines& lines) {
   std::vector<std::string> names;
   for (const std::string& line : lines) {
     std::string_view rest = line;
-    rest.remove_prefix(rest.find(":") == rest.npos ? 0 : rest.find(":") + 1);
+    rest.remove_prefix(rest.find(':') + 1);  // nothing where there is none: npos + 1 is 0
     for (Row row(rest); !Trim(row.rest()).empty();) names.push_back(row.Word());
   }
   return names;

@@ -1,9 +1,10 @@
+#include <fmt/format.h>
+
 #include <chrono>
 #include <cmath>
 #include <thread>
 
 #include "client/verbs/words.h"
-#include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
 namespace {
@@ -40,10 +41,8 @@ int WaitFor(const Context& context, const std::string& what, Check check) {
       reason = failure.what();
     }
     if (Clock::now() + kPause - begin >= whole) {
-      throw Failure(kTimedOut,
-                    what + " did not come within " +
-                        FormatText<32>("%g", std::chrono::duration<double>(whole).count()) +
-                        " s: " + reason);
+      throw Failure(kTimedOut, fmt::format("{} did not come within {} s: {}", what,
+                                           std::chrono::duration<double>(whole).count(), reason));
     }
     std::this_thread::sleep_for(kPause);
   }
