@@ -43,9 +43,9 @@ const std::vector<Noun>& AllNouns() {
 const std::vector<Verb>& AllVerbs() {
   static const std::vector<Verb> verbs = [] {
     std::vector<Verb> all;
-    for (const auto rows :
-         {ProcessorVerbs, TapVerbs, BufferVerbs, ConnectionVerbs, UseCaseVerbs, ParameterVerbs,
-          IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs, AudioVerbs, DaemonVerbs, CallVerbs}) {
+    for (const auto rows : {ProcessorVerbs, TapVerbs, BufferVerbs, ConnectionVerbs, UseCaseVerbs,
+                            ParameterVerbs, IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs, LiveVerbs,
+                            AudioVerbs, DaemonVerbs, CallVerbs}) {
       auto some = rows();
       std::move(some.begin(), some.end(), std::back_inserter(all));
     }
