@@ -117,6 +117,7 @@ void Take(const Common& common, CommandLine& line) {
   if (common.short_form) line.format = Format::kShort;
   line.color = ReadColor(common.color);
   line.wait = ReadTimeout(common.timeout_s);
+  if (!common.timeout_s.empty()) line.in.words["--timeout"] = {common.timeout_s};
 }
 
 const Noun* FindNoun(const std::string& word) {

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "client/call_deadline.h"
@@ -14,7 +15,10 @@ namespace kvox::client {
 
 using aidl::kvox::IKvox;
 
-/// Main thread.
+/// In place of the longest wait: the caller sees to it that none lasts for ever.
+constexpr std::chrono::milliseconds kNoLimit{0};
+
+/// One thread; the main thread, unless it is made with kNoLimit.
 class Daemon {
  public:
   /// `wait` is the longest for one answer, after which the program ends with `status_at_timeout`.
@@ -39,7 +43,8 @@ class Daemon {
   template <typename Function>
   void Run(const char* method, Function call) {
     IKvox& daemon = *kvox();
-    const CallDeadline deadline(method, status_at_timeout_, wait_);
+    std::optional<CallDeadline> deadline;
+    if (wait_ != kNoLimit) deadline.emplace(method, status_at_timeout_, wait_);
     Check(method, call(daemon));
   }
 

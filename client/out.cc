@@ -114,7 +114,7 @@ void Out::Text(const std::vector<std::string>& lines) const {
 }
 
 void Out::List(const std::vector<std::string>& lines, const char* key,
-               const std::vector<Fields>& records, int unread) const {
+               const std::vector<Fields>& records, int unread, const Fields& head) const {
   if (format_ == Format::kText) return Text(lines);
   if (unread > 0) {
     Message(
@@ -125,8 +125,9 @@ void Out::List(const std::vector<std::string>& lines, const char* key,
   std::string text;
   if (format_ == Format::kJson) {
     for (const Fields& record : records) text += (text.empty() ? "" : ", ") + AsJson(record);
-    text = fmt::format("{{\"schema\": {}, \"{}\": [{}], \"unread_rows\": {}}}\n", kSchema, key,
-                       text, unread);
+    const std::string fields = JoinedFields(head);
+    text = fmt::format("{{\"schema\": {}{}{}, \"{}\": [{}], \"unread_rows\": {}}}\n", kSchema,
+                       fields.empty() ? "" : ", ", fields, key, text, unread);
   } else {
     for (const Fields& record : records) text += AsColumns(record) + "\n";
   }

@@ -32,9 +32,9 @@ class Out {
  public:
   Out(Format format, Color color) : format_(format), color_(color) {}
 
-  /// A list; in JSON under `key`.
+  /// A list; in JSON under `key`, behind the fields of `head`.
   void List(const std::vector<std::string>& lines, const char* key,
-            const std::vector<Fields>& records, int unread = 0) const;
+            const std::vector<Fields>& records, int unread = 0, const Fields& head = {}) const;
 
   /// One object, whose fields stand in the JSON document itself.
   void One(const std::vector<std::string>& lines, const Fields& record) const;

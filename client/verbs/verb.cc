@@ -44,7 +44,7 @@ const std::vector<Verb>& AllVerbs() {
   static const std::vector<Verb> verbs = [] {
     std::vector<Verb> all;
     for (const auto rows : {ProcessorVerbs, TapVerbs, BufferVerbs, ConnectionVerbs, UseCaseVerbs,
-                            ParameterVerbs, IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs,
+                            ParameterVerbs, IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs, LiveVerbs,
                             StateVerbs, AudioVerbs, DaemonVerbs, CallVerbs}) {
       auto some = rows();
       std::move(some.begin(), some.end(), std::back_inserter(all));

@@ -115,6 +115,7 @@ std::vector<Verb> ConnectionVerbs();
 std::vector<Verb> DaemonVerbs();
 std::vector<Verb> IoVerbs();
 std::vector<Verb> ParameterVerbs();
+std::vector<Verb> LiveVerbs();
 std::vector<Verb> ProcessorVerbs();
 std::vector<Verb> StateVerbs();
 std::vector<Verb> StatsVerbs();
