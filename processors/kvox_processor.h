@@ -79,6 +79,7 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   virtual void onCallbackDeath();
   virtual void onCallbackUnlinked();
   virtual int32_t SetStatsMaxBufferSize(uint32_t entries);
+  uint32_t stats_entries() const { return stats_.buffer_size(); }
   virtual int32_t GetStats(IKvox::ProcessorStats* stats);
   virtual int32_t ResetStats();
 

@@ -1,6 +1,7 @@
 // Commands that reach one processor directly: a client's audio, and the processing statistics. They
 // answer by the status alone.
 
+#include "kvox/common/log.h"
 #include "service/kvox_service.h"
 
 namespace kvox {
@@ -17,6 +18,10 @@ KvoxService::Status Apply(const std::shared_ptr<KvoxProcessor>& processor, Opera
   }
   return KvoxService::Status::ok();
 }
+
+/// Statistics entries of all processors together: 16 MiB, for a few clients that keep the most of
+/// one processor. Else a few small calls could take a gigabyte.
+constexpr uint64_t kMaxStatsEntriesOfAll = (16u << 20) / sizeof(float);
 
 }  // namespace
 
@@ -41,9 +46,21 @@ KvoxService::Status KvoxService::RegisterReceiveAudioCallback(
 
 KvoxService::Status KvoxService::ProcessorSetStatsMaxBufferEntries(int32_t id, int32_t entries,
                                                                    CommandResult* result) {
+  uint64_t others = 0;
+  for (const auto& processor : Processors()) {
+    if (processor->id() != static_cast<FourCc>(id)) others += processor->stats_entries();
+  }
   return Apply(
       FindProcessor(static_cast<FourCc>(id)),
       [&](KvoxProcessor& processor) {
+        if (entries > 0 && others + static_cast<uint32_t>(entries) > kMaxStatsEntriesOfAll) {
+          LogError(
+              "%s: no room for %d statistics entries, the other processors have %llu of %llu; "
+              "set theirs to less",
+              processor.id_text(), entries, static_cast<unsigned long long>(others),
+              static_cast<unsigned long long>(kMaxStatsEntriesOfAll));
+          return -1;
+        }
         return processor.SetStatsMaxBufferSize(static_cast<uint32_t>(entries));
       },
       result);

@@ -35,7 +35,9 @@ uint64_t CallTable::Add(WaitingCall* call) {
 
 bool CallTable::Remove(uint64_t number) {
   MutexLock lock(mutex_);
-  return RemoveLocked(number) != nullptr;
+  if (RemoveLocked(number) == nullptr) return false;
+  given_up_.push_back(number);
+  return true;
 }
 
 WaitingCall* CallTable::RemoveLocked(uint64_t number) {
@@ -55,7 +57,7 @@ bool CallTable::Finish(uint64_t number, binder_status_t status, std::unique_ptr<
     call = RemoveLocked(number);
     if (call == nullptr) {
       *stray = std::move(reply);
-      return number != 0 && number <= last_number_;
+      return std::erase(given_up_, number) > 0;
     }
   }
   call->Finish(status, std::move(reply));

@@ -37,10 +37,10 @@ class CallTable {
  public:
   /// Answers the call's number. `call` stays until it is finished or removed.
   uint64_t Add(WaitingCall* call);
-  /// False when someone else has taken the call out and finishes it.
+  /// Gives a call up. False when someone else has taken the call out and finishes it.
   bool Remove(uint64_t number);
-  /// Hands a reply over. False when no call ever had that number; the reply of a call that was
-  /// given up is dropped into `stray`.
+  /// Hands a reply over. False when no call that has not had its reply has that number; the reply
+  /// of a call that was given up is dropped into `stray`.
   bool Finish(uint64_t number, binder_status_t status, std::unique_ptr<AParcel> reply,
               std::unique_ptr<AParcel>* stray);
   void FinishAll(binder_status_t status);
@@ -55,6 +55,7 @@ class CallTable {
   mutable Mutex mutex_;
   uint64_t last_number_ GUARDED_BY(mutex_) = 0;
   Calls calls_ GUARDED_BY(mutex_);
+  std::vector<uint64_t> given_up_ GUARDED_BY(mutex_);  // and not answered yet
 };
 
 }  // namespace kvox::binder

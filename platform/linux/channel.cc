@@ -132,10 +132,15 @@ bool Channel::open() const {
 
 void Channel::OnReadable(bufferevent* stream, void* channel) {
   auto* self = static_cast<Channel*>(channel);
-  const size_t needed = self->owner_.OnInput(bufferevent_get_input(stream));
-  if (needed == 0 || needed == self->needed_) return;
-  self->needed_ = needed;
-  bufferevent_setwatermark(stream, EV_READ, needed, kMaxFrameSize);
+  evbuffer* const input = bufferevent_get_input(stream);
+  const size_t needed = self->owner_.OnInput(input);
+  if (needed == 0) return;
+  if (needed != std::exchange(self->needed_, needed)) {
+    bufferevent_setwatermark(stream, EV_READ, needed, kMaxFrameSize);
+  }
+  MutexLock lock(self->mutex_);
+  if (!self->reading_ || self->aborted_ || evbuffer_get_length(input) < needed) return;
+  bufferevent_trigger(stream, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);  // later, not from here
 }
 
 void Channel::OnDrained(bufferevent* stream, void* channel) {

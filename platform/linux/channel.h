@@ -18,8 +18,9 @@ namespace kvox::binder {
 /// under the channel's.
 class ChannelOwner {
  public:
-  /// Takes what it can from the front of `input`. Answers how many bytes it must hold for the next
-  /// call to be of use, or 0 when the channel was closed.
+  /// Takes what it can from the front of `input`, or a part of it: then it is called again after
+  /// the others had their turn. Answers how many bytes it must hold for the next call to be of use,
+  /// or 0 when the channel was closed.
   virtual size_t OnInput(evbuffer* input) = 0;
   /// The peer is gone, or Abort was called. The owner closes the channel.
   virtual void OnBroken() = 0;

@@ -1,11 +1,14 @@
 #include "platform/linux/connection.h"
 
 #include <event2/buffer.h>
+#include <malloc.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <utility>
 
 #include "kvox/common/log.h"
+#include "platform/linux/cut_off_log.h"
 #include "platform/linux/parcel.h"
 #include "platform/linux/reactor.h"
 #include "platform/linux/remote_object.h"
@@ -39,6 +42,16 @@ const char* CheckHeader(const FrameHeader& header) {
   return "a frame of unknown type";
 }
 
+/// Gives free memory back to the system once the last of a connection's is free.
+void TrimSoon() {
+  static std::atomic<bool> pending = false;
+  if (pending.exchange(true)) return;
+  Reactor::Get().RunLater(kTrimPause, [] {
+    pending = false;
+    ThreadPool::Get().Post([] { malloc_trim(0); });
+  });
+}
+
 iovec Part(const void* bytes, size_t size) {
   return {const_cast<void*>(bytes), size};
 }
@@ -55,7 +68,7 @@ Caller PeerOf(int fd) {
 }
 
 Connection::Connection(const Caller& peer, std::shared_ptr<ServicePort> port)
-    : peer_(peer), port_(std::move(port)), greeted_(port_ == nullptr) {}
+    : RequestQueue(peer), peer_(peer), port_(std::move(port)), greeted_(port_ == nullptr) {}
 
 void Connection::Accept(UniqueFd fd, const Caller& peer, std::shared_ptr<ServicePort> port) {
   const ndk::SpAIBinder root = port->root();
@@ -183,7 +196,7 @@ size_t Connection::OnInput(evbuffer* input) {
     return 0;
   }
   FrameHeader header;
-  while (true) {
+  for (int taken = 0; taken < kMaxFramesAtOnce; ++taken) {
     const size_t size = evbuffer_get_length(input);
     if (size < sizeof header) return sizeof header;
     const bool full = ThreadPool::Get().Full(*this);
@@ -201,6 +214,7 @@ size_t Connection::OnInput(evbuffer* input) {
       return 0;
     }
   }
+  return sizeof header;
 }
 
 const char* Connection::TakeGreeting(evbuffer* input) {
@@ -215,6 +229,7 @@ const char* Connection::TakeGreeting(evbuffer* input) {
 
 const char* Connection::TakeFrame(const FrameHeader& header, evbuffer* input) {
   evbuffer_drain(input, sizeof header);
+  received_ += header.FrameSize();
   if (header.type == FrameType::kRelease) {
     ndk::SpAIBinder last;
     if (!objects_.GiveBack(header.address, header.call, &last)) return "a false release";
@@ -290,12 +305,10 @@ void Connection::Close(const char* fault) {
   }
   // The log may block as well, which the reactor must not.
   ThreadPool::Get().Post([held = std::move(remains), fault, peer = peer_] {
-    if (fault != nullptr) {
-      LogWarning("binder: process %d of user %u was cut off: it sent %s", peer.pid, peer.uid,
-                 fault);
-    }
+    if (fault != nullptr) ReportCutOff(peer, fault);
     for (const auto& link : held->links) link->ReportDeath();
   });
+  if (received_ >= kTrimBytes) TrimSoon();
 }
 
 }  // namespace kvox::binder

@@ -73,10 +73,11 @@ class Connection final : public RequestQueue, private ChannelOwner {
   const char* TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel);
 
   const Caller peer_;
-  // The next three are the reactor's.
+  // The next four are the reactor's.
   std::shared_ptr<ServicePort> port_;  // null: the client's end, or closed
   bool greeted_;
   bool closed_ = false;
+  size_t received_ = 0;
   Channel channel_{*this};
   ObjectTable objects_;
   CallTable calls_;

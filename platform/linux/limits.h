@@ -44,18 +44,36 @@ inline constexpr size_t kPauseRequestBytes = 2 * 1024 * 1024;
 
 /// While we wait for a reply of that very peer its connection must be read on, whatever waits. A
 /// peer that uses that to pile up requests is cut off here.
-inline constexpr size_t kMaxRequests = 1024;
-inline constexpr size_t kMaxRequestBytes = 16 * 1024 * 1024;
+inline constexpr size_t kMaxRequests = 256;
+inline constexpr size_t kMaxRequestBytes = 4 * 1024 * 1024;
 
 /// A peer that leaves this many bytes unread is not read from, and gets no further request served,
 /// until it reads: one reply of full size never stops anything.
 inline constexpr size_t kPauseUnsentBytes = 2 * 1024 * 1024;
 
-/// Calls to such a peer go on until this much waits for it; then it is cut off.
-inline constexpr size_t kMaxUnsentBytes = 16 * 1024 * 1024;
+/// Calls to such a peer go on until this much waits for it; then it is cut off. Replies alone never
+/// get here: beyond the bound above only the pool's threads finish what they are at.
+inline constexpr size_t kMaxUnsentBytes = 8 * 1024 * 1024;
 
-/// One read of the reactor takes at most this much, so that no peer keeps it from the others.
-inline constexpr size_t kMaxSingleRead = 256 * 1024;
+/// What the reactor does for one peer before it looks after the others: bytes of one read, frames
+/// taken, clients accepted. Each is a fraction of a millisecond.
+inline constexpr size_t kMaxSingleRead = 64 * 1024;
+inline constexpr int kMaxFramesAtOnce = 16;
+inline constexpr int kMaxAcceptsAtOnce = 16;
+
+/// And after so many of these it asks the system which others have sent something.
+inline constexpr int kMaxCallbacksAtOnce = 8;
+
+/// Blocks of this size are memory of their own, which the system gets back when they are freed.
+inline constexpr int kMmapBytes = 128 * 1024;
+
+/// A connection that has brought this much leaves enough free memory behind to give it back to the
+/// system, after what of it is still in use has gone as well.
+inline constexpr size_t kTrimBytes = 1024 * 1024;
+inline constexpr std::chrono::seconds kTrimPause{1};
+
+/// Lines about peers that were cut off; more than that are counted.
+inline constexpr int kCutOffLinesPerSecond = 8;
 
 /// How long either side waits for the other's first bytes. They are sent without being asked for,
 /// so only a stopped process takes longer.

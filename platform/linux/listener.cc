@@ -9,6 +9,7 @@
 #include "kvox/common/log.h"
 #include "platform/linux/connection.h"
 #include "platform/linux/frames.h"
+#include "platform/linux/limits.h"
 #include "platform/linux/thread_pool.h"
 
 namespace kvox::binder {
@@ -54,7 +55,8 @@ void Listener::OnPauseOver(int, short, void* listener) {
 }
 
 void Listener::AcceptAll() {
-  while (true) {
+  // Who is left is accepted after the others had their turn.
+  for (int i = 0; i < kMaxAcceptsAtOnce; ++i) {
     UniqueFd client(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client.valid()) {
       const Caller peer = PeerOf(client.get());

@@ -11,12 +11,18 @@ binder_status_t WriteCount(AParcel* parcel, int32_t length, bool no_data) {
   return parcel->Write(length);
 }
 
-/// Reads the count. More elements than there are bytes left cannot be.
-binder_status_t ReadCount(const AParcel* parcel, int32_t* length) {
+/// No element that is written by itself is smaller.
+constexpr size_t kLeastElement = 4;
+
+/// Reads the count. More elements of that size than there are bytes left cannot be, and nothing is
+/// allocated for them.
+binder_status_t ReadCount(const AParcel* parcel, int32_t* length, size_t least_element) {
   const binder_status_t status = parcel->Read(length);
   if (status != STATUS_OK) return status;
   if (*length < -1) return STATUS_BAD_VALUE;
-  if (*length >= 0 && static_cast<size_t>(*length) > parcel->BytesLeft()) return STATUS_NO_MEMORY;
+  if (*length >= 0 && static_cast<size_t>(*length) > parcel->BytesLeft() / least_element) {
+    return STATUS_NO_MEMORY;
+  }
   return STATUS_OK;
 }
 
@@ -35,7 +41,7 @@ template <typename T>
 binder_status_t ReadPacked(const AParcel* parcel, void* array,
                            bool (*allocator)(void*, int32_t, T**)) {
   int32_t length = 0;
-  const binder_status_t status = ReadCount(parcel, &length);
+  const binder_status_t status = ReadCount(parcel, &length, sizeof(T));
   if (status != STATUS_OK) return status;
   T* buffer = nullptr;
   if (length < 0) return allocator(array, length, &buffer) ? STATUS_OK : STATUS_UNEXPECTED_NULL;
@@ -81,7 +87,7 @@ binder_status_t AParcel_readStringArray(const AParcel* parcel, void* arrayData,
                                         AParcel_arrayAllocator allocator,
                                         AParcel_stringArrayElementAllocator elementAllocator) {
   int32_t length = 0;
-  binder_status_t status = ReadCount(parcel, &length);
+  binder_status_t status = ReadCount(parcel, &length, kLeastElement);
   if (status != STATUS_OK) return status;
   if (!allocator(arrayData, length)) return STATUS_NO_MEMORY;
   struct Element {
@@ -112,7 +118,7 @@ binder_status_t AParcel_readParcelableArray(const AParcel* parcel, void* arrayDa
                                             AParcel_arrayAllocator allocator,
                                             AParcel_readParcelableElement elementReader) {
   int32_t length = 0;
-  binder_status_t status = ReadCount(parcel, &length);
+  binder_status_t status = ReadCount(parcel, &length, kLeastElement);
   if (status != STATUS_OK) return status;
   if (!allocator(arrayData, length)) return STATUS_NO_MEMORY;
   for (int32_t i = 0; i < length && status == STATUS_OK; ++i) {

@@ -1,14 +1,31 @@
 #include "platform/linux/reactor.h"
 
 #include <event2/thread.h>
+#include <malloc.h>
 
 #include <system_error>
 #include <utility>
 
 #include "kvox/common/log.h"
 #include "platform/linux/connection.h"
+#include "platform/linux/limits.h"
 
 namespace kvox::binder {
+namespace {
+
+/// A loop that does not work off all that has happened before it asks what else has.
+event_base* NewBase() {
+  event_config* config = event_config_new();
+  if (config == nullptr) return nullptr;
+  event_base* base = nullptr;
+  if (event_config_set_max_dispatch_interval(config, nullptr, kMaxCallbacksAtOnce, 0) == 0) {
+    base = event_base_new_with_config(config);
+  }
+  event_config_free(config);
+  return base;
+}
+
+}  // namespace
 
 Reactor& Reactor::Get() {
   static Reactor* const reactor = new Reactor;  // outlives every thread, also at exit
@@ -18,8 +35,11 @@ Reactor& Reactor::Get() {
 event_base* Reactor::Start() {
   MutexLock lock(mutex_);
   if (base_ != nullptr) return base_;
+  // The library raises this by itself to the largest block that was ever freed, and then keeps as
+  // much. A peer's largest frames shall go back to the system as soon as they are done with.
+  mallopt(M_MMAP_THRESHOLD, kMmapBytes);
   evthread_use_pthreads();
-  event_base* base = event_base_new();
+  event_base* base = NewBase();
   if (base == nullptr) {
     LogError("binder: no event loop: the process is out of descriptors or memory");
     return nullptr;
@@ -59,6 +79,15 @@ void Reactor::Stop() {
   // libevent frees a stream and closes its socket on the loop.
   event_base_loop(base, EVLOOP_NONBLOCK);
   event_base_free(base);
+}
+
+void Reactor::RunLater(std::chrono::seconds time, void (*function)()) {
+  const timeval delay{.tv_sec = time.count(), .tv_usec = 0};
+  const auto run = [](int, short, void* argument) { reinterpret_cast<void (*)()>(argument)(); };
+  MutexLock lock(mutex_);
+  if (base_ == nullptr) return;
+  // Without memory for it, it is not done.
+  event_base_once(base_, -1, EV_TIMEOUT, run, reinterpret_cast<void*>(function), &delay);
 }
 
 void Reactor::Keep(std::shared_ptr<Connection> connection) {

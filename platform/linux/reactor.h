@@ -3,6 +3,7 @@
 
 #include <event2/event.h>
 
+#include <chrono>
 #include <memory>
 #include <thread>
 #include <unordered_set>
@@ -22,6 +23,9 @@ class Reactor {
   event_base* Start();
   /// Closes all connections and joins the thread. Not from the reactor.
   void Stop();
+
+  /// Calls `function` on the reactor after that time, unless it has stopped by then.
+  void RunLater(std::chrono::seconds time, void (*function)());
 
   /// Keeps a connection until it is forgotten.
   void Keep(std::shared_ptr<Connection> connection);

@@ -1,6 +1,7 @@
 #include "platform/linux/runtime_directory.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -10,6 +11,8 @@
 
 #include <algorithm>
 #include <string_view>
+
+#include "kvox/common/unique_fd.h"
 
 namespace kvox::binder {
 namespace {
@@ -32,14 +35,20 @@ std::string UserDirectory() {
   return parent.empty() ? "" : parent + "/kvox";
 }
 
-/// Creates what is missing of the path; each directory with the mode, whatever the umask. Answers 0
-/// or errno.
+/// Gives a directory that was just made its mode, whatever the umask. By a descriptor, so that
+/// nothing else gets it that somebody may have put in its place meanwhile. Answers 0 or errno.
+int SetMode(const std::string& path) {
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return fd.valid() && fchmod(fd.get(), kDirectoryMode) == 0 ? 0 : errno;
+}
+
+/// Creates what is missing of the path. Answers 0 or errno.
 int MakeDirectory(const std::string& path) {
   for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string part = path.substr(0, end);
     struct stat status;
     if (mkdir(part.c_str(), kDirectoryMode) == 0) {
-      if (chmod(part.c_str(), kDirectoryMode) != 0) return errno;
+      if (const int cause = SetMode(part); cause != 0) return cause;
     } else if (const int cause = errno; stat(part.c_str(), &status) != 0) {
       return cause;
     } else if (!S_ISDIR(status.st_mode)) {
@@ -47,6 +56,22 @@ int MakeDirectory(const std::string& path) {
     }
     if (end == std::string::npos) return 0;
   }
+}
+
+/// Why somebody else could put a socket of his own in the place of ours, or "".
+std::string WhoElseRules(const std::string& path) {
+  const auto foreign = [](const struct stat& status) {
+    return status.st_uid != 0 && status.st_uid != geteuid();
+  };
+  struct stat status;
+  if (lstat(path.c_str(), &status) != 0) return strerror(errno);
+  if (S_ISLNK(status.st_mode) && foreign(status)) {
+    return "it is a symbolic link of user " + std::to_string(status.st_uid);
+  }
+  if (stat(path.c_str(), &status) != 0) return strerror(errno);
+  if (foreign(status)) return "it belongs to user " + std::to_string(status.st_uid);
+  const bool open_to_all = (status.st_mode & S_IWOTH) != 0 && (status.st_mode & S_ISVTX) == 0;
+  return open_to_all ? "everybody may write to it" : "";
 }
 
 std::string PathOf(const std::string& directory, const std::string& name, const char* suffix) {
@@ -76,12 +101,18 @@ int PrepareRuntimeDirectory(std::string* directory, std::string* error) {
     *error = std::string("no runtime directory: set ") + kVariable + " or " + kUserVariable;
     return ENOENT;
   }
-  const int cause = MakeDirectory(*directory);
-  if (cause != 0) {
-    *error = "cannot use the runtime directory " + *directory + ": " + strerror(cause) +
-             "; make it writable, or set " + kVariable + " to another";
+  const auto refuse = [&](const std::string& why, const char* remedy) {
+    *error = "cannot use the runtime directory " + *directory + ": " + why + "; " + remedy +
+             ", or set " + kVariable + " to another";
+  };
+  if (const int cause = MakeDirectory(*directory); cause != 0) {
+    refuse(strerror(cause), "make it writable");
+    return cause;
   }
-  return cause;
+  const std::string why = WhoElseRules(*directory);
+  if (why.empty()) return 0;
+  refuse(why, "give it to the daemon's user and take others' right to write");
+  return EPERM;
 }
 
 std::vector<std::string> LookupDirectories() {

@@ -58,8 +58,19 @@ binder_exception_t LockName(const std::string& path, UniqueFd* lock, std::string
   return EX_ILLEGAL_STATE;
 }
 
-/// A socket at `path`, in place of whatever a dead process left there. Nobody can connect before it
-/// has its mode.
+/// Gives a socket its mode, whatever the umask. By a descriptor, so that nothing else gets it that
+/// somebody may have put in its place meanwhile. Answers 0 or errno.
+int SetSocketMode(const std::string& path) {
+  const UniqueFd place(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status;
+  if (!place.valid() || fstat(place.get(), &status) != 0) return errno;
+  if (!S_ISSOCK(status.st_mode)) return ENOTSOCK;
+  const std::string descriptor = "/proc/self/fd/" + std::to_string(place.get());
+  return chmod(descriptor.c_str(), kSocketMode) == 0 ? 0 : errno;
+}
+
+/// A socket at `path`, in place of whatever a dead process left there. It never has more than its
+/// mode, and nobody can connect before it has all of it.
 binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* error) {
   sockaddr_un address;
   if (!MakeAddress(path, &address, error)) return EX_ILLEGAL_ARGUMENT;
@@ -68,11 +79,15 @@ binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* er
   if (unlink(path.c_str()) != 0 && errno != ENOENT) {
     return Refusal("cannot replace " + path, errno, error);
   }
-  if (bind(fd->get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      chmod(path.c_str(), kSocketMode) != 0 || listen(fd->get(), kListenBacklog) != 0) {
-    return Refusal("cannot listen on " + path, errno, error);
+  const auto* name = reinterpret_cast<const sockaddr*>(&address);
+  if (fchmod(fd->get(), kSocketMode) != 0 || bind(fd->get(), name, sizeof address) != 0) {
+    return Refusal("cannot make the socket " + path, errno, error);
   }
-  return EX_NONE;
+  if (const int cause = SetSocketMode(path); cause != 0) {
+    return Refusal("cannot give its mode to " + path, cause, error);
+  }
+  if (listen(fd->get(), kListenBacklog) == 0) return EX_NONE;
+  return Refusal("cannot listen on " + path, errno, error);
 }
 
 /// Looks for a service until `deadline`, for ever without one.

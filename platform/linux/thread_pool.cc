@@ -98,7 +98,7 @@ std::deque<Request> ThreadPool::Clear(RequestQueue& queue) {
 void ThreadPool::List(RequestQueue& queue) {
   if (queue.listed_ || queue.blocked_ || FirstRunnable(queue) == queue.pending_.size()) return;
   queue.listed_ = true;
-  turns_.push_back(queue.shared_from_this());
+  turns_.Add(queue.owner_, queue.shared_from_this());
   work_.NotifyOne();
 }
 
@@ -133,11 +133,10 @@ void ThreadPool::RunTask() {
 }
 
 void ThreadPool::ServeNext() {
-  const std::shared_ptr<RequestQueue> queue = std::move(turns_.front());
-  turns_.pop_front();
+  const std::shared_ptr<RequestQueue> queue = turns_.Take();
   queue->listed_ = false;
   const size_t index = FirstRunnable(*queue);
-  if (queue->blocked_ || index == queue->pending_.size()) return;
+  if (queue->blocked_ || index == queue->pending_.size()) return turns_.Done(queue->owner_);
   Request request = std::move(queue->pending_[index]);
   queue->pending_.erase(queue->pending_.begin() + static_cast<ptrdiff_t>(index));
   queue->pending_bytes_ -= request.parcel->data().size();
@@ -146,11 +145,12 @@ void ThreadPool::ServeNext() {
   const bool room = queue->full_ && queue->pending_.size() <= kPauseRequests / 2 &&
                     queue->pending_bytes_ <= kPauseRequestBytes / 2;
   if (room) queue->full_ = false;
-  List(*queue);  // the next connection has its turn before this one's next request
+  List(*queue);  // the others have their turn before this one's next request
   mutex_.Unlock();
   if (room) queue->OnRoom();
   queue->Serve(std::move(request));
   mutex_.Lock();
+  turns_.Done(queue->owner_);
   if (!oneway) return;
   queue->oneway_running_ = false;
   List(*queue);

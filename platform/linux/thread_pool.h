@@ -1,5 +1,5 @@
-// The threads that serve calls, and what waits for them: requests, taken from one connection after
-// the other, and tasks (death notices, last references), which go first.
+// The threads that serve calls, and what waits for them: requests, for which users, their processes
+// and their connections take turns, and tasks (death notices, last references), which go first.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -14,6 +14,7 @@
 
 #include "kvox/common/mutex.h"
 #include "platform/linux/parcel.h"
+#include "platform/linux/turns.h"
 
 namespace kvox::binder {
 
@@ -34,6 +35,8 @@ struct Request {
 /// as threads are free.
 class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
  public:
+  /// The peer of `owner` has its turns with all other queues of that process and that user.
+  explicit RequestQueue(const Caller& owner) : owner_(owner) {}
   virtual ~RequestQueue() = default;
 
  protected:
@@ -45,6 +48,7 @@ class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
  private:
   friend class ThreadPool;
 
+  const Caller owner_;
   // All under the pool's lock.
   std::deque<Request> pending_;
   size_t pending_bytes_ = 0;
@@ -102,7 +106,7 @@ class ThreadPool {
   bool stopping_ GUARDED_BY(mutex_) = false;
   std::vector<std::thread> threads_ GUARDED_BY(mutex_);
   std::deque<Task> tasks_ GUARDED_BY(mutex_);
-  std::deque<std::shared_ptr<RequestQueue>> turns_ GUARDED_BY(mutex_);
+  Turns<std::shared_ptr<RequestQueue>> turns_ GUARDED_BY(mutex_);
 };
 
 /// Starts a thread that takes no signals and bears `name`. Throws std::system_error like

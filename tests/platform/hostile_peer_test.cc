@@ -253,5 +253,35 @@ TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
   }
 }
 
+/// Else answers to one call, each with an object to let go, would keep the pool from all others.
+TEST_F(HostilePeerTest, ASecondReplyToACallEndsTheConnection) {
+  peer_->Greet();
+  ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
+  ASSERT_TRUE(peer_->ReceiveFrame());
+  service_->asks_held = true;
+  ASSERT_TRUE(peer_->SendFrame(peer_->Request(IEcho::TRANSACTION_Echo, "01000000 05000000")));
+  const auto question = peer_->ReceiveFrame();
+  ASSERT_TRUE(question);
+  Frame answer{.header = {.type = FrameType::kReply, .call = question->header.call}};
+  answer.parcel = Bytes("00000000 00000000");
+  ASSERT_TRUE(peer_->SendFrame(answer));
+  ASSERT_TRUE(peer_->ReceiveFrame());
+  ASSERT_TRUE(peer_->SendFrame(answer));
+  EXPECT_TRUE(peer_->Closed());
+  service_->asks_held = false;
+  ExpectServiceWell();
+}
+
+/// Hundreds of small frames in one go are not all taken before another client has its turn; all are
+/// answered in the end.
+TEST_F(HostilePeerTest, ManyFramesAtOnceAreTakenInParts) {
+  constexpr size_t kQuestions = 20 * kMaxFramesAtOnce + 1;
+  peer_->Greet();
+  std::vector<FrameHeader> questions(kQuestions, {.type = FrameType::kRootRequest, .call = 1});
+  const size_t size = questions.size() * sizeof questions[0];
+  ASSERT_EQ(send(peer_->fd(), questions.data(), size, 0), static_cast<ssize_t>(size));
+  for (size_t i = 0; i < kQuestions; ++i) ASSERT_TRUE(peer_->ReceiveFrame()) << i;
+}
+
 }  // namespace
 }  // namespace kvox::binder

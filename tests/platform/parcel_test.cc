@@ -102,6 +102,7 @@ TEST(Parcel, HostileBytesAreRefused) {
       {"05000000 01020304", StatusOfReading<std::vector<uint8_t>>, STATUS_NO_MEMORY},
       {"ffffffff", StatusOfReading<Strings>, STATUS_NO_MEMORY},
       {"05000000 00000000", StatusOfReading<Strings>, STATUS_NO_MEMORY},
+      {"02000000 00000000", StatusOfReading<Strings>, STATUS_NO_MEMORY},  // no room for two
       {"02000000 00000000 00000000", StatusOfReading<Strings>, STATUS_NOT_ENOUGH_DATA},
       {"01000000 ffffffff", StatusOfReading<Strings>, STATUS_UNEXPECTED_NULL},
   };

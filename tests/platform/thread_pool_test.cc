@@ -12,14 +12,15 @@ namespace kvox::binder {
 namespace {
 
 /// The turns of all queues in their order.
-struct Turns : SharedText {
+struct TurnLog : SharedText {
   Gate gate{true};
 };
 
 /// Notes the code of each request; a capital one waits at the gate first.
 class NotingQueue : public RequestQueue {
  public:
-  NotingQueue(char name, Turns* turns) : name_(name), turns_(turns) {}
+  NotingQueue(char name, TurnLog* turns, const Caller& owner = {1, 1})
+      : RequestQueue(owner), name_(name), turns_(turns) {}
 
   void Ask(char code, binder_flags_t flags = 0, size_t bytes = 0) {
     Request request;
@@ -43,7 +44,7 @@ class NotingQueue : public RequestQueue {
   void OnRoom() override { ++rooms; }
 
   const char name_;
-  Turns* const turns_;
+  TurnLog* const turns_;
 };
 
 class ThreadPoolTest : public ::testing::Test {
@@ -58,7 +59,7 @@ class ThreadPoolTest : public ::testing::Test {
     EXPECT_EQ(turns_.text(), turns);
   }
 
-  Turns turns_;
+  TurnLog turns_;
   std::shared_ptr<NotingQueue> a_ = std::make_shared<NotingQueue>('a', &turns_);
   std::shared_ptr<NotingQueue> b_ = std::make_shared<NotingQueue>('b', &turns_);
 };

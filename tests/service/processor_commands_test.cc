@@ -126,5 +126,21 @@ TEST_F(ProcessorCommands, CodesThatAreNotTextLeaveValidLines) {
   EXPECT_THAT(result.lines, ElementsAre("Creating new processor '?A\xc3\xa9' of type 'pass'"));
 }
 
+/// A small call takes up to a megabyte of memory: many of them are bounded together.
+TEST_F(ProcessorCommands, StatisticsOfAllProcessorsHaveABound) {
+  constexpr int kLargest = ((1 << 20) - 4096) / 4;
+  constexpr int kFit = 16;
+  const auto set = [&](int id, int entries) {
+    return Call(&KvoxService::ProcessorSetStatsMaxBufferEntries, id, entries).status;
+  };
+  for (int id = 1; id <= kFit + 1; ++id) {
+    Call(&KvoxService::NewProcessorWithType, id, Code("pass"));
+    EXPECT_EQ(set(id, kLargest), id <= kFit ? CommandStatus::OK : CommandStatus::ERROR) << id;
+  }
+  EXPECT_EQ(set(1, kLargest), CommandStatus::OK) << "its own are not counted twice";
+  EXPECT_EQ(set(1, 0), CommandStatus::OK);
+  EXPECT_EQ(set(kFit + 1, kLargest), CommandStatus::OK);
+}
+
 }  // namespace
 }  // namespace kvox

@@ -1,0 +1,132 @@
+// What an attack works with: where the daemon is, how long to go on, and dice.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <aidl/kvox/IKvox.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/platform/raw_peer.h"
+
+namespace kvox {
+
+using aidl::kvox::IKvox;
+using binder::Frame;
+using binder::RawPeer;
+
+class Attacker {
+ public:
+  Attacker(std::string path, uint32_t seed, std::chrono::milliseconds time)
+      : path_(std::move(path)), dice_(seed), end_(std::chrono::steady_clock::now() + time) {}
+
+  const std::string& path() const { return path_; }
+  /// Whether to go on; counts the rounds.
+  bool more() {
+    ++rounds_;
+    return std::chrono::steady_clock::now() < end_;
+  }
+  int64_t rounds() const { return rounds_; }
+  /// Tells the test that the attack is at its height.
+  static void Announce() {
+    std::puts("attacking");
+    std::fflush(stdout);
+  }
+
+  /// 0 ... limit - 1.
+  uint32_t Roll(uint32_t limit) { return static_cast<uint32_t>(dice_() % limit); }
+  std::vector<uint8_t> RandomBytes(size_t size) {
+    std::vector<uint8_t> bytes(size);
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(dice_());
+    return bytes;
+  }
+
+  /// A peer that has greeted, and neither sends nor waits longer than a fifth of a second at a
+  /// time.
+  RawPeer Peer() const {
+    RawPeer peer(path_);
+    peer.Greet();
+    const timeval patience{.tv_sec = 0, .tv_usec = 200'000};
+    setsockopt(peer.fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    setsockopt(peer.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    return peer;
+  }
+
+ private:
+  const std::string path_;
+  std::mt19937 dice_;
+  const std::chrono::steady_clock::time_point end_;
+  int64_t rounds_ = -1;
+};
+
+/// The bytes of a frame on the wire.
+inline std::vector<uint8_t> Wire(const Frame& frame) {
+  binder::FrameHeader header = frame.header;
+  header.parcel_size = static_cast<uint32_t>(frame.parcel.size());
+  header.object_list_size = static_cast<uint32_t>(frame.object_list.size());
+  std::vector<uint8_t> wire(sizeof header);
+  std::memcpy(wire.data(), &header, sizeof header);
+  wire.insert(wire.end(), frame.parcel.begin(), frame.parcel.end());
+  wire.insert(wire.end(), frame.object_list.begin(), frame.object_list.end());
+  return wire;
+}
+
+/// False when the daemon takes no more: it has closed, or does not read.
+inline bool SendBytes(const RawPeer& peer, const void* bytes, size_t size) {
+  const auto* at = static_cast<const uint8_t*>(bytes);
+  while (size > 0) {
+    const ssize_t sent = send(peer.fd(), at, size, MSG_NOSIGNAL);
+    if (sent <= 0) return false;
+    at += sent;
+    size -= static_cast<size_t>(sent);
+  }
+  return true;
+}
+
+/// A number at the end of a parcel.
+inline void Put(Frame* frame, int32_t value) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
+  frame->parcel.insert(frame->parcel.end(), bytes, bytes + sizeof value);
+}
+
+/// A reference to object number `id` of the sender's at the end of the parcel, and its entry in the
+/// object list.
+void PutObject(Frame* frame, uint64_t id, std::string_view descriptor);
+
+/// A request that carries as many elements of `element` as fit.
+Frame LargestList(const RawPeer& peer, transaction_code_t code, std::string_view element);
+
+// The attacks, by file.
+
+void CutFrames(Attacker& attacker);
+void OversizedFrames(Attacker& attacker);
+void RandomBytes(Attacker& attacker);
+void RandomCalls(Attacker& attacker);
+void MutatedCalls(Attacker& attacker);
+void NestedSizes(Attacker& attacker);
+
+void ConnectAndGo(Attacker& attacker);
+void HoldConnections(Attacker& attacker);
+void SayNothing(Attacker& attacker);
+void DieInEveryState(Attacker& attacker);
+
+void FloodQuestions(Attacker& attacker);
+void FloodReplies(Attacker& attacker);
+void NeverRead(Attacker& attacker);
+void HeavyCalls(Attacker& attacker);
+void SlowCalls(Attacker& attacker);
+void HugeCounts(Attacker& attacker);
+
+void ForeignObjects(Attacker& attacker);
+void ManyObjects(Attacker& attacker);
+void DeadCallbacks(Attacker& attacker);
+void HangingCallbacks(Attacker& attacker);
+
+}  // namespace kvox

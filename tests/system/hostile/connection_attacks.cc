@@ -1,0 +1,79 @@
+// Connections that come, go, stay, and end at the wrong moment.
+#include <poll.h>
+
+#include <array>
+#include <deque>
+
+#include "platform/linux/limits.h"
+#include "tests/system/hostile/attacker.h"
+
+namespace kvox {
+
+/// Thousands, one after the other: some without a word, some with a wrong one.
+void ConnectAndGo(Attacker& attacker) {
+  Attacker::Announce();
+  while (attacker.more()) {
+    RawPeer peer(attacker.path());
+    if (attacker.Roll(2) == 0) peer.Send(binder::ClientGreeting{.version = 99});
+  }
+}
+
+/// As many as this process gets, and more attempts all the while.
+void HoldConnections(Attacker& attacker) {
+  std::deque<RawPeer> held;
+  for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) held.push_back(attacker.Peer());
+  Attacker::Announce();
+  while (attacker.more()) static_cast<void>(attacker.Peer());
+}
+
+/// Half a greeting, half a header and half a frame, and then silence.
+void SayNothing(Attacker& attacker) {
+  std::deque<RawPeer> held;
+  for (int i = 0; i < 2; ++i) {
+    held.emplace_back(attacker.path());
+    SendBytes(held.back(), "bk", 2);
+    held.push_back(attacker.Peer());
+    SendBytes(held.back(), "\1\0\0\0\1\0", 6);
+    held.push_back(attacker.Peer());
+    Frame frame = held.back().Request(IKvox::TRANSACTION_Debug);
+    frame.parcel.resize(binder::kMaxParcelSize);
+    const auto wire = Wire(frame);
+    SendBytes(held.back(), wire.data(), wire.size() - 4);
+  }
+  Attacker::Announce();
+  while (attacker.more()) poll(nullptr, 0, 10);
+}
+
+namespace {
+
+using Step = void (*)(RawPeer& peer);
+
+// What is done before the end. Replies are large, so that most of one is still under way.
+constexpr std::array<Step, 6> kLastSteps = {
+    [](RawPeer&) {},
+    [](RawPeer& peer) { peer.SendFrame(peer.Request(IKvox::TRANSACTION_ListProcessors)); },
+    [](RawPeer& peer) {
+      peer.SendFrame(LargestList(peer, IKvox::TRANSACTION_Debug, "00000000 00000000"));
+      char byte;
+      static_cast<void>(recv(peer.fd(), &byte, 1, 0));
+    },
+    [](RawPeer& peer) { shutdown(peer.fd(), SHUT_RD), peer.SendFrame(peer.Request(1)); },
+    [](RawPeer& peer) { peer.SendFrame(peer.Request(1)), shutdown(peer.fd(), SHUT_WR); },
+    [](RawPeer& peer) {
+      Frame frame = peer.Request(IKvox::TRANSACTION_RegisterReceiveAudioCallback, "41424344");
+      PutObject(&frame, 1, IKvox::IReceiveAudioCallback::descriptor);
+      peer.SendFrame(frame);
+    },
+};
+
+}  // namespace
+
+void DieInEveryState(Attacker& attacker) {
+  Attacker::Announce();
+  for (size_t i = 0; attacker.more(); i = (i + 1) % kLastSteps.size()) {
+    RawPeer peer = attacker.Peer();
+    if (peer.greeting().welcome == binder::Welcome::kOk) kLastSteps[i](peer);
+  }
+}
+
+}  // namespace kvox

@@ -1,0 +1,155 @@
+// Bytes that are no frames, and frames that hold nonsense.
+#include <algorithm>
+#include <bit>
+
+#include "platform/linux/limits.h"
+#include "tests/system/hostile/attacker.h"
+
+namespace kvox {
+namespace {
+
+// Without the commands that use the co-processor or switch anything on: their waits are their own.
+constexpr transaction_code_t kHarmless[] = {
+    IKvox::TRANSACTION_Ping,
+    IKvox::TRANSACTION_ListProcessors,
+    IKvox::TRANSACTION_NewProcessor,
+    IKvox::TRANSACTION_DeleteProcessor,
+    IKvox::TRANSACTION_Enable,
+    IKvox::TRANSACTION_IsEnabled,
+    IKvox::TRANSACTION_ProcessorInfo,
+    IKvox::TRANSACTION_ProcessorIsEnabled,
+    IKvox::TRANSACTION_ListTapOutBuffers,
+    IKvox::TRANSACTION_Debug,
+    IKvox::TRANSACTION_SetParameter,
+    IKvox::TRANSACTION_GetParameter,
+    IKvox::TRANSACTION_SetParameterBulk,
+    IKvox::TRANSACTION_GetParameterBulk,
+    IKvox::TRANSACTION_SendAudio,
+    IKvox::TRANSACTION_RegisterReceiveAudioCallback,
+    IKvox::TRANSACTION_ProcessorGetStats,
+    0x00ffffff,
+    0x5f4e5446,
+};
+
+Frame HarmlessCall(Attacker& attacker, const RawPeer& peer) {
+  return peer.Request(kHarmless[attacker.Roll(std::size(kHarmless))]);
+}
+
+/// A request with every kind of argument: text, numbers, lists and a reference.
+Frame RichRequest(const RawPeer& peer) {
+  Frame frame = peer.Request(IKvox::TRANSACTION_RegisterReceiveAudioCallback, "41424344");
+  PutObject(&frame, 7, IKvox::IReceiveAudioCallback::descriptor);
+  return frame;
+}
+
+}  // namespace
+
+/// Every prefix of a conversation, then the end.
+void CutFrames(Attacker& attacker) {
+  Attacker::Announce();
+  std::vector<uint8_t> wire = Wire(RichRequest(attacker.Peer()));
+  for (size_t size = 0; attacker.more(); size = (size + 1) % wire.size()) {
+    SendBytes(attacker.Peer(), wire.data(), size);
+  }
+}
+
+void OversizedFrames(Attacker& attacker) {
+  Attacker::Announce();
+  constexpr uint32_t kSizes[] = {binder::kMaxParcelSize + 4, 0x7ffffffc, 0x80000000, 0xfffffffc};
+  while (attacker.more()) {
+    const RawPeer peer = attacker.Peer();
+    Frame frame = peer.Request(IKvox::TRANSACTION_Debug);
+    const uint32_t size = kSizes[attacker.Roll(std::size(kSizes))];
+    (attacker.Roll(2) == 0 ? frame.header.parcel_size : frame.header.object_list_size) = size;
+    SendBytes(peer, &frame.header, sizeof frame.header);
+    SendBytes(peer, frame.parcel.data(), frame.parcel.size());
+  }
+}
+
+void RandomBytes(Attacker& attacker) {
+  Attacker::Announce();
+  while (attacker.more()) {
+    const RawPeer peer = attacker.Peer();
+    const auto bytes = attacker.RandomBytes(1 + attacker.Roll(4096));
+    SendBytes(peer, bytes.data(), bytes.size());
+  }
+}
+
+/// Whole frames to real methods, with anything as arguments. The connection stays.
+void RandomCalls(Attacker& attacker) {
+  RawPeer peer = attacker.Peer();
+  Attacker::Announce();
+  while (attacker.more()) {
+    Frame frame = HarmlessCall(attacker, peer);
+    for (uint32_t words = attacker.Roll(32); words > 0; --words) {
+      // Small numbers are counts, sizes, tags and the like.
+      const uint32_t word = attacker.Roll(3) == 0 ? attacker.Roll(UINT32_MAX) : attacker.Roll(64);
+      Put(&frame, static_cast<int32_t>(word));
+    }
+    if (!peer.SendFrame(frame) || !peer.ReceiveFrame()) peer = attacker.Peer();
+  }
+}
+
+/// A good request with a few bits turned.
+void MutatedCalls(Attacker& attacker) {
+  RawPeer peer = attacker.Peer();
+  const std::vector<uint8_t> wire = Wire(RichRequest(peer));
+  Attacker::Announce();
+  while (attacker.more()) {
+    auto bytes = wire;
+    for (uint32_t flips = 1 + attacker.Roll(4); flips > 0; --flips) {
+      bytes[attacker.Roll(static_cast<uint32_t>(bytes.size()))] ^=
+          static_cast<uint8_t>(1u << attacker.Roll(8));
+    }
+    if (!SendBytes(peer, bytes.data(), bytes.size()) || !peer.ReceiveFrame()) {
+      peer = attacker.Peer();
+    }
+  }
+}
+
+/// Parcelables that say they are shorter or longer than they are, within lists that do.
+void NestedSizes(Attacker& attacker) {
+  RawPeer peer = attacker.Peer();
+  Attacker::Announce();
+  constexpr int32_t kSizes[] = {INT32_MIN, -1, 0, 3, 4, 5, 8, 12, 1 << 20, INT32_MAX};
+  while (attacker.more()) {
+    Frame frame = peer.Request(IKvox::TRANSACTION_GetParameterBulk, "41424344");
+    const uint32_t pairs = attacker.Roll(2) == 0 ? 64 : 40'000;
+    Put(&frame, static_cast<int32_t>(pairs));
+    const int32_t size = kSizes[attacker.Roll(std::size(kSizes))];
+    for (uint32_t i = 0; i < pairs; ++i) {
+      for (const int32_t word : {1, size, 3, 0}) Put(&frame, word);
+    }
+    if (!SendBytes(peer, Wire(frame).data(), Wire(frame).size()) || !peer.ReceiveFrame()) {
+      peer = attacker.Peer();
+    }
+  }
+}
+
+void PutObject(Frame* frame, uint64_t id, std::string_view descriptor) {
+  const binder::ObjectEntry entry{static_cast<uint32_t>(frame->parcel.size()),
+                                  static_cast<uint32_t>(descriptor.size())};
+  const uint64_t address = id << 1;
+  Put(frame, binder::kReferencePresent);
+  Put(frame, static_cast<int32_t>(address));
+  Put(frame, static_cast<int32_t>(address >> 32));
+  Put(frame, 12);
+  const size_t at = frame->object_list.size();
+  frame->object_list.resize(at + sizeof entry + binder::PaddedSize(entry.descriptor_size));
+  std::memcpy(frame->object_list.data() + at, &entry, sizeof entry);
+  std::memcpy(frame->object_list.data() + at + sizeof entry, descriptor.data(), descriptor.size());
+  ++frame->header.object_count;
+}
+
+Frame LargestList(const RawPeer& peer, transaction_code_t code, std::string_view element) {
+  Frame frame = peer.Request(code);
+  const auto bytes = binder::Bytes(element);
+  const size_t count = (binder::kMaxParcelSize - frame.parcel.size() - 4) / bytes.size();
+  Put(&frame, static_cast<int32_t>(count));
+  for (size_t i = 0; i < count; ++i) {
+    frame.parcel.insert(frame.parcel.end(), bytes.begin(), bytes.end());
+  }
+  return frame;
+}
+
+}  // namespace kvox

@@ -1,0 +1,80 @@
+// References to objects that are not there, not the sender's, too many, dead or deaf.
+#include <poll.h>
+
+#include <deque>
+
+#include "platform/linux/limits.h"
+#include "tests/system/hostile/attacker.h"
+
+namespace kvox {
+namespace {
+
+constexpr char kPassthru[] = "70617373";  // the bytes of the number, not of the text
+
+/// Registers object `id` of the peer's as the callback of a processor.
+Frame Register(const RawPeer& peer, std::string_view processor, uint64_t id,
+               std::string_view descriptor) {
+  Frame frame = peer.Request(IKvox::TRANSACTION_RegisterReceiveAudioCallback, processor);
+  PutObject(&frame, id, descriptor);
+  return frame;
+}
+
+}  // namespace
+
+/// Calls of objects that others hold, and references to them.
+void ForeignObjects(Attacker& attacker) {
+  Attacker::Announce();
+  while (attacker.more()) {
+    RawPeer peer = attacker.Peer();
+    Frame frame = Register(peer, kPassthru, 1, IKvox::IReceiveAudioCallback::descriptor);
+    const uint64_t address = (uint64_t{attacker.Roll(64)} << 1) | attacker.Roll(2);
+    if (attacker.Roll(2) == 0) {
+      frame.header.address = address;
+    } else {
+      std::memcpy(frame.parcel.data() + frame.parcel.size() - 12, &address, sizeof address);
+    }
+    if (peer.SendFrame(frame)) peer.ReceiveFrame();
+  }
+}
+
+/// As many new objects in every call as one peer may have, all let go again after it.
+void ManyObjects(Attacker& attacker) {
+  RawPeer peer = attacker.Peer();
+  Frame frame = peer.Request(IKvox::TRANSACTION_Ping);
+  for (uint64_t id = 1; id <= binder::kMaxObjects; ++id) PutObject(&frame, id, "x");
+  const auto wire = Wire(frame);
+  Attacker::Announce();
+  while (attacker.more()) {
+    if (!SendBytes(peer, wire.data(), wire.size())) peer = attacker.Peer();
+    while (const auto answer = peer.ReceiveFrame()) {
+      if (answer->header.type == binder::FrameType::kReply) break;
+    }
+  }
+}
+
+/// Callbacks whose client is gone when they are registered, or of another interface.
+void DeadCallbacks(Attacker& attacker) {
+  Attacker::Announce();
+  while (attacker.more()) {
+    RawPeer peer = attacker.Peer();
+    const bool own = attacker.Roll(2) == 0;
+    peer.SendFrame(Register(peer, "30747261", 1,
+                            own ? IKvox::IReceiveAudioCallback::descriptor : "kvox.IKvox"));
+    if (attacker.Roll(2) == 0) peer.ReceiveFrame();
+  }
+}
+
+/// New callbacks of a relay whenever the last one was called; none ever answers.
+void HangingCallbacks(Attacker& attacker) {
+  std::deque<RawPeer> peers;
+  for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) peers.push_back(attacker.Peer());
+  Attacker::Announce();
+  for (uint64_t id = 1; attacker.more(); ++id) {
+    RawPeer& peer = peers[id % peers.size()];
+    peer.SendFrame(Register(peer, "30747261", id, IKvox::IReceiveAudioCallback::descriptor));
+    peer.ReceiveFrame();
+    poll(nullptr, 0, 20);
+  }
+}
+
+}  // namespace kvox

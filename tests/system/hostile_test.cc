@@ -1,0 +1,297 @@
+// What a hostile client does to the daemon as a whole: how long others wait, and what is left of it
+// when the client has gone.
+#include <android/binder_manager.h>
+#include <kvox_host/binder_host.h>
+#include <sys/stat.h>
+
+#include <aidl/kvox/IKvox.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "interface/service_name.h"
+#include "platform/linux/runtime_directory.h"
+#include "tests/system/machine.h"
+
+namespace kvox {
+namespace {
+
+using aidl::kvox::IKvox;
+using std::chrono::milliseconds;
+
+#if defined(KVOX_SANITIZED)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+constexpr int kStranger = 65534;
+constexpr auto kMeasureTime = milliseconds(600);
+/// A few milliseconds.
+constexpr auto kSlack = kSanitized ? milliseconds(50) : milliseconds(10);
+/// Far below what the limits of one user add up to.
+constexpr int64_t kMostKilobytes = kSanitized ? INT64_MAX / 2 : 160 * 1024;
+
+/// How long commands of a client took.
+struct Latency {
+  std::chrono::microseconds median;
+  std::chrono::microseconds late;  // 19 of 20 were faster
+  std::chrono::microseconds worst;
+  size_t count;
+
+  std::string Text() const {
+    return "median " + std::to_string(median.count()) + " us, 95 % " +
+           std::to_string(late.count()) + " us, worst " + std::to_string(worst.count()) +
+           " us of " + std::to_string(count);
+  }
+};
+
+/// What the daemon has of the kernel.
+struct Resources {
+  int descriptors;
+  int threads;
+  int64_t kilobytes;
+};
+
+class HostileTest : public MachineTest {
+ protected:
+  void SetUp() override {
+    std::filesystem::permissions(directory_.path(), std::filesystem::perms(0755));
+  }
+  void TearDown() override {
+    polite_.reset();
+    kvox_host::StopBinder();
+  }
+
+  /// A daemon without a co-processor, and a client of it.
+  void StartWithClient() {
+    StartDaemon();
+    polite_ = IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_waitForService(KvoxDescriptor())));
+    ASSERT_NE(polite_, nullptr);
+  }
+
+  /// Runs an attack; as another user of the group where we may.
+  std::unique_ptr<Process> Attack(const std::string& name, std::chrono::microseconds time,
+                                  int seed) {
+    std::vector<std::string> words = {name, std::to_string(seed),
+                                      std::to_string(time / milliseconds(1))};
+    if (geteuid() == 0) {
+      words.push_back(std::to_string(kStranger));
+      words.push_back(std::to_string(getegid()));
+    }
+    const std::string output = name + std::to_string(seed);
+    return std::make_unique<Process>(HOSTILE_CLIENT_PROGRAM, words, directory_ / output);
+  }
+  static bool Attacking(const Process& process) {
+    return WaitFor([&] { return CountOf("attacking", process.Out()) == 1; });
+  }
+
+  /// One command after the other, with and without the service's lock, at a client's pace.
+  Latency Measure(std::chrono::microseconds time) {
+    std::vector<std::chrono::microseconds> taken;
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < end) {
+      const auto start = std::chrono::steady_clock::now();
+      IKvox::CommandResult result;
+      const auto status =
+          taken.size() % 2 == 0 ? polite_->Ping() : polite_->ListProcessors(&result);
+      taken.push_back(std::chrono::duration_cast<std::chrono::microseconds>(
+          std::chrono::steady_clock::now() - start));
+      if (!status.isOk()) {
+        ADD_FAILURE() << status;
+        break;
+      }
+      std::this_thread::sleep_for(milliseconds(2));
+    }
+    std::ranges::sort(taken);
+    return {taken[taken.size() / 2], taken[taken.size() * 19 / 20], taken.back(), taken.size()};
+  }
+
+  Resources Use() {
+    const auto status = ReadText("/proc/" + std::to_string(daemon_->pid()) + "/status");
+    const size_t at = status.find("VmRSS:");
+    return {CountEntries("fd"), CountEntries("task"),
+            at == status.npos ? -1 : std::stoll(status.substr(at + 6))};
+  }
+  /// Descriptors and threads are given back to the last one, memory but for a rest.
+  void ExpectGivenBack(const Resources& before) {
+    Resources now{};
+    constexpr int64_t kRest = 6 * 1024;
+    EXPECT_TRUE(WaitFor([&] {
+      now = Use();
+      return now.descriptors == before.descriptors && now.threads == before.threads &&
+             (kSanitized || now.kilobytes <= before.kilobytes + kRest);
+    })) << "descriptors "
+        << before.descriptors << " -> " << now.descriptors << ", threads " << before.threads
+        << " -> " << now.threads << ", memory " << before.kilobytes << " -> " << now.kilobytes
+        << " kB";
+  }
+
+  std::shared_ptr<IKvox> polite_;
+};
+
+/// What one command that already runs may take, by what it does.
+enum class Command { kQuick, kLargest, kWithoutCoprocessor };
+
+struct AttackRow {
+  const char* name;
+  int processes;
+  Command command = Command::kQuick;
+};
+
+class AttackTest : public HostileTest, public ::testing::WithParamInterface<AttackRow> {
+ protected:
+  /// The longest of a few.
+  std::chrono::microseconds TimeOf(Command command) {
+    std::chrono::microseconds longest{};
+    const std::vector<std::string> most(130'000);
+    for (int i = 0; i < 3 && command != Command::kQuick; ++i) {
+      const auto start = std::chrono::steady_clock::now();
+      IKvox::CommandResult result;
+      const auto status = command == Command::kLargest ? polite_->Debug(most, &result)
+                                                       : polite_->TapList(2, &result);
+      EXPECT_TRUE(status.isOk()) << status;
+      longest = std::max(longest, std::chrono::duration_cast<std::chrono::microseconds>(
+                                      std::chrono::steady_clock::now() - start));
+    }
+    return longest;
+  }
+};
+
+TEST_P(AttackTest, DelaysNobodyAndLeavesNothingBehind) {
+  const AttackRow& row = GetParam();
+  StartWithClient();
+  const Latency before = Measure(kMeasureTime);
+  const std::chrono::microseconds command = TimeOf(row.command);
+  const auto time = kMeasureTime + 4 * command;
+  const Resources resources = Use();
+  std::vector<std::unique_ptr<Process>> attackers;
+  for (int i = 0; i < row.processes; ++i) {
+    attackers.push_back(Attack(row.name, 2 * time, i + 1));
+  }
+  for (const auto& attacker : attackers) ASSERT_TRUE(Attacking(*attacker)) << attacker->Out();
+  const Latency during = Measure(time);
+  const Resources peak = Use();
+  for (const auto& attacker : attackers) {
+    EXPECT_EQ(attacker->Wait(), 0) << attacker->Out() << attacker->Err();
+  }
+  ExpectGivenBack(resources);
+  const Latency after = Measure(kMeasureTime);
+  // Without the attack the machine itself is late now and then, and what others run holds up a
+  // busy daemon more than an idle one. A command that runs is waited for; not a queue of them.
+  const std::string figures = before.Text() + "\n" + during.Text() + "\n" + after.Text();
+  EXPECT_LE(during.median, std::max(before.median, after.median) + command + kSlack) << figures;
+  EXPECT_LE(during.late, std::max(before.late, after.late) + 2 * command + 6 * kSlack) << figures;
+  EXPECT_LE(during.worst, std::max(before.worst, after.worst) + 2 * command + 30 * kSlack)
+      << figures;
+  EXPECT_LE(peak.kilobytes, resources.kilobytes + kMostKilobytes);
+  RecordProperty("figures", figures);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, AttackTest,
+    ::testing::Values(AttackRow{"cut_frames", 2}, AttackRow{"oversized_frames", 2},
+                      AttackRow{"random_bytes", 2}, AttackRow{"random_calls", 2},
+                      AttackRow{"mutated_calls", 2}, AttackRow{"nested_sizes", 2},
+                      AttackRow{"connect_and_go", 4}, AttackRow{"hold_connections", 8},
+                      AttackRow{"say_nothing", 2}, AttackRow{"die_in_every_state", 2},
+                      AttackRow{"flood_questions", 2}, AttackRow{"flood_replies", 2},
+                      AttackRow{"never_read", 4, Command::kLargest},
+                      AttackRow{"heavy_calls", 4, Command::kLargest},
+                      AttackRow{"slow_calls", 2, Command::kWithoutCoprocessor},
+                      AttackRow{"huge_counts", 4}, AttackRow{"foreign_objects", 2},
+                      AttackRow{"many_objects", 2}, AttackRow{"dead_callbacks", 2}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+/// A user of its own, a directory that others may pass through.
+class AccessTest : public HostileTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+    HostileTest::SetUp();
+  }
+  /// 0 or the errno of a connection as another user with only that group.
+  int Connect(int group) {
+    Process client(HOSTILE_CLIENT_PROGRAM,
+                   {"connect", "0", "0", std::to_string(kStranger), std::to_string(group)},
+                   directory_ / "connect");
+    return client.Wait();
+  }
+  static mode_t ModeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+  }
+  /// A daemon that is given `path` as its runtime directory refuses it and says `why`.
+  void ExpectRefused(const std::string& path, const std::string& why) {
+    setenv("KVOX_RUNTIME_DIR", path.c_str(), 1);
+    Process daemon(KVOXD_PROGRAM, {}, directory_ / "refused");
+    EXPECT_TRUE(WaitFor([&] { return CountOf(why, daemon.Err()) == 1; })) << daemon.Err();
+    EXPECT_EQ(CountOf("Failed to find kvox service", daemon.Err()), 1);
+  }
+};
+
+TEST_F(AccessTest, OnlyRootTheDaemonsUserAndTheGroupConnect) {
+  const int group = static_cast<int>(getegid());
+  std::filesystem::remove(directory_ / "run");
+  const mode_t before = umask(0);
+  StartDaemon();
+  umask(before);
+  const std::string socket = binder::SocketPath(directory_ / "run", KvoxDescriptor());
+  EXPECT_EQ(ModeOf(directory_ / "run"), 0750u);
+  EXPECT_EQ(ModeOf(socket), 0660u);
+  EXPECT_EQ(Connect(group), 0);
+  EXPECT_EQ(Connect(kStranger), EACCES);
+  // Each of the two keeps strangers out by itself.
+  std::filesystem::permissions(directory_ / "run", std::filesystem::perms(0755));
+  EXPECT_EQ(Connect(group), 0);
+  EXPECT_EQ(Connect(kStranger), EACCES);
+  EXPECT_EQ(chmod((directory_ / "run").c_str(), 0750), 0);
+  EXPECT_EQ(chmod(socket.c_str(), 0666), 0);
+  EXPECT_EQ(Connect(kStranger), EACCES);
+}
+
+TEST_F(AccessTest, ADirectoryThatSomebodyElseRulesIsRefused) {
+  const std::string directory = directory_ / "run";
+  const std::string link = directory_ / "link";
+  std::filesystem::create_symlink(directory, link);
+  ASSERT_EQ(lchown(link.c_str(), kStranger, kStranger), 0);
+  ExpectRefused(link, "it is a symbolic link of user 65534; give it to the daemon's user");
+  ASSERT_EQ(chmod(directory.c_str(), 0777), 0);
+  ExpectRefused(directory, "everybody may write to it");
+  ASSERT_EQ(chmod(directory.c_str(), 0700), 0);
+  ASSERT_EQ(chown(directory.c_str(), kStranger, kStranger), 0);
+  ExpectRefused(directory, "it belongs to user 65534");
+  // Root's own link to root's own directory is nobody's trap.
+  ASSERT_EQ(chown(directory.c_str(), 0, 0), 0);
+  ASSERT_EQ(lchown(link.c_str(), 0, 0), 0);
+  setenv("KVOX_RUNTIME_DIR", link.c_str(), 1);
+  StartDaemon();
+}
+
+/// The callback of a relay that runs: the others' audio goes on, threads are bounded, and all end
+/// with the clients.
+TEST_F(HostileTest, CallbacksThatNeverReturnHoldUpNeitherAudioNorCommands) {
+  StartSimulator();
+  StartWithClient();
+  ASSERT_TRUE(DaemonLogs("Found 8 tap-out buffers, 8 inject buffers"));
+  Call("EnableUseCase AREL_TELE true");
+  Call("EnableUseCase MIC_IN true");
+  const Latency before = Measure(kMeasureTime);
+  const Resources resources = Use();
+  const auto attacker = Attack("hanging_callbacks", 2 * kMeasureTime, 1);
+  ASSERT_TRUE(Attacking(*attacker)) << attacker->Out();
+  ASSERT_TRUE(DaemonLogs("art0: no thread to call the client with"));
+  const int64_t injected = Figure("vpdl.0", "received");
+  const Latency during = Measure(kMeasureTime);
+  EXPECT_GT(Figure("vpdl.0", "received"), injected) << "audio goes on";
+  EXPECT_LE(Use().threads, resources.threads + 8) << "as many as one process may have";
+  EXPECT_EQ(attacker->Wait(), 0) << attacker->Out() << attacker->Err();
+  EXPECT_LE(during.median, before.median + kSlack) << before.Text() << "\n" << during.Text();
+  EXPECT_TRUE(WaitFor([&] { return Use().threads <= resources.threads; }))
+      << resources.threads << " -> " << Use().threads;
+}
+
+}  // namespace
+}  // namespace kvox
