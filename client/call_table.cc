@@ -176,29 +176,30 @@ Row SendAudio() {
 }
 
 Row RegisterReceiveAudioCallback() {
-  return {"RegisterReceiveAudioCallback", "PROCESSOR SECONDS FILE [reject]", 3, 4,
-          [](const Words& words) {
-            const int32_t id = Read(kProcessor, words[0]);
-            const float seconds = Read(Float("SECONDS"), words[1]);
-            if (!(seconds >= 0 && seconds <= kLongestStay)) {
-              throw UsageError("SECONDS: '" + words[1] + "' is not between 0 and a year");
-            }
-            const bool reject = words.size() > 3;
-            if (reject && words[3] != "reject") {
-              throw UsageError("'" + words[3] + "' is not 'reject'");
-            }
-            auto receiver = AudioReceiver::Create(words[2], reject);
-            return [=](IKvox& kvox, Answer& answer) {
-              AudioReceiver::StartServing();
-              auto status = kvox.RegisterReceiveAudioCallback(id, receiver, &answer.result);
-              if (status.isOk() && answer.result.status == IKvox::CommandStatus::OK) {
-                answer.afterwards = [binder = kvox.asBinder(), receiver, seconds] {
-                  return receiver->Stay(binder, seconds);
-                };
-              }
-              return status;
+  return {
+      "RegisterReceiveAudioCallback", "PROCESSOR SECONDS FILE [reject]", 3, 4,
+      [](const Words& words) {
+        const int32_t id = Read(kProcessor, words[0]);
+        const float seconds = Read(Float("SECONDS"), words[1]);
+        if (!(seconds >= 0 && seconds <= kLongestStay)) {
+          throw UsageError("SECONDS: '" + ValidUtf8(words[1]) + "' is not between 0 and a year");
+        }
+        const bool reject = words.size() > 3;
+        if (reject && words[3] != "reject") {
+          throw UsageError("'" + ValidUtf8(words[3]) + "' is not 'reject'");
+        }
+        auto receiver = AudioReceiver::Create(words[2], reject);
+        return [=](IKvox& kvox, Answer& answer) {
+          AudioReceiver::StartServing();
+          auto status = kvox.RegisterReceiveAudioCallback(id, receiver, &answer.result);
+          if (status.isOk() && answer.result.status == IKvox::CommandStatus::OK) {
+            answer.afterwards = [binder = kvox.asBinder(), receiver, seconds] {
+              return receiver->Stay(binder, seconds);
             };
-          }};
+          }
+          return status;
+        };
+      }};
 }
 
 const std::vector<Row>& Rows() {
@@ -255,15 +256,16 @@ PreparedCall PrepareCall(const std::string& method, const Words& words) {
   const auto row = std::find_if(rows.begin(), rows.end(),
                                 [&](const Row& candidate) { return candidate.name == method; });
   if (row == rows.end()) {
-    throw UsageError("METHOD: there is no '" + method + "'; 'kvoxctl call --help' lists them");
+    throw UsageError("METHOD: there is no '" + ValidUtf8(method) +
+                     "'; 'kvoxctl call --help' lists them");
   }
   if (words.size() < row->min_words) {
     throw UsageError(method + " takes " + row->arguments + "; " + std::to_string(words.size()) +
                      " given");
   }
   if (words.size() > row->max_words) {
-    throw UsageError(method + ": unexpected argument '" + words[row->max_words] + "'; it takes " +
-                     (row->arguments.empty() ? "none" : row->arguments));
+    throw UsageError(method + ": unexpected argument '" + ValidUtf8(words[row->max_words]) +
+                     "'; it takes " + (row->arguments.empty() ? "none" : row->arguments));
   }
   return row->prepare(words);
 }

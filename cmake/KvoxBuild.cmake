@@ -35,6 +35,11 @@ if(KVOX_COVERAGE)
     ${counting} -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(kvox_build INTERFACE ${counting})
 endif()
+if(KVOX_FUZZ)
+  # The feedback is the code under test's alone; the targets' own code would only cost time.
+  target_compile_options(kvox_build INTERFACE
+    $<$<NOT:$<BOOL:$<TARGET_PROPERTY:KVOX_FUZZER>>>:-fsanitize=fuzzer-no-link>)
+endif()
 
 # kvox_library(NAME SOURCES... [LINK targets...])
 function(kvox_library name)

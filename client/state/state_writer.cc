@@ -2,11 +2,9 @@
 
 #include <sstream>
 
-#define TOML_EXCEPTIONS 0
-#include <toml++/toml.h>
-
 #include "client/out.h"
 #include "client/state/state_file.h"
+#include "kvox/common/toml.h"
 
 namespace kvox::client {
 namespace {

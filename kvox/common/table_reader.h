@@ -2,9 +2,7 @@
 // is told by line, key and expectation. For one source file's own use.
 #pragma once
 
-#define TOML_EXCEPTIONS 0
 #include <fmt/format.h>
-#include <toml++/toml.h>
 
 #include <algorithm>
 #include <concepts>
@@ -16,6 +14,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "kvox/common/toml.h"
 
 namespace kvox {
 

@@ -68,6 +68,12 @@ sink = { kind = "wav", file = "out.wav" }
   EXPECT_EQ(tap.sink.where, "dir/s.toml:16: tap[0].sink.file");
 }
 
+TEST(Scenario, LettersOfAnyAlphabetAreNoBlanks) {
+  EXPECT_THAT(ErrorOf("\xc3\xa9 = 1"), StartsWith("s.toml:1: syntax"));
+  EXPECT_THAT(ErrorOf("x = 1 \xef\xbb\xbb"), StartsWith("s.toml:1: syntax"));
+  EXPECT_THAT(ErrorOf("x = \"\"\"a\\\n  \xc3\xa9\"\"\""), StartsWith("s.toml:1: cores: missing"));
+}
+
 TEST(Scenario, FaultsNameTheLineTheKeyAndWhatIsExpected) {
   const struct {
     const char* lines;  // from line 4 on, in the table of a tap

@@ -1,0 +1,17 @@
+// What a fuzz target says about the code under test.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace kvox::fuzz {
+
+/// Ends the run, which makes the input a finding, unless the property holds. `property` is a
+/// sentence that is true of sound code.
+inline void Check(bool holds, const char* property) {
+  if (holds) return;
+  std::fprintf(stderr, "fuzz: it is not true that %s\n", property);
+  std::abort();
+}
+
+}  // namespace kvox::fuzz

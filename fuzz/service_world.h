@@ -1,0 +1,197 @@
+// A KvoxService and what surrounds it: a co-processor that answers as an input says, devices that
+// are FIFOs in a private directory, and a recovery that runs when it is told to.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "buffer/device_io.h"
+#include "daemon/device_events.h"
+#include "fuzz/check.h"
+#include "kvox/common/log.h"
+#include "kvox/common/unique_fd.h"
+#include "service/kvox_service.h"
+
+namespace kvox::fuzz {
+
+/// Honest as long as it has no noise: then it knows the tap points of the use cases. Else every
+/// status and every reply's contents are the next bytes of the noise, round and round.
+class NoisyCoprocessor : public CoprocessorLink {
+ public:
+  void SetNoise(std::string noise) {
+    noise_ = std::move(noise);
+    at_ = 0;
+  }
+  bool wake_lock() const { return wake_lock_; }
+
+  int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) override {
+    const std::span<std::byte> reply(reinterpret_cast<std::byte*>(record), size);
+    if (!noise_.empty()) {
+      for (std::byte& byte : reply.subspan(sizeof(CMD_HDR))) byte = Next();
+      return Next() < std::byte{192} ? 0 : -1;
+    }
+    if (opcode == CMD_KVOX_TAP_LIST_ID) List(*reinterpret_cast<TapListRecord*>(record));
+    if (opcode == CMD_TAP_INFO_ID) Tell(reinterpret_cast<TapInfoRecord*>(record)->state);
+    return 0;
+  }
+  void UpdateWakeLock(bool needed) override { wake_lock_ = needed; }
+
+ private:
+  struct Tap {
+    uint8_t core;
+    FourCc name;
+    uint8_t index;
+  };
+  static constexpr Tap kTaps[] = {{2, MakeFourCc("imic"), 0},
+                                  {2, MakeFourCc("sspk"), 0},
+                                  {2, MakeFourCc("entr"), 5},
+                                  {4, MakeFourCc("vpdl"), 0},
+                                  {4, MakeFourCc("vpul"), 1}};
+
+  std::byte Next() { return static_cast<std::byte>(noise_[at_++ % noise_.size()]); }
+
+  static void List(TapListRecord& record) {
+    size_t entry = 0;
+    for (const Tap& tap : kTaps) {
+      if (tap.core != record.core || record.page > 0) continue;
+      record.entries[entry].tap = tap.name;
+      record.entries[entry++].index = tap.index;
+    }
+  }
+  static void Tell(TapInfoState& state) {
+    state.sample_rate = 48000;
+    state.block_length = 480;
+    state.channels = state.tap == MakeFourCc("entr") ? 2 : 1;
+    state.bytes_per_sample = state.tap == MakeFourCc("entr") ? 4 : 2;
+  }
+
+  std::string noise_;
+  size_t at_ = 0;
+  bool wake_lock_ = false;
+};
+
+/// The co-processor's data devices. Any of them may go and come.
+class DeviceNodes {
+ public:
+  static constexpr const char* kNames[] = {"tapout0", "tapout20", "tapout40", "tapout41",
+                                           "inject0", "inject20", "inject40", "inject41"};
+
+  DeviceNodes() {
+    const char* const parent = std::getenv("TMPDIR");
+    std::string name = std::string(parent == nullptr ? "/tmp" : parent) + "/kvox_fuzz.XXXXXX";
+    Check(mkdtemp(name.data()) != nullptr, "there is a private directory");
+    path_ = name;
+    for (size_t i = 0; i < std::size(kNames); ++i) Make(i);
+  }
+  ~DeviceNodes() { std::filesystem::remove_all(path_); }
+  DeviceNodes(const DeviceNodes&) = delete;
+  DeviceNodes& operator=(const DeviceNodes&) = delete;
+
+  const std::string& path() const { return path_; }
+  static std::string NodeName(size_t device) { return std::string("xdv-kvox_") + kNames[device]; }
+
+  void Make(size_t device) {
+    const std::string path = path_ + "/" + NodeName(device);
+    if (mkfifo(path.c_str(), 0600) == 0 || !ends_[device].valid()) {
+      ends_[device] = UniqueFd(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    }
+  }
+  void Remove(size_t device) const { unlink((path_ + "/" + NodeName(device)).c_str()); }
+
+  /// What a tap-out device delivers.
+  void Deliver(size_t device, std::span<const std::byte> bytes) const {
+    [[maybe_unused]] const ssize_t size = write(ends_[device].get(), bytes.data(), bytes.size());
+  }
+  /// Takes what lies in every device.
+  void Drain() const {
+    std::array<std::byte, 65536> bytes;
+    for (const UniqueFd& end : ends_) {
+      while (read(end.get(), bytes.data(), bytes.size()) > 0) {
+      }
+    }
+  }
+
+ private:
+  std::string path_;
+  std::array<UniqueFd, std::size(kNames)> ends_;
+};
+
+/// Begins to scan at once and pauses nowhere; runs on the thread that calls Run.
+class PromptRecovery : public Recovery, public RecoveryPacer {
+ public:
+  explicit PromptRecovery(Body body) : body_(std::move(body)) {}
+  void NoteArrival() override { arrived_ = true; }
+  void RequestStop() override {}
+  bool Pause(std::chrono::milliseconds) override { return true; }
+  bool stopping() const override { return false; }
+  void ScanBegins() override { arrived_ = false; }
+  bool WaitForArrivals() override { return std::exchange(arrived_, false); }
+
+  void Run() { body_(*this); }
+
+ private:
+  const Body body_;
+  bool arrived_ = false;
+};
+
+class ServiceWorld {
+ public:
+  explicit ServiceWorld(DeviceNodes& nodes) : nodes_(nodes) {
+    for (size_t i = 0; i < std::size(DeviceNodes::kNames); ++i) nodes.Make(i);
+    nodes.Drain();
+    PromptRecovery pacer([](RecoveryPacer&) {});
+    service_ = ndk::SharedRefBase::make<KvoxService>(
+        ServiceEnvironment{.link = link_,
+                           .io = SystemDeviceIo(),
+                           .io_log = SystemLog(),
+                           .device_directory = nodes.path(),
+                           .start_recovery =
+                               [this](Recovery::Body body) {
+                                 auto recovery = std::make_unique<PromptRecovery>(std::move(body));
+                                 recovery_ = recovery.get();
+                                 return recovery;
+                               }},
+        pacer);
+  }
+
+  NoisyCoprocessor& link() { return link_; }
+  KvoxService& service() { return *service_; }
+
+  /// The device goes or comes, and the service hears of it.
+  void Switch(size_t device, bool present) {
+    if (present) {
+      nodes_.Make(device);
+    } else {
+      nodes_.Remove(device);
+      recovery_ = nullptr;  // the service ends it
+    }
+    const InotifyEventBytes event(present ? IN_CREATE : IN_DELETE, DeviceNodes::NodeName(device));
+    service_->HandleInotifyEvent(&event.event());
+  }
+  /// Everything is restored that can be when this returns.
+  void Recover() {
+    if (recovery_ != nullptr) recovery_->Run();
+  }
+
+ private:
+  DeviceNodes& nodes_;
+  NoisyCoprocessor link_;
+  PromptRecovery* recovery_ = nullptr;
+  std::shared_ptr<KvoxService> service_;
+};
+
+}  // namespace kvox::fuzz
