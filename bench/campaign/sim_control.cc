@@ -11,7 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "platform/linux/unique_fd.h"
+#include "kvox/common/unique_fd.h"
 
 namespace kvox::campaign {
 namespace {
@@ -70,7 +70,7 @@ std::string SimControl::Ask(const std::string& line) const {
     throw SimError(socket_.string() + " is too long for a socket; set TMPDIR to a shorter path");
   }
   std::strcpy(address.sun_path, socket_.c_str());
-  const binder::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
   setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
   const std::string request = line + "\n";
