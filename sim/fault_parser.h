@@ -3,8 +3,8 @@
 
 #include <string>
 
+#include "kvox/toml/table_reader.h"
 #include "sim/fault_spec.h"
-#include "kvox/common/table_reader.h"
 
 namespace kvox::sim {
 

@@ -8,10 +8,10 @@
 #include <tuple>
 
 #include "kvox/common/kvox_packet.h"
+#include "kvox/toml/table_reader.h"
 #include "sim/fault_parser.h"
 #include "sim/samples.h"
 #include "sim/scenario.h"
-#include "kvox/common/table_reader.h"
 
 namespace kvox::sim {
 namespace {

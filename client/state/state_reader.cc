@@ -5,7 +5,7 @@
 #include "client/near_matches.h"
 #include "client/state/state_file.h"
 #include "kvox/common/fixed_text.h"
-#include "kvox/common/table_reader.h"
+#include "kvox/toml/table_reader.h"
 
 namespace kvox::client {
 namespace {

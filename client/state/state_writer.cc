@@ -4,7 +4,7 @@
 
 #include "client/out.h"
 #include "client/state/state_file.h"
-#include "kvox/common/toml.h"
+#include "kvox/toml/toml.h"
 
 namespace kvox::client {
 namespace {

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "kvox/common/toml.h"
+#include "kvox/toml/toml.h"
 
 namespace kvox {
 
