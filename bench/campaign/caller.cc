@@ -11,7 +11,11 @@ CallWatch::Entries::iterator CallWatch::Begin(const char* name) {
 
 void CallWatch::End(Entries::iterator entry) {
   const std::lock_guard lock(mutex_);
-  slowest_ = std::max(slowest_, Clock::now() - entry->second);
+  const auto time = Clock::now() - entry->second;
+  if (time > slowest_time_) {
+    slowest_time_ = time;
+    slowest_ = entry->first;
+  }
   under_way_.erase(entry);
 }
 
@@ -23,9 +27,10 @@ std::optional<std::string> CallWatch::Overdue(Ms limit) const {
   return std::nullopt;
 }
 
-Ms CallWatch::slowest() const {
+std::string CallWatch::Slowest() const {
   const std::lock_guard lock(mutex_);
-  return std::chrono::duration_cast<Ms>(slowest_);
+  const auto ms = std::chrono::duration_cast<Ms>(slowest_time_).count();
+  return slowest_ + (" " + std::to_string(ms)) + " ms";
 }
 
 std::string Answer::Text() const {

@@ -33,8 +33,8 @@ class CallWatch {
 
   /// The name of a call that has been under way for longer than `limit`.
   std::optional<std::string> Overdue(Ms limit) const;
-  /// The longest time that a call took.
-  Ms slowest() const;
+  /// The longest time that a call took: "StartIo 402 ms".
+  std::string Slowest() const;
 
  private:
   using Entries = std::list<std::pair<const char*, Clock::time_point>>;
@@ -43,7 +43,8 @@ class CallWatch {
 
   mutable std::mutex mutex_;
   Entries under_way_;
-  Clock::duration slowest_{};
+  Clock::duration slowest_time_{};
+  const char* slowest_ = "none";
 };
 
 struct Answer {

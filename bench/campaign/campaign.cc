@@ -43,6 +43,7 @@ class CampaignRun {
   bool Answers();
   bool AudioFlows(AudioCheck& audio, const StreamList& streams, Ms limit, Ms& recovery);
   bool Finished() const;
+  double Seconds() const { return std::chrono::duration<double>(Clock::now() - begin_).count(); }
 
   const CampaignOptions& options_;
   FaultPlan plan_;
@@ -72,6 +73,9 @@ bool CampaignRun::Run() {
     if (report_.faults() < next_checkpoint) continue;
     next_checkpoint += kFaultsPerCheckpoint;
     if (!leaks_.Check()) return false;
+    fmt::print("{:>6.0f} s  {} faults, {}\n", Seconds(), report_.faults(),
+               stage_.machine().DaemonResources().Text());
+    std::fflush(stdout);
   }
   return leaks_.Check();
 }
@@ -156,10 +160,10 @@ int RunCampaign(const CampaignOptions& options) {
   Stage& stage = run.stage();
   fmt::print(
       "\n{} faults in {} events within {:.0f} s; {} commands, {} of them refused while that "
-      "was to be expected; slowest {} ms\n",
+      "was to be expected; slowest {}\n",
       run.report().faults(), run.report().events(),
       std::chrono::duration<double>(Clock::now() - begin).count(), stage.shared().commands.load(),
-      stage.shared().refused.load(), stage.machine().calls().slowest().count());
+      stage.shared().refused.load(), stage.machine().calls().Slowest());
   for (const std::string& finding : stage.findings().all()) fmt::print("FAULT: {}\n", finding);
   if (!passed) {
     stage.KeepLogs(options.logs);

@@ -123,6 +123,8 @@ int RunEndurance(const CampaignOptions& options) {
     stage.Healthy();
     stage.findings().Add("{}", error.what());
   }
+  fmt::print("{:.0f} % of the time the machine had no processor for whoever was to wake up\n",
+             100 * stage.load().LostShare());
   for (const std::string& finding : stage.findings().all()) fmt::print("FAULT: {}\n", finding);
   if (!passed) {
     stage.KeepLogs(options.logs);

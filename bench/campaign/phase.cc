@@ -15,6 +15,11 @@ LoadMeter::~LoadMeter() {
   thread_.join();
 }
 
+double LoadMeter::LostShare() const {
+  return std::chrono::duration<double>(Lost()) /
+         std::chrono::duration<double>(Clock::now() - begin_);
+}
+
 void LoadMeter::Run() {
   while (!stopping_) {
     const auto begin = Clock::now();

@@ -1,6 +1,7 @@
 // Where the campaign stands with its faults, and how long things take on a busy machine.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -48,14 +49,22 @@ class LoadMeter {
   Ms Lost() const { return Ms(lost_us_.load() / 1000); }
 
   /// What a limit may grow by when `lost_before` was lost as its time began: a chain of threads
-  /// waits for a processor several times where ours waits once.
-  Ms Allowance(Ms lost_before) const { return kThreadsInAChain * (Lost() - lost_before); }
+  /// waits for a processor several times where ours waits once. It has an end, so that every wait
+  /// has one.
+  Ms Allowance(Ms lost_before) const {
+    return std::min(kThreadsInAChain * (Lost() - lost_before), kMostAllowance);
+  }
+
+  /// The share of the time that was lost so far.
+  double LostShare() const;
 
  private:
   static constexpr int kThreadsInAChain = 4;
+  static constexpr Ms kMostAllowance{20000};
 
   void Run();
 
+  const Clock::time_point begin_ = Clock::now();
   std::atomic<int64_t> lost_us_ = 0;
   std::atomic<bool> stopping_ = false;
   std::thread thread_;

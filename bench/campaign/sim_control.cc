@@ -69,7 +69,7 @@ std::string SimControl::Ask(const std::string& line) const {
   if (socket_.native().size() >= sizeof address.sun_path) {
     throw SimError(socket_.string() + " is too long for a socket; set TMPDIR to a shorter path");
   }
-  std::strcpy(address.sun_path, socket_.c_str());
+  std::memcpy(address.sun_path, socket_.c_str(), socket_.native().size() + 1);
   const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
   setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);

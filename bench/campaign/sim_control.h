@@ -41,7 +41,7 @@ struct SimError : std::runtime_error {
 /// Throws SimError. Any thread.
 class SimControl {
  public:
-  explicit SimControl(std::filesystem::path devices) : socket_(devices / ".kvosim.ctl") {}
+  explicit SimControl(const std::filesystem::path& devices) : socket_(devices / ".kvosim.ctl") {}
 
   SimStatus Status() const;
   /// "restart gap=0.5"

@@ -149,9 +149,11 @@ bool SoakRun::Run() {
 void SoakRun::PrintOutcome(bool passed) {
   fmt::print("{} packets passed, {} lost by their timing, {} blocks by slow clients\n", passed_,
              timing_, slow_);
-  fmt::print("{} restarts cost {} packets; slowest recovery {} ms; {} commands, slowest {} ms\n",
+  fmt::print("{} restarts cost {} packets; slowest recovery {} ms; {} commands, slowest {}\n",
              restarts_, lost_in_restarts_, slowest_recovery_.count(),
-             stage_.shared().commands.load(), stage_.machine().calls().slowest().count());
+             stage_.shared().commands.load(), stage_.machine().calls().Slowest());
+  fmt::print("{:.0f} % of the time the machine had no processor for whoever was to wake up\n",
+             100 * stage_.load().LostShare());
   for (const std::string& finding : stage_.findings().all()) fmt::print("FAULT: {}\n", finding);
   fmt::print("Soak {} after {:.1f} minutes.\n", passed ? "passed" : "FAILED",
              static_cast<double>(Elapsed().count()) / 60000);
