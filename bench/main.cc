@@ -17,6 +17,7 @@
 #include "bench/idle_bench.h"
 #include "bench/packet_bench.h"
 #include "bench/relay.h"
+#include "bench/top_bench.h"
 #include "bench/traffic.h"
 
 namespace {
@@ -29,16 +30,19 @@ struct Plan {
   CommandEffort commands;
   unsigned client_runs;
   unsigned idle_s;
+  unsigned top_s;
 };
 
 constexpr Plan kFullPlan = {.packets = {.rounds = 9, .ping_pongs = 20000, .periods = 200},
                             .commands = {.rounds = 9, .calls = 5000, .client_ms = 3000},
                             .client_runs = 500,
-                            .idle_s = 5};
+                            .idle_s = 5,
+                            .top_s = 10};
 constexpr Plan kQuickPlan = {.packets = {.rounds = 5, .ping_pongs = 4000, .periods = 40},
                              .commands = {.rounds = 5, .calls = 1000, .client_ms = 1000},
                              .client_runs = 100,
-                             .idle_s = 2};
+                             .idle_s = 2,
+                             .top_s = 4};
 
 constexpr PacketCase kPacketCases[] = {
     {Pattern::kPingPong, 1920, 1, 1.15}, {Pattern::kPingPong, 38400, 1, 1.10},
@@ -97,10 +101,12 @@ std::vector<Group> Groups() {
          MeasureClientProcess(plan.client_runs, report);
          return uint64_t{0};
        }},
-      {"idle", [](const Plan& plan, Report& report) {
+      {"idle",
+       [](const Plan& plan, Report& report) {
          MeasureIdle(plan.idle_s, report);
          return uint64_t{0};
-       }}};
+       }},
+      {"top", [](const Plan& plan, Report& report) { return MeasureTop(plan.top_s, report); }}};
 }
 
 int Measure(const Options& options) {
@@ -131,7 +137,7 @@ int main(int argc, char** argv) {
     app.add_flag("--quick", options.quick, "Well under a minute instead of a few");
     app.add_option("--only", options.only, "One group of measurements")
         ->check(CLI::IsMember(
-            std::set<std::string>({"ping-pong", "paced", "calls", "client", "idle"})));
+            std::set<std::string>({"ping-pong", "paced", "calls", "client", "idle", "top"})));
     app.add_option("--json", options.json, "Also write the outcome into this file");
     CLI11_PARSE(app, argc, argv);
     return Measure(options);

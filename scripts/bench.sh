@@ -3,11 +3,11 @@
 #
 # Measures kvoxd against the least a program can do for the same work, both in alternation in one
 # run: packets against a bare relay, calls against a bare socket, kvoxctl against a process that
-# does nothing; also what the idle daemon takes, and single steps. Prints aims beside the outcome.
-# A missed aim is no failure; a lost or wrong packet or call is.
+# does nothing; also what the idle daemon takes, what kvoxctl top takes, and single steps. Prints
+# aims beside the outcome. A missed aim is no failure; a lost or wrong packet or call is.
 #
 #   --quick       well under a minute; without it about two
-#   --only GROUP  one of ping-pong, paced, calls, client, idle, micro
+#   --only GROUP  one of ping-pong, paced, calls, client, idle, top, micro
 #   --json FILE   write the outcome into FILE as well, all but the single steps
 #
 # Ping-pong on one core repeats well; the other figures want a machine with nothing else to do.
