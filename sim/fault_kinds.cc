@@ -1,7 +1,7 @@
 #include <array>
 
 #include "kvox/common/kvox_packet.h"
-#include "sim/fault_spec.h"
+#include "sim/fault.h"
 
 namespace kvox::sim {
 namespace {

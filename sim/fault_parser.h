@@ -4,7 +4,7 @@
 #include <string>
 
 #include "kvox/toml/table_reader.h"
-#include "sim/fault_spec.h"
+#include "sim/fault.h"
 
 namespace kvox::sim {
 

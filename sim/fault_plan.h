@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "sim/fault_spec.h"
+#include "sim/fault.h"
 
 namespace kvox::sim {
 

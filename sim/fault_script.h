@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/fault_spec.h"
+#include "sim/fault.h"
 
 namespace kvox::sim {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "kvox/common/kvox_packet.h"
-#include "sim/fault_spec.h"
+#include "sim/fault.h"
 
 namespace kvox::sim {
 

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "sim/fault_spec.h"
+#include "sim/fault.h"
 
 namespace kvox::sim {
 

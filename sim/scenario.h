@@ -11,7 +11,7 @@
 
 #include "kvox/common/four_cc.h"
 #include "kvox/common/tap_format.h"
-#include "sim/fault_spec.h"
+#include "sim/fault.h"
 
 namespace kvox::sim {
 
