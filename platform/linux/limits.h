@@ -64,8 +64,11 @@ inline constexpr int kMaxAcceptsAtOnce = 16;
 /// And after so many of these it asks the system which others have sent something.
 inline constexpr int kMaxCallbacksAtOnce = 8;
 
-/// Blocks of this size are memory of their own, which the system gets back when they are freed.
-inline constexpr int kMmapBytes = 128 * 1024;
+/// Blocks of this size are memory of their own, which the system gets back when they are freed: the
+/// largest frames of a peer, and what a buffer works with. Left to itself the allocator raises this
+/// to the largest block that was ever freed, and then every thread that has ever handled such
+/// blocks keeps an arena that has grown by them.
+inline constexpr int kMmapBytes = 64 * 1024;
 
 /// A connection that has brought this much leaves enough free memory behind to give it back to the
 /// system, after what of it is still in use has gone as well.

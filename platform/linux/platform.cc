@@ -4,18 +4,12 @@
 #include <malloc.h>
 #include <stdlib.h>
 
+#include "platform/linux/limits.h"
+
 namespace kvox {
-namespace {
-
-/// What a buffer works with is as large as that or larger. Memory of this size goes back to the
-/// system when it is freed. Left to itself the allocator raises the limit, and then every thread
-/// that has ever set up buffers keeps an arena that has grown by them.
-constexpr int kOwnMappingSize = 64 * 1024;
-
-}  // namespace
 
 void PreparePlatform() {
-  mallopt(M_MMAP_THRESHOLD, kOwnMappingSize);
+  mallopt(M_MMAP_THRESHOLD, binder::kMmapBytes);
   // The binder's event loop needs it; an event loop of the program's own must not be made before.
   evthread_use_pthreads();
 }

@@ -1,7 +1,6 @@
 #include "platform/linux/reactor.h"
 
 #include <event2/thread.h>
-#include <malloc.h>
 
 #include <system_error>
 #include <utility>
@@ -35,9 +34,6 @@ Reactor& Reactor::Get() {
 event_base* Reactor::Start() {
   MutexLock lock(mutex_);
   if (base_ != nullptr) return base_;
-  // The library raises this by itself to the largest block that was ever freed, and then keeps as
-  // much. A peer's largest frames shall go back to the system as soon as they are done with.
-  mallopt(M_MMAP_THRESHOLD, kMmapBytes);
   evthread_use_pthreads();
   event_base* base = NewBase();
   if (base == nullptr) {
