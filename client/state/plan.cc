@@ -137,18 +137,21 @@ class Planner {
       if (AsksForLengths(wanted, now) && !now.input.empty()) {
         Do({.action = Action::kConnect, .object = id});
       }
-      const auto set = [&](ParameterId parameter, const auto& value, const auto& has) {
-        if (!Asks(value, has)) return;
-        Do({.action = Action::kSetParameter,
-            .object = id,
-            .parameter = parameter,
-            .value = static_cast<int64_t>(*value)});
-      };
-      set(ParameterId::PASSTHROUGH_MODE, wanted.passthrough_mode, now.passthrough_mode);
-      set(ParameterId::TEST_MODE, wanted.test_mode, now.test_mode);
-      set(ParameterId::BLOCK_LENGTH, wanted.block_length_frames, now.block_length_frames);
-      set(ParameterId::JITTER_BUFFER, wanted.jitter_buffer_frames, now.jitter_buffer_frames);
+      Set(id, ParameterId::PASSTHROUGH_MODE, wanted.passthrough_mode, now.passthrough_mode);
+      Set(id, ParameterId::TEST_MODE, wanted.test_mode, now.test_mode);
+      Set(id, ParameterId::BLOCK_LENGTH, wanted.block_length_frames, now.block_length_frames);
+      Set(id, ParameterId::JITTER_BUFFER, wanted.jitter_buffer_frames, now.jitter_buffer_frames);
     }
+  }
+
+  template <typename T>
+  void Set(const std::string& id, ParameterId parameter, const std::optional<T>& wanted,
+           const std::optional<T>& now) {
+    if (!Asks(wanted, now)) return;
+    Do({.action = Action::kSetParameter,
+        .object = id,
+        .parameter = parameter,
+        .value = static_cast<int64_t>(*wanted)});
   }
 
   void ConnectProcessors() {

@@ -10,7 +10,6 @@ namespace kvox::client {
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using Action = Step::Action;
 
 /// States made of three of everything.

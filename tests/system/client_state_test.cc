@@ -30,7 +30,7 @@ class ClientStateTest : public ClientMachineTest {
   }
 
   std::string Write(const std::string& text) {
-    const std::string path = directory_ / "state.toml";
+    std::string path = directory_ / "state.toml";
     std::ofstream(path) << text;
     return path;
   }
