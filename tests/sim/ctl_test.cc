@@ -9,7 +9,6 @@
 namespace kvox::sim {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
