@@ -130,7 +130,7 @@ class DeviceNodes {
   std::array<UniqueFd, std::size(kNames)> ends_;
 };
 
-/// Begins to scan at once and pauses nowhere; runs on the thread that calls Run.
+/// Begins to scan at once and pauses nowhere, its clock jumps; runs on the thread that calls Run.
 class PromptRecovery : public Recovery, public RecoveryPacer {
  public:
   explicit PromptRecovery(Body body) : body_(std::move(body)) {}
@@ -139,12 +139,19 @@ class PromptRecovery : public Recovery, public RecoveryPacer {
   bool Pause(std::chrono::milliseconds) override { return true; }
   bool stopping() const override { return false; }
   void ScanBegins() override { arrived_ = false; }
-  bool WaitForArrivals() override { return std::exchange(arrived_, false); }
+  RecoveryClock::time_point Now() const override { return now_; }
+  Wake WaitForArrivals(RecoveryClock::time_point until) override {
+    if (std::exchange(arrived_, false)) return Wake::kArrivals;
+    if (until == RecoveryClock::time_point::max()) return Wake::kStopping;
+    now_ = until;
+    return Wake::kTime;
+  }
 
   void Run() { body_(*this); }
 
  private:
   const Body body_;
+  RecoveryClock::time_point now_{};
   bool arrived_ = false;
 };
 
