@@ -17,6 +17,7 @@
 namespace kvox::fuzz {
 namespace {
 
+using sim::FaultSpec;
 using sim::Scenario;
 using sim::SinkKind;
 using sim::SourceConfig;
@@ -64,10 +65,21 @@ void CheckTap(const TapConfig& tap, const Scenario& scenario) {
   Check((tap.sink.kind == SinkKind::kWav) == !tap.sink.file.empty(), "a WAV sink has its file");
 }
 
+void CheckFault(const FaultSpec& fault) {
+  const double times[] = {fault.at,    fault.seconds.value_or(0),    fault.gap, fault.spacing,
+                          fault.delay, fault.missing_for.value_or(0)};
+  for (const double time : times) Check(InRange(time, 0, 1e6), "a fault's times have an end");
+  Check(InRange(fault.probability.value_or(0), 0, 1), "a probability is one");
+  Check(fault.count.value_or(1) > 0 && fault.times > 0, "a fault strikes at all");
+  Check(fault.bytes <= kPacketMaxSize && fault.packets <= 1'000'000, "a fault keeps in bounds");
+}
+
 void CheckScenario(const Scenario& scenario) {
   CheckNumbers(scenario.cores, 255);
   CheckNumbers(scenario.tapouts, 254);
   CheckNumbers(scenario.injects, 254);
+  Check(scenario.faults.size() <= sim::kMaxFaults, "there are not too many faults");
+  for (const FaultSpec& fault : scenario.faults) CheckFault(fault);
   std::set<std::tuple<uint8_t, FourCc, uint8_t>> taps;
   std::set<std::filesystem::path> sinks;
   for (const TapConfig& tap : scenario.taps) {
@@ -112,7 +124,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Scenario again;
   std::string same;
   Check(kvox::sim::ParseScenario(text, kOrigin, kDirectory, again, same) == good && same == error &&
-            again.taps.size() == scenario.taps.size(),
+            again.taps.size() == scenario.taps.size() &&
+            again.faults.size() == scenario.faults.size(),
         "a file means the same every time");
   return 0;
 }
