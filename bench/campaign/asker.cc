@@ -10,6 +10,11 @@ namespace {
 using UseCase = IKvox::UseCase;
 
 constexpr Ms kAskAgain{50};
+
+/// The co-processor has half a second for a reply. Who is kept waiting for a processor so long
+/// meanwhile cannot blame the daemon for one that came too late.
+constexpr Ms kStarved{100};
+
 constexpr uint32_t kRelayBlock = 4800;
 
 int32_t Signed(FourCc code) {
@@ -65,10 +70,10 @@ void NoteUseCase(UseCase use_case, bool enable, Model& model) {
 bool Asker::Insist(const char* name, Accept accept, const std::function<Answer()>& ask,
                    const Note& note) {
   while (!shared_.stopping) {
-    const unsigned mark = shared_.phase.mark();
-    const Phase phase = PhaseClock::PhaseOf(mark);
+    const Moment asked = Now();
+    const Phase phase = PhaseClock::PhaseOf(asked.mark);
     const Answer answer = ask();
-    const bool steady = shared_.phase.mark() == mark;
+    const bool steady = shared_.phase.mark() == asked.mark;
     ++shared_.commands;
     const bool counts = accept == Accept::kAnyTime || (steady && phase != Phase::kDisturbed);
     if (answer.ok() && counts) {
@@ -76,14 +81,7 @@ bool Asker::Insist(const char* name, Accept accept, const std::function<Answer()
       SetPending("");
       return true;
     }
-    if (!answer.ok()) {
-      ++shared_.refused;
-      if (steady && phase == Phase::kCalm) {
-        shared_.findings.Add("{}: {} was refused though nothing is disturbed: {}", name_, name,
-                             answer.Text());
-        return false;
-      }
-    }
+    if (!answer.ok()) JudgeRefusal(name, asked, answer);
     SetPending(std::string(name) + ": " + answer.Text());
     std::this_thread::sleep_for(kAskAgain);
   }
@@ -101,16 +99,23 @@ std::string Asker::Pending() const {
 }
 
 Answer Asker::Look(const char* name, const std::function<Answer()>& ask) {
-  const unsigned mark = shared_.phase.mark();
+  const Moment asked = Now();
   Answer answer = ask();
   ++shared_.commands;
-  if (answer.ok()) return answer;
-  ++shared_.refused;
-  if (PhaseClock::PhaseOf(mark) == Phase::kCalm && shared_.phase.mark() == mark) {
+  if (!answer.ok()) JudgeRefusal(name, asked, answer);
+  return answer;
+}
+
+void Asker::JudgeRefusal(const char* name, const Moment& asked, const Answer& answer) {
+  const Moment now = Now();
+  if (PhaseClock::PhaseOf(asked.mark) != Phase::kCalm || now.mark != asked.mark) {
+    ++shared_.refused;
+  } else if (answer.delivered && now.lost - asked.lost >= kStarved) {
+    ++shared_.starved;
+  } else {
     shared_.findings.Add("{}: {} was refused though nothing is disturbed: {}", name_, name,
                          answer.Text());
   }
-  return answer;
 }
 
 bool Asker::NewProcessor(FourCc id, FourCc type) {

@@ -36,11 +36,13 @@ class SharedModel {
 struct Shared {
   Caller& caller;
   const PhaseClock& phase;
+  const LoadMeter& load;
   Findings& findings;
   SharedModel& model;
   std::atomic<bool> stopping = false;
   std::atomic<uint64_t> commands = 0;
   std::atomic<uint64_t> refused = 0;  // while that was to be expected
+  std::atomic<uint64_t> starved = 0;  // while the machine had no processor for the co-processor
 };
 
 /// One thread. Every command answers whether it was acknowledged; false only when the run ends.
@@ -77,6 +79,13 @@ class Asker {
     kUndisturbed,
   };
   using Note = std::function<void(Model&)>;
+  /// How things stood when a question was asked.
+  struct Moment {
+    unsigned mark;
+    Ms lost;
+  };
+  Moment Now() const { return {shared_.phase.mark(), shared_.load.Lost()}; }
+  void JudgeRefusal(const char* name, const Moment& asked, const Answer& answer);
   bool Insist(const char* name, Accept accept, const std::function<Answer()>& ask,
               const Note& note);
   void SetPending(std::string text);

@@ -164,6 +164,10 @@ int RunCampaign(const CampaignOptions& options) {
       run.report().faults(), run.report().events(),
       std::chrono::duration<double>(Clock::now() - begin).count(), stage.shared().commands.load(),
       stage.shared().refused.load(), stage.machine().calls().Slowest());
+  fmt::print(
+      "{:.0f} % of the time the machine had no processor for whoever was to wake up; {} commands "
+      "were refused by that\n",
+      100 * stage.load().LostShare(), stage.shared().starved.load());
   for (const std::string& finding : stage.findings().all()) fmt::print("FAULT: {}\n", finding);
   if (!passed) {
     stage.KeepLogs(options.logs);

@@ -15,8 +15,6 @@ namespace kvox::campaign {
 namespace {
 
 constexpr Ms kDevicesPatience{10000};
-/// Longer than any command may take: a buffer's device is opened for four seconds.
-constexpr Ms kCallLimit{30000};
 
 /// The co-processor has a processor of its own; where we may, the simulator has at least the
 /// priority for it.
@@ -26,20 +24,25 @@ void GivePriority(pid_t pid) {
   sched_setscheduler(pid, SCHED_FIFO, &param);
 }
 
-/// One that takes commands: its devices are there then.
-std::unique_ptr<bench::Child> StartSimulator(const bench::PrivateDirectory& home) {
+/// What the programs find when they start. Before any client starts: they read the environment.
+const bench::PrivateDirectory& Prepare(const bench::PrivateDirectory& home) {
   setenv("KVOX_DEV_DIR", home.Folder("dev").c_str(), 1);
   unsetenv("ANDROID_LOG_TAGS");
+  std::ofstream(home.path() / "scenario.toml") << ScenarioText();
+  return home;
+}
+
+/// One that takes commands: its devices are there then.
+std::unique_ptr<bench::Child> StartSimulator(const bench::PrivateDirectory& home) {
   const auto scenario = home.path() / "scenario.toml";
-  std::ofstream(scenario) << ScenarioText();
   auto simulator = std::make_unique<bench::Child>(
       std::vector<std::string>{KVOSIM_PROGRAM, "--scenario", scenario}, home.path() / "kvosim");
-  GivePriority(simulator->pid());
   const SimControl control(home.path() / "dev");
   const auto until = Clock::now() + kDevicesPatience;
   for (;;) {
     try {
       control.Status();
+      GivePriority(simulator->pid());
       return simulator;
     } catch (const SimError& error) {
       if (!simulator->Ended() && Clock::now() < until) {
@@ -54,11 +57,12 @@ std::unique_ptr<bench::Child> StartSimulator(const bench::PrivateDirectory& home
 }  // namespace
 
 Machine::Machine()
-    : simulator_(StartSimulator(home_)),
+    : simulator_(StartSimulator(Prepare(home_))),
       daemon_(home_),
       sim_(home_.path() / "dev"),
       log_(home_.path() / "kvoxd.err"),
-      caller_(daemon_.shared_service(), calls_) {}
+      caller_(daemon_.shared_service(), calls_),
+      guard_(calls_, daemon_.pid()) {}
 
 void Machine::ReplaceSimulator(Ms away) {
   simulator_->Signal(SIGKILL);
@@ -69,12 +73,10 @@ void Machine::ReplaceSimulator(Ms away) {
 
 std::string Machine::Trouble() {
   log_.Follow();
+  if (const std::string hang = guard_.Hang(); !hang.empty()) return hang;
   if (const auto end = daemon_.child().Ended()) return "kvoxd has ended: " + *end;
   if (const auto end = simulator_->Ended()) return "kvosim has ended: " + *end;
   if (!ledger().report().empty()) return "a sanitizer reports: " + ledger().report();
-  if (const auto call = calls_.Overdue(kCallLimit)) {
-    return *call + " does not return\n" + DescribeResources(daemon_.pid());
-  }
   return "";
 }
 
@@ -85,6 +87,7 @@ void Machine::KeepLogs(const std::filesystem::path& directory) {
     std::filesystem::copy_file(home_.path() / name, directory / name,
                                std::filesystem::copy_options::overwrite_existing, ignored);
   }
+  std::ofstream(directory / "kvoxd.proc") << DescribeResources(daemon_.pid());
   daemon_.child().Signal(SIGKILL);
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "bench/campaign/caller.h"
+#include "bench/campaign/hang_guard.h"
 #include "bench/campaign/log_reader.h"
 #include "bench/campaign/resources.h"
 #include "bench/campaign/sim_control.h"
@@ -48,6 +49,7 @@ class Machine {
   LogReader log_;
   CallWatch calls_;
   Caller caller_;
+  HangGuard guard_;
 };
 
 }  // namespace kvox::campaign

@@ -5,6 +5,7 @@ namespace {
 
 constexpr Ms kNap{5};
 constexpr std::chrono::microseconds kOrdinary{1000};  // late by this much is nobody's fault
+constexpr Ms kStall{200};
 
 }  // namespace
 
@@ -27,6 +28,7 @@ void LoadMeter::Run() {
     const auto late =
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin - kNap);
     if (late > kOrdinary) lost_us_ += late.count();
+    if (late > kStall) ++stalls_;
   }
 }
 

@@ -55,6 +55,9 @@ class LoadMeter {
     return std::min(kThreadsInAChain * (Lost() - lost_before), kMostAllowance);
   }
 
+  /// How often the thread was late by so much that whatever has to be in time cannot have been.
+  unsigned Stalls() const { return stalls_.load(); }
+
   /// The share of the time that was lost so far.
   double LostShare() const;
 
@@ -66,6 +69,7 @@ class LoadMeter {
 
   const Clock::time_point begin_ = Clock::now();
   std::atomic<int64_t> lost_us_ = 0;
+  std::atomic<unsigned> stalls_ = 0;
   std::atomic<bool> stopping_ = false;
   std::thread thread_;
 };

@@ -22,7 +22,7 @@ const Stream& FirstOf(Owner owner) {
 }  // namespace
 
 Stage::Stage(unsigned seed, Manner manner)
-    : shared_{machine_.caller(), phase_, findings_, model_},
+    : shared_{machine_.caller(), phase_, load_, findings_, model_},
       echoes_(machine_.service()),
       crew_(shared_) {
   SetUp();
