@@ -49,78 +49,58 @@ std::vector<std::string> DevicesOf(const FaultTargets& targets, std::string_view
   return devices;
 }
 
+/// What the rows read from and into.
+struct Reading {
+  TableReader& table;
+  const FaultTargets& targets;
+  FaultSpec& spec;
+};
+
+void ReadOrder(Reading& in) {
+  const OrderRow* row = in.table.ReadChoice("order", kOrders, false);
+  if (row != nullptr) in.spec.order = row->order;
+}
+
+void ReadDevice(Reading& in, std::string_view kind) {
+  ReadName(in.table, "device", DevicesOf(in.targets, kind), true, in.spec.device);
+}
+
+void ReadMissing(Reading& in) {
+  ReadName(in.table, "missing", in.targets.devices, false, in.spec.missing);
+}
+
+void ReadMissingFor(Reading& in) {
+  ReadOptional(in.table, "missing_for", in.spec.missing_for, 0, kMaxSeconds);
+}
+
+/// One key of a fault: how it is read, with its range. Several rows may read the same member.
 struct KeyRow {
   std::string_view key;
-  void (*read)(TableReader&, const FaultTargets&, FaultSpec&);
+  void (*read)(Reading&);
 };
-#define KVOX_KEY                                                                         \
-  []([[maybe_unused]] TableReader & table, [[maybe_unused]] const FaultTargets& targets, \
-     FaultSpec& spec)
-constexpr KeyRow kKeys[] = {{"tap", KVOX_KEY{ReadName(table, "tap", targets.taps, false, spec.tap);
-}  // namespace
-}  // namespace kvox::sim
-, {"opcode", KVOX_KEY{table.Read("opcode", spec.opcode, 1, 65535);
-}
-}
-, {"device", KVOX_KEY{ReadName(table, "device", targets.devices, true, spec.device);
-}
-}
-, {"tapout", KVOX_KEY{ReadName(table, "device", DevicesOf(targets, "tapout"), true, spec.device);
-}
-}
-, {"inject", KVOX_KEY{ReadName(table, "device", DevicesOf(targets, "inject"), true, spec.device);
-}
-}
-, {"for", KVOX_KEY{ReadOptional(table, "for", spec.seconds, 0.001, kMaxSeconds);
-}
-}
-, {"gap", KVOX_KEY{table.Read("gap", spec.gap, 0.0, kMaxPause);
-}
-}
-, {"order", KVOX_KEY{if (const OrderRow* row = table.ReadChoice("order", kOrders, false))
-                         spec.order = row->order;
-}
-}
-, {"spacing", KVOX_KEY{table.Read("spacing", spec.spacing, 0.0, kMaxPause);
-}
-}
-, {"missing", KVOX_KEY{ReadName(table, "missing", targets.devices, false, spec.missing);
-}
-}
-, {"missing_for", KVOX_KEY{ReadOptional(table, "missing_for", spec.missing_for, 0, kMaxSeconds);
-}
-}
-, {"times", KVOX_KEY{table.Read("times", spec.times, 1, 10'000);
-}
-}
-, {"delay", KVOX_KEY{table.Read("delay", spec.delay, 0.0, 60.0);
-}
-}
-, {"status", KVOX_KEY{table.Read("status", spec.status, -32768, 32767);
-}
-}
-, {"replace", KVOX_KEY{table.Read("replace", spec.replace);
-}
-}
-, {"torn", KVOX_KEY{table.Read("torn", spec.torn);
-}
-}
-, {"burst", KVOX_KEY{table.Read("packets", spec.packets, 2, 256);
-}
-}
-, {"jump", KVOX_KEY{table.Read("packets", spec.packets, 1, 1'000'000);
-}
-}
-, {"bytes", KVOX_KEY{table.Read("bytes", spec.bytes, 1, kMaxBytes);
-}
-}
-, {"channels", KVOX_KEY{table.Read("channels", spec.channels, 1, kMaxChannels);
-}
-}
-,
-}
-;
-#undef KVOX_KEY
+constexpr KeyRow kKeys[] = {
+    {"tap", [](Reading& in) { ReadName(in.table, "tap", in.targets.taps, false, in.spec.tap); }},
+    {"opcode", [](Reading& in) { in.table.Read("opcode", in.spec.opcode, 1, 65535); }},
+    {"device", [](Reading& in) { ReadDevice(in, ""); }},
+    {"tapout", [](Reading& in) { ReadDevice(in, "tapout"); }},
+    {"inject", [](Reading& in) { ReadDevice(in, "inject"); }},
+    {"for",
+     [](Reading& in) { ReadOptional(in.table, "for", in.spec.seconds, 0.001, kMaxSeconds); }},
+    {"gap", [](Reading& in) { in.table.Read("gap", in.spec.gap, 0.0, kMaxPause); }},
+    {"order", ReadOrder},
+    {"spacing", [](Reading& in) { in.table.Read("spacing", in.spec.spacing, 0.0, kMaxPause); }},
+    {"missing", ReadMissing},
+    {"missing_for", ReadMissingFor},
+    {"times", [](Reading& in) { in.table.Read("times", in.spec.times, 1, 10'000); }},
+    {"delay", [](Reading& in) { in.table.Read("delay", in.spec.delay, 0.0, 60.0); }},
+    {"status", [](Reading& in) { in.table.Read("status", in.spec.status, -32768, 32767); }},
+    {"replace", [](Reading& in) { in.table.Read("replace", in.spec.replace); }},
+    {"torn", [](Reading& in) { in.table.Read("torn", in.spec.torn); }},
+    {"burst", [](Reading& in) { in.table.Read("packets", in.spec.packets, 2, 256); }},
+    {"jump", [](Reading& in) { in.table.Read("packets", in.spec.packets, 1, 1'000'000); }},
+    {"bytes", [](Reading& in) { in.table.Read("bytes", in.spec.bytes, 1, kMaxBytes); }},
+    {"channels", [](Reading& in) { in.table.Read("channels", in.spec.channels, 1, kMaxChannels); }},
+};
 
 /// What every kind of a group knows.
 std::string_view KeysOf(FaultGroup group) {
@@ -128,7 +108,6 @@ std::string_view KeysOf(FaultGroup group) {
     case FaultGroup::kReplies:
       return "opcode for";
     case FaultGroup::kPackets:
-      return "tap for";
     case FaultGroup::kDevices:
       return "tap for";
     case FaultGroup::kNodes:
@@ -195,8 +174,9 @@ FaultSpec ReadFault(const toml::table& node, const std::string& path, const Faul
   spec.packets = row->defaults.packets;
   spec.bytes = row->defaults.bytes;
   ReadTrigger(table, node, row->group, spec);
+  Reading in{table, targets, spec};
   for (const KeyRow& key : kKeys) {
-    if (Has(row->keys, key.key) || Has(KeysOf(row->group), key.key)) key.read(table, targets, spec);
+    if (Has(row->keys, key.key) || Has(KeysOf(row->group), key.key)) key.read(in);
   }
   table.RejectUnknownKeys();
   return spec;

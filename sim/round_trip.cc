@@ -62,7 +62,7 @@ void RoundTrip::Returned(const KvoxPacketHeader& header, std::span<const std::by
   counts_.latency_max_ns = std::max(counts_.latency_max_ns, latency);
   counts_.latency_sum_ns += latency;
   ++counts_.back;
-  NoteRow(entry);
+  NoteRow(*entry);
   Judge(*entry, payload);
 }
 
@@ -83,10 +83,11 @@ void RoundTrip::Judge(const Entry& entry, std::span<const std::byte> payload) {
 }
 
 /// Packets come back in the order of sending: what was sent before and is not back breaks the row.
-void RoundTrip::NoteRow(std::deque<Entry>::iterator returned) {
-  for (auto entry = entries_.begin(); entry != returned; ++entry) {
-    if (entry->returned || entry->passed) continue;
-    entry->passed = true;
+void RoundTrip::NoteRow(const Entry& returned) {
+  for (Entry& entry : entries_) {
+    if (&entry == &returned) return;
+    if (entry.returned || entry.passed) continue;
+    entry.passed = true;
     counts_.exact_in_row = 0;
   }
 }

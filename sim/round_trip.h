@@ -63,7 +63,7 @@ class RoundTrip {
   };
   bool Excuses(uint64_t stamp) const;
   void Judge(const Entry& entry, std::span<const std::byte> payload);
-  void NoteRow(std::deque<Entry>::iterator returned);
+  void NoteRow(const Entry& returned);
   void Forget();
 
   std::deque<Entry> entries_;  // in the order of sending
