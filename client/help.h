@@ -4,8 +4,16 @@
 #include <string>
 
 #include "client/verbs/verb.h"
+#include "kvox/common/help_text.h"
 
 namespace kvox::client {
+
+/// An argument or option as usage shows it: "[TYPE]", "--seconds SECONDS".
+std::string Shown(const Argument& argument);
+std::string Shown(const Option& option);
+
+/// The variables of the environment that kvoxctl reads.
+std::vector<HelpRow> Variables();
 
 /// "processor new PROCESSOR [TYPE] [--option VALUE]"
 std::string UsageOf(const Verb& verb);

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "daemon/kvoxd.h"
+#include "daemon/usage.h"
 #include "interface/service_name.h"
 #include "kvox/common/log.h"
 #include "platform/platform.h"
@@ -37,10 +38,7 @@ int PrintUsage(const char* argument) {
     return 0;
   }
   if (!asked) fprintf(stderr, "kvoxd: unexpected argument '%s'\n", argument);
-  fprintf(asked ? stdout : stderr,
-          "Usage: kvoxd\n\n"
-          "Serves the audio co-processor's clients until it is ended with SIGTERM.\n%s",
-          kvox::PlatformUsage());
+  fputs(kvox::Usage().c_str(), asked ? stdout : stderr);
   return asked ? 0 : 2;
 }
 

@@ -3,14 +3,19 @@
 #pragma once
 
 #include <string>
+#include <vector>
+
+#include "kvox/common/help_text.h"
 
 namespace kvox {
 
 /// First call of a program that has an event loop of its own, before any other thread runs.
 void PreparePlatform();
 
-/// What the daemon's usage says of this platform: lines that end, or nothing. Any thread.
-const char* PlatformUsage();
+/// The variables of the environment that this platform reads, for the help of the daemon and of its
+/// clients. Any thread.
+std::vector<HelpRow> DaemonVariables();
+std::vector<HelpRow> ClientVariables();
 
 /// Where the co-processor's devices are, without a slash at the end. Any thread.
 const std::string& DeviceDirectory();

@@ -12,6 +12,21 @@ bool NamesObject(Kind kind) {
   return std::find(std::begin(kPlain), std::end(kPlain), kind) == std::end(kPlain);
 }
 
+bool MayEndWith(const Verb& verb, int status) {
+  switch (status) {
+    case kNoObject:
+      return std::any_of(verb.arguments.begin(), verb.arguments.end(),
+                         [](const Argument& argument) { return NamesObject(argument.kind); });
+    case kNotAllowed:
+    case kTimedOut:
+      return !verb.raw;
+    case kGaps:
+      return verb.may_have_gaps;
+    default:
+      return true;
+  }
+}
+
 }  // namespace
 
 const std::string& Input::Get(std::string_view name) const {
@@ -72,27 +87,25 @@ const Verb* FindVerb(std::string_view noun, std::string_view name) {
   return found == verbs.end() ? nullptr : &*found;
 }
 
-std::vector<ExitRow> ExitsOf(const Verb& verb) {
-  const bool objects =
-      std::any_of(verb.arguments.begin(), verb.arguments.end(),
-                  [](const Argument& argument) { return NamesObject(argument.kind); });
-  const struct {
-    ExitRow row;
-    bool applies;
-  } rows[] = {
-      {{kDone, "done"}, true},
-      {{kRefused, "the daemon refused"}, true},
-      {{kWrongUsage, "wrong usage; nothing was changed"}, true},
-      {{kNoDaemon, "no daemon was reached, or it went away"}, true},
-      {{kNoObject, "there is no object of that name"}, objects},
-      {{kNotAllowed, "the daemon's socket may not be used"}, !verb.raw},
-      {{kTimedOut, "timed out"}, !verb.raw},
-      {{kGaps, "done, but blocks of audio were missed"}, verb.may_have_gaps},
-      {{kFailed, "kvoxctl itself failed"}, true},
+const std::vector<ExitRow>& AllExits() {
+  static const std::vector<ExitRow> exits = {
+      {kDone, "done"},
+      {kRefused, "the daemon refused"},
+      {kWrongUsage, "wrong usage; nothing was changed"},
+      {kNoDaemon, "no daemon was reached, or it went away"},
+      {kNoObject, "there is no object of that name"},
+      {kNotAllowed, "the daemon's socket may not be used"},
+      {kTimedOut, "timed out"},
+      {kGaps, "done, but blocks of audio were missed"},
+      {kFailed, "kvoxctl itself failed"},
   };
+  return exits;
+}
+
+std::vector<ExitRow> ExitsOf(const Verb& verb) {
   std::vector<ExitRow> exits;
-  for (const auto& [row, applies] : rows) {
-    if (applies) exits.push_back(row);
+  for (const ExitRow& row : AllExits()) {
+    if (MayEndWith(verb, row.status)) exits.push_back(row);
   }
   return exits;
 }

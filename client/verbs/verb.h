@@ -103,7 +103,8 @@ struct ExitRow {
   const char* meaning;
 };
 
-/// How a verb may end.
+/// How kvoxctl may end, and how one verb may.
+const std::vector<ExitRow>& AllExits();
 std::vector<ExitRow> ExitsOf(const Verb& verb);
 
 // One function a file of this folder, each with its noun's rows.

@@ -6,8 +6,12 @@ namespace kvox {
 
 void PreparePlatform() {}
 
-const char* PlatformUsage() {
-  return "";
+std::vector<HelpRow> DaemonVariables() {
+  return {};
+}
+
+std::vector<HelpRow> ClientVariables() {
+  return {};
 }
 
 const std::string& DeviceDirectory() {
