@@ -59,6 +59,7 @@ struct FaultKindRow {
   const char* name;
   FaultGroup group;
   std::string_view keys;  // that it knows beside those of its group, with blanks between
+  const char* help;       // what happens, and the keys as people write them
   FaultDefaults defaults = {};
 };
 

@@ -6,11 +6,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
 
+#include "sim/command_line.h"
 #include "sim/compare.h"
 #include "sim/ctl_client.h"
-#include "sim/pacer.h"
 #include "sim/print.h"
 #include "sim/simulator.h"
 
@@ -19,70 +18,6 @@ namespace {
 
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
-
-constexpr char kExample[] = R"(Example: a phone in a directory of its own, for ten seconds
-  export KVOX_DEV_DIR=$HOME/phone && mkdir -p $KVOX_DEV_DIR
-  kvosim --print --seconds 10
-
-Devices appear in $KVOX_DEV_DIR, /dev when it is not set.)";
-
-struct CommandLine {
-  RunOptions run;
-  std::filesystem::path scenario;
-  std::filesystem::path write_default;
-  std::filesystem::path source;
-  std::filesystem::path recorded;
-  bool skip_silence = false;
-  std::vector<std::string> command;
-};
-
-constexpr double kMost = 1'000'000;
-
-std::optional<double> ParseNumber(const std::string& text) {
-  char* end = nullptr;
-  const double value = std::strtod(text.c_str(), &end);
-  return end != text.c_str() && *end == '\0' ? std::optional(value) : std::nullopt;
-}
-
-/// Both answer what is wrong, or "".
-std::string CheckSeconds(const std::string& text) {
-  const auto value = ParseNumber(text);
-  if (value && *value > 0 && *value <= kMost) return "";
-  return fmt::format("found {}; expected a number above 0, {} at most", text, kMost);
-}
-std::string CheckSpeed(const std::string& text) {
-  const auto value = ParseNumber(text);
-  if (value && *value >= kLeastSpeed && *value <= kMost) return "";
-  return fmt::format("found {}; expected a number from {} to {}", text, kLeastSpeed, kMost);
-}
-
-void Describe(CLI::App& app, CommandLine& line) {
-  app.set_version_flag("--version", "kvosim " KVOX_VERSION);
-  app.footer(kExample);
-  app.add_option("--scenario", line.scenario, "what to simulate (TOML); a phone when not given")
-      ->type_name("FILE");
-  app.add_option("--write-default", line.write_default, "write the built-in scenario and end")
-      ->type_name("FILE|-");
-  app.add_option("--speed", line.run.stream.speed, "times faster than real time (1)")
-      ->type_name("N")
-      ->check(CheckSpeed);
-  app.add_flag("--keep-rate", line.run.stream.keep_rate,
-               "packets tell their sample rate at any speed");
-  app.add_option("--seconds", line.run.seconds, "end after this time")
-      ->type_name("N")
-      ->check(CheckSeconds);
-  app.add_flag("--print", line.run.print, "tell what runs, every change, and the counters");
-  app.add_option("--stats", line.run.stats, "write the counters there as JSON")->type_name("FILE");
-  CLI::App* compare = app.add_subcommand("compare", "compare a recording with what was played");
-  compare->add_option("SOURCE", line.source, "what was played")->required();
-  compare->add_option("RECORDED", line.recorded, "what arrived")->required();
-  compare->add_flag("--skip-silence", line.skip_silence, "pass over silence before the recording");
-  CLI::App* ctl = app.add_subcommand("ctl", "command the simulator that runs");
-  ctl->add_option("COMMAND", line.command,
-                  "status, fault KIND [KEY=VALUE...], clear, restore or end")
-      ->required()
-      ->expected(1, -1);
-}
 
 /// What is wrong with a scenario begins with its file and line, as editors like it.
 int BadScenario(std::string_view error) {
