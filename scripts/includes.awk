@@ -11,7 +11,7 @@ function folder(path) {
 
 # Folders that are built for one platform alone.
 function host_only(room) {
-  return room ~ /^(platform\/linux|sim|bench|examples|tests|fuzz)$/
+  return room ~ /^(platform\/linux|sim|manual|bench|examples|tests|fuzz)$/
 }
 
 function complain(room, header) {
