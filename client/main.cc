@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "client/command_line.h"
+#include "client/completion/completion.h"
 #include "client/standard_streams.h"
 
 namespace {
@@ -13,6 +14,9 @@ namespace {
 using namespace kvox::client;
 
 int Run(const std::vector<std::string>& words) {
+  if (!words.empty() && words.front() == kCompletionDoor) {
+    return Complete({words.begin() + 1, words.end()});
+  }
   const CommandLine line = ReadCommandLine(words, "kvoxctl " KVOX_VERSION);
   if (line.verb == nullptr || !line.help.empty()) {
     PrintOut(line.help);

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Usage: ./dev build [PRESET]
 #
-# Builds the programs kvoxd, kvosim and kvoxctl: optimised, with symbols, into build/bin. With a
-# preset (release, dev, asan, tsan) everything of it is built, the tests too, under build/PRESET.
+# Builds the programs kvoxd, kvosim and kvoxctl: optimised, with symbols, into build/bin. Their manual
+# pages go into build/release/man. With a preset (release, dev, asan, tsan) everything of it is built,
+# the tests too, under build/PRESET.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=()
@@ -10,7 +11,7 @@ parse_options "$@"
 
 if [ "${#words[@]}" -eq 0 ]; then
   need_packages build
-  build_preset release programs
+  build_preset release programs manual completion
   exit 0
 fi
 preset=${words[0]}

@@ -50,7 +50,7 @@ std::vector<Verb> CallVerbs() {
       {"",
        "call",
        "Call one method of the interface",
-       {{"METHOD", Kind::kText, "The method, and behind it its arguments", Arity::kAnyNumber}},
+       {{"METHOD", Kind::kMethod, "The method, and behind it its arguments", Arity::kAnyNumber}},
        {},
        "call Connect pass 0 0",
        Call,

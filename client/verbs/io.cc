@@ -17,9 +17,11 @@ int OnBuffers(const Context& context, const char* name, Method method) {
 }  // namespace
 
 std::vector<Verb> IoVerbs() {
-  const Argument tapout = {"TAPOUT", Kind::kTapOut,
+  const Argument tapout = {"TAPOUT",
+                           Kind::kTapOut,
                            "Tap-out buffer by name or number; every buffer when not given or all",
-                           Arity::kOptional};
+                           Arity::kOptional,
+                           {"all"}};
   return {
       {"io",
        "start",

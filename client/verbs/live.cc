@@ -1,3 +1,4 @@
+#include "client/live/columns.h"
 #include "client/live/top.h"
 #include "client/live/watch.h"
 #include "client/verbs/verb.h"
@@ -21,6 +22,12 @@ const char* WatchNotes() {
          "--timeout, unless --count changes have not come by then.\n";
 }
 
+std::vector<const char*> NamesOfColumns() {
+  std::vector<const char*> names;
+  for (const Column* const column : ColumnsOf(true)) names.push_back(column->name);
+  return names;
+}
+
 }  // namespace
 
 std::vector<Verb> LiveVerbs() {
@@ -32,7 +39,8 @@ std::vector<Verb> LiveVerbs() {
        "Show processors and buffers, again and again",
        {},
        {{"--measure", nullptr, Kind::kText, "Also show times; this clears them in the daemon"},
-        {"--sort", "COLUMN", Kind::kText, "Sort by a column, such as name, state or share"},
+        {"--sort", "COLUMN", Kind::kChoice, "Sort by a column, such as name, state or share",
+         NamesOfColumns()},
         {"--reverse", nullptr, Kind::kText, "Sort the other way round"},
         interval,
         {"--batch", nullptr, Kind::kText, "Print plain rows; needs no terminal"},

@@ -8,11 +8,12 @@ namespace kvox::client {
 namespace {
 
 bool NamesObject(Kind kind) {
-  constexpr Kind kPlain[] = {Kind::kText, Kind::kNumber, Kind::kChoice, Kind::kFile};
+  constexpr Kind kPlain[] = {Kind::kText, Kind::kNumber, Kind::kChoice, Kind::kFile, Kind::kMethod};
   return std::find(std::begin(kPlain), std::end(kPlain), kind) == std::end(kPlain);
 }
 
 bool MayEndWith(const Verb& verb, int status) {
+  if (verb.alone) return status == kDone || status == kWrongUsage || status == kFailed;
   switch (status) {
     case kNoObject:
       return std::any_of(verb.arguments.begin(), verb.arguments.end(),
@@ -60,7 +61,7 @@ const std::vector<Verb>& AllVerbs() {
     std::vector<Verb> all;
     for (const auto rows : {ProcessorVerbs, TapVerbs, BufferVerbs, ConnectionVerbs, UseCaseVerbs,
                             ParameterVerbs, IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs, LiveVerbs,
-                            StateVerbs, AudioVerbs, DaemonVerbs, CallVerbs}) {
+                            StateVerbs, AudioVerbs, DaemonVerbs, CallVerbs, CompletionVerbs}) {
       auto some = rows();
       std::move(some.begin(), some.end(), std::back_inserter(all));
     }
@@ -73,7 +74,11 @@ const std::vector<Option>& CommonOptions() {
   static const std::vector<Option> options = {
       {"--json", nullptr, Kind::kText, "Answer with one JSON document on one line"},
       {"--short", nullptr, Kind::kText, "Answer with columns parted by tabs, for lists"},
-      {"--color", "WHEN", Kind::kChoice, "auto, always or never; NO_COLOR means never"},
+      {"--color",
+       "WHEN",
+       Kind::kChoice,
+       "auto, always or never; NO_COLOR means never",
+       {"auto", "always", "never"}},
       {"--timeout", "SECONDS", Kind::kNumber, "Longest wait for an answer, 0.001 to 86400 (300)"},
   };
   return options;

@@ -18,7 +18,7 @@ namespace kvox::client {
 enum class Kind {
   kText,
   kNumber,
-  kChoice,  // one of Argument::choices
+  kChoice,  // one of the choices
   kFile,
   kProcessor,
   kProcessorType,
@@ -29,6 +29,7 @@ enum class Kind {
   kBuffer,  // of either direction
   kUseCase,
   kParameter,
+  kMethod,  // of the interface
 };
 
 enum class Arity { kOnce, kOptional, kAnyNumber };
@@ -38,7 +39,7 @@ struct Argument {
   Kind kind;
   const char* help;
   Arity arity = Arity::kOnce;
-  std::vector<const char*> choices = {};
+  std::vector<const char*> choices = {};  // beside names, for every kind but kChoice
 };
 
 struct Option {
@@ -46,6 +47,7 @@ struct Option {
   const char* value;  // "SECONDS"; nullptr for a flag
   Kind kind;          // of the value
   const char* help;
+  std::vector<const char*> choices = {};
 };
 
 /// The words that were given for a verb's arguments and options.
@@ -78,6 +80,7 @@ struct Verb {
   const char* (*notes)() = nullptr;  // for the help, where the above does not tell all
   bool may_have_gaps = false;        // may end with kGaps
   bool raw = false;                  // takes all words behind it as they are, options too
+  bool alone = false;                // needs no daemon
 
   /// "processor new"
   std::string Words() const { return *noun == '\0' ? name : std::string(noun) + " " + name; }
@@ -112,6 +115,7 @@ std::vector<Verb> AudioVerbs();
 std::vector<Verb> BufferVerbs();
 std::vector<Verb> CallVerbs();
 std::vector<Verb> CaptureVerbs();
+std::vector<Verb> CompletionVerbs();
 std::vector<Verb> ConnectionVerbs();
 std::vector<Verb> DaemonVerbs();
 std::vector<Verb> IoVerbs();

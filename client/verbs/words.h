@@ -18,11 +18,13 @@ inline Argument TapArgument() {
 }
 
 inline Argument TapOutArgument() {
-  return {"TAPOUT", Kind::kTapOut, "Tap-out buffer by name or number, or none"};
+  return {
+      "TAPOUT", Kind::kTapOut, "Tap-out buffer by name or number, or none", Arity::kOnce, {"none"}};
 }
 
 inline Argument InjectArgument() {
-  return {"INJECT", Kind::kInject, "Inject buffer by name or number, or none"};
+  return {
+      "INJECT", Kind::kInject, "Inject buffer by name or number, or none", Arity::kOnce, {"none"}};
 }
 
 inline Argument GainArgument() {

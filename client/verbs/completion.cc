@@ -1,0 +1,37 @@
+#include "client/completion/completion.h"
+#include "client/standard_streams.h"
+#include "client/verbs/verb.h"
+
+namespace kvox::client {
+namespace {
+
+int Completion(const Context&) {
+  PrintOut(BashCompletion());
+  return kDone;
+}
+
+const char* Notes() {
+  return "In a shell, or in ~/.bashrc for those to come:\n"
+         "  source <(kvoxctl completion bash)\n"
+         "Names of objects are those that the daemon has just then.\n";
+}
+
+}  // namespace
+
+std::vector<Verb> CompletionVerbs() {
+  return {
+      {"",
+       "completion",
+       "Print a script that lets a shell complete the words of kvoxctl",
+       {{"SHELL", Kind::kChoice, "bash", Arity::kOnce, {"bash"}}},
+       {},
+       "completion bash",
+       Completion,
+       Notes,
+       false,
+       false,
+       true},
+  };
+}
+
+}  // namespace kvox::client
