@@ -18,13 +18,22 @@ void OnInterrupt(int) {
   _exit(kDone);
 }
 
+/// A held signal would come even then.
+bool IsIgnored(int number) {
+  struct sigaction action {};
+  sigaction(number, nullptr, &action);
+  return action.sa_handler == SIG_IGN;
+}
+
 }  // namespace
 
 Signals::Signals(std::initializer_list<int> numbers) {
   sigemptyset(&held_);
-  for (const int number : numbers) sigaddset(&held_, number);
+  for (const int number : numbers) {
+    if (!IsIgnored(number)) sigaddset(&held_, number);
+  }
   pthread_sigmask(SIG_BLOCK, &held_, nullptr);
-  signal(SIGINT, OnInterrupt);
+  if (sigismember(&held_, SIGINT) == 1) signal(SIGINT, OnInterrupt);
   fd_ = signalfd(-1, &held_, SFD_CLOEXEC | SFD_NONBLOCK);
   if (fd_ < 0) {
     throw std::runtime_error(std::string("cannot wait for signals: ") + strerror(errno) +

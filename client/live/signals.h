@@ -8,7 +8,8 @@
 namespace kvox::client {
 
 /// Holds signals back from every thread, so that they come one by one and between steps. To be made
-/// before any thread starts; the signals stay held to the end of the process.
+/// before any thread starts; the signals stay held to the end of the process. What the process was
+/// told to ignore, as nohup does, it goes on ignoring.
 class Signals {
  public:
   /// Throws std::runtime_error.

@@ -213,6 +213,14 @@ TEST_F(ClientLiveTest, WatchEndsAsAsked) {
   const auto interrupted = Watch("");
   interrupted->Signal(SIGINT);
   EXPECT_EQ(interrupted->Wait(), 0);
+  signal(SIGHUP, SIG_IGN);
+  const auto left_alone = Watch("");
+  signal(SIGHUP, SIG_DFL);
+  left_alone->Signal(SIGHUP);
+  EXPECT_TRUE(
+      DaemonLogs("KVO tap list core:4", CountOf("KVO tap list core:4", daemon_->Err()) + 2));
+  left_alone->Signal(SIGTERM);
+  EXPECT_EQ(left_alone->Wait(), -SIGTERM);
   daemon_.reset();
   EXPECT_EQ(Run({"watch"}).exit_status, 3);
 }
