@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <initializer_list>
 #include <utility>
 
 #include "client/call_deadline.h"
+#include "client/held_signals.h"
 #include "client/standard_streams.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/kvox_utils.h"
@@ -22,12 +24,7 @@ constexpr int64_t kPatienceNs = 30 * kNsPerSecond;  // for audio that has not be
 constexpr int64_t kSilenceNs = 5 * kNsPerSecond;    // after which audio has ended
 constexpr int64_t kProgressNs = kNsPerSecond / 5;
 
-sigset_t Interrupts() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
-  return signals;
-}
+constexpr std::initializer_list<int> kInterrupts = {SIGINT, SIGTERM, SIGHUP};
 
 }  // namespace
 
@@ -75,8 +72,7 @@ RelaySession::RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::
       doing_(std::move(doing)) {}
 
 void RelaySession::HoldInterrupts() {
-  const sigset_t signals = Interrupts();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  HoldSignals(kInterrupts);
 }
 
 bool RelaySession::Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
@@ -114,7 +110,7 @@ StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
 }
 
 StayEnd RelaySession::Turns(const Callback& callback, const OnTurn& on_turn) {
-  const sigset_t signals = Interrupts();
+  const sigset_t signals = NotIgnored(kInterrupts);
   const int64_t begin_ns = NowNs();
   bool hinted = false;
   for (;;) {

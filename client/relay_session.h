@@ -48,7 +48,8 @@ class RelaySession {
   /// `doing` is said once registered: "recording from art0".
   RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name, std::string doing);
 
-  /// Keeps interrupts from ending the process at once. To be called before any thread starts.
+  /// Keeps interrupts from ending the process at once. To be called before any thread starts. What
+  /// the process was told to ignore, as nohup does, it goes on ignoring.
   static void HoldInterrupts();
 
   /// Answers kDone when the work is done or the user has interrupted.

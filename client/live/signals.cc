@@ -10,6 +10,7 @@
 #include <string>
 
 #include "client/exit_status.h"
+#include "client/held_signals.h"
 
 namespace kvox::client {
 namespace {
@@ -18,21 +19,9 @@ void OnInterrupt(int) {
   _exit(kDone);
 }
 
-/// A held signal would come even then.
-bool IsIgnored(int number) {
-  struct sigaction action {};
-  sigaction(number, nullptr, &action);
-  return action.sa_handler == SIG_IGN;
-}
-
 }  // namespace
 
-Signals::Signals(std::initializer_list<int> numbers) {
-  sigemptyset(&held_);
-  for (const int number : numbers) {
-    if (!IsIgnored(number)) sigaddset(&held_, number);
-  }
-  pthread_sigmask(SIG_BLOCK, &held_, nullptr);
+Signals::Signals(std::initializer_list<int> numbers) : held_(HoldSignals(numbers)) {
   if (sigismember(&held_, SIGINT) == 1) signal(SIGINT, OnInterrupt);
   fd_ = signalfd(-1, &held_, SFD_CLOEXEC | SFD_NONBLOCK);
   if (fd_ < 0) {

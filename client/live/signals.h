@@ -38,7 +38,7 @@ class Signals {
   };
 
  private:
-  sigset_t held_;
+  const sigset_t held_;
   int fd_;
 };
 

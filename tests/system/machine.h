@@ -26,6 +26,8 @@ class MachineTest : public ::testing::Test {
  protected:
   MachineTest() {
     signal(SIGPIPE, SIG_IGN);
+    // Programs would go on ignoring what this one was told to ignore.
+    for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
     for (const char* name : {"dev", "run", "power"}) {
       std::filesystem::create_directory(directory_ / name);
     }

@@ -95,8 +95,13 @@ TEST_F(RelayMachineTest, RecordAndPlayCarryACallAndLeaveItOn) {
   }));
 
   const std::string open_end = (directory_ / "open_end.wav").string();
+  signal(SIGHUP, SIG_IGN);
   const auto interrupted = Client("record art0 " + open_end);
+  signal(SIGHUP, SIG_DFL);
   ASSERT_TRUE(WaitFor([&] { return !Samples(open_end).empty(); })) << "valid while it grows";
+  interrupted->Signal(SIGHUP);
+  const size_t before = Samples(open_end).size();
+  ASSERT_TRUE(WaitFor([&] { return Samples(open_end).size() > before + 9600; })) << "left alone";
   interrupted->Signal(SIGINT);
   EXPECT_THAT(interrupted->Wait(), ::testing::AnyOf(0, 7));
   EXPECT_TRUE(CallIsOn());
