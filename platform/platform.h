@@ -2,6 +2,7 @@
 // implementation (linux/, android/); callers are the same everywhere.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,5 +32,25 @@ const std::string& ServiceError();
 /// True when this thread's last look-up failed because this user may not use the service, as far as
 /// the platform tells.
 bool ServiceDenied();
+
+// For those who look for what is wrong; any thread.
+
+/// The sockets at which this process looks for a service, in this order. None where a service
+/// manager knows the services.
+std::vector<std::string> ServiceSockets(const char* service);
+
+/// Who listens at a socket.
+struct ServiceProcess {
+  int pid = 0;  // 0 for one in another pid namespace
+  unsigned user = 0;
+};
+
+/// None where nobody listens, or this user may not connect. Connects for an instant, and waits for
+/// nothing.
+std::optional<ServiceProcess> FindServiceProcess(const std::string& socket);
+
+/// The files that take a wake lock and drop it, in this order. None where the system has another
+/// way.
+std::vector<std::string> WakeLockFiles();
 
 }  // namespace kvox

@@ -13,7 +13,9 @@ bool NamesObject(Kind kind) {
 }
 
 bool MayEndWith(const Verb& verb, int status) {
-  if (verb.alone) return status == kDone || status == kWrongUsage || status == kFailed;
+  const bool always = status == kDone || status == kWrongUsage || status == kFailed;
+  if (verb.alone) return always;
+  if (verb.is_check) return always || status == kRefused;
   switch (status) {
     case kNoObject:
       return std::any_of(verb.arguments.begin(), verb.arguments.end(),
@@ -59,9 +61,10 @@ const std::vector<Noun>& AllNouns() {
 const std::vector<Verb>& AllVerbs() {
   static const std::vector<Verb> verbs = [] {
     std::vector<Verb> all;
-    for (const auto rows : {ProcessorVerbs, TapVerbs, BufferVerbs, ConnectionVerbs, UseCaseVerbs,
-                            ParameterVerbs, IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs, LiveVerbs,
-                            StateVerbs, AudioVerbs, DaemonVerbs, CallVerbs, CompletionVerbs}) {
+    for (const auto rows :
+         {ProcessorVerbs, TapVerbs, BufferVerbs, ConnectionVerbs, UseCaseVerbs, ParameterVerbs,
+          IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs, LiveVerbs, StateVerbs, AudioVerbs,
+          DaemonVerbs, DoctorVerbs, CallVerbs, CompletionVerbs}) {
       auto some = rows();
       std::move(some.begin(), some.end(), std::back_inserter(all));
     }
@@ -110,7 +113,9 @@ const std::vector<ExitRow>& AllExits() {
 std::vector<ExitRow> ExitsOf(const Verb& verb) {
   std::vector<ExitRow> exits;
   for (const ExitRow& row : AllExits()) {
-    if (MayEndWith(verb, row.status)) exits.push_back(row);
+    if (!MayEndWith(verb, row.status)) continue;
+    const bool tells = verb.is_check && row.status == kRefused;
+    exits.push_back(tells ? ExitRow{row.status, "something has failed"} : row);
   }
   return exits;
 }

@@ -81,6 +81,7 @@ struct Verb {
   bool may_have_gaps = false;        // may end with kGaps
   bool raw = false;                  // takes all words behind it as they are, options too
   bool alone = false;                // needs no daemon
+  bool is_check = false;             // the status tells what it has found, whatever the daemon does
 
   /// "processor new"
   std::string Words() const { return *noun == '\0' ? name : std::string(noun) + " " + name; }
@@ -118,6 +119,7 @@ std::vector<Verb> CaptureVerbs();
 std::vector<Verb> CompletionVerbs();
 std::vector<Verb> ConnectionVerbs();
 std::vector<Verb> DaemonVerbs();
+std::vector<Verb> DoctorVerbs();
 std::vector<Verb> IoVerbs();
 std::vector<Verb> ParameterVerbs();
 std::vector<Verb> LiveVerbs();

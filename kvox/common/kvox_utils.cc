@@ -62,10 +62,14 @@ uint64_t GetTimestampNs() {
                                static_cast<double>(now.tv_nsec));
 }
 
+int RealtimePriority() {
+  return sched_get_priority_max(SCHED_FIFO);
+}
+
 int SetThreadRealtimePriority() {
   constexpr pid_t kCallingThread = 0;
   sched_param param{};
-  param.sched_priority = sched_get_priority_max(SCHED_FIFO);
+  param.sched_priority = RealtimePriority();
   const int status = sched_setscheduler(kCallingThread, SCHED_FIFO, &param);
   if (status != 0) {
     LogTagged(LogPriority::kError, kUnitTag, "%s failed. status %d, errno %d, pid %u", kUnitName,

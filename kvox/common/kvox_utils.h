@@ -23,6 +23,9 @@ uint32_t BitsPerSampleToEnum(unsigned int bits);
 /// precision, so exact up to 104 days of uptime and rounded beyond.
 uint64_t GetTimestampNs();
 
+/// The priority that SetThreadRealtimePriority() asks for.
+int RealtimePriority();
+
 /// Puts the calling thread under SCHED_FIFO at its highest priority. Answers 0, or the scheduler
 /// call's result after logging it; the thread then goes on as it was.
 int SetThreadRealtimePriority();

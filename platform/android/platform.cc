@@ -35,4 +35,16 @@ bool ServiceDenied() {
   return false;
 }
 
+std::vector<std::string> ServiceSockets(const char*) {
+  return {};
+}
+
+std::optional<ServiceProcess> FindServiceProcess(const std::string&) {
+  return std::nullopt;
+}
+
+std::vector<std::string> WakeLockFiles() {
+  return {};
+}
+
 }  // namespace kvox

@@ -85,6 +85,10 @@ bool KernelHasLocks() {
 
 }  // namespace
 
+std::vector<std::string> WakeLockFiles() {
+  return {PathOf(kTakeFile), PathOf(kDropFile)};
+}
+
 void ReleaseStaleWakeLock(const char* name, const char* service) {
   if (!KernelHasLocks() || binder::IsServed(service)) return;
   const UniqueFd fd(open(PathOf(kTakeFile).c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));

@@ -1,0 +1,81 @@
+// What the doctor has seen, as plain values.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/exit_status.h"
+
+namespace kvox::client {
+
+/// Somebody whose rights count.
+struct Person {
+  uint32_t uid = 0;
+  std::string name;              // a number where there is no name
+  std::vector<uint32_t> groups;  // their numbers
+  std::string group;             // the name of the one to which rights are best given
+};
+
+/// What stands at a path.
+struct PathFacts {
+  std::string path;
+  int error = 0;      // errno of looking at it; 0: the rest is known, but for `link`
+  bool link = false;  // a symbolic link stands there
+  uint32_t mode = 0;  // type and permissions, as stat() has them
+  uint32_t uid = 0;
+  uint32_t gid = 0;
+  std::string owner = {};  // names; numbers where there are none
+  std::string group = {};
+};
+
+/// What a process may do.
+struct ProcessFacts {
+  int pid = 0;
+  char state = '?';                           // 'T': stopped
+  std::optional<uint64_t> rtprio_limit = {};  // none: not known
+  bool sys_nice = false;                      // it has that capability
+  std::vector<uint32_t> groups = {};
+};
+
+/// What the daemon answered.
+struct Answer {
+  int status = kTimedOut;  // kDone, or why there is no answer
+  double round_trip_us = 0;
+  int32_t version = 0;  // of its interface
+  std::string error = {};
+};
+
+/// Where the daemon's socket is, or would be.
+struct Place {
+  PathFacts directory;
+  PathFacts socket;
+};
+
+struct Facts {
+  Person me;
+  Person daemon;                        // the user that kvoxd runs as, or would run as
+  std::optional<ProcessFacts> running;  // kvoxd's process; none was found
+
+  PathFacts devices;  // their directory
+  PathFacts marker;
+  PathFacts control;
+  std::vector<PathFacts> tapouts;
+  std::vector<PathFacts> injects;
+
+  int priority = 0;                        // the real-time priority that kvoxd asks for
+  ProcessFacts own;                        // this process, for a kvoxd that is started like it
+  std::optional<int64_t> rt_runtime_us{};  // what the kernel grants real-time threads, of a second
+
+  std::optional<Place> place;  // none where a service manager knows the daemon
+  Answer answer;
+  double waited_s = 0;      // the longest wait for it
+  int32_t own_version = 0;  // of the client's interface
+
+  std::vector<PathFacts> wake_locks;  // files: take, drop; none where the system has another way
+  PathFacts captures;                 // the directory where they go
+  uint64_t free_bytes = 0;            // in there, for kvoxd
+};
+
+}  // namespace kvox::client

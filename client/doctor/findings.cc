@@ -1,0 +1,67 @@
+#include "client/doctor/findings.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "client/doctor/rights.h"
+#include "kvox/common/fixed_text.h"
+
+namespace kvox::client {
+namespace {
+
+constexpr struct {
+  const char* name;
+  const char* color;
+} kVerdicts[] = {{"ok", "\x1b[32m"}, {"warning", "\x1b[33m"}, {"failed", "\x1b[31m"}};
+
+constexpr struct {
+  uint32_t type;
+  const char* name;
+} kTypes[] = {{S_IFREG, "a regular file"}, {S_IFDIR, "a directory"}, {S_IFCHR, "a device"},
+              {S_IFBLK, "a block device"}, {S_IFIFO, "a FIFO"},      {S_IFSOCK, "a socket"}};
+
+}  // namespace
+
+const char* NameOf(Verdict verdict) {
+  return kVerdicts[static_cast<size_t>(verdict)].name;
+}
+
+std::string LineOf(const Finding& finding, bool colored) {
+  const auto& row = kVerdicts[static_cast<size_t>(finding.verdict)];
+  std::string line = FormatText<16>("%-7s", row.name);
+  if (colored) line = row.color + line + "\x1b[0m";
+  line += "  " + finding.object + ": " + finding.cause;
+  return finding.fix.empty() ? line : line + "  fix: " + finding.fix;
+}
+
+std::string WhatIsThere(const PathFacts& path) {
+  if (path.error == ENOENT) return path.link ? "is a symbolic link to nothing" : "is not there";
+  if (path.error != 0) return std::string("cannot be looked at: ") + strerror(path.error);
+  for (const auto& row : kTypes) {
+    if ((path.mode & S_IFMT) == row.type) return std::string("is ") + row.name;
+  }
+  return "is of an unknown kind";
+}
+
+std::string UserOf(const Person& person) {
+  return "user " + person.name;
+}
+
+std::string StartCommand(const Facts& facts) {
+  if (!facts.place) return "start kvoxd";
+  if (facts.daemon.uid == facts.me.uid) return "kvoxd 2>kvoxd.log &";
+  return Sudo(facts.me) + "systemctl start kvoxd";
+}
+
+std::vector<Finding> Judge(const Facts& facts) {
+  std::vector<Finding> findings;
+  for (const auto judge : {JudgeDevices, JudgeScheduling, JudgeRuntimeDirectory, JudgeDaemon,
+                           JudgeWakeLocks, JudgeCaptures}) {
+    judge(facts, findings);
+  }
+  return findings;
+}
+
+}  // namespace kvox::client
