@@ -34,7 +34,7 @@ files() {
 }
 mapfile -t sources < <(files '*.h' '*.cc')
 mapfile -t units < <(files '*.cc')
-mapfile -t shell_scripts < <(files dev 'scripts/*.sh' .ci/run)
+mapfile -t shell_scripts < <(files dev 'scripts/*.sh' 'tests/*.sh' .ci/run)
 
 if is_chosen --fast; then
   need_packages format check

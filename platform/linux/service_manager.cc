@@ -247,6 +247,10 @@ bool kvox::ServiceDenied() {
 
 namespace kvox_host {
 
+const std::string& ServiceError() {
+  return kvox::ServiceError();
+}
+
 void StopBinder() {
   kvox::binder::ServiceManager::Get().Clear();
   kvox::binder::Reactor::Get().Stop();
