@@ -2,15 +2,15 @@
 # Usage: ./dev setup [GROUP...]
 #
 # Installs the Debian packages that the project needs and this machine lacks. Groups are build,
-# demo, test, bench, format and check (clang, sanitizers, lint); without one, all of them. Uses
-# sudo only when not root.
+# demo, test, bench, format, check (clang, sanitizers, lint) and package; without one, all of them.
+# Uses sudo only when not root.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=()
 parse_options "$@"
 
 groups=("${words[@]}")
-[ "${#groups[@]}" -gt 0 ] || groups=(build demo test bench format check)
+[ "${#groups[@]}" -gt 0 ] || groups=(build demo test bench format check package)
 for group in "${groups[@]}"; do
   grep -q "^$group " scripts/packages.txt || {
     echo "./dev setup: unknown group '$group'; see --help" >&2

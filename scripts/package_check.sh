@@ -1,0 +1,123 @@
+#!/usr/bin/env bash
+# Usage: scripts/package_check.sh
+#
+# Installs what is in build/packages into a fresh Debian tree and tries it there: the service's
+# files, who may use the daemon, a client built with libkvox-dev, removal. As root. The tree is
+# temporary, and what is mounted and started in it ends with this script, however that ends.
+cd "$(dirname "$0")/.."
+. scripts/common.sh
+logs=$PWD/build/packages/check
+
+if [ "${1-}" != inside ]; then
+  tree=$(mktemp -d)
+  child=
+  # With the first process of the namespaces all others and all mounts go. unshare ignores SIGTERM.
+  # shellcheck disable=SC2317 # the trap calls it
+  cleanup() {
+    if [ -n "$child" ]; then kill -KILL "$child" 2>/dev/null || true; fi
+    rm -rf --one-file-system "$tree" 2>/dev/null || {
+      sleep 2
+      rm -rf --one-file-system "$tree"
+    }
+  }
+  trap cleanup EXIT
+  trap 'exit 130' INT
+  trap 'exit 143' TERM
+  rm -rf "$logs"
+  mkdir -p "$logs"
+  chmod 755 "$tree"
+  unshare --mount --pid --fork --kill-child --mount-proc \
+    timeout --signal=KILL 1800 scripts/package_check.sh inside "$tree" &
+  child=$!
+  wait "$child"
+  child=
+  exit 0
+fi
+tree=$2
+eval "$(apt-config shell http_proxy Acquire::http::Proxy)"
+proxy=()
+if [ -n "${http_proxy-}" ]; then proxy=("http_proxy=$http_proxy"); fi
+
+in_tree() { chroot "$tree" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 "$@"; }
+as_user() {
+  local user=$1
+  shift
+  in_tree setpriv --reuid "$user" --regid "$user" --init-groups "$@"
+}
+
+# step WHAT STATUS COMMAND...: the command, or function, ends with that status.
+step() {
+  local what=$1 expected=$2 status
+  shift 2
+  set +e
+  (set -e && "$@") >"$logs/step.log" 2>&1
+  status=$?
+  set -e
+  if [ "$status" -ne "$expected" ]; then
+    tail -n 20 "$logs/step.log" >&2
+    echo "check: $what: status $status, not $expected; see build/packages/check" >&2
+    exit 1
+  fi
+  echo "check: $what"
+}
+
+# Where this machine's apt gets the release from.
+make_tree() {
+  local release mirror
+  release=$(. /etc/os-release && echo "$VERSION_CODENAME")
+  # shellcheck disable=SC2016 # apt's own variable
+  mirror=$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' "Release: $release" \
+    'Component: main' | head -n 1)
+  [ -n "$mirror" ] || {
+    echo "check: apt knows no source of $release; see /etc/apt/sources.list.d" >&2
+    return 1
+  }
+  env "${proxy[@]}" debootstrap --variant=minbase "$release" "$tree" "$mirror"
+  cp /etc/resolv.conf /etc/hosts "$tree/etc/"
+  mount -t proc proc "$tree/proc"
+  mount -t devpts -o newinstance,ptmxmode=0666,mode=0620 devpts "$tree/dev/pts"
+  ln -sf pts/ptmx "$tree/dev/ptmx"
+}
+
+install_packages() {
+  mkdir "$tree/packages"
+  cp build/packages/{kvoxd,kvoxctl,kvosim,libkvox-dev}_*.deb "$tree/packages"
+  in_tree "${proxy[@]}" DEBIAN_FRONTEND=noninteractive sh -e -c '
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends /packages/*.deb udev cmake g++ make pkg-config
+    useradd --create-home --groups kvox member
+    useradd --create-home outsider'
+}
+
+start_daemon() {
+  # As the service's directories.
+  in_tree install -d -o kvox -g kvox -m 0750 /run/kvox
+  in_tree install -d -o kvox -g kvox -m 0770 /var/lib/kvox /var/lib/kvox/phone
+  as_user kvox env KVOX_DEV_DIR=/var/lib/kvox/phone kvosim >"$logs/kvosim.log" 2>&1 &
+  as_user kvox env KVOX_DEV_DIR=/var/lib/kvox/phone KVOX_RUNTIME_DIR=/run/kvox kvoxd \
+    >"$logs/kvoxd.log" 2>&1 &
+  as_user member kvoxctl wait buffer tapout0 --timeout 20
+}
+
+build_example() {
+  # shellcheck disable=SC2016 # for the shell in the tree
+  as_user member sh -e -c '
+    cp -r /usr/share/doc/libkvox-dev/examples/call_daemon /tmp/example
+    cmake -S /tmp/example -B /tmp/example/build
+    cmake --build /tmp/example/build
+    cd /tmp/example
+    g++ -std=c++20 main.cc $(pkg-config --cflags --libs kvox) -o with_pkg_config'
+}
+
+step "Debian tree" 0 make_tree
+step "packages install" 0 install_packages
+step "the service's file is sound" 0 in_tree systemd-analyze verify --man=no kvoxd.service
+step "a daemon as user kvox serves a member of the group" 0 start_daemon
+step "an outsider may not use it" 5 as_user outsider kvoxctl ping
+step "a client builds with CMake and with pkg-config" 0 build_example
+for program in build/call_daemon with_pkg_config; do
+  step "$program calls the daemon" 0 as_user member "/tmp/example/$program"
+  grep -q tapout0 "$logs/step.log"
+done
+step "packages go" 0 in_tree dpkg --purge kvoxd kvoxctl kvosim libkvox-dev
+step "nothing of theirs is left" 1 in_tree sh -c 'find /etc /usr | grep -i kvo'
