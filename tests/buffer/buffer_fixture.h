@@ -28,7 +28,7 @@ class BufferFixture : public ::testing::Test {
   std::shared_ptr<KvoxBuffer> MakeBuffer(const std::string& name, uint32_t number, bool is_tapout) {
     directory_.MakeFifo(name);
     (is_tapout ? source_ : sink_) =
-        OwnedFd(open((directory_ / name).c_str(), is_tapout ? O_RDWR : O_RDWR | O_NONBLOCK));
+        UniqueFd(open((directory_ / name).c_str(), is_tapout ? O_RDWR : O_RDWR | O_NONBLOCK));
     return std::make_shared<KvoxBuffer>(name, directory_ / name, number, is_tapout,
                                         BufferEnvironment{.io = SystemDeviceIo(),
                                                           .io_log = io_log(),
@@ -66,8 +66,8 @@ class BufferFixture : public ::testing::Test {
   NoTaps taps_;
   TempDirectory directory_;
   ThreadReaper capture_threads_{4};
-  OwnedFd source_;  // writes into the tap-out FIFO made last
-  OwnedFd sink_;    // reads from the inject FIFO made last
+  UniqueFd source_;  // writes into the tap-out FIFO made last
+  UniqueFd sink_;    // reads from the inject FIFO made last
 };
 
 }  // namespace kvox

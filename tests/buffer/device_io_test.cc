@@ -20,9 +20,9 @@ class DeviceIoTest : public ::testing::Test {
   DeviceIoTest() {
     std::array<int, 2> ends{};
     EXPECT_EQ(pipe(ends.data()), 0);
-    device_ = OwnedFd(ends[0]);
-    other_end_ = OwnedFd(ends[1]);
-    watch_ = OwnedFd(io_.Watch(device_.get(), wake_.fd()));
+    device_ = UniqueFd(ends[0]);
+    other_end_ = UniqueFd(ends[1]);
+    watch_ = UniqueFd(io_.Watch(device_.get(), wake_.fd()));
     EXPECT_GE(watch_.get(), 0);
   }
   void ExpectBothAnswer(Ready expected) {
@@ -34,9 +34,9 @@ class DeviceIoTest : public ::testing::Test {
 
   DeviceIo& io_ = SystemDeviceIo();
   WakeEvent wake_;
-  OwnedFd device_;
-  OwnedFd other_end_;
-  OwnedFd watch_;
+  UniqueFd device_;
+  UniqueFd other_end_;
+  UniqueFd watch_;
 };
 
 TEST_F(DeviceIoTest, AWatchAnswersAsAWaitDoes) {
@@ -56,13 +56,13 @@ TEST_F(DeviceIoTest, AWatchAnswersAsAWaitDoes) {
 }
 
 TEST_F(DeviceIoTest, AHangUpIsTheDevices) {
-  other_end_ = OwnedFd();
+  other_end_ = UniqueFd();
   ExpectBothAnswer(Ready::kDevice);
 }
 
 TEST_F(DeviceIoTest, WhatCannotBeWatchedIsRefused) {
   const TempDirectory directory;
-  const OwnedFd file(open((directory / "file").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const UniqueFd file(open((directory / "file").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   EXPECT_EQ(io_.Watch(file.get(), wake_.fd()), -1);
   EXPECT_EQ(io_.Watch(-1, wake_.fd()), -1);
 }

@@ -130,7 +130,7 @@ TEST_F(WavCaptureTest, WithoutAThreadThereIsNoCapture) {
 
 TEST_F(WavCaptureTest, OnlyRegularFilesAreOpened) {
   directory_.MakeFifo("fifo");
-  const OwnedFd reader(open((directory_ / "fifo").c_str(), O_RDWR | O_NONBLOCK));
+  const UniqueFd reader(open((directory_ / "fifo").c_str(), O_RDWR | O_NONBLOCK));
   std::ofstream(directory_ / "target") << "kept";
   std::filesystem::create_symlink(directory_ / "target", directory_ / "link");
   for (const std::string path : {"fifo", "link", "", "no/such", "/dev/null"}) {

@@ -34,14 +34,14 @@ class ControlChannelTest : public ::testing::Test {
     termios raw = {};
     cfmakeraw(&raw);
     ASSERT_EQ(openpty(&master, &slave, name, &raw, nullptr), 0);
-    master_ = OwnedFd(master);
-    slave_ = OwnedFd(slave);
+    master_ = UniqueFd(master);
+    slave_ = UniqueFd(slave);
     ASSERT_EQ(symlink(name, path_.c_str()), 0);
   }
   void Unplug() {
     directory_.Remove("control");
-    master_ = OwnedFd();
-    slave_ = OwnedFd();
+    master_ = UniqueFd();
+    slave_ = UniqueFd();
   }
 
   /// Sends a tap-enable command; `device` plays the other end once the command has come.
@@ -84,8 +84,8 @@ class ControlChannelTest : public ::testing::Test {
   LogCapture log_;
   TempDirectory directory_;
   const std::string path_ = directory_ / "control";
-  OwnedFd master_;
-  OwnedFd slave_;
+  UniqueFd master_;
+  UniqueFd slave_;
   ControlChannel channel_{path_};
   TapEnableRecord record_;
 };

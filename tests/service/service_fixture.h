@@ -194,7 +194,7 @@ class ServiceTest : public ::testing::Test {
   int startup_pauses_ = 0;
 
  private:
-  std::vector<OwnedFd> readers_;
+  std::vector<UniqueFd> readers_;
 };
 
 /// A four-character code as commands take it.

@@ -32,7 +32,7 @@ class CtlTest : public ProgramTest {
 
   /// The simulator's answer, without the client in between.
   std::string Ask(const std::string& text) {
-    const OwnedFd fd = Connect();
+    const UniqueFd fd = Connect();
     EXPECT_EQ(send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(text.size()));
     std::string answer(1000, '\0');
@@ -40,8 +40,8 @@ class CtlTest : public ProgramTest {
         std::max<ssize_t>(recv(fd.get(), answer.data(), answer.size(), MSG_WAITALL), 0)));
     return answer;
   }
-  OwnedFd Connect() const {
-    OwnedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  UniqueFd Connect() const {
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_EQ(ConnectSocket(fd.get(), Device(".kvosim.ctl")), 0);
     return fd;
   }
@@ -87,9 +87,9 @@ TEST_F(CtlTest, AnswersAndEnds) {
 
 TEST_F(CtlTest, ABadClientDisturbsNobody) {
   const auto sim = StartSmall();
-  std::vector<OwnedFd> mute;
+  std::vector<UniqueFd> mute;
   for (int i = 0; i < 20; ++i) mute.push_back(Connect());  // more than are served at a time
-  const OwnedFd half = Connect();
+  const UniqueFd half = Connect();
   EXPECT_EQ(send(half.get(), "stat", 4, MSG_NOSIGNAL), 4);
   mute.clear();
   EXPECT_THAT(Ask(std::string(5000, 'x')), StartsWith("refused\nthe line is too long"));

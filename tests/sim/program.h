@@ -23,10 +23,10 @@ namespace kvox::sim {
 
 inline constexpr TapAddress kMic{.tap = MakeFourCc("imic"), .index = 0, .core = 2};
 
-class Fd : public OwnedFd {
+class Fd : public UniqueFd {
  public:
   Fd(const std::filesystem::path& path, int flags)
-      : OwnedFd(open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
+      : UniqueFd(open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
     EXPECT_GE(get(), 0) << path << ": " << std::strerror(errno);
   }
 

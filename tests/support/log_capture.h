@@ -15,10 +15,9 @@ class LogCapture : public LogTarget {
  public:
   LogCapture() : scope_(*this) {}
 
-  void Write(LogPriority priority, const char* tag, const char* line) override {
+  void Write(LogPriority priority, const char*, const char* line) override {
     MutexLock lock(mutex_);
     lines_.push_back(Letter(priority) + std::string(" ") + line);
-    tags_.emplace_back(tag);
     changed_.NotifyAll();
   }
 
@@ -43,22 +42,10 @@ class LogCapture : public LogTarget {
     return true;
   }
 
-  std::string last_tag() {
-    MutexLock lock(mutex_);
-    return tags_.empty() ? "" : tags_.back();
-  }
-
  private:
   static char Letter(LogPriority priority) {
-    switch (priority) {
-      case LogPriority::kInfo:
-        return 'I';
-      case LogPriority::kWarning:
-        return 'W';
-      case LogPriority::kError:
-        return 'E';
-    }
-    return '?';
+    if (priority == LogPriority::kInfo) return 'I';
+    return priority == LogPriority::kWarning ? 'W' : 'E';
   }
 
   size_t CountLocked(const std::string& part) REQUIRES(mutex_) {
@@ -70,7 +57,6 @@ class LogCapture : public LogTarget {
   Mutex mutex_;
   CondVar changed_;
   std::vector<std::string> lines_ GUARDED_BY(mutex_);
-  std::vector<std::string> tags_ GUARDED_BY(mutex_);
   ScopedProcessLog scope_;
 };
 

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -40,6 +41,11 @@ inline int CountOf(const std::string& part, const std::string& text) {
   int count = 0;
   for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++count;
   return count;
+}
+
+inline std::vector<std::string> Words(const std::string& line) {
+  std::istringstream stream(line);
+  return {std::istream_iterator<std::string>(stream), {}};
 }
 
 /// A run of a program with this process's environment. What it prints goes into two files beside

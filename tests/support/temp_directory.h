@@ -8,7 +8,8 @@
 
 #include <filesystem>
 #include <string>
-#include <utility>
+
+#include "kvox/common/unique_fd.h"
 
 namespace kvox {
 
@@ -33,24 +34,6 @@ class TempDirectory {
 
  private:
   std::filesystem::path path_;
-};
-
-/// A descriptor that closes itself.
-class OwnedFd {
- public:
-  explicit OwnedFd(int fd = -1) : fd_(fd) {}
-  OwnedFd(OwnedFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  OwnedFd& operator=(OwnedFd&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~OwnedFd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
 };
 
 }  // namespace kvox

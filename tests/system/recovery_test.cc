@@ -96,14 +96,14 @@ class PlainNodesTest : public MachineTest {
  protected:
   std::string Node(const std::string& name) { return directory_ / ("dev/xdv-kvox_" + name); }
   void Make(const std::string& name) { ASSERT_EQ(mkfifo(Node(name).c_str(), 0600), 0); }
-  OwnedFd ReaderOf(const std::string& name) {
-    return OwnedFd(open(Node(name).c_str(), O_RDONLY | O_NONBLOCK));
+  UniqueFd ReaderOf(const std::string& name) {
+    return UniqueFd(open(Node(name).c_str(), O_RDONLY | O_NONBLOCK));
   }
 };
 
 TEST_F(PlainNodesTest, AnInjectThatNobodyReadsKeepsNothingWaiting) {
   for (const char* name : {"tapout0", "inject0", "inject1"}) Make(name);
-  OwnedFd readers[] = {ReaderOf("inject0"), ReaderOf("inject1")};
+  UniqueFd readers[] = {ReaderOf("inject0"), ReaderOf("inject1")};
   StartDaemon();
   Call("StartIo -1");
   for (const char* name : {"tapout0", "inject0", "inject1"}) unlink(Node(name).c_str());
