@@ -20,6 +20,8 @@ using Rows = std::vector<std::string>;
 #define KVOX_ROW(name, parameters, arguments) #name #parameters,
 const Rows kRows = {KVOX_METHODS(KVOX_ROW)};
 const Rows kCallbackRows = {KVOX_CALLBACK_METHODS(KVOX_ROW)};
+#define KVOX_ARGUMENTS(name, parameters, arguments) #arguments,
+const Rows kArguments = {KVOX_METHODS(KVOX_ARGUMENTS)};
 #define KVOX_CODE(name, parameters, arguments) IKvox::TRANSACTION_##name,
 const std::vector<uint32_t> kCodes = {KVOX_METHODS(KVOX_CODE)};
 
@@ -75,6 +77,18 @@ TEST(Contract, MethodsHaveTheFilesOrderNamesAndTypes) {
   EXPECT_THAT(kCallbackRows, ElementsAreArray(Methods(callback)));
   ASSERT_EQ(kCodes.size(), 39u);
   for (uint32_t i = 0; i < kCodes.size(); ++i) EXPECT_EQ(kCodes[i], FIRST_CALL_TRANSACTION + i);
+}
+
+/// All methods are marshalled alike from their signatures; what a row passes on is all it adds.
+TEST(Contract, EveryRowPassesItsParametersOnInOrder) {
+  static const std::regex kName(R"((\w+)[,)])");
+  for (size_t i = 0; i < kRows.size(); ++i) {
+    std::string names;
+    for (Matches at(kRows[i].begin(), kRows[i].end(), kName), end; at != end; ++at) {
+      names += (names.empty() ? "" : ", ") + (*at)[1].str();
+    }
+    EXPECT_EQ(kArguments[i], "(" + names + ")") << kRows[i];
+  }
 }
 
 template <typename E>

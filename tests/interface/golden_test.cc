@@ -98,6 +98,21 @@ TEST(Requests, HoldTheTokenAndTheInArguments) {
   EXPECT_EQ(result.lines, std::vector<string>{"n"});
 }
 
+TEST(Requests, ForVersionAndHashAreMadeOnce) {
+  Wire wire;
+  int32_t version = 0;
+  string hash;
+  wire.Answer("00000000 03000000");
+  EXPECT_TRUE(wire->getInterfaceVersion(&version).isOk());
+  wire.Answer("00000000 02000000 61006200 00000000");
+  EXPECT_TRUE(wire->getInterfaceHash(&hash).isOk());
+  wire.Answer("");
+  EXPECT_TRUE(wire->getInterfaceVersion(&version).isOk());
+  EXPECT_TRUE(wire->getInterfaceHash(&hash).isOk());
+  EXPECT_EQ(version, 3);
+  EXPECT_EQ(hash, "ab");
+}
+
 /// Answers every command with the same values.
 class ScriptedService : public BnKvox {
  public:
