@@ -1,13 +1,12 @@
 #include "buffer/device_io.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <array>
 
+#include "kvox/common/unique_fd.h"
 #include "kvox/common/wake_event.h"
-#include "tests/support/temp_directory.h"
 
 namespace kvox {
 namespace {
@@ -58,13 +57,6 @@ TEST_F(DeviceIoTest, AWatchAnswersAsAWaitDoes) {
 TEST_F(DeviceIoTest, AHangUpIsTheDevices) {
   other_end_ = UniqueFd();
   ExpectBothAnswer(Ready::kDevice);
-}
-
-TEST_F(DeviceIoTest, WhatCannotBeWatchedIsRefused) {
-  const TempDirectory directory;
-  const UniqueFd file(open((directory / "file").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  EXPECT_EQ(io_.Watch(file.get(), wake_.fd()), -1);
-  EXPECT_EQ(io_.Watch(-1, wake_.fd()), -1);
 }
 
 }  // namespace

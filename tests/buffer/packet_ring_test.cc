@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "tests/support/scripted_device.h"
+#include "tests/support/bytes.h"
 
 namespace kvox {
 namespace {
@@ -32,9 +32,7 @@ class PacketRingTest : public ::testing::Test {
  protected:
   static bool Push(PacketRing& ring, uint32_t number, uint32_t payload_size) {
     const Bytes packet = MakePacket(number, payload_size);
-    KvoxPacketHeader header;
-    std::memcpy(&header, packet.data(), sizeof header);
-    return ring.Push(header, std::span(packet).subspan(kPacketHeaderSize));
+    return ring.Push(HeaderOf(packet), AudioOf(packet));
   }
 
   /// The next packet as it was made; empty when there is none.

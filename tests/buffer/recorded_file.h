@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <string>
 
 #include "buffer/capture_file.h"
@@ -13,6 +14,7 @@ namespace kvox {
 /// What a file is to do and what became of it. Outlives the file.
 struct FileScript {
   std::deque<ssize_t> results;  // of the next writes; all that is asked for when there are none
+  std::function<ssize_t(ssize_t asked)> decide;  // on the result of every write, where it is set
   std::atomic<bool> blocked = false;
   std::atomic<bool> entered = false;  // a write has begun
   std::string text;
@@ -28,7 +30,9 @@ class RecordedFile : public CaptureFile {
     script_.entered = true;
     script_.blocked.wait(true);
     auto result = static_cast<ssize_t>(bytes.size());
-    if (!script_.results.empty()) {
+    if (script_.decide) {
+      result = script_.decide(result);
+    } else if (!script_.results.empty()) {
       result = script_.results.front();
       script_.results.pop_front();
     }

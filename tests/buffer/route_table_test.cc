@@ -96,8 +96,7 @@ class InjectPortTest : public ::testing::Test {
   int32_t Send(int patience) {
     Patience waiter(patience);
     Bytes packet = packet_;
-    KvoxPacketHeader header;
-    std::memcpy(&header, packet.data(), sizeof header);
+    KvoxPacketHeader header = HeaderOf(packet);
     header.stamp = 5;
     const int32_t status = port_.SendInPlace(header, packet.data(), waiter);
     EXPECT_EQ(packet, packet_) << "the packet is as it was";
@@ -114,9 +113,7 @@ TEST_F(InjectPortTest, FinishesAPacketThatTheDeviceTakesInPieces) {
   device_.write_limits = {100, 0, 200};
   EXPECT_EQ(Send(5), kPortOk);
   ASSERT_EQ(device_.written.size(), 3u);
-  Bytes whole = device_.written[0];
-  for (size_t i : {1u, 2u})
-    whole.insert(whole.end(), device_.written[i].begin(), device_.written[i].end());
+  const Bytes whole = device_.written[0] + device_.written[1] + device_.written[2];
   EXPECT_EQ(whole.size(), packet_.size());
   EXPECT_EQ(whole[8], std::byte{5}) << "with the header it was given";
   EXPECT_TRUE(device_.opened.empty());

@@ -16,9 +16,7 @@ class WavCaptureTest : public ::testing::Test {
  protected:
   static void Record(WavCapture& capture, uint32_t number, const KvoxTapFormat& format = kFormat) {
     const Bytes packet = MakePacket(number, kPayload, format);
-    KvoxPacketHeader header;
-    std::memcpy(&header, packet.data(), sizeof header);
-    capture.Record(header, std::span(packet).subspan(kPacketHeaderSize));
+    capture.Record(HeaderOf(packet), AudioOf(packet));
   }
   /// The file of `count` packets, from number 1 on.
   static std::string FileOf(uint32_t count) {

@@ -10,25 +10,9 @@
 #include <vector>
 
 #include "buffer/device_io.h"
-#include "kvox/common/kvox_packet.h"
+#include "tests/support/bytes.h"
 
 namespace kvox {
-
-using Bytes = std::vector<std::byte>;
-
-inline Bytes MakePacket(uint32_t number, uint32_t payload_size, const KvoxTapFormat& format = {}) {
-  KvoxPacketHeader header;
-  header.stamp = 1000 + number;
-  header.packet_num = number;
-  header.payload_size = payload_size;
-  header.format = format;
-  Bytes bytes(kPacketHeaderSize + payload_size);
-  std::memcpy(bytes.data(), &header, sizeof header);
-  for (uint32_t i = 0; i < payload_size; ++i) {
-    bytes[kPacketHeaderSize + i] = static_cast<std::byte>(number + i * 7);
-  }
-  return bytes;
-}
 
 class ScriptedDevice : public DeviceIo {
  public:
@@ -50,12 +34,6 @@ class ScriptedDevice : public DeviceIo {
     });
   }
   void HangUp() { Deliver({}); }
-  void StayQuiet() {
-    steps_.push_back([] { return Ready::kTimeout; });
-  }
-  void FailWait() {
-    steps_.push_back([] { return Ready::kFailed; });
-  }
   void Do(std::function<void()> action) {
     steps_.push_back([action] {
       action();
