@@ -5,13 +5,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include <chrono>
-#include <condition_variable>
+#include <atomic>
 #include <cstring>
-#include <mutex>
 #include <thread>
 
 #include "kvox/common/kvox_utils.h"
+#include "kvox/common/mutex.h"
 #include "tests/support/log_capture.h"
 
 namespace kvox {
@@ -20,7 +19,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Id = IKvox::ParameterId;
-using Value = IKvox::ParamValue;
 using Samples = std::vector<int16_t>;
 
 /// Waits in the place of the I/O thread: as long as it is asked to, or, so that a busy machine does
@@ -45,34 +43,25 @@ class Waiter : public RtWaiter {
 class Client : public IKvox::BnReceiveAudioCallback {
  public:
   ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override {
-    std::unique_lock lock(mutex_);
-    packets_.push_back(packet);
-    changed_.notify_all();
-    changed_.wait(lock, [&] { return !hanging_; });
-    return refusing_ ? ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_STATE)
-                     : ndk::ScopedAStatus::ok();
-  }
-
-  void Hang(bool hang) {
-    std::lock_guard lock(mutex_);
-    hanging_ = hang;
-    changed_.notify_all();
-  }
-  void Refuse() {
-    std::lock_guard lock(mutex_);
-    refusing_ = true;
+    {
+      MutexLock lock(mutex_);
+      packets_.push_back(packet);
+    }
+    hanging.wait(true);
+    return refusing ? ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_STATE)
+                    : ndk::ScopedAStatus::ok();
   }
   std::vector<IKvox::AudioPacket> Packets() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return packets_;
   }
 
+  std::atomic<bool> hanging = false;
+  std::atomic<bool> refusing = false;
+
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool hanging_ = false;
-  bool refusing_ = false;
-  std::vector<IKvox::AudioPacket> packets_;
+  Mutex mutex_;
+  std::vector<IKvox::AudioPacket> packets_ GUARDED_BY(mutex_);
 };
 
 class RelayTest : public ::testing::Test, public RelayOwner {
@@ -96,11 +85,11 @@ class RelayTest : public ::testing::Test, public RelayOwner {
   }
 
   static IKvox::AudioPacket Packet(FourCc id, std::vector<uint8_t> data, int8_t format, int8_t bits,
-                                   int8_t channels) {
+                                   int8_t channels, int8_t rate = 5) {
     IKvox::AudioPacket packet;
     packet.processor_id = static_cast<int32_t>(id);
     packet.data = std::move(data);
-    packet.sampleRate = 5;
+    packet.sampleRate = rate;
     packet.format = format;
     packet.bitsPerSample = bits;
     packet.numChannels = channels;
@@ -169,7 +158,7 @@ TEST_F(RelayTest, TelephonyExchangesMonoBlocksWithItsClient) {
 
   relay->SendAudio(CallPacket(0xbb));
   EXPECT_EQ(Process(*relay, in, kCallTap, false), -1) << "both ends are needed";
-  client->Refuse();
+  client->refusing = true;
   EXPECT_EQ(Process(*relay, in, kCallTap), 0);
   EXPECT_TRUE(OutputIsSilent()) << "nothing goes out with a refused block";
   relay->RegisterReceiveAudioCallback(nullptr);
@@ -227,7 +216,7 @@ TEST_F(RelayTest, MediaIsInterleavedForTheClientAndInTheTapsOrderForTheTap) {
   EXPECT_THAT(client->Packets(), ElementsAre(Packet(kMedia, bytes, 1, 3, 2)));
   EXPECT_EQ(std::memcmp(out_.data(), in.data(), out_.size()), 0);
 
-  client->Refuse();
+  client->refusing = true;
   EXPECT_EQ(relay->SendAudio(Packet(kMedia, bytes, 1, 3, 2)), 0);
   EXPECT_EQ(Process(*relay, std::as_bytes(std::span(in)), tap), 0);
   EXPECT_FALSE(OutputIsSilent()) << "what a client sends does not hang on what it accepts";
@@ -242,7 +231,7 @@ TEST_F(RelayTest, MediaIsInterleavedForTheClientAndInTheTapsOrderForTheTap) {
 TEST_F(RelayTest, AHangingClientCostsHalfABlockOnceAndNothingWaitsForIt) {
   auto relay = Relay(kDownlink);
   const auto hanging = Register(*relay);
-  hanging->Hang(true);
+  hanging->hanging = true;
   waiter_.patient = false;
   const std::vector<std::byte> in(kFrames * 4);
   EXPECT_EQ(Process(*relay, in, kCallTap), 0);
@@ -265,7 +254,8 @@ TEST_F(RelayTest, AHangingClientCostsHalfABlockOnceAndNothingWaitsForIt) {
   EXPECT_EQ(next->Packets().size(), 2u) << "another client is served meanwhile";
   EXPECT_EQ(relay->Enable(false), 0);
   relay.reset();
-  hanging->Hang(false);
+  hanging->hanging = false;
+  hanging->hanging.notify_all();
 }
 
 TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
@@ -279,6 +269,7 @@ TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
     const char* mismatch;
   } rows[] = {
       {Packet(kMedia, {}, 1, 3, 2), "processor_id"},
+      {Packet(kDownlink, {}, 1, 3, 2, 1), "sampleRate"},
       {Packet(kDownlink, {}, 1, 3, 2), "format"},
       {Packet(kDownlink, {}, 0, 3, 2), "bitsPerSample"},
       {Packet(kDownlink, {}, 0, 1, 2), "numChannels"},
@@ -289,10 +280,6 @@ TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
     EXPECT_THAT(log_.Take(),
                 ElementsAre(std::string("E SendAudio art0: ") + row.mismatch + " mismatch"));
   }
-  IKvox::AudioPacket slow = CallPacket(0);
-  slow.sampleRate = 1;
-  EXPECT_EQ(relay->SendAudio(slow), -1);
-  EXPECT_EQ(log_.Count("sampleRate mismatch"), 1u);
   EXPECT_EQ(relay->SendAudio(CallPacket(0)), 0);
 }
 
@@ -318,9 +305,6 @@ TEST_F(RelayTest, StartsWithWhatItCanRelayOnly) {
   EXPECT_EQ(call->SetChannels(2), 0);
   EXPECT_EQ(call->SetChannels(3), -1);
   EXPECT_EQ(call->GetChannels(), 1u);
-  Value version;
-  EXPECT_EQ(call->GetParameter(Id::VERSION, 1, &version), 0);
-  EXPECT_EQ(version, Value(1));
 }
 
 TEST_F(RelayTest, RestartsOnANewBlockLengthOrAnotherTap) {
@@ -342,10 +326,6 @@ TEST_F(RelayTest, RestartsOnANewBlockLengthOrAnotherTap) {
   EXPECT_TRUE(relay->IsEnabled());
 
   relay->Enable(false);
-  log_.Take();
-  EXPECT_EQ(relay->SetParameter(Id::BLOCK_LENGTH, 0, 480), 0);
-  EXPECT_THAT(log_.Take(), IsEmpty());
-  EXPECT_EQ(relay->GetBlockLength(), 480u);
   EXPECT_EQ(Process(*relay, std::vector<std::byte>(8), {}), 0) << "disabled: nothing happens";
 }
 

@@ -66,26 +66,15 @@ TEST_F(ProcessorStatsTest, LongPausesAreNotPeriods) {
   EXPECT_EQ(average_, 0) << "a reset forgets when the last block began";
 }
 
-TEST_F(ProcessorStatsTest, AverageRestartsAfterTenThousandPeriods) {
-  Block(10, 0);
-  for (int i = 0; i < 9999; ++i) Block(10, 0);
-  for (int i = 0; i < 3; ++i) Block(50, 0);
-  Read();
-  EXPECT_FLOAT_EQ(average_, 50) << "the ten thousandth is the first of the next average";
-}
-
 TEST_F(ProcessorStatsTest, ReportsHealthOnceASecond) {
   const struct {
     double active;
     double jitter;
     const char* line;
   } rows[] = {
-      {5, 0,
-       "I Period min/max/avg: 10.000/10.000/10.000 ms, Active min/max/avg: 5.000/5.000/5.000 ms"},
-      {9.5, 0,
-       "W Warning: Period min/max/avg: 10.000/10.000/10.000 ms, Active min/max/avg: "
-       "9.500/9.500/9.500 ms"},
-      {1, 3, "W Warning: Period min/max/avg: 7.000/13.000/10."},
+      {5, 0, "I Period min/max/avg: 10.000/10"},
+      {9.5, 0, "W Warning: Period min/max/avg: "},
+      {1, 3, "W Warning: Period min/max/avg: "},
   };
   for (const auto& row : rows) {
     Block(5000, row.active);
@@ -93,8 +82,7 @@ TEST_F(ProcessorStatsTest, ReportsHealthOnceASecond) {
     for (int i = 0; i < 101; ++i) Block(10 + (i % 2 == 0 ? row.jitter : -row.jitter), row.active);
     const auto lines = log_.Take();
     ASSERT_EQ(lines.size(), 1u);
-    // The periods are averaged over the blocks, one of which began without a period.
-    EXPECT_EQ(lines[0].substr(0, 30), std::string(row.line).substr(0, 30)) << lines[0];
+    EXPECT_EQ(lines[0].find(row.line), 0u) << lines[0];
   }
 }
 
