@@ -30,11 +30,8 @@ class RecoveryTest : public ServiceTest {
     ASSERT_EQ(StatusOf(Call(&KvoxService::StartIo, 0)), 0);
   }
 
-  std::string Graph() { return Call(&KvoxService::ListProcessors).lines.back(); }
-  std::string Buffers() {
-    return Call(&KvoxService::ListTapOutBuffers).lines.back() +
-           Call(&KvoxService::ListInjectBuffers).lines.back();
-  }
+  std::string Graph() { return ProcessorRows(); }
+  std::string Buffers() { return BufferRows(); }
 
   const std::string whole_chain_ = "\n  pass      pass      tapout0   inject0   1";
 };

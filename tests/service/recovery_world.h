@@ -10,11 +10,10 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "daemon/device_events.h"
-#include "service/kvox_service.h"
+#include "tests/support/service_surroundings.h"
 
 namespace kvox {
 
@@ -172,14 +171,6 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     bool done = false;
   };
 
-  struct Startup : public RecoveryPacer {
-    RecoveryClock::time_point Now() const override { return {}; }
-    bool Pause(Ms) override { return true; }
-    bool stopping() const override { return false; }
-    void ScanBegins() override {}
-    Wake WaitForArrivals(RecoveryClock::time_point) override { return Wake::kStopping; }
-  };
-
   /// Time passes while no lock is held: clients get their turns.
   void Elapse(Ms until) {
     do {
@@ -275,7 +266,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     }
   }
 
-  Startup startup_;
+  ManualRecovery startup_{[](RecoveryPacer&) {}};
   Thread* recovery_ = nullptr;
   Thread* running_ = nullptr;
   std::string leaving_;  // a departure that waits for the recovery to end

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,56 +13,11 @@
 #include <vector>
 
 #include "daemon/device_events.h"
-#include "service/kvox_service.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/service_surroundings.h"
 #include "tests/support/temp_directory.h"
 
 namespace kvox {
-
-/// Keeps what it was sent; answers from a list of tap points, or with a failure.
-class FakeCoprocessor : public CoprocessorLink {
- public:
-  int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) override {
-    const auto* const bytes = reinterpret_cast<const uint8_t*>(record);
-    sent.emplace_back(bytes + sizeof(CMD_HDR), bytes + size);
-    opcodes.push_back(opcode);
-    if (on_send) std::exchange(on_send, nullptr)();
-    if (const auto failure = failures.find(opcode); failure != failures.end())
-      return failure->second;
-    if (opcode == CMD_KVOX_TAP_LIST_ID) List(*reinterpret_cast<TapListRecord*>(record));
-    if (opcode == CMD_TAP_INFO_ID) Tell(*reinterpret_cast<TapInfoRecord*>(record));
-    return 0;
-  }
-  void UpdateWakeLock(bool needed) override { wake_lock = needed; }
-
-  std::vector<TapInfoState> taps;
-  std::map<uint16_t, int32_t> failures;
-  std::vector<uint16_t> opcodes;
-  std::vector<std::vector<uint8_t>> sent;  // payloads
-  std::function<void()> on_send;           // called in the next exchange
-  bool wake_lock = false;
-  bool endless_list = false;
-
- private:
-  void List(TapListRecord& record) {
-    size_t skip = size_t{record.page} * kTapListPageEntries;
-    size_t entry = 0;
-    for (const TapInfoState& tap : taps) {
-      if (tap.core != record.core || entry == kTapListPageEntries) continue;
-      if (skip > 0 && !endless_list) {
-        --skip;
-        continue;
-      }
-      record.entries[entry].tap = tap.tap;
-      record.entries[entry++].index = tap.index;
-    }
-  }
-  void Tell(TapInfoRecord& record) {
-    for (const TapInfoState& tap : taps) {
-      if (tap.tap == record.state.tap && tap.index == record.state.index) record.state = tap;
-    }
-  }
-};
 
 /// The real devices; the next opening of a node can be interrupted for something else.
 class InterruptedIo : public DeviceIo {
@@ -93,39 +47,6 @@ class InterruptedIo : public DeviceIo {
   DeviceIo& real_ = SystemDeviceIo();
 };
 
-/// A recovery that runs when told to, through scans and late arrivals.
-class ManualRecovery : public Recovery, public RecoveryPacer {
- public:
-  explicit ManualRecovery(Body body) : body_(std::move(body)) {}
-  void NoteArrival() override {}
-  void RequestStop() override {}
-
-  bool Pause(std::chrono::milliseconds) override { return ++pauses, true; }
-  bool stopping() const override { return false; }
-  void ScanBegins() override {}
-  RecoveryClock::time_point Now() const override { return now; }
-  /// First the arrivals, then the time that the recovery waits for, if any.
-  Wake WaitForArrivals(RecoveryClock::time_point until) override {
-    if (late_arrivals.empty()) {
-      if (until == RecoveryClock::time_point::max()) return Wake::kStopping;
-      now = until;
-      return Wake::kTime;
-    }
-    std::exchange(late_arrivals.front(), nullptr)();
-    late_arrivals.erase(late_arrivals.begin());
-    return Wake::kArrivals;
-  }
-
-  void Run() { body_(*this); }
-
-  int pauses = 0;
-  RecoveryClock::time_point now;
-  std::vector<std::function<void()>> late_arrivals;
-
- private:
-  const Body body_;
-};
-
 class ServiceTest : public ::testing::Test {
  protected:
   /// Nodes "tapoutN" and "injectN"; the injects get a reader, so that they can be opened.
@@ -144,18 +65,7 @@ class ServiceTest : public ::testing::Test {
 
   void StartService() {
     ManualRecovery pacer([](RecoveryPacer&) {});
-    service_ = ndk::SharedRefBase::make<KvoxService>(
-        ServiceEnvironment{.link = link_,
-                           .io = io_,
-                           .io_log = log_,
-                           .device_directory = directory_.path(),
-                           .start_recovery =
-                               [this](Recovery::Body body) {
-                                 auto recovery = std::make_unique<ManualRecovery>(std::move(body));
-                                 recovery_ = recovery.get();
-                                 return recovery;
-                               }},
-        pacer);
+    service_ = MakeService(link_, io_, log_, directory_.path(), pacer, recovery_);
     startup_pauses_ = pacer.pauses;
     log_.Take();
   }
@@ -175,6 +85,13 @@ class ServiceTest : public ::testing::Test {
     recovery_->late_arrivals = std::move(late_arrivals);
     recovery_->Run();
   }
+
+  /// The rows of both lists of buffers.
+  std::string BufferRows() {
+    return Call(&KvoxService::ListTapOutBuffers).lines.back() +
+           Call(&KvoxService::ListInjectBuffers).lines.back();
+  }
+  std::string ProcessorRows() { return Call(&KvoxService::ListProcessors).lines.back(); }
 
   /// Calls a command on a fresh result.
   template <typename... Parameters, typename... Arguments>

@@ -1,0 +1,130 @@
+// What a KvoxService stands on in tests and fuzz targets: a co-processor that answers at once, and
+// recoveries that run when they are told to, without a thread or a pause.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "service/kvox_service.h"
+
+namespace kvox {
+
+/// Keeps what it was sent; answers from a list of tap points, or with a failure.
+class FakeCoprocessor : public CoprocessorLink {
+ public:
+  int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) override {
+    const auto* const bytes = reinterpret_cast<const uint8_t*>(record);
+    sent.emplace_back(bytes + sizeof(CMD_HDR), bytes + size);
+    opcodes.push_back(opcode);
+    if (on_send) std::exchange(on_send, nullptr)();
+    if (const auto failure = failures.find(opcode); failure != failures.end())
+      return failure->second;
+    if (opcode == CMD_KVOX_TAP_LIST_ID) List(*reinterpret_cast<TapListRecord*>(record));
+    if (opcode == CMD_TAP_INFO_ID) Tell(*reinterpret_cast<TapInfoRecord*>(record));
+    return 0;
+  }
+  void UpdateWakeLock(bool needed) override { wake_lock = needed; }
+
+  std::vector<TapInfoState> taps;
+  std::map<uint16_t, int32_t> failures;
+  std::vector<uint16_t> opcodes;
+  std::vector<std::vector<uint8_t>> sent;  // payloads
+  std::function<void()> on_send;           // called in the next exchange
+  bool wake_lock = false;
+  bool endless_list = false;
+
+ private:
+  void List(TapListRecord& record) {
+    size_t skip = size_t{record.page} * kTapListPageEntries;
+    size_t entry = 0;
+    for (const TapInfoState& tap : taps) {
+      if (tap.core != record.core || entry == kTapListPageEntries) continue;
+      if (skip > 0 && !endless_list) {
+        --skip;
+        continue;
+      }
+      record.entries[entry].tap = tap.tap;
+      record.entries[entry++].index = tap.index;
+    }
+  }
+  void Tell(TapInfoRecord& record) {
+    for (const TapInfoState& tap : taps) {
+      if (tap.tap == record.state.tap && tap.index == record.state.index) record.state = tap;
+    }
+  }
+};
+
+/// The tap points that the use cases bind.
+inline std::vector<TapInfoState> UseCaseTaps() {
+  const auto tap = [](FourCc name, uint8_t index, uint8_t core, uint8_t channels, uint8_t bytes) {
+    return TapInfoState{.tap = name,
+                        .index = index,
+                        .core = core,
+                        .sample_rate = 48000,
+                        .block_length = 480,
+                        .channels = channels,
+                        .bytes_per_sample = bytes};
+  };
+  return {tap(MakeFourCc("imic"), 0, 2, 1, 2), tap(MakeFourCc("sspk"), 0, 2, 1, 2),
+          tap(MakeFourCc("entr"), 5, 2, 2, 4), tap(MakeFourCc("vpdl"), 0, 4, 1, 2),
+          tap(MakeFourCc("vpul"), 1, 4, 1, 2)};
+}
+
+/// A recovery that runs when told to, through scans and late arrivals. Its clock jumps.
+class ManualRecovery : public Recovery, public RecoveryPacer {
+ public:
+  explicit ManualRecovery(Body body) : body_(std::move(body)) {}
+  void NoteArrival() override { arrived_ = true; }
+  void RequestStop() override {}
+
+  bool Pause(std::chrono::milliseconds) override { return ++pauses, true; }
+  bool stopping() const override { return false; }
+  void ScanBegins() override { arrived_ = false; }
+  RecoveryClock::time_point Now() const override { return now; }
+  /// First the arrivals, then the time that the recovery waits for, if any.
+  Wake WaitForArrivals(RecoveryClock::time_point until) override {
+    if (std::exchange(arrived_, false)) return Wake::kArrivals;
+    if (!late_arrivals.empty()) {
+      std::exchange(late_arrivals.front(), nullptr)();
+      late_arrivals.erase(late_arrivals.begin());
+      return Wake::kArrivals;
+    }
+    if (until == RecoveryClock::time_point::max()) return Wake::kStopping;
+    now = until;
+    return Wake::kTime;
+  }
+
+  void Run() { body_(*this); }
+
+  int pauses = 0;
+  RecoveryClock::time_point now;
+  std::vector<std::function<void()>> late_arrivals;
+
+ private:
+  const Body body_;
+  bool arrived_ = false;
+};
+
+/// `recovery` is where the last recovery that the service started is found, as long as it lives.
+inline std::shared_ptr<KvoxService> MakeService(CoprocessorLink& link, DeviceIo& io, LogTarget& log,
+                                                const std::string& devices, ManualRecovery& startup,
+                                                ManualRecovery*& recovery) {
+  return ndk::SharedRefBase::make<KvoxService>(
+      ServiceEnvironment{.link = link,
+                         .io = io,
+                         .io_log = log,
+                         .device_directory = devices,
+                         .start_recovery =
+                             [&recovery](Recovery::Body body) {
+                               auto started = std::make_unique<ManualRecovery>(std::move(body));
+                               recovery = started.get();
+                               return started;
+                             }},
+      startup);
+}
+
+}  // namespace kvox
