@@ -1,6 +1,5 @@
 #include "daemon/control_channel.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -11,13 +10,13 @@
 #include <cstring>
 #include <thread>
 
+#include "tests/support/bytes.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_directory.h"
 
 namespace kvox {
 namespace {
 
-using Bytes = std::vector<std::byte>;
 using ::testing::ElementsAre;
 using ::testing::IsSupersetOf;
 
@@ -116,13 +115,9 @@ TEST_F(ControlChannelTest, CommandsAreNumberedAndCarryTheirReplyBack) {
 TEST_F(ControlChannelTest, WhatIsNotTheAnswerIsPassedOver) {
   Open();
   EXPECT_EQ(Exchange([&](Bytes command) {
-              Bytes all;
-              for (const Bytes& reply :
-                   {Reply(command, 1, 0xCB), Reply(command, 1, 0xCC, 44),  // stale: other opcodes
-                    Reply(command, 1, 0xCA, 12), Reply(command, 7)}) {
-                all.insert(all.end(), reply.begin(), reply.end());
-              }
-              Send(all);
+              // Two that are stale: other opcodes.
+              Send(Reply(command, 1, 0xCB) + Reply(command, 1, 0xCC, 44) +
+                   Reply(command, 1, 0xCA, 12) + Reply(command, 7));
             }),
             7);
   EXPECT_THAT(
@@ -146,7 +141,7 @@ TEST_F(ControlChannelTest, AFloodEndsWithTheBudgetAndDoesNotFillTheLog) {
 TEST_F(ControlChannelTest, ACutReplyDoesNotSpoilTheNextOne) {
   Open();
   EXPECT_EQ(Exchange([&](Bytes command) {
-              Send(Bytes(command.begin(), command.begin() + 10));
+              Send(Part(command, 0, 10));
               EXPECT_TRUE(log_.WaitFor("wrong data sz 10 != 16 for opcode 0xca"));
               Send(Reply(command, 3));
             }),
@@ -160,12 +155,6 @@ TEST_F(ControlChannelTest, LateRepliesAreSkippedByOpcodeOnly) {
   EXPECT_EQ(log_.Count("W waitForKvoxCommandResponse: timeout for opcode 0xca"), 1u);
   Send(Reply(late, 9));
   EXPECT_EQ(Exchange([](const Bytes&) {}), 9) << "it passes for this command's own";
-}
-
-TEST_F(ControlChannelTest, ALostReplyCostsItsOwnCommandOnly) {
-  Open();
-  EXPECT_EQ(Exchange([](const Bytes&) {}), -1);
-  EXPECT_EQ(Exchange([&](Bytes command) { Send(Reply(command, 4)); }), 4);
 }
 
 TEST_F(ControlChannelTest, ClosingGoesBeforeCommandsThatWait) {
@@ -192,14 +181,6 @@ TEST_F(ControlChannelTest, AClosedChannelOpensForACommand) {
               IsSupersetOf(std::vector<std::string>{
                   "E SendKvoxCommand: Error sending opcode 0xca, status -1, expected 16",
                   "E SendKvoxCommand: Trying again\n", "I Opened " + path_ + "\n"}));
-}
-
-TEST_F(ControlChannelTest, WhatIsNoDeviceIsNamed) {
-  Unplug();
-  ASSERT_EQ(mkdir(path_.c_str(), 0700), 0);
-  channel_.Open();
-  EXPECT_EQ(log_.Count("E Failed to open " + path_ + ": Is a directory"), 1u);
-  rmdir(path_.c_str());
 }
 
 TEST_F(ControlChannelTest, AHangUpEndsTheWaitAtOnce) {

@@ -2,15 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "daemon/device_events.h"
 #include "kvox/common/control_records.h"
+#include "tests/support/bytes.h"
 
 namespace kvox {
 namespace {
-
-using Bytes = std::vector<std::byte>;
 
 Bytes Record(uint16_t size, size_t length) {
   CMD_HDR header{.size = size, .opcode = 0xCA};
@@ -26,10 +23,7 @@ std::vector<size_t> Sizes(const std::vector<Bytes>& records) {
 }
 
 TEST(ReplyStream, SplitsByTheSizeField) {
-  Bytes three = Record(16, 16);
-  for (const Bytes& next : {Record(44, 44), Record(8, 8)}) {
-    three.insert(three.end(), next.begin(), next.end());
-  }
+  const Bytes three = Record(16, 16) + Record(44, 44) + Record(8, 8);
   ReplyStream stream;
   EXPECT_EQ(Sizes(stream.Append(three)), (std::vector<size_t>{16, 44, 8}));
   EXPECT_FALSE(stream.partial());
