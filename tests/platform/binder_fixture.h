@@ -49,30 +49,20 @@ class Gate {
  public:
   explicit Gate(bool open) : open_(open) {}
   void Open() {
-    MutexLock lock(mutex_);
     open_ = true;
-    changed_.NotifyAll();
+    open_.notify_all();
   }
-  void Close() {
-    MutexLock lock(mutex_);
-    open_ = false;
-  }
+  void Close() { open_ = false; }
   void Pass() {
-    MutexLock lock(mutex_);
     ++waiting_;
-    while (!open_) changed_.Wait(mutex_);
+    open_.wait(false);
     --waiting_;
   }
-  int waiting() {
-    MutexLock lock(mutex_);
-    return waiting_;
-  }
+  int waiting() const { return waiting_; }
 
  private:
-  Mutex mutex_;
-  CondVar changed_;
-  bool open_ GUARDED_BY(mutex_);
-  int waiting_ GUARDED_BY(mutex_) = 0;
+  std::atomic<bool> open_;
+  std::atomic<int> waiting_ = 0;
 };
 
 class EchoService : public aidl::kvoxtest::BnEcho {

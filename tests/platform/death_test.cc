@@ -80,18 +80,6 @@ TEST_F(DeathTest, LinksThatEndOtherwiseAreOnlyUnlinked) {
   EXPECT_EQ(reports_.text(), "unlinked unlinked ");
 }
 
-TEST_F(DeathTest, WhatCannotBeLinkedIsUnlinkedAtOnce) {
-  EXPECT_EQ(AIBinder_linkToDeath(nullptr, recipient_.get(), &reports_), STATUS_UNEXPECTED_NULL);
-  EXPECT_EQ(AIBinder_linkToDeath(binder_.get(), nullptr, &reports_), STATUS_UNEXPECTED_NULL);
-  EXPECT_EQ(reports_.text(), "");
-  EXPECT_EQ(AIBinder_linkToDeath(service_->asBinder().get(), recipient_.get(), &reports_),
-            STATUS_INVALID_OPERATION);
-  EXPECT_EQ(reports_.text(), "unlinked ");
-  EndService();
-  EXPECT_EQ(Link(), STATUS_DEAD_OBJECT);
-  EXPECT_EQ(reports_.text(), "unlinked unlinked ");
-}
-
 /// A client in a process of its own that gives an object to the service and waits to be killed. It
 /// is made before this process has threads.
 class ClientDeathTest : public LinkTest {

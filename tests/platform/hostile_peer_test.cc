@@ -13,8 +13,6 @@
 namespace kvox::binder {
 namespace {
 
-constexpr char kOwnObject[] = "01000000 0e000000 00000000 0c000000";  // number 7 of the sender's
-
 class HostilePeerTest : public BinderTest {
  protected:
   void SetUp() override {
@@ -35,20 +33,20 @@ class HostilePeerTest : public BinderTest {
     std::memcpy(bytes.data() + sizeof entry, descriptor.data(), descriptor.size());
     return bytes;
   }
-  Frame SwapRequest(const char* reference = kOwnObject) const {
-    Frame frame = peer_->Request(IEcho::TRANSACTION_Swap, reference);
-    frame.object_list = Entry(frame, kReferenceSize, IEcho::descriptor);
-    frame.header.object_count = 1;
+  Frame SwapRequest() const {
+    Frame frame = peer_->Request(IEcho::TRANSACTION_Swap);
+    PutObject(&frame, 7, IEcho::descriptor);
     return frame;
+  }
+  void GreetAndGiveObject() {
+    peer_->Greet();
+    ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
+    ASSERT_TRUE(peer_->ReceiveFrame());
   }
   /// Sends the frame again and again, without reading, until the service takes no more. Answers how
   /// often it was sent whole.
   size_t Flood(const Frame& frame) {
-    std::vector<uint8_t> wire(sizeof frame.header + frame.parcel.size());
-    FrameHeader header = frame.header;
-    header.parcel_size = static_cast<uint32_t>(frame.parcel.size());
-    std::memcpy(wire.data(), &header, sizeof header);
-    std::copy(frame.parcel.begin(), frame.parcel.end(), wire.begin() + sizeof header);
+    const auto wire = Wire(frame);
     EXPECT_EQ(fcntl(peer_->fd(), F_SETFL, O_NONBLOCK), 0);
     constexpr size_t kEnough = 64 * kPauseRequestBytes;
     size_t bytes = 0;
@@ -188,9 +186,7 @@ TEST_F(HostilePeerTest, APeerThatDoesNotReadIsNotReadFrom) {
 }
 
 TEST_F(HostilePeerTest, CallsToAPeerThatDoesNotReadEndWithIt) {
-  peer_->Greet();
-  ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
-  ASSERT_TRUE(peer_->ReceiveFrame());
+  GreetAndGiveObject();
   const ndk::SpAIBinder held = service_->held()->asBinder();
   binder_status_t status = STATUS_OK;
   size_t sent = 0;
@@ -231,9 +227,7 @@ TEST_F(HostilePeerTest, AClientWaitsWhileTheServiceIsOutOfDescriptors) {
 /// that lie behind them on the same connection.
 TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
   constexpr uint64_t kCalls = 3 * kPauseRequests;
-  peer_->Greet();
-  ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
-  ASSERT_TRUE(peer_->ReceiveFrame());
+  GreetAndGiveObject();
   service_->asks_held = true;
   Frame echo = peer_->Request(IEcho::TRANSACTION_Echo, "01000000 05000000");
   for (echo.header.call = 1; echo.header.call <= kCalls; ++echo.header.call) {
@@ -255,9 +249,7 @@ TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
 
 /// Else answers to one call, each with an object to let go, would keep the pool from all others.
 TEST_F(HostilePeerTest, ASecondReplyToACallEndsTheConnection) {
-  peer_->Greet();
-  ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
-  ASSERT_TRUE(peer_->ReceiveFrame());
+  GreetAndGiveObject();
   service_->asks_held = true;
   ASSERT_TRUE(peer_->SendFrame(peer_->Request(IEcho::TRANSACTION_Echo, "01000000 05000000")));
   const auto question = peer_->ReceiveFrame();

@@ -74,11 +74,6 @@ TEST(Parcel, TextIsReadAsLooselyAsThePlatformDoes) {
   ExpectRead("04000000 61003dd8 620000de 00000000", string("ab"));
 }
 
-TEST(Parcel, BooleansAndBytesAreReadFromAnyWord) {
-  ExpectRead("00010000", true);
-  ExpectRead("ff010000", int8_t{-1});
-}
-
 TEST(Parcel, HostileBytesAreRefused) {
   using Strings = std::vector<string>;
   const struct {
@@ -132,33 +127,6 @@ TEST(Parcel, ReferencesAreReadOnlyWhereTheSenderNamedOne) {
   EXPECT_EQ(Hex(parcel), Normal("00000000 00000000"));
 }
 
-TEST(Parcel, ArraysOfTheCInterfaceDistinguishNullAndEmpty) {
-  AParcel parcel;
-  EXPECT_EQ(AParcel_writeFloatArray(&parcel, nullptr, 0), STATUS_OK);
-  EXPECT_EQ(AParcel_writeFloatArray(&parcel, nullptr, -1), STATUS_OK);
-  EXPECT_EQ(AParcel_writeString(&parcel, nullptr, -1), STATUS_OK);
-  EXPECT_EQ(Hex(parcel), Normal("00000000 ffffffff ffffffff"));
-  const float value = 1;
-  EXPECT_EQ(AParcel_writeFloatArray(&parcel, nullptr, 1), STATUS_BAD_VALUE);
-  EXPECT_EQ(AParcel_writeFloatArray(&parcel, &value, -1), STATUS_BAD_VALUE);
-  EXPECT_EQ(AParcel_writeByteArray(&parcel, nullptr, -2), STATUS_BAD_VALUE);
-}
-
-TEST(Parcel, PositionsMayBePatchedButNotWrittenBehindTheEnd) {
-  AParcel parcel;
-  AParcel_writeInt32(&parcel, 0);
-  AParcel_writeData(&parcel, string("ab"));
-  const int32_t end = AParcel_getDataPosition(&parcel);
-  EXPECT_EQ(AParcel_setDataPosition(&parcel, -1), STATUS_BAD_VALUE);
-  AParcel_setDataPosition(&parcel, 0);
-  AParcel_writeInt32(&parcel, end);
-  EXPECT_EQ(Hex(parcel), Normal("10000000 02000000 61006200 00000000"));
-  AParcel_setDataPosition(&parcel, end + 4);
-  EXPECT_EQ(AParcel_writeInt32(&parcel, 1), STATUS_NO_MEMORY);
-  int32_t value = 0;
-  EXPECT_EQ(AParcel_readInt32(&parcel, &value), STATUS_NOT_ENOUGH_DATA);
-}
-
 // The status at the head of a reply.
 
 string Header(AStatus* status) {
@@ -210,17 +178,6 @@ TEST(StatusHeader, IsReadWithWhateverStandsBeforeIt) {
     EXPECT_EQ(status.getServiceSpecificError(), row.code) << row.hex;
     EXPECT_EQ(parcel.BytesLeft(), 0u) << row.hex;
   }
-}
-
-TEST(Status, NumbersThatAreNoneBecomeTheGeneralFailure) {
-  EXPECT_EQ(ndk::ScopedAStatus::fromStatus(-999).getStatus(), STATUS_UNKNOWN_ERROR);
-  EXPECT_EQ(ndk::ScopedAStatus::fromExceptionCode(-50).getExceptionCode(), EX_TRANSACTION_FAILED);
-  EXPECT_TRUE(ndk::ScopedAStatus::fromStatus(STATUS_OK).isOk());
-  EXPECT_FALSE(ndk::ScopedAStatus().isOk());
-  const auto error = ndk::ScopedAStatus::fromServiceSpecificErrorWithMessage(5, "no tap");
-  EXPECT_EQ(error.getDescription(), "EX_SERVICE_SPECIFIC 5: no tap");
-  EXPECT_EQ(ndk::ScopedAStatus::fromStatus(STATUS_DEAD_OBJECT).getDescription(),
-            "EX_TRANSACTION_FAILED (STATUS_DEAD_OBJECT)");
 }
 
 }  // namespace

@@ -12,17 +12,11 @@
 #include <vector>
 
 #include "kvox/common/unique_fd.h"
-#include "platform/linux/frames.h"
 #include "platform/linux/runtime_directory.h"
 #include "tests/platform/parcel_bytes.h"
+#include "tests/platform/raw_frame.h"
 
 namespace kvox::binder {
-
-struct Frame {
-  FrameHeader header = {};
-  std::vector<uint8_t> parcel = {};
-  std::vector<uint8_t> object_list = {};
-};
 
 class RawPeer {
  public:
@@ -49,13 +43,8 @@ class RawPeer {
 
   /// A request to the service's object. `hex` follows the token.
   Frame Request(transaction_code_t code, std::string_view hex = "") const {
-    AParcel token;
-    EXPECT_EQ(WriteInterfaceToken(token, descriptor_.c_str()), STATUS_OK);
-    Frame frame;
-    frame.header.code = code;
+    Frame frame = RequestTo(greeting_.address | kReceiversObject, code, descriptor_.c_str());
     frame.header.call = 1;
-    frame.header.address = greeting_.address | kReceiversObject;
-    frame.parcel.assign(token.data().begin(), token.data().end());
     for (const uint8_t byte : Bytes(hex)) frame.parcel.push_back(byte);
     return frame;
   }
@@ -64,11 +53,9 @@ class RawPeer {
   bool Send(const T& value) {
     return SendBytes(&value, sizeof value);
   }
-  bool SendFrame(Frame frame) {
-    frame.header.parcel_size = static_cast<uint32_t>(frame.parcel.size());
-    frame.header.object_list_size = static_cast<uint32_t>(frame.object_list.size());
-    return Send(frame.header) && SendBytes(frame.parcel.data(), frame.parcel.size()) &&
-           SendBytes(frame.object_list.data(), frame.object_list.size());
+  bool SendFrame(const Frame& frame) {
+    const auto wire = Wire(frame);
+    return SendBytes(wire.data(), wire.size());
   }
   std::optional<Frame> ReceiveFrame() {
     Frame frame;

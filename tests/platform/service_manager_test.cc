@@ -73,19 +73,6 @@ TEST_F(ServiceManagerTest, ASecondRegistrationReplacesTheFirst) {
   EXPECT_TRUE(IEcho::fromBinder(link.root)->Note(2).isOk()) << "the first lives on for its holders";
 }
 
-TEST_F(ServiceManagerTest, ADeadDaemonsSocketIsExplainedAndReplaced) {
-  {
-    const UniqueFd dead(socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un address;
-    std::string error;
-    ASSERT_TRUE(MakeAddress(Path(), &address, &error));
-    ASSERT_EQ(bind(dead.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  }
-  EXPECT_CONTAINS(FailedLookup(kName), "has ended");
-  Serve(1);
-  EXPECT_EQ(Echo(*Client(), {5}), std::vector<uint8_t>{5});
-}
-
 TEST_F(ServiceManagerTest, DirectoriesThatCannotBeUsedAreNamed) {
   const auto service = ndk::SharedRefBase::make<EchoService>();
   const std::string file = directory_ + "/file";

@@ -2,7 +2,6 @@
 #include <android/binder_parcel_utils.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <numeric>
 
 #include "platform/linux/limits.h"
@@ -173,21 +172,6 @@ TEST_F(TransportTest, TheCallerIsTheProcessAtTheOtherEnd) {
 
 // Objects of this process, without a socket.
 
-TEST_F(TransportTest, LocalCallsRunOnTheCallingThread) {
-  const auto local = ndk::SharedRefBase::make<EchoService>();
-  const auto same = IEcho::fromBinder(local->asBinder());
-  EXPECT_EQ(same, local);
-  EXPECT_FALSE(AIBinder_isRemote(local->asBinder().get()));
-  const auto through_parcel = ndk::SharedRefBase::make<aidl::kvoxtest::BpEcho>(local->asBinder());
-  std::shared_ptr<IEcho> before;
-  ASSERT_TRUE(through_parcel->Swap(local, &before).isOk());
-  EXPECT_EQ(local->held(), local);
-  ASSERT_TRUE(through_parcel->Swap(nullptr, &before).isOk());
-  EXPECT_EQ(before, local);
-  EXPECT_TRUE(through_parcel->Note(1).isOk());
-  EXPECT_EQ(local->notes().size(), 1u);
-}
-
 TEST_F(TransportTest, AStubMakesANewObjectOnceTheOldOneIsGone) {
   const auto local = ndk::SharedRefBase::make<EchoService>();
   ndk::ScopedAIBinder_Weak weak;
@@ -200,26 +184,6 @@ TEST_F(TransportTest, AStubMakesANewObjectOnceTheOldOneIsGone) {
   }
   EXPECT_EQ(AIBinder_Weak_promote(weak.get()), nullptr);
   EXPECT_NE(local->asBinder().get(), nullptr);
-}
-
-TEST_F(TransportTest, AClassFitsOneDescriptor) {
-  Serve(1);
-  const auto nothing = [](void*) {};
-  const auto create = [](void* args) { return args; };
-  const auto transact = [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) {
-    return binder_status_t{STATUS_OK};
-  };
-  static const auto* const other =
-      AIBinder_Class_define("kvoxtest.IOther", create, nothing, transact);
-  const ndk::SpAIBinder local = service_->asBinder();
-  EXPECT_TRUE(AIBinder_associateClass(local.get(), AIBinder_getClass(local.get())));
-  EXPECT_FALSE(AIBinder_associateClass(local.get(), other));
-
-  const ndk::SpAIBinder remote = ConnectToService(Path()).root;
-  AParcel* in = nullptr;
-  EXPECT_EQ(AIBinder_prepareTransaction(remote.get(), &in), STATUS_INVALID_OPERATION);
-  EXPECT_FALSE(AIBinder_associateClass(remote.get(), other));
-  EXPECT_NE(IEcho::fromBinder(remote), nullptr);
 }
 
 }  // namespace

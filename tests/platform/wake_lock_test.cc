@@ -1,9 +1,6 @@
-#include <errno.h>
 #include <gtest/gtest.h>
-#include <hardware_legacy/power.h>
 #include <stdlib.h>
 
-#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -40,22 +37,6 @@ TEST_F(WakeLockTest, OnlyAStaleLockOfThatNameIsReleased) {
   MakeFiles("modem kvox display\n");
   ReleaseStaleWakeLock("kvox", kService);
   EXPECT_EQ(Contents("wake_unlock"), "kvox");
-}
-
-TEST_F(WakeLockTest, WithoutTheFilesLocksAreCounted) {
-  ReleaseStaleWakeLock("kvox", kService);
-  EXPECT_EQ(release_wake_lock("kvox"), -EINVAL);
-  EXPECT_EQ(acquire_wake_lock(PARTIAL_WAKE_LOCK, "kvox"), 0);
-  EXPECT_EQ(acquire_wake_lock(PARTIAL_WAKE_LOCK, "kvox"), 0);
-  EXPECT_EQ(release_wake_lock("kvox"), 0);
-  EXPECT_EQ(release_wake_lock("kvox"), 0);
-  EXPECT_EQ(release_wake_lock("kvox"), -EINVAL);
-}
-
-TEST_F(WakeLockTest, ARefusalOfTheKernelsIsAnswered) {
-  std::filesystem::create_directory(directory_ + "/wake_lock");
-  std::ofstream(directory_ + "/wake_unlock") << "";
-  EXPECT_EQ(acquire_wake_lock(PARTIAL_WAKE_LOCK, "kvox"), -EISDIR);
 }
 
 }  // namespace

@@ -20,7 +20,10 @@ namespace kvox {
 
 using aidl::kvox::IKvox;
 using binder::Frame;
+using binder::Put;
+using binder::PutObject;
 using binder::RawPeer;
+using binder::Wire;
 
 class Attacker {
  public:
@@ -66,18 +69,6 @@ class Attacker {
   int64_t rounds_ = -1;
 };
 
-/// The bytes of a frame on the wire.
-inline std::vector<uint8_t> Wire(const Frame& frame) {
-  binder::FrameHeader header = frame.header;
-  header.parcel_size = static_cast<uint32_t>(frame.parcel.size());
-  header.object_list_size = static_cast<uint32_t>(frame.object_list.size());
-  std::vector<uint8_t> wire(sizeof header);
-  std::memcpy(wire.data(), &header, sizeof header);
-  wire.insert(wire.end(), frame.parcel.begin(), frame.parcel.end());
-  wire.insert(wire.end(), frame.object_list.begin(), frame.object_list.end());
-  return wire;
-}
-
 /// False when the daemon takes no more: it has closed, or does not read.
 inline bool SendBytes(const RawPeer& peer, const void* bytes, size_t size) {
   const auto* at = static_cast<const uint8_t*>(bytes);
@@ -89,16 +80,6 @@ inline bool SendBytes(const RawPeer& peer, const void* bytes, size_t size) {
   }
   return true;
 }
-
-/// A number at the end of a parcel.
-inline void Put(Frame* frame, int32_t value) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
-  frame->parcel.insert(frame->parcel.end(), bytes, bytes + sizeof value);
-}
-
-/// A reference to object number `id` of the sender's at the end of the parcel, and its entry in the
-/// object list.
-void PutObject(Frame* frame, uint64_t id, std::string_view descriptor);
 
 /// A request that carries as many elements of `element` as fit.
 Frame LargestList(const RawPeer& peer, transaction_code_t code, std::string_view element);

@@ -1,6 +1,4 @@
 // Bytes that are no frames, and frames that hold nonsense.
-#include <algorithm>
-#include <bit>
 
 #include "platform/linux/limits.h"
 #include "tests/system/hostile/attacker.h"
@@ -124,21 +122,6 @@ void NestedSizes(Attacker& attacker) {
       peer = attacker.Peer();
     }
   }
-}
-
-void PutObject(Frame* frame, uint64_t id, std::string_view descriptor) {
-  const binder::ObjectEntry entry{static_cast<uint32_t>(frame->parcel.size()),
-                                  static_cast<uint32_t>(descriptor.size())};
-  const uint64_t address = id << 1;
-  Put(frame, binder::kReferencePresent);
-  Put(frame, static_cast<int32_t>(address));
-  Put(frame, static_cast<int32_t>(address >> 32));
-  Put(frame, 12);
-  const size_t at = frame->object_list.size();
-  frame->object_list.resize(at + sizeof entry + binder::PaddedSize(entry.descriptor_size));
-  std::memcpy(frame->object_list.data() + at, &entry, sizeof entry);
-  std::memcpy(frame->object_list.data() + at + sizeof entry, descriptor.data(), descriptor.size());
-  ++frame->header.object_count;
 }
 
 Frame LargestList(const RawPeer& peer, transaction_code_t code, std::string_view element) {
