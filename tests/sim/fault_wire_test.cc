@@ -1,6 +1,5 @@
 // What faults do on the wire: the test reads and writes the devices as a daemon would.
 #include <cerrno>
-#include <numeric>
 
 #include "tests/sim/program.h"
 
@@ -10,17 +9,10 @@ namespace {
 constexpr uint64_t kMs = 1'000'000;
 constexpr size_t kPacket = kPacketHeaderSize + 960;
 
-constexpr char kScenario[] = R"(
-cores = [2]
-tapouts = [0]
-injects = [0]
-tap = [{ name = "imic", core = 2, source = { kind = "noise" } }]
-)";
-
 class FaultWireTest : public ProgramTest {
  protected:
   void StartWith(const std::string& faults) {
-    std::ofstream(directory_ / "s.toml") << kScenario << faults;
+    std::ofstream(directory_ / "s.toml") << kNoiseScenario << faults;
     sim_ = Start({"--scenario", directory_ / "s.toml", "--speed", "4", "--keep-rate"}, "tapout0");
     control_ = std::make_unique<Fd>(Device("xdv-kvox_control"), O_RDWR);
   }
@@ -28,10 +20,6 @@ class FaultWireTest : public ProgramTest {
     EXPECT_EQ(Bind(*control_, 0, 0), 0);
     EXPECT_EQ(Enable(*control_, 1), 0);
     tapout_ = std::make_unique<Fd>(Device("xdv-kvox_tapout0"), O_RDONLY);
-  }
-  void Ctl(const std::string& line) {
-    std::istringstream words("ctl " + line);
-    EXPECT_EQ(Run({std::istream_iterator<std::string>(words), {}}), 0) << err_;
   }
   KvoxPacketHeader Next(size_t size = kPacket) { return HeaderOf(tapout_->Read(size)); }
   TapBindRecord Command() const {
@@ -64,6 +52,9 @@ TEST_F(FaultWireTest, Replies) {
   Ctl("fault reply-short");
   Write(Command());
   EXPECT_EQ(ReadReply(9).size, 9);
+  Ctl("fault reply-short torn=true");
+  Write(Command());
+  EXPECT_EQ(ReadReply(9).size, 18);
 
   Ctl("fault reply-opcode");
   Write(Command());

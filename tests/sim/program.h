@@ -15,13 +15,21 @@
 #include <vector>
 
 #include "kvox/common/control_records.h"
-#include "kvox/common/kvox_packet.h"
+#include "tests/support/bytes.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_directory.h"
 
 namespace kvox::sim {
 
 inline constexpr TapAddress kMic{.tap = MakeFourCc("imic"), .index = 0, .core = 2};
+
+/// One tap point, which can be bound to the devices of number 0.
+inline constexpr char kNoiseScenario[] = R"(
+cores = [2]
+tapouts = [0]
+injects = [0]
+tap = [{ name = "imic", core = 2, source = { kind = "noise" } }]
+)";
 
 class Fd : public UniqueFd {
  public:
@@ -31,8 +39,8 @@ class Fd : public UniqueFd {
   }
 
   /// Exactly `size` bytes, fewer when they do not arrive in time.
-  std::vector<std::byte> Read(size_t size) {
-    std::vector<std::byte> bytes(size);
+  Bytes Read(size_t size) {
+    Bytes bytes(size);
     size_t at = 0;
     EXPECT_TRUE(WaitFor([&] {
       pollfd readable{.fd = get(), .events = POLLIN, .revents = 0};
@@ -75,6 +83,8 @@ class ProgramTest : public ::testing::Test {
     err_ = process.Err();
     return status;
   }
+  /// A command to a simulator that runs.
+  void Ctl(const std::string& line) { EXPECT_EQ(Run(Words("ctl " + line)), 0) << err_; }
   /// What a simulator that runs has counted.
   nlohmann::json Status() {
     EXPECT_EQ(Run({"ctl", "status"}), 0) << err_;
@@ -110,11 +120,5 @@ class ProgramTest : public ::testing::Test {
   std::string out_;
   std::string err_;
 };
-
-inline KvoxPacketHeader HeaderOf(const std::vector<std::byte>& bytes) {
-  KvoxPacketHeader header;
-  std::memcpy(&header, bytes.data(), sizeof header);
-  return header;
-}
 
 }  // namespace kvox::sim

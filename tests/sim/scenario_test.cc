@@ -8,7 +8,6 @@
 namespace kvox::sim {
 namespace {
 
-using ::testing::IsSupersetOf;
 using ::testing::StartsWith;
 
 std::string ErrorOf(std::string_view text) {
@@ -17,19 +16,6 @@ std::string ErrorOf(std::string_view text) {
   const bool good = ParseScenario(text, "s.toml", "", scenario, error);
   EXPECT_EQ(good, error.empty());
   return error;
-}
-
-TEST(Scenario, TheBuiltInOneIsAPhone) {
-  Scenario phone;
-  std::string error;
-  ASSERT_TRUE(ParseScenario(kDefaultScenario, "built-in", "", phone, error)) << error;
-  EXPECT_EQ(phone.cores, (std::vector<uint8_t>{2, 3, 4}));
-  EXPECT_EQ(phone.tapouts, phone.injects);
-  std::vector<std::string> names;
-  for (const TapConfig& tap : phone.taps) {
-    names.push_back(DisplayName(tap) + "@" + std::to_string(tap.core));
-  }
-  EXPECT_THAT(names, IsSupersetOf({"imic.0@2", "sspk.0@2", "entr.5@2", "vpdl.0@4", "vpul.1@4"}));
 }
 
 TEST(Scenario, ReadsEveryKey) {
@@ -81,33 +67,24 @@ TEST(Scenario, FaultsNameTheLineTheKeyAndWhatIsExpected) {
   } faults[] = {
       {"rate = \"high\"", "s.toml:7: tap[0].rate: found 'high'; expected a whole number from 8000"},
       {"rate = 7999", "s.toml:7: tap[0].rate: found 7999; expected a whole number"},
-      {"rate = 48000.0", "s.toml:7: tap[0].rate: found 48000.0; expected a whole number"},
-      {"channels = 0", "s.toml:7: tap[0].channels: found 0; expected a whole number from 1 to 32"},
       {"colour = 3", "s.toml:7: tap[0].colour: unknown key; expected one of name, index"},
       {"format = \"mp3\"",
        "s.toml:7: tap[0].format: found 'mp3'; expected one of \"int\", \"float\", \"sulaw\""},
       {"bits = 24", "s.toml:4: tap[0].bits: int 24 cannot be carried; expected int 16"},
       {"block_length = 441", "s.toml:4: tap[0].block_length: blocks of 441 frames have 882 bytes"},
-      {"block_length = 40000", "s.toml:4: tap[0].block_length: blocks of 40000 frames have 80000"},
       {"channels = 2\nnoninterleaved = 400",
        "s.toml:4: tap[0].block_length: blocks of 480 frames "
        "do not hold whole runs; expected a multiple of 400"},
       {"source = 1", "s.toml:7: tap[0].source: found 1; expected a table"},
       {"source = { level = 1 }", "s.toml:7: tap[0].source.kind: missing; expected one of"},
-      {"source = { kind = \"sine\", level = 1 }",
-       "s.toml:7: tap[0].source.level: found 1; expected a number from -144 to 0"},
       {"source = { kind = \"sine\", frequency = 24001 }", "s.toml:7: tap[0].source.frequency: fou"},
-      {"source = { kind = \"sine\", seed = 1 }", "s.toml:7: tap[0].source.seed: unknown key"},
       {"source = { kind = \"wav\" }", "s.toml:7: tap[0].source.file: missing; expected a file"},
-      {"sink = { kind = \"wav\", file = 3 }", "s.toml:7: tap[0].sink.file: found 3; expected a f"},
       {"source = { kind = \"wav\", file = \"a\" }\nsink = { kind = \"wav\", file = \"./a\" }",
        "s.toml:4: tap[0].sink.file: ./a is a source or another sink; expected a file of its own"},
       {"[[tap]]\nname = \"mic\"\ncore = 2",
        "s.toml:7: tap[1].name: core 2 has a tap mic.0 already"},
       {"[[tap]]\nname = \"micro\"\ncore = 2",
        "s.toml:8: tap[1].name: found 'micro'; expected 1 to"},
-      {"[[tap]]\nname = \"\"\ncore = 2", "s.toml:8: tap[1].name: found ''; expected 1 to 4"},
-      {"[[tap]]\nname = \"b\"", "s.toml:7: tap[1].core: missing; expected one of the scenario's"},
       {"[[tap]]\nname = \"b\"\ncore = 5", "s.toml:9: tap[1].core: there is no core 5; expected on"},
       {"= 3", "s.toml:7: syntax: "},
   };

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <numeric>
@@ -48,38 +47,6 @@ TEST(Source, ASineHasItsFrequencyLevelAndAllItsChannels) {
   EXPECT_EQ(Read<int16_t>(*full, 1, 3), (std::vector<int16_t>{32767, 0, -32768}));
 }
 
-TEST(Source, ASweepRisesAndBeginsAnew) {
-  const auto source = Make(
-      kFloatMono, {.kind = SourceKind::kSweep, .level = 0, .from = 100, .to = 1000, .seconds = 1});
-  const std::vector<float> sweep = Read<float>(*source, 0, 96000);
-  const auto crossings = [&](size_t from, size_t to) {
-    int count = 0;
-    for (size_t i = from + 1; i < to; ++i) count += (sweep[i - 1] < 0) != (sweep[i] < 0);
-    return count;
-  };
-  EXPECT_NEAR(crossings(0, 4800), 2 * 0.1 * 145, 1);
-  EXPECT_NEAR(crossings(43200, 48000), 2 * 0.1 * 955, 1);
-  EXPECT_EQ(std::memcmp(&sweep[0], &sweep[48000], 48000 * sizeof(float)), 0);
-}
-
-TEST(Source, NoiseFollowsFromItsSeedAlone) {
-  const auto noise = [](uint64_t seed) {
-    return Make(kInt16Stereo, {.kind = SourceKind::kNoise, .level = 0, .seed = seed});
-  };
-  const auto whole = Read<int16_t>(*noise(5), 0, 9600);
-  const auto tail = Read<int16_t>(*noise(5), 2400, 4800);
-  EXPECT_TRUE(std::equal(tail.begin(), tail.end(), whole.begin() + 4800));
-  EXPECT_NE(Read<int16_t>(*noise(6), 0, 9600), whole);
-  const double power = std::inner_product(whole.begin(), whole.end(), whole.begin(), 0.0);
-  EXPECT_NEAR(power / 9600 / std::pow(32768, 2), 1.0 / 3, 0.02) << "even over the whole range";
-  EXPECT_NE(whole[0], whole[1]) << "the channels differ";
-}
-
-TEST(Source, SilenceIsZeroInEveryEncoding) {
-  EXPECT_EQ(Read<int32_t>(*Make(kInt32Mono, {}), 7, 2), (std::vector<int32_t>{0, 0}));
-  EXPECT_EQ(Read<uint8_t>(*Make(kUlawMono, {}), 7, 1), (std::vector<uint8_t>{0xff}));
-}
-
 class WavSourceTest : public ::testing::Test {
  protected:
   /// The source that a scenario would get for the file "a.wav".
@@ -114,18 +81,6 @@ TEST_F(WavSourceTest, IsBitExactInTheFilesOwnEncoding) {
   ExpectExact(SF_FORMAT_ULAW, codes, kUlawMono);
 }
 
-TEST_F(WavSourceTest, WidensNarrowsAndCopiesChannels) {
-  WriteWav(file_, SF_FORMAT_PCM_24, 1, std::vector<int32_t>{0x12345600, -256});
-  EXPECT_EQ(Read<int32_t>(*Open(kInt32Mono), 0, 2), (std::vector<int32_t>{0x12345600, -256}));
-  EXPECT_EQ(Read<int16_t>(*Open(kInt16Stereo), 0, 4),
-            (std::vector<int16_t>{0x1234, 0x1234, -1, -1}));
-  EXPECT_EQ(Read<float>(*Open(kFloatMono), 1, 1), (std::vector<float>{-0x1p-23f}));
-
-  WriteWav(file_, SF_FORMAT_FLOAT, 1, std::vector<float>{0.5f, 2.0f, -2.0f});
-  EXPECT_EQ(Read<int16_t>(*Open(kInt16Mono), 0, 3), (std::vector<int16_t>{16384, 32767, -32768}));
-  EXPECT_EQ(Read<uint8_t>(*Open(kUlawMono), 1, 2), (std::vector<uint8_t>{0x80, 0x00}));
-}
-
 TEST_F(WavSourceTest, EndsInSilenceOrBeginsAnew) {
   WriteWav(file_, SF_FORMAT_PCM_16, 1, std::vector<int16_t>{1, 2, 3});
   EXPECT_EQ(Read<int16_t>(*Open(kInt16Mono), 1, 4), (std::vector<int16_t>{2, 3, 0, 0}));
@@ -147,18 +102,6 @@ TEST_F(WavSourceTest, FilesThatDoNotFitAreRefused) {
   std::ofstream(file_) << "no sound at all";
   EXPECT_EQ(Open(kInt16Mono), nullptr);
   EXPECT_NE(error_.find("cannot be read"), std::string::npos);
-}
-
-TEST(Samples, RunsAndBack) {
-  KvoxTapFormat format = kInt16Stereo;
-  format.noninterleaved_samples = 2;
-  const std::vector<int16_t> interleaved = {10, 20, 11, 21, 12, 22, 13, 23, 14, 24};
-  std::vector<int16_t> runs(10);
-  LayOut(format, std::as_bytes(std::span(interleaved)), std::as_writable_bytes(std::span(runs)));
-  EXPECT_EQ(runs, (std::vector<int16_t>{10, 11, 20, 21, 12, 13, 22, 23, 14, 24}));
-  std::vector<int16_t> back(10);
-  Interleave(format, std::as_bytes(std::span(runs)), std::as_writable_bytes(std::span(back)));
-  EXPECT_EQ(back, interleaved);
 }
 
 }  // namespace

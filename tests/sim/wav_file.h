@@ -10,7 +10,7 @@
 
 namespace kvox::sim {
 
-/// `samples` are written as they are, except that 24-bit files take 32-bit samples.
+/// `samples` are written as they are.
 template <typename Sample>
 void WriteWav(const std::filesystem::path& path, int subtype, int channels,
               const std::vector<Sample>& samples, int rate = 48000) {
@@ -22,15 +22,8 @@ void WriteWav(const std::filesystem::path& path, int subtype, int channels,
                .seekable = 0};
   const SoundFile file(sf_open(path.c_str(), SFM_WRITE, &info));
   ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
-  if (subtype == SF_FORMAT_PCM_24) {
-    if constexpr (sizeof(Sample) == sizeof(int)) {
-      sf_write_int(file.get(), reinterpret_cast<const int*>(samples.data()),
-                   static_cast<sf_count_t>(samples.size()));
-    }
-  } else {
-    sf_write_raw(file.get(), samples.data(),
-                 static_cast<sf_count_t>(samples.size() * sizeof(Sample)));
-  }
+  sf_write_raw(file.get(), samples.data(),
+               static_cast<sf_count_t>(samples.size() * sizeof(Sample)));
 }
 
 /// Every sample of a file whose encoding is `Sample`.
