@@ -1,6 +1,4 @@
-#include <sys/mount.h>
-
-#include "kvox/common/wav_header.h"
+#include "tests/buffer/recorded_file.h"
 #include "tests/system/machine.h"
 
 namespace kvox {
@@ -11,9 +9,7 @@ constexpr unsigned long kSamples = kRate;
 constexpr size_t kHeader = sizeof(WavHeader);
 
 std::string HeaderOf(unsigned long samples) {
-  WavHeader header;
-  InitHeaderWAV(&header, kRate, 2, 16, samples, WavFormat_t::kPcm);
-  return {reinterpret_cast<const char*>(&header), sizeof header};
+  return kvox::HeaderOf(kRate, 2, 16, samples, WavFormat_t::kPcm);
 }
 
 /// A tap that plays a second of noise in runs of 480 samples, and passes through the daemon.
@@ -103,38 +99,6 @@ TEST_F(CaptureTest, ADaemonThatIsKilledLeavesTheSamples) {
   EXPECT_EQ(captured.substr(0, kHeader), std::string(kHeader, '\0'));
   const size_t size = std::min(captured.size(), played_.size()) - kHeader;
   EXPECT_TRUE(captured.substr(kHeader, size) == played_.substr(kHeader, size));
-}
-
-TEST_F(CaptureTest, AFullFileSystemEndsACaptureAndNothingElse) {
-  const auto full = directory_ / "full";
-  std::filesystem::create_directory(full);
-  if (mount("tmpfs", full.c_str(), "tmpfs", 0, "size=64k") != 0) {
-    GTEST_SKIP() << "needs the right to mount a file system";
-  }
-  const std::string file = full / "tapout0.wav";
-  Call("Debug capture start tapout0 " + file);
-  Call("Debug capture start inject0 " + FileOf("inject0"));
-  Call("StartIo 0");
-  Call("TapEnable 2 genp 0 true");
-  EXPECT_TRUE(DaemonLogs("Capture file " + file + ": No space left on device"));
-  EXPECT_TRUE(DaemonLogs("tapout0 writeCaptureWav: Error -1"));
-  const int64_t before = Figure("genp.0", "received");
-  EXPECT_TRUE(WaitFor([&] { return Figure("genp.0", "received") >= before + 5; }));
-  EXPECT_EQ(Figure("genp.0", "different"), 0);
-
-  const ClientRun stop = Run(Words("call Debug capture stop tapout0"));
-  EXPECT_EQ(stop.exit_status, 1);
-  EXPECT_EQ(CountOf("CaptureStop tapout0 buffer: Capture not started", stop.out + stop.err), 1);
-  const std::string captured = ReadText(file);
-  EXPECT_EQ(captured.size(), 64u << 10);
-  EXPECT_EQ(captured.substr(0, kHeader), std::string(kHeader, '\0'));
-
-  std::filesystem::remove(file);  // there is room again
-  Call("TapEnable 2 genp 0 false");
-  Call("Debug capture start tapout0 " + file);
-  EXPECT_EQ(CountOf("samples", Call("Debug capture stop")), 2) << "that of inject0 went on";
-  Call("StopIo 0");
-  EXPECT_EQ(umount2(full.c_str(), MNT_DETACH), 0);
 }
 
 }  // namespace

@@ -36,8 +36,6 @@ TEST_F(ClientAudioTest, VerbsBuildAPathAndTakeItDown) {
   Do("disconnect pass");
   EXPECT_EQ(Json("graph")["paths"][0]["tapout"], nullptr);
   ExpectRefusal("connect pass tapout7 none", 4, "there is no tap-out buffer 'tapout7'; did you");
-  ExpectRefusal("connect pass none 1000", 4, "there is no inject buffer '1000'");
-  ExpectRefusal("connect pas tapout0 none", 4, "did you mean 'pass'?");
   ExpectRefusal("io start 9", 4, "there is no tap-out buffer '9'");
 }
 
@@ -54,7 +52,6 @@ TEST_F(ClientAudioTest, StatisticsAreReadSizedAndForgotten) {
   EXPECT_THAT(Do("stats"), StartsWith("pass  "));
   EXPECT_EQ(Do("stats --reset"), "");
   ExpectRefusal("stats pass --entries 261121", 2, "is not a number from 0 to 261120");
-  ExpectRefusal("stats pasx", 4, "did you mean 'pass'?");
 }
 
 TEST_F(ClientAudioTest, CapturesGoWhereTheClientStands) {
@@ -69,7 +66,6 @@ TEST_F(ClientAudioTest, CapturesGoWhereTheClientStands) {
   std::filesystem::current_path("/");
   ExpectRefusal("capture start tapout0", 2, "FILE is missing");
   ExpectRefusal("capture start 0 a.wav", 2, "BUFFER: '0' may be tapout0 or inject0; name one");
-  ExpectRefusal("capture start tapuot0 a.wav", 4, "did you mean 'tapout0'");
   EXPECT_EQ(Do("debug buffer_dump tapout 0"), Call("Debug buffer_dump tapout 0"));
   ExpectRefusal("debug reboot", 1, "reboot: Debug: INVALID PARAMETER; 'kvoxctl debug help'");
 }
@@ -86,7 +82,6 @@ TEST_F(ClientAudioTest, UseCasesGoByNameInAnyCase) {
   ExpectRefusal("usecase status MIC_IN", 1, "use case MIC_IN: kvox use case state unknown");
   ExpectRefusal("usecase enable mic", 4, "there is no use case 'mic'; did you mean 'MIC_IN'");
   ExpectRefusal("usecase gain MIC_IN 0.5 --ramp 20", 1, "Unavailable");
-  ExpectRefusal("usecase gain AREL_TELE 1", 1, "the daemon answers INVALID_PARAMETER");
   ExpectRefusal("usecase enable HOTWORDAEC", 1, "INVALID PROCESSOR");
 }
 

@@ -25,7 +25,6 @@ TEST_F(ClientObjectsTest, ProcessorsLiveFromNewToDelete) {
   EXPECT_EQ(info["block_length_frames"], 4800);
   ExpectRefusal("processor info abce", 4, "there is no processor 'abce'; did you mean 'abcd'?");
   ExpectRefusal("processor new xxxx pas", 4, "there is no processor type 'pas'; did you mean");
-  ExpectRefusal("processor new abcde pass", 2, "ID: 'abcde' is not four characters or a number");
   Do("processor delete abcd");
   EXPECT_EQ(Json("processor list")["processors"], json::array());
   ExpectRefusal("processor delete abcd", 4, "there is no processor 'abcd'");
@@ -65,14 +64,11 @@ TEST_F(ClientObjectsTest, TapPointsGoByNameOnWhicheverCore) {
   EXPECT_EQ(Json("tap info adet")["core"], 3) << "the only index";
 
   ExpectRefusal("tap info genp", 2, "may be any of 2:genp.0 2:genp.1; name one");
-  ExpectRefusal("tap info imik.0", 4, "'imik.0'; did you mean 'imic.0'");
   ExpectRefusal("tap info 3:imic.0", 4, "did you mean '3:amic.0'");
-  ExpectRefusal("tap info toolong.0", 2, "TAP: 'toolong.0' is not a tap point's name");
   ExpectRefusal("tap info 9:imic.0", 1, "core 9 told of no tap points");
   ExpectRefusal("tap connect genp.0 tapout9 none", 4, "no tap-out buffer 'tapout9'; did you mean");
   ExpectRefusal("tap block-length genp.0 0", 2, "FRAMES: '0' is not a number from 1 to");
   ExpectRefusal("tap jitter-buffer genp.0 65535", 2, "is not a number from 0 to 65534");
-  ExpectRefusal("tap gain genp.0 nan", 2, "GAIN: 'nan' is not a finite number");
   ExpectRefusal("tap gain genp.0 0.5 --ramp 10", 1, "tap point 2:genp.0: Unavailable");
   ExpectRefusal("tap block-length genp.0 2000000", 1, "failed, status -22");
 }
@@ -88,7 +84,6 @@ TEST_F(ClientObjectsTest, ParametersAreReadAndSet) {
   EXPECT_EQ(Do("param get pass TEST_MODE --short"), "TEST_MODE\t0\t1\n");
   EXPECT_THAT(Do("param get pass AUDIO_FORMAT 3"), HasSubstr("AUDIO_FORMAT 3"));
   ExpectRefusal("param set pass BLOCK_LENGTH 1000", 2, "480 to 24000 frames in steps of 480");
-  ExpectRefusal("param set pass BLOCK_LENGTH x", 2, "VALUE: 'x' is not a number");
   ExpectRefusal("param set pass VERSION 1", 1, "VERSION of pass: ");
   ExpectRefusal("param get pass BLOCK_LEN", 4, "no parameter 'BLOCK_LEN'; did you mean");
   ExpectRefusal("param get pass 9", 1, "'kvoxctl param get pass' shows what there is");

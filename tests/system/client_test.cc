@@ -46,14 +46,9 @@ TEST_F(ClientTest, WrongUsageNamesTheArgumentAndSendsNothing) {
       {"call Pong", "METHOD: there is no 'Pong'"},
       {"call NewProcessor", "NewProcessor takes PROCESSOR; 0 given"},
       {"call NewProcessor abcde", "PROCESSOR: 'abcde' is not four characters or a number"},
-      {"call TapList two", "CORE: 'two' is not a number"},
-      {"call TapList 2147483648", "CORE: '2147483648' is not a number"},
       {"call TapEnable 2 imic 0 yes", "ENABLE: 'yes' is not true, false, 1 or 0"},
       {"call Ping again", "Ping: unexpected argument 'again'"},
-      {"call EnableUseCase MIC 1", "USECASE: 'MIC' is not a use case's name or number"},
       {"call SetParameter pass BLOCK_LENGTH 0 960", "VALUE: '960' is not i:960, f:0.5 or v:1,2,3"},
-      {"call GetParameterBulk pass BLOCK_LENGTH", "PAIRS: 'BLOCK_LENGTH' is not a list"},
-      {"call IsEnabled \xff", "USECASE: '?' is not a text in UTF-8"},
       {"call Debug fine h\xc3", "WORD: 'h?' is not a text in UTF-8"},
       {"call SendAudio pass 5 0 1 1 /no/such/file", "FILE: cannot read '/no/such/file'"},
       {"call SendAudio pass 5 0 1 1 /", "FILE: '/' is not a regular file"},
@@ -63,8 +58,6 @@ TEST_F(ClientTest, WrongUsageNamesTheArgumentAndSendsNothing) {
       {"call RegisterReceiveAudioCallback art0 1 /", "FILE: cannot write '/'"},
       {"call RegisterReceiveAudioCallback art0 1 dev/fifo", "FILE: cannot write 'dev/fifo'"},
       {"call RegisterReceiveAudioCallback art0 -1 f", "SECONDS: '-1' is not between 0 and a year"},
-      {"--jason call Ping", "--jason"},
-      {"", "a verb is missing"},
   };
   directory_.MakeFifo("dev/fifo");
   std::ofstream(directory_ / "large") << std::string(1'100'000, 'x');
@@ -76,16 +69,6 @@ TEST_F(ClientTest, WrongUsageNamesTheArgumentAndSendsNothing) {
     EXPECT_EQ(run.out, "");
   }
   std::filesystem::current_path("/");
-}
-
-TEST_F(ClientTest, HelpIsNoError) {
-  for (const char* line : {"--help", "call --help", "ping --help", "--version"}) {
-    const ClientRun run = Run(Words(line));
-    EXPECT_EQ(run.exit_status, 0) << line;
-    EXPECT_NE(run.out, "");
-  }
-  EXPECT_THAT(Run(Words("call --help")).out,
-              HasSubstr("  ConnectTap CORE TAP INDEX TAPOUT INJECT\n"));
 }
 
 TEST_F(ClientTest, WithoutADaemonItSaysWhereItLooked) {

@@ -69,11 +69,6 @@ class MachineTest : public ::testing::Test {
     return run.out;
   }
 
-  static std::vector<std::string> Words(const std::string& line) {
-    std::istringstream stream(line);
-    return {std::istream_iterator<std::string>(stream), {}};
-  }
-
   /// One of the simulator's figures for a tap, as of now.
   int64_t Figure(const std::string& tap, const std::string& key) {
     const auto path = directory_ / "stats.json";
