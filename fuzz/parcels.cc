@@ -12,9 +12,9 @@
 #include "fuzz/check.h"
 #include "fuzz/service_world.h"
 #include "interface/host/marshal.h"
-#include "kvox/common/kvox_packet.h"
 #include "platform/linux/binder_object.h"
 #include "platform/linux/parcel.h"
+#include "tests/support/bytes.h"
 
 namespace kvox::fuzz {
 namespace {
@@ -128,17 +128,14 @@ void Deliver(FuzzedDataProvider& input, const DeviceNodes& nodes) {
     nodes.Deliver(device, std::as_bytes(std::span(noise)));
     return;
   }
-  KvoxPacketHeader header;
-  header.packet_num = input.ConsumeIntegral<uint8_t>();
-  header.payload_size = 960 * input.ConsumeIntegralInRange(0u, 4u);
-  header.format = {.sample_rate = 48000,
-                   .channels = input.ConsumeIntegralInRange<uint8_t>(0, 3),
-                   .bytes_per_sample = input.ConsumeIntegralInRange<uint8_t>(1, 4),
-                   .data_format = input.ConsumeIntegralInRange<uint8_t>(0, 3),
-                   .noninterleaved_samples = input.ConsumeBool() ? 0u : 480u};
-  std::vector<std::byte> packet(kPacketHeaderSize + header.payload_size, std::byte{1});
-  std::memcpy(packet.data(), &header, sizeof header);
-  nodes.Deliver(device, packet);
+  const auto number = input.ConsumeIntegral<uint8_t>();
+  const uint32_t size = 960 * input.ConsumeIntegralInRange(0u, 4u);
+  const KvoxTapFormat format = {.sample_rate = 48000,
+                                .channels = input.ConsumeIntegralInRange<uint8_t>(0, 3),
+                                .bytes_per_sample = input.ConsumeIntegralInRange<uint8_t>(1, 4),
+                                .data_format = input.ConsumeIntegralInRange<uint8_t>(0, 3),
+                                .noninterleaved_samples = input.ConsumeBool() ? 0u : 480u};
+  nodes.Deliver(device, MakePacket(number, size, format));
 }
 
 void Step(FuzzedDataProvider& input, ServiceWorld& world, DeviceNodes& nodes) {

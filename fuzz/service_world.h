@@ -7,81 +7,46 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <memory>
 #include <span>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "buffer/device_io.h"
 #include "daemon/device_events.h"
 #include "fuzz/check.h"
 #include "kvox/common/log.h"
 #include "kvox/common/unique_fd.h"
-#include "service/kvox_service.h"
+#include "tests/support/service_surroundings.h"
 
 namespace kvox::fuzz {
 
 /// Honest as long as it has no noise: then it knows the tap points of the use cases. Else every
 /// status and every reply's contents are the next bytes of the noise, round and round.
-class NoisyCoprocessor : public CoprocessorLink {
+class NoisyCoprocessor : public FakeCoprocessor {
  public:
+  NoisyCoprocessor() { taps = UseCaseTaps(); }
   void SetNoise(std::string noise) {
     noise_ = std::move(noise);
     at_ = 0;
   }
-  bool wake_lock() const { return wake_lock_; }
 
   int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) override {
+    if (noise_.empty()) return FakeCoprocessor::SendKvoxCommand(opcode, record, size);
     const std::span<std::byte> reply(reinterpret_cast<std::byte*>(record), size);
-    if (!noise_.empty()) {
-      for (std::byte& byte : reply.subspan(sizeof(CMD_HDR))) byte = Next();
-      return Next() < std::byte{192} ? 0 : -1;
-    }
-    if (opcode == CMD_KVOX_TAP_LIST_ID) List(*reinterpret_cast<TapListRecord*>(record));
-    if (opcode == CMD_TAP_INFO_ID) Tell(reinterpret_cast<TapInfoRecord*>(record)->state);
-    return 0;
+    for (std::byte& byte : reply.subspan(sizeof(CMD_HDR))) byte = Next();
+    return Next() < std::byte{192} ? 0 : -1;
   }
-  void UpdateWakeLock(bool needed) override { wake_lock_ = needed; }
 
  private:
-  struct Tap {
-    uint8_t core;
-    FourCc name;
-    uint8_t index;
-  };
-  static constexpr Tap kTaps[] = {{2, MakeFourCc("imic"), 0},
-                                  {2, MakeFourCc("sspk"), 0},
-                                  {2, MakeFourCc("entr"), 5},
-                                  {4, MakeFourCc("vpdl"), 0},
-                                  {4, MakeFourCc("vpul"), 1}};
-
   std::byte Next() { return static_cast<std::byte>(noise_[at_++ % noise_.size()]); }
-
-  static void List(TapListRecord& record) {
-    size_t entry = 0;
-    for (const Tap& tap : kTaps) {
-      if (tap.core != record.core || record.page > 0) continue;
-      record.entries[entry].tap = tap.name;
-      record.entries[entry++].index = tap.index;
-    }
-  }
-  static void Tell(TapInfoState& state) {
-    state.sample_rate = 48000;
-    state.block_length = 480;
-    state.channels = state.tap == MakeFourCc("entr") ? 2 : 1;
-    state.bytes_per_sample = state.tap == MakeFourCc("entr") ? 4 : 2;
-  }
 
   std::string noise_;
   size_t at_ = 0;
-  bool wake_lock_ = false;
 };
 
 /// The co-processor's data devices. Any of them may go and come.
@@ -130,49 +95,13 @@ class DeviceNodes {
   std::array<UniqueFd, std::size(kNames)> ends_;
 };
 
-/// Begins to scan at once and pauses nowhere, its clock jumps; runs on the thread that calls Run.
-class PromptRecovery : public Recovery, public RecoveryPacer {
- public:
-  explicit PromptRecovery(Body body) : body_(std::move(body)) {}
-  void NoteArrival() override { arrived_ = true; }
-  void RequestStop() override {}
-  bool Pause(std::chrono::milliseconds) override { return true; }
-  bool stopping() const override { return false; }
-  void ScanBegins() override { arrived_ = false; }
-  RecoveryClock::time_point Now() const override { return now_; }
-  Wake WaitForArrivals(RecoveryClock::time_point until) override {
-    if (std::exchange(arrived_, false)) return Wake::kArrivals;
-    if (until == RecoveryClock::time_point::max()) return Wake::kStopping;
-    now_ = until;
-    return Wake::kTime;
-  }
-
-  void Run() { body_(*this); }
-
- private:
-  const Body body_;
-  RecoveryClock::time_point now_{};
-  bool arrived_ = false;
-};
-
 class ServiceWorld {
  public:
   explicit ServiceWorld(DeviceNodes& nodes) : nodes_(nodes) {
     for (size_t i = 0; i < std::size(DeviceNodes::kNames); ++i) nodes.Make(i);
     nodes.Drain();
-    PromptRecovery pacer([](RecoveryPacer&) {});
-    service_ = ndk::SharedRefBase::make<KvoxService>(
-        ServiceEnvironment{.link = link_,
-                           .io = SystemDeviceIo(),
-                           .io_log = SystemLog(),
-                           .device_directory = nodes.path(),
-                           .start_recovery =
-                               [this](Recovery::Body body) {
-                                 auto recovery = std::make_unique<PromptRecovery>(std::move(body));
-                                 recovery_ = recovery.get();
-                                 return recovery;
-                               }},
-        pacer);
+    ManualRecovery pacer([](RecoveryPacer&) {});
+    service_ = MakeService(link_, SystemDeviceIo(), SystemLog(), nodes.path(), pacer, recovery_);
   }
 
   NoisyCoprocessor& link() { return link_; }
@@ -197,7 +126,7 @@ class ServiceWorld {
  private:
   DeviceNodes& nodes_;
   NoisyCoprocessor link_;
-  PromptRecovery* recovery_ = nullptr;
+  ManualRecovery* recovery_ = nullptr;
   std::shared_ptr<KvoxService> service_;
 };
 

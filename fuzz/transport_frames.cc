@@ -5,9 +5,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <optional>
@@ -157,17 +155,11 @@ bool MakeRequests(FuzzedDataProvider& input, Wire& wire, Calls& calls) {
   const bool only_sound = input.ConsumeBool();
   uint64_t call = 0;
   while (input.remaining_bytes() > 0 && wire.size() < kMaxWire / 2) {
-    DraftFrame frame;
-    Wire bytes;
     const int kind = input.ConsumeIntegralInRange(0, 7);
-    if (kind == 0) {
-      frame.header.type = FrameType::kRootRequest;
-    } else {
-      FillRequest(input, kRootAddress, frame);
-    }
+    binder::Frame frame{.header = {.type = FrameType::kRootRequest}};
+    if (kind > 0) frame = AnyRequest(input, kRootAddress);
     if ((frame.header.flags & FLAG_ONEWAY) == 0) frame.header.call = ++call;
-    frame.Seal();
-    frame.Send(bytes);
+    Wire bytes = binder::Wire(frame);
     if (kind > 5 && !only_sound) {
       Spoil(input, bytes);
       sound = false;
@@ -213,25 +205,24 @@ void AttackService(FuzzedDataProvider& input, Mirror& mirror) {
 Wire MakeReplies(FuzzedDataProvider& input) {
   Wire wire;
   while (input.remaining_bytes() > 0 && wire.size() < kMaxWire) {
-    DraftFrame frame;
-    Wire bytes;
+    binder::Frame frame;
     const int kind = input.ConsumeIntegralInRange(0, 7);
     if (kind < 5) {
       frame.header.type = FrameType::kReply;
       frame.header.call = input.ConsumeIntegralInRange<uint64_t>(0, 2);
       if (input.ConsumeBool()) frame.header.code = input.ConsumeIntegral<uint32_t>();
-      if (input.ConsumeBool())
-        frame.AddReference(input.ConsumeIntegralInRange<uint64_t>(1, 3), "x.IX");
+      if (input.ConsumeBool()) {
+        binder::PutObject(&frame, input.ConsumeIntegralInRange<uint64_t>(1, 3), "x.IX");
+      }
     } else if (kind < 7) {
       frame.header.type = FrameType::kRelease;
       frame.header.address = input.ConsumeIntegralInRange<uint64_t>(0, 7);
       frame.header.call = input.ConsumeIntegralInRange<uint64_t>(0, 2);
     } else {
-      FillRequest(input, input.ConsumeIntegralInRange<uint64_t>(0, 5), frame);
+      frame = AnyRequest(input, input.ConsumeIntegralInRange<uint64_t>(0, 5));
       frame.header.call = 7;
     }
-    frame.Seal();
-    frame.Send(bytes);
+    Wire bytes = binder::Wire(frame);
     if (input.ConsumeIntegralInRange(0, 3) == 0) Spoil(input, bytes);
     Append(wire, bytes.data(), bytes.size());
   }
@@ -274,12 +265,7 @@ void ExpectWell(Mirror& mirror) {
   const Peer peer(sockets.ours.get());
   peer.SendGreeting();
   peer.ReceiveGreeting();
-  DraftFrame question;
-  Wire wire;
-  question.header.type = FrameType::kRootRequest;
-  question.header.call = 5;
-  question.Send(wire);
-  peer.Send(wire);
+  peer.Send(binder::Wire({.header = {.type = FrameType::kRootRequest, .call = 5}}));
   const auto answer = peer.ReceiveFrame();
   Check(answer && answer->type == FrameType::kReply && answer->call == 5,
         "a service answers others all the same");

@@ -12,7 +12,7 @@
 #include "buffer/wav_file.h"
 #include "fuzz/check.h"
 #include "kvox/common/channel_runs.h"
-#include "kvox/common/wav_header.h"
+#include "tests/buffer/recorded_file.h"
 
 namespace kvox::fuzz {
 namespace {
@@ -21,38 +21,12 @@ using Bytes = std::vector<std::byte>;
 
 constexpr size_t kMaxPayload = 4096;
 
-/// The file, and how its writes go.
-struct Disk {
-  FuzzedDataProvider& input;
-  Bytes bytes;
-  bool failed = false;
-};
-
-class DiskFile : public CaptureFile {
- public:
-  explicit DiskFile(Disk& disk) : disk_(disk) {}
-  ssize_t Write(std::span<const std::byte> bytes) override {
-    const int choice = disk_.input.ConsumeIntegralInRange(0, 40);
-    if (choice == 40) {
-      disk_.failed = true;
-      return disk_.input.ConsumeBool() ? -1 : 0;
-    }
-    const size_t size =
-        choice < 36 ? bytes.size() : disk_.input.ConsumeIntegralInRange<size_t>(1, bytes.size());
-    if (disk_.bytes.size() < at_ + size) disk_.bytes.resize(at_ + size);
-    std::copy_n(bytes.begin(), size, disk_.bytes.begin() + static_cast<ptrdiff_t>(at_));
-    at_ += size;
-    return static_cast<ssize_t>(size);
-  }
-  bool Rewind() override {
-    at_ = 0;
-    return true;
-  }
-
- private:
-  Disk& disk_;
-  size_t at_ = 0;
-};
+/// A disk that takes what it likes, and may fail.
+ssize_t AnyResult(FuzzedDataProvider& input, ssize_t asked) {
+  const int choice = input.ConsumeIntegralInRange(0, 40);
+  if (choice == 40) return input.ConsumeBool() ? -1 : 0;
+  return choice < 36 ? asked : input.ConsumeIntegralInRange<ssize_t>(1, asked);
+}
 
 /// Sample by sample, from the description alone. Answers how many bytes whole groups have.
 size_t NaiveInterleave(std::span<const std::byte> in, const ChannelRuns& runs,
@@ -141,38 +115,38 @@ class FileModel {
   uint64_t frames_ = 0;
 };
 
-void CheckHeader(const Bytes& file, const FileModel& model) {
-  WavHeader header;
-  Check(file.size() >= sizeof header, "a file has a header");
-  std::memcpy(&header, file.data(), sizeof header);
+/// tests/common/wav_header_test.cc holds the header's bytes.
+void CheckHeader(const std::string& file, const FileModel& model) {
   const KvoxTapFormat& format = model.format();
   const size_t frame = size_t{format.channels} * format.bytes_per_sample;
-  Check(std::memcmp(header.riff, "RIFF", 4) == 0 && std::memcmp(header.wave, "WAVEfmt ", 8) == 0 &&
-            std::memcmp(header.data, "data", 4) == 0 && header.fmt_size == 16,
-        "a header has its chunks");
-  Check(header.channels == format.channels && header.sample_rate == format.sample_rate &&
-            header.block_align == frame && header.bits_per_sample == format.bytes_per_sample * 8,
-        "a header has the packets' format");
-  Check(header.data_size == static_cast<uint32_t>(model.frames() * frame) &&
-            header.riff_size == header.data_size + 36,
-        "a header has the size of the whole frames");
-  Check(header.data_size <= model.samples().size(), "a header claims no more than there is");
+  constexpr WavFormat_t kFormats[] = {WavFormat_t::kPcm, WavFormat_t::kFloat, WavFormat_t::kMulaw};
+  Check(file.starts_with(HeaderOf(static_cast<int>(format.sample_rate), format.channels,
+                                  format.bytes_per_sample * 8, model.frames(),
+                                  kFormats[format.data_format])),
+        "a header has the packets' format and the size of the whole frames");
+  Check(model.frames() * frame <= model.samples().size(), "a header claims what there is");
 }
 
 void CheckFile(FuzzedDataProvider& input) {
-  Disk disk{input, {}};
-  WavFile file("tapout0", std::make_unique<DiskFile>(disk));
+  FileScript disk;
+  bool failed = false;
+  disk.decide = [&](ssize_t asked) {
+    const ssize_t result = AnyResult(input, asked);
+    failed |= result <= 0;
+    return result;
+  };
+  WavFile file("tapout0", std::make_unique<RecordedFile>(disk));
   std::optional<FileModel> model;
   bool ended = false;
   KvoxPacketHeader header;
   header.format = MakeFormat(input);
-  while (input.remaining_bytes() > 0 && !disk.failed) {
+  while (input.remaining_bytes() > 0 && !failed) {
     if (input.ConsumeIntegralInRange(0, 15) == 0) header.format = MakeFormat(input);
     const Bytes payload =
         MakePayload(input, 4 * input.ConsumeIntegralInRange<size_t>(0, kMaxPayload / 4));
     header.payload_size = static_cast<uint32_t>(payload.size());
     file.writeCaptureWav(header, payload);
-    if (disk.failed) break;
+    if (failed) break;
     if (!model && !ended && Usable(header.format)) model.emplace(header.format);
     const bool same =
         model && std::memcmp(&model->format(), &header.format, sizeof header.format) == 0;
@@ -180,19 +154,19 @@ void CheckFile(FuzzedDataProvider& input) {
     if (model && !same) ended = true;
     Check(file.on() == !ended, "a file ends with the stream's format");
   }
-  if (disk.failed) {
+  if (failed) {
     Check(!file.on(), "a write that fails ends the file");
     return;
   }
   Check(file.samples() == (model ? model->frames() : 0), "the frames in the file are counted");
   file.endCaptureWav();
   Check(!file.on(), "an ended file takes no more");
-  if (disk.failed) return;
-  Check(disk.bytes.empty() == !model.has_value(), "only a usable format begins a file");
+  if (failed) return;
+  Check(disk.text.empty() == !model.has_value(), "only a usable format begins a file");
   if (!model) return;
-  CheckHeader(disk.bytes, *model);
-  Check(std::equal(disk.bytes.begin() + sizeof(WavHeader), disk.bytes.end(),
-                   model->samples().begin(), model->samples().end()),
+  CheckHeader(disk.text, *model);
+  Check(std::ranges::equal(std::as_bytes(std::span(disk.text)).subspan(sizeof(WavHeader)),
+                           model->samples()),
         "the file has the samples as they passed");
 }
 
