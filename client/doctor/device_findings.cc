@@ -35,9 +35,6 @@ constexpr Wanted kInjects = {
     "injects",        "inject devices", kInjectPrefix, kWrite, true, "kvoxd can send no audio back",
     Verdict::kWarning};
 
-/// Sees what this user does not.
-constexpr char kAsRoot[] = "sudo -E kvoxctl doctor";
-
 /// Makes the co-processor appear, or tells why it does not.
 std::string BringNodes(const Facts& facts) {
   const std::string& directory = facts.devices.path;

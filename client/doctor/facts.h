@@ -40,7 +40,7 @@ struct ProcessFacts {
 };
 
 /// What the daemon answered.
-struct Answer {
+struct DaemonReply {
   int status = kTimedOut;  // kDone, or why there is no answer
   double round_trip_us = 0;
   int32_t version = 0;  // of its interface
@@ -69,7 +69,7 @@ struct Facts {
   std::optional<int64_t> rt_runtime_us{};  // what the kernel grants real-time threads, of a second
 
   std::optional<Place> place;  // none where a service manager knows the daemon
-  Answer answer;
+  DaemonReply answer;
   double waited_s = 0;      // the longest wait for it
   int32_t own_version = 0;  // of the client's interface
 

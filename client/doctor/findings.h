@@ -36,6 +36,9 @@ void JudgeDaemon(const Facts& facts, std::vector<Finding>& findings);
 void JudgeWakeLocks(const Facts& facts, std::vector<Finding>& findings);
 void JudgeCaptures(const Facts& facts, std::vector<Finding>& findings);
 
+/// Sees what this user does not.
+constexpr char kAsRoot[] = "sudo -E kvoxctl doctor";
+
 /// What is wrong with a path where something else is wanted: "is not there", "is a regular file".
 std::string WhatIsThere(const PathFacts& path);
 

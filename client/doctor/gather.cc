@@ -86,19 +86,19 @@ PathFacts LookAt(const std::string& path) {
 
 /// The nodes whose names go on with a number, by that number.
 std::vector<PathFacts> LookAtNodes(const std::string& directory, const std::string& prefix) {
-  std::vector<std::string> names;
+  std::vector<std::string> paths;
   std::error_code error;
   for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end;
        at.increment(error)) {
     const std::string name = at->path().filename();
     if (!name.starts_with(prefix) || name.size() == prefix.size()) continue;
-    if (name[prefix.size()] >= '0' && name[prefix.size()] <= '9') names.push_back(name);
+    if (name[prefix.size()] >= '0' && name[prefix.size()] <= '9') paths.push_back(at->path());
   }
-  std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+  std::sort(paths.begin(), paths.end(), [](const std::string& a, const std::string& b) {
     return std::make_pair(a.size(), a) < std::make_pair(b.size(), b);
   });
   std::vector<PathFacts> nodes;
-  for (const std::string& name : names) nodes.push_back(LookAt(directory + "/" + name));
+  for (const std::string& path : paths) nodes.push_back(LookAt(path));
   return nodes;
 }
 

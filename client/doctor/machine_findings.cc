@@ -33,8 +33,11 @@ void JudgeScheduling(const Facts& facts, std::vector<Finding>& findings) {
   const ProcessFacts& process = facts.running ? *facts.running : facts.own;
   const std::string pid = std::to_string(process.pid);
   if (of_others || !process.rtprio_limit) {
-    return report(Verdict::kWarning, "not known until kvoxd runs where its process can be seen",
-                  StartCommand(facts));
+    const bool hidden = facts.running || facts.answer.status == kNotAllowed;
+    return report(Verdict::kWarning,
+                  hidden ? "not known: kvoxd's process cannot be seen by " + UserOf(facts.me)
+                         : "not known before kvoxd runs",
+                  hidden ? kAsRoot : StartCommand(facts));
   }
   const std::string whose = facts.running ? "kvoxd (process " + pid + ")" : "a kvoxd started here";
   if (process.sys_nice) {

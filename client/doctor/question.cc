@@ -22,8 +22,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-Answer Ask() {
-  Answer answer{.status = kDone};
+DaemonReply Ask() {
+  DaemonReply answer{.status = kDone};
   try {
     Daemon daemon(kNoLimit);
     daemon.kvox();  // found before the clock runs
@@ -48,7 +48,7 @@ Answer Ask() {
   const auto seconds = std::chrono::ceil<std::chrono::seconds>(wait).count() + 1;
   signal(SIGALRM, SIG_DFL);
   alarm(static_cast<unsigned>(seconds));
-  const Answer answer = Ask();
+  const DaemonReply answer = Ask();
   std::ostringstream text;
   text << answer.status << ' ' << answer.round_trip_us << ' ' << answer.version << '\n'
        << answer.error;
@@ -73,8 +73,8 @@ std::optional<std::string> ReadToEnd(int in, Clock::time_point deadline) {
   }
 }
 
-Answer ReadAnswer(const std::string& text) {
-  Answer answer;
+DaemonReply ReadReply(const std::string& text) {
+  DaemonReply answer;
   std::istringstream stream(text);
   if (stream >> answer.status >> answer.round_trip_us >> answer.version) {
     stream.get();
@@ -87,7 +87,7 @@ Answer ReadAnswer(const std::string& text) {
 
 }  // namespace
 
-Answer AskDaemon(std::chrono::milliseconds wait) {
+DaemonReply AskDaemon(std::chrono::milliseconds wait) {
   const auto deadline = Clock::now() + wait;
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -107,7 +107,7 @@ Answer AskDaemon(std::chrono::milliseconds wait) {
   kill(child, SIGKILL);
   while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
   }
-  return text ? ReadAnswer(*text) : Answer{.status = kTimedOut};
+  return text ? ReadReply(*text) : DaemonReply{.status = kTimedOut};
 }
 
 }  // namespace kvox::client

@@ -10,6 +10,6 @@ namespace kvox::client {
 /// Looks for the daemon, pings it and asks for its interface's version, and gives up after `wait`.
 /// A child process does that, because a call that is never answered ends with its process only. To
 /// be called before any thread starts. Throws std::runtime_error when there is no child to be had.
-Answer AskDaemon(std::chrono::milliseconds wait);
+DaemonReply AskDaemon(std::chrono::milliseconds wait);
 
 }  // namespace kvox::client

@@ -101,7 +101,7 @@ std::string Awaken(const Facts& facts) {
 }
 
 void JudgeSilence(const Facts& facts, Report& report) {
-  const Answer& answer = facts.answer;
+  const DaemonReply& answer = facts.answer;
   if (facts.running && facts.running->state == 'T') {
     return report.Fail("its " + ProcessOf(facts) + " is stopped", Awaken(facts));
   }

@@ -13,7 +13,7 @@ namespace kvox::client {
 class Signals {
  public:
   /// Throws std::runtime_error.
-  explicit Signals(std::initializer_list<int> numbers);
+  Signals(std::initializer_list<int> numbers);
   ~Signals();
   Signals(const Signals&) = delete;
   Signals& operator=(const Signals&) = delete;

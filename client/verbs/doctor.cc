@@ -24,7 +24,7 @@ int64_t CountOf(Verdict verdict, const std::vector<Finding>& findings) {
                        [&](const Finding& finding) { return finding.verdict == verdict; });
 }
 
-Value RoundTrip(const Answer& answer) {
+Value RoundTrip(const DaemonReply& answer) {
   if (answer.status != kDone) return nullptr;
   return std::round(answer.round_trip_us * 10) / 10;
 }

@@ -98,6 +98,11 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatMendsIt) {
       {[](Facts& f) { f.running->rtprio_limit = 98; },
        "its limit of rtprio is 98: packets are late on a busy machine  fix: sudo prlimit "
        "--rtprio=99 --pid 12\n"},
+      {[](Facts& f) {
+         f.running.reset();
+         f.answer = {.status = kNotAllowed, .error = "x"};
+       },
+       "not known: kvoxd's process cannot be seen by user ann  fix: sudo -E kvoxctl doctor\n"},
       {[](Facts& f) { f.rt_runtime_us = 0; }, "fix: sudo sysctl kernel.sched_rt_runtime_us="},
       {[](Facts& f) { f.place->socket.path.resize(108, 'x'); },
        "has 108 bytes, 107 is the most  fix: export KVOX_RUNTIME_DIR=$(mktemp -d)\n"},

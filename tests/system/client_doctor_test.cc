@@ -70,6 +70,9 @@ TEST_F(ClientDoctorTest, FindsWhatIsBroken) {
   EXPECT_EQ(Told(findings["captures"]), "warning: is not there");
 
   daemon_->Signal(SIGSTOP);
+  int status = 0;
+  const auto stopped = [&] { return waitpid(daemon_->pid(), &status, WUNTRACED | WNOHANG) > 0; };
+  ASSERT_TRUE(WaitFor(stopped)) << "all its threads";
   findings = Doctor("--timeout 0.3");
   EXPECT_THAT(Told(findings["daemon"]), HasSubstr("is stopped"));
   EXPECT_EQ(findings["daemon"]["fix"], "kill -CONT " + std::to_string(daemon_->pid()));
