@@ -191,7 +191,7 @@ CommandLine ReadCommandLine(const Words& words, const std::string& version) {
   Words rest = program.app().remaining();
   const Verb* const verb = TakeVerb(rest, line.help);
   if (verb == nullptr) return line;
-  if (verb->raw) {
+  if (verb->manner == Manner::kRaw) {
     line.in.words[verb->arguments.front().name] = rest;
     if (!rest.empty() && AsksForHelp(rest.front())) {
       line.help = HelpOf(*verb);

@@ -73,7 +73,7 @@ std::string HelpOf(const Verb& verb) {
   }
   return std::string(verb.summary) + "\nUsage: kvoxctl " + UsageOf(verb) + "\n" +
          HelpSection("Arguments", arguments) + HelpSection("Options", RowsOf(verb.options)) +
-         (verb.raw ? "" : CommonSection()) +
+         (verb.manner == Manner::kRaw ? "" : CommonSection()) +
          (verb.notes == nullptr ? "" : std::string("\n") + verb.notes()) +
          ExitSection(ExitsOf(verb)) + "\nExample: kvoxctl " + verb.example + "\n";
 }

@@ -23,7 +23,7 @@ int Run(const std::vector<std::string>& words) {
     return kDone;
   }
   const Out out(line.format, line.color);
-  Daemon daemon(line.wait, line.verb->raw ? kNoDaemon : kTimedOut);
+  Daemon daemon(line.wait, line.verb->manner == Manner::kRaw ? kNoDaemon : kTimedOut);
   try {
     return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
   } catch (const Failure& failure) {

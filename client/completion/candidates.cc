@@ -42,7 +42,7 @@ class Walk {
     if (waiting_ != nullptr) return ValuesOf(*waiting_, "", word);
     if (Expects(word == "-" ? "--" : word)) return OptionsAt(word);
     if (verb_ == nullptr) return {.words = Verbs(), .typed = word};
-    if (verb_->raw && position_ > 0) return {};
+    if (verb_->manner == Manner::kRaw && position_ > 0) return {};
     const Argument* const argument = ArgumentHere();
     if (argument == nullptr) return {};
     return {.words = {argument->choices.begin(), argument->choices.end()},
@@ -53,7 +53,7 @@ class Walk {
  private:
   /// Whether the word is an option here.
   bool Expects(const std::string& word) const {
-    return IsOption(word) && !options_ended_ && (verb_ == nullptr || !verb_->raw);
+    return IsOption(word) && !options_ended_ && (verb_ == nullptr || verb_->manner != Manner::kRaw);
   }
 
   std::vector<const Option*> Options() const {

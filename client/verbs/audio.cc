@@ -74,7 +74,7 @@ std::vector<Verb> AudioVerbs() {
        "record art0 downlink.wav",
        RunRecord,
        nullptr,
-       true},
+       Manner::kStreams},
       {"",
        "play",
        "Feed a relay from a sound file, to its end or until Ctrl-C",
@@ -84,7 +84,7 @@ std::vector<Verb> AudioVerbs() {
        "play art1 speech.wav",
        RunPlay,
        nullptr,
-       true},
+       Manner::kStreams},
   };
 }
 

@@ -55,8 +55,7 @@ std::vector<Verb> CallVerbs() {
        "call Connect pass 0 0",
        Call,
        MethodList,
-       false,
-       true},
+       Manner::kRaw},
   };
 }
 

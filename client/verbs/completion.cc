@@ -28,9 +28,7 @@ std::vector<Verb> CompletionVerbs() {
        "completion bash",
        Completion,
        Notes,
-       false,
-       false,
-       true},
+       Manner::kAlone},
   };
 }
 

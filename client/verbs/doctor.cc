@@ -70,9 +70,7 @@ std::vector<Verb> DoctorVerbs() {
        "doctor",
        Doctor,
        Notes,
-       false,
-       false,
-       true},
+       Manner::kChecks},
   };
 }
 

@@ -13,18 +13,19 @@ bool NamesObject(Kind kind) {
 }
 
 bool MayEndWith(const Verb& verb, int status) {
-  const bool always = status == kDone || status == kWrongUsage || status == kFailed;
-  if (verb.alone) return always;
-  if (verb.is_check) return always || status == kRefused;
   switch (status) {
+    case kRefused:
+      return verb.manner != Manner::kAlone;
+    case kNoDaemon:
+      return verb.manner != Manner::kAlone && verb.manner != Manner::kChecks;
     case kNoObject:
       return std::any_of(verb.arguments.begin(), verb.arguments.end(),
                          [](const Argument& argument) { return NamesObject(argument.kind); });
     case kNotAllowed:
     case kTimedOut:
-      return !verb.raw;
+      return verb.manner == Manner::kAsks || verb.manner == Manner::kStreams;
     case kGaps:
-      return verb.may_have_gaps;
+      return verb.manner == Manner::kStreams;
     default:
       return true;
   }
@@ -114,7 +115,7 @@ std::vector<ExitRow> ExitsOf(const Verb& verb) {
   std::vector<ExitRow> exits;
   for (const ExitRow& row : AllExits()) {
     if (!MayEndWith(verb, row.status)) continue;
-    const bool tells = verb.is_check && row.status == kRefused;
+    const bool tells = verb.manner == Manner::kChecks && row.status == kRefused;
     exits.push_back(tells ? ExitRow{row.status, "something has failed"} : row);
   }
   return exits;

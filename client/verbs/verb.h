@@ -68,6 +68,15 @@ struct Context {
   Daemon& daemon;
 };
 
+/// What a verb's run is like; how it may end follows from that.
+enum class Manner {
+  kAsks,     // calls the daemon
+  kStreams,  // carries audio, and may end with kGaps
+  kRaw,      // takes all words behind it as they are, options too
+  kChecks,   // its status tells what it has found, whatever the daemon does
+  kAlone,    // needs no daemon
+};
+
 struct Verb {
   const char* noun;  // "processor"; "" for a verb of one word
   const char* name;  // "list"
@@ -78,10 +87,7 @@ struct Verb {
   /// Does the work, and answers the exit status. Throws Failure and UsageError.
   int (*run)(const Context&);
   const char* (*notes)() = nullptr;  // for the help, where the above does not tell all
-  bool may_have_gaps = false;        // may end with kGaps
-  bool raw = false;                  // takes all words behind it as they are, options too
-  bool alone = false;                // needs no daemon
-  bool is_check = false;             // the status tells what it has found, whatever the daemon does
+  Manner manner = Manner::kAsks;
 
   /// "processor new"
   std::string Words() const { return *noun == '\0' ? name : std::string(noun) + " " + name; }

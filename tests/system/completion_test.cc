@@ -91,7 +91,7 @@ TEST_F(CompletionTest, IsSilentWithoutADaemonAndNeverWaitsLong) {
 TEST_F(CompletionTest, WorksAtAPrompt) {
   StartBoth();
   const auto bin = std::filesystem::path(KVOXCTL_PROGRAM).parent_path().string();
-  std::ofstream(directory_ / "spoken words.toml");
+  std::ofstream(directory_ / "spoken words.toml") << std::flush;
   std::ofstream(directory_ / "rc")
       << "PATH=" << bin << ":$PATH; source " << directory_ / "script"
       << "; unset HISTFILE; cd " << directory_.path() << "; PS1='at'your' service> '";
