@@ -45,14 +45,17 @@ Fields FieldsOf(const std::string& name, const IKvox::ProcessorStats& stats) {
 template <typename Method, typename... T>
 int OnEach(const Context& context, const std::vector<ProcessorId>& ids, const char* name,
            Method method, const T&... more) {
+  std::vector<Fields> records;
   int worst = kDone;
   for (const ProcessorId& id : ids) {
     const auto result = context.daemon.Call(name, method, id.id, more...);
+    records.push_back({{"id", id.name}, {"status", static_cast<int64_t>(result.status)}});
     if (result.status == IKvox::CommandStatus::OK) continue;
     worst = kRefused;
     context.out.Message("statistics of " + id.name + ": the daemon answers " +
                         toString(result.status) + "; try again");
   }
+  context.out.List({}, "processors", records);
   return worst;
 }
 

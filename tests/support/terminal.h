@@ -27,6 +27,7 @@ class Terminal {
            const std::filesystem::path& output, winsize size = {30, 120, 0, 0})
       : err_(output.string() + ".err") {
     EXPECT_EQ(openpty(&user_, &terminal_, nullptr, nullptr, &size), 0);
+    modes_before_ = Modes();
     words.insert(words.begin(), program);
     int started[2];
     EXPECT_EQ(pipe(started), 0);
@@ -71,6 +72,9 @@ class Terminal {
   bool Shows(const std::string& text, size_t from = 0) {
     return WaitFor([&] { return Shown().find(text, from) != shown_.npos; });
   }
+
+  /// As the program found it.
+  const termios& modes_before() const { return modes_before_; }
 
   termios Modes() const {
     termios modes;
@@ -135,6 +139,7 @@ class Terminal {
   int terminal_ = -1;  // the program's
   pid_t shell_ = -1;
   pid_t pid_ = -1;
+  termios modes_before_ = {};
   std::string shown_;
 };
 

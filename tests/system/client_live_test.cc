@@ -26,7 +26,7 @@ class ClientLiveTest : public MachineTest {
   std::unique_ptr<Terminal> Top(const std::string& options = "") {
     auto terminal = std::make_unique<Terminal>(
         KVOXCTL_PROGRAM, Words("top --interval 0.1 " + options), directory_ / "top");
-    before_ = terminal->Modes();
+    before_ = terminal->modes_before();
     return terminal;
   }
 

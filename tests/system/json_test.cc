@@ -87,7 +87,8 @@ class JsonPageTest : public ClientMachineTest {
 constexpr char kLines[] = R"(
 wait daemon; wait buffer tapout0; wait tap imic.0; ping; doctor;
 processor types; processor new pass; wait processor pass; connect pass tapout0 inject0;
-processor enable pass; processor status pass; processor list; processor info pass; stats pass;
+processor enable pass; processor status pass; processor list; processor info pass;
+stats pass; stats --entries 9; stats --reset;
 param list; param get pass; param set pass BLOCK_LENGTH 480;
 tap connect genp.0 tapout0 inject0; tap block-length genp.0 480; tap jitter-buffer genp.0 480;
 tap gain genp.0 1; io start tapout0; tap enable genp.0; tap list; tap info genp.0; buffer list; graph;
