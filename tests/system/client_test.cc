@@ -80,6 +80,7 @@ TEST_F(ClientTest, WithoutADaemonItSaysWhereItLooked) {
 }
 
 TEST_F(ClientTest, OutputThatCannotBeWrittenIsReported) {
+  MakeNodes();
   StartDaemon();
   for (const char* line : {"--help >/dev/full", "call ListProcessors >/dev/full", "ping >&-",
                            "--json call Ping >&-"}) {
@@ -94,6 +95,7 @@ TEST_F(ClientTest, OutputThatCannotBeWrittenIsReported) {
 }
 
 TEST_F(ClientTest, ACallThatIsTooLargeSaysSo) {
+  MakeNodes();
   StartDaemon();
   std::vector<std::string> words(6, std::string(120'000, 'x'));
   words.insert(words.begin(), {"call", "Debug"});

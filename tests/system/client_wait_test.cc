@@ -48,6 +48,7 @@ TEST_F(ClientWaitTest, ASilentDaemonTakesNoLongerThanTheTimeout) {
 TEST_F(ClientWaitTest, ASocketOfSomebodyElseIsNoAbsentDaemon) {
   namespace fs = std::filesystem;
   if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+  MakeNodes();
   StartDaemon();
   fs::permissions(directory_.path(), fs::perms::others_exec, fs::perm_options::add);
   fs::permissions(directory_ / "run", fs::perms::others_exec, fs::perm_options::add);

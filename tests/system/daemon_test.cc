@@ -99,6 +99,7 @@ TEST_F(DaemonTest, AnswersWithoutAnyDevice) {
 
 TEST_F(DaemonTest, LogsWhatTheEnvironmentAsksFor) {
   setenv("ANDROID_LOG_TAGS", "*:w", 1);
+  MakeNodes();
   StartDaemon();
   Run(Words("call TapInfo 2 imic 0"));
   EXPECT_TRUE(DaemonLogs("CMD_TAP_INFO_ID failed"));

@@ -66,6 +66,7 @@ class HostileTest : public MachineTest {
 
   /// A daemon without a co-processor, and a client of it.
   void StartWithClient() {
+    if (simulator_ == nullptr) MakeNodes();
     StartDaemon();
     polite_ = IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_waitForService(KvoxDescriptor())));
     ASSERT_NE(polite_, nullptr);
@@ -210,6 +211,7 @@ class AccessTest : public HostileTest {
   void SetUp() override {
     if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
     HostileTest::SetUp();
+    MakeNodes();
   }
   /// 0 or the errno of a connection as another user with only that group.
   int Connect(int group) {

@@ -50,6 +50,12 @@ class MachineTest : public ::testing::Test {
     EXPECT_EQ(simulator_->Wait(), 0) << simulator_->Err();
     simulator_.reset();
   }
+  /// Something for a daemon to find: without devices it looks for seconds before it serves.
+  void MakeNodes() {
+    for (const char* name : {"tapout0", "inject0"}) {
+      directory_.MakeFifo(std::string("dev/xdv-kvox_") + name);
+    }
+  }
   void StartDaemon() {
     daemon_ =
         std::make_unique<Process>(KVOXD_PROGRAM, std::vector<std::string>(), directory_ / "kvoxd");
