@@ -69,7 +69,7 @@ void NoteUseCase(UseCase use_case, bool enable, Model& model) {
 
 bool Asker::Insist(const char* name, Accept accept, const std::function<Answer()>& ask,
                    const Note& note) {
-  while (!shared_.stopping) {
+  while (!shared_.stopping && !shared_.findings.any()) {
     const Moment asked = Now();
     const Phase phase = PhaseClock::PhaseOf(asked.mark);
     const Answer answer = ask();
@@ -108,9 +108,11 @@ Answer Asker::Look(const char* name, const std::function<Answer()>& ask) {
 
 void Asker::JudgeRefusal(const char* name, const Moment& asked, const Answer& answer) {
   const Moment now = Now();
-  if (PhaseClock::PhaseOf(asked.mark) != Phase::kCalm || now.mark != asked.mark) {
+  if (!answer.delivered) {
+    shared_.findings.Add("{}: {} got no answer: {}", name_, name, answer.Text());
+  } else if (PhaseClock::PhaseOf(asked.mark) != Phase::kCalm || now.mark != asked.mark) {
     ++shared_.refused;
-  } else if (answer.delivered && now.lost - asked.lost >= kStarved) {
+  } else if (now.lost - asked.lost >= kStarved) {
     ++shared_.starved;
   } else {
     shared_.findings.Add("{}: {} was refused though nothing is disturbed: {}", name_, name,

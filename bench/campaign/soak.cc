@@ -47,7 +47,7 @@ class SoakRun {
   bool Row();
   bool RestartAndSettle();
   bool EndCalm();
-  void JudgeLosses(const LossReport& report);
+  void JudgeLosses(const LossReport& report, unsigned stalls);
   Moment Now();
   Ms Elapsed() const { return std::chrono::duration_cast<Ms>(Clock::now() - begin_); }
 
@@ -57,10 +57,11 @@ class SoakRun {
   Clock::time_point begin_;
   Moment calm_since_;
   SimStatus earlier_;  // as counted when the last row was taken, or when the calm began
+  unsigned earlier_stalls_ = 0;
   Ms calm_from_{};
-  uint64_t lost_ = 0;              // since then
-  unsigned stalls_at_row_ = 0;     // when the last row was taken
-  unsigned stalls_before_it_ = 0;  // and the one before
+  uint64_t lost_ = 0;           // since the calm began
+  unsigned judged_stalls_ = 0;  // until what was judged last
+  unsigned stalls_before_ = 0;  // and until what was judged before that
   ResourceTrend trend_;
   // Sums over the stretches without a fault that have ended.
   uint64_t timing_ = 0;
@@ -90,15 +91,17 @@ bool SoakRun::Begin() {
 /// One restart, and the time until all that it cost has been booked.
 bool SoakRun::RestartAndSettle() {
   const SimStatus before = stage_.sim().Status();
+  const unsigned stalls = judged_stalls_;
   const auto recovery = stage_.Restart("restart gap=0.2");
   if (!recovery || !stage_.Run(kBooked) || !stage_.Halt(Stand::kAtReference)) return false;
   calm_since_ = Now();
   earlier_ = calm_since_.sim;
+  earlier_stalls_ = stage_.load().Stalls();
   calm_from_ = Elapsed();
   lost_ = 0;
   const uint64_t lost = MissingBetween(before, calm_since_.sim);
   const uint64_t bound = kLostInRestart * Streams().size();
-  if (lost > bound && stage_.load().Stalls() == stalls_at_row_) {
+  if (lost > bound && earlier_stalls_ == stalls) {
     stage_.findings().Add("a restart cost {} packets; {} may be under way", lost, bound);
   }
   ++restarts_;
@@ -114,8 +117,9 @@ bool SoakRun::Row() {
   if (!stage_.CheckGraph()) return false;
   const Moment now = Now();
   const LossReport report = LossesBetween(calm_since_, now);
-  JudgeLosses(LossesBetween(calm_since_, {earlier_, now.log}));
+  JudgeLosses(LossesBetween(calm_since_, {earlier_, now.log}), earlier_stalls_);
   earlier_ = now.sim;
+  earlier_stalls_ = stage_.load().Stalls();
   const Resources resources = stage_.machine().DaemonResources();
   const double seconds = static_cast<double>(Elapsed().count()) / 1000;
   const double calm_s = seconds - static_cast<double>(calm_from_.count()) / 1000;
@@ -130,11 +134,11 @@ bool SoakRun::Row() {
 }
 
 /// The daemon's log tells of slow clients up to a second later, so what was counted is held against
-/// a log that is newer. A machine that had no processor for us in this row or in the one before may
-/// have kept the simulator from what came back: it books a packet as missing after two seconds.
-void SoakRun::JudgeLosses(const LossReport& report) {
-  const unsigned stalls = stage_.load().Stalls();
-  if (report.lost > lost_ && stalls == stalls_before_it_) {
+/// a log that is newer. A machine that had no processor for us in the judged row or in the one
+/// before may have kept the simulator from what came back: it books a packet as missing after two
+/// seconds. `stalls` are those until the judged row was taken.
+void SoakRun::JudgeLosses(const LossReport& report, unsigned stalls) {
+  if (report.lost > lost_ && stalls == stalls_before_) {
     for (const std::string& stream : report.streams) {
       stage_.findings().Add("packets were lost without a fault: {}", stream);
     }
@@ -142,17 +146,18 @@ void SoakRun::JudgeLosses(const LossReport& report) {
     lost_in_stalls_ += report.lost - lost_;
   }
   lost_ = std::max(lost_, report.lost);
-  stalls_before_it_ = std::exchange(stalls_at_row_, stalls);
+  stalls_before_ = std::exchange(judged_stalls_, stalls);
 }
 
 /// The stretch without a fault ends now.
 bool SoakRun::EndCalm() {
   if (!stage_.Halt(Stand::kAtReference)) return false;
   const SimStatus end = Now().sim;
+  const unsigned stalls = stage_.load().Stalls();
   stage_.Resume();
   if (!stage_.Run(kBooked)) return false;
   const LossReport report = LossesBetween(calm_since_, {end, stage_.machine().ledger()});
-  JudgeLosses(report);
+  JudgeLosses(report, stalls);
   timing_ += report.timing;
   slow_ += report.slow_clients;
   passed_ += report.passed;
