@@ -153,6 +153,12 @@ TEST_F(TapReaderTest, ReportsEveryTwoSecondsOfPackets) {
   EXPECT_EQ(log_.Count("I tapout0: wav file capture is ENABLED, 77 samples"), 2u);
 }
 
+TEST_F(TapReaderTest, SaysThatItWaitsAtOnceAndThenEveryTwentyTimes) {
+  for (int i = 0; i < 42; ++i) device_.StayQuiet();
+  Run();
+  EXPECT_EQ(log_.Count("I tapout0 waiting for KVO RX\n"), 3u);
+}
+
 TEST_F(TapReaderTest, TransientReadErrorsCostTenMillisecondsEach) {
   RouteToPassthrough();
   device_.Deliver(MakePacket(1, kTenMs, kFormat));

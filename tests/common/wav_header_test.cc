@@ -19,5 +19,17 @@ TEST(WavHeader, IsTheCanonicalFortyFourBytes) {
             "\0\xee\2\0\4\0\x10\0data\0\x4b\0\0"sv);  // 192000 bytes a second, 4 a frame, 16 bits
 }
 
+TEST(WavHeader, KeepsTheLowHalfOfSizesThatDoNotFit) {
+  WavHeader header;
+  InitHeaderWAV(&header, 192000, 255, 64, 0xFFFFFFFF, WavFormat_t::kMulaw);
+  EXPECT_EQ(header.data_size, static_cast<uint32_t>(0xFFFFFFFFull * 255 * 8));
+  EXPECT_EQ(header.riff_size, header.data_size + 36);
+  // 3133440000 bits a second are negative as a signed 32-bit number.
+  EXPECT_EQ(header.byte_rate, static_cast<uint32_t>((3133440000 - 4294967296) / 8));
+  EXPECT_EQ(static_cast<int>(header.format), 7);
+  InitHeaderWAV(&header, 48000, 1, 32, 1, WavFormat_t::kFloat);
+  EXPECT_EQ(static_cast<int>(header.format), 3);
+}
+
 }  // namespace
 }  // namespace kvox

@@ -66,6 +66,14 @@ TEST_F(ProcessorStatsTest, LongPausesAreNotPeriods) {
   EXPECT_EQ(average_, 0) << "a reset forgets when the last block began";
 }
 
+TEST_F(ProcessorStatsTest, AverageRestartsAfterTenThousandPeriods) {
+  Block(10, 0);
+  for (int i = 0; i < 9999; ++i) Block(10, 0);
+  for (int i = 0; i < 3; ++i) Block(50, 0);
+  Read();
+  EXPECT_FLOAT_EQ(average_, 50) << "the ten thousandth is the first of the next average";
+}
+
 TEST_F(ProcessorStatsTest, ReportsHealthOnceASecond) {
   const struct {
     double active;

@@ -61,6 +61,14 @@ TEST_F(ConnectionCommands, RefusalsLeaveWhatWasDoneBefore) {
   EXPECT_THAT(ProcessorRows(), HasSubstr("\n  aaaa      pass      -         -         0"));
 }
 
+TEST_F(ConnectionCommands, ConnectTapNamesBothKindsOfMissingBuffersAlike) {
+  EXPECT_EQ(Call(&KvoxService::ConnectTap, 2, Code("imic"), 0, 5, 0).lines[1],
+            "Tap out buffer 5 not found");
+  EXPECT_EQ(Call(&KvoxService::ConnectTap, 2, Code("imic"), 0, 0, 7).lines[1],
+            "Tap out buffer 7 not found");
+  EXPECT_TRUE(link_.opcodes.empty());
+}
+
 TEST_F(ConnectionCommands, ConnectTapTellsTheBufferTheTapsFormat) {
   link_.taps = {{.tap = MakeFourCc("imic"),
                  .core = 2,

@@ -34,6 +34,9 @@ class ScriptedDevice : public DeviceIo {
     });
   }
   void HangUp() { Deliver({}); }
+  void StayQuiet() {
+    steps_.push_back([] { return Ready::kTimeout; });
+  }
   void Do(std::function<void()> action) {
     steps_.push_back([action] {
       action();
