@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Usage: ./dev faults [--quick] [--seed N] [--count N] [--only KIND] [--preset PRESET]
+# Usage: ./dev faults [--quick] [--seed N] [--count N] [--only KIND] [--endurance]
+#                     [--preset PRESET]
 #
 # Injects faults into a simulated co-processor while audio flows through kvoxd and clients give it
 # commands all the while; after each the daemon has to be as if nothing had been. docs/reliability.md
@@ -10,6 +11,7 @@
 #   --seed N         what happens follows from it; random when not given
 #   --count N        how many faults (100)
 #   --only KIND      one kind of faults
+#   --endurance      10,000 flaps and 300 restarts instead, and what they cost in the long run
 #   --preset PRESET  the build: release, dev, asan or tsan
 #
 # Needs neither root nor devices; as root the simulator runs at real-time priority.
