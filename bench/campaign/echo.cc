@@ -2,6 +2,7 @@
 
 #include <android/binder_process.h>
 
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -18,6 +19,8 @@ class Echoes::Client : public IKvox::BnReceiveAudioCallback {
   explicit Client(Echoes& echoes) : echoes_(echoes) {}
 
   ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override {
+    const std::lock_guard lock(mutex_);
+    if (has_left_) return ndk::ScopedAStatus::ok();
     IKvox::CommandResult result;
     ++echoes_.blocks_;
     const bool sent = echoes_.kvox_->SendAudio(packet.processor_id, packet, &result).isOk();
@@ -25,13 +28,25 @@ class Echoes::Client : public IKvox::BnReceiveAudioCallback {
     return ndk::ScopedAStatus::ok();
   }
 
+  /// The daemon may keep this longer than there is somebody to work for.
+  void Leave() {
+    const std::lock_guard lock(mutex_);
+    has_left_ = true;
+  }
+
  private:
-  Echoes& echoes_;
+  std::mutex mutex_;
+  bool has_left_ = false;
+  Echoes& echoes_;  // until it has left
 };
 
 Echoes::Echoes(std::shared_ptr<IKvox> kvox) : kvox_(std::move(kvox)) {
   ABinderProcess_setThreadPoolMaxThreadCount(kThreads);
   ABinderProcess_startThreadPool();
+}
+
+Echoes::~Echoes() {
+  for (const auto& client : clients_) client->Leave();
 }
 
 void Echoes::Register(FourCc relay) {

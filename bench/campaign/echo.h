@@ -17,6 +17,11 @@ class Echoes {
   /// Starts the threads that serve this process's callbacks, if there are none yet.
   explicit Echoes(std::shared_ptr<IKvox> kvox);
 
+  /// Blocks may go on coming; they are no longer sent back.
+  ~Echoes();
+  Echoes(const Echoes&) = delete;
+  Echoes& operator=(const Echoes&) = delete;
+
   /// Registers a client with a relay. Throws std::runtime_error when the daemon refuses.
   void Register(FourCc relay);
 
