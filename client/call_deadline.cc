@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "client/held_signals.h"
+
 namespace kvox::client {
 namespace {
 
@@ -37,6 +39,7 @@ CallDeadline::CallDeadline(const char* method, int exit_status, std::chrono::mil
   message_size = std::min(static_cast<size_t>(size), sizeof message - 1);
   status_at_end = exit_status;
   signal(SIGALRM, OnExpired);
+  LetAlarmThrough();
   StartTimer(wait);
 }
 

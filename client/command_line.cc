@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <string_view>
 
 #include "client/arguments.h"
@@ -20,7 +21,7 @@ struct Common {
   bool json = false;
   bool short_form = false;
   std::string color = "auto";
-  std::string timeout_s;
+  std::optional<std::string> timeout_s;
 };
 
 /// A verb's or the program's parser. Its words are given last first, as CLI11 wants them.
@@ -62,9 +63,23 @@ void AddOptions(CLI::App& app, const Verb& verb, Input& in) {
   }
 }
 
+/// "" is no value: what an option means when it is absent is not what was asked for.
+void RefuseEmpty(const Verb& verb, const Input& in) {
+  for (const Option& option : verb.options) {
+    const Words& words = in.All(option.name);
+    if (option.value == nullptr || std::count(words.begin(), words.end(), "") == 0) continue;
+    throw UsageError(std::string(option.name) +
+                     ": an empty word is no value; leave the option out");
+  }
+}
+
 /// Gives each argument its words.
 void Distribute(const Words& words, const Verb& verb, Input& in) {
   const std::string hint = "; 'kvoxctl " + verb.Words() + " --help' shows what it takes";
+  if (std::count(words.begin(), words.end(), "") > 0) {
+    throw UsageError("an empty word names nothing; leave it out, or see what became of a variable" +
+                     hint);
+  }
   auto word = words.begin();
   for (const Argument& argument : verb.arguments) {
     const bool all = argument.arity == Arity::kAnyNumber;
@@ -104,7 +119,6 @@ Color ReadColor(const std::string& word) {
 }
 
 std::chrono::milliseconds ReadTimeout(const std::string& word) {
-  if (word.empty()) return kLongestWait;
   const auto seconds = ParseFloat(word);
   if (!seconds || !(*seconds >= 0.001f && *seconds <= 86400)) {
     throw UsageError("--timeout: '" + ValidUtf8(word) + "' is not a number from 0.001 to 86400");
@@ -116,8 +130,8 @@ void Take(const Common& common, CommandLine& line) {
   if (common.json) line.format = Format::kJson;
   if (common.short_form) line.format = Format::kShort;
   line.color = ReadColor(common.color);
-  line.wait = ReadTimeout(common.timeout_s);
-  if (!common.timeout_s.empty()) line.in.words["--timeout"] = {common.timeout_s};
+  line.wait = common.timeout_s ? ReadTimeout(*common.timeout_s) : kLongestWait;
+  if (common.timeout_s) line.in.words["--timeout"] = {*common.timeout_s};
 }
 
 const Noun* FindNoun(const std::string& word) {
@@ -207,6 +221,7 @@ CommandLine ReadCommandLine(const Words& words, const std::string& version) {
       line.help = HelpOf(*verb);
       return line;
     }
+    RefuseEmpty(*verb, line.in);
     Distribute(given, *verb, line.in);
     CheckChoices(*verb, line.in);
   }

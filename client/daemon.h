@@ -42,10 +42,9 @@ class Daemon {
   /// in time. Throws Failure when the connection breaks.
   template <typename Function>
   void Run(const char* method, Function call) {
-    IKvox& daemon = *kvox();
     std::optional<CallDeadline> deadline;
     if (wait_ != kNoLimit) deadline.emplace(method, status_at_timeout_, wait_);
-    Check(method, call(daemon));
+    Check(method, call(*kvox()));
   }
 
   /// Calls a method whose answer is a CommandResult alone, whatever its status.

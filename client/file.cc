@@ -43,7 +43,7 @@ std::vector<uint8_t> ReadFile(const std::string& path, size_t limit) {
   }
   if (have > limit) {
     throw UsageError("FILE: '" + path + "' is larger than the " + std::to_string(limit) +
-                     " bytes that one call can carry");
+                     " bytes that are read of one");
   }
   data.resize(have);
   return data;

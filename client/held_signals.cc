@@ -21,4 +21,11 @@ sigset_t HoldSignals(std::initializer_list<int> numbers) {
   return held;
 }
 
+void LetAlarmThrough() {
+  sigset_t alarm;
+  sigemptyset(&alarm);
+  sigaddset(&alarm, SIGALRM);
+  pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+}
+
 }  // namespace kvox::client

@@ -15,4 +15,7 @@ sigset_t NotIgnored(std::initializer_list<int> numbers);
 /// are.
 sigset_t HoldSignals(std::initializer_list<int> numbers);
 
+/// Lets the alarm through that ends waits: whoever started this process may have held it back.
+void LetAlarmThrough();
+
 }  // namespace kvox::client

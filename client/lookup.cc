@@ -85,7 +85,8 @@ ProcessorId LookUpProcessor(Daemon& daemon, const std::string& word) {
   if (FindProcessor(told.items, word) != nullptr) return {CodeOf(word), word};
   const auto code = ParseCode(word);
   const std::string name = code ? ToString(static_cast<FourCc>(*code)) : "";
-  if (FindProcessor(told.items, ValidUtf8(name)) != nullptr) return {*code, name};
+  const std::string shown = ValidUtf8(name.substr(0, name.find_last_not_of(' ') + 1));
+  if (FindProcessor(told.items, shown) != nullptr) return {*code, name};
   throw Failure(kNoObject,
                 NotFound("processor", word, NamesOf(told.items, [](const auto& p) { return p.id; }),
                          "'kvoxctl processor list' shows all"));

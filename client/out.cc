@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "client/harmless.h"
 #include "client/model/tables.h"
 #include "client/standard_streams.h"
 #include "kvox/common/fixed_text.h"
@@ -82,10 +83,6 @@ bool Wanted(Color color, int stream) {
   return (refused == nullptr || *refused == '\0') && isatty(stream) == 1;
 }
 
-bool IsHeader(const std::string& line) {
-  return line.starts_with("  Id  ");
-}
-
 }  // namespace
 
 std::string AsJson(const Fields& record) {
@@ -104,18 +101,24 @@ bool Out::colored() const {
   return Wanted(color_, STDOUT_FILENO);
 }
 
-void Out::Text(const std::vector<std::string>& lines) const {
+std::string Out::BoldHeader(const std::string& line) {
+  return line.starts_with("  Id  ") ? "\x1b[1m" + line + "\x1b[0m" : line;
+}
+
+void Out::Text(const std::vector<std::string>& lines, Paint paint) const {
   std::string text;
-  const bool bold = colored();
-  for (const std::string& line : SplitLines(lines)) {
-    text += bold && IsHeader(line) ? "\x1b[1m" + line + "\x1b[0m\n" : line + "\n";
+  const bool painted = colored();
+  for (const std::string& told : SplitLines(lines)) {
+    const std::string line = Harmless(told);
+    text += (painted ? paint(line) : line) + "\n";
   }
   PrintOut(text);
 }
 
 void Out::List(const std::vector<std::string>& lines, const char* key,
-               const std::vector<Fields>& records, int unread, const Fields& head) const {
-  if (format_ == Format::kText) return Text(lines);
+               const std::vector<Fields>& records, int unread, const Fields& head,
+               Paint paint) const {
+  if (format_ == Format::kText) return Text(lines, paint);
   if (unread > 0) {
     Message(
         fmt::format("{} row(s) of the daemon's answer cannot be read and are left out; without "
@@ -151,7 +154,7 @@ void Out::One(const std::vector<std::string>& lines, const Fields& record) const
 void Out::Message(const std::string& text) const {
   const bool red = Wanted(color_, STDERR_FILENO);
   fprintf(stderr, "%skvoxctl:%s %s\n", red ? "\x1b[31m" : "", red ? "\x1b[0m" : "",
-          ValidUtf8(text).c_str());
+          Harmless(ValidUtf8(text)).c_str());
 }
 
 }  // namespace kvox::client

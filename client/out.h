@@ -30,11 +30,16 @@ enum class Color { kAuto, kAlways, kNever };
 /// end. Main thread. Throws when standard output cannot be written.
 class Out {
  public:
+  /// Colours a line for people.
+  using Paint = std::string (*)(const std::string& line);
+
   Out(Format format, Color color) : format_(format), color_(color) {}
 
-  /// A list; in JSON under `key`, behind the fields of `head`.
+  /// A list; in JSON under `key`, behind the fields of `head`. Lines are painted where there is
+  /// colour, after they have been made harmless.
   void List(const std::vector<std::string>& lines, const char* key,
-            const std::vector<Fields>& records, int unread = 0, const Fields& head = {}) const;
+            const std::vector<Fields>& records, int unread = 0, const Fields& head = {},
+            Paint paint = BoldHeader) const;
 
   /// One object, whose fields stand in the JSON document itself.
   void One(const std::vector<std::string>& lines, const Fields& record) const;
@@ -48,7 +53,8 @@ class Out {
   bool colored() const;
 
  private:
-  void Text(const std::vector<std::string>& lines) const;
+  static std::string BoldHeader(const std::string& line);
+  void Text(const std::vector<std::string>& lines, Paint paint = BoldHeader) const;
 
   const Format format_;
   const Color color_;

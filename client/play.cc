@@ -120,7 +120,8 @@ class Player {
 
 StayEnd Play(const std::shared_ptr<IKvox>& kvox, SoundReader file, const PlayOptions& options) {
   const auto player = std::make_shared<Player>(kvox, std::move(file), options);
-  RelaySession session(kvox, options.processor, options.name, "playing to " + options.name);
+  RelaySession session(kvox, options.processor, options.name, "playing to " + options.name,
+                       options.wait);
   StayEnd end = session.Stay([player](const IKvox::AudioPacket& packet) { player->Turn(packet); },
                              [player] { return player->ReadAhead(); });
   if (player->refused()) {

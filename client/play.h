@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "client/call_deadline.h"
 #include "client/relay_session.h"
 
 namespace kvox::client {
@@ -11,6 +12,7 @@ struct PlayOptions {
   int32_t processor = 0;
   std::string name;  // of the processor, as it was typed
   bool json = false;
+  std::chrono::milliseconds wait = kLongestWait;  // for an answer of the daemon
 };
 
 /// To the file's end, or until interrupted. Prints how much was played and how many blocks were

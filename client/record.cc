@@ -73,7 +73,8 @@ StayEnd Record(const std::shared_ptr<IKvox>& kvox, const RecordOptions& options)
   // is closed however the stay ends.
   const auto queue = std::make_shared<BlockQueue>();
   Recorder recorder(*queue, options);
-  RelaySession session(kvox, options.processor, options.name, "recording from " + options.name);
+  RelaySession session(kvox, options.processor, options.name, "recording from " + options.name,
+                       options.wait);
   StayEnd end =
       session.Stay([queue](const IKvox::AudioPacket& packet) { queue->Push(packet, NowNs()); },
                    [&recorder] { return recorder.Write(); });

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "client/call_deadline.h"
 #include "client/relay_session.h"
 
 namespace kvox::client {
@@ -13,6 +14,7 @@ struct RecordOptions {
   std::string path;
   double seconds = 0;  // of audio; 0 for no limit
   bool json = false;
+  std::chrono::milliseconds wait = kLongestWait;  // for an answer of the daemon
 };
 
 /// Until interrupted. The file is written by this thread, so that a slow disk delays no block; what

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <initializer_list>
 #include <utility>
@@ -23,6 +24,9 @@ constexpr int64_t kHintAfterNs = 3 * kNsPerSecond;
 constexpr int64_t kPatienceNs = 30 * kNsPerSecond;  // for audio that has not begun
 constexpr int64_t kSilenceNs = 5 * kNsPerSecond;    // after which audio has ended
 constexpr int64_t kProgressNs = kNsPerSecond / 5;
+
+/// For a daemon that may have stopped: interrupts are held while it is told that we leave.
+constexpr std::chrono::milliseconds kPatienceAtEnd{2000};
 
 constexpr std::initializer_list<int> kInterrupts = {SIGINT, SIGTERM, SIGHUP};
 
@@ -65,19 +69,21 @@ class RelaySession::Callback : public IKvox::BnReceiveAudioCallback {
 };
 
 RelaySession::RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name,
-                           std::string doing)
+                           std::string doing, std::chrono::milliseconds wait)
     : kvox_(std::move(kvox)),
       processor_(processor),
       name_(std::move(name)),
-      doing_(std::move(doing)) {}
+      doing_(std::move(doing)),
+      wait_(wait) {}
 
 void RelaySession::HoldInterrupts() {
   HoldSignals(kInterrupts);
 }
 
 bool RelaySession::Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
-                            IKvox::CommandResult& result) {
-  const CallDeadline deadline("RegisterReceiveAudioCallback", static_cast<int>(StayEnd::kTimedOut));
+                            std::chrono::milliseconds wait, IKvox::CommandResult& result) {
+  const CallDeadline deadline("RegisterReceiveAudioCallback", static_cast<int>(StayEnd::kTimedOut),
+                              wait);
   return kvox_->RegisterReceiveAudioCallback(processor_, callback, &result).isOk();
 }
 
@@ -86,7 +92,7 @@ StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
   ABinderProcess_setThreadPoolMaxThreadCount(1);
   ABinderProcess_startThreadPool();
   IKvox::CommandResult result;
-  if (!Register(callback, result)) return StayEnd::kNoDaemon;
+  if (!Register(callback, wait_, result)) return StayEnd::kNoDaemon;
   if (result.status != IKvox::CommandStatus::OK) {
     fprintf(stderr, "kvoxctl: there is no processor %s; 'kvoxctl processor list' shows all\n",
             name_.c_str());
@@ -95,7 +101,7 @@ StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
   fprintf(stderr, "kvoxctl: %s; Ctrl-C ends it\n", doing_.c_str());
   const auto unregister = [&] {
     EndProgress();
-    Register(nullptr, result);
+    Register(nullptr, std::min(wait_, kPatienceAtEnd), result);
   };
   StayEnd end;
   try {

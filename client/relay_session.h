@@ -45,8 +45,10 @@ class RelaySession {
   /// Called on the main thread, several times a second. True when the work is done.
   using OnTurn = std::function<bool()>;
 
-  /// `doing` is said once registered: "recording from art0".
-  RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name, std::string doing);
+  /// `doing` is said once registered: "recording from art0". `wait` is the longest for the daemon's
+  /// answer to that.
+  RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name, std::string doing,
+               std::chrono::milliseconds wait);
 
   /// Keeps interrupts from ending the process at once. To be called before any thread starts. What
   /// the process was told to ignore, as nohup does, it goes on ignoring.
@@ -59,13 +61,14 @@ class RelaySession {
   class Callback;
 
   bool Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
-                IKvox::CommandResult& result);
+                std::chrono::milliseconds wait, IKvox::CommandResult& result);
   StayEnd Turns(const Callback& callback, const OnTurn& on_turn);
 
   const std::shared_ptr<IKvox> kvox_;
   const int32_t processor_;
   const std::string name_;
   const std::string doing_;
+  const std::chrono::milliseconds wait_;
 };
 
 /// How a stay went.

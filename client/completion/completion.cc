@@ -10,6 +10,7 @@
 
 #include "client/completion/candidates.h"
 #include "client/completion/names.h"
+#include "client/held_signals.h"
 #include "client/standard_streams.h"
 
 namespace kvox::client {
@@ -24,6 +25,7 @@ void OnExpired(int) {
 
 void EndSoon() {
   signal(SIGALRM, OnExpired);
+  LetAlarmThrough();
   itimerval timer{};
   timer.it_value.tv_usec = kLongestUs;
   setitimer(ITIMER_REAL, &timer, nullptr);

@@ -22,18 +22,29 @@ constexpr struct {
 } kTypes[] = {{S_IFREG, "a regular file"}, {S_IFDIR, "a directory"}, {S_IFCHR, "a device"},
               {S_IFBLK, "a block device"}, {S_IFIFO, "a FIFO"},      {S_IFSOCK, "a socket"}};
 
+std::string Column(const char* verdict) {
+  return FormatText<16>("%-9s", verdict);
+}
+
 }  // namespace
 
 const char* NameOf(Verdict verdict) {
   return kVerdicts[static_cast<size_t>(verdict)].name;
 }
 
-std::string LineOf(const Finding& finding, bool colored) {
-  const auto& row = kVerdicts[static_cast<size_t>(finding.verdict)];
-  std::string line = FormatText<16>("%-7s", row.name);
-  if (colored) line = row.color + line + "\x1b[0m";
-  line += "  " + finding.object + ": " + finding.cause;
+std::string LineOf(const Finding& finding) {
+  const std::string line = Column(NameOf(finding.verdict)) + finding.object + ": " + finding.cause;
   return finding.fix.empty() ? line : line + "  fix: " + finding.fix;
+}
+
+std::string Painted(const std::string& line) {
+  for (const auto& row : kVerdicts) {
+    const std::string column = Column(row.name);
+    if (line.starts_with(column)) {
+      return row.color + column + "\x1b[0m" + line.substr(column.size());
+    }
+  }
+  return line;
 }
 
 std::string WhatIsThere(const PathFacts& path) {

@@ -22,7 +22,10 @@ struct Finding {
 const char* NameOf(Verdict verdict);
 
 /// "failed   OBJECT: CAUSE  fix: COMMAND"
-std::string LineOf(const Finding& finding, bool colored);
+std::string LineOf(const Finding& finding);
+
+/// The same line with its verdict in colour.
+std::string Painted(const std::string& line);
 
 /// A finding for whatever was looked at. A failure keeps audio or clients away; a warning may cost
 /// something, or is nothing to a host without a co-processor.

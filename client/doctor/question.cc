@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 
 #include "client/daemon.h"
 #include "client/file.h"
+#include "client/held_signals.h"
 #include "kvox/common/unique_fd.h"
 
 namespace kvox::client {
@@ -46,7 +48,9 @@ DaemonReply Ask() {
 [[noreturn]] void AskAndTell(int out, std::chrono::milliseconds wait) {
   // Should the parent be gone by then, nobody else ends this.
   const auto seconds = std::chrono::ceil<std::chrono::seconds>(wait).count() + 1;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
   signal(SIGALRM, SIG_DFL);
+  LetAlarmThrough();
   alarm(static_cast<unsigned>(seconds));
   const DaemonReply answer = Ask();
   std::ostringstream text;

@@ -86,6 +86,9 @@ void JudgeSocket(const Facts& facts, std::vector<Finding>& findings) {
   report.Ok(RightsOf(socket));
 }
 
+/// Who waited for less has not seen that the daemon hangs.
+constexpr double kFairWait_s = 2;
+
 /// "process 12 of user kvox"; "" when it was not found.
 std::string ProcessOf(const Facts& facts) {
   if (!facts.running) return "";
@@ -106,7 +109,8 @@ void JudgeSilence(const Facts& facts, Report& report) {
     return report.Fail("its " + ProcessOf(facts) + " is stopped", Awaken(facts));
   }
   if (answer.status == kTimedOut) {
-    return report.Fail(FormatText<64>("no answer within %g s", facts.waited_s), Awaken(facts));
+    return report.Fail(FormatText<64>("no answer within %g s", facts.waited_s),
+                       facts.waited_s < kFairWait_s ? "kvoxctl doctor" : Awaken(facts));
   }
   // The error's own next step is for those who have no other.
   const std::string cause = answer.error.substr(0, answer.error.find("; "));

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -106,6 +107,10 @@ void Screen::Resize() {
 }
 
 void Screen::GiveBack() {
+  // Ctrl-S may have stopped it, and then the output would wait for Ctrl-Q. Only what was stopped by
+  // a program can be let go by one.
+  tcflow(STDOUT_FILENO, TCOOFF);
+  tcflow(STDOUT_FILENO, TCOON);
   curses_.endwin();
 }
 

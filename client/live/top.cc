@@ -164,9 +164,9 @@ int Top(const Context& context) {
   const Wish wish = ReadWish(context.in);
   const bool batch = context.in.Has("--batch") || context.out.format() != Format::kText;
   if (!batch) RequireTerminal();
-  const Signals signals =
-      batch ? Signals({SIGINT, SIGTERM, SIGHUP})
-            : Signals({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT, SIGWINCH});
+  const Signals signals = batch ? Signals({SIGINT, SIGTERM, SIGHUP})
+                                : Signals({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2,
+                                           SIGXCPU, SIGTSTP, SIGCONT, SIGWINCH});
   context.daemon.kvox();  // which has to be there at first
   const End end =
       batch ? InBatch(context, wish, signals) : FullScreen(context, wish, signals).Run();

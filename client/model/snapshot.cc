@@ -85,7 +85,7 @@ std::optional<bool> AskUseCase(Daemon& daemon, const std::string& name) {
 int32_t CodeOf(const std::string& name) {
   FourCc code = 0;
   for (size_t i = 0; i < 4; ++i) {
-    code = code << 8 | (i < name.size() ? static_cast<uint8_t>(name[i]) : 0u);
+    code = code << 8 | (i < name.size() ? static_cast<uint8_t>(name[i]) : uint8_t{' '});
   }
   return static_cast<int32_t>(code);
 }

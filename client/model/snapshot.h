@@ -32,7 +32,7 @@ Told<std::string> AskParameters(Daemon& daemon);
 std::optional<Settings> AskSettings(Daemon& daemon, const std::string& processor);
 std::optional<bool> AskUseCase(Daemon& daemon, const std::string& name);
 
-/// The code of a name as the daemon shows it: four bytes, the rest NUL.
+/// The code of a name as the daemon shows it, without the blanks at its end.
 int32_t CodeOf(const std::string& name);
 
 struct Snapshot {

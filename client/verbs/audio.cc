@@ -43,6 +43,7 @@ int RunRecord(const Context& context) {
   options.seconds = Seconds(context.in.Get("--seconds"));
   options.path = context.in.Get("FILE");
   options.json = context.out.json();
+  options.wait = context.daemon.wait();
   RelaySession::HoldInterrupts();
   const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
   options.processor = id.id;
@@ -53,12 +54,17 @@ int RunRecord(const Context& context) {
 int RunPlay(const Context& context) {
   PlayOptions options;
   options.json = context.out.json();
+  options.wait = context.daemon.wait();
   auto file = OpenToPlay(context.in.Get("FILE"));
   RelaySession::HoldInterrupts();
   const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
   options.processor = id.id;
   options.name = id.name;
   return StayAtDaemon([&] { return Play(context.daemon.kvox(), std::move(file), options); });
+}
+
+const char* Notes() {
+  return "A relay has one client: who comes later takes the audio over.\n";
 }
 
 }  // namespace
@@ -73,7 +79,7 @@ std::vector<Verb> AudioVerbs() {
        {{"--seconds", "SECONDS", Kind::kNumber, "End after so much audio"}},
        "record art0 downlink.wav",
        RunRecord,
-       nullptr,
+       Notes,
        Manner::kStreams},
       {"",
        "play",
@@ -83,7 +89,7 @@ std::vector<Verb> AudioVerbs() {
        {},
        "play art1 speech.wav",
        RunPlay,
-       nullptr,
+       Notes,
        Manner::kStreams},
   };
 }

@@ -5,7 +5,10 @@
 namespace kvox::client {
 namespace {
 
-int Completion(const Context&) {
+int Completion(const Context& context) {
+  if (context.out.format() != Format::kText) {
+    throw UsageError("completion: a script has no other form; leave out --json and --short");
+  }
   PrintOut(BashCompletion());
   return kDone;
 }

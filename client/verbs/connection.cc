@@ -25,6 +25,9 @@ int Disconnect(const Context& context) {
 
 int Graph(const Context& context) {
   if (context.in.Has("--dot")) {
+    if (context.out.format() != Format::kText) {
+      throw UsageError("--dot: a picture has no other form; leave out --json and --short");
+    }
     PrintOut(GraphAsDot(ReadSnapshot(context.daemon)));
     return kDone;
   }

@@ -37,7 +37,7 @@ int Doctor(const Context& context) {
   std::vector<std::string> lines;
   std::vector<Fields> records;
   for (const Finding& finding : findings) {
-    lines.push_back(LineOf(finding, context.out.colored()));
+    lines.push_back(LineOf(finding));
     records.push_back(FieldsOf(finding));
   }
   const int64_t failed = CountOf(Verdict::kFailed, findings);
@@ -46,7 +46,8 @@ int Doctor(const Context& context) {
                                  static_cast<int>(warnings)));
   context.out.List(
       lines, "findings", records, 0,
-      {{"failed", failed}, {"warnings", warnings}, {"round_trip_us", RoundTrip(facts.answer)}});
+      {{"failed", failed}, {"warnings", warnings}, {"round_trip_us", RoundTrip(facts.answer)}},
+      Painted);
   return failed == 0 ? kDone : kRefused;
 }
 

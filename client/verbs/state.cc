@@ -123,7 +123,9 @@ std::vector<Verb> StateVerbs() {
          "Only show what differs, wanted and actual; exit status 1 when something does"},
         {"--keep", nullptr, Kind::kText, "Leave what the file does not name as it is"}},
        "apply --dry-run phone.toml",
-       ApplyFile},
+       ApplyFile,
+       nullptr,
+       Manner::kApplies},
   };
 }
 

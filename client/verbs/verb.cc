@@ -15,15 +15,19 @@ bool NamesObject(Kind kind) {
 bool MayEndWith(const Verb& verb, int status) {
   switch (status) {
     case kRefused:
-      return verb.manner != Manner::kAlone;
+      return verb.manner != Manner::kAlone && verb.manner != Manner::kWaits;
     case kNoDaemon:
-      return verb.manner != Manner::kAlone && verb.manner != Manner::kChecks;
+      return verb.manner != Manner::kAlone && verb.manner != Manner::kChecks &&
+             verb.manner != Manner::kWaits;
     case kNoObject:
+      if (verb.manner == Manner::kWaits) return false;
+      if (verb.manner == Manner::kApplies) return true;
       return std::any_of(verb.arguments.begin(), verb.arguments.end(),
                          [](const Argument& argument) { return NamesObject(argument.kind); });
     case kNotAllowed:
     case kTimedOut:
-      return verb.manner == Manner::kAsks || verb.manner == Manner::kStreams;
+      return verb.manner != Manner::kRaw && verb.manner != Manner::kChecks &&
+             verb.manner != Manner::kAlone;
     case kGaps:
       return verb.manner == Manner::kStreams;
     default:

@@ -73,6 +73,8 @@ enum class Manner {
   kAsks,     // calls the daemon
   kStreams,  // carries audio, and may end with kGaps
   kRaw,      // takes all words behind it as they are, options too
+  kApplies,  // calls the daemon with names from a file
+  kWaits,    // until there is what it names, and no longer than it was told
   kChecks,   // its status tells what it has found, whatever the daemon does
   kAlone,    // needs no daemon
 };

@@ -25,9 +25,9 @@ CommandLine Read(const std::string& line) {
   return ReadCommandLine(Words(line), "kvoxctl 1");
 }
 
-std::string Refusal(const std::string& line) {
+std::string Refusal(const std::vector<std::string>& words) {
   try {
-    Read(line);
+    ReadCommandLine(words, "kvoxctl 1");
   } catch (const UsageError& error) {
     return error.what();
   }
@@ -71,7 +71,11 @@ TEST(CommandLine, WhatIsWrongIsNamedWithTheNextStep) {
       {"processor new a b c", "unexpected 'c'; 'kvoxctl processor new --help'"},
       {"buffer list tapout", "DIRECTION: 'tapout' is none of tap-out, inject"},
   };
-  for (const auto& row : rows) EXPECT_THAT(Refusal(row.line), HasSubstr(row.message)) << row.line;
+  EXPECT_THAT(Refusal({"io", "stop", ""}), HasSubstr("an empty word names nothing"));
+  EXPECT_THAT(Refusal({"top", "-n", ""}), HasSubstr("-n: an empty word is no value"));
+  EXPECT_THAT(Refusal({"ping", "--timeout", ""}), HasSubstr("--timeout: '' is not a number"));
+  for (const auto& row : rows)
+    EXPECT_THAT(Refusal(Words(row.line)), HasSubstr(row.message)) << row.line;
 }
 
 TEST(CommandLine, EveryVerbHasHelpWithAnExampleThatCanBeRead) {

@@ -53,7 +53,7 @@ Facts Healthy() {
 std::string Told(const std::vector<Finding>& findings) {
   std::string text;
   for (const Finding& finding : findings) {
-    if (finding.verdict != Verdict::kOk) text += LineOf(finding, false) + "\n";
+    if (finding.verdict != Verdict::kOk) text += LineOf(finding) + "\n";
   }
   return text;
 }
@@ -128,9 +128,9 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatMendsIt) {
        "failed   daemon kvoxd: x is not in /run/kvox  fix: sudo systemctl start kvoxd\n"},
       {[](Facts& f) {
          f.answer = {.status = kTimedOut};
-         f.waited_s = 0.5;
+         f.waited_s = 5;
        },
-       "no answer within 0.5 s  fix: sudo kill -KILL 12\n"},
+       "no answer within 5 s  fix: sudo kill -KILL 12\n"},
       {[](Facts& f) {
          f.answer = {.status = kNoDaemon, .error = "does not answer"};
          f.running->state = 'T';

@@ -82,6 +82,7 @@ TEST_F(ClientLiveTest, TopDrawsSortsAndQuits) {
   EXPECT_LT(sorted.find("inject41"), sorted.find("tapout0"));
   EXPECT_LT(sorted.rfind("tapout3"), sorted.rfind("tapout20"));
   EXPECT_EQ(BufferEntries(), 2048) << "times are kept meanwhile";
+  terminal->Press("\x13");  // Ctrl-S, after which nothing more is shown
   terminal->Press("q");
   EXPECT_EQ(terminal->Wait(), 0);
   ExpectGivenBack(*terminal);
@@ -93,7 +94,11 @@ TEST_F(ClientLiveTest, EverySignalGivesTheTerminalBack) {
   const struct {
     int signal;
     int status;
-  } rows[] = {{SIGINT, 0}, {SIGTERM, -SIGTERM}, {SIGHUP, -SIGHUP}, {SIGQUIT, -SIGQUIT}};
+  } rows[] = {{SIGINT, 0},
+              {SIGTERM, -SIGTERM},
+              {SIGHUP, -SIGHUP},
+              {SIGQUIT, -SIGQUIT},
+              {SIGUSR1, -SIGUSR1}};
   for (const auto& row : rows) {
     const auto terminal = Top();
     ASSERT_TRUE(terminal->Shows("pas1"));

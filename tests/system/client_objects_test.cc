@@ -30,6 +30,21 @@ TEST_F(ClientObjectsTest, ProcessorsLiveFromNewToDelete) {
   ExpectRefusal("processor delete abcd", 4, "there is no processor 'abcd'");
 }
 
+TEST_F(ClientObjectsTest, NamesMayHoldAnythingAndSteerNoTerminal) {
+  Run({"processor", "new", "a b ", "pass"});
+  EXPECT_EQ(Json("processor list")["processors"][0]["id"], "a b");
+  EXPECT_EQ(Run({"processor", "enable", "a b"}).exit_status, 0);
+  EXPECT_EQ(Run({"processor", "delete", "a b "}).exit_status, 0);
+  EXPECT_EQ(Json("processor list")["processors"], json::array());
+
+  Run({"processor", "new",
+       "\x1b"
+       "c\x7f!",
+       "pass"});
+  EXPECT_THAT(Do("processor list"), HasSubstr(" ?c?! "));
+  EXPECT_THAT(Run({"processor", "info", "\x1b(0b"}).err, HasSubstr("no processor '?(0b'"));
+}
+
 TEST_F(ClientObjectsTest, ListsShowTapPointsAndBuffers) {
   EXPECT_EQ(Do("tap list 2 4"), Call("TapList 2") + Call("TapList 4"));
   const json taps = Json("tap list");

@@ -103,6 +103,13 @@ class MachineTest : public ::testing::Test {
     return count;
   }
 
+  /// Stops the daemon's process; returns once all its threads stand.
+  void FreezeDaemon() {
+    daemon_->Signal(SIGSTOP);
+    int status = 0;
+    EXPECT_TRUE(WaitFor([&] { return waitpid(daemon_->pid(), &status, WUNTRACED | WNOHANG) > 0; }));
+  }
+
   bool DaemonLogs(const std::string& part, int count = 1) {
     return WaitFor([&] { return CountOf(part, daemon_->Err()) >= count; });
   }

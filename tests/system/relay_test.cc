@@ -142,6 +142,18 @@ TEST_F(RelayMachineTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
   client->Signal(SIGCONT);
 }
 
+TEST_F(RelayMachineTest, AStoppedDaemonKeepsNoRecorder) {
+  StartCall();
+  const auto heard = directory_ / "heard.wav";
+  const auto recorder = Client("record art0 " + heard.string());
+  ASSERT_TRUE(WaitFor([&] { return exists(heard) && std::filesystem::file_size(heard) > 44; }));
+  FreezeDaemon();
+  recorder->Signal(SIGTERM);
+  EXPECT_EQ(recorder->Wait(), 6);
+  EXPECT_THAT(recorder->Err(), HasSubstr("was not answered within 2 s"));
+  daemon_->Signal(SIGCONT);
+}
+
 TEST_F(RelayMachineTest, AStayingClientNoticesThatTheDaemonHasGone) {
   StartCall();
   const auto raw = Listener();
