@@ -125,8 +125,9 @@ TEST_F(RelayMachineTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
     Run(Words("call RegisterReceiveAudioCallback art0 0.3 " + (directory_ / "raw").string()));
     EXPECT_TRUE(WaitFor([&] { return !CallIsOn(); }));
   }
-  EXPECT_TRUE(WaitFor([&] { return threads() == threads_before; }));
-  EXPECT_TRUE(WaitFor([&] { return descriptors() == descriptors_before; }));
+  EXPECT_TRUE(WaitFor([&] { return threads() <= threads_before; }));
+  EXPECT_TRUE(WaitFor([&] { return descriptors() <= descriptors_before; }))
+      << "fewer when the connection of the last question had yet to go before";
 }
 
 TEST_F(RelayMachineTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
