@@ -73,7 +73,7 @@ void Machine::ReplaceSimulator(Ms away) {
 
 std::string Machine::Trouble() {
   log_.Follow();
-  if (const std::string hang = guard_.Hang(); !hang.empty()) return hang;
+  if (std::string hang = guard_.Hang(); !hang.empty()) return hang;
   if (const auto end = daemon_.child().Ended()) return "kvoxd has ended: " + *end;
   if (const auto end = simulator_->Ended()) return "kvosim has ended: " + *end;
   if (!ledger().report().empty()) return "a sanitizer reports: " + ledger().report();
