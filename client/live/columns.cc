@@ -44,24 +44,24 @@ Number Blocks(const Row& row) {
 
 // The connection stands last: it may be of any length.
 const Column kColumns[] = {
-    {"object", 'o', "OBJECT", 9, false, [](const Row& row) { return std::string(row.object); },
+    {"object", "OBJECT", 9, 'o', false, [](const Row& row) { return std::string(row.object); },
      nullptr},
-    {"name", 'n', "NAME", 9, false, [](const Row& row) { return row.name; }, nullptr},
-    {"type", 't', "TYPE", 4, false,
+    {"name", "NAME", 9, 'n', false, [](const Row& row) { return row.name; }, nullptr},
+    {"type", "TYPE", 4, 't', false,
      [](const Row& row) { return row.type.empty() ? "-" : row.type; }, nullptr},
-    {"state", 's', "STATE", 5, false,
+    {"state", "STATE", 5, 's', false,
      [](const Row& row) { return std::string(row.enabled ? "on" : "off"); },
      [](const Row& row) { return Number(row.enabled ? 1 : 0); }},
-    {"period", 'p', "PERIOD", 8, true, Milliseconds<&Figures::period_ms>, Get<&Figures::period_ms>},
-    {"jitter", 'j', "JITTER", 7, true, Milliseconds<&Figures::jitter_ms>, Get<&Figures::jitter_ms>},
-    {"active", 'a', "ACTIVE", 7, true, Milliseconds<&Figures::active_ms>, Get<&Figures::active_ms>},
-    {"max", 'm', "MAX", 7, true, Milliseconds<&Figures::max_active_ms>,
+    {"period", "PERIOD", 8, 'p', true, Milliseconds<&Figures::period_ms>, Get<&Figures::period_ms>},
+    {"jitter", "JITTER", 7, 'j', true, Milliseconds<&Figures::jitter_ms>, Get<&Figures::jitter_ms>},
+    {"active", "ACTIVE", 7, 'a', true, Milliseconds<&Figures::active_ms>, Get<&Figures::active_ms>},
+    {"max", "MAX", 7, 'm', true, Milliseconds<&Figures::max_active_ms>,
      Get<&Figures::max_active_ms>},
-    {"share", 'h', "SHARE", 6, true, Percent, Get<&Figures::active_share>},
-    {"blocks", 'b', "BLOCKS", 8, true,
+    {"share", "SHARE", 6, 'h', true, Percent, Get<&Figures::active_share>},
+    {"blocks", "BLOCKS", 8, 'b', true,
      [](const Row& row) { return row.figures ? std::to_string(row.figures->blocks) : "-"; },
      Blocks},
-    {"connection", 'c', "CONNECTION", 0, false, Connection, nullptr},
+    {"connection", "CONNECTION", 0, 'c', false, Connection, nullptr},
 };
 
 template <typename Matches>

@@ -11,9 +11,9 @@ namespace kvox::client {
 
 struct Column {
   const char* name;  // for --sort and the help line
-  char key;          // a letter of the name, which sorts by it
   const char* title;
   int width;      // of the column, without the blank behind it
+  char key;       // a letter of the name, which sorts by it
   bool measured;  // shown with --measure alone
   std::string (*text)(const Row&);
   std::optional<double> (*number)(const Row&);  // what is sorted by; nullptr: the text
