@@ -38,13 +38,14 @@ CallDeadline::CallDeadline(const char* method, int exit_status, std::chrono::mil
                             method, std::chrono::duration<double>(wait).count());
   message_size = std::min(static_cast<size_t>(size), sizeof message - 1);
   status_at_end = exit_status;
-  signal(SIGALRM, OnExpired);
+  before_ = signal(SIGALRM, OnExpired);
   LetAlarmThrough();
   StartTimer(wait);
 }
 
 CallDeadline::~CallDeadline() {
   StartTimer({});
+  signal(SIGALRM, before_);
 }
 
 }  // namespace kvox::client

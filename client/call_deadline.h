@@ -16,6 +16,9 @@ class CallDeadline {
   ~CallDeadline();
   CallDeadline(const CallDeadline&) = delete;
   CallDeadline& operator=(const CallDeadline&) = delete;
+
+ private:
+  void (*before_)(int);  // what an alarm did
 };
 
 }  // namespace kvox::client

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 
@@ -36,6 +37,18 @@ bool TakesOutput() {
                                  kOtherWay);
 }
 
+/// What leaves the screen, shows the cursor and gives the keypad back; terminals lack some.
+std::string CommandsAtEnd(const CursesLibrary& curses) {
+  std::string commands;
+  for (const char* const name : {"rmcup", "cnorm", "rmkx"}) {
+    const char* const command = curses.tigetstr(name);
+    // The library answers -1 for what is no text.
+    if (command == nullptr || reinterpret_cast<intptr_t>(command) == -1) continue;
+    commands += WithoutDelays(command);
+  }
+  return commands;
+}
+
 }  // namespace
 
 void RequireTerminal() {
@@ -50,6 +63,7 @@ Screen::Screen() : curses_(Curses()) {
     GiveBack();
     RefuseTerminal();
   }
+  TerminalRescue::Send(CommandsAtEnd(curses_));
   curses_.cbreak();
   curses_.noecho();
   curses_.curs_set(0);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "client/live/frame.h"
+#include "client/live/terminal_rescue.h"
 
 namespace kvox::client {
 
@@ -16,7 +17,7 @@ void RequireTerminal();
 class Screen {
  public:
   /// Throws Failure(kWrongUsage) when the terminal cannot do it, and what Curses() throws. Signals
-  /// have to be held, so that none ends the process with the terminal taken.
+  /// that come from people have to be held, so that none ends the process with the terminal taken.
   Screen();
   ~Screen();
   Screen(const Screen&) = delete;
@@ -39,6 +40,7 @@ class Screen {
 
  private:
   const CursesLibrary& curses_;
+  TerminalRescue rescue_;  // before the library changes the terminal
 };
 
 }  // namespace kvox::client

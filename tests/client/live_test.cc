@@ -4,6 +4,7 @@
 #include "client/live/changes.h"
 #include "client/live/frame.h"
 #include "client/live/picture.h"
+#include "client/live/terminal_rescue.h"
 
 namespace kvox::client {
 namespace {
@@ -178,6 +179,12 @@ TEST(Frame, KeysSortAndMove) {
   }
   ApplyKey(kKeyUp, columns, 3, 10, view);
   EXPECT_EQ(view.first, 0) << "fewer rows than a page";
+}
+
+TEST(TerminalRescue, LeavesDelaysOut) {
+  EXPECT_EQ(WithoutDelays("\x1b[?25h"), "\x1b[?25h");
+  EXPECT_EQ(WithoutDelays("$<5/>a$<20*>b$"), "ab$");
+  EXPECT_EQ(WithoutDelays("$<5"), "");
 }
 
 TEST(Picture, KeepsItsRowsWhenTheDaemonGoes) {

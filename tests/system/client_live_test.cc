@@ -98,7 +98,9 @@ TEST_F(ClientLiveTest, EverySignalGivesTheTerminalBack) {
               {SIGTERM, -SIGTERM},
               {SIGHUP, -SIGHUP},
               {SIGQUIT, -SIGQUIT},
-              {SIGUSR1, -SIGUSR1}};
+              {SIGUSR1, -SIGUSR1},
+              {SIGALRM, -SIGALRM},
+              {SIGABRT, -SIGABRT}};
   for (const auto& row : rows) {
     const auto terminal = Top();
     ASSERT_TRUE(terminal->Shows("pas1"));
