@@ -147,7 +147,7 @@ void Out::One(const std::vector<std::string>& lines, const Fields& record) const
           fmt::format("{{\"schema\": {}{}{}}}\n", kSchema, fields.empty() ? "" : ", ", fields));
     }
     case Format::kShort:
-      return PrintOut(record.empty() ? "" : AsColumns(record) + "\n");
+      return record.empty() ? Text(lines) : PrintOut(AsColumns(record) + "\n");
   }
 }
 

@@ -60,6 +60,9 @@ ParamValue ReadValue(const std::string& word) {
   if (const auto number = ParseInt(word)) return ParamValue::make<ParamValue::i>(*number);
   if (const auto flag = ParseBool(word)) return ParamValue::make<ParamValue::i>(*flag ? 1 : 0);
   if (const auto value = ParseParamValue(word)) return *value;
+  if (word.find_first_not_of("-0123456789") == word.npos) {
+    Number("VALUE", word, INT32_MIN, INT32_MAX);  // which tells the range
+  }
   throw UsageError("VALUE: '" + ValidUtf8(word) +
                    "' is not a number, true, false, or i:, f:, v: "
                    "and numbers");

@@ -43,7 +43,7 @@ class TableReader {
 
   /// The node under `key`; null when it is not there.
   const toml::node* Find(std::string_view key) {
-    known_.emplace_back(key);
+    if (std::ranges::count(known_, key) == 0) known_.emplace_back(key);
     return table_.get(key);
   }
   const toml::node* Require(std::string_view key, std::string_view expected) {

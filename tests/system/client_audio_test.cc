@@ -67,6 +67,7 @@ TEST_F(ClientAudioTest, CapturesGoWhereTheClientStands) {
   ExpectRefusal("capture start tapout0", 2, "FILE is missing");
   ExpectRefusal("capture start 0 a.wav", 2, "BUFFER: '0' may be tapout0 or inject0; name one");
   EXPECT_EQ(Do("debug buffer_dump tapout 0"), Call("Debug buffer_dump tapout 0"));
+  EXPECT_EQ(Do("--short debug buffer_dump tapout 0"), Call("Debug buffer_dump tapout 0"));
   ExpectRefusal("debug reboot", 1, "reboot: Debug: INVALID PARAMETER; 'kvoxctl debug help'");
 }
 

@@ -99,6 +99,7 @@ TEST_F(ClientObjectsTest, ParametersAreReadAndSet) {
   EXPECT_EQ(Do("param get pass TEST_MODE --short"), "TEST_MODE\t0\t1\n");
   EXPECT_THAT(Do("param get pass AUDIO_FORMAT 3"), HasSubstr("AUDIO_FORMAT 3"));
   ExpectRefusal("param set pass BLOCK_LENGTH 1000", 2, "480 to 24000 frames in steps of 480");
+  ExpectRefusal("param set pass BLOCK_LENGTH 4294967296", 2, "-2147483648 to 2147483647");
   ExpectRefusal("param set pass VERSION 1", 1, "VERSION of pass: ");
   ExpectRefusal("param get pass BLOCK_LEN", 4, "no parameter 'BLOCK_LEN'; did you mean");
   ExpectRefusal("param get pass 9", 1, "'kvoxctl param get pass' shows what there is");
