@@ -18,8 +18,10 @@ namespace kvox::binder {
 namespace {
 
 /// Dropping a parcel may drop the last reference to an object, whose code the reactor must not run.
+/// Its bytes go at once: nobody knows when a pool thread is free.
 void DropOnPool(std::unique_ptr<AParcel> parcel) {
   if (parcel == nullptr || parcel->objects().empty()) return;
+  parcel->DropBytes();
   ThreadPool::Get().Post([held = std::shared_ptr<AParcel>(std::move(parcel))] {});
 }
 
@@ -286,8 +288,6 @@ void Connection::Close(const char* fault) {
   const auto self = Self();
   channel_.Close();
   calls_.FinishAll(STATUS_DEAD_OBJECT);
-  // The port holds the service, which may hold proxies of this connection.
-  if (const auto port = std::exchange(port_, nullptr)) port->Leave(peer_);
   Reactor::Get().Forget(self);
 
   struct Remains {
@@ -298,16 +298,22 @@ void Connection::Close(const char* fault) {
   auto remains = std::make_shared<Remains>();
   remains->objects = objects_.Close();
   remains->requests = ThreadPool::Get().Clear(*this);
+  for (Request& request : remains->requests) request.parcel->DropBytes();
   for (const auto& proxy : remains->objects.proxies) {
     for (auto& link : proxy.get()->AsRemote()->death_links().Die()) {
       remains->links.push_back(std::move(link));
     }
   }
-  // The log may block as well, which the reactor must not.
-  ThreadPool::Get().Post([held = std::move(remains), fault, peer = peer_] {
-    if (fault != nullptr) ReportCutOff(peer, fault);
-    for (const auto& link : held->links) link->ReportDeath();
-  });
+  // The log may block as well, which the reactor must not. The port holds the service, which may
+  // hold proxies of this connection. The peer keeps its place until all of this has gone: one that
+  // connects and goes again and again would else fill the memory while the threads are busy.
+  ThreadPool::Get().Post(
+      [held = std::move(remains), fault, peer = peer_, port = std::exchange(port_, nullptr)] {
+        if (fault != nullptr) ReportCutOff(peer, fault);
+        for (const auto& link : held->links) link->ReportDeath();
+        *held = {};
+        if (port != nullptr) port->Leave(peer);
+      });
   if (received_ >= kTrimBytes) TrimSoon();
 }
 

@@ -60,6 +60,11 @@ struct AParcel {
     return STATUS_OK;
   }
 
+  /// Keeps the objects alone.
+  void DropBytes() {
+    data_ = {};
+    position_ = 0;
+  }
   /// Notes that the reference at `position` stands for `binder`.
   void AddObject(uint32_t position, ndk::SpAIBinder binder);
   /// The object of the reference at `position`, null when there is none.

@@ -264,6 +264,25 @@ TEST_F(HostilePeerTest, ASecondReplyToACallEndsTheConnection) {
   ExpectServiceWell();
 }
 
+/// Else one that connects, calls and goes fills the memory while all threads are busy.
+TEST_F(HostilePeerTest, ADeadPeerKeepsItsPlaceUntilItsCallsAreDropped) {
+  peer_->Greet();
+  service_->gate.Close();
+  const Frame echo = peer_->Request(IEcho::TRANSACTION_Echo, "01000000 05000000");
+  for (int i = 0; i < 2; ++i) ASSERT_TRUE(peer_->SendFrame(echo));
+  ASSERT_TRUE(WaitFor([&] { return service_->gate.waiting() == 2; }));
+  int gone = 0;
+  for (; gone < 2 * kMaxConnectionsOfProcess; ++gone) {
+    RawPeer next(Path());
+    next.Greet();
+    if (next.greeting().welcome != Welcome::kOk) break;
+    ASSERT_TRUE(next.SendFrame(echo));
+  }
+  EXPECT_EQ(gone, kMaxConnectionsOfProcess - 1);
+  service_->gate.Open();
+  EXPECT_TRUE(WaitFor([&] { return ConnectToService(Path()).error.empty(); }));
+}
+
 /// Hundreds of small frames in one go are not all taken before another client has its turn; all are
 /// answered in the end.
 TEST_F(HostilePeerTest, ManyFramesAtOnceAreTakenInParts) {
