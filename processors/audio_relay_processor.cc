@@ -110,7 +110,8 @@ int32_t AudioRelayProcessor::startProcessor() {
     return -1;
   }
   const IKvox::AudioPacket shape = Shape();
-  SetStream(std::make_shared<RelayStream>(shape, GetBlockLength(), GetBitsPerSample()));
+  SetStream(std::make_shared<RelayStream>(shape, GetBlockLength(), GetBitsPerSample(),
+                                          owner_.sent_audio_room()));
   IKvox::ParamValue big_endian;
   KvoxProcessor::GetParameter(Id::AUDIO_FORMAT, 5, &big_endian);
   LogInfo("startProcessor sr %u, format %s%u, ch %u, little_endian_ %u", GetSampleRate(),
@@ -191,8 +192,10 @@ int32_t AudioRelayProcessor::SendAudio(const IKvox::AudioPacket& packet) {
     LogError("%s %s: %s mismatch", "SendAudio", id_text(), mismatch);
     return -1;
   }
-  current->stream->sent.Put(packet.data);
-  return 0;
+  if (current->stream->sent.Put(packet.data)) return 0;
+  LogError("%s %s: no room for blocks of %zu bytes, other relays have most of %zu; delete some",
+           "SendAudio", id_text(), packet.data.size(), owner_.sent_audio_room().size());
+  return -1;
 }
 
 void AudioRelayProcessor::RegisterReceiveAudioCallback(

@@ -19,12 +19,13 @@ inline constexpr size_t kMaxSentBlock = 1u << 20;
 
 /// A started relay's format, and what its client has sent.
 struct RelayStream {
-  RelayStream(const IKvox::AudioPacket& packet_shape, uint32_t frames, uint32_t bits)
+  RelayStream(const IKvox::AudioPacket& packet_shape, uint32_t frames, uint32_t bits,
+              ByteBudget& room)
       : shape(packet_shape),
         block_length(frames),
         bytes_per_sample(bits / 8),
         block_size(size_t{frames} * bytes_per_sample * channels()),
-        sent(block_size <= kMaxSentBlock ? block_size : 0) {}
+        sent(block_size <= kMaxSentBlock ? block_size : 0, room) {}
 
   uint32_t channels() const { return static_cast<uint8_t>(shape.numChannels); }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "processors/byte_budget.h"
 #include "processors/thread_reaper.h"
 
 namespace kvox {
@@ -21,6 +22,9 @@ class RelayOwner {
 
   /// Runs the threads that call clients.
   virtual ThreadReaper& client_threads() = 0;
+
+  /// Where what clients have sent waits. Outlives every relay's blocks as well.
+  virtual ByteBudget& sent_audio_room() = 0;
 };
 
 }  // namespace kvox

@@ -2,12 +2,20 @@
 
 namespace kvox {
 
-void SentAudio::Put(std::span<const uint8_t> block) {
+SentAudio::~SentAudio() {
   MutexLock lock(writers_);
+  if (has_room_) room_.GiveBack(slots_.size() * block_size_);
+}
+
+bool SentAudio::Put(std::span<const uint8_t> block) {
+  MutexLock lock(writers_);
+  if (!has_room_ && !room_.Take(slots_.size() * block_size_)) return false;
+  has_room_ = true;
   slots_[writing_].assign(block.begin(), block.end());
   // Release: the reader sees the block we wrote. Acquire: it has done with the slot we get.
   const auto unread = static_cast<uint8_t>(writing_ | kUnread);
   writing_ = waiting_.exchange(unread, std::memory_order_acq_rel) & kNumber;
+  return true;
 }
 
 std::span<const std::byte> SentAudio::Take() {

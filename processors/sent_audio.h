@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kvox/common/mutex.h"
+#include "processors/byte_budget.h"
 
 namespace kvox {
 
@@ -17,12 +18,17 @@ namespace kvox {
 /// Each side owns its slot and trades it for the waiting one, so neither waits for the other.
 class SentAudio {
  public:
-  explicit SentAudio(size_t block_size) : block_size_(block_size) {}
+  /// Its slots come out of `room`, which outlives it, from the first block on.
+  SentAudio(size_t block_size, ByteBudget& room) : block_size_(block_size), room_(room) {}
+  ~SentAudio();
+  SentAudio(const SentAudio&) = delete;
+  SentAudio& operator=(const SentAudio&) = delete;
 
   size_t block_size() const { return block_size_; }
 
-  /// Service threads: copies a block of block_size() bytes; it is pending from then on.
-  void Put(std::span<const uint8_t> block);
+  /// Service threads: copies a block of block_size() bytes; it is pending from then on. False
+  /// when there is no room for the slots.
+  bool Put(std::span<const uint8_t> block);
 
   /// RT: takes the pending block, which is the reader's until its next Take. Empty when none has
   /// come since the last one.
@@ -34,9 +40,11 @@ class SentAudio {
   static constexpr uint8_t kNumber = 0x03;
 
   const size_t block_size_;
+  ByteBudget& room_;
   std::array<std::vector<uint8_t>, 3> slots_;  // allocated by the writers when first used
   std::atomic<uint8_t> waiting_ = 1;
   Mutex writers_;  // a leaf lock; never the reader's
+  bool has_room_ GUARDED_BY(writers_) = false;
   uint8_t writing_ GUARDED_BY(writers_) = 0;
   uint8_t reading_ = 2;  // the reader's own
 };

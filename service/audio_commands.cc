@@ -19,10 +19,6 @@ KvoxService::Status Apply(const std::shared_ptr<KvoxProcessor>& processor, Opera
   return KvoxService::Status::ok();
 }
 
-/// Statistics entries of all processors together: 16 MiB, for a few clients that keep the most of
-/// one processor. Else a few small calls could take a gigabyte.
-constexpr uint64_t kMaxStatsEntriesOfAll = (16u << 20) / sizeof(float);
-
 }  // namespace
 
 KvoxService::Status KvoxService::SendAudio(int32_t id, const IKvox::AudioPacket& packet,

@@ -34,6 +34,7 @@
 #include "service/command_result.h"
 #include "service/coprocessor_link.h"
 #include "service/device_scan.h"
+#include "service/limits.h"
 #include "service/recovery_thread.h"
 #include "service/tap_point.h"
 #include "service/use_cases.h"
@@ -52,17 +53,6 @@ struct ConnectionState {
   int32_t tapout_buffer = -1;
   int32_t inject_buffer = -1;
 };
-
-/// Threads that call the clients of relays. More than anybody needs: one that hangs in a client is
-/// kept until the client returns or dies.
-inline constexpr size_t kMaxClientThreads = 64;
-
-/// As many of them may be for callbacks that one process has registered.
-inline constexpr size_t kMaxThreadsOfClient = 8;
-
-/// Threads that write captures. More than there are buffers: one whose file hangs is kept until the
-/// write returns.
-inline constexpr size_t kMaxCaptureThreads = 128;
 
 /// What the service works with. Everything outlives it.
 struct ServiceEnvironment {
@@ -276,6 +266,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
   // RelayOwner.
   int32_t DisableUseCaseOf(const KvoxProcessor& relay) override;
   ThreadReaper& client_threads() override { return client_threads_; }
+  ByteBudget& sent_audio_room() override { return sent_audio_room_; }
 
   // What the words of Debug do (debug_commands.cc). `args` holds all of them.
   using Words = std::vector<std::string>;
@@ -291,6 +282,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private TapControl, private
 
   const ServiceEnvironment environment_;
   ThreadReaper capture_threads_{kMaxCaptureThreads};  // outlives the buffers below
+  ByteBudget sent_audio_room_{kMaxSentAudioBytes};    // and so does this
   const BufferEnvironment buffer_environment_;
 
   ThreadReaper client_threads_{kMaxClientThreads,

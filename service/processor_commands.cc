@@ -49,9 +49,6 @@ std::string EndpointName(const std::shared_ptr<AudioEndpoint>& endpoint) {
 
 constexpr char kNotFound[] = "Kvox processor not found";
 
-/// Processors at a time: clients make them, and each takes memory until a client deletes it.
-constexpr size_t kMaxProcessors = 1024;
-
 /// Room for one more connection record. Records outlive their processors on purpose; those without
 /// one go when there are as many as there may be processors.
 template <typename Connections, typename Processors>

@@ -79,8 +79,10 @@ class Relay : public RelayOwner {
   };
   int32_t DisableUseCaseOf(const KvoxProcessor&) override { return 0; }
   ThreadReaper& client_threads() override { return threads_; }
+  ByteBudget& sent_audio_room() override { return room_; }
 
   ThreadReaper threads_{1};
+  ByteBudget room_{1u << 20};
 
  public:
   const std::shared_ptr<Client> client = ndk::SharedRefBase::make<Client>();

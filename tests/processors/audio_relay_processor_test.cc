@@ -17,6 +17,7 @@ namespace kvox {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Id = IKvox::ParameterId;
 using Samples = std::vector<int16_t>;
@@ -131,6 +132,7 @@ class RelayTest : public ::testing::Test, public RelayOwner {
   std::vector<FourCc> disabled_;
   int32_t disable_status_ = 0;
   uint64_t age_ns_ = 0;  // of a block when its turn comes
+  ByteBudget room_{1u << 20};
 
  private:
   int32_t DisableUseCaseOf(const KvoxProcessor& relay) override {
@@ -138,6 +140,7 @@ class RelayTest : public ::testing::Test, public RelayOwner {
     return disable_status_;
   }
   ThreadReaper& client_threads() override { return threads_; }
+  ByteBudget& sent_audio_room() override { return room_; }
 
   ThreadReaper threads_{8};
 };
@@ -280,6 +283,10 @@ TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
     EXPECT_THAT(log_.Take(),
                 ElementsAre(std::string("E SendAudio art0: ") + row.mismatch + " mismatch"));
   }
+  ASSERT_TRUE(room_.Take(room_.size()));
+  EXPECT_EQ(relay->SendAudio(CallPacket(0)), -1);
+  EXPECT_THAT(log_.Take(), ElementsAre(HasSubstr("SendAudio art0: no room for blocks of 960 ")));
+  room_.GiveBack(room_.size());
   EXPECT_EQ(relay->SendAudio(CallPacket(0)), 0);
 }
 

@@ -57,7 +57,8 @@ TEST(RelayLayout, TelephonyTakesTheFirstChannelAndFillsAll) {
 
 TEST(SentAudio, BlocksAreNeverTornAndNeverGoBack) {
   constexpr uint8_t kBlocks = 250;
-  SentAudio sent(4096);
+  ByteBudget room(3 * 4096);
+  SentAudio sent(4096, room);
   std::thread writer([&] {
     for (uint8_t number = 1; number <= kBlocks; ++number) {
       sent.Put(std::vector<uint8_t>(4096, number));
@@ -74,6 +75,19 @@ TEST(SentAudio, BlocksAreNeverTornAndNeverGoBack) {
     last = number;
   }
   writer.join();
+}
+
+TEST(SentAudio, ItsRoomIsTakenOnceAndGivenBack) {
+  ByteBudget room(1000);
+  const std::vector<uint8_t> block(300, 1);
+  {
+    SentAudio first(block.size(), room);
+    for (int i = 0; i < 4; ++i) EXPECT_TRUE(first.Put(block));
+    SentAudio second(block.size(), room);
+    EXPECT_FALSE(second.Put(block));
+    EXPECT_TRUE(second.Take().empty());
+  }
+  EXPECT_TRUE(room.Take(1000));
 }
 
 TEST(ThreadReaper, JoinsWhatEndsAndRefusesTooMany) {
