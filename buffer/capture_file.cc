@@ -1,9 +1,12 @@
 #include "buffer/capture_file.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -35,13 +38,24 @@ class OpenFile : public CaptureFile {
 
   bool Rewind() override { return lseek(fd_, 0, SEEK_SET) == 0; }
 
-  /// Whether it is a regular file, which is empty then.
+  /// Whether it is a regular file that keeps what is written, and which is empty then.
   bool EmptyIfRegular() {
     struct stat status;
-    return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && ftruncate(fd_, 0) == 0;
+    return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && !IsKernels() &&
+           ftruncate(fd_, 0) == 0;
   }
 
  private:
+  /// Whether the kernel takes what is written for a command: such files look like regular ones.
+  bool IsKernels() {
+    constexpr unsigned kKernels[] = {
+        PROC_SUPER_MAGIC,    SYSFS_MAGIC,      DEBUGFS_MAGIC, TRACEFS_MAGIC,  CGROUP_SUPER_MAGIC,
+        CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC, SELINUX_MAGIC, EFIVARFS_MAGIC, BPF_FS_MAGIC};
+    struct statfs system;
+    return fstatfs(fd_, &system) != 0 ||
+           std::ranges::count(kKernels, static_cast<unsigned>(system.f_type)) > 0;
+  }
+
   const int fd_;
   const std::string path_;
 };

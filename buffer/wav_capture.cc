@@ -28,8 +28,9 @@ WavCapture::Session::Session(const std::string& buffer, const std::string& file_
       ring(std::make_unique<PacketRing>(kRingSize)),
       wav(buffer, std::move(file)) {}
 
-WavCapture::WavCapture(std::string buffer, ThreadReaper& threads, CaptureFileOpener open)
-    : buffer_(std::move(buffer)), threads_(threads), open_(std::move(open)) {}
+WavCapture::WavCapture(std::string buffer, ThreadReaper& threads, CaptureFileOpener open,
+                       std::chrono::milliseconds patience)
+    : buffer_(std::move(buffer)), threads_(threads), open_(std::move(open)), patience_(patience) {}
 
 int32_t WavCapture::Start(const std::string& file, std::string& message) {
   message = FormatText<256>("%s %s buffer %s", "CaptureStart", buffer_.c_str(), file.c_str());
@@ -38,8 +39,8 @@ int32_t WavCapture::Start(const std::string& file, std::string& message) {
     message += ": Error, already enabled";
     return -1;
   }
-  StopWriter();  // of a capture that ended by itself
-  auto opened = open_(file);
+  // A capture may have ended by itself before.
+  auto opened = StopWriter() ? open_(file) : nullptr;
   if (!opened) {
     message += " failed";
     return -1;
@@ -61,15 +62,17 @@ int32_t WavCapture::Start(const std::string& file, std::string& message) {
 
 int32_t WavCapture::Stop(std::string& message) {
   MutexLock lock(mutex_);
-  StopWriter();
   message = "CaptureStop " + buffer_ + " buffer";
+  if (!StopWriter()) {
+    message += " " + session_->path + ": Error, the file is still being written";
+    return -1;
+  }
   const auto session = std::move(session_);
-  if (!session || !session->wav.on()) {
+  if (!session || !session->whole) {
     message += ": Capture not started";
     return -1;
   }
   message += " " + session->path + ", " + std::to_string(session->wav.samples()) + " samples";
-  session->wav.endCaptureWav();
   return 0;
 }
 
@@ -86,11 +89,19 @@ bool WavCapture::StartWriter() {
   return false;
 }
 
-/// Ends the recording, if there is one, and waits for the thread behind it.
-void WavCapture::StopWriter() {
+/// Ends the recording, if there is one, and waits for the thread behind it. False when that takes
+/// too long; the session is still the writer's then.
+bool WavCapture::StopWriter() {
   EndRecording();
+  const auto deadline = std::chrono::steady_clock::now() + patience_;
   MutexLock lock(writing_mutex_);
-  while (writing_) writing_changed_.Wait(writing_mutex_);
+  while (writing_ && writing_changed_.WaitUntil(writing_mutex_, deadline)) {
+  }
+  if (writing_) {
+    LogError("%s: the capture file %s takes no more; stop the capture again when its disk is well",
+             buffer_.c_str(), session_->path.c_str());
+  }
+  return !writing_;
 }
 
 void WavCapture::EndRecording() {
@@ -143,7 +154,12 @@ void WavCapture::Run(Session& session) {
   WriteQueued(session, area);
   session.ring.reset();
   Report(session);
-  if (abandoned_.load(std::memory_order_relaxed)) session.wav.Abandon();
+  if (abandoned_.load(std::memory_order_relaxed)) {
+    session.wav.Abandon();
+  } else if (session.wav.on()) {
+    session.wav.endCaptureWav();
+    session.whole = true;
+  }
   SetWriting(false);
 }
 

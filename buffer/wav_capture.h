@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -29,16 +30,21 @@ namespace kvox {
 /// Owned by std::shared_ptr; the thread that writes a file is an owner.
 class WavCapture final : public PacketRecorder, public std::enable_shared_from_this<WavCapture> {
  public:
+  /// How long a command waits for a file. The ring is written in that time at 35 KB/s.
+  static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(60);
+
   /// `buffer` is the name of the buffer, for messages. `threads` outlives the object.
-  WavCapture(std::string buffer, ThreadReaper& threads, CaptureFileOpener open = OpenCaptureFile);
+  WavCapture(std::string buffer, ThreadReaper& threads, CaptureFileOpener open = OpenCaptureFile,
+             std::chrono::milliseconds patience = kPatience);
 
   /// Starts a capture into the file of that path. 0, or -1 when one runs already, the file cannot
-  /// be opened or there is no thread to write it. Service threads.
+  /// be opened, there is no thread to write it or the last one's file is not done. Service threads.
   int32_t Start(const std::string& file, std::string& message);
 
-  /// Ends the capture and answers when everything recorded up to now is in the file: a slow disk
-  /// takes its time for the rest of the ring, and a write that fails ends it. 0, or -1 when no
-  /// capture was on, or is not any more once the rest is written. Service threads.
+  /// Ends the capture and answers when everything recorded up to now is in the file, with its
+  /// header; a write that fails ends it as well. 0, or -1 when no capture was on, or is not any
+  /// more once the rest is written, or when the file has not taken that within the patience: then
+  /// its thread goes on, and another Stop finds what has come of it. Service threads.
   int32_t Stop(std::string& message);
 
   /// For the buffer that goes: ends the capture without its header. The thread lets go of the file
@@ -61,10 +67,11 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
     WavFile wav;
     WakeEvent wake;
     std::atomic<bool> ending = false;
+    bool whole = false;  // the file has got all, and its header; the writer's like `wav`
   };
 
   bool StartWriter() REQUIRES(mutex_);
-  void StopWriter() REQUIRES(mutex_);
+  bool StopWriter() REQUIRES(mutex_);
   void EndRecording();
   void KeepOthersOut();
   void SetWriting(bool writing) EXCLUDES(writing_mutex_);
@@ -77,6 +84,7 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   const std::string buffer_;
   ThreadReaper& threads_;
   const CaptureFileOpener open_;
+  const std::chrono::milliseconds patience_;
 
   std::atomic<bool> on_ = false;
   std::atomic<bool> pushing_ = false;  // a thread is using the ring's producer side

@@ -99,6 +99,26 @@ TEST_F(WavCaptureTest, ASlowFileCostsPacketsOfTheFileOnly) {
             1u);
 }
 
+TEST_F(WavCaptureTest, AFileThatHangsIsNotWaitedForForEver) {
+  const auto hasty = std::make_shared<WavCapture>(
+      "tapout0", threads_,
+      [this](const std::string&) { return std::make_unique<RecordedFile>(file_); },
+      std::chrono::milliseconds(20));
+  file_.blocked = true;
+  ASSERT_EQ(Start(*hasty), 0);
+  Record(*hasty, 1);
+  ASSERT_TRUE(WaitFor([&] { return file_.entered.load(); }));
+  EXPECT_EQ(Stop(*hasty), -1);
+  EXPECT_EQ(message_,
+            "CaptureStop tapout0 buffer " + path_ + ": Error, the file is still being written");
+  EXPECT_EQ(Start(*hasty), -1);
+  file_.blocked = false;
+  file_.blocked.notify_all();
+  ASSERT_TRUE(WaitFor([&] { return Stop(*hasty) == 0; }));
+  EXPECT_EQ(message_, "CaptureStop tapout0 buffer " + path_ + ", 480 samples");
+  EXPECT_EQ(file_.text, FileOf(1));
+}
+
 TEST_F(WavCaptureTest, ABufferThatGoesWaitsForNoDiskAndLeavesNoHeader) {
   file_.blocked = true;
   ASSERT_EQ(Start(scripted_), 0);
@@ -131,14 +151,14 @@ TEST_F(WavCaptureTest, OnlyRegularFilesAreOpened) {
   const UniqueFd reader(open((directory_ / "fifo").c_str(), O_RDWR | O_NONBLOCK));
   std::ofstream(directory_ / "target") << "kept";
   std::filesystem::create_symlink(directory_ / "target", directory_ / "link");
-  for (const std::string path : {"fifo", "link", "", "no/such", "/dev/null"}) {
+  for (const std::string path : {"fifo", "link", "", "no/such", "/dev/null", "/proc/self/comm"}) {
     const std::string file = directory_.path() / path;
     EXPECT_EQ(capture_.Start(file, message_), -1);
     EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + file + " failed");
     EXPECT_FALSE(capture_.recording());
   }
   EXPECT_EQ(ReadText(directory_ / "target"), "kept");
-  EXPECT_EQ(log_.Count("cannot be opened: not a regular file"), 4u);
+  EXPECT_EQ(log_.Count("cannot be opened: not a regular file"), 5u);
   EXPECT_EQ(capture_.Start(std::string(300, 'n'), message_), -1);
   EXPECT_EQ(message_.size(), 255u + std::string(" failed").size());
 }
