@@ -14,7 +14,7 @@ enum ExitStatus {
   kNoObject = 4,    // no processor, tap point, buffer... of that name
   kNotAllowed = 5,  // the daemon's socket may not be opened
   kTimedOut = 6,
-  kGaps = 7,     // done, but blocks were missed
+  kGaps = 7,     // audio was missed, or ended early
   kFailed = 74,  // kvoxctl itself failed
 };
 

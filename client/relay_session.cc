@@ -88,7 +88,7 @@ bool RelaySession::Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>&
 }
 
 StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
-  const auto callback = ndk::SharedRefBase::make<Callback>(std::move(on_block));
+  auto callback = ndk::SharedRefBase::make<Callback>(std::move(on_block));
   ABinderProcess_setThreadPoolMaxThreadCount(1);
   ABinderProcess_startThreadPool();
   IKvox::CommandResult result;
@@ -99,13 +99,16 @@ StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
     return StayEnd::kRefused;
   }
   fprintf(stderr, "kvoxctl: %s; Ctrl-C ends it\n", doing_.c_str());
+  // From here on the relay alone holds the callback.
+  const std::weak_ptr<Callback> registered = callback;
+  callback.reset();
   const auto unregister = [&] {
     EndProgress();
-    Register(nullptr, std::min(wait_, kPatienceAtEnd), result);
+    if (!registered.expired()) Register(nullptr, std::min(wait_, kPatienceAtEnd), result);
   };
   StayEnd end;
   try {
-    end = Turns(*callback, on_turn);
+    end = Turns(registered, on_turn);
   } catch (...) {
     unregister();
     throw;
@@ -115,19 +118,31 @@ StayEnd RelaySession::Stay(OnBlock on_block, const OnTurn& on_turn) {
   return end;
 }
 
-StayEnd RelaySession::Turns(const Callback& callback, const OnTurn& on_turn) {
+StayEnd RelaySession::Turns(const std::weak_ptr<Callback>& registered, const OnTurn& on_turn) {
   const sigset_t signals = NotIgnored(kInterrupts);
   const int64_t begin_ns = NowNs();
   bool hinted = false;
   for (;;) {
     if (on_turn()) return StayEnd::kDone;
     if (sigtimedwait(&signals, nullptr, &kTurn) > 0) return StayEnd::kDone;
+    const auto callback = registered.lock();  // before the next line: a dead daemon lets go, too
     if (!AIBinder_isAlive(kvox_->asBinder().get())) return StayEnd::kNoDaemon;
+    if (!callback) {
+      EndProgress();
+      fprintf(stderr,
+              "kvoxctl: %s has let go of this client: another one took it over, or it was deleted; "
+              "'kvoxctl processor list' shows whether it is there\n",
+              name_.c_str());
+      return StayEnd::kMissedBlocks;
+    }
     const int64_t now_ns = NowNs();
-    const int64_t last_ns = callback.last_block_ns();
+    const int64_t last_ns = callback->last_block_ns();
     if (last_ns != 0 && now_ns - last_ns > kSilenceNs) {
       EndProgress();
-      fprintf(stderr, "kvoxctl: no more audio comes from %s\n", name_.c_str());
+      fprintf(stderr,
+              "kvoxctl: no more audio comes from %s: it was disabled or disconnected, or its tap "
+              "point or I/O was stopped; 'kvoxctl graph' shows its path\n",
+              name_.c_str());
       return StayEnd::kMissedBlocks;
     }
     if (last_ns == 0 && !hinted && now_ns - begin_ns > kHintAfterNs) {
@@ -138,7 +153,8 @@ StayEnd RelaySession::Turns(const Callback& callback, const OnTurn& on_turn) {
               name_.c_str());
     }
     if (last_ns == 0 && now_ns - begin_ns > kPatienceNs) {
-      fprintf(stderr, "kvoxctl: no audio came from %s; gave up\n", name_.c_str());
+      fprintf(stderr, "kvoxctl: no audio came from %s; gave up; 'kvoxctl graph' shows its path\n",
+              name_.c_str());
       return StayEnd::kRefused;
     }
   }

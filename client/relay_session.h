@@ -31,12 +31,13 @@ enum class StayEnd : int {
   kWrongUsage = 2,    // the file does not fit
   kNoDaemon = 3,      // it has gone
   kTimedOut = 6,      // it does not answer
-  kMissedBlocks = 7,  // done, but not whole
+  kMissedBlocks = 7,  // audio was missed, or ended early
 };
 
 /// Registers as a relay's client and stays one until the work is done, the user interrupts, the
-/// audio ends or the daemon goes. It unregisters before it leaves: to die as a registered client
-/// would end the relay's use case.
+/// audio ends, another client takes the relay over or the daemon goes. It unregisters before it
+/// leaves, for to die as a registered client would end the relay's use case; but not once the relay
+/// has let go of it, for that would end the other client's audio.
 class RelaySession {
  public:
   /// A block has come; on the thread that serves the daemon, which waits for it half a block's
@@ -62,7 +63,7 @@ class RelaySession {
 
   bool Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
                 std::chrono::milliseconds wait, IKvox::CommandResult& result);
-  StayEnd Turns(const Callback& callback, const OnTurn& on_turn);
+  StayEnd Turns(const std::weak_ptr<Callback>& registered, const OnTurn& on_turn);
 
   const std::shared_ptr<IKvox> kvox_;
   const int32_t processor_;

@@ -109,7 +109,7 @@ const std::vector<ExitRow>& AllExits() {
       {kNoObject, "there is no object of that name"},
       {kNotAllowed, "the daemon's socket may not be used"},
       {kTimedOut, "timed out"},
-      {kGaps, "done, but blocks of audio were missed"},
+      {kGaps, "audio was missed, or ended early"},
       {kFailed, "kvoxctl itself failed"},
   };
   return exits;

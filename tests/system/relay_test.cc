@@ -107,6 +107,21 @@ TEST_F(RelayMachineTest, RecordAndPlayCarryACallAndLeaveItOn) {
   EXPECT_TRUE(CallIsOn());
 }
 
+TEST_F(RelayMachineTest, WhoTakesARelayOverKeepsIt) {
+  StartCall();
+  const std::string heard = (directory_ / "first.wav").string();
+  const auto first = Client("record art0 " + heard);
+  ASSERT_TRUE(WaitFor([&] { return !Samples(heard).empty(); }));
+  Process second(KVOXCTL_PROGRAM,
+                 Words("record art0 --seconds 1 " + (directory_ / "second.wav").string()),
+                 directory_ / "second");
+  EXPECT_EQ(first->Wait(), 7);
+  EXPECT_THAT(first->Err(), HasSubstr("art0 has let go of this client: another one took it over"));
+  EXPECT_THAT(second.Wait(), ::testing::AnyOf(0, 7));
+  EXPECT_THAT(second.Out(), HasSubstr("recorded 1.000 s in 10 blocks"));
+  EXPECT_TRUE(CallIsOn());
+}
+
 TEST_F(RelayMachineTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
   StartCall();
   const auto threads = [&] { return CountEntries("task"); };
