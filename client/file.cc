@@ -53,6 +53,16 @@ UniqueFd OpenToAppend(const std::string& path) {
   return OpenRegular("write", path, O_WRONLY | O_APPEND | O_CREAT);
 }
 
+void CheckWritable(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0 && errno == ENOENT) {
+    OpenRegular("write", path, O_RDWR | O_CREAT | O_EXCL);
+    unlink(path.c_str());
+  } else if (stat(path.c_str(), &status) == 0 || errno != ENOENT) {  // not a link to nothing
+    OpenRegular("write", path, O_RDWR);
+  }
+}
+
 bool WriteAll(int fd, const void* bytes, size_t size) {
   const auto* at = static_cast<const char*>(bytes);
   while (size > 0) {

@@ -18,6 +18,10 @@ std::vector<uint8_t> ReadFile(const std::string& path, size_t limit);
 /// UsageError.
 UniqueFd OpenToAppend(const std::string& path);
 
+/// Throws UsageError when no file can be written at `path`. What is there stays as it is, and where
+/// nothing is, nothing stays.
+void CheckWritable(const std::string& path);
+
 /// False, with errno set, when not everything could be written.
 bool WriteAll(int fd, const void* bytes, size_t size);
 

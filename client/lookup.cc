@@ -13,6 +13,7 @@ namespace kvox::client {
 namespace {
 
 constexpr int kLargestByte = 255;
+constexpr char kRelayType[] = "arel";
 
 bool AllDigits(const std::string& word) {
   return !word.empty() &&
@@ -78,18 +79,37 @@ std::string NameOf(const Buffer& buffer) {
   return buffer.name;
 }
 
-}  // namespace
+struct FoundProcessor {
+  ProcessorId id;
+  std::string type;
+};
 
-ProcessorId LookUpProcessor(Daemon& daemon, const std::string& word) {
+FoundProcessor Find(Daemon& daemon, const std::string& word) {
   const auto told = AskProcessors(daemon);
-  if (FindProcessor(told.items, word) != nullptr) return {CodeOf(word), word};
+  if (const auto* found = FindProcessor(told.items, word)) {
+    return {{CodeOf(word), word}, found->type};
+  }
   const auto code = ParseCode(word);
   const std::string name = code ? ToString(static_cast<FourCc>(*code)) : "";
   const std::string shown = ValidUtf8(name.substr(0, name.find_last_not_of(' ') + 1));
-  if (FindProcessor(told.items, shown) != nullptr) return {*code, name};
+  if (const auto* found = FindProcessor(told.items, shown)) return {{*code, name}, found->type};
   throw Failure(kNoObject,
                 NotFound("processor", word, NamesOf(told.items, [](const auto& p) { return p.id; }),
                          "'kvoxctl processor list' shows all"));
+}
+
+}  // namespace
+
+ProcessorId LookUpProcessor(Daemon& daemon, const std::string& word) {
+  return Find(daemon, word).id;
+}
+
+ProcessorId LookUpRelay(Daemon& daemon, const std::string& word) {
+  const FoundProcessor found = Find(daemon, word);
+  if (found.type == kRelayType) return found.id;
+  throw UsageError("PROCESSOR: " + found.id.name + " is of type " + found.type +
+                   ", and only relays (type " + kRelayType +
+                   ") have clients; 'kvoxctl processor list' shows types");
 }
 
 ProcessorId NewProcessorId(const std::string& argument, const std::string& word) {

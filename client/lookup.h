@@ -21,6 +21,9 @@ struct ProcessorId {
 };
 ProcessorId LookUpProcessor(Daemon& daemon, const std::string& word);
 
+/// A processor that hands audio to a client and takes audio from it. Throws UsageError for others.
+ProcessorId LookUpRelay(Daemon& daemon, const std::string& word);
+
 /// The code of a processor that is to be made.
 ProcessorId NewProcessorId(const std::string& argument, const std::string& word);
 

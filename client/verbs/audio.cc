@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "client/arguments.h"
+#include "client/file.h"
 #include "client/lookup.h"
 #include "client/play.h"
 #include "client/record.h"
@@ -42,10 +43,11 @@ int RunRecord(const Context& context) {
   RecordOptions options;
   options.seconds = Seconds(context.in.Get("--seconds"));
   options.path = context.in.Get("FILE");
+  CheckWritable(options.path);  // before the relay is taken from another client
   options.json = context.out.json();
   options.wait = context.daemon.wait();
   RelaySession::HoldInterrupts();
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const ProcessorId id = LookUpRelay(context.daemon, context.in.Get("PROCESSOR"));
   options.processor = id.id;
   options.name = id.name;
   return StayAtDaemon([&] { return Record(context.daemon.kvox(), options); });
@@ -57,7 +59,7 @@ int RunPlay(const Context& context) {
   options.wait = context.daemon.wait();
   auto file = OpenToPlay(context.in.Get("FILE"));
   RelaySession::HoldInterrupts();
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const ProcessorId id = LookUpRelay(context.daemon, context.in.Get("PROCESSOR"));
   options.processor = id.id;
   options.name = id.name;
   return StayAtDaemon([&] { return Play(context.daemon.kvox(), std::move(file), options); });

@@ -77,6 +77,19 @@ TEST_F(ClientAudioTest, UseCasesGoByNameInAnyCase) {
   EXPECT_EQ(Json("usecase status AREL_TELE")["enabled"], true);
   const json list = Json("usecase list")["usecases"];
   EXPECT_EQ(list[1], json::parse("{\"name\": \"MIC_IN\", \"enabled\": null}"));
+TEST_F(ClientAudioTest, RecordingThatCannotBeginTouchesNoFile) {
+  Do("processor new pass");
+  const std::string kept = (directory_ / "kept.wav").string();
+  const std::string fresh = (directory_ / "fresh.wav").string();
+  std::ofstream(kept) << "kept" << std::flush;
+  for (const std::string& file : {kept, fresh}) {
+    ExpectRefusal("record pass " + file, 2, "pass is of type pass, and only relays (type arel)");
+  }
+  EXPECT_EQ(ReadText(kept), "kept");
+  EXPECT_FALSE(exists(std::filesystem::path(fresh)));
+  ExpectRefusal("record pass /nowhere/x.wav", 2, "FILE: cannot write '/nowhere/x.wav': No such");
+}
+
   EXPECT_EQ(list[3]["enabled"], true);
   Do("usecase disable AREL_TELE");
   EXPECT_EQ(Do("usecase status AREL_TELE"), "Use case 'AREL_TELE' is disabled\n");

@@ -112,6 +112,8 @@ TEST_F(RelayMachineTest, WhoTakesARelayOverKeepsIt) {
   const std::string heard = (directory_ / "first.wav").string();
   const auto first = Client("record art0 " + heard);
   ASSERT_TRUE(WaitFor([&] { return !Samples(heard).empty(); }));
+  EXPECT_EQ(Run(Words("record art0 /nowhere/x.wav")).exit_status, 2);
+  EXPECT_EQ(first->Err(), "kvoxctl: recording from art0; Ctrl-C ends it\n");
   Process second(KVOXCTL_PROGRAM,
                  Words("record art0 --seconds 1 " + (directory_ / "second.wav").string()),
                  directory_ / "second");
