@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <numeric>
+#include <optional>
 
 #include "client/verbs/report.h"
 #include "client/verbs/words.h"
@@ -41,14 +42,25 @@ Fields FieldsOf(const std::string& name, const IKvox::ProcessorStats& stats) {
           {"active_ms", std::vector<double>(stats.measurements.begin(), stats.measurements.end())}};
 }
 
-/// Calls a method of every processor in question, whose answer is a status alone.
-template <typename Method, typename... T>
-int OnEach(const Context& context, const std::vector<ProcessorId>& ids, const char* name,
-           Method method, const T&... more) {
+/// How many times each processor keeps from now on, and whether it forgets what was measured.
+struct Changes {
+  std::optional<int32_t> entries;
+  bool reset = false;
+};
+
+int Change(const Context& context, const std::vector<ProcessorId>& ids, const Changes& changes) {
   std::vector<Fields> records;
   int worst = kDone;
   for (const ProcessorId& id : ids) {
-    const auto result = context.daemon.Call(name, method, id.id, more...);
+    IKvox::CommandResult result;
+    if (changes.entries) {
+      result =
+          context.daemon.Call("ProcessorSetStatsMaxBufferEntries",
+                              &IKvox::ProcessorSetStatsMaxBufferEntries, id.id, *changes.entries);
+    }
+    if (changes.reset && result.status == IKvox::CommandStatus::OK) {
+      result = context.daemon.Call("ProcessorResetStats", &IKvox::ProcessorResetStats, id.id);
+    }
     records.push_back({{"id", id.name}, {"status", static_cast<int64_t>(result.status)}});
     if (result.status == IKvox::CommandStatus::OK) continue;
     worst = kRefused;
@@ -83,16 +95,10 @@ int Show(const Context& context, const std::vector<ProcessorId>& ids) {
 
 int Stats(const Context& context) {
   const std::string& entries = context.in.Get("--entries");
-  const int32_t count = entries.empty() ? 0 : Number("--entries", entries, 0, kMostEntries);
+  Changes changes = {.entries = {}, .reset = context.in.Has("--reset")};
+  if (!entries.empty()) changes.entries = Number("--entries", entries, 0, kMostEntries);
   const std::vector<ProcessorId> ids = Wanted(context);
-  if (!entries.empty()) {
-    return OnEach(context, ids, "ProcessorSetStatsMaxBufferEntries",
-                  &IKvox::ProcessorSetStatsMaxBufferEntries, count);
-  }
-  if (context.in.Has("--reset")) {
-    return OnEach(context, ids, "ProcessorResetStats", &IKvox::ProcessorResetStats);
-  }
-  return Show(context, ids);
+  return changes.entries || changes.reset ? Change(context, ids, changes) : Show(context, ids);
 }
 
 }  // namespace
