@@ -60,12 +60,6 @@ std::string UserOf(const Person& person) {
   return "user " + person.name;
 }
 
-std::string StartCommand(const Facts& facts) {
-  if (!facts.place) return "start kvoxd";
-  if (facts.daemon.uid == facts.me.uid) return "kvoxd 2>kvoxd.log &";
-  return Sudo(facts.me) + "systemctl start kvoxd";
-}
-
 std::vector<Finding> Judge(const Facts& facts) {
   std::vector<Finding> findings;
   for (const auto judge : {JudgeDevices, JudgeScheduling, JudgeRuntimeDirectory, JudgeDaemon,

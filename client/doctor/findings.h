@@ -48,7 +48,8 @@ std::string WhatIsThere(const PathFacts& path);
 /// "user kvox"
 std::string UserOf(const Person& person);
 
-/// A command that starts the daemon.
+/// A command that starts the daemon; with a runtime directory of its own where this one is of no
+/// use.
 std::string StartCommand(const Facts& facts);
 
 }  // namespace kvox::client

@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <filesystem>
+
 #include "client/doctor/findings.h"
 #include "client/doctor/rights.h"
 #include "kvox/common/fixed_text.h"
@@ -86,8 +89,14 @@ void JudgeCaptures(const Facts& facts, std::vector<Finding>& findings) {
   const auto report = [&](Verdict verdict, const std::string& cause, const std::string& fix) {
     findings.push_back({verdict, "captures", "captures in " + directory.path, cause, fix});
   };
-  if (directory.error != 0 || !S_ISDIR(directory.mode)) {
+  if (directory.error == ENOENT && !directory.link) {
     return report(Verdict::kWarning, WhatIsThere(directory), "mkdir -p " + word);
+  }
+  if (directory.error != 0 || !S_ISDIR(directory.mode)) {
+    const std::string parent = std::filesystem::path(directory.path).parent_path();
+    return report(Verdict::kWarning,
+                  WhatIsThere(directory) + (directory.error == 0 ? ", not a directory" : ""),
+                  "kvoxctl doctor --captures " + ShellWord(parent.empty() ? "." : parent));
   }
   if (!May(facts.daemon, directory, kWrite | kSearch)) {
     return report(Verdict::kWarning, UserOf(facts.daemon) + " has no right to write and search it",

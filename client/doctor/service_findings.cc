@@ -16,6 +16,19 @@ constexpr size_t kLongestSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr double kSlowUs = 100'000;
 constexpr char kAnotherDirectory[] = "export KVOX_RUNTIME_DIR=$(mktemp -d)";
 
+bool IsTooLong(const Place& place) {
+  return place.socket.path.size() > kLongestSocketPath;
+}
+
+/// Nothing is there: kvoxd makes a directory.
+bool IsFree(const PathFacts& path) {
+  return path.error == ENOENT && !path.link;
+}
+
+bool IsDirectory(const PathFacts& path) {
+  return path.error == 0 && S_ISDIR(path.mode);
+}
+
 /// Collects findings about one object.
 class Report {
  public:
@@ -134,23 +147,26 @@ void JudgeInterface(const Facts& facts, std::vector<Finding>& findings) {
 
 }  // namespace
 
+std::string StartCommand(const Facts& facts) {
+  if (!facts.place) return "start kvoxd";
+  if (facts.daemon.uid != facts.me.uid) return Sudo(facts.me) + "systemctl start kvoxd";
+  const Place& place = *facts.place;
+  const bool fits = !IsTooLong(place) && (IsFree(place.directory) || IsDirectory(place.directory));
+  return (fits ? std::string() : std::string(kAnotherDirectory) + "; ") + "kvoxd 2>kvoxd.log &";
+}
+
 void JudgeRuntimeDirectory(const Facts& facts, std::vector<Finding>& findings) {
   if (!facts.place) return;
   const PathFacts& directory = facts.place->directory;
   Report report("runtime", "runtime directory " + directory.path, findings);
-  const size_t size = facts.place->socket.path.size();
-  if (size > kLongestSocketPath) {
+  if (IsTooLong(*facts.place)) {
     return report.Fail(
-        FormatText<128>("the path of the socket in it has %zu bytes, %zu is the most", size,
-                        kLongestSocketPath),
+        FormatText<128>("the path of the socket in it has %zu bytes, %zu is the most",
+                        facts.place->socket.path.size(), kLongestSocketPath),
         kAnotherDirectory);
   }
-  if (directory.error == ENOENT && !directory.link) {
-    return report.Warn("is not there; kvoxd makes it", StartCommand(facts));
-  }
-  if (directory.error != 0 || !S_ISDIR(directory.mode)) {
-    return report.Fail(WhatIsThere(directory), kAnotherDirectory);
-  }
+  if (IsFree(directory)) return report.Warn("is not there; kvoxd makes it", StartCommand(facts));
+  if (!IsDirectory(directory)) return report.Fail(WhatIsThere(directory), kAnotherDirectory);
   JudgeOwnership(facts, report);
   JudgeSocket(facts, findings);
 }

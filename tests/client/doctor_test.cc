@@ -106,6 +106,12 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatMendsIt) {
       {[](Facts& f) { f.rt_runtime_us = 0; }, "fix: sudo sysctl kernel.sched_rt_runtime_us="},
       {[](Facts& f) { f.place->socket.path.resize(108, 'x'); },
        "has 108 bytes, 107 is the most  fix: export KVOX_RUNTIME_DIR=$(mktemp -d)\n"},
+      {[](Facts& f) {
+         f.place->socket.path.resize(108, 'x');
+         f.daemon = f.me;
+         f.answer = {.status = kNoDaemon, .error = "x"};
+       },
+       "kvoxd: x  fix: export KVOX_RUNTIME_DIR=$(mktemp -d); kvoxd 2>kvoxd.log &\n"},
       {[](Facts& f) { f.place->directory.uid = 5; },
        "and kvoxd (user kvox) refuses it  fix: sudo chown kvox /run/kvox\n"},
       {[](Facts& f) { f.place->directory.mode = S_IFDIR | 0777; },
@@ -148,6 +154,8 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatMendsIt) {
       {[](Facts& f) { f.free_bytes = 115'200'000; },
        "only 0.12 GB free, 10 min of one buffer at 48 kHz, 2 x 16 bits  fix: df -h; ls -lhS /tmp"},
       {[](Facts& f) { f.captures.mode = S_IFDIR | 0755; }, "warning  captures in /tmp: user kvox"},
+      {[](Facts& f) { f.captures = At("/tmp/a.wav", S_IFREG | 0644); },
+       "a.wav: is a regular file, not a directory  fix: kvoxctl doctor --captures /tmp\n"},
   };
   for (const auto& row : rows) {
     Facts facts = Healthy();
