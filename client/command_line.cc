@@ -8,8 +8,8 @@
 
 #include "client/arguments.h"
 #include "client/help.h"
-#include "client/near_matches.h"
 #include "kvox/common/fixed_text.h"
+#include "kvox/common/near_matches.h"
 
 namespace kvox::client {
 namespace {

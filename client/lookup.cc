@@ -5,9 +5,9 @@
 #include <cmath>
 
 #include "client/arguments.h"
-#include "client/near_matches.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
+#include "kvox/common/near_matches.h"
 
 namespace kvox::client {
 namespace {

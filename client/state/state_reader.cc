@@ -2,9 +2,9 @@
 #include <optional>
 
 #include "client/lookup.h"
-#include "client/near_matches.h"
 #include "client/state/state_file.h"
 #include "kvox/common/fixed_text.h"
+#include "kvox/common/near_matches.h"
 #include "kvox/toml/table_reader.h"
 
 namespace kvox::client {

@@ -1,11 +1,11 @@
 #include <algorithm>
 
 #include "client/arguments.h"
-#include "client/near_matches.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
 #include "client/verbs/words.h"
 #include "kvox/common/fixed_text.h"
+#include "kvox/common/near_matches.h"
 
 namespace kvox::client {
 namespace {

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "kvox/common/near_matches.h"
 #include "kvox/toml/toml.h"
 
 namespace kvox {
@@ -134,8 +135,10 @@ class TableReader {
   void RejectUnknownKeys() {
     for (const auto& [key, node] : table_) {
       if (std::ranges::count(known_, key.str()) > 0) continue;
+      const std::string near = DidYouMean(std::string(key.str()), known_);
       report_.Fail(node, KeyPath(key.str()),
-                   fmt::format("unknown key; expected one of {}", fmt::join(known_, ", ")));
+                   fmt::format("unknown key; {}{}expected one of {}", near, near.empty() ? "" : " ",
+                               fmt::join(known_, ", ")));
     }
   }
 

@@ -8,7 +8,7 @@
 
 #include "client/help.h"
 #include "client/lookup.h"
-#include "client/near_matches.h"
+#include "kvox/common/near_matches.h"
 
 namespace kvox::client {
 namespace {

@@ -170,7 +170,10 @@ TEST(StateFile, WhatIsWrongIsNamedByLineAndKey) {
     return std::string("nothing");
   };
   EXPECT_THAT(problem("[[processor]\n"), HasSubstr("f:2: "));
-  EXPECT_THAT(problem("runing = []"), HasSubstr("f:2: runing: unknown key; expected one of schema, use_cases,"));
+  EXPECT_THAT(
+      problem("runing = []"),
+      HasSubstr(
+          "f:2: runing: unknown key; did you mean 'running'? expected one of schema, use_cases,"));
   EXPECT_THAT(problem("tap = 5"), HasSubstr("f:2: tap: found 5; expected [[tap]]"));
   EXPECT_THAT(problem("use_cases = ['MIC_IN']"), HasSubstr("does not tell whether 'MIC_IN' is on"));
   EXPECT_THAT(problem("running = ['tapout1']", kNoObject),

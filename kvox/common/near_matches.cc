@@ -1,4 +1,4 @@
-#include "client/near_matches.h"
+#include "kvox/common/near_matches.h"
 
 #include <algorithm>
 #include <numeric>
@@ -6,7 +6,7 @@
 
 #include "kvox/common/fixed_text.h"
 
-namespace kvox::client {
+namespace kvox {
 namespace {
 
 char Lower(char c) {
@@ -57,18 +57,21 @@ std::vector<std::string> NearMatches(const std::string& word,
   return best;
 }
 
+std::string DidYouMean(const std::string& word, const std::vector<std::string>& names) {
+  std::string text;
+  const std::vector<std::string> near = NearMatches(word, names);
+  for (size_t i = 0; i < near.size(); ++i) {
+    text += (i == 0 ? "did you mean '" : i + 1 == near.size() ? " or '" : ", '") + near[i] + "'";
+  }
+  return near.empty() ? "" : text + "?";
+}
+
 std::string NotFound(const std::string& what, const std::string& word,
                      const std::vector<std::string>& names, const std::string& hint) {
   constexpr size_t kShown = 80;
-  std::string text = "there is no " + what + " '" + ValidUtf8(word.substr(0, kShown)) + "'";
-  const std::vector<std::string> near = NearMatches(word, names);
-  for (size_t i = 0; i < near.size(); ++i) {
-    text += (i == 0                 ? "; did you mean "
-             : i + 1 == near.size() ? " or "
-                                    : ", ") +
-            ("'" + near[i]) + "'";
-  }
-  return text + (near.empty() ? "; " : "? ") + hint;
+  const std::string near = DidYouMean(word, names);
+  return "there is no " + what + " '" + ValidUtf8(word.substr(0, kShown)) + "'; " + near +
+         (near.empty() ? "" : " ") + hint;
 }
 
-}  // namespace kvox::client
+}  // namespace kvox

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kvox::client {
+namespace kvox {
 
 /// How many letters have to be inserted, deleted or replaced to make one of the other; case counts
 /// for nothing.
@@ -15,8 +15,11 @@ size_t EditDistance(std::string_view a, std::string_view b);
 std::vector<std::string> NearMatches(const std::string& word,
                                      const std::vector<std::string>& names);
 
+/// "did you mean 'A' or 'B'?", "" where nothing resembles `word`.
+std::string DidYouMean(const std::string& word, const std::vector<std::string>& names);
+
 /// "there is no WHAT 'WORD'; did you mean 'A' or 'B'? HINT"
 std::string NotFound(const std::string& what, const std::string& word,
                      const std::vector<std::string>& names, const std::string& hint);
 
-}  // namespace kvox::client
+}  // namespace kvox
