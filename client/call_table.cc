@@ -8,6 +8,7 @@
 #include "client/audio_receiver.h"
 #include "client/file.h"
 #include "kvox/common/fixed_text.h"
+#include "kvox/common/near_matches.h"
 
 namespace kvox::client {
 namespace {
@@ -256,8 +257,10 @@ PreparedCall PrepareCall(const std::string& method, const Words& words) {
   const auto row = std::find_if(rows.begin(), rows.end(),
                                 [&](const Row& candidate) { return candidate.name == method; });
   if (row == rows.end()) {
-    throw UsageError("METHOD: there is no '" + ValidUtf8(method) +
-                     "'; 'kvoxctl call --help' lists them");
+    std::vector<std::string> names;
+    for (const Row& other : rows) names.push_back(other.name);
+    throw UsageError("METHOD: " +
+                     NotFound("method", method, names, "'kvoxctl call --help' lists them"));
   }
   if (words.size() < row->min_words) {
     throw UsageError(method + " takes " + row->arguments + "; " + std::to_string(words.size()) +

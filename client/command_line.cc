@@ -30,8 +30,8 @@ class Parser {
   explicit Parser(const std::string& name, Common& common) : app_("", name) {
     app_.add_flag("--json", common.json);
     app_.add_flag("--short", common.short_form)->excludes("--json");
-    app_.add_option("--color", common.color);
-    app_.add_option("--timeout", common.timeout_s);
+    app_.add_option("--color", common.color)->type_name("WHEN");
+    app_.add_option("--timeout", common.timeout_s)->type_name("SECONDS");
   }
 
   CLI::App& app() { return app_; }
@@ -42,13 +42,33 @@ class Parser {
       app_.parse(Words(words.rbegin(), words.rend()));
     } catch (const CLI::CallForHelp&) {
       return false;
+    } catch (const CLI::ExtrasError&) {
+      throw UsageError(UnknownOption(app_.remaining().front(), hint));
     } catch (const CLI::ParseError& error) {
-      throw UsageError(ValidUtf8(error.what()) + "; '" + hint + " --help' shows what it takes");
+      throw UsageError(ValidUtf8(WithoutCount(error.what())) + "; '" + hint +
+                       " --help' shows what it takes");
     }
     return true;
   }
 
+  /// What there is instead of the option `word`, which may have a value: "--jsn=1".
+  std::string UnknownOption(const std::string& word, const std::string& hint) const {
+    Words names;
+    for (const CLI::Option* const option : app_.get_options()) {
+      if (!option->get_positional()) names.push_back(option->get_name());
+    }
+    return NotFound("option", word.substr(0, word.find('=')), names,
+                    "'" + hint + " --help' shows what it takes");
+  }
+
  private:
+  /// "--timeout: 1 required SECONDS missing" without the number.
+  static std::string WithoutCount(std::string text) {
+    constexpr std::string_view kCount = ": 1 required ";
+    const size_t at = text.find(kCount);
+    return at == text.npos ? text : text.replace(at, kCount.size(), ": ");
+  }
+
   CLI::App app_;
 };
 
@@ -58,7 +78,11 @@ void AddOptions(CLI::App& app, const Verb& verb, Input& in) {
     if (option.value == nullptr) {
       app.add_flag_function(option.name, [&words](int64_t) { words = {"1"}; });
     } else {
-      app.add_option(option.name, words)->expected(1)->allow_extra_args(false)->take_last();
+      app.add_option(option.name, words)
+          ->type_name(option.value)
+          ->expected(1)
+          ->allow_extra_args(false)
+          ->take_last();
     }
   }
 }
@@ -155,11 +179,11 @@ bool AsksForHelp(const std::string& word) {
 
 /// Finds the verb that `words` begin with, and takes its name off them. nullptr with a help text
 /// when that is what they ask for.
-const Verb* TakeVerb(Words& words, std::string& help) {
+const Verb* TakeVerb(const Parser& program, Words& words, std::string& help) {
   if (words.empty()) throw UsageError("a verb is missing; 'kvoxctl --help' lists them");
   const std::string first = words.front();
   if (first.starts_with('-')) {
-    throw UsageError("there is no option '" + ValidUtf8(first) + "'; 'kvoxctl --help' lists them");
+    throw UsageError(program.UnknownOption(first, "kvoxctl"));
   }
   const Noun* const noun = FindNoun(first);
   if (const Verb* const verb = FindVerb("", first)) {
@@ -203,7 +227,7 @@ CommandLine ReadCommandLine(const Words& words, const std::string& version) {
     return line;
   }
   Words rest = program.app().remaining();
-  const Verb* const verb = TakeVerb(rest, line.help);
+  const Verb* const verb = TakeVerb(program, rest, line.help);
   if (verb == nullptr) return line;
   if (verb->manner == Manner::kRaw) {
     line.in.words[verb->arguments.front().name] = rest;

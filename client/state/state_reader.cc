@@ -69,6 +69,7 @@ class Reader {
         state_.telephony = true;
         return;
       }
+      if (!IsKnown(table, at, "use_cases", "use case", name, NamesOf(snapshot_.use_cases))) return;
       table.Fail(at, "use_cases",
                  fmt::format("the daemon does not tell whether '{}' is on; expected {} or nothing, "
                              "and what other use cases set up as processors and tap points",
@@ -193,9 +194,10 @@ class Reader {
     return false;
   }
 
-  static std::vector<std::string> NamesOf(const std::vector<Buffer>& buffers) {
+  template <typename T>
+  static std::vector<std::string> NamesOf(const std::vector<T>& items) {
     std::vector<std::string> names;
-    for (const Buffer& buffer : buffers) names.push_back(buffer.name);
+    for (const T& item : items) names.push_back(item.name);
     return names;
   }
 

@@ -141,6 +141,7 @@ Snapshot Phone() {
                    {.core = 2, .code = "genp", .index = 1},
                    {.core = 3, .code = "genp", .index = 1, .enabled = true}};
   snapshot.tapouts = {{.id = 0, .name = "tapout0", .enabled = true}, {.id = 2, .name = "tapout2"}};
+  snapshot.use_cases = {{"MIC_IN", std::nullopt}, {"AREL_TELE", false}};
   snapshot.injects = {{.id = 0, .name = "inject0", .direction = Direction::kInject}};
   return snapshot;
 }
@@ -176,6 +177,8 @@ TEST(StateFile, WhatIsWrongIsNamedByLineAndKey) {
           "f:2: runing: unknown key; did you mean 'running'? expected one of schema, use_cases,"));
   EXPECT_THAT(problem("tap = 5"), HasSubstr("f:2: tap: found 5; expected [[tap]]"));
   EXPECT_THAT(problem("use_cases = ['MIC_IN']"), HasSubstr("does not tell whether 'MIC_IN' is on"));
+  EXPECT_THAT(problem("use_cases = ['AREL_TEL']", kNoObject),
+              HasSubstr("did you mean 'AREL_TELE'"));
   EXPECT_THAT(problem("running = ['tapout1']", kNoObject),
               HasSubstr("f:2: running: there is no tap-out buffer 'tapout1'; did you mean"));
   EXPECT_THAT(problem("[[tap]]\nname = 'imik.0'", kNoObject), HasSubstr("f:3: tap[1].name"));

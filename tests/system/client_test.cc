@@ -43,7 +43,7 @@ TEST_F(ClientTest, WrongUsageNamesTheArgumentAndSendsNothing) {
     const char* message;
   } rows[] = {
       {"call", "METHOD is missing"},
-      {"call Pong", "METHOD: there is no 'Pong'"},
+      {"call Pong", "METHOD: there is no method 'Pong'; did you mean 'Ping'?"},
       {"call NewProcessor", "NewProcessor takes PROCESSOR; 0 given"},
       {"call NewProcessor abcde", "PROCESSOR: 'abcde' is not four characters or a number"},
       {"call TapEnable 2 imic 0 yes", "ENABLE: 'yes' is not true, false, 1 or 0"},
