@@ -75,6 +75,13 @@ std::vector<Buffer> Named(const std::vector<Buffer>& buffers, const std::string&
   return found;
 }
 
+/// With those whose rows the daemon has cut: they are there all the same.
+std::vector<Buffer> BuffersOf(Daemon& daemon, Direction direction) {
+  auto told = AskBuffers(daemon, direction);
+  told.items.insert(told.items.end(), told.cut.begin(), told.cut.end());
+  return std::move(told.items);
+}
+
 std::string NameOf(const Buffer& buffer) {
   return buffer.name;
 }
@@ -174,16 +181,16 @@ TapPoint LookUpTap(Daemon& daemon, const std::string& word) {
 }
 
 Buffer LookUpBuffer(Daemon& daemon, Direction direction, const std::string& word) {
-  const auto told = AskBuffers(daemon, direction);
-  const auto found = Named(told.items, word);
+  const std::vector<Buffer> buffers = BuffersOf(daemon, direction);
+  const auto found = Named(buffers, word);
   if (!found.empty()) return found.front();
-  throw Failure(kNoObject, NotFound(WordFor(direction), word, NamesOf(told.items, NameOf),
+  throw Failure(kNoObject, NotFound(WordFor(direction), word, NamesOf(buffers, NameOf),
                                     "'kvoxctl buffer list' shows all"));
 }
 
 Buffer LookUpBuffer(Daemon& daemon, const std::string& word) {
-  auto buffers = AskBuffers(daemon, Direction::kTapOut).items;
-  const auto injects = AskBuffers(daemon, Direction::kInject).items;
+  auto buffers = BuffersOf(daemon, Direction::kTapOut);
+  const auto injects = BuffersOf(daemon, Direction::kInject);
   buffers.insert(buffers.end(), injects.begin(), injects.end());
   const auto found = Named(buffers, word);
   if (found.size() == 1) return found.front();

@@ -24,7 +24,7 @@ template <typename Read>
 auto Tell(Lines lines, Read read) {
   auto rows = read(lines);
   return Told<typename decltype(rows.items)::value_type>{std::move(rows.items), rows.unread,
-                                                         std::move(lines)};
+                                                         std::move(lines), std::move(rows.cut)};
 }
 
 Told<std::string> TellNames(Lines lines) {

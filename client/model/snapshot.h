@@ -19,6 +19,7 @@ struct Told {
   std::vector<T> items;
   int unread = 0;  // rows that could not be read
   Lines lines;
+  std::vector<T> cut = {};  // of the unread, as in Rows
 };
 
 /// These ask the daemon for one of its tables. They throw Failure when it refuses or is gone.

@@ -80,9 +80,14 @@ class Row {
   void Require(bool condition) { good_ = good_ && condition; }
   bool good() const { return good_; }
 
+  /// What has been read tells which thing the row is about, even when the rest is cut.
+  void EndName() { named_ = good_; }
+  bool named() const { return named_; }
+
  private:
   std::string_view text_;
   bool good_ = true;
+  bool named_ = false;
 };
 
 /// Reads each line behind the one that begins with `header`.
@@ -102,6 +107,7 @@ Rows<T> ReadTable(const Lines& lines, std::string_view header, Read read) {
       rows.items.push_back(std::move(item));
     } else {
       ++rows.unread;
+      if (row.named()) rows.cut.push_back(std::move(item));
     }
   }
   return rows;
@@ -178,6 +184,7 @@ Buffer ReadBuffer(Direction direction, Row& row) {
   row.Skip(2);
   buffer.id = row.Whole<int>(row.Column(kColumn));
   buffer.name = row.Column(kColumn);
+  row.EndName();
   buffer.producer = NameOrNone(row.Column(kColumn));
   buffer.enabled = row.Flag(row.LastWord());
   buffer.consumers = SplitIds(NameOrNone(Trim(row.rest())));

@@ -20,6 +20,7 @@ template <typename T>
 struct Rows {
   std::vector<T> items;
   int unread = 0;
+  std::vector<T> cut = {};  // of the unread: buffers of which only id and name are to be trusted
 };
 
 /// ListProcessors.

@@ -74,6 +74,9 @@ TEST(Tables, BuffersTellWhomTheyServe) {
                                        "  42        tapout42  -         art0,art1,art2,a"});
   ASSERT_EQ(tapouts.items.size(), 3u);
   EXPECT_EQ(tapouts.unread, 1) << "the daemon cuts long rows";
+  ASSERT_EQ(tapouts.cut.size(), 1u);
+  EXPECT_EQ(tapouts.cut[0].id, 42);
+  EXPECT_EQ(tapouts.cut[0].name, "tapout42");
   EXPECT_THAT(tapouts.items[0].consumers, ElementsAre("pass"));
   EXPECT_TRUE(tapouts.items[0].enabled);
   EXPECT_THAT(tapouts.items[1].consumers, ElementsAre("art0", "a,b ", "pas1"));
