@@ -47,22 +47,18 @@ bool Matches(const TapWord& wanted, const TapPoint& tap) {
   return tap.code == wanted.code && (!wanted.index || tap.index == *wanted.index);
 }
 
-/// Every tap point of the cores in question.
-std::vector<TapPoint> TapsOf(Daemon& daemon, const TapWord& wanted) {
+/// Every tap point of one core, or of all. Throws Failure when none of them answers.
+std::vector<TapPoint> TapsOf(Daemon& daemon, const std::optional<int>& only) {
   std::vector<int> cores(std::begin(kCores), std::end(kCores));
-  if (wanted.core) cores = {*wanted.core};
+  if (only) cores = {*only};
   std::vector<TapPoint> taps;
-  std::string silent;
+  std::vector<int> silent;
   for (const int core : cores) {
     auto told = AskTaps(daemon, core);
-    if (!CoreAnswered(told.lines)) silent += " " + std::to_string(core);
+    if (!CoreAnswered(told.lines)) silent.push_back(core);
     taps.insert(taps.end(), told.items.begin(), told.items.end());
   }
-  if (taps.empty() && !silent.empty()) {
-    throw Failure(kRefused, "core" + silent +
-                                " told of no tap points; see in the daemon's log whether the "
-                                "co-processor answers, and that it has that core");
-  }
+  if (taps.empty() && !silent.empty()) throw Failure(kRefused, SilenceOf(silent));
   return taps;
 }
 
@@ -162,12 +158,13 @@ TapPoint LookUpTap(Daemon& daemon, const std::string& word) {
     throw UsageError("TAP: '" + ValidUtf8(word) +
                      "' is not a tap point's name such as imic.0 or 2:imic.0");
   }
-  const std::vector<TapPoint> taps = TapsOf(daemon, *wanted);
+  std::vector<TapPoint> taps = TapsOf(daemon, wanted->core);
   std::vector<TapPoint> found;
   std::copy_if(taps.begin(), taps.end(), std::back_inserter(found),
                [&](const TapPoint& tap) { return Matches(*wanted, tap); });
   if (found.size() == 1) return found.front();
   if (found.empty()) {
+    if (wanted->core) taps = TapsOf(daemon, std::nullopt);  // it may be on another core
     throw Failure(kNoObject, NotFound("tap point", word,
                                       NamesOf(taps,
                                               [&](const TapPoint& tap) {

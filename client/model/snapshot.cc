@@ -1,6 +1,7 @@
 #include "client/model/snapshot.h"
 
 #include <algorithm>
+#include <numeric>
 
 #include "kvox/common/four_cc.h"
 
@@ -90,26 +91,58 @@ int32_t CodeOf(const std::string& name) {
   return static_cast<int32_t>(code);
 }
 
+std::string NamesOfCores(const std::vector<int>& cores) {
+  std::string text = cores.size() == 1 ? "core " : "cores ";
+  for (size_t i = 0; i < cores.size(); ++i) {
+    const char* const between = i + 1 < cores.size() ? ", " : " and ";
+    text += (i == 0 ? "" : between) + std::to_string(cores[i]);
+  }
+  return text;
+}
+
+std::string SilenceOf(const std::vector<int>& cores) {
+  const bool one = cores.size() == 1;
+  return NamesOfCores(cores) + (one ? " does" : " do") +
+         " not answer; see in the daemon's log whether the co-processor answers, and that it has " +
+         (one ? "that core" : "those cores");
+}
+
+int Snapshot::unread() const {
+  return std::accumulate(unread_rows.begin(), unread_rows.end(), 0,
+                         [](int sum, const UnreadRows& rows) { return sum + rows.count; });
+}
+
+std::string GapsOf(const Snapshot& snapshot) {
+  std::string text;
+  for (const UnreadRows& rows : snapshot.unread_rows) {
+    text += (text.empty() ? "" : "; ") + std::to_string(rows.count) +
+            (rows.count == 1 ? " row" : " rows") + " of 'kvoxctl " + rows.list +
+            "' cannot be read; look there for the reason";
+  }
+  if (snapshot.silent_cores.empty()) return text;
+  return SilenceOf(snapshot.silent_cores) + (text.empty() ? "" : "; ") + text;
+}
+
 Snapshot ReadSnapshot(Daemon& daemon) {
   Snapshot snapshot;
-  const auto take = [&snapshot](auto told) {
-    snapshot.unread += told.unread;
+  const auto take = [&snapshot](auto told, std::string list) {
+    if (told.unread != 0) snapshot.unread_rows.push_back({std::move(list), told.unread});
     return std::move(told.items);
   };
-  snapshot.types = take(AskTypes(daemon));
-  snapshot.processors = take(AskProcessors(daemon));
+  snapshot.types = take(AskTypes(daemon), "processor types");
+  snapshot.processors = take(AskProcessors(daemon), "processor list");
   for (Processor& processor : snapshot.processors) {
     processor.settings = AskSettings(daemon, processor.id);
   }
   for (const int core : kCores) {
     auto told = AskTaps(daemon, core);
     if (!CoreAnswered(told.lines)) snapshot.silent_cores.push_back(core);
-    const auto taps = take(std::move(told));
+    const auto taps = take(std::move(told), "tap list " + std::to_string(core));
     snapshot.taps.insert(snapshot.taps.end(), taps.begin(), taps.end());
   }
-  snapshot.tapouts = take(AskBuffers(daemon, Direction::kTapOut));
-  snapshot.injects = take(AskBuffers(daemon, Direction::kInject));
-  for (const std::string& name : take(AskUseCases(daemon))) {
+  snapshot.tapouts = take(AskBuffers(daemon, Direction::kTapOut), "buffer list tap-out");
+  snapshot.injects = take(AskBuffers(daemon, Direction::kInject), "buffer list inject");
+  for (const std::string& name : take(AskUseCases(daemon), "usecase list")) {
     snapshot.use_cases.push_back({name, AskUseCase(daemon, name)});
   }
   return snapshot;

@@ -36,6 +36,18 @@ std::optional<bool> AskUseCase(Daemon& daemon, const std::string& name);
 /// The code of a name as the daemon shows it, without the blanks at its end.
 int32_t CodeOf(const std::string& name);
 
+/// "cores 2, 3 and 4"
+std::string NamesOfCores(const std::vector<int>& cores);
+
+/// That `cores` do not answer, and what to do then: a message or the end of one.
+std::string SilenceOf(const std::vector<int>& cores);
+
+/// How many rows of one of kvoxctl's lists could not be read.
+struct UnreadRows {
+  std::string list;  // the verb that shows it: "tap list 2"
+  int count;
+};
+
 struct Snapshot {
   std::vector<std::string> types;
   std::vector<Processor> processors;
@@ -44,12 +56,18 @@ struct Snapshot {
   std::vector<Buffer> tapouts;
   std::vector<Buffer> injects;
   std::vector<UseCase> use_cases;
-  int unread = 0;  // rows of all tables that could not be read
+  std::vector<UnreadRows> unread_rows = {};  // of tables that have some
+
+  int unread() const;
 };
 
 /// A fresh picture. Nothing is changed in the daemon: the measurements of processors, which reading
 /// would clear, are no part of it. Processors that go meanwhile have no settings.
 Snapshot ReadSnapshot(Daemon& daemon);
+
+/// What the snapshot lacks, and what to do about it: a message or the end of one. "" when it is
+/// whole.
+std::string GapsOf(const Snapshot& snapshot);
 
 /// The processor, tap point or buffer of that name in a list; nullptr when there is none.
 const Processor* FindProcessor(const std::vector<Processor>& processors, const std::string& id);

@@ -14,14 +14,15 @@ IKvox::CommandResult Send(const Step& step, const Snapshot& snapshot, Daemon& da
 /// How far a daemon was brought.
 struct Outcome {
   std::vector<Step> done;
-  std::vector<Step> left;               // the first of them went wrong
+  std::vector<Step> left;               // the first of them went wrong, if there are any
   ExitStatus status = kDone;            // of what went wrong
   std::string cause;                    // likewise
   std::vector<Difference> differences;  // that remain though nothing went wrong
 };
 
-/// Reads the file's `text`, and makes the daemon match it. Throws Failure as ReadState does, before
-/// anything is changed. Main thread.
+/// Reads the file's `text`, and makes the daemon match it. Throws Failure, before anything is
+/// changed, as ReadState does and when the daemon does not tell all of what it is set to do. Main
+/// thread.
 Outcome Apply(const std::string& text, const std::string& origin, bool keep, Daemon& daemon);
 
 }  // namespace kvox::client

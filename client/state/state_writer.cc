@@ -110,12 +110,12 @@ constexpr char kHead[] =
 std::string Gaps(const Snapshot& snapshot) {
   std::string text;
   if (!snapshot.silent_cores.empty()) {
-    text += fmt::format("# No answer came from core {}: its tap points are missing here.\n",
-                        fmt::join(snapshot.silent_cores, ", "));
+    text += fmt::format("# No answer came from {}, whose tap points are missing here.\n",
+                        NamesOfCores(snapshot.silent_cores));
   }
-  if (snapshot.unread != 0) {
+  if (snapshot.unread() != 0) {
     text += fmt::format("# {} of the daemon's rows could not be read and are missing here.\n",
-                        snapshot.unread);
+                        snapshot.unread());
   }
   return text;
 }
@@ -150,7 +150,7 @@ std::string StateAsJson(const Snapshot& snapshot) {
       "[{}], "
       "\"silent_cores\": [{}], \"unread_rows\": {}}}\n",
       state.telephony ? "\"AREL_TELE\"" : "", JsonNames(RunningTapOuts(snapshot)), processors, taps,
-      fmt::join(snapshot.silent_cores, ", "), snapshot.unread);
+      fmt::join(snapshot.silent_cores, ", "), snapshot.unread());
 }
 
 }  // namespace kvox::client

@@ -28,8 +28,12 @@ int Graph(const Context& context) {
     if (context.out.format() != Format::kText) {
       throw UsageError("--dot: a picture has no other form; leave out --json and --short");
     }
-    PrintOut(GraphAsDot(ReadSnapshot(context.daemon)));
-    return kDone;
+    const Snapshot snapshot = ReadSnapshot(context.daemon);
+    PrintOut(GraphAsDot(snapshot));
+    const std::string gaps = GapsOf(snapshot);
+    if (gaps.empty()) return kDone;
+    context.out.Message("the picture is not whole: " + gaps);
+    return kRefused;
   }
   const auto told = AskGraph(context.daemon);
   context.out.List(told.lines, "paths", RecordsOf(told.items), told.unread);

@@ -21,10 +21,9 @@ constexpr size_t kLongestFile = 1 << 20;
 int Export(const Context& context) {
   const Snapshot snapshot = ReadSnapshot(context.daemon);
   PrintOut(context.out.json() ? StateAsJson(snapshot) : WriteState(snapshot));
-  if (snapshot.silent_cores.empty() && snapshot.unread == 0) return kDone;
-  context.out.Message(
-      "the file is not whole: some of the daemon's tables did not come, see its comments; run "
-      "'kvoxctl tap list' to see which, and the daemon's log for the reason");
+  const std::string gaps = GapsOf(snapshot);
+  if (gaps.empty()) return kDone;
+  context.out.Message("the file is not whole: " + gaps);
   return kRefused;
 }
 
@@ -53,6 +52,8 @@ std::string Origin(const std::string& path) {
 
 int Compare(const Context& context, const std::string& path, bool keep) {
   const Snapshot snapshot = ReadSnapshot(context.daemon);
+  const std::string gaps = GapsOf(snapshot);
+  if (!gaps.empty()) throw Failure(kRefused, "nothing was compared: " + gaps);
   const State actual = StateOf(snapshot);
   const State wanted = Complete(ReadState(ReadText(path), Origin(path), snapshot), actual, keep);
   std::vector<std::string> lines;
@@ -87,6 +88,10 @@ int Tell(const Context& context, const std::string& origin, const Outcome& outco
   if (!outcome.left.empty()) {
     context.out.Message(Describe(outcome.left.front()) + ": " + outcome.cause +
                         "; the steps before it are done, the others are not" + next);
+    return outcome.status;
+  }
+  if (outcome.status != kDone) {
+    context.out.Message(outcome.cause + next);
     return outcome.status;
   }
   if (outcome.differences.empty()) return kDone;

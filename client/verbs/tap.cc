@@ -20,19 +20,17 @@ std::vector<int> CoresOf(const Context& context) {
 
 int List(const Context& context) {
   Told<TapPoint> all;
-  std::string silent;
+  std::vector<int> silent;
   for (const int core : CoresOf(context)) {
     auto told = AskTaps(context.daemon, core);
-    if (!CoreAnswered(told.lines)) silent += " " + std::to_string(core);
+    if (!CoreAnswered(told.lines)) silent.push_back(core);
     all.items.insert(all.items.end(), told.items.begin(), told.items.end());
     all.lines.insert(all.lines.end(), told.lines.begin(), told.lines.end());
     all.unread += told.unread;
   }
   context.out.List(all.lines, "taps", RecordsOf(all.items), all.unread);
   if (silent.empty()) return kDone;
-  context.out.Message("core" + silent +
-                      ": no list came; see in the daemon's log whether the co-processor answers, "
-                      "and that it has that core");
+  context.out.Message(SilenceOf(silent));
   return kRefused;
 }
 

@@ -54,7 +54,7 @@ TEST_F(ClientObjectsTest, ListsShowTapPointsAndBuffers) {
   EXPECT_EQ(taps["unread_rows"], 0);
   const ClientRun silent = Run(Words("tap list 7"));
   EXPECT_EQ(silent.exit_status, 1);
-  EXPECT_THAT(silent.err, HasSubstr("core 7: no list came"));
+  EXPECT_THAT(silent.err, HasSubstr("core 7 does not answer"));
 
   EXPECT_EQ(Do("buffer list"), Call("ListTapOutBuffers") + Call("ListInjectBuffers"));
   const json injects = Json("buffer list inject");
@@ -79,8 +79,8 @@ TEST_F(ClientObjectsTest, TapPointsGoByNameOnWhicheverCore) {
   EXPECT_EQ(Json("tap info adet")["core"], 3) << "the only index";
 
   ExpectRefusal("tap info genp", 2, "may be any of 2:genp.0 2:genp.1; name one");
-  ExpectRefusal("tap info 3:imic.0", 4, "did you mean '3:amic.0'");
-  ExpectRefusal("tap info 9:imic.0", 1, "core 9 told of no tap points");
+  ExpectRefusal("tap info 3:imic.0", 4, "did you mean '2:imic.0' or '3:amic.0'");
+  ExpectRefusal("tap info 9:imic.0", 1, "core 9 does not answer");
   ExpectRefusal("tap connect genp.0 tapout9 none", 4, "no tap-out buffer 'tapout9'; did you mean");
   ExpectRefusal("tap block-length genp.0 0", 2, "FRAMES: '0' is not a number from 1 to");
   ExpectRefusal("tap jitter-buffer genp.0 65535", 2, "is not a number from 0 to 65534");

@@ -90,6 +90,30 @@ TEST_F(ClientStateTest, ARefusalStopsAndTellsHowFarItCame) {
   ExpectRefusal("apply /nowhere", 2, "/nowhere");
 }
 
+TEST_F(ClientStateTest, ASilentCoProcessorIsNoEmptyOne) {
+  MakeBusy();
+  const std::string file = Write("schema = 1\n");
+  simulator_->Signal(SIGSTOP);
+  const std::string silence = " cores 2, 3 and 4 do not answer; see in the daemon's log";
+  ExpectRefusal("apply " + file, 1, "nothing was done:" + silence);
+  ExpectRefusal("apply --dry-run " + file, 1, "nothing was compared:" + silence);
+  EXPECT_THAT(Run(Words("export")).err, HasSubstr("the file is not whole:" + silence));
+  const ClientRun graph = Run(Words("graph --dot"));
+  EXPECT_EQ(graph.exit_status, 1);
+  EXPECT_THAT(graph.err, HasSubstr("the picture is not whole:" + silence));
+  simulator_->Signal(SIGCONT);
+  EXPECT_EQ(Json("processor list")["processors"].size(), 5u);
+
+  // The daemon cuts a row that names so many processors.
+  for (int i = 100; i < 150; ++i) {
+    const std::string id = "p" + std::to_string(i);
+    Call("NewProcessorWithType " + id + " pass");
+    Call("Connect " + id + " 0 -1");
+  }
+  Do("io stop tapout0");
+  ExpectRefusal("apply " + file, 1, "1 row of 'kvoxctl buffer list tap-out' cannot be read");
+}
+
 TEST_F(ClientStateTest, ThePictureShowsWhatIsOffAndWhatLacksAnEnd) {
   MakeBusy();
   const std::string dot = Do("graph --dot");

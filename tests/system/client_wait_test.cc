@@ -30,7 +30,7 @@ TEST_F(ClientWaitTest, GivesUpInTimeAndSaysWhy) {
   ExpectRefusal("wait daemon --timeout 0.1", 6, "did not come within 0.1 s: ");
   StartDaemon();
   ExpectRefusal("wait buffer tapout0 --timeout 0.1", 6, "there is no buffer 'tapout0'");
-  ExpectRefusal("wait tap imic.0 --timeout 3", 6, "core 2 3 4 told of no tap points");
+  ExpectRefusal("wait tap imic.0 --timeout 3", 6, "cores 2, 3 and 4 do not answer");
   Do("processor new pass");
   ExpectRefusal("wait processor pasx --timeout 0.1", 6, "did you mean 'pass'?");
   ExpectRefusal("wait processor pass --enabled --timeout 0.1", 6, "it is not enabled");
