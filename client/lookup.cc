@@ -115,12 +115,20 @@ ProcessorId LookUpRelay(Daemon& daemon, const std::string& word) {
                    ") have clients; 'kvoxctl processor list' shows types");
 }
 
+bool CanBeProcessor(const std::string& name) {
+  return !name.empty() && name.size() <= 4 && name.front() != ' ' && name.back() != ' ' &&
+         std::all_of(name.begin(), name.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
 ProcessorId NewProcessorId(const std::string& argument, const std::string& word) {
   const auto code = ParseCode(word);
-  if (!code) {
-    throw UsageError(argument + ": '" + ValidUtf8(word) + "' is not four characters or a number");
+  const std::string name = code ? ToString(static_cast<FourCc>(*code)) : "";
+  if (name.size() != 4 || !CanBeProcessor(name.substr(0, name.find_last_not_of(' ') + 1))) {
+    throw UsageError(argument + ": '" + ValidUtf8(word) +
+                     "' is not four printable characters, the first of them no blank, or their "
+                     "number such as 0x70617373");
   }
-  return {*code, ToString(static_cast<FourCc>(*code))};
+  return {*code, name};
 }
 
 ProcessorId LookUpType(Daemon& daemon, const std::string& word) {

@@ -24,7 +24,11 @@ ProcessorId LookUpProcessor(Daemon& daemon, const std::string& word);
 /// A processor that hands audio to a client and takes audio from it. Throws UsageError for others.
 ProcessorId LookUpRelay(Daemon& daemon, const std::string& word);
 
-/// The code of a processor that is to be made.
+/// True for what a processor can be called so that its name is shown and found again: up to four
+/// printable characters, no blank at either end.
+bool CanBeProcessor(const std::string& name);
+
+/// The code of a processor that is to be made. Throws UsageError.
 ProcessorId NewProcessorId(const std::string& argument, const std::string& word);
 
 /// A type that the daemon knows.

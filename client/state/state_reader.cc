@@ -90,7 +90,10 @@ class Reader {
     ProcessorState processor;
     processor.type = ReadName(row, "type");
     if (report_.failed()) return;
-    if (id.size() > 4) return row.Fail(At(row, "id"), "id", "expected four characters");
+    if (!CanBeProcessor(id)) {
+      return row.Unfit(At(row, "id"), "id",
+                       "up to four printable characters, with no blank at either end");
+    }
     if (!IsKnown(row, At(row, "type"), "type", "processor type", processor.type, snapshot_.types)) {
       return;
     }

@@ -76,7 +76,7 @@ std::vector<Verb> ProcessorVerbs() {
       {"processor",
        "new",
        "Make a processor, disabled and unconnected; one of the same name is replaced",
-       {{"ID", Kind::kText, "Four characters, or a number"},
+       {{"ID", Kind::kText, "Four printable characters, or their number"},
         {"TYPE", Kind::kProcessorType, "Its type; the id when not given", Arity::kOptional}},
        {},
        "processor new art0 arel",

@@ -156,7 +156,9 @@ class TableReader {
   static std::string Unexpected(const toml::node& node, std::string_view expected) {
     std::ostringstream found;
     if (node.is_value()) {
-      found << toml::toml_formatter(node);
+      constexpr auto kOneLine =
+          toml::toml_formatter::default_flags & ~toml::format_flags::allow_multi_line_strings;
+      found << toml::toml_formatter(node, kOneLine);
     } else {
       found << node.type();
     }

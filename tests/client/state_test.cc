@@ -184,6 +184,8 @@ TEST(StateFile, WhatIsWrongIsNamedByLineAndKey) {
   EXPECT_THAT(problem("[[tap]]\nname = 'imik.0'", kNoObject), HasSubstr("f:3: tap[1].name"));
   EXPECT_THAT(problem("[[tap]]\nname = 'genp.1'"), HasSubstr("any of 2:genp.1 3:genp.1"));
   EXPECT_THAT(problem("[[tap]]\nname='imic.0'\n[[tap]]\nname='2:imic.0'"), HasSubstr("twice"));
+  EXPECT_THAT(problem("[[processor]]\nid = \"\\n\\u0001a\"\ntype = 'pass'"),
+              HasSubstr("id: found \"\\n\\u0001a\"; expected up to four printable characters"));
   const std::string processor = "[[processor]]\nid = 'p'\ntype = 'pass'\n";
   EXPECT_THAT(problem("[[processor]]\nid = 'p'"), HasSubstr("f:2: processor[1].type: missing"));
   EXPECT_THAT(problem(processor + "output = 'inject0'\n[[processor]]\nid='q'\ntype='pass'\n"

@@ -37,7 +37,10 @@ TEST_F(ClientObjectsTest, NamesMayHoldAnythingAndSteerNoTerminal) {
   EXPECT_EQ(Run({"processor", "delete", "a b "}).exit_status, 0);
   EXPECT_EQ(Json("processor list")["processors"], json::array());
 
-  Run({"processor", "new",
+  for (const char* id : {"5", "    ", " abc", "ab\n!", "\x1b(0b"}) {
+    EXPECT_THAT(Run({"processor", "new", id, "pass"}).err, HasSubstr("not four printable")) << id;
+  }
+  Run({"call", "NewProcessorWithType",
        "\x1b"
        "c\x7f!",
        "pass"});
