@@ -20,8 +20,9 @@ std::string Text(const std::string& name) {
 /// Collects in which properties one object differs.
 class Comparison {
  public:
-  Comparison(std::string object, std::vector<Difference>& found)
-      : object_(std::move(object)), found_(found) {}
+  /// `absent` stands for settings that the object does not have now.
+  Comparison(std::string object, std::vector<Difference>& found, const char* absent = "unknown")
+      : object_(std::move(object)), found_(found), absent_(absent) {}
 
   template <typename T>
   void Compare(const char* property, const T& wanted, const T& actual) {
@@ -31,33 +32,31 @@ class Comparison {
   void Compare(const char* property, const std::optional<T>& wanted,
                const std::optional<T>& actual) {
     if (!wanted || wanted == actual) return;
-    found_.push_back({object_, property, Text(*wanted), actual ? Text(*actual) : "unknown"});
+    found_.push_back({object_, property, Text(*wanted), actual ? Text(*actual) : absent_});
   }
 
  private:
   const std::string object_;
   std::vector<Difference>& found_;
+  const char* const absent_;
 };
 
 void CompareProcessors(const State& wanted, const State& actual, std::vector<Difference>& found) {
   for (const auto& [id, processor] : wanted.processors) {
-    const auto now = actual.processors.find(id);
-    Comparison comparison("processor " + id, found);
-    if (now == actual.processors.end()) {
-      comparison.Compare("type", processor.type, std::string());
-      continue;
-    }
-    comparison.Compare("type", processor.type, now->second.type);
-    comparison.Compare("passthrough_mode", processor.passthrough_mode,
-                       now->second.passthrough_mode);
-    comparison.Compare("test_mode", processor.test_mode, now->second.test_mode);
+    const auto found_now = actual.processors.find(id);
+    const bool is_there = found_now != actual.processors.end();
+    const ProcessorState now = is_there ? found_now->second : ProcessorState();
+    Comparison comparison("processor " + id, found, is_there ? "unknown" : "none");
+    comparison.Compare("type", processor.type, now.type);
+    comparison.Compare("passthrough_mode", processor.passthrough_mode, now.passthrough_mode);
+    comparison.Compare("test_mode", processor.test_mode, now.test_mode);
     comparison.Compare("block_length_frames", processor.block_length_frames,
-                       now->second.block_length_frames);
+                       now.block_length_frames);
     comparison.Compare("jitter_buffer_frames", processor.jitter_buffer_frames,
-                       now->second.jitter_buffer_frames);
-    comparison.Compare("input", processor.input, now->second.input);
-    comparison.Compare("output", processor.output, now->second.output);
-    comparison.Compare("enabled", processor.enabled, now->second.enabled);
+                       now.jitter_buffer_frames);
+    comparison.Compare("input", processor.input, now.input);
+    comparison.Compare("output", processor.output, now.output);
+    comparison.Compare("enabled", processor.enabled, now.enabled);
   }
   for (const auto& [id, processor] : actual.processors) {
     if (wanted.processors.contains(id)) continue;

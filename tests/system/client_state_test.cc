@@ -56,6 +56,8 @@ TEST_F(ClientStateTest, WhatIsExportedComesBackAfterARestart) {
   const ClientRun dry = Run(Words("apply --dry-run " + file));
   EXPECT_EQ(dry.exit_status, 1);
   EXPECT_THAT(dry.out, HasSubstr("processor pass: type: wanted pass, actual none\n"));
+  EXPECT_THAT(dry.out, HasSubstr("pass: jitter_buffer_frames: wanted 960, actual none\n"));
+  EXPECT_THAT(dry.out, HasSubstr("pass: output: wanted inject0, actual none\n"));
   EXPECT_EQ(Json("processor list")["processors"], json::array()) << "dry";
 
   const json applied = Json("apply " + file);
