@@ -109,6 +109,35 @@ int ApplyFile(const Context& context) {
   return Tell(context, Origin(path), Apply(ReadText(path), Origin(path), keep, context.daemon));
 }
 
+const char* ApplyNotes() {
+  return "'kvoxctl export --help' tells what a file holds. What is not in it is taken away:\n"
+         "processors are deleted, tap points switched off and unbound, buffers stopped; --keep\n"
+         "leaves them as they are. Nothing is done while the daemon does not tell all of its\n"
+         "state, as when a core of the co-processor does not answer.\n";
+}
+
+const char* FileNotes() {
+  return "The file is TOML; keys without a * may be left out:\n"
+         "  schema*                1\n"
+         "  use_cases              list of names: AREL_TELE, for no other use case tells its "
+         "state\n"
+         "  running                list of names: tap-out buffers that are read\n"
+         "  [[processor]]          one for each processor:\n"
+         "    id*, type*           texts of up to four characters\n"
+         "    input, output        texts: names of a tap-out buffer and of an inject buffer\n"
+         "    enabled              true or false (false)\n"
+         "    passthrough_mode     true or false\n"
+         "    test_mode            true or false\n"
+         "    block_length_frames  480 to 24000 in steps of 480\n"
+         "    jitter_buffer_frames 0, or 480 to 24000\n"
+         "  [[tap]]                one for each tap point that is bound or enabled:\n"
+         "    name*                text: imic.0, or 2:imic.0 for core 2\n"
+         "    tapout, inject       texts: names of buffers\n"
+         "    enabled              true or false (false)\n"
+         "    block_length_frames  1 to 2147483647\n"
+         "A setting that is left out stays as it is; a buffer that is left out means none.\n";
+}
+
 }  // namespace
 
 std::vector<Verb> StateVerbs() {
@@ -119,7 +148,8 @@ std::vector<Verb> StateVerbs() {
        {},
        {},
        "export",
-       Export},
+       Export,
+       FileNotes},
       {"",
        "apply",
        "Make the daemon match a file that export has written",
@@ -129,7 +159,7 @@ std::vector<Verb> StateVerbs() {
         {"--keep", nullptr, Kind::kText, "Leave what the file does not name as it is"}},
        "apply --dry-run phone.toml",
        ApplyFile,
-       nullptr,
+       ApplyNotes,
        Manner::kApplies},
   };
 }

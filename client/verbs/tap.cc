@@ -36,12 +36,19 @@ int List(const Context& context) {
 
 /// Calls a method on the tap point that was named, with more arguments.
 template <typename Method, typename... T>
-int OnTap(const Context& context, const char* name, Method method, const T&... more) {
+int OnTapThen(const char* next_step, const Context& context, const char* name, Method method,
+              const T&... more) {
   const TapPoint tap = LookUpTap(context.daemon, context.in.Get("TAP"));
   const auto result =
       context.daemon.Call(name, method, tap.core, CodeOf(tap.code), tap.index, more...);
   return Report(context, "tap point " + tap.FullName(), result, {{"tap", tap.FullName()}},
-                "the daemon's log and the co-processor's tell more");
+                next_step);
+}
+
+template <typename Method, typename... T>
+int OnTap(const Context& context, const char* name, Method method, const T&... more) {
+  return OnTapThen("the daemon's log and the co-processor's tell more", context, name, method,
+                   more...);
 }
 
 int Info(const Context& context) {
@@ -66,7 +73,7 @@ int JitterBuffer(const Context& context) {
 int SetGain(const Context& context) {
   const float gain = Gain("GAIN", context.in.Get("GAIN"));
   const int32_t ramp_ms = RampMs(context.in);
-  return OnTap(context, "TapSetGain", &IKvox::TapSetGain, gain, ramp_ms);
+  return OnTapThen(kNoGains, context, "TapSetGain", &IKvox::TapSetGain, gain, ramp_ms);
 }
 
 int Connect(const Context& context) {
@@ -148,7 +155,8 @@ std::vector<Verb> TapVerbs() {
        {TapArgument(), GainArgument()},
        {RampOption()},
        "tap gain imic.0 0.5 --ramp 20",
-       SetGain},
+       SetGain,
+       GainNotes},
   };
 }
 

@@ -46,7 +46,7 @@ int SetGain(const Context& context) {
   const std::string name = LookUpUseCase(context.daemon, context.in.Get("USECASE"));
   const auto result =
       context.daemon.Call("UseCaseSetGain", &IKvox::UseCaseSetGain, name, gain, ramp_ms);
-  return Report(context, "use case " + name, result, {{"name", name}});
+  return Report(context, "use case " + name, result, {{"name", name}}, kNoGains);
 }
 
 }  // namespace
@@ -81,7 +81,8 @@ std::vector<Verb> UseCaseVerbs() {
        {kUseCase, GainArgument()},
        {RampOption()},
        "usecase gain MIC_IN 0.5 --ramp 20",
-       SetGain},
+       SetGain,
+       GainNotes},
   };
 }
 

@@ -31,6 +31,14 @@ inline Argument GainArgument() {
   return {"GAIN", Kind::kNumber, "Factor"};
 }
 
+inline const char* GainNotes() {
+  return "kvoxd knows the command, but sets no gain: it refuses for every tap point and use case.\n"
+         "Gains are the co-processor's own business.\n";
+}
+
+/// The next step behind every refusal of a gain.
+inline constexpr char kNoGains[] = "kvoxd sets no gain; set it where the audio is made or played";
+
 inline Option RampOption() {
   return {"--ramp", "MS", Kind::kNumber, "How long the change takes, 0 to 3600000 ms (0)"};
 }

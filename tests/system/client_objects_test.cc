@@ -87,7 +87,8 @@ TEST_F(ClientObjectsTest, TapPointsGoByNameOnWhicheverCore) {
   ExpectRefusal("tap connect genp.0 tapout9 none", 4, "no tap-out buffer 'tapout9'; did you mean");
   ExpectRefusal("tap block-length genp.0 0", 2, "FRAMES: '0' is not a number from 1 to");
   ExpectRefusal("tap jitter-buffer genp.0 65535", 2, "is not a number from 0 to 65534");
-  ExpectRefusal("tap gain genp.0 0.5 --ramp 10", 1, "tap point 2:genp.0: Unavailable");
+  ExpectRefusal("tap gain genp.0 0.5 --ramp 10", 1,
+                "Unavailable; TapSetGain: ERROR; kvoxd sets no gain");
   ExpectRefusal("tap block-length genp.0 2000000", 1, "failed, status -22");
 }
 
