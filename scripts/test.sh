@@ -15,7 +15,7 @@ run_suite() {
   echo "== $1: build"
   build_preset "$1"
   echo "== $1: test"
-  ctest --test-dir "build/$1" --output-on-failure --parallel "$(nproc)" --no-tests=error |
+  ctest --test-dir "build/$1" --output-on-failure --parallel "$(($(nproc) + 1))" --no-tests=error |
     grep -vE '^ *(Start +[0-9]+:|[0-9]+/[0-9]+ Test .* Passed )'
   echo "== $1: passed in $((SECONDS - begin)) s"
 }
