@@ -94,13 +94,8 @@ TEST_F(ClientLiveTest, EverySignalGivesTheTerminalBack) {
   const struct {
     int signal;
     int status;
-  } rows[] = {{SIGINT, 0},
-              {SIGTERM, -SIGTERM},
-              {SIGHUP, -SIGHUP},
-              {SIGQUIT, -SIGQUIT},
-              {SIGUSR1, -SIGUSR1},
-              {SIGALRM, -SIGALRM},
-              {SIGABRT, -SIGABRT}};
+  } rows[] = {{SIGINT, 0},         {SIGTERM, -SIGTERM}, {SIGHUP, -SIGHUP},  {SIGQUIT, -SIGQUIT},
+              {SIGUSR1, -SIGUSR1}, {SIGALRM, -SIGALRM}, {SIGABRT, -SIGABRT}};
   for (const auto& row : rows) {
     const auto terminal = Top();
     ASSERT_TRUE(terminal->Shows("pas1"));
