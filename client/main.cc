@@ -13,6 +13,22 @@ namespace {
 
 using namespace kvox::client;
 
+/// Tells what is being caught. Answers the exit status for it.
+int Tell(const Out& out) {
+  try {
+    throw;
+  } catch (const Failure& failure) {
+    out.Message(failure.what());
+    return failure.status();
+  } catch (const UsageError& error) {
+    out.Message(error.what());
+    return kWrongUsage;
+  } catch (const std::exception& error) {
+    out.Message(error.what());
+    return kFailed;
+  }
+}
+
 int Run(const std::vector<std::string>& words) {
   if (!words.empty() && words.front() == kCompletionDoor) {
     return Complete({words.begin() + 1, words.end()});
@@ -26,12 +42,8 @@ int Run(const std::vector<std::string>& words) {
   Daemon daemon(line.wait, line.verb->manner == Manner::kRaw ? kNoDaemon : kTimedOut);
   try {
     return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
-  } catch (const Failure& failure) {
-    out.Message(failure.what());
-    return failure.status();
-  } catch (const std::exception& error) {
-    out.Message(error.what());
-    return dynamic_cast<const UsageError*>(&error) != nullptr ? kWrongUsage : kFailed;
+  } catch (const std::exception&) {
+    return Tell(out);
   }
 }
 
@@ -42,9 +54,8 @@ int main(int argc, char** argv) {
   int status;
   try {
     status = Run({argv + 1, argv + argc});
-  } catch (const std::exception& error) {
-    Out(Format::kText, Color::kAuto).Message(error.what());
-    status = dynamic_cast<const UsageError*>(&error) != nullptr ? kWrongUsage : kFailed;
+  } catch (const std::exception&) {
+    status = Tell(Out(Format::kText, Color::kAuto));
   }
   // The answer is out: the binder's threads need no orderly end.
   _exit(status);

@@ -19,20 +19,21 @@ ln -s "$PWD"/platform/{platform.h,android} "$tree/platform"
 ln -s "$PWD"/platform/linux/include/{android,hardware_legacy} "$PWD/interface/host/include/aidl" \
   "$tree/include"
 
-flags=(-std=c++20 -stdlib=libc++ -Wall -Wextra -Wshadow -Wthread-safety -Werror -I. -isystem include
-  -isystem /usr/include/android -DKVOX_VERSION='""'
-  -DKVOX_ENABLE_PROCESSING=0 -DKVOX_ENABLE_PHONEBOOTH=0)
+# No run-time types: the libraries that the platform generates have none to derive from.
+flags=(-std=c++20 -stdlib=libc++ -fno-rtti -Wall -Wextra -Wshadow -Wthread-safety -Werror
+  -I. -isystem include -isystem /usr/include/android
+  -DKVOX_VERSION='""' -DKVOX_ENABLE_PROCESSING=0 -DKVOX_ENABLE_PHONEBOOTH=0)
 
-# precompile HEADER FLAG...: what most sources of the next compile include.
+# precompile HEADER: what most sources of the next compile include.
 precompile() {
-  (cd "$tree" && echo "#include <$1>" >common.h && shift &&
-    clang++-16 -x c++-header "${flags[@]}" "$@" common.h -o common.pch)
+  (cd "$tree" && echo "#include <$1>" >common.h &&
+    clang++-16 -x c++-header "${flags[@]}" common.h -o common.pch)
 }
 
-# compile FLAG... reads sources from standard input.
+# compile reads sources from standard input.
 compile() {
   (cd "$tree" && xargs -P "$(nproc)" -n 4 clang++-16 -fsyntax-only "${flags[@]}" \
-    -include-pch common.pch "$@")
+    -include-pch common.pch)
 }
 
 daemon=({kvox/common,platform/android,interface,processors,buffer,service,daemon}/*.cc)
@@ -41,12 +42,10 @@ tests=(tests/{common,processors,buffer,service,daemon}/*_test.cc)
 tests=("${tests[@]/tests\/buffer\/realtime_test.cc/}") # not for phones, see Android.bp
 
 echo "lint: android, compile"
-precompile aidl/kvox/BnKvox.h -fno-rtti
-printf '%s\n' "${daemon[@]}" | compile -fno-rtti || failed=1
 precompile aidl/kvox/BnKvox.h
-printf '%s\n' "${client[@]}" | compile || failed=1
-precompile gmock/gmock.h -fno-rtti
-printf '%s\n' "${tests[@]}" | compile -fno-rtti || failed=1
+printf '%s\n' "${daemon[@]}" "${client[@]}" | compile || failed=1
+precompile gmock/gmock.h
+printf '%s\n' "${tests[@]}" | compile || failed=1
 
 echo "lint: android, policy"
 m4 -s tests/android/policy.m4 android/sepolicy/{attributes,*.te} >"$tree/policy.conf"
