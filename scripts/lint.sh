@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Usage: ./dev lint [--changed] [--fast]
 #
-# Checks that sources are formatted, that folders include only what they may, that the log lines which
-# docs/troubleshooting.md explains exist, that the scripts are sound (shellcheck), that a phone's build
-# would take daemon and client (scripts/android.sh) and that clang-tidy has nothing to say.
+# Checks that sources are formatted, that folders include only what they may, that
+# docs/troubleshooting.md explains every warning and error and no line that does not exist, that the
+# scripts are sound (shellcheck), that a phone's build would take daemon and client
+# (scripts/android.sh) and that clang-tidy has nothing to say.
 #
 #   --changed  look only at files that differ from the branch main, committed or not
 #   --fast     leave out what a phone would take and clang-tidy, which need nearly all the time
