@@ -32,7 +32,6 @@ class CAPABILITY("mutex") Mutex {
  public:
   void Lock() ACQUIRE() { mutex_.lock(); }
   void Unlock() RELEASE() { mutex_.unlock(); }
-  bool TryLock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
  private:
   friend class CondVar;
