@@ -168,6 +168,7 @@ int RunCampaign(const CampaignOptions& options) {
       "{:.0f} % of the time the machine had no processor for whoever was to wake up; {} commands "
       "were refused by that\n",
       100 * stage.load().LostShare(), stage.shared().starved.load());
+  fmt::print("{} lines are missing from the daemon's log\n", stage.machine().ledger().lost_lines());
   for (const std::string& finding : stage.findings().all()) fmt::print("FAULT: {}\n", finding);
   if (!passed) {
     stage.KeepLogs(options.logs);

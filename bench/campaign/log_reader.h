@@ -30,6 +30,7 @@ class LogLedger {
   uint64_t SlowBlocks(const std::string& relay) const;
   /// Steps of recoveries so far: tap points, processors and buffers that were set up again.
   uint64_t restored() const { return restored_; }
+  /// Lines that the daemon had no room for. What they told is not known here.
   uint64_t lost_lines() const { return lost_lines_; }
   /// The first line of a sanitizer's report; empty when there is none.
   const std::string& report() const { return report_; }

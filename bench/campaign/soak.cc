@@ -188,6 +188,8 @@ void SoakRun::PrintOutcome(bool passed) {
              stage_.shared().commands.load(), stage_.machine().calls().Slowest());
   fmt::print("{:.0f} % of the time the machine had no processor for whoever was to wake up\n",
              100 * stage_.load().LostShare());
+  fmt::print("{} lines are missing from the daemon's log\n",
+             stage_.machine().ledger().lost_lines());
   for (const std::string& finding : stage_.findings().all()) fmt::print("FAULT: {}\n", finding);
   fmt::print("Soak {} after {:.1f} minutes.\n", passed ? "passed" : "FAILED",
              static_cast<double>(Elapsed().count()) / 60000);
