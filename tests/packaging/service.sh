@@ -5,7 +5,7 @@
 set -euo pipefail
 installed=$1$2
 command -v systemd-analyze >/dev/null || {
-  echo "systemd is not installed; ./dev setup package installs it"
+  echo "systemd is not installed; ./dev setup test installs it"
   exit 77
 }
 # Of 100. It has devices, real-time priority, wake locks, local sockets and recordings to share.
