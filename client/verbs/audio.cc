@@ -66,7 +66,8 @@ int RunPlay(const Context& context) {
 }
 
 const char* Notes() {
-  return "A relay has one client: who comes later takes the audio over, and ends the earlier one.\n";
+  return "A relay has one client: who comes later takes the audio over, and ends the earlier "
+         "one.\n";
 }
 
 }  // namespace
