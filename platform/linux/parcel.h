@@ -62,7 +62,7 @@ struct AParcel {
 
   /// Keeps the objects alone.
   void DropBytes() {
-    data_ = {};
+    std::vector<uint8_t>().swap(data_);  // an assignment would keep the room
     position_ = 0;
   }
   /// Notes that the reference at `position` stands for `binder`.

@@ -158,10 +158,12 @@ void ThreadPool::ServeNext() {
 
 std::thread StartThread(const std::string& name, std::function<void()> body) {
   // A new thread takes over the mask of its maker: signals are left to the program's own threads,
-  // and a peer that goes away while libevent writes to it raises none.
+  // but for those of its own faults, and a peer that goes away while libevent writes to it raises
+  // none.
   sigset_t all;
   sigset_t previous;
   sigfillset(&all);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) sigdelset(&all, fault);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
   struct Restore {
     const sigset_t& mask;
