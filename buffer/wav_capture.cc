@@ -39,8 +39,11 @@ int32_t WavCapture::Start(const std::string& file, std::string& message) {
     message += ": Error, already enabled";
     return -1;
   }
-  // A capture may have ended by itself before.
-  auto opened = StopWriter() ? open_(file) : nullptr;
+  if (!StopWriter()) {  // of a capture that ended by itself
+    message += ": Error, the last file is still being written";
+    return -1;
+  }
+  auto opened = open_(file);
   if (!opened) {
     message += " failed";
     return -1;
@@ -98,8 +101,10 @@ bool WavCapture::StopWriter() {
   while (writing_ && writing_changed_.WaitUntil(writing_mutex_, deadline)) {
   }
   if (writing_) {
-    LogError("%s: the capture file %s takes no more; stop the capture again when its disk is well",
-             buffer_.c_str(), session_->path.c_str());
+    LogError(
+        "%s: the capture file %s takes no more; stop this buffer's capture again when its disk is "
+        "well",
+        buffer_.c_str(), session_->path.c_str());
   }
   return !writing_;
 }

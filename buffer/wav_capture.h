@@ -67,7 +67,7 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
     WavFile wav;
     WakeEvent wake;
     std::atomic<bool> ending = false;
-    bool whole = false;  // the file has got all, and its header; the writer's like `wav`
+    bool whole = false;  // it ended as it was asked to; the writer's like `wav`
   };
 
   bool StartWriter() REQUIRES(mutex_);

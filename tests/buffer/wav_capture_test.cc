@@ -112,6 +112,8 @@ TEST_F(WavCaptureTest, AFileThatHangsIsNotWaitedForForEver) {
   EXPECT_EQ(message_,
             "CaptureStop tapout0 buffer " + path_ + ": Error, the file is still being written");
   EXPECT_EQ(Start(*hasty), -1);
+  EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_ +
+                          ": Error, the last file is still being written");
   file_.blocked = false;
   file_.blocked.notify_all();
   ASSERT_TRUE(WaitFor([&] { return Stop(*hasty) == 0; }));
