@@ -4,12 +4,12 @@ namespace kvox {
 
 SentAudio::~SentAudio() {
   MutexLock lock(writers_);
-  if (has_room_) room_.GiveBack(slots_.size() * block_size_);
+  if (has_room_) room_.GiveBack(Charge());
 }
 
 bool SentAudio::Put(std::span<const uint8_t> block) {
   MutexLock lock(writers_);
-  if (!has_room_ && !room_.Take(slots_.size() * block_size_)) return false;
+  if (!has_room_ && !room_.Take(Charge())) return false;
   has_room_ = true;
   slots_[writing_].assign(block.begin(), block.end());
   // Release: the reader sees the block we wrote. Acquire: it has done with the slot we get.

@@ -18,7 +18,11 @@ namespace kvox {
 /// Each side owns its slot and trades it for the waiting one, so neither waits for the other.
 class SentAudio {
  public:
-  /// Its slots come out of `room`, which outlives it, from the first block on.
+  /// What a call on the telephone needs, and every relay has.
+  static constexpr size_t kOwnRoom = 16 << 10;
+
+  /// Its slots come out of `room`, which outlives it, from the first block on; unless they fit into
+  /// kOwnRoom.
   SentAudio(size_t block_size, ByteBudget& room) : block_size_(block_size), room_(room) {}
   ~SentAudio();
   SentAudio(const SentAudio&) = delete;
@@ -38,6 +42,11 @@ class SentAudio {
   /// A slot's number, and whether nobody has read it yet.
   static constexpr uint8_t kUnread = 0x80;
   static constexpr uint8_t kNumber = 0x03;
+
+  size_t Charge() const {
+    const size_t size = slots_.size() * block_size_;
+    return size <= kOwnRoom ? 0 : size;
+  }
 
   const size_t block_size_;
   ByteBudget& room_;

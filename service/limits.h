@@ -15,9 +15,9 @@ inline constexpr size_t kMaxProcessors = 1024;
 /// one processor. Else a few small calls could take a gigabyte.
 inline constexpr uint64_t kMaxStatsEntriesOfAll = (16u << 20) / sizeof(float);
 
-/// Bytes of blocks that were sent to relays and wait there; a relay has room for three blocks. A
-/// telephone call needs 6 KB, and 32 MiB are ten relays with the largest blocks there can be. Else
-/// the relays of one client could take two gigabytes.
+/// Bytes of blocks that were sent to relays and wait there; a relay has room for three blocks, and
+/// 16 KiB for itself, which is more than a telephone call needs. 32 MiB are ten relays with the
+/// largest blocks there can be. Else the relays of one client could take two gigabytes.
 inline constexpr size_t kMaxSentAudioBytes = 32u << 20;
 
 /// Threads that call the clients of relays. More than anybody needs: one that hangs in a client is

@@ -283,11 +283,16 @@ TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
     EXPECT_THAT(log_.Take(),
                 ElementsAre(std::string("E SendAudio art0: ") + row.mismatch + " mismatch"));
   }
-  ASSERT_TRUE(room_.Take(room_.size()));
-  EXPECT_EQ(relay->SendAudio(CallPacket(0)), -1);
-  EXPECT_THAT(log_.Take(), ElementsAre(HasSubstr("SendAudio art0: no room for blocks of 960 ")));
-  room_.GiveBack(room_.size());
   EXPECT_EQ(relay->SendAudio(CallPacket(0)), 0);
+
+  const auto large = AudioRelayProcessor::Create(kDownlink, *this);
+  large->SetBlockLength(24000);
+  large->Enable(true);
+  log_.Take();
+  ASSERT_TRUE(room_.Take(room_.size()));
+  EXPECT_EQ(large->SendAudio(Packet(kDownlink, std::vector<uint8_t>(48000), 0, 1, 1)), -1);
+  EXPECT_THAT(log_.Take(), ElementsAre(HasSubstr("SendAudio art0: no room for blocks of 48000 ")));
+  room_.GiveBack(room_.size());
 }
 
 TEST_F(RelayTest, StartsWithWhatItCanRelayOnly) {

@@ -78,16 +78,18 @@ TEST(SentAudio, BlocksAreNeverTornAndNeverGoBack) {
 }
 
 TEST(SentAudio, ItsRoomIsTakenOnceAndGivenBack) {
-  ByteBudget room(1000);
-  const std::vector<uint8_t> block(300, 1);
+  ByteBudget room(20'000);
+  const std::vector<uint8_t> block(6000, 1);
   {
     SentAudio first(block.size(), room);
     for (int i = 0; i < 4; ++i) EXPECT_TRUE(first.Put(block));
     SentAudio second(block.size(), room);
     EXPECT_FALSE(second.Put(block));
     EXPECT_TRUE(second.Take().empty());
+    SentAudio call(1920, room);
+    EXPECT_TRUE(call.Put(std::vector<uint8_t>(1920))) << "small ones always have room";
   }
-  EXPECT_TRUE(room.Take(1000));
+  EXPECT_TRUE(room.Take(20'000));
 }
 
 TEST(ThreadReaper, JoinsWhatEndsAndRefusesTooMany) {
