@@ -24,12 +24,17 @@ termios modes_before = {};
 char commands_at_end[256];
 volatile sig_atomic_t commands_size = 0;
 
-void OnDeadly(int number) {
+void GiveBack() {
+  if (tcgetpgrp(STDIN_FILENO) != getpgrp()) return;  // somebody else has it now
   tcsetattr(STDIN_FILENO, TCSANOW, &modes_before);
   pollfd out = {STDOUT_FILENO, POLLOUT, 0};  // one that takes nothing must not keep us
   if (poll(&out, 1, 0) == 1) {
     static_cast<void>(!write(STDOUT_FILENO, commands_at_end, static_cast<size_t>(commands_size)));
   }
+}
+
+void OnDeadly(int number) {
+  GiveBack();
   for (const Deadly& row : deadly) {
     if (row.number == number) sigaction(number, &row.before, nullptr);
   }
