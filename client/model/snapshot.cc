@@ -1,6 +1,7 @@
 #include "client/model/snapshot.h"
 
 #include <algorithm>
+#include <iterator>
 #include <numeric>
 
 #include "kvox/common/four_cc.h"
@@ -110,6 +111,10 @@ std::string SilenceOf(const std::vector<int>& cores) {
 int Snapshot::unread() const {
   return std::accumulate(unread_rows.begin(), unread_rows.end(), 0,
                          [](int sum, const UnreadRows& rows) { return sum + rows.count; });
+}
+
+bool CanBeTrusted(const Snapshot& snapshot) {
+  return snapshot.unread_rows.empty() && snapshot.silent_cores.size() < std::size(kCores);
 }
 
 std::string GapsOf(const Snapshot& snapshot) {

@@ -65,6 +65,10 @@ struct Snapshot {
 /// would clear, are no part of it. Processors that go meanwhile have no settings.
 Snapshot ReadSnapshot(Daemon& daemon);
 
+/// Whether it tells enough to change something by it: all rows could be read, and some core
+/// answered. A co-processor may lack a core, but not all of them.
+bool CanBeTrusted(const Snapshot& snapshot);
+
 /// What the snapshot lacks, and what to do about it: a message or the end of one. "" when it is
 /// whole.
 std::string GapsOf(const Snapshot& snapshot);

@@ -100,12 +100,14 @@ Outcome Apply(const std::string& text, const std::string& origin, bool keep, Dae
   Outcome outcome;
   for (bool finished = false;;) {
     const Snapshot snapshot = ReadSnapshot(daemon);
-    if (const std::string gaps = GapsOf(snapshot); !gaps.empty()) {
+    if (!CanBeTrusted(snapshot)) {
+      const std::string gaps = GapsOf(snapshot);
       if (outcome.done.empty()) throw Failure(kRefused, "nothing was done: " + gaps);
       outcome.status = kRefused;
       outcome.cause = "the steps above are done, but what came of them is not known: " + gaps;
       return outcome;
     }
+    outcome.silent_cores = snapshot.silent_cores;
     const State actual = StateOf(snapshot);
     const State wanted = Complete(ReadState(text, origin, snapshot), actual, keep);
     outcome.differences = Differences(wanted, actual);

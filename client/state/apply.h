@@ -18,6 +18,7 @@ struct Outcome {
   ExitStatus status = kDone;            // of what went wrong
   std::string cause;                    // likewise
   std::vector<Difference> differences;  // that remain though nothing went wrong
+  std::vector<int> silent_cores;        // whose tap points were left alone
 };
 
 /// Reads the file's `text`, and makes the daemon match it. Throws Failure, before anything is

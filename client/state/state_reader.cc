@@ -90,7 +90,7 @@ class Reader {
     ProcessorState processor;
     processor.type = ReadName(row, "type");
     if (report_.failed()) return;
-    if (!CanBeProcessor(id)) {
+    if (!CanBeProcessor(id) && client::FindProcessor(snapshot_.processors, id) == nullptr) {
       return row.Unfit(At(row, "id"), "id",
                        "up to four printable characters, with no blank at either end");
     }
@@ -144,7 +144,12 @@ class Reader {
       if (word == tap.Name() || word == tap.FullName()) found.push_back(tap.FullName());
     }
     if (found.size() == 1) return found.front();
-    if (found.empty()) {
+    if (found.empty() && !snapshot_.silent_cores.empty()) {
+      names_unknown_ = true;
+      row.Fail(
+          At(row, "name"), "name",
+          fmt::format("there is no tap point '{}'; {}", word, SilenceOf(snapshot_.silent_cores)));
+    } else if (found.empty()) {
       IsKnown(row, At(row, "name"), "name", "tap point", word, names);
     } else {
       row.Fail(At(row, "name"), "name",

@@ -50,10 +50,13 @@ std::string Origin(const std::string& path) {
   return path == "-" ? "standard input" : path;
 }
 
+void TellSilence(const Context& context, const std::vector<int>& cores) {
+  if (!cores.empty()) context.out.Message("tap points were left alone: " + SilenceOf(cores));
+}
+
 int Compare(const Context& context, const std::string& path, bool keep) {
   const Snapshot snapshot = ReadSnapshot(context.daemon);
-  const std::string gaps = GapsOf(snapshot);
-  if (!gaps.empty()) throw Failure(kRefused, "nothing was compared: " + gaps);
+  if (!CanBeTrusted(snapshot)) throw Failure(kRefused, "nothing was compared: " + GapsOf(snapshot));
   const State actual = StateOf(snapshot);
   const State wanted = Complete(ReadState(ReadText(path), Origin(path), snapshot), actual, keep);
   std::vector<std::string> lines;
@@ -68,6 +71,7 @@ int Compare(const Context& context, const std::string& path, bool keep) {
   }
   if (lines.empty()) lines.emplace_back("nothing differs");
   context.out.List(lines, "differences", records);
+  TellSilence(context, snapshot.silent_cores);
   return records.empty() ? kDone : kRefused;
 }
 
@@ -84,6 +88,7 @@ int Tell(const Context& context, const std::string& origin, const Outcome& outco
   }
   if (lines.empty()) lines.emplace_back("nothing to do");
   context.out.List(lines, "steps", records);
+  TellSilence(context, outcome.silent_cores);
   const std::string next = "; 'kvoxctl apply --dry-run' shows what differs";
   if (!outcome.left.empty()) {
     context.out.Message(Describe(outcome.left.front()) + ": " + outcome.cause +
@@ -112,8 +117,8 @@ int ApplyFile(const Context& context) {
 const char* ApplyNotes() {
   return "'kvoxctl export --help' tells what a file holds. What is not in it is taken away:\n"
          "processors are deleted, tap points switched off and unbound, buffers stopped; --keep\n"
-         "leaves them as they are. Nothing is done while the daemon does not tell all of its\n"
-         "state, as when a core of the co-processor does not answer.\n";
+         "leaves them as they are. Nothing is done while no core of the co-processor answers;\n"
+         "while some do not, their tap points are left alone.\n";
 }
 
 const char* FileNotes() {

@@ -160,7 +160,7 @@ TEST(StateFile, WhatIsWrittenIsReadBack) {
 }
 
 TEST(StateFile, WhatIsWrongIsNamedByLineAndKey) {
-  const Snapshot phone = Phone();
+  Snapshot phone = Phone();
   const auto problem = [&](const std::string& text, ExitStatus status = kWrongUsage) {
     try {
       ReadState("schema = 1\n" + text, "f", phone);
@@ -195,6 +195,9 @@ TEST(StateFile, WhatIsWrongIsNamedByLineAndKey) {
   EXPECT_THAT(problem(processor + "jitter_buffer_frames = 24001"), HasSubstr("from 0 to 24000"));
   EXPECT_THAT(problem(processor + "enabled = 1"), HasSubstr("found 1; expected true or false"));
   EXPECT_EQ(problem(processor), "nothing");
+  phone.silent_cores = {4};
+  EXPECT_THAT(problem("[[tap]]\nname = '4:genp.1'", kNoObject),
+              HasSubstr("core 4 does not answer"));
 }
 
 }  // namespace
