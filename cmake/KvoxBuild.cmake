@@ -68,6 +68,11 @@ if(KVOX_QUICK_TESTS)
   target_compile_options(kvox_precompiled PRIVATE -O0)
 endif()
 
+if(KVOX_SANITIZE STREQUAL "thread")
+  # Else every program sleeps for a second at its end, and tests start hundreds.
+  set(KVOX_TEST_ENVIRONMENT ENVIRONMENT "TSAN_OPTIONS=atexit_sleep_ms=50")
+endif()
+
 # kvox_test(NAME SOURCES... [LINK targets...]): one GoogleTest program, each test a CTest test of its own.
 function(kvox_test name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
@@ -78,7 +83,7 @@ function(kvox_test name)
     target_compile_options(${name} PRIVATE -O0)
   endif()
   add_dependencies(test_programs ${name})
-  gtest_discover_tests(${name} PROPERTIES TIMEOUT 120 DISCOVERY_TIMEOUT 60)
+  gtest_discover_tests(${name} PROPERTIES TIMEOUT 120 ${KVOX_TEST_ENVIRONMENT} DISCOVERY_TIMEOUT 60)
 endfunction()
 
 # The distribution's build of Android's own log library.
