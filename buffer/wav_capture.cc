@@ -97,16 +97,17 @@ bool WavCapture::StartWriter() {
 bool WavCapture::StopWriter() {
   EndRecording();
   const auto deadline = std::chrono::steady_clock::now() + patience_;
-  MutexLock lock(writing_mutex_);
-  while (writing_ && writing_changed_.WaitUntil(writing_mutex_, deadline)) {
+  {
+    MutexLock lock(writing_mutex_);
+    while (writing_ && writing_changed_.WaitUntil(writing_mutex_, deadline)) {
+    }
+    if (!writing_) return true;
   }
-  if (writing_) {
-    LogError(
-        "%s: the capture file %s takes no more; stop this buffer's capture again when its disk is "
-        "well",
-        buffer_.c_str(), session_->path.c_str());
-  }
-  return !writing_;
+  LogError(
+      "%s: the capture file %s takes no more; stop this buffer's capture again when its disk is "
+      "well",
+      buffer_.c_str(), session_->path.c_str());
+  return false;
 }
 
 void WavCapture::EndRecording() {
