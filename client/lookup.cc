@@ -49,7 +49,7 @@ bool Matches(const TapWord& wanted, const TapPoint& tap) {
 
 /// Every tap point of one core, or of all. Throws Failure when none of them answers.
 std::vector<TapPoint> TapsOf(Daemon& daemon, const std::optional<int>& only) {
-  std::vector<int> cores(std::begin(kCores), std::end(kCores));
+  std::vector<int> cores(std::begin(kGraphCores), std::end(kGraphCores));
   if (only) cores = {*only};
   std::vector<TapPoint> taps;
   std::vector<int> silent;

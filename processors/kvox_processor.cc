@@ -3,12 +3,12 @@
 #include <cstring>
 #include <utility>
 
+#include "kvox/common/command_tables.h"
 #include "kvox/common/log.h"
 
 namespace kvox {
 namespace {
 
-constexpr uint32_t kDefaultBlockLength = 4800;
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
 /// More active times than this would not fit into one reply of the transport (1 MiB).

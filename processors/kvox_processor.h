@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "kvox/common/command_tables.h"
 #include "kvox/common/four_cc.h"
 #include "kvox/common/mutex.h"
 #include "kvox/common/tap_format.h"
@@ -139,7 +140,7 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   std::atomic<bool> passthrough_mode_ = false;
   std::atomic<bool> test_mode_ = false;
   std::atomic<uint32_t> blocks_processed_ = 0;
-  std::atomic<uint32_t> block_length_ = 4800;
+  std::atomic<uint32_t> block_length_ = kDefaultBlockLength;
   std::atomic<uint32_t> sample_rate_ = 48000;
   std::atomic<uint32_t> bits_per_sample_ = 32;
   std::atomic<Kvox::DataFormat> data_format_ = Kvox::DataFormat::INT;

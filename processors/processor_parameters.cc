@@ -1,5 +1,6 @@
 // The parameters every processor has.
 
+#include "kvox/common/command_tables.h"
 #include "kvox/common/kvox_utils.h"
 #include "processors/kvox_processor.h"
 
@@ -17,8 +18,6 @@ enum ParameterStatus : int32_t {
   kReadOnly = 6,
 };
 
-constexpr uint32_t kBlockStep = 480;  // frames
-constexpr uint32_t kMaxBlock = 24000;
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
 Value Int(int32_t number) {
@@ -62,8 +61,8 @@ int32_t KvoxProcessor::SetParameter(Id id, int element, const Value& value) {
 /// stays stored when the tap point refuses it.
 int32_t KvoxProcessor::StoreBlockSize(Id id, uint32_t frames) {
   const bool is_length = id == Id::BLOCK_LENGTH;
-  if (frames < kBlockStep || frames > kMaxBlock) return kBadValue;
-  if (is_length && frames % kBlockStep != 0) return kBadValue;
+  if (frames < kMinBlockLength || frames > kMaxBlockLength) return kBadValue;
+  if (is_length && frames % kBlockLengthStep != 0) return kBadValue;
   (is_length ? block_length_ : jitter_buffer_).store(frames, kRelaxed);
   const std::shared_ptr<AudioEndpoint> source = input();
   if (source == nullptr || !source->is_tapout()) return kStored;

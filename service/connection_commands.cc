@@ -2,17 +2,13 @@
 
 #include <utility>
 
+#include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/log.h"
 #include "service/kvox_service.h"
 
 namespace kvox {
 namespace {
-
-constexpr char kNotConnected[] = "NC";
-
-/// Cores whose tap points the graph shows.
-constexpr int kGraphCores[] = {2, 3, 4};
 
 template <typename Endpoint>
 std::string NameOr(const std::shared_ptr<Endpoint>& endpoint, const char* none) {
@@ -33,7 +29,7 @@ std::string getTapNameConnectedToBuffer(const std::shared_ptr<AudioEndpoint>& en
   for (const KvoxTapPointState& state : taps) {
     const uint8_t id = buffer->is_tapout() ? state.info.tapout_buffer : state.info.inject_buffer;
     if (id != buffer->index()) continue;
-    return TapName(state.info) + (state.info.enabled == 1 ? "" : " (disabled)");
+    return TapName(state.info) + (state.info.enabled == 1 ? "" : kGraphDisabled);
   }
   return kNotConnected;
 }
@@ -41,9 +37,10 @@ std::string getTapNameConnectedToBuffer(const std::shared_ptr<AudioEndpoint>& en
 std::string GraphLine(const KvoxProcessor& processor, const std::vector<KvoxTapPointState>& taps) {
   const auto input = processor.input();
   const auto output = processor.output();
-  return "  " + getTapNameConnectedToBuffer(input, taps) + " --> " + NameOr(input, kNotConnected) +
-         " --> " + processor.id_text() + (processor.IsEnabled() ? " --> " : " (disabled) --> ") +
-         NameOr(output, kNotConnected) + " --> " + getTapNameConnectedToBuffer(output, taps);
+  return "  " + getTapNameConnectedToBuffer(input, taps) + kGraphArrow +
+         NameOr(input, kNotConnected) + kGraphArrow + processor.id_text() +
+         (processor.IsEnabled() ? "" : kGraphDisabled) + kGraphArrow +
+         NameOr(output, kNotConnected) + kGraphArrow + getTapNameConnectedToBuffer(output, taps);
 }
 
 }  // namespace
@@ -176,21 +173,15 @@ void KvoxService::FinishBinding(Binding binding, CommandResult* result) {
 }
 
 KvoxService::Status KvoxService::ListTapOutBuffers(CommandResult* result) {
-  BeginCommand("Tap-out buffers:", result);
+  BeginCommand(kTapOutTableTitle, result);
   BufferMap buffers;
   {
     MutexLock lock(mutex_);
     buffers = buffers_.tapouts;
   }
-  std::string text;
-  if (buffers.empty()) {
-    text = "  none\n";
-  } else {
-    text =
-        FormatText<256>("  %-9s %-9s %-9s %-9s %s", "Id", "Name", "InProc", "OutProc", "Enabled");
-  }
+  std::string text = buffers.empty() ? kNoTapOuts : kTapOutTableHeader;
   for (const auto& [number, buffer] : buffers) {
-    text += FormatText<256>("\n  %-9d %-9s %-9s %-9s %-9u", number, buffer->name().c_str(),
+    text += FormatText<256>(kTapOutTableRow, number, buffer->name().c_str(),
                             buffer->GetInputAsString().c_str(),
                             buffer->GetOutputsAsString().c_str(), buffer->IsEnabled() ? 1u : 0u);
   }
@@ -200,22 +191,16 @@ KvoxService::Status KvoxService::ListTapOutBuffers(CommandResult* result) {
 
 // Its header, its ids and its empty text differ from those of the other list; clients see them so.
 KvoxService::Status KvoxService::ListInjectBuffers(CommandResult* result) {
-  BeginCommand("Inject buffers:", result);
+  BeginCommand(kInjectTableTitle, result);
   BufferMap buffers;
   {
     MutexLock lock(mutex_);
     buffers = buffers_.injects;
   }
-  std::string text;
-  if (buffers.empty()) {
-    text = "  none";
-  } else {
-    text =
-        FormatText<256>("  %-9s %-9s %-9s %-9s %-9s", "Id", "Name", "InProc", "OutProc", "Enabled");
-  }
+  std::string text = buffers.empty() ? kNoInjects : kInjectTableHeader;
   for (const auto& [number, buffer] : buffers) {
-    text += FormatText<256>("\n  %-9u %-9s %-9s %-9s %-9u", static_cast<unsigned>(number),
-                            buffer->name().c_str(), buffer->GetInputAsString().c_str(),
+    text += FormatText<256>(kInjectTableRow, static_cast<unsigned>(number), buffer->name().c_str(),
+                            buffer->GetInputAsString().c_str(),
                             buffer->GetOutputsAsString().c_str(), buffer->IsEnabled() ? 1u : 0u);
   }
   print_command_status("ListInjectBuffers", text, result);
@@ -223,7 +208,7 @@ KvoxService::Status KvoxService::ListInjectBuffers(CommandResult* result) {
 }
 
 KvoxService::Status KvoxService::ShowGraph(CommandResult* result) {
-  BeginCommand("Connection graph:", result);
+  BeginCommand(kGraphTitle, result);
   std::string text;
   std::vector<KvoxTapPointState> taps;
   for (const int core : kGraphCores) {
@@ -238,7 +223,7 @@ KvoxService::Status KvoxService::ShowGraph(CommandResult* result) {
     if (!text.empty()) text += "\n";
     text += GraphLine(*processor, taps);
   }
-  if (text.empty()) text = "  No Kvox processors";
+  if (text.empty()) text = kGraphEmpty;
   print_command_status("ShowGraph", text, result);
   return Status::ok();
 }

@@ -3,6 +3,7 @@
 #include <functional>
 #include <utility>
 
+#include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
 #include "kvox/common/log.h"
@@ -44,7 +45,7 @@ std::shared_ptr<KvoxProcessor> MakeProcessor(FourCc id, FourCc type, RelayOwner&
 }
 
 std::string EndpointName(const std::shared_ptr<AudioEndpoint>& endpoint) {
-  return endpoint ? endpoint->name() : "-";
+  return endpoint ? endpoint->name() : kNoneInTable;
 }
 
 constexpr char kNotFound[] = "Kvox processor not found";
@@ -70,17 +71,12 @@ KvoxService::Status KvoxService::ListSupportedProcessors(CommandResult* result) 
 }
 
 KvoxService::Status KvoxService::ListProcessors(CommandResult* result) {
-  std::string text = "Kvox processors: ";
+  std::string text = kProcessorTableTitle;
   const auto processors = Processors();
-  if (processors.empty()) {
-    text += "  none";
-  } else {
-    text += FormatText<128>("\n  %-9s %-9s %-9s %-9s %-9s", "Id", "Type", "InBuffer", "OutBuffer",
-                            "Enabled");
-  }
+  text += processors.empty() ? kNoProcessorsInTable : kProcessorTableHeader;
   for (const auto& processor : processors) {
-    text += FormatText<128>("\n  %-9s %-9s %-9s %-9s %-9u", processor->id_text(),
-                            processor->type_text(), EndpointName(processor->input()).c_str(),
+    text += FormatText<128>(kProcessorTableRow, processor->id_text(), processor->type_text(),
+                            EndpointName(processor->input()).c_str(),
                             EndpointName(processor->output()).c_str(),
                             processor->IsEnabled() ? 1u : 0u);
   }

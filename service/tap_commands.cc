@@ -4,6 +4,7 @@
 #include <chrono>
 #include <utility>
 
+#include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/log.h"
 #include "service/kvox_service.h"
@@ -23,7 +24,7 @@ TapArguments Arguments(int32_t core, int32_t tap, int32_t index) {
 
 std::string BufferName(const std::map<int, std::shared_ptr<KvoxBuffer>>& buffers, uint8_t id) {
   const auto found = buffers.find(static_cast<int8_t>(id));
-  return found == buffers.end() ? "-" : found->second->name();
+  return found == buffers.end() ? kNoneInTable : found->second->name();
 }
 
 }  // namespace
@@ -81,18 +82,13 @@ int32_t KvoxService::getKvoxTapPoints(int core, std::vector<KvoxTapPointState>& 
 
 void KvoxService::sprintTapInfo(const KvoxTapPointState& state, std::string& text) {
   const TapInfoState& info = state.info;
-  if (text.empty()) {
-    text +=
-        FormatText<128>("  %-9s %-19s %-9s %-9s %-9s %-9s %-9s %-9s", "Id", "Format", "BlockLen",
-                        "NonInterl", "JitterBuf", "OutBuffer", "InBuffer", "Enabled");
-  }
-  const std::string format = FormatText<20>(
-      "%gkHz, %uch, %c%u", static_cast<double>(static_cast<float>(info.sample_rate) / 1000.0f),
+  if (text.empty()) text += kTapTableHeader;
+  const std::string format = FormatText<kTapFormatWidth + 1>(
+      kTapFormat, static_cast<double>(static_cast<float>(info.sample_rate) / 1000.0f),
       info.channels, DataFormatLetter(Kvox::DataFormat{state.data_format}),
       info.bytes_per_sample * 8u);
-  text += FormatText<128>("\n  %4s.%-2u   %-19s %-9u %-9u %-9u %-9s %-9s %-9u",
-                          ToString(info.tap).c_str(), info.index, format.c_str(), info.block_length,
-                          state.noninterleaved_samples,
+  text += FormatText<128>(kTapTableRow, ToString(info.tap).c_str(), info.index, format.c_str(),
+                          info.block_length, state.noninterleaved_samples,
                           static_cast<uint32_t>(int32_t{state.jitter_buffer}),
                           BufferName(buffers_.tapouts, info.tapout_buffer).c_str(),
                           BufferName(buffers_.injects, info.inject_buffer).c_str(), info.enabled);
@@ -103,9 +99,9 @@ KvoxService::Status KvoxService::TapList(int32_t core, CommandResult* result) {
   std::string text;
   std::vector<KvoxTapPointState> taps;
   if (getKvoxTapPoints(core, taps) != 0) {
-    text = "  No tap points";
+    text = kTapListFailed;
   } else if (taps.empty()) {
-    text = "  No tap points registered";
+    text = kTapListEmpty;
   } else {
     MutexLock lock(mutex_);
     for (const KvoxTapPointState& state : taps) sprintTapInfo(state, text);

@@ -20,7 +20,7 @@ Names Processors(Daemon& daemon) {
 
 Names Taps(Daemon& daemon, const std::string& typed) {
   std::vector<TapPoint> taps;
-  for (const int core : kCores) {
+  for (const int core : kGraphCores) {
     auto told = AskTaps(daemon, core);
     std::move(told.items.begin(), told.items.end(), std::back_inserter(taps));
   }
@@ -45,7 +45,7 @@ Names Buffers(Daemon& daemon, std::initializer_list<Direction> directions) {
 
 Names Cores() {
   Names names;
-  for (const int core : kCores) names.push_back(std::to_string(core));
+  for (const int core : kGraphCores) names.push_back(std::to_string(core));
   return names;
 }
 

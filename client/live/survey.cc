@@ -30,7 +30,7 @@ Sample Survey::Read(Daemon& daemon) {
   Take(AskBuffers(daemon, Direction::kTapOut), sample.buffers, sample.unread);
   Take(AskBuffers(daemon, Direction::kInject), sample.buffers, sample.unread);
   if (wanted_.taps) {
-    for (const int core : kCores) {
+    for (const int core : kGraphCores) {
       auto told = AskTaps(daemon, core);
       if (!CoreAnswered(told.lines)) sample.silent_cores.push_back(core);
       Take(std::move(told), sample.taps, sample.unread);

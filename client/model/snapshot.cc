@@ -114,7 +114,7 @@ int Snapshot::unread() const {
 }
 
 bool CanBeTrusted(const Snapshot& snapshot) {
-  return snapshot.unread_rows.empty() && snapshot.silent_cores.size() < std::size(kCores);
+  return snapshot.unread_rows.empty() && snapshot.silent_cores.size() < std::size(kGraphCores);
 }
 
 std::string GapsOf(const Snapshot& snapshot) {
@@ -139,7 +139,7 @@ Snapshot ReadSnapshot(Daemon& daemon) {
   for (Processor& processor : snapshot.processors) {
     processor.settings = AskSettings(daemon, processor.id);
   }
-  for (const int core : kCores) {
+  for (const int core : kGraphCores) {
     auto told = AskTaps(daemon, core);
     if (!CoreAnswered(told.lines)) snapshot.silent_cores.push_back(core);
     const auto taps = take(std::move(told), "tap list " + std::to_string(core));

@@ -7,11 +7,9 @@
 #include "client/daemon.h"
 #include "client/model/objects.h"
 #include "client/model/tables.h"
+#include "kvox/common/command_tables.h"
 
 namespace kvox::client {
-
-/// The cores whose tap points the daemon's own graph covers.
-constexpr int kCores[] = {2, 3, 4};
 
 /// What one method told, and what it said.
 template <typename T>
@@ -51,7 +49,7 @@ struct UnreadRows {
 struct Snapshot {
   std::vector<std::string> types;
   std::vector<Processor> processors;
-  std::vector<TapPoint> taps;     // of kCores
+  std::vector<TapPoint> taps;     // of kGraphCores
   std::vector<int> silent_cores;  // that did not answer
   std::vector<Buffer> tapouts;
   std::vector<Buffer> injects;

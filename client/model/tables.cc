@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "client/decimal.h"
+#include "kvox/common/command_tables.h"
 
 namespace kvox::client {
 namespace {
@@ -22,7 +23,7 @@ std::string Trim(std::string_view text) {
 
 /// "-" and "NC" stand for nothing.
 std::string NameOrNone(const std::string& name) {
-  return name == "-" || name == "NC" ? "" : name;
+  return name == kNoneInTable || name == kNotConnected ? "" : name;
 }
 
 /// A row's text from left to right. What is not there reads as empty, and makes the row bad.
@@ -130,18 +131,17 @@ void ReadFormat(const std::string& text, Row& row, TapPoint& tap) {
 }
 
 TapPoint ReadTap(int core, Row& row) {
-  constexpr size_t kFormatWidth = 19;
   TapPoint tap;
   tap.core = core;
   row.Skip(2);
-  tap.code = Trim(row.rest().substr(0, 4));
-  row.Skip(4);
+  tap.code = Trim(row.rest().substr(0, kTapCodeWidth));
+  row.Skip(kTapCodeWidth);
   row.Require(row.rest().starts_with('.'));
   row.Skip(1);
   const size_t digits = std::min(row.rest().find(' '), row.rest().size());
   tap.index = row.Whole<int>(std::string(row.rest().substr(0, digits)));
-  row.Skip(std::max<size_t>(digits, 2) + 3);
-  ReadFormat(row.Column(kFormatWidth), row, tap);
+  row.Skip(std::max(digits, kTapIndexWidth) + 3);
+  ReadFormat(row.Column(kTapFormatWidth), row, tap);
   tap.block_length_frames = row.Take<uint32_t>();
   tap.noninterleaved_samples = row.Take<uint32_t>();
   tap.jitter_buffer_frames = row.Take<uint32_t>();
@@ -151,13 +151,11 @@ TapPoint ReadTap(int core, Row& row) {
   return tap;
 }
 
-constexpr size_t kColumn = 9;
-
 Processor ReadProcessor(Row& row) {
   Processor processor;
   row.Skip(2);
-  processor.id = row.Column(kColumn);
-  processor.type = row.Column(kColumn);
+  processor.id = row.Column(kColumnWidth);
+  processor.type = row.Column(kColumnWidth);
   processor.input = NameOrNone(row.Word());
   processor.output = NameOrNone(row.Word());
   processor.enabled = row.Flag(row.Word());
@@ -182,10 +180,10 @@ Buffer ReadBuffer(Direction direction, Row& row) {
   Buffer buffer;
   buffer.direction = direction;
   row.Skip(2);
-  buffer.id = row.Whole<int>(row.Column(kColumn));
-  buffer.name = row.Column(kColumn);
+  buffer.id = row.Whole<int>(row.Column(kColumnWidth));
+  buffer.name = row.Column(kColumnWidth);
   row.EndName();
-  buffer.producer = NameOrNone(row.Column(kColumn));
+  buffer.producer = NameOrNone(row.Column(kColumnWidth));
   buffer.enabled = row.Flag(row.LastWord());
   buffer.consumers = SplitIds(NameOrNone(Trim(row.rest())));
   return buffer;
@@ -193,25 +191,24 @@ Buffer ReadBuffer(Direction direction, Row& row) {
 
 /// Cuts off " (disabled)"; true when it was not there.
 bool TakeEnabled(std::string& name) {
-  constexpr std::string_view kDisabled = " (disabled)";
+  constexpr std::string_view kDisabled = kGraphDisabled;
   if (!name.ends_with(kDisabled)) return !name.empty();
   name.resize(name.size() - kDisabled.size());
   return false;
 }
 
 Path ReadPath(Row& row) {
-  constexpr std::string_view kArrow = " --> ";
-  constexpr size_t kStations = 5;
+  constexpr std::string_view kArrow = kGraphArrow;
   std::vector<std::string> stations;
   row.Skip(2);
-  for (std::string_view rest = row.rest(); stations.size() <= kStations;) {
+  for (std::string_view rest = row.rest(); stations.size() <= kGraphStations;) {
     const size_t arrow = rest.find(kArrow);
     stations.push_back(NameOrNone(std::string(rest.substr(0, arrow))));
     if (arrow == rest.npos) break;
     rest.remove_prefix(arrow + kArrow.size());
   }
-  row.Require(stations.size() == kStations);
-  stations.resize(kStations);
+  row.Require(stations.size() == kGraphStations);
+  stations.resize(kGraphStations);
   Path path{.source = stations[0],
             .tapout = stations[1],
             .processor = stations[2],
@@ -239,25 +236,26 @@ std::vector<std::string> SplitLines(const Lines& lines) {
 }
 
 Rows<Processor> ReadProcessors(const Lines& lines) {
-  return ReadTable<Processor>(lines, "  Id  ", ReadProcessor);
+  return ReadTable<Processor>(lines, kTableHeaderStart, ReadProcessor);
 }
 
 Rows<TapPoint> ReadTaps(int core, const Lines& lines) {
-  return ReadTable<TapPoint>(lines, "  Id  ", [core](Row& row) { return ReadTap(core, row); });
+  return ReadTable<TapPoint>(lines, kTableHeaderStart,
+                             [core](Row& row) { return ReadTap(core, row); });
 }
 
 bool CoreAnswered(const Lines& lines) {
-  return std::find(lines.begin(), lines.end(), "  No tap points") == lines.end();
+  return std::find(lines.begin(), lines.end(), kTapListFailed) == lines.end();
 }
 
 Rows<Buffer> ReadBuffers(Direction direction, const Lines& lines) {
-  return ReadTable<Buffer>(lines, "  Id  ",
+  return ReadTable<Buffer>(lines, kTableHeaderStart,
                            [direction](Row& row) { return ReadBuffer(direction, row); });
 }
 
 Rows<Path> ReadGraph(const Lines& lines) {
-  Rows<Path> rows = ReadTable<Path>(lines, "Connection graph:", ReadPath);
-  if (std::find(lines.begin(), lines.end(), "  No Kvox processors") != lines.end()) return {};
+  Rows<Path> rows = ReadTable<Path>(lines, kGraphTitle, ReadPath);
+  if (std::find(lines.begin(), lines.end(), kGraphEmpty) != lines.end()) return {};
   return rows;
 }
 

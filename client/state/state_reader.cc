@@ -3,6 +3,7 @@
 
 #include "client/lookup.h"
 #include "client/state/state_file.h"
+#include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/near_matches.h"
 #include "kvox/toml/table_reader.h"
@@ -11,9 +12,6 @@ namespace kvox::client {
 namespace {
 
 constexpr int64_t kSchema = 1;
-constexpr int64_t kLeastLength = 480;
-constexpr int64_t kMostLength = 24000;  // frames, of a processor's lengths
-constexpr int64_t kBlockStep = 480;
 constexpr char kNoName[] = "a name";
 
 /// Reads one document. The first thing that is wrong stays in the report.
@@ -102,7 +100,8 @@ class Reader {
     row.Read("enabled", processor.enabled);
     ReadFlag(row, "passthrough_mode", processor.passthrough_mode);
     ReadFlag(row, "test_mode", processor.test_mode);
-    ReadLength(row, "block_length_frames", kLeastLength, kBlockStep, processor.block_length_frames);
+    ReadLength(row, "block_length_frames", kMinBlockLength, kBlockLengthStep,
+               processor.block_length_frames);
     ReadLength(row, "jitter_buffer_frames", 0, 1, processor.jitter_buffer_frames);
     for (const auto& [other, there] : state_.processors) {
       if (processor.output.empty() || there.output != processor.output) continue;
@@ -185,11 +184,11 @@ class Reader {
     const toml::node* const node = row.Find(key);
     if (node == nullptr) return;
     int64_t value = 0;
-    row.Read(key, value, least, kMostLength);
+    row.Read(key, value, least, kMaxBlockLength);
     if (report_.failed()) return;
     if (value % step != 0) row.Unfit(*node, key, fmt::format("a multiple of {}", step));
-    if (value != 0 && value < kLeastLength) {
-      row.Unfit(*node, key, fmt::format("0 or {} to {}", kLeastLength, kMostLength));
+    if (value != 0 && value < kMinBlockLength) {
+      row.Unfit(*node, key, fmt::format("0 or {} to {}", kMinBlockLength, kMaxBlockLength));
     }
     frames = static_cast<int32_t>(value);
   }

@@ -4,6 +4,7 @@
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
 #include "client/verbs/words.h"
+#include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/near_matches.h"
 
@@ -24,7 +25,7 @@ constexpr Element kElements[] = {
     {ParameterId::VERSION, 0, ""},
     {ParameterId::PASSTHROUGH_MODE, 0, "0 or 1"},
     {ParameterId::TEST_MODE, 0, "0 or 1"},
-    {ParameterId::BLOCK_LENGTH, 0, "480 to 24000 frames in steps of 480"},
+    {ParameterId::BLOCK_LENGTH, 0, kBlockLengthRange},
     {ParameterId::AUDIO_FORMAT, 0, "code of the sample rate; read-only"},
     {ParameterId::AUDIO_FORMAT, 1, "code of the sample size; read-only"},
     {ParameterId::AUDIO_FORMAT, 2, "0 integer, 1 float, 2 mu-law; read-only"},
@@ -32,7 +33,7 @@ constexpr Element kElements[] = {
     {ParameterId::AUDIO_FORMAT, 4, "1 when interleaved; read-only"},
     {ParameterId::AUDIO_FORMAT, 5, "1 when big-endian; read-only"},
     {ParameterId::AUDIO_FORMAT, 6, "samples of a channel in a run; read-only"},
-    {ParameterId::JITTER_BUFFER, 0, "480 to 24000 frames"},
+    {ParameterId::JITTER_BUFFER, 0, kJitterBufferRange},
 };
 
 const char* MeaningOf(ParameterId id, int32_t element) {

@@ -14,7 +14,7 @@ std::vector<int> CoresOf(const Context& context) {
   for (const std::string& word : context.in.All("CORE")) {
     cores.push_back(Number("CORE", word, 0, kLargestCore));
   }
-  if (cores.empty()) cores.assign(std::begin(kCores), std::end(kCores));
+  if (cores.empty()) cores.assign(std::begin(kGraphCores), std::end(kGraphCores));
   return cores;
 }
 
