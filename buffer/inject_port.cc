@@ -42,7 +42,7 @@ std::span<std::byte> InjectPort::PayloadArea(uint32_t size) {
   return {area_.get() + kPacketHeaderSize, std::min(size, kPacketMaxPayload)};
 }
 
-int32_t InjectPort::SendBuilt(const KvoxPacketHeader& header, RtWaiter& waiter) {
+int32_t InjectPort::SendBuilt(const KvoxPacketHeader& header, IoWaiter& waiter) {
   if (header.payload_size > kPacketMaxPayload) return kPortPayloadTooLarge;
   sent_in_place_ = false;
   std::memcpy(area_.get(), &header, sizeof header);
@@ -50,7 +50,7 @@ int32_t InjectPort::SendBuilt(const KvoxPacketHeader& header, RtWaiter& waiter) 
 }
 
 int32_t InjectPort::SendInPlace(const KvoxPacketHeader& header, std::byte* packet,
-                                RtWaiter& waiter) {
+                                IoWaiter& waiter) {
   if (header.payload_size > kPacketMaxPayload) return kPortPayloadTooLarge;
   in_place_header_ = header;
   sent_in_place_ = true;
@@ -63,7 +63,7 @@ int32_t InjectPort::SendInPlace(const KvoxPacketHeader& header, std::byte* packe
 }
 
 void InjectPort::KeepSentPacket(const std::byte* payload) {
-  if (!sent_in_place_) return;
+  if (!sent_in_place_ || payload == nullptr) return;
   std::memcpy(area_.get(), &in_place_header_, sizeof in_place_header_);
   std::memcpy(area_.get() + kPacketHeaderSize, payload, in_place_header_.payload_size);
   sent_in_place_ = false;
@@ -71,11 +71,11 @@ void InjectPort::KeepSentPacket(const std::byte* payload) {
 
 bool InjectPort::CopyTo(std::vector<std::byte>& copy) const {
   copy.assign(area_.get(), area_.get() + kPacketMaxSize);
-  return true;
+  return !sent_in_place_;
 }
 
 int32_t InjectPort::Send(const KvoxPacketHeader& header, std::span<const std::byte> packet,
-                         RtWaiter& waiter) {
+                         IoWaiter& waiter) {
   if (fd_ < 0) Reopen();
   if (fd_ < 0) return kPortClosed;
   recorder_.Record(header, packet.subspan(kPacketHeaderSize));
@@ -89,7 +89,7 @@ int32_t InjectPort::Send(const KvoxPacketHeader& header, std::span<const std::by
     if (deadline_ns == 0) deadline_ns = io_.NowNs() + StallNs(header);
     if (!waiter.WaitWritable(fd_, deadline_ns)) break;
   }
-  // A packet that stays torn would shift everything behind it: the device starts afresh.
+  // The rest of a torn packet would shift all that follows: the device is opened afresh.
   if (rest.size() < packet.size()) Reopen();
   return kPortWriteFailed;
 }

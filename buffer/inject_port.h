@@ -36,27 +36,25 @@ class InjectPort {
 
   const std::string& name() const { return name_; }
 
-  /// Where the payload of the next packet may be built; what stands there is left from before.
+  /// Where the payload of the next packet may be built; it holds an earlier packet's.
   std::span<std::byte> PayloadArea(uint32_t size);
 
   /// Sends `header` and the payload that was built in PayloadArea().
-  int32_t SendBuilt(const KvoxPacketHeader& header, RtWaiter& waiter);
+  int32_t SendBuilt(const KvoxPacketHeader& header, IoWaiter& waiter);
 
-  /// Sends `header` and the payload that stands behind the header in `packet`, without copying it.
-  /// The first 64 bytes of `packet` are changed for the write and put back.
-  int32_t SendInPlace(const KvoxPacketHeader& header, std::byte* packet, RtWaiter& waiter);
+  /// Sends `header` and the payload of `packet`, without copying it. The header of `packet` is
+  /// replaced for the write and restored.
+  int32_t SendInPlace(const KvoxPacketHeader& header, std::byte* packet, IoWaiter& waiter);
 
-  /// Brings a packet that SendInPlace sent last into the work area, for dumps, while its payload
-  /// still stands at `payload`.
+  /// For dumps: copies the packet that SendInPlace sent last into the work area. `payload` is where
+  /// its payload still is, null when it has been overwritten.
   void KeepSentPacket(const std::byte* payload);
 
-  std::span<const std::byte> WorkArea() const { return {area_.get(), kPacketMaxSize}; }
-
-  /// Copies the work area. Not RT. Answers true.
+  /// Copies the work area. False when the packet sent last is not in it. Not RT.
   bool CopyTo(std::vector<std::byte>& copy) const;
 
  private:
-  int32_t Send(const KvoxPacketHeader& header, std::span<const std::byte> packet, RtWaiter& waiter);
+  int32_t Send(const KvoxPacketHeader& header, std::span<const std::byte> packet, IoWaiter& waiter);
   void Reopen();
 
   const std::string name_;
@@ -66,7 +64,7 @@ class InjectPort {
   int fd_;  // -1 while a reopened device refuses
   const std::unique_ptr<std::byte[]> area_;
 
-  bool sent_in_place_ = false;  // the last packet was not built in the work area
+  bool sent_in_place_ = false;  // the packet sent last is not in the work area
   KvoxPacketHeader in_place_header_;
 };
 

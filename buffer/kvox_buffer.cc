@@ -1,6 +1,5 @@
 #include "buffer/kvox_buffer.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <utility>
@@ -11,10 +10,6 @@ namespace kvox {
 namespace {
 
 constexpr unsigned kOpenRetries = 4;
-
-const char* PluralS(size_t count) {
-  return count == 1 ? "" : "s";
-}
 
 void LogOpenFailed(const std::string& path, int status, int error) {
   LogError("Open %s failed, status %d, errno %d", path.c_str(), status, error);
@@ -30,7 +25,7 @@ KvoxBuffer::KvoxBuffer(std::string name, std::string device_path, uint32_t index
       is_tapout_(is_tapout),
       environment_(environment),
       capture_(std::make_shared<WavCapture>(name_, environment.capture_threads)),
-      routes_([this] { wake_.Signal(); }) {}
+      publisher_([this] { wake_.Signal(); }) {}
 
 KvoxBuffer::~KvoxBuffer() {
   Drop();
@@ -94,7 +89,7 @@ KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable) {
   return answer;
 }
 
-/// Waits for its turn, but not behind a thread that makes pauses.
+/// Waits for its turn, but not for a thread that pauses between its tries.
 KvoxBuffer::Switch KvoxBuffer::BeginTry(unsigned number) {
   MutexLock lock(mutex_);
   while (switching_) {
@@ -103,7 +98,7 @@ KvoxBuffer::Switch KvoxBuffer::BeginTry(unsigned number) {
   }
   if (number == 0) return BeginInTurn(true);
   if (IsEnabled()) return Switch::kAlreadyThere;
-  if (dropped_) return Switch::kRefused;
+  if (abandoned_) return Switch::kRefused;
   switching_ = true;
   return Switch::kGo;
 }
@@ -117,15 +112,16 @@ KvoxBuffer::Switch KvoxBuffer::BeginInTurn(bool enable) {
     LogInfo("Disable buffer %s: already disabled", name_.c_str());
     return Switch::kAlreadyThere;
   }
-  if (enable && dropped_) return Switch::kRefused;
+  if (enable && abandoned_) return Switch::kRefused;
   switching_ = true;
+  const unsigned processors = enable ? environment_.wiring.CountProcessors(*this) : 0;
   if (!enable) {
     LogInfo("Disable buffer %s", name_.c_str());
   } else if (is_tapout_) {
     LogInfo("Enable buffer %s (%u processor%s connected), I/O thread start", name_.c_str(),
-            static_cast<unsigned>(outputs_.size()), PluralS(outputs_.size()));
+            processors, processors == 1 ? "" : "s");
   } else {
-    LogInfo("Enable buffer %s with %u input", name_.c_str(), input_ ? 1u : 0u);
+    LogInfo("Enable buffer %s with %u input", name_.c_str(), processors);
   }
   return Switch::kGo;
 }
@@ -149,7 +145,7 @@ int KvoxBuffer::OpenWithRetries() {
   }
 }
 
-/// After try `number` has failed: tells what comes now, and answers whether that is another one.
+/// After try `number` has failed: logs what comes next, and returns whether that is another try.
 bool KvoxBuffer::AnotherTry(unsigned number, int fd, int error) const {
   if (number < kOpenRetries) {
     LogInfo("%s Attempting to reinitialize KVO interface, attempt %u\n", name_.c_str(), number + 1);
@@ -175,7 +171,7 @@ int KvoxBuffer::OpenDevice() const {
 bool KvoxBuffer::WaitBeforeRetry() {
   const auto until = std::chrono::steady_clock::now() + kOpenRetryPause;
   MutexLock lock(mutex_);
-  while (disables_waiting_ == 0 && !dropped_) {
+  while (disables_waiting_ == 0 && !abandoned_) {
     if (!changed_.WaitUntil(mutex_, until)) return true;
   }
   return false;
@@ -184,16 +180,11 @@ bool KvoxBuffer::WaitBeforeRetry() {
 /// Takes over `fd`. False when there is no thread to read it.
 bool KvoxBuffer::EnableDevice(int fd) {
   if (is_tapout_) {
-    {
-      MutexLock lock(mutex_);
-      rx_format_.Set({});
-      PublishRoutes();
-    }
-    routes_.Settle();
+    SetRxFormat({});
     reader_ = std::make_unique<TapReader>(TapReaderLinks{.name = name_,
                                                          .device_path = device_path_,
                                                          .io = environment_.io,
-                                                         .routes = routes_,
+                                                         .routes = publisher_,
                                                          .rx_format = rx_format_,
                                                          .recorder = *capture_,
                                                          .log = environment_.io_log,
@@ -206,9 +197,8 @@ bool KvoxBuffer::EnableDevice(int fd) {
     enabled_.store(true, std::memory_order_relaxed);
     return true;
   }
-  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *capture_, fd));
   enabled_.store(true, std::memory_order_relaxed);
-  if (const auto writer = GetInput()) writer->RefreshFeed();
+  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *capture_, fd));
   return true;
 }
 
@@ -219,46 +209,19 @@ void KvoxBuffer::DisableDevice() {
     reader_.reset();
     environment_.io_log.Flush();
     LogInfo("Buffer %s disabled, I/O thread end", name_.c_str());
-    return;
+  } else {
+    SwapPort(nullptr);
+    LogInfo("Buffer %s disabled", name_.c_str());
   }
-  {
-    const std::shared_ptr<InjectPort> closing = SwapPort(nullptr);
-    if (const auto writer = GetInput()) writer->RefreshFeed();
-  }
-  LogInfo("Buffer %s disabled", name_.c_str());
 }
 
-void KvoxBuffer::AbandonOpening() {
-  MutexLock lock(mutex_);
-  dropped_ = true;
-  changed_.NotifyAll();
-}
-
-void KvoxBuffer::Drop() {
-  std::set<std::shared_ptr<KvoxProcessor>> outputs;
-  AbandonOpening();
+/// The old port closes before this returns: no route leads to it any more.
+void KvoxBuffer::SwapPort(std::shared_ptr<InjectPort> port) {
   {
-    MutexLock lock(mutex_);
-    if (let_go_) return;
-    let_go_ = true;
-    while (switching_) changed_.Wait(mutex_);
+    MutexLock lock(port_mutex_);
+    port_.swap(port);
   }
-  if (IsEnabled()) Enable(false);
-  LogInfo("%s %s", name_.c_str(), "UnregisterAllOutputs");
-  {
-    MutexLock lock(mutex_);
-    outputs.swap(outputs_);
-    PublishRoutes();
-  }
-  for (const auto& processor : outputs) processor->ClearFeedAndInput(this);
-  routes_.Settle();
-  UnregisterInput();
-}
-
-std::shared_ptr<InjectPort> KvoxBuffer::SwapPort(std::shared_ptr<InjectPort> port) {
-  MutexLock lock(port_mutex_);
-  port_.swap(port);
-  return port;
+  environment_.wiring.PortChanged(*this);
 }
 
 std::shared_ptr<InjectPort> KvoxBuffer::port() const {
@@ -266,15 +229,53 @@ std::shared_ptr<InjectPort> KvoxBuffer::port() const {
   return port_;
 }
 
-void KvoxBuffer::DumpBuffer() {
+void KvoxBuffer::SetRoutes(std::vector<Route> routes) {
+  MutexLock lock(routes_mutex_);
+  PublishRoutes(std::move(routes));
+}
+
+void KvoxBuffer::SetRxFormat(const KvoxTapFormat& format) {
+  {
+    MutexLock lock(routes_mutex_);
+    rx_format_.Set(format);
+    PublishRoutes(publisher_.published().routes);
+  }
+  publisher_.WaitForGracePeriod();
+}
+
+void KvoxBuffer::PublishRoutes(std::vector<Route> routes) {
+  const RxFormatCell::Value rx_format = rx_format_.Get();
+  auto table = std::make_unique<RouteTable>();
+  table->routes = std::move(routes);
+  table->rx_format = rx_format.format;
+  table->rx_format_serial = rx_format.serial;
+  publisher_.Publish(std::move(table));
+}
+
+void KvoxBuffer::AbandonOpening() {
+  MutexLock lock(mutex_);
+  abandoned_ = true;
+  changed_.NotifyAll();
+}
+
+bool KvoxBuffer::Drop() {
+  AbandonOpening();
+  if (dropped_.exchange(true)) return false;
+  {
+    MutexLock lock(mutex_);
+    while (switching_) changed_.Wait(mutex_);
+  }
+  if (IsEnabled()) Enable(false);
+  return true;
+}
+
+void KvoxBuffer::DumpBuffer(KvoxBuffer* feed) {
   std::vector<std::byte> area;
   bool copied = false;
   if (is_tapout_) {
     copied = CopyWorkArea(nullptr, area);
   } else if (const std::shared_ptr<InjectPort> open_port = port()) {
-    const auto writer = GetInput();
-    const auto feed = From(writer ? writer->feed() : nullptr);
-    copied = feed ? feed->CopyWorkArea(open_port.get(), area) : open_port->CopyTo(area);
+    copied = feed != nullptr ? feed->CopyWorkArea(open_port.get(), area) : open_port->CopyTo(area);
   }
   if (!copied) {
     LogError("%s buffer is null", name_.c_str());
@@ -289,8 +290,8 @@ void KvoxBuffer::DumpBuffer() {
   }
 }
 
-/// Our own area, or that of a port we feed: between two packets while the I/O thread runs, and
-/// while it cannot start otherwise.
+/// The receive area, or what was last sent through a port that this buffer feeds: between two
+/// packets while the I/O thread runs; while there is none, none can start.
 bool KvoxBuffer::CopyWorkArea(InjectPort* port, std::vector<std::byte>& area) {
   {
     MutexLock lock(mutex_);

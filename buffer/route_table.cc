@@ -9,7 +9,7 @@
 namespace kvox {
 namespace {
 
-constexpr auto kSettlePoll = std::chrono::microseconds(100);
+constexpr auto kGracePoll = std::chrono::microseconds(100);
 
 /// The publisher whose table the calling thread is using.
 thread_local const RoutePublisher* reading = nullptr;
@@ -33,10 +33,10 @@ void RoutePublisher::Publish(std::unique_ptr<const RouteTable> table) {
   retired_.push_back(std::move(replaced));
 }
 
-void RoutePublisher::Settle() {
+void RoutePublisher::WaitForGracePeriod() {
   while (!DestroyUnused() && reading != this) {
     nudge_();
-    std::this_thread::sleep_for(kSettlePoll);
+    std::this_thread::sleep_for(kGracePoll);
   }
 }
 

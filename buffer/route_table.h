@@ -17,34 +17,37 @@ namespace kvox {
 
 struct Route {
   std::shared_ptr<KvoxProcessor> processor;
-  std::shared_ptr<const BlockState> state;  // the processor's, null for none
-  std::shared_ptr<AudioEndpoint> output;    // its inject buffer, null for none
-  std::shared_ptr<InjectPort> port;         // null while that is not enabled
+  std::shared_ptr<const BlockState> state = nullptr;  // the processor's; null for none
+  bool connected = false;                             // to an inject buffer
+  std::shared_ptr<InjectPort> port = nullptr;         // null while that is not enabled
 };
 
 struct RouteTable {
-  std::vector<Route> routes;  // in the order of the buffer's outputs
-  KvoxTapFormat rx_format;    // as last set by a command
+  std::vector<Route> routes;
+  KvoxTapFormat rx_format;  // as last set by a command
   uint32_t rx_format_serial = 0;
 };
 
-/// Hands tables from service threads to one reader, the I/O thread. A table that has been replaced
-/// is destroyed by a service thread once the reader has moved on, never by the reader: the last
-/// owner of a processor or a port must not be the packet path.
+/// Hands tables from service threads to one reader, the I/O thread. A replaced table is destroyed
+/// by a service thread once the reader has moved on, never by the reader: the packet path must not
+/// drop the last reference to a processor or a port.
 class RoutePublisher {
  public:
-  /// `nudge` brings the reader back soon from a wait inside a packet; it may be called at any time.
+  /// `nudge` ends a wait of the reader inside a packet; it may be called at any time.
   explicit RoutePublisher(std::function<void()> nudge);
   ~RoutePublisher();
 
   /// Replaces the table. Callers take turns; any service thread.
   void Publish(std::unique_ptr<const RouteTable> table);
 
-  /// Returns once the reader has moved on from every replaced table, and destroys those. The reader
+  /// The table published last. Callers take turns with Publish.
+  const RouteTable& published() const { return *published_.load(); }
+
+  /// Returns once the reader has moved on from every replaced table, and destroys them. The reader
   /// holds a table for one packet only, whose waits are bounded and end at a nudge. On the reader's
-  /// own thread it leaves the table in use to the next call. No lock may be held that ProcessBlock
-  /// takes.
-  void Settle();
+  /// own thread, the table in use is left to the next call. The caller holds no lock that
+  /// ProcessBlock takes.
+  void WaitForGracePeriod();
 
   /// Reader's side, RT: the table for one packet.
   class Use {

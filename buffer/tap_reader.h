@@ -1,37 +1,35 @@
-// The I/O thread of an enabled tap-out buffer: reads packets from the device, checks them and their
-// timing, has them recorded, runs the processors that read the buffer and sends what they made to
-// their inject buffers.
+// The I/O thread of an enabled tap-out buffer: for each packet it reads, parses, records, judges
+// the timing, routes through the processors and sends what they made.
 //
-// docs/realtime.md lists what this thread never does. It owns its device descriptor alone; service
-// threads reach it through the route table, the wake event and a few atomics.
+// docs/realtime.md lists what this thread never does. Service threads reach it through the route
+// table, the wake event and IoThreadCall.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "buffer/device_io.h"
+#include "buffer/io_thread_call.h"
 #include "buffer/packet_recorder.h"
 #include "buffer/route_table.h"
 #include "buffer/rx_format.h"
 #include "buffer/stream_parser.h"
+#include "buffer/tap_device.h"
 #include "buffer/timing_judge.h"
 #include "kvox/common/log.h"
-#include "kvox/common/mutex.h"
 #include "kvox/common/wake_event.h"
-#include "processors/block.h"
 
 namespace kvox {
 
 /// What a reader works with. All of it outlives the reader.
 struct TapReaderLinks {
-  std::string name;  // of the buffer, for log lines
-  std::string device_path;
+  const std::string& name;  // of the buffer, for log lines
+  const std::string& device_path;
   DeviceIo& io;
   RoutePublisher& routes;
   RxFormatCell& rx_format;
@@ -50,13 +48,13 @@ struct RxStatistics {
   std::atomic<uint32_t> sample_rate = 0;
 };
 
-class TapReader : private RtWaiter {
+class TapReader {
  public:
   /// Takes over `fd`.
-  TapReader(TapReaderLinks links, int fd);
-  ~TapReader() override;
+  TapReader(const TapReaderLinks& links, int fd);
+  ~TapReader();
 
-  /// Starts the thread. False, after a log line that tells why, when the system has none to give.
+  /// Starts the thread. False, after a log line with the cause, when the system has none to give.
   bool Start();
 
   /// Ends the thread at once, wherever it waits, and joins it.
@@ -65,71 +63,42 @@ class TapReader : private RtWaiter {
   /// The thread's body; returns after Stop, or when the device is beyond repair.
   void Run();
 
-  /// Copies the receive area, or the work area of `port`, between two packets. False when the
-  /// thread did not come by within a second. Service threads, one at a time.
+  /// Copies the receive area, or what was last sent through `port`, between two packets. False when
+  /// that is no longer there, or the thread did not get to it within a second. Service threads, one
+  /// at a time.
   bool CopyArea(InjectPort* port, std::vector<std::byte>& copy);
 
   const RxStatistics& statistics() const { return statistics_; }
 
  private:
-  enum class Outcome { kPacket, kStartOver, kEnd };
-
-  struct CopyRequest {
-    InjectPort* port;
-    std::vector<std::byte>* copy;
-    bool done;
-  };
-
-  bool stopping() const { return stopping_.load(std::memory_order_relaxed); }
-
   // All below: RT, on the thread.
-  Outcome ReadPacket(StreamFindings& findings);
-  Outcome HandleReadError(int error, size_t requested);
-  Outcome Reinitialise();
-  void SetHandle(int fd);
-  void Pause(int ms);
-  DeviceIo::Ready WaitForInput();
-  void OnWake();
-  void ServeCopy(CopyRequest& request);
-  void KeepSentPackets();
-  bool WaitWritable(int fd, uint64_t deadline_ns) override;
-  bool WaitReadable(int fd, uint64_t deadline_ns) override;
-  uint64_t NowNs() override { return links_.io.NowNs(); }
-  bool WaitFor(int fd, DeviceIo::Direction direction, uint64_t deadline_ns);
-
-  void HandlePacket(const StreamFindings& findings);
-  void FollowStream(const KvoxPacketHeader& header, bool unpunctual);
+  std::byte* NextPacket();
+  bool StartOver();
+  bool JudgeTiming(const KvoxPacketHeader& header, uint64_t now_ns);
+  void FollowStream(const KvoxPacketHeader& header);
   void FollowFormat(const RouteTable& table, const KvoxPacketHeader& header);
   void Dispatch(const RouteTable& table, const KvoxPacketHeader& header, std::byte* packet,
                 uint64_t arrived_ns);
   void Send(const Route& route, const BlockResult& result, OutputArea& area,
             const KvoxPacketHeader& header, std::byte* packet);
+  void KeepSentPackets();
 
   const TapReaderLinks links_;
   const char* const name_;
   std::thread thread_;
-  std::atomic<bool> stopping_ = false;
-  std::atomic<bool> copy_wanted_ = false;
   RxStatistics statistics_;
-
-  Mutex copy_mutex_;  // a leaf lock; the thread takes it when a copy is wanted, not once a packet
-  CondVar copied_;
-  CopyRequest* copy_request_ GUARDED_BY(copy_mutex_) = nullptr;
-  bool ended_ GUARDED_BY(copy_mutex_) = false;
+  IoThreadCall calls_;
 
   // The thread's own.
-  int handle_ = -1;
-  int watch_ = -1;  // over handle_ and the wake event; -1 where there can be none
+  TapDevice device_;
   const std::unique_ptr<std::byte[]> areas_;
   const StreamParser::Area receive_area_;
   StreamParser parser_;
   TimingJudge judge_;
   KvoxPacketHeader stored_header_;
   uint32_t rx_format_serial_ = 0;
-  uint32_t waits_ = 0;
-  uint32_t read_errors_ = 0;
   uint32_t junk_reads_ = 0;                  // since the last packet
-  const std::byte* last_payload_ = nullptr;  // of the packet dispatched last
+  const std::byte* last_payload_ = nullptr;  // dispatched last; null once it has been overwritten
   uint32_t previous_number_ = 0;
   uint32_t previous_payload_size_ = 0;
 };

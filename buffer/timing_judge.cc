@@ -51,6 +51,7 @@ TimingVerdict TimingJudge::Judge(uint64_t now_ns, const KvoxTapFormat& format,
     }
   }
   seen_any_ = true;
+  last_ = verdict.arrival;
   previous_ns_ = now_ns;
   return verdict;
 }

@@ -1,6 +1,6 @@
 // Judges when packets arrive. Two early or two late packets with nothing else in between mean that
-// the stream has slipped, and the reader should find its place in it again. Pure: arrival times
-// come in, verdicts go out.
+// the stream has slipped, and the reader should find its place in it again. Arrival times come in,
+// verdicts go out.
 //
 // One thread at a time, the buffer's I/O thread. RT: nothing here allocates, locks or logs.
 #pragma once
@@ -28,10 +28,14 @@ class TimingJudge {
   /// Time between the last two packets that were timed, in ms; 0 before.
   float elapsed_ms() const { return elapsed_ms_; }
 
+  /// The last packet's verdict.
+  TimingVerdict::Arrival last() const { return last_; }
+
  private:
   TimingVerdict::Arrival Compare(uint32_t period_ms) const;
 
   bool seen_any_ = false;
+  TimingVerdict::Arrival last_ = TimingVerdict::Arrival::kOnTime;
   uint64_t previous_ns_ = 0;
   float elapsed_ms_ = 0;
   int drift_ = 0;  // late packets less early ones since the last on time

@@ -28,7 +28,7 @@ WavCapture::Session::Session(const std::string& buffer, const std::string& file_
       ring(std::make_unique<PacketRing>(kRingSize)),
       wav(buffer, std::move(file)) {}
 
-WavCapture::WavCapture(std::string buffer, ThreadReaper& threads, CaptureFileOpener open,
+WavCapture::WavCapture(std::string buffer, ThreadGroup& threads, CaptureFileOpener open,
                        std::chrono::milliseconds patience)
     : buffer_(std::move(buffer)), threads_(threads), open_(std::move(open)), patience_(patience) {}
 

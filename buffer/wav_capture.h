@@ -22,8 +22,8 @@
 #include "buffer/packet_ring.h"
 #include "buffer/wav_file.h"
 #include "kvox/common/mutex.h"
+#include "kvox/common/thread_group.h"
 #include "kvox/common/wake_event.h"
-#include "processors/thread_reaper.h"
 
 namespace kvox {
 
@@ -34,7 +34,7 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(60);
 
   /// `buffer` is the name of the buffer, for messages. `threads` outlives the object.
-  WavCapture(std::string buffer, ThreadReaper& threads, CaptureFileOpener open = OpenCaptureFile,
+  WavCapture(std::string buffer, ThreadGroup& threads, CaptureFileOpener open = OpenCaptureFile,
              std::chrono::milliseconds patience = kPatience);
 
   /// Starts a capture into the file of that path. 0, or -1 when one runs already, the file cannot
@@ -82,7 +82,7 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   void Report(Session& session) const;
 
   const std::string buffer_;
-  ThreadReaper& threads_;
+  ThreadGroup& threads_;
   const CaptureFileOpener open_;
   const std::chrono::milliseconds patience_;
 

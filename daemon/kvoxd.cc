@@ -4,6 +4,7 @@
 #include <android/binder_process.h>
 #include <hardware_legacy/power.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <array>
@@ -26,17 +27,17 @@ namespace {
 
 constexpr char kWakeLockName[] = "kvox";
 
-/// The first scan runs before anybody can call or end anything: its pauses are plain sleeps.
-class StartupPacer : public RecoveryPacer {
+/// The first scan runs before there are calls or device events: its pauses are plain sleeps.
+class StartupClock : public RecoveryClock {
  public:
+  TimePoint Now() const override { return std::chrono::steady_clock::now(); }
   bool Pause(std::chrono::milliseconds time) override {
     std::this_thread::sleep_for(time);
     return true;
   }
   bool stopping() const override { return false; }
   void ScanBegins() override {}
-  RecoveryClock::time_point Now() const override { return RecoveryClock::now(); }
-  Wake WaitForArrivals(RecoveryClock::time_point) override { return Wake::kStopping; }
+  Wake WaitForArrivals(TimePoint) override { return Wake::kStopping; }
 };
 
 bool Exists(const std::string& path) {
@@ -68,13 +69,13 @@ Kvoxd::~Kvoxd() {
 void Kvoxd::BinderThread(int) {
   LogInfo("Start %s\n", "BinderThread");
   SetThreadName("kvoxd-binder");
-  StartupPacer pacer;
+  StartupClock startup;
   std::shared_ptr<KvoxService> service = ndk::SharedRefBase::make<KvoxService>(
       ServiceEnvironment{.link = *this,
                          .io = SystemDeviceIo(),
                          .io_log = io_log_,
                          .device_directory = device_directory_},
-      pacer);
+      startup);
   const char* const name = KvoxDescriptor();
   const binder_exception_t status = AServiceManager_addService(service->asBinder().get(), name);
   if (status != EX_NONE) {
@@ -141,35 +142,24 @@ void Kvoxd::_inotify_read_event_cb(evutil_socket_t fd, short, void* daemon) {
     LogError("Failed to read from inotify %d", static_cast<int>(count));
     return;
   }
-  for (const inotify_event* event :
-       SplitInotifyEvents(std::span(bytes).first(static_cast<size_t>(count)))) {
-    if ((event->mask & IN_Q_OVERFLOW) != 0) {
-      self->HandleOverflow();
-    } else {
-      self->HandleDeviceEvent(*event);
-    }
+  for (const DeviceEvent& event :
+       ReadDeviceEvents(std::span(bytes).first(static_cast<size_t>(count)))) {
+    self->HandleDeviceEvent(event);
   }
 }
 
-void Kvoxd::HandleDeviceEvent(const inotify_event& event) {
-  const bool is_control = IsAbout(event, kControlDevice);
-  if ((event.mask & IN_CREATE) != 0 && is_control) {
+void Kvoxd::HandleDeviceEvent(const DeviceEvent& event) {
+  if (event.kind == DeviceEvent::Kind::kAllGone) {
+    LogWarning("Device events were lost; scanning all devices anew");
+  }
+  if (event.name == kControlDevice && event.kind == DeviceEvent::Kind::kArrived) {
     LogInfo("%s online\n", control_path_.c_str());
     control_.Open();
-  } else if ((event.mask & IN_DELETE) != 0 && is_control) {
+  } else if (event.name == kControlDevice) {
     LogInfo("%s offline\n", control_path_.c_str());
     control_.Close();
   }
-  KvoxService::DispatchInotifyEvent(&event);
-}
-
-/// Events were lost, so any device may have gone and come: everything leaves and arrives anew.
-void Kvoxd::HandleOverflow() {
-  LogWarning("Device events were lost; scanning all devices anew");
-  for (const uint32_t mask : {uint32_t{IN_DELETE}, uint32_t{IN_CREATE}}) {
-    const InotifyEventBytes event(mask, kControlDevice);
-    HandleDeviceEvent(event.event());
-  }
+  KvoxService::DispatchDeviceEvent(event);
 }
 
 int32_t Kvoxd::SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) {

@@ -1,10 +1,8 @@
 // The daemon's frame: the process-wide singleton that owns the control channel, the wake lock and
-// the two threads - one serves binder calls, one runs the event loop for signals and device
-// changes.
+// two threads. One serves binder calls, one runs the event loop for signals and device changes.
 #pragma once
 
 #include <event2/event.h>
-#include <sys/inotify.h>
 
 #include <cstdint>
 #include <string>
@@ -12,6 +10,7 @@
 #include "daemon/control_channel.h"
 #include "kvox/common/log_ring.h"
 #include "service/coprocessor_link.h"
+#include "service/device_event.h"
 
 namespace kvox {
 
@@ -38,14 +37,13 @@ class Kvoxd : public CoprocessorLink {
   static void _inotify_read_event_cb(evutil_socket_t, short, void* daemon);
 
   void WatchDevices();
-  void HandleDeviceEvent(const inotify_event& event);
-  void HandleOverflow();
+  void HandleDeviceEvent(const DeviceEvent& event);
 
   const std::string device_directory_;
   const std::string control_path_;
   ControlChannel control_;
   DeferredLog io_log_;
-  bool wake_lock_held_ = false;  // guarded by the lock of the service that calls UpdateWakeLock
+  bool wake_lock_held_ = false;  // callers of UpdateWakeLock take turns
 
   // The event thread's.
   event_base* event_base_ = nullptr;

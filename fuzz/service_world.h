@@ -3,7 +3,6 @@
 #pragma once
 
 #include <fcntl.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,7 +16,6 @@
 #include <utility>
 
 #include "buffer/device_io.h"
-#include "daemon/device_events.h"
 #include "fuzz/check.h"
 #include "kvox/common/log.h"
 #include "kvox/common/unique_fd.h"
@@ -100,8 +98,8 @@ class ServiceWorld {
   explicit ServiceWorld(DeviceNodes& nodes) : nodes_(nodes) {
     for (size_t i = 0; i < std::size(DeviceNodes::kNames); ++i) nodes.Make(i);
     nodes.Drain();
-    ManualRecovery pacer([](RecoveryPacer&) {});
-    service_ = MakeService(link_, SystemDeviceIo(), SystemLog(), nodes.path(), pacer, recovery_);
+    ManualRecovery startup([](RecoveryClock&) {});
+    service_ = MakeService(link_, SystemDeviceIo(), SystemLog(), nodes.path(), startup, recovery_);
   }
 
   NoisyCoprocessor& link() { return link_; }
@@ -115,8 +113,8 @@ class ServiceWorld {
       nodes_.Remove(device);
       recovery_ = nullptr;  // the service ends it
     }
-    const InotifyEventBytes event(present ? IN_CREATE : IN_DELETE, DeviceNodes::NodeName(device));
-    service_->HandleInotifyEvent(&event.event());
+    service_->HandleDeviceEvent({present ? DeviceEvent::Kind::kArrived : DeviceEvent::Kind::kLeft,
+                                 DeviceNodes::NodeName(device)});
   }
   /// Everything is restored that can be when this returns.
   void Recover() {

@@ -9,8 +9,8 @@
 namespace kvox {
 namespace {
 
-/// Until when clients are waited for: half the block's time after its arrival, however many relays
-/// have their turn with it.
+/// How long all relays of a block may wait for their clients: until half its duration after its
+/// arrival.
 uint64_t Deadline(const Block& block, uint64_t frames) {
   constexpr uint64_t kNsPerSecond = 1'000'000'000;
   return block.arrived_ns + frames * kNsPerSecond / kRelaySampleRate / 2;
@@ -18,15 +18,13 @@ uint64_t Deadline(const Block& block, uint64_t frames) {
 
 }  // namespace
 
-BlockResult AudioRelayProcessor::ProcessPacket(const Block& block, OutputArea* out) {
+BlockResult AudioRelayProcessor::ProcessBlock(const Block& block, OutputArea* out) {
   const auto* const state = static_cast<const RelayState*>(block.state);
   const bool passes = IsEnabled() && !restarting_.load(std::memory_order_relaxed);
   if (!passes || state == nullptr || !state->stream || block.audio.empty()) return {};
-  ProcessBlockBegin();
-  const int32_t status = IsTelephony() ? ProcessBlockForTelephony(block, *state, out)
-                                       : ProcessBlockGeneric(block, *state, out);
-  ProcessBlockEnd();
-  return {.status = status};
+  const MeasuredBlock measured(stats(), block);
+  return {.status = IsTelephony() ? ProcessBlockForTelephony(block, *state, out)
+                                  : ProcessBlockGeneric(block, *state, out)};
 }
 
 int32_t AudioRelayProcessor::ProcessBlockForTelephony(const Block& block, const RelayState& state,
@@ -55,7 +53,7 @@ int32_t AudioRelayProcessor::ProcessBlockForTelephony(const Block& block, const 
     TakeFirstChannel(block.audio, tap.channels, slot);
     answer = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
   }
-  NotePassedBy(answer, block.waiter.NowNs());
+  CountMissed(answer, block.waiter.NowNs());
   if (answer != RelayClient::Answer::kAccepted || out == nullptr) return 0;
   const std::span<const std::byte> sent = state.stream->sent.Take();
   if (sent.empty()) return 0;
@@ -89,7 +87,7 @@ int32_t AudioRelayProcessor::ProcessBlockGeneric(const Block& block, const Relay
       const uint32_t frames = FrameCount(tap, static_cast<uint32_t>(block.audio.size()));
       answer = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
     }
-    NotePassedBy(answer, block.waiter.NowNs());
+    CountMissed(answer, block.waiter.NowNs());
     if (answer == RelayClient::Answer::kRefused) {
       LogError("%s %s: receive_audio_callback_->ReceiveAudio fail", kName, id_text());
     }
@@ -103,14 +101,13 @@ int32_t AudioRelayProcessor::ProcessBlockGeneric(const Block& block, const Relay
   return 0;
 }
 
-void AudioRelayProcessor::NotePassedBy(RelayClient::Answer answer, uint64_t now_ns) {
-  const bool passed_by =
-      answer == RelayClient::Answer::kLate || answer == RelayClient::Answer::kBusy;
-  if (passed_by) passed_by_.Count();
-  if (const uint32_t blocks = passed_by_.TakeDue(now_ns)) ReportPassedBy(blocks);
+void AudioRelayProcessor::CountMissed(RelayClient::Answer answer, uint64_t now_ns) {
+  const bool missed = answer == RelayClient::Answer::kLate || answer == RelayClient::Answer::kBusy;
+  if (missed) missed_.Count();
+  if (const uint32_t blocks = missed_.TakeDue(now_ns)) ReportMissed(blocks);
 }
 
-void AudioRelayProcessor::ReportPassedBy(uint32_t blocks) const {
+void AudioRelayProcessor::ReportMissed(uint32_t blocks) const {
   LogWarning("%s: the client was too slow for %u block%s", id_text(), blocks,
              blocks == 1 ? "" : "s");
 }

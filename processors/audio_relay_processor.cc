@@ -45,23 +45,23 @@ uint32_t BlockCounter::TakeDue(uint64_t now_ns) {
   return std::exchange(count_, 0);
 }
 
-std::shared_ptr<AudioRelayProcessor> AudioRelayProcessor::Create(FourCc id, RelayOwner& owner) {
-  auto relay = std::make_shared<AudioRelayProcessor>(id, owner);
+std::shared_ptr<AudioRelayProcessor> AudioRelayProcessor::Create(FourCc id, ProcessorHost& host) {
+  auto relay = std::make_shared<AudioRelayProcessor>(id, host);
   const Role& role = RoleOf(id);
-  relay->SetBitsPerSample(role.bits);
-  relay->SetDataFormat(role.format);
-  relay->KvoxProcessor::SetChannels(role.channels);
+  relay->KvoxProcessor::SetFormatField(FormatField::kBitsPerSample, role.bits);
+  relay->KvoxProcessor::SetFormatField(FormatField::kDataFormat, static_cast<uint8_t>(role.format));
+  relay->KvoxProcessor::SetFormatField(FormatField::kChannels, role.channels);
   return relay;
 }
 
-AudioRelayProcessor::AudioRelayProcessor(FourCc id, RelayOwner& owner)
+AudioRelayProcessor::AudioRelayProcessor(FourCc id, ProcessorHost& host)
     : KvoxProcessor(id, kType),
-      owner_(owner),
+      host_(host),
       state_(std::make_shared<const RelayState>(nullptr, nullptr)) {}
 
 AudioRelayProcessor::~AudioRelayProcessor() {
   if (const auto last = state(); last->client) last->client->Stop();
-  if (passed_by_.rest() > 0) ReportPassedBy(passed_by_.rest());
+  if (missed_.rest() > 0) ReportMissed(missed_.rest());
   if (cut_.rest() > 0) ReportCut(cut_.rest());
 }
 
@@ -72,76 +72,76 @@ bool AudioRelayProcessor::IsTelephony() const {
 int32_t AudioRelayProcessor::Enable(bool enable) {
   {
     MutexLock lock(processor_mutex_);
-    KvoxProcessor::Enable(enable);
+    if (enable) stats().Reset();
     if (enable == IsEnabled()) return 0;
     if (enable && startProcessor() != 0) return -1;
     SetEnabled(enable);
   }
-  RefreshFeed();
+  StateChanged();
   return 0;
 }
 
-/// Format codes as packets carry them. A tap point tells nothing of how samples are encoded, so as
-/// long as its samples have the size of the role's they are taken to be the role's.
+/// Format codes as packets carry them. A tap point does not tell how its samples are encoded: as
+/// long as they have the size of the role's samples, they are taken to have its encoding.
 IKvox::AudioPacket AudioRelayProcessor::Shape() const {
   const Role& role = RoleOf(id());
   const bool has_role = role.id != 0;
-  const auto format = has_role && GetBitsPerSample() == role.bits ? role.format : GetDataFormat();
+  const uint32_t bits = format(FormatField::kBitsPerSample);
+  const auto encoding = has_role && bits == role.bits
+                            ? role.format
+                            : static_cast<Kvox::DataFormat>(format(FormatField::kDataFormat));
   IKvox::AudioPacket shape;
   shape.processor_id = static_cast<int32_t>(id());
-  shape.sampleRate = static_cast<int8_t>(SampleRateToEnum(GetSampleRate()));
-  shape.format = static_cast<int8_t>(format);
-  shape.bitsPerSample = static_cast<int8_t>(BitsPerSampleToEnum(GetBitsPerSample()));
-  shape.numChannels = static_cast<int8_t>(GetChannels());
+  shape.sampleRate = static_cast<int8_t>(SampleRateToEnum(format(FormatField::kSampleRate)));
+  shape.format = static_cast<int8_t>(encoding);
+  shape.bitsPerSample = static_cast<int8_t>(BitsPerSampleToEnum(bits));
+  shape.numChannels = static_cast<int8_t>(format(FormatField::kChannels));
   return shape;
 }
 
 int32_t AudioRelayProcessor::startProcessor() {
-  if (GetSampleRate() != kRelaySampleRate) {
-    LogError("Invalid sample rate %u", GetSampleRate());
+  const uint32_t rate = format(FormatField::kSampleRate);
+  const uint32_t bits = format(FormatField::kBitsPerSample);
+  const uint32_t encoding = format(FormatField::kDataFormat);
+  if (rate != kRelaySampleRate) {
+    LogError("Invalid sample rate %u", rate);
     return -1;
   }
-  if (GetBlockLength() == 0) {
-    LogError("Invalid block length");
-    return -1;
-  }
-  if (static_cast<uint8_t>(GetDataFormat()) >= kDataFormatCount) {
-    LogError("Unsupported encoding %d", static_cast<int>(GetDataFormat()));
+  if (encoding >= kDataFormatCount) {
+    LogError("Unsupported encoding %d", static_cast<int>(encoding));
     return -1;
   }
   const IKvox::AudioPacket shape = Shape();
-  SetStream(std::make_shared<RelayStream>(shape, GetBlockLength(), GetBitsPerSample(),
-                                          owner_.sent_audio_room()));
-  IKvox::ParamValue big_endian;
-  KvoxProcessor::GetParameter(Id::AUDIO_FORMAT, 5, &big_endian);
-  LogInfo("startProcessor sr %u, format %s%u, ch %u, little_endian_ %u", GetSampleRate(),
-          DataFormatName(static_cast<Kvox::DataFormat>(shape.format)), GetBitsPerSample(),
-          GetChannels(), big_endian.get<Value::i>() == 0 ? 1u : 0u);
+  SetStream(std::make_shared<RelayStream>(shape, block_length(), bits, host_.sent_audio_room()));
+  LogInfo("startProcessor sr %u, format %s%u, ch %u, little_endian_ %u", rate,
+          DataFormatName(static_cast<Kvox::DataFormat>(shape.format)), bits,
+          format(FormatField::kChannels), 1u);
   return 0;
 }
 
 void AudioRelayProcessor::SetStream(std::shared_ptr<RelayStream> stream) {
-  std::shared_ptr<const RelayState> replaced;  // let go of without the lock
+  std::shared_ptr<const RelayState> replaced;  // released without the lock
   MutexLock lock(audio_mutex_);
   replaced = std::move(state_);
   state_ = std::make_shared<const RelayState>(std::move(stream), replaced->client);
 }
 
-int32_t AudioRelayProcessor::SetParameter(Id id, int element, const Value& value) {
-  if (id != Id::BLOCK_LENGTH) return KvoxProcessor::SetParameter(id, element, value);
+int32_t AudioRelayProcessor::SetParameter(Id id, int element, const Value& value,
+                                          const TapForward& forward) {
+  if (id != Id::BLOCK_LENGTH) return KvoxProcessor::SetParameter(id, element, value, forward);
   int32_t status;
   {
     MutexLock lock(processor_mutex_);
     restarting_.store(true, std::memory_order_relaxed);
-    status = KvoxProcessor::SetParameter(id, element, value);
+    status = KvoxProcessor::SetParameter(id, element, value, forward);
     // A length that the tap point refused is stored, but its blocks keep their size.
-    if (status == 0 && IsEnabled() && startProcessor() != 0) {
+    if (status == kParameterStored && IsEnabled() && startProcessor() != 0) {
       SetEnabled(false);
-      status = 1;
+      status = kParameterNotForwarded;
     }
     restarting_.store(false, std::memory_order_relaxed);
   }
-  RefreshFeed();
+  StateChanged();
   return status;
 }
 
@@ -151,22 +151,22 @@ int32_t AudioRelayProcessor::GetParameter(Id id, int element, Value* value) cons
   return 0;
 }
 
-int32_t AudioRelayProcessor::SetChannels(uint32_t channels) {
-  if (!IsTelephony()) return KvoxProcessor::SetChannels(channels);
-  return channels == 1 || channels == 2 ? 0 : -1;
+bool AudioRelayProcessor::SetFormatField(FormatField field, uint32_t value) {
+  if (field == FormatField::kChannels && IsTelephony()) return value == 1 || value == 2;
+  return KvoxProcessor::SetFormatField(field, value);
 }
 
-int32_t AudioRelayProcessor::SetFormat(const KvoxTapFormat& format) {
-  const int32_t status = KvoxProcessor::SetFormat(format);
+int32_t AudioRelayProcessor::SetFormat(const KvoxTapFormat& tap) {
+  const int32_t status = KvoxProcessor::SetFormat(tap);
   if (status != 0 || IsTelephony()) return status;
   {
     MutexLock lock(processor_mutex_);
     const auto current = state();
     const bool fits = !current->stream || current->stream->shape == Shape();
-    if (!IsEnabled() || fits || format.sample_rate != kRelaySampleRate) return 0;
+    if (!IsEnabled() || fits || tap.sample_rate != kRelaySampleRate) return 0;
     startProcessor();
   }
-  RefreshFeed();
+  StateChanged();
   return 0;
 }
 
@@ -194,7 +194,7 @@ int32_t AudioRelayProcessor::SendAudio(const IKvox::AudioPacket& packet) {
   }
   if (current->stream->sent.Put(packet.data)) return 0;
   LogError("%s %s: no room for blocks of %zu bytes, other relays have most of %zu; delete some",
-           "SendAudio", id_text(), packet.data.size(), owner_.sent_audio_room().size());
+           "SendAudio", id_text(), packet.data.size(), host_.sent_audio_room().size());
   return -1;
 }
 
@@ -204,17 +204,17 @@ void AudioRelayProcessor::RegisterReceiveAudioCallback(
   FollowCallback(static_cast<uint64_t>(AIBinder_getCallingPid()));
 }
 
-/// The client of the blocks becomes the callback that is registered now; its thread counts among
-/// those of the process that registered it.
+/// Makes the callback that is registered now the client of the blocks. Its thread belongs to
+/// `share`, the process that registered it.
 void AudioRelayProcessor::FollowCallback(uint64_t share) {
-  std::shared_ptr<const RelayState> replaced;  // let go of without the locks
+  std::shared_ptr<const RelayState> replaced;  // released without the locks
   {
     MutexLock registration(registration_mutex_);
     const auto callback = receive_audio_callback();
     const auto before = state();
     if (before->client ? before->client->Calls(callback) : callback == nullptr) return;
     std::shared_ptr<RelayClient> client;
-    if (callback) client = RelayClient::Start(callback, owner_.client_threads(), share);
+    if (callback) client = RelayClient::Start(callback, host_.client_threads(), share);
     if (callback && !client) {
       LogError("%s: no thread to call the client with, it gets no audio; end other clients first",
                id_text());
@@ -224,14 +224,14 @@ void AudioRelayProcessor::FollowCallback(uint64_t share) {
     state_ = std::make_shared<const RelayState>(replaced->stream, std::move(client));
   }
   if (replaced->client) replaced->client->Stop();
-  RefreshFeed();
+  StateChanged();
 }
 
-void AudioRelayProcessor::onCallbackDeath() {
+void AudioRelayProcessor::OnCallbackDied() {
   LogInfo("%s: receive_audio_callback is not alive and try to disable %s", "onCallbackDeath",
           id_text());
   FollowCallback(0);
-  if (owner_.DisableUseCaseOf(*this) != 0) {
+  if (host_.EndUseCaseOf(*this) != 0) {
     LogError("%s: Failed to disable %s", "onCallbackDeath", id_text());
   }
 }

@@ -1,13 +1,13 @@
 // Relays audio between the co-processor and a client: hands the tap's blocks to the client's
-// callback, and lets the blocks that the client sends into the co-processor.
+// callback, and passes the blocks that the client sends on to the co-processor.
 //
 // The id selects a role. "art0" and "art1" relay telephony: the client gets and sends mono blocks
 // of 16-bit samples, and what it sent goes out only with a block it has accepted. "armd" relays
-// media playback, any other id relays as it is; there the client gets and sends interleaved blocks
-// of the tap's format.
+// media playback; this and every other id gives the client interleaved blocks of the tap's format,
+// and takes such blocks from it.
 //
-// Commands prepare a RelayState as a whole, the I/O thread reads it with its routes. No lock is
-// held while the client is called; see RelayClient for who waits for whom.
+// Commands prepare a RelayState as a whole; the I/O thread gets it with its routes. No lock is held
+// while the client is called; see RelayClient for who waits for whom.
 #pragma once
 
 #include <atomic>
@@ -16,20 +16,20 @@
 
 #include "kvox/common/mutex.h"
 #include "processors/kvox_processor.h"
+#include "processors/processor_host.h"
 #include "processors/relay_client.h"
-#include "processors/relay_owner.h"
 
 namespace kvox {
 
 struct RelayStream;
 struct RelayState;
 
-/// Something that happens to single blocks, reported once a second at most. One thread at a time.
+/// Counts blocks for a report that comes once a second at most. One thread at a time.
 class BlockCounter {
  public:
   void Count() { ++count_; }
 
-  /// RT: how many to report now; 0 when there are none, or it is too early.
+  /// RT: how many to report now; 0 when there are none or it is too early.
   uint32_t TakeDue(uint64_t now_ns);
 
   /// How many have not been reported.
@@ -45,17 +45,16 @@ class AudioRelayProcessor : public KvoxProcessor {
   static constexpr FourCc kType = MakeFourCc("arel");
 
   /// A relay with the defaults of its role.
-  static std::shared_ptr<AudioRelayProcessor> Create(FourCc id, RelayOwner& owner);
+  static std::shared_ptr<AudioRelayProcessor> Create(FourCc id, ProcessorHost& host);
 
-  AudioRelayProcessor(FourCc id, RelayOwner& owner);
+  AudioRelayProcessor(FourCc id, ProcessorHost& host);
   ~AudioRelayProcessor() override;
 
   int32_t Enable(bool enable) override;
   /// A block length that changes restarts an enabled relay.
-  int32_t SetParameter(IKvox::ParameterId id, int element, const IKvox::ParamValue& value) override;
+  int32_t SetParameter(IKvox::ParameterId id, int element, const IKvox::ParamValue& value,
+                       const TapForward& forward) override;
   int32_t GetParameter(IKvox::ParameterId id, int element, IKvox::ParamValue* value) const override;
-  /// Telephony takes mono and stereo taps and stays mono.
-  int32_t SetChannels(uint32_t channels) override;
   /// A tap of another shape restarts an enabled relay that is not telephony.
   int32_t SetFormat(const KvoxTapFormat& format) override;
   /// Takes one whole block of the relay's format, which goes out with the next block of the tap.
@@ -63,9 +62,13 @@ class AudioRelayProcessor : public KvoxProcessor {
   int32_t SendAudio(const IKvox::AudioPacket& packet) override;
   void RegisterReceiveAudioCallback(
       const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback) override;
-  void onCallbackDeath() override;
-  BlockResult ProcessPacket(const Block& block, OutputArea* out) override;
+  BlockResult ProcessBlock(const Block& block, OutputArea* out) override;
   std::shared_ptr<const BlockState> block_state() const override;
+
+ protected:
+  /// Telephony takes mono and stereo taps and stays mono.
+  bool SetFormatField(FormatField field, uint32_t value) override;
+  void OnCallbackDied() override;
 
  private:
   bool IsTelephony() const;
@@ -73,16 +76,17 @@ class AudioRelayProcessor : public KvoxProcessor {
   IKvox::AudioPacket Shape() const;
   int32_t startProcessor() REQUIRES(processor_mutex_);
   void SetStream(std::shared_ptr<RelayStream> stream);
+  void StateChanged() { host_.BlockStateChanged(*this); }
   void FollowCallback(uint64_t share);
 
   // RT.
   int32_t ProcessBlockForTelephony(const Block& block, const RelayState& state, OutputArea* out);
   int32_t ProcessBlockGeneric(const Block& block, const RelayState& state, OutputArea* out);
-  void NotePassedBy(RelayClient::Answer answer, uint64_t now_ns);
-  void ReportPassedBy(uint32_t blocks) const;
+  void CountMissed(RelayClient::Answer answer, uint64_t now_ns);
+  void ReportMissed(uint32_t blocks) const;
   void ReportCut(uint32_t blocks) const;
 
-  RelayOwner& owner_;
+  ProcessorHost& host_;
 
   Mutex processor_mutex_;                 // one switching at a time
   std::atomic<bool> restarting_ = false;  // enabled, but no block passes
@@ -93,7 +97,7 @@ class AudioRelayProcessor : public KvoxProcessor {
   std::shared_ptr<const RelayState> state_ GUARDED_BY(audio_mutex_);
 
   // The I/O thread's.
-  BlockCounter passed_by_;
+  BlockCounter missed_;
   BlockCounter cut_;
 };
 

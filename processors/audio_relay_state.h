@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "kvox/common/byte_budget.h"
 #include "processors/block.h"
 #include "processors/relay_client.h"
 #include "processors/sent_audio.h"
@@ -14,7 +15,7 @@ namespace kvox {
 
 inline constexpr uint32_t kRelaySampleRate = 48000;  // Hz, the only one a relay runs at
 
-/// No transaction could bring a larger block, so none is kept room for.
+/// No transaction can carry a larger block.
 inline constexpr size_t kMaxSentBlock = 1u << 20;
 
 /// A started relay's format, and what its client has sent.

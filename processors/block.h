@@ -9,42 +9,45 @@
 
 namespace kvox {
 
-/// Waits on behalf of somebody who works on the I/O thread.
-class RtWaiter {
+/// How a processor waits on the I/O thread. All RT.
+class IoWaiter {
  public:
-  virtual ~RtWaiter() = default;
-  /// RT: true when `fd` can be written (or read); false when the thread is needed elsewhere or
-  /// `deadline_ns` of its clock has passed, whatever wakes the thread in between.
+  virtual ~IoWaiter() = default;
+
+  /// True when `fd` can be written (or read). False when the thread is needed elsewhere or the
+  /// packet clock has passed `deadline_ns`.
   virtual bool WaitWritable(int fd, uint64_t deadline_ns) = 0;
   virtual bool WaitReadable(int fd, uint64_t deadline_ns) = 0;
-  /// RT: the packet clock.
+
+  /// The packet clock.
   virtual uint64_t NowNs() = 0;
 };
 
-/// What a processor has prepared for its blocks. It travels to the I/O thread with the routes, so
-/// it is replaced as a whole and lives until no block uses it.
+/// What a kind of processor has prepared for its blocks. It is replaced as a whole, travels to the
+/// I/O thread with the routes and lives until no block uses it.
 class BlockState {
  public:
   virtual ~BlockState() = default;
 };
 
-/// One block of audio on its way through a processor.
+/// One block of audio on its way through a processor. Times are those of the packet clock.
 struct Block {
   std::span<const std::byte> audio;
   KvoxTapFormat format;     // of the input buffer
-  uint64_t arrived_ns;      // when its packet came, on the waiter's clock
-  bool connected;           // to an output buffer, be it enabled or not
-  const BlockState* state;  // what the processor's block_state() answered
-  RtWaiter& waiter;
+  uint64_t arrived_ns;      // when its packet came
+  uint64_t begin_ns;        // when its processing begins
+  bool connected;           // to an inject buffer, enabled or not
+  const BlockState* state;  // what the processor's block_state() returned
+  IoWaiter& waiter;
 };
 
-/// The block an inject buffer will send. Zero-filled the first time it is asked for, so that a
+/// The block that an inject buffer will send. Zero-filled the first time it is asked for, so that a
 /// processor that leaves it alone costs nothing.
 class OutputArea {
  public:
   explicit OutputArea(std::span<std::byte> area) : area_(area) {}
 
-  /// RT: the area, silent where nobody has written yet.
+  /// RT: the area, silent where nothing has been written yet.
   std::byte* Data();
   size_t size() const { return area_.size(); }
 

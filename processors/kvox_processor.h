@@ -1,17 +1,18 @@
-// Base of every host-side audio processor: it takes blocks from one tap-out buffer, its input, and
-// may fill the blocks of one inject buffer, its output. The base holds all common state and a
-// complete default of every operation; a kind overrides what it needs.
+// Base of every host-side audio processor. A processor takes blocks from one tap-out buffer and may
+// fill the blocks of one inject buffer; which ones they are is the wiring's business. The base has
+// what all kinds share and a default for everything but ProcessBlock.
 //
-// Processors are owned by std::shared_ptr: by the service's table, by the buffers they are
-// registered with and by commands at work. The owner that drops a processor calls Disconnect()
-// first. Buffers are held weakly, so neither side dangles.
+// Processors are owned by std::shared_ptr: by the service's table, by the routes that lead to them
+// and by commands that use them.
 #pragma once
 
 #include <aidl/kvox/IKvox.h>
 #include <android/binder_auto_utils.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,7 +21,6 @@
 #include "kvox/common/four_cc.h"
 #include "kvox/common/mutex.h"
 #include "kvox/common/tap_format.h"
-#include "processors/audio_endpoint.h"
 #include "processors/block.h"
 #include "processors/processor_stats.h"
 
@@ -28,137 +28,117 @@ namespace kvox {
 
 using aidl::kvox::IKvox;
 
+/// What SetParameter and GetParameter return; clients see these numbers.
+enum ParameterStatus : int32_t {
+  kParameterStored = 0,
+  kParameterNotForwarded = 1,  // stored, but the tap point refused it
+  kUnknownParameter = 3,
+  kBadParameterValue = 4,
+  kReadOnlyParameter = 6,
+};
+
+/// Status results are 0 for success and -1 for failure unless something else is said. Any thread
+/// but an I/O thread may call, except where a function is marked RT: those belong to the I/O thread
+/// of the input buffer.
 class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
  public:
+  /// The parts of a format, in the order in which SetFormat applies them.
+  enum class FormatField {
+    kSampleRate,  // Hz
+    kChannels,
+    kBitsPerSample,
+    kDataFormat,             // Kvox::DataFormat
+    kNonInterleavedSamples,  // 0 and 1: interleaved
+  };
+
+  /// Passes BLOCK_LENGTH or JITTER_BUFFER, in frames, on to the tap point that feeds the processor.
+  /// False when it refuses; true when it took the value or there is no such tap point.
+  using TapForward = std::function<bool(IKvox::ParameterId setting, uint32_t frames)>;
+
   KvoxProcessor(FourCc id, FourCc type);
+  virtual ~KvoxProcessor();
   KvoxProcessor(const KvoxProcessor&) = delete;
   KvoxProcessor& operator=(const KvoxProcessor&) = delete;
 
-  // The virtual operations keep this order. Status results are 0 for success and -1 for failure
-  // unless something else is said. Any thread but the I/O thread may call them, except those marked
-  // RT, which belong to the I/O thread of the input buffer.
-
-  virtual bool isParameterReadOnly(IKvox::ParameterId id, int element) const;
-  virtual uint32_t getDefaultBlockLength() const;
-  virtual void ProcessBlockBegin();  // RT: brackets the processing of a block for the statistics
-  virtual void ProcessBlockEnd();    // RT
-  virtual ~KvoxProcessor();
-
-  /// Appends the lines of the processor-info command.
-  virtual void Info(std::vector<std::string>& lines) const;
-  virtual void SetInput(const std::shared_ptr<AudioEndpoint>& input);
-  virtual void SetOutput(const std::shared_ptr<AudioEndpoint>& output);
-  /// Restarts the statistics when enabling. Kinds set the enabled flag themselves.
-  virtual int32_t Enable(bool enable);
-  virtual bool IsEnabled() const;
-  /// RT: one block of `in_size` bytes. `out` may be null; else it holds `out_size` zero bytes.
-  virtual int32_t ProcessBlock(const void* in, size_t in_size, void* out, size_t out_size);
-  /// 0, 1 when stored but refused by the tap point, 3 unknown, 4 bad value, 6 read-only.
-  virtual int32_t SetParameter(IKvox::ParameterId id, int element, const IKvox::ParamValue& value);
-  /// 0, or 3 for an unknown parameter.
-  virtual int32_t GetParameter(IKvox::ParameterId id, int element, IKvox::ParamValue* value) const;
-  virtual uint32_t GetBlockLength() const;  // frames
-  virtual uint32_t GetSampleRate() const;   // Hz
-  virtual uint32_t GetBitsPerSample() const;
-  virtual Kvox::DataFormat GetDataFormat() const;
-  virtual uint32_t GetChannels() const;
-  virtual uint32_t GetNonInterleavedSamples() const;  // 0 and 1: interleaved
-  virtual int32_t SetBlockLength(uint32_t frames);
-  virtual int32_t SetSampleRate(uint32_t rate);
-  virtual int32_t SetBitsPerSample(uint32_t bits);
-  virtual int32_t SetDataFormat(Kvox::DataFormat format);
-  virtual int32_t SetChannels(uint32_t channels);
-  virtual int32_t SetNonInterleavedSamples(uint32_t samples);
-  /// Applies a format field by field and stops at the first one the kind refuses.
-  virtual int32_t SetFormat(const KvoxTapFormat& format);
-  /// Takes a block from a client. Kinds that have no use for it accept and ignore it.
-  virtual int32_t SendAudio(const IKvox::AudioPacket& packet);
-  /// Hands the processor's audio to `callback` from now on, in place of the one before; null takes
-  /// that away. Its death removes it again.
-  virtual void RegisterReceiveAudioCallback(
-      const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback);
-  virtual void onCallbackDeath();
-  virtual void onCallbackUnlinked();
-  virtual int32_t SetStatsMaxBufferSize(uint32_t entries);
-  uint32_t stats_entries() const { return stats_.buffer_size(); }
-  virtual int32_t GetStats(IKvox::ProcessorStats* stats);
-  virtual int32_t ResetStats();
-
-  /// RT: one block for the I/O thread; `out` is null when no enabled inject buffer takes it. The
-  /// default runs ProcessBlock on the whole output area.
-  virtual BlockResult ProcessPacket(const Block& block, OutputArea* out);
-
-  /// What the kind's blocks work with; null for none. After it changed, call RefreshFeed().
-  virtual std::shared_ptr<const BlockState> block_state() const { return nullptr; }
-
-  /// Unregisters from both buffers. To be called before the last owner lets go.
-  void Disconnect();
-
-  /// Set by the tap-out buffer that has the processor registered, for as long as it has. The input
-  /// is what clients are shown; this is what audio really comes from.
-  void SetFeed(const std::shared_ptr<AudioEndpoint>& feed);
-  std::shared_ptr<AudioEndpoint> feed() const;
-
-  /// What a buffer does that lets go of the processor: takes it away as feed and input, or as
-  /// output, unless another buffer is that already.
-  void ClearFeedAndInput(const AudioEndpoint* buffer);
-  void ClearOutput(const AudioEndpoint* buffer);
-
-  /// Tells the feeding buffer that the processor's output leads to another place now.
-  void RefreshFeed();
-
   FourCc id() const { return id_; }
-  FourCc type() const { return type_; }
   const char* id_text() const { return id_text_.data(); }
   const char* type_text() const { return type_text_.data(); }
 
-  /// The buffers the processor is tied to; null for none.
-  std::shared_ptr<AudioEndpoint> input() const;
-  std::shared_ptr<AudioEndpoint> output() const;
+  /// Appends the lines of the processor-info command. `input` and `output` name the connected
+  /// buffers.
+  virtual void Info(const std::string& input, const std::string& output,
+                    std::vector<std::string>& lines) const;
 
-  bool HasReceiveAudioCallback() const;
+  /// Restarts the statistics when enabling, whether the state changes or not.
+  virtual int32_t Enable(bool enable);
+  bool IsEnabled() const { return enabled_.load(std::memory_order_relaxed); }
 
-  /// A death notice for registration number `serial`; passed by when it has been replaced. Else
-  /// the callback is dropped, and the kind hears of it by onCallbackDeath().
+  /// RT: processes one block. `out` is null when no enabled inject buffer takes it.
+  virtual BlockResult ProcessBlock(const Block& block, OutputArea* out) = 0;
+
+  /// What the kind's blocks work with; null for none. A kind that changes it tells its host.
+  virtual std::shared_ptr<const BlockState> block_state() const { return nullptr; }
+
+  /// Both return a ParameterStatus.
+  virtual int32_t SetParameter(IKvox::ParameterId id, int element, const IKvox::ParamValue& value,
+                               const TapForward& forward);
+  virtual int32_t GetParameter(IKvox::ParameterId id, int element, IKvox::ParamValue* value) const;
+  uint32_t block_length() const { return block_length_.load(std::memory_order_relaxed); }  // frames
+
+  /// Applies a format field by field and stops at the first one that the kind refuses.
+  virtual int32_t SetFormat(const KvoxTapFormat& format);
+  uint32_t format(FormatField field) const {
+    return format_[static_cast<size_t>(field)].load(std::memory_order_relaxed);
+  }
+
+  /// Takes a block from a client. Kinds that have no use for it ignore it.
+  virtual int32_t SendAudio(const IKvox::AudioPacket& packet);
+
+  /// Hands the processor's audio to `callback` from now on, in place of the one before; null ends
+  /// that. So does the callback's death.
+  virtual void RegisterReceiveAudioCallback(
+      const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback);
+  bool HasReceiveAudioCallback() const { return receive_audio_callback() != nullptr; }
+
+  /// The callback of registration number `serial` has died. Ignored when it has been replaced
+  /// since.
   void CallbackDied(uint64_t serial);
 
+  KvoxProcessorStats& stats() { return stats_; }
+
  protected:
+  /// Stores a field; false refuses it. A kind that cannot take every value overrides this.
+  virtual bool SetFormatField(FormatField field, uint32_t value);
+
+  /// After the dead callback has been dropped.
+  virtual void OnCallbackDied() {}
+
   std::shared_ptr<IKvox::IReceiveAudioCallback> receive_audio_callback() const;
   void SetEnabled(bool enabled) { enabled_.store(enabled, std::memory_order_relaxed); }
 
  private:
-  IKvox::ParamValue AudioFormatElement(int element) const;
-  int32_t StoreBlockSize(IKvox::ParameterId id, uint32_t frames);
+  int32_t AudioFormatElement(int element) const;
+  int32_t StoreFrames(IKvox::ParameterId id, uint32_t frames, const TapForward& forward);
 
   const FourCc id_;
-  const FourCc type_;
   const FourCcText id_text_;
   const FourCcText type_text_;
 
-  // Settings: written by commands, read by anyone. Relaxed: each stands for itself.
+  // Settings: written by commands, read by any thread. Relaxed: each stands for itself.
   std::atomic<bool> enabled_ = false;
   std::atomic<bool> passthrough_mode_ = false;
   std::atomic<bool> test_mode_ = false;
-  std::atomic<uint32_t> blocks_processed_ = 0;
   std::atomic<uint32_t> block_length_ = kDefaultBlockLength;
-  std::atomic<uint32_t> sample_rate_ = 48000;
-  std::atomic<uint32_t> bits_per_sample_ = 32;
-  std::atomic<Kvox::DataFormat> data_format_ = Kvox::DataFormat::INT;
-  std::atomic<uint32_t> channels_ = 1;
-  std::atomic<uint32_t> noninterleaved_samples_ = 0;
-  std::atomic<bool> little_endian_ = true;
   std::atomic<uint32_t> jitter_buffer_ = 0;
+  std::array<std::atomic<uint32_t>, 5> format_{{48000, 1, 32, 0, 0}};
 
   KvoxProcessorStats stats_;
-  const ndk::ScopedAIBinder_DeathRecipient death_recipient_;
 
-  mutable Mutex links_mutex_;  // a leaf lock
-  std::weak_ptr<AudioEndpoint> input_ GUARDED_BY(links_mutex_);
-  std::weak_ptr<AudioEndpoint> feed_ GUARDED_BY(links_mutex_);
-  std::weak_ptr<AudioEndpoint> output_ GUARDED_BY(links_mutex_);
-  std::shared_ptr<IKvox::IReceiveAudioCallback> receive_audio_callback_ GUARDED_BY(links_mutex_);
-  ndk::SpAIBinder linked_binder_ GUARDED_BY(links_mutex_);  // the callback's
-  uint64_t callback_serial_ GUARDED_BY(links_mutex_) = 0;
+  const ndk::ScopedAIBinder_DeathRecipient death_recipient_;
+  mutable Mutex callback_mutex_;  // a leaf lock
+  std::shared_ptr<IKvox::IReceiveAudioCallback> receive_audio_callback_ GUARDED_BY(callback_mutex_);
+  ndk::SpAIBinder linked_binder_ GUARDED_BY(callback_mutex_);  // the callback's
+  uint64_t callback_serial_ GUARDED_BY(callback_mutex_) = 0;
 };
 
 }  // namespace kvox

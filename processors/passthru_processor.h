@@ -11,11 +11,12 @@ class PassthruProcessor : public KvoxProcessor {
 
   using KvoxProcessor::KvoxProcessor;
 
-  int32_t Enable(bool enable) override;
-  /// RT: copies what fits and zero-fills the rest. Without an output area only the statistics run.
-  int32_t ProcessBlock(const void* in, size_t in_size, void* out, size_t out_size) override;
-  /// RT: lets the input be sent as it is, without a copy.
-  BlockResult ProcessPacket(const Block& block, OutputArea* out) override;
+  /// RT: has the input sent as it is, without a copy.
+  BlockResult ProcessBlock(const Block& block, OutputArea*) override {
+    if (!IsEnabled()) return {};
+    const MeasuredBlock measured(stats(), block);
+    return {.output_is_input = true};
+  }
 };
 
 }  // namespace kvox

@@ -1,5 +1,5 @@
 // The kind behind the phone booth use case. Its processing is not part of this build: it can be
-// made, listed and tied, and refuses to work.
+// created, listed and connected, and refuses to work.
 #pragma once
 
 #include "processors/kvox_processor.h"
@@ -10,18 +10,15 @@ class PhoneBoothProcessor : public KvoxProcessor {
  public:
   static constexpr FourCc kType = MakeFourCc("phbt");
 
+  /// What a client is told that asks for the use case.
+  static constexpr char kRefusal[] = "Disabled in build";
+
   using KvoxProcessor::KvoxProcessor;
 
-  /// Refuses, whatever is asked for.
-  static void EnableUseCase(bool, IKvox::CommandResult* result) {
-    result->lines.push_back("Disabled in build");
-    result->status = IKvox::CommandStatus::ERROR;
-  }
-
-  void Info(std::vector<std::string>&) const override {}
+  void Info(const std::string&, const std::string&, std::vector<std::string>&) const override {}
   int32_t Enable(bool) override { return -1; }
   /// RT: leaves the output silent.
-  int32_t ProcessBlock(const void*, size_t, void*, size_t) override { return -1; }
+  BlockResult ProcessBlock(const Block&, OutputArea*) override { return {.status = -1}; }
 };
 
 }  // namespace kvox

@@ -1,4 +1,4 @@
-// The parameters every processor has.
+// The parameters that every processor has.
 
 #include "kvox/common/command_tables.h"
 #include "kvox/common/kvox_utils.h"
@@ -9,115 +9,88 @@ namespace {
 
 using Id = IKvox::ParameterId;
 using Value = IKvox::ParamValue;
-
-enum ParameterStatus : int32_t {
-  kStored = 0,
-  kNotForwarded = 1,
-  kUnknownParameter = 3,
-  kBadValue = 4,
-  kReadOnly = 6,
-};
+using Field = KvoxProcessor::FormatField;
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
-Value Int(int32_t number) {
-  return Value::make<Value::i>(number);
+bool IsWritable(Id id) {
+  return id == Id::PASSTHROUGH_MODE || id == Id::TEST_MODE || id == Id::BLOCK_LENGTH ||
+         id == Id::JITTER_BUFFER;
 }
 
 }  // namespace
 
-bool KvoxProcessor::isParameterReadOnly(Id id, int) const {
-  switch (id) {
-    case Id::PASSTHROUGH_MODE:
-    case Id::TEST_MODE:
-    case Id::BLOCK_LENGTH:
-    case Id::JITTER_BUFFER:
-      return false;
-    default:
-      return true;
-  }
-}
-
-int32_t KvoxProcessor::SetParameter(Id id, int element, const Value& value) {
-  if (isParameterReadOnly(id, element)) return kReadOnly;
-  if (value.getTag() != Value::i) return kBadValue;
+int32_t KvoxProcessor::SetParameter(Id id, int, const Value& value, const TapForward& forward) {
+  if (!IsWritable(id)) return kReadOnlyParameter;
+  if (value.getTag() != Value::i) return kBadParameterValue;
   const int32_t number = value.get<Value::i>();
-  switch (id) {
-    case Id::PASSTHROUGH_MODE:
-      passthrough_mode_.store(number != 0, kRelaxed);
-      return kStored;
-    case Id::TEST_MODE:
-      test_mode_.store(number != 0, kRelaxed);
-      return kStored;
-    case Id::BLOCK_LENGTH:
-    case Id::JITTER_BUFFER:
-      return StoreBlockSize(id, static_cast<uint32_t>(number));
-    default:
-      return kUnknownParameter;
+  if (id == Id::PASSTHROUGH_MODE) {
+    passthrough_mode_.store(number != 0, kRelaxed);
+  } else if (id == Id::TEST_MODE) {
+    test_mode_.store(number != 0, kRelaxed);
+  } else {
+    return StoreFrames(id, static_cast<uint32_t>(number), forward);
   }
+  return kParameterStored;
 }
 
-/// Both settings have the same range and go on to the tap point that feeds the input. The value
-/// stays stored when the tap point refuses it.
-int32_t KvoxProcessor::StoreBlockSize(Id id, uint32_t frames) {
+/// The value stays stored when the tap point refuses it.
+int32_t KvoxProcessor::StoreFrames(Id id, uint32_t frames, const TapForward& forward) {
   const bool is_length = id == Id::BLOCK_LENGTH;
-  if (frames < kMinBlockLength || frames > kMaxBlockLength) return kBadValue;
-  if (is_length && frames % kBlockLengthStep != 0) return kBadValue;
+  if (frames < kMinBlockLength || frames > kMaxBlockLength) return kBadParameterValue;
+  if (is_length && frames % kBlockLengthStep != 0) return kBadParameterValue;
   (is_length ? block_length_ : jitter_buffer_).store(frames, kRelaxed);
-  const std::shared_ptr<AudioEndpoint> source = input();
-  if (source == nullptr || !source->is_tapout()) return kStored;
-  const int32_t status =
-      is_length ? source->ForwardBlockLength(frames) : source->ForwardJitterBuffer(frames);
-  return status == 0 ? kStored : kNotForwarded;
+  return forward(id, frames) ? kParameterStored : kParameterNotForwarded;
 }
 
 int32_t KvoxProcessor::GetParameter(Id id, int element, Value* value) const {
-  const auto as_int = [](uint32_t stored) { return Int(static_cast<int32_t>(stored)); };
+  int32_t number = 0;
   switch (id) {
     case Id::VERSION:
-      *value = Int(0);
-      return kStored;
+      break;
     case Id::PASSTHROUGH_MODE:
-      *value = Int(passthrough_mode_.load(kRelaxed));
-      return kStored;
+      number = passthrough_mode_.load(kRelaxed);
+      break;
     case Id::TEST_MODE:
-      *value = Int(test_mode_.load(kRelaxed));
-      return kStored;
+      number = test_mode_.load(kRelaxed);
+      break;
     case Id::BLOCK_LENGTH:
-      *value = as_int(block_length_.load(kRelaxed));
-      return kStored;
+      number = static_cast<int32_t>(block_length());
+      break;
     case Id::AUDIO_FORMAT:
-      *value = AudioFormatElement(element);
-      return kStored;
+      number = AudioFormatElement(element);
+      break;
     case Id::JITTER_BUFFER:
-      *value = as_int(jitter_buffer_.load(kRelaxed));
-      return kStored;
+      number = static_cast<int32_t>(jitter_buffer_.load(kRelaxed));
+      break;
     default:
       return kUnknownParameter;
   }
+  *value = Value::make<Value::i>(number);
+  return kParameterStored;
 }
 
-Value KvoxProcessor::AudioFormatElement(int element) const {
-  // Codes are signed 8-bit numbers here: -1 stands for "no code".
-  const auto code = [](uint32_t number) { return Int(static_cast<int8_t>(number)); };
-  const auto format = static_cast<uint8_t>(GetDataFormat());
+int32_t KvoxProcessor::AudioFormatElement(int element) const {
+  constexpr int32_t kBigEndian = 0;  // every processor works on little-endian samples
+  const uint32_t encoding = format(Field::kDataFormat);
   switch (element) {
+    // Codes are signed 8-bit numbers here: -1 stands for "no code".
     case 0:
-      return code(SampleRateToEnum(GetSampleRate()));
+      return static_cast<int8_t>(SampleRateToEnum(format(Field::kSampleRate)));
     case 1:
-      return code(BitsPerSampleToEnum(GetBitsPerSample()));
+      return static_cast<int8_t>(BitsPerSampleToEnum(format(Field::kBitsPerSample)));
     case 2:
-      return Int(format < kDataFormatCount ? format : -1);
+      return encoding < kDataFormatCount ? static_cast<int32_t>(encoding) : -1;
     case 3:
-      return Int(static_cast<int32_t>(GetChannels()));
+      return static_cast<int32_t>(format(Field::kChannels));
     case 4:
-      return Int(GetNonInterleavedSamples() < 2);
+      return format(Field::kNonInterleavedSamples) < 2 ? 1 : 0;
     case 5:
-      return Int(!little_endian_.load(kRelaxed));
+      return kBigEndian;
     case 6:
-      return Int(static_cast<int32_t>(GetNonInterleavedSamples()));
+      return static_cast<int32_t>(format(Field::kNonInterleavedSamples));
     default:
-      return Int(0);
+      return 0;
   }
 }
 

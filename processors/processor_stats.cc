@@ -12,36 +12,30 @@ namespace {
 constexpr float kLongestPeriodMs = 1000.0f;  // longer ones are pauses, not periods
 constexpr float kIntervalMs = 1000.0f;
 constexpr uint32_t kPeriodsPerAverage = 10000;
-constexpr int64_t kFlagPatienceNs = 50'000'000;
+constexpr auto kFlagPatience = std::chrono::milliseconds(50);
 constexpr auto kFlagPoll = std::chrono::milliseconds(1);
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
-float ElapsedMs(int64_t from_ns, int64_t to_ns) {
+float ElapsedMs(uint64_t from_ns, uint64_t to_ns) {
   return static_cast<float>(static_cast<double>(to_ns - from_ns) / 1e9 * 1000.0);
 }
 
-/// Only the I/O thread adds, so load and store suffice.
+// Only the I/O thread adds and counts, so load and store suffice.
 void Add(std::atomic<float>& sum, float value) {
   sum.store(sum.load(kRelaxed) + value, kRelaxed);
 }
 
 }  // namespace
 
-int64_t KvoxProcessorStats::SteadyNow() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
 // Sequentially consistent, paired with Release: what the last holder wrote is seen by the next.
 bool KvoxProcessorStats::Flag::TryAcquire() {
   return !taken_.exchange(true);
 }
 
-bool KvoxProcessorStats::Flag::AcquireWithin50Ms(Clock clock) {
-  const int64_t begin = clock();
+bool KvoxProcessorStats::Flag::AcquireWithin50Ms() {
+  const auto deadline = std::chrono::steady_clock::now() + kFlagPatience;
   while (!TryAcquire()) {
-    if (clock() - begin > kFlagPatienceNs) return false;
+    if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(kFlagPoll);
   }
   return true;
@@ -51,10 +45,9 @@ void KvoxProcessorStats::Flag::Release() {
   taken_.store(false);
 }
 
-int64_t KvoxProcessorStats::StartMeasurement() {
-  const int64_t now = clock_();
-  const float period_ms = ElapsedMs(last_start_.load(kRelaxed), now);
-  last_start_.store(now, kRelaxed);
+void KvoxProcessorStats::StartMeasurement(uint64_t now_ns) {
+  const float period_ms = ElapsedMs(last_start_.load(kRelaxed), now_ns);
+  last_start_.store(now_ns, kRelaxed);
   if (period_ms <= kLongestPeriodMs) {
     RecordPeriod(period_ms);
   } else if (flag_.TryAcquire()) {
@@ -62,7 +55,7 @@ int64_t KvoxProcessorStats::StartMeasurement() {
     ResetInterval();
     flag_.Release();
   }
-  return now;
+  blocks_.store(blocks_.load(kRelaxed) + 1, kRelaxed);
 }
 
 void KvoxProcessorStats::RecordPeriod(float period_ms) {
@@ -79,9 +72,9 @@ void KvoxProcessorStats::RecordPeriod(float period_ms) {
   Add(interval_period_sum_, period_ms);
 }
 
-void KvoxProcessorStats::StopMeasurement() {
+void KvoxProcessorStats::StopMeasurement(uint64_t now_ns) {
   if (!flag_.TryAcquire()) return;
-  const float active_ms = ElapsedMs(last_start_.load(kRelaxed), clock_());
+  const float active_ms = ElapsedMs(last_start_.load(kRelaxed), now_ns);
   if (!ring_.empty()) {
     ring_[write_index_] = active_ms;
     if (++write_index_ == ring_.size()) {
@@ -130,7 +123,7 @@ void KvoxProcessorStats::ResetPeriods() {
 }
 
 bool KvoxProcessorStats::GetMeasurements(float& average_period, std::vector<float>& measurements) {
-  if (!flag_.AcquireWithin50Ms(clock_)) return false;
+  if (!flag_.AcquireWithin50Ms()) return false;
   const uint32_t periods = period_count_.load(kRelaxed);
   average_period = periods == 0 ? 0 : period_sum_.load(kRelaxed) / static_cast<float>(periods);
   const auto written = ring_.begin() + write_index_;
@@ -144,7 +137,7 @@ bool KvoxProcessorStats::GetMeasurements(float& average_period, std::vector<floa
 }
 
 bool KvoxProcessorStats::SetBufferSize(unsigned int entries) {
-  if (!flag_.AcquireWithin50Ms(clock_)) return false;
+  if (!flag_.AcquireWithin50Ms()) return false;
   ring_.resize(entries);
   ring_.shrink_to_fit();
   buffer_size_.store(entries, kRelaxed);
@@ -155,7 +148,7 @@ bool KvoxProcessorStats::SetBufferSize(unsigned int entries) {
 }
 
 bool KvoxProcessorStats::Reset() {
-  if (!flag_.AcquireWithin50Ms(clock_)) return false;
+  if (!flag_.AcquireWithin50Ms()) return false;
   write_index_ = 0;
   wrapped_ = false;
   last_start_.store(0, kRelaxed);

@@ -2,53 +2,50 @@
 // time (start to end of processing), in milliseconds.
 //
 // The I/O thread measures, service threads read and reset. One flag guards what they share; the I/O
-// thread tries it once and otherwise does without the measurement, so a reader never delays audio.
+// thread tries it once and otherwise skips the measurement, so a reader never delays audio.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 #include "kvox/common/mutex.h"
+#include "processors/block.h"
 
 namespace kvox {
 
 class KvoxProcessorStats {
  public:
-  /// Monotonic time in nanoseconds.
-  using Clock = int64_t (*)();
+  /// RT: the processing of a block begins. Times are those of the packet clock.
+  void StartMeasurement(uint64_t now_ns);
 
-  static int64_t SteadyNow();
+  /// RT: it has ended. Logs a line about once a second of blocks.
+  void StopMeasurement(uint64_t now_ns);
 
-  explicit KvoxProcessorStats(Clock clock = SteadyNow) : clock_(clock) {}
-
-  /// RT: a block begins. Answers the time it read.
-  int64_t StartMeasurement();
-
-  /// RT: the block's processing has ended. Logs a line about once a second of blocks.
-  void StopMeasurement();
-
-  // Service threads. Each waits at most 50 ms for the flag and answers false if it stays taken.
+  // Service threads. Each of the three waits at most 50 ms for the flag, then returns false.
 
   /// Keeps the latest `entries` active times from now on; 0 keeps none.
   bool SetBufferSize(unsigned int entries);
 
-  /// Average period, 0 when none was measured, and the active times kept, oldest first. Both begin
-  /// anew afterwards.
+  /// Average period, 0 when none was measured, and the active times kept, oldest first. Clears
+  /// both.
   bool GetMeasurements(float& average_period, std::vector<float>& measurements);
 
+  /// Forgets what was measured, all but the number of blocks.
   bool Reset();
 
   /// How many active times are kept at most.
   uint32_t buffer_size() const { return buffer_size_.load(std::memory_order_relaxed); }
 
+  /// How many blocks have been started. Never reset.
+  uint32_t blocks() const { return blocks_.load(std::memory_order_relaxed); }
+
  private:
-  /// The flag. A reader may hold it while it copies a ring of any size, the I/O thread never waits.
+  /// A reader may hold the flag while it copies a ring of any size; the I/O thread never waits.
   class CAPABILITY("flag") Flag {
    public:
     bool TryAcquire() TRY_ACQUIRE(true);
-    bool AcquireWithin50Ms(Clock clock) TRY_ACQUIRE(true);
+    bool AcquireWithin50Ms() TRY_ACQUIRE(true);
     void Release() RELEASE();
 
    private:
@@ -68,12 +65,12 @@ class KvoxProcessorStats {
   void LogInterval() REQUIRES(flag_);
   void ResetPeriods();
 
-  const Clock clock_;
   Flag flag_;
 
   // Written without the flag by StartMeasurement, which must not skip a period. Relaxed throughout:
   // each is a figure of its own, and one that is lost against a concurrent reset is harmless.
-  std::atomic<int64_t> last_start_ = 0;
+  std::atomic<uint32_t> blocks_ = 0;
+  std::atomic<uint64_t> last_start_ = 0;
   std::atomic<float> period_sum_ = 0;
   std::atomic<uint32_t> period_count_ = 0;
   std::atomic<float> interval_period_min_ = 1000.0f;
@@ -85,6 +82,22 @@ class KvoxProcessorStats {
   uint32_t write_index_ GUARDED_BY(flag_) = 0;
   bool wrapped_ GUARDED_BY(flag_) = false;
   ActiveInterval active_ GUARDED_BY(flag_);
+};
+
+/// RT: measures the processing of a block for as long as it exists.
+class MeasuredBlock {
+ public:
+  MeasuredBlock(KvoxProcessorStats& stats, const Block& block)
+      : stats_(stats), waiter_(block.waiter) {
+    stats_.StartMeasurement(block.begin_ns);
+  }
+  ~MeasuredBlock() { stats_.StopMeasurement(waiter_.NowNs()); }
+  MeasuredBlock(const MeasuredBlock&) = delete;
+  MeasuredBlock& operator=(const MeasuredBlock&) = delete;
+
+ private:
+  KvoxProcessorStats& stats_;
+  IoWaiter& waiter_;
 };
 
 }  // namespace kvox

@@ -7,10 +7,10 @@
 namespace kvox {
 
 std::shared_ptr<RelayClient> RelayClient::Start(
-    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadReaper& reaper, uint64_t share) {
+    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadGroup& threads, uint64_t share) {
   auto client = std::make_shared<RelayClient>(std::move(callback));
   if (client->work_.fd() < 0 || client->answered_.fd() < 0) return nullptr;
-  const bool started = reaper.Start(
+  const bool started = threads.Start(
       "kvox-client", [client] { client->Serve(); }, share);
   return started ? client : nullptr;
 }
@@ -32,7 +32,7 @@ std::span<std::byte> RelayClient::Slot(size_t size) {
   return std::as_writable_bytes(std::span<uint8_t>(packet_.data));
 }
 
-RelayClient::Answer RelayClient::Deliver(const IKvox::AudioPacket& shape, RtWaiter& waiter,
+RelayClient::Answer RelayClient::Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter,
                                          uint64_t deadline_ns) {
   if (state_.load(std::memory_order_acquire) == State::kFull) return Answer::kBusy;
   packet_.processor_id = shape.processor_id;

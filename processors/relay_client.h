@@ -1,6 +1,6 @@
 // A client that receives a relay's audio, and the thread that calls it. The thread waits for the
-// client as long as that takes; the I/O thread waits for the thread a bounded time only, so a
-// client can be slow, hang or die without holding the audio up.
+// client as long as that takes; the I/O thread waits for the thread for a bounded time only. So a
+// client can be slow, hang or die without delaying the audio.
 #pragma once
 
 #include <aidl/kvox/IKvox.h>
@@ -10,9 +10,9 @@
 #include <memory>
 #include <span>
 
+#include "kvox/common/thread_group.h"
 #include "kvox/common/wake_event.h"
 #include "processors/block.h"
-#include "processors/thread_reaper.h"
 
 namespace kvox {
 
@@ -23,15 +23,15 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
   enum class Answer {
     kAccepted,
     kRefused,  // also by a client that has died
-    kLate,     // no answer in time; what it answers later is not heard
+    kLate,     // no answer in time; a later one is ignored
     kBusy,     // still with an earlier block: this one was not handed over
     kGivenUp,  // the I/O thread was needed elsewhere
   };
 
-  /// The client and its thread, which ends by itself after Stop() and counts among those of
-  /// `share`. Null when there is no thread, or nothing to wait on, to be had.
+  /// The client and its thread, which ends by itself after Stop(). It belongs to `share` in
+  /// `threads`. Null when there is no thread, or no descriptor to wait on.
   static std::shared_ptr<RelayClient> Start(std::shared_ptr<IKvox::IReceiveAudioCallback> callback,
-                                            ThreadReaper& reaper, uint64_t share);
+                                            ThreadGroup& threads, uint64_t share);
 
   explicit RelayClient(std::shared_ptr<IKvox::IReceiveAudioCallback> callback);
 
@@ -50,7 +50,7 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
 
   /// Hands the slot's content over, as a packet with the other fields of `shape`, and waits for the
   /// answer until `deadline_ns` at most.
-  Answer Deliver(const IKvox::AudioPacket& shape, RtWaiter& waiter, uint64_t deadline_ns);
+  Answer Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter, uint64_t deadline_ns);
 
  private:
   enum class State : uint8_t { kEmpty, kFull, kAccepted, kRefused };
@@ -63,7 +63,7 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
 
   std::atomic<bool> stopping_ = false;
 
-  // Whose the packet is: the thread's while the state is kFull, else the I/O thread's.
+  // Owner of the packet: the thread while the state is kFull, else the I/O thread.
   std::atomic<State> state_ = State::kEmpty;
   IKvox::AudioPacket packet_;
 };

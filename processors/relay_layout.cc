@@ -8,8 +8,8 @@
 namespace kvox {
 namespace {
 
-/// Transposes the groups of a block between runs of `run` samples and frames. The runs of a last,
-/// incomplete group are as long as there are frames left.
+/// Transposes the groups of a block between runs of `run` samples and frames. A last, incomplete
+/// group has runs of the frames that are left.
 template <typename Group>
 void ConvertRuns(std::span<const std::byte> in, const KvoxTapFormat& tap, Group group,
                  std::span<std::byte> out) {

@@ -1,5 +1,5 @@
-// How a relay's client and a tap point lay out the same audio. Pure. RT: nothing here allocates,
-// locks or logs.
+// How a relay's client and a tap point lay out the same audio. RT: nothing here allocates, locks or
+// logs.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,8 @@
 
 namespace kvox {
 
-/// A telephony tap has its channels in runs of this many 16-bit samples, whatever it says of
-/// itself.
+/// Telephony taps have their channels in runs of this many 16-bit samples, whatever their format
+/// says.
 inline constexpr uint32_t kTelephonyRun = 480;
 inline constexpr size_t kTelephonySampleSize = 2;  // bytes
 
@@ -23,9 +23,9 @@ void TakeFirstChannel(std::span<const std::byte> tap, uint32_t channels, std::sp
 void SpreadOverChannels(std::span<const std::byte> mono, uint32_t channels,
                         std::span<std::byte> tap);
 
-/// Brings a tap's block into interleaved order, and interleaved audio into the tap's. `in` and
-/// `out` have the same length. What does not fill the tap's runs at a block's end stands in shorter
-/// runs; bytes behind the last whole frame are carried as they are.
+/// Converts a tap's block to interleaved order, and back. `in` and `out` have the same length. At a
+/// block's end, frames that do not fill the tap's runs are in shorter runs; bytes after the last
+/// whole frame are copied as they are.
 void ToInterleaved(std::span<const std::byte> in, const KvoxTapFormat& tap,
                    std::span<std::byte> out);
 void FromInterleaved(std::span<const std::byte> in, const KvoxTapFormat& tap,

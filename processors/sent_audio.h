@@ -8,21 +8,21 @@
 #include <span>
 #include <vector>
 
+#include "kvox/common/byte_budget.h"
 #include "kvox/common/mutex.h"
-#include "processors/byte_budget.h"
 
 namespace kvox {
 
-/// Blocks of one size from any number of service threads to one I/O thread, the newest of which
-/// replaces one that is still waiting. Three slots: one being written, one waiting, one being read.
-/// Each side owns its slot and trades it for the waiting one, so neither waits for the other.
+/// Passes blocks of one size from service threads to one I/O thread; a newer block replaces one
+/// that still waits. Three slots: one being written, one waiting, one being read. Each side owns
+/// its slot and swaps it for the waiting one, so neither waits for the other.
 class SentAudio {
  public:
-  /// What a call on the telephone needs, and every relay has.
+  /// Room that every relay has; enough for a telephone call.
   static constexpr size_t kOwnRoom = 16 << 10;
 
-  /// Its slots come out of `room`, which outlives it, from the first block on; unless they fit into
-  /// kOwnRoom.
+  /// The slots are charged to `room`, which outlives them, from the first block on. Slots that fit
+  /// into kOwnRoom are free.
   SentAudio(size_t block_size, ByteBudget& room) : block_size_(block_size), room_(room) {}
   ~SentAudio();
   SentAudio(const SentAudio&) = delete;
@@ -35,7 +35,7 @@ class SentAudio {
   bool Put(std::span<const uint8_t> block);
 
   /// RT: takes the pending block, which is the reader's until its next Take. Empty when none has
-  /// come since the last one.
+  /// come since.
   std::span<const std::byte> Take();
 
  private:

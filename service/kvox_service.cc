@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <thread>
-#include <utility>
 
 #include "kvox/common/log.h"
 
@@ -12,45 +11,38 @@ namespace {
 constexpr int kReadyChecks = 5;
 constexpr auto kReadyPause = std::chrono::milliseconds(100);
 
-/// The one service of the process. Whoever hands it an event holds the lock meanwhile, so the
-/// service cannot go away under it.
+/// The one service of the process. A thread that hands it an event holds the lock while it does, so
+/// that the service cannot go away.
 Mutex instance_mutex;
 KvoxService* instance GUARDED_BY(instance_mutex) = nullptr;
 
 }  // namespace
 
-KvoxService::KvoxService(const ServiceEnvironment& environment, RecoveryPacer& pacer)
-    : environment_(environment),
-      buffer_environment_{.io = environment.io,
-                          .io_log = environment.io_log,
-                          .taps = *this,
-                          .capture_threads = capture_threads_} {
+KvoxService::KvoxService(const ServiceEnvironment& environment, RecoveryClock& startup)
+    : taps_(environment.link, inventory_, saved_, wiring_),
+      io_(environment.link, inventory_, saved_, wiring_),
+      recovery_({.device_directory = environment.device_directory,
+                 .scan = environment.scan,
+                 .start = environment.start_recovery,
+                 .buffers = {.io = environment.io,
+                             .io_log = environment.io_log,
+                             .wiring = wiring_,
+                             .capture_threads = capture_threads_},
+                 .inventory = inventory_,
+                 .saved = saved_,
+                 .wiring = wiring_,
+                 .taps = taps_,
+                 .io = io_}) {
   {
     MutexLock lock(instance_mutex);
     instance = this;
   }
-  initKvoWithRetry(pacer);
+  recovery_.ScanAtStart(startup);
 }
 
 KvoxService::~KvoxService() {
-  {
-    MutexLock lock(instance_mutex);
-    if (instance == this) instance = nullptr;
-  }
-  std::unique_ptr<Recovery> recovery;
-  {
-    MutexLock lock(recovery_mutex_);
-    recovery = std::move(recovery_);
-  }
-  recovery.reset();
-  BufferTables gone;
-  ProcessorMap processors;
-  {
-    MutexLock lock(mutex_);
-    std::swap(gone, buffers_);
-    processors.swap(processors_);
-  }
-  gone.Drop();
+  MutexLock lock(instance_mutex);
+  if (instance == this) instance = nullptr;
 }
 
 int KvoxService::WaitForServiceReady() {
@@ -63,38 +55,13 @@ int KvoxService::WaitForServiceReady() {
   return -1;
 }
 
-void KvoxService::DispatchInotifyEvent(const inotify_event* event) {
+void KvoxService::DispatchDeviceEvent(const DeviceEvent& event) {
   MutexLock lock(instance_mutex);
-  if (instance != nullptr) instance->HandleInotifyEvent(event);
+  if (instance != nullptr) instance->HandleDeviceEvent(event);
 }
 
 KvoxService::Status KvoxService::Ping() {
   return Status::ok();
-}
-
-std::shared_ptr<KvoxProcessor> KvoxService::GetKvoxProcessor(FourCc id) {
-  const auto found = processors_.find(id);
-  return found == processors_.end() ? nullptr : found->second;
-}
-
-std::shared_ptr<KvoxProcessor> KvoxService::FindProcessor(FourCc id) {
-  MutexLock lock(mutex_);
-  return GetKvoxProcessor(id);
-}
-
-std::vector<std::shared_ptr<KvoxProcessor>> KvoxService::Processors() {
-  MutexLock lock(mutex_);
-  std::vector<std::shared_ptr<KvoxProcessor>> processors;
-  for (const auto& [id, processor] : processors_) processors.push_back(processor);
-  return processors;
-}
-
-/// Tap-out buffers go before inject buffers, so that no packet is on its way when those close.
-void KvoxService::BufferTables::Drop() {
-  for (BufferMap* buffers : {&tapouts, &injects}) {
-    for (auto& [number, buffer] : *buffers) buffer->Drop();
-    buffers->clear();
-  }
 }
 
 }  // namespace kvox

@@ -11,6 +11,9 @@ namespace kvox {
 /// many connections are remembered.
 inline constexpr size_t kMaxProcessors = 1024;
 
+/// Statistics entries of one processor: more would not fit into one reply of the transport (1 MiB).
+inline constexpr uint32_t kMaxStatsEntries = ((1u << 20) - 4096) / sizeof(float);
+
 /// Statistics entries of all processors together: 16 MiB, for a few clients that keep the most of
 /// one processor. Else a few small calls could take a gigabyte.
 inline constexpr uint64_t kMaxStatsEntriesOfAll = (16u << 20) / sizeof(float);

@@ -1,4 +1,4 @@
-// One tap point of the co-processor, and the service's memory of those that clients have set up.
+// One tap point of the co-processor.
 #pragma once
 
 #include <compare>
@@ -22,12 +22,17 @@ struct TapArguments {
   }
 };
 
+/// The number of a buffer that is saved in 8 bits; -1 for none.
+constexpr int BufferNumber(uint8_t id) {
+  return id == kNoBuffer ? -1 : id;
+}
+
 inline constexpr uint32_t kBlockLengthNotSet = 0xFFFFFFFF;
 inline constexpr int16_t kJitterBufferNotSet = -1;
 inline constexpr uint8_t kDataFormatNotSet = 0xFF;
 
-/// State of a tap point: what the co-processor tells of it, and what only the host keeps. A fresh
-/// one has nothing set and no buffers.
+/// State of a tap point: what the co-processor tells of it, and what only the host keeps. By
+/// default nothing is set and no buffer is bound.
 struct KvoxTapPointState {
   TapInfoState info = {
       .block_length = kBlockLengthNotSet, .tapout_buffer = kNoBuffer, .inject_buffer = kNoBuffer};
@@ -38,14 +43,14 @@ struct KvoxTapPointState {
 
   TapArguments Arguments() const { return {info.core, info.tap, info.index}; }
 
-  /// Switched off and tied to nothing: not worth remembering.
+  /// Off and unbound: not worth saving.
   bool Idle() const {
     return info.enabled == 0 && info.tapout_buffer == kNoBuffer && info.inject_buffer == kNoBuffer;
   }
 };
 static_assert(sizeof(KvoxTapPointState) == 28);
 
-/// The state that a tap-information reply describes; what it does not tell is 0.
+/// The state that a tap-information reply describes; what the reply does not carry is 0.
 KvoxTapPointState StateFromReply(const TapInfoState& info);
 
 /// Orders tap points by tap id, then index, then core; an index of 128 or more sets all bits of the
@@ -65,16 +70,10 @@ class TapKey {
 
 using TapMap = std::map<TapKey, KvoxTapPointState>;
 
-/// The tap map's entry for this tap point, made when absent.
-KvoxTapPointState& EntryFor(const TapArguments& tap, TapMap& taps);
-
-/// Forgets the tap point if it is idle.
-void EraseIfIdle(const TapArguments& tap, TapMap& taps);
-
 /// "imic.0"
 std::string TapName(const TapInfoState& info);
 
-/// The lines with which requests about tap points begin.
+/// Request lines of the commands.
 std::string TapInfoRequest(const TapArguments& tap);
 std::string TapEnableRequest(const TapArguments& tap, bool enable);
 std::string BlockLengthRequest(const TapArguments& tap, uint32_t frames);

@@ -1,161 +1,113 @@
 #include "service/use_cases.h"
 
-#include <algorithm>
-#include <array>
+#include "kvox/common/log.h"
 
 namespace kvox {
 namespace {
 
-using Step = UseCaseStep;
-using Command = Step::Command;
-using Outcome = Step::Outcome;
-using UseCase = IKvox::UseCase;
+using CommandResult = IKvox::CommandResult;
 
-constexpr FourCc kHotword = MakeFourCc("hwae");
-constexpr FourCc kMicrophone = MakeFourCc("pas1");
-constexpr FourCc kSpeaker = MakeFourCc("pas2");
-constexpr FourCc kDownlink = MakeFourCc("art0");
-constexpr FourCc kUplink = MakeFourCc("art1");
-constexpr FourCc kMedia = MakeFourCc("armd");
-
-constexpr TapArguments kMicrophoneTap = {2, MakeFourCc("imic"), 0};
-constexpr TapArguments kSpeakerTap = {2, MakeFourCc("sspk"), 0};
-constexpr TapArguments kDownlinkTap = {4, MakeFourCc("vpdl"), 0};
-constexpr TapArguments kUplinkTap = {4, MakeFourCc("vpul"), 1};
-constexpr TapArguments kMediaTap = {2, MakeFourCc("entr"), 5};
-
-consteval Step New(FourCc processor, FourCc type) {
-  return {.command = Command::kNewProcessor, .processor = processor, .type = type};
-}
-consteval Step Connect(FourCc processor, int buffer) {
-  return {.command = Command::kConnect, .processor = processor, .buffer = buffer};
-}
-consteval Step Enable(FourCc processor) {
-  return {.command = Command::kProcessorEnable, .processor = processor, .enable = true};
-}
-consteval Step Disable(FourCc processor, Outcome outcome) {
-  return {.command = Command::kProcessorEnable, .processor = processor, .outcome = outcome};
-}
-consteval Step Delete(FourCc processor, Outcome outcome) {
-  return {.command = Command::kDeleteProcessor, .processor = processor, .outcome = outcome};
-}
-consteval Step Bind(TapArguments tap, int buffer) {
-  return {.command = Command::kConnectTap, .tap = tap, .buffer = buffer};
-}
-consteval Step Unbind(TapArguments tap) {
-  return {.command = Command::kConnectTap, .tap = tap};
-}
-consteval Step TakeBlockLength(TapArguments tap, FourCc processor) {
-  return {.command = Command::kTapSetBlockLength, .processor = processor, .tap = tap};
-}
-consteval Step Switch(TapArguments tap, bool enable) {
-  return {.command = Command::kTapEnable, .tap = tap, .enable = enable};
-}
-consteval Step Start(int buffer) {
-  return {.command = Command::kStartIo, .buffer = buffer};
-}
-consteval Step Stop(int buffer) {
-  return {.command = Command::kStopIo, .buffer = buffer};
-}
-
-constexpr FourCc kPass = MakeFourCc("pass");
-constexpr FourCc kRelay = MakeFourCc("arel");
-
-constexpr Step kHotwordOn[] = {Enable(kHotword)};
-constexpr Step kHotwordOff[] = {Disable(kHotword, Outcome::kStops)};
-
-constexpr Step kMicrophoneOn[] = {New(kMicrophone, kPass),      Connect(kMicrophone, 20),
-                                  Enable(kMicrophone),          Bind(kMicrophoneTap, 20),
-                                  Switch(kMicrophoneTap, true), Start(20)};
-constexpr Step kMicrophoneOff[] = {Switch(kMicrophoneTap, false), Stop(20),
-                                   Disable(kMicrophone, Outcome::kCounts),
-                                   Delete(kMicrophone, Outcome::kCounts)};
-
-constexpr Step kSpeakerOn[] = {New(kSpeaker, kPass),  Connect(kSpeaker, 21),     Enable(kSpeaker),
-                               Bind(kSpeakerTap, 21), Switch(kSpeakerTap, true), Start(21)};
-constexpr Step kSpeakerOff[] = {Switch(kSpeakerTap, false), Stop(21),
-                                Disable(kSpeaker, Outcome::kCounts),
-                                Delete(kSpeaker, Outcome::kCounts)};
-
-constexpr Step kTelephonyOn[] = {New(kDownlink, kRelay),
-                                 New(kUplink, kRelay),
-                                 Connect(kDownlink, 40),
-                                 Connect(kUplink, 41),
-                                 Enable(kDownlink),
-                                 Enable(kUplink),
-                                 Bind(kDownlinkTap, 40),
-                                 Bind(kUplinkTap, 41),
-                                 TakeBlockLength(kDownlinkTap, kDownlink),
-                                 TakeBlockLength(kUplinkTap, kUplink),
-                                 Switch(kDownlinkTap, true),
-                                 Switch(kUplinkTap, true),
-                                 Start(40),
-                                 Start(41)};
-constexpr Step kTelephonyOff[] = {Switch(kDownlinkTap, false),
-                                  Switch(kUplinkTap, false),
-                                  Unbind(kDownlinkTap),
-                                  Unbind(kUplinkTap),
-                                  Stop(40),
-                                  Stop(41),
-                                  Disable(kDownlink, Outcome::kIgnored),
-                                  Disable(kUplink, Outcome::kIgnored),
-                                  Delete(kDownlink, Outcome::kIgnored),
-                                  Delete(kUplink, Outcome::kIgnored)};
-
-constexpr Step kMediaOn[] = {New(kMedia, kRelay),
-                             Connect(kMedia, 20),
-                             Enable(kMedia),
-                             Bind(kMediaTap, 20),
-                             TakeBlockLength(kMediaTap, kMedia),
-                             Switch(kMediaTap, true),
-                             Start(20)};
-constexpr Step kMediaOff[] = {Switch(kMediaTap, false), Unbind(kMediaTap), Stop(20),
-                              Disable(kMedia, Outcome::kIgnored),
-                              Delete(kMedia, Outcome::kIgnored)};
-
-struct Row {
-  UseCase use_case;
-  std::span<const Step> on;
-  std::span<const Step> off;
-};
-
-constexpr Row kRows[] = {
-    {UseCase::HOTWORDAEC, kHotwordOn, kHotwordOff},
-    {UseCase::MIC_IN, kMicrophoneOn, kMicrophoneOff},
-    {UseCase::SPEAKER_OUT, kSpeakerOn, kSpeakerOff},
-    {UseCase::AREL_TELE, kTelephonyOn, kTelephonyOff},
-    {UseCase::AREL_MEDIA_PLAYBACK, kMediaOn, kMediaOff},
-};
-
-char ToUpper(char c) {
-  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+bool Failed(const CommandResult& result) {
+  return result.status != IKvox::CommandStatus::OK;
 }
 
 }  // namespace
 
-std::span<const UseCaseStep> StepsOf(UseCase use_case, bool enable) {
-  for (const Row& row : kRows) {
-    if (row.use_case == use_case) return enable ? row.on : row.off;
+/// One caller at a time switches a use case, so that two cannot mix its steps.
+class UseCases::Turn {
+ public:
+  Turn(UseCases& use_cases, UseCase use_case) : use_cases_(use_cases), use_case_(use_case) {
+    MutexLock lock(use_cases_.mutex_);
+    while (!use_cases_.switching_.insert(use_case_).second) {
+      use_cases_.turn_ended_.Wait(use_cases_.mutex_);
+    }
   }
-  return {};
-}
-
-UseCase UseCaseOfRelay(FourCc relay) {
-  if (relay == kDownlink || relay == kUplink) return UseCase::AREL_TELE;
-  return relay == kMedia ? UseCase::AREL_MEDIA_PLAYBACK : UseCase::UNSPECIFIED;
-}
-
-UseCase stringToUseCase(const std::string& name) {
-  std::string upper = name;
-  std::transform(upper.begin(), upper.end(), upper.begin(), ToUpper);
-  for (const UseCase use_case : ndk::enum_range<UseCase>()) {
-    if (toString(use_case) == upper) return use_case;
+  ~Turn() {
+    MutexLock lock(use_cases_.mutex_);
+    use_cases_.switching_.erase(use_case_);
+    use_cases_.turn_ended_.NotifyAll();
   }
-  return UseCase::UNSPECIFIED;
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  UseCases& use_cases_;
+  const UseCase use_case_;
+};
+
+void UseCases::Switch(UseCase use_case, bool enable, CommandResult* result) {
+  const Turn turn(*this, use_case);
+  SwitchInTurn(use_case, enable, result);
 }
 
-bool IsSupported(UseCase use_case) {
-  return use_case >= UseCase::HOTWORDAEC && use_case <= UseCase::AREL_MEDIA_PLAYBACK;
+/// Telephony remembers whether it is on.
+void UseCases::SwitchInTurn(UseCase use_case, bool enable, CommandResult* result) {
+  const bool remembers = use_case == UseCase::AREL_TELE;
+  if (remembers && telephony_enabled() == enable) {
+    LogInfo(enable ? "Already enabled" : "Already disabled");
+    return;
+  }
+  CommandResult ignored;
+  for (const UseCaseStep& step : StepsOf(use_case, enable)) {
+    const bool counts = step.outcome != UseCaseStep::Outcome::kIgnored;
+    RunStep(step, counts ? result : &ignored);
+    if (step.outcome == UseCaseStep::Outcome::kStops && Failed(*result)) return;
+  }
+  if (!remembers || Failed(*result)) return;
+  MutexLock lock(mutex_);
+  telephony_enabled_ = enable;
+}
+
+bool UseCases::telephony_enabled() const {
+  MutexLock lock(mutex_);
+  return telephony_enabled_;
+}
+
+void UseCases::RunStep(const UseCaseStep& step, CommandResult* result) {
+  using Command = UseCaseStep::Command;
+  const auto id = static_cast<int32_t>(step.processor);
+  const auto [core, code, index] = step.tap;
+  const auto tap = static_cast<int32_t>(code);
+  const auto run = [&] {
+    switch (step.command) {
+      case Command::kNewProcessor:
+        return commands_.NewProcessorWithType(id, static_cast<int32_t>(step.type), result);
+      case Command::kConnect:
+        return commands_.Connect(id, step.buffer, step.buffer, result);
+      case Command::kProcessorEnable:
+        return commands_.ProcessorEnable(id, step.enable, result);
+      case Command::kDeleteProcessor:
+        return commands_.DeleteProcessor(id, result);
+      case Command::kConnectTap:
+        return commands_.ConnectTap(core, tap, index, step.buffer, step.buffer, result);
+      case Command::kTapSetBlockLength: {
+        const ProcessorPtr processor = inventory_.FindProcessor(step.processor);
+        const uint32_t frames = processor ? processor->block_length() : 0;
+        return commands_.TapSetBlockLength(core, tap, index, static_cast<int32_t>(frames), result);
+      }
+      case Command::kTapEnable:
+        return commands_.TapEnable(core, tap, index, step.enable, result);
+      case Command::kStartIo:
+        return commands_.StartIo(step.buffer, result);
+      case Command::kStopIo:
+        return commands_.StopIo(step.buffer, result);
+    }
+    return ndk::ScopedAStatus::ok();
+  };
+  static_cast<void>(run());  // commands report in the result alone
+}
+
+int32_t UseCases::EndUseCaseOf(const KvoxProcessor& relay) {
+  const UseCase use_case = UseCaseOfRelay(relay.id());
+  if (use_case == UseCase::UNSPECIFIED) {
+    return static_cast<int32_t>(IKvox::CommandStatus::INVALID_PROCESSOR);
+  }
+  const Turn turn(*this, use_case);
+  const bool replaced = inventory_.FindProcessor(relay.id()).get() != &relay;
+  if (replaced || relay.HasReceiveAudioCallback()) return 0;
+  CommandResult result;
+  SwitchInTurn(use_case, false, &result);
+  return static_cast<int32_t>(result.status);
 }
 
 }  // namespace kvox

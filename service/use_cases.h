@@ -1,56 +1,51 @@
-// The named audio set-ups, as rows of steps. A step is one of the service's own commands.
+// Switches use cases: runs their steps through the service's own commands.
 #pragma once
 
 #include <aidl/kvox/IKvox.h>
 
-#include <cstdint>
+#include <set>
 #include <span>
-#include <string>
 
-#include "kvox/common/four_cc.h"
-#include "service/tap_point.h"
+#include "kvox/common/mutex.h"
+#include "processors/kvox_processor.h"
+#include "service/inventory.h"
+#include "service/use_case_steps.h"
 
 namespace kvox {
 
-using aidl::kvox::IKvox;
+/// Any thread but an I/O thread. Calls for the same use case take turns; no lock is held from one
+/// step to the next, so other commands may run in between.
+class UseCases {
+ public:
+  using UseCase = IKvox::UseCase;
 
-struct UseCaseStep {
-  enum class Command {
-    kNewProcessor,
-    kConnect,
-    kProcessorEnable,
-    kDeleteProcessor,
-    kConnectTap,
-    kTapSetBlockLength,  // to the processor's
-    kTapEnable,
-    kStartIo,
-    kStopIo,
-  };
-  enum class Outcome {
-    kStops,    // a failure ends the use case there
-    kCounts,   // goes on after a failure; the last step's status is the use case's
-    kIgnored,  // goes on after a failure, which nobody hears of
-  };
+  /// Both outlive the object. `commands` runs the steps.
+  UseCases(IKvox& commands, const Inventory& inventory)
+      : commands_(commands), inventory_(inventory) {}
 
-  Command command;
-  FourCc processor = 0;
-  FourCc type = 0;
-  TapArguments tap = {};
-  int buffer = -1;  // tap-out and inject buffer of the same number; -1 for none
-  bool enable = false;
-  Outcome outcome = Outcome::kStops;
+  /// Runs the steps into `result`; a failure ends the use case there, unless the step says
+  /// otherwise.
+  void Switch(UseCase use_case, bool enable, IKvox::CommandResult* result);
+
+  /// Switches off the use case of a relay whose client has died, unless the relay or its client has
+  /// been replaced since. Returns 0, or a status of the commands.
+  int32_t EndUseCaseOf(const KvoxProcessor& relay);
+
+  bool telephony_enabled() const;
+
+ private:
+  class Turn;
+
+  void SwitchInTurn(UseCase use_case, bool enable, IKvox::CommandResult* result) EXCLUDES(mutex_);
+  void RunStep(const UseCaseStep& step, IKvox::CommandResult* result);
+
+  IKvox& commands_;
+  const Inventory& inventory_;
+
+  mutable Mutex mutex_;  // a leaf lock
+  CondVar turn_ended_;
+  std::set<UseCase> switching_ GUARDED_BY(mutex_);
+  bool telephony_enabled_ GUARDED_BY(mutex_) = false;
 };
-
-/// The steps that switch a use case on or off; empty for one that is not made of steps.
-std::span<const UseCaseStep> StepsOf(IKvox::UseCase use_case, bool enable);
-
-/// The use case that a relay processor stands for; UNSPECIFIED for none.
-IKvox::UseCase UseCaseOfRelay(FourCc relay);
-
-/// A use case by its name, in any mixture of upper and lower case; UNSPECIFIED for an unknown name.
-IKvox::UseCase stringToUseCase(const std::string& name);
-
-/// Whether there is such a use case, be it made of steps or not.
-bool IsSupported(IKvox::UseCase use_case);
 
 }  // namespace kvox

@@ -14,7 +14,6 @@ using Value = IKvox::ParamValue;
 using Sample = int16_t;
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
-constexpr int32_t kBadValue = 4;  // SetParameter's statuses are fixed for all kinds
 
 bool CanProcess(const KvoxTapFormat& format) {
   return format.bytes_per_sample == sizeof(Sample) &&
@@ -39,54 +38,45 @@ void Amplify(std::span<const std::byte> in, std::byte* out, float gain) {
 
 }  // namespace
 
-void GainProcessor::Info(std::vector<std::string>& lines) const {
-  KvoxProcessor::Info(lines);
+void GainProcessor::Info(const std::string& input, const std::string& output,
+                         std::vector<std::string>& lines) const {
+  KvoxProcessor::Info(input, output, lines);
   lines.push_back(FormatText<64>("  Gain:    %g", static_cast<double>(gain_.load(kRelaxed))));
 }
 
-int32_t GainProcessor::Enable(bool enable) {
-  KvoxProcessor::Enable(enable);
-  SetEnabled(enable);
-  return 0;
+bool GainProcessor::SetFormatField(FormatField field, uint32_t value) {
+  if (field == FormatField::kBitsPerSample && value != 8 * sizeof(Sample)) return false;
+  if (field == FormatField::kDataFormat && Kvox::DataFormat(value) != Kvox::DataFormat::INT) {
+    return false;
+  }
+  return KvoxProcessor::SetFormatField(field, value);
 }
 
-int32_t GainProcessor::SetBitsPerSample(uint32_t bits) {
-  return bits == 8 * sizeof(Sample) ? KvoxProcessor::SetBitsPerSample(bits) : -1;
-}
-
-int32_t GainProcessor::SetDataFormat(Kvox::DataFormat format) {
-  return format == Kvox::DataFormat::INT ? KvoxProcessor::SetDataFormat(format) : -1;
-}
-
-bool GainProcessor::isParameterReadOnly(IKvox::ParameterId id, int element) const {
-  return id != kGain && KvoxProcessor::isParameterReadOnly(id, element);
-}
-
-int32_t GainProcessor::SetParameter(IKvox::ParameterId id, int element, const Value& value) {
-  if (id != kGain) return KvoxProcessor::SetParameter(id, element, value);
-  if (value.getTag() != Value::f) return kBadValue;
+int32_t GainProcessor::SetParameter(IKvox::ParameterId id, int element, const Value& value,
+                                    const TapForward& forward) {
+  if (id != kGain) return KvoxProcessor::SetParameter(id, element, value, forward);
+  if (value.getTag() != Value::f) return kBadParameterValue;
   const float gain = value.get<Value::f>();
-  if (!(gain >= 0 && gain <= kMaxGain)) return kBadValue;  // also what is not a number
+  if (!(gain >= 0 && gain <= kMaxGain)) return kBadParameterValue;  // also for not-a-number
   gain_.store(gain, kRelaxed);
-  return 0;
+  return kParameterStored;
 }
 
 int32_t GainProcessor::GetParameter(IKvox::ParameterId id, int element, Value* value) const {
   if (id != kGain) return KvoxProcessor::GetParameter(id, element, value);
   *value = Value::make<Value::f>(gain_.load(kRelaxed));
-  return 0;
+  return kParameterStored;
 }
 
-BlockResult GainProcessor::ProcessPacket(const Block& block, OutputArea* out) {
+BlockResult GainProcessor::ProcessBlock(const Block& block, OutputArea* out) {
   if (!IsEnabled()) return {};
   if (!CanProcess(block.format)) return {.status = -1};
   const float gain = gain_.load(kRelaxed);  // once a block: the whole block has one gain
-  ProcessBlockBegin();
+  const MeasuredBlock measured(stats(), block);
   const bool unchanged = gain == 1.0f;
   if (out != nullptr && !unchanged) {
     Amplify(block.audio.first(std::min(block.audio.size(), out->size())), out->Data(), gain);
   }
-  ProcessBlockEnd();
   return {.output_is_input = unchanged};
 }
 

@@ -15,7 +15,7 @@ using Value = IKvox::ParamValue;
 constexpr KvoxTapFormat kMono16 = {.channels = 1, .bytes_per_sample = 2};
 
 /// Nothing here waits.
-class NoWaiter : public RtWaiter {
+class NoWaiter : public IoWaiter {
   bool WaitWritable(int, uint64_t) override { return false; }
   bool WaitReadable(int, uint64_t) override { return false; }
   uint64_t NowNs() override { return 0; }
@@ -30,8 +30,10 @@ class GainProcessorTest : public BufferFixture {
  protected:
   GainProcessorTest() { processor_->Enable(true); }
 
-  int32_t SetGain(float gain) {
-    return processor_->SetParameter(GainProcessor::kGain, 0, Value::make<Value::f>(gain));
+  int32_t SetGain(float gain) { return Set(GainProcessor::kGain, Value::make<Value::f>(gain)); }
+  int32_t Set(IKvox::ParameterId id, const Value& value) {
+    return processor_->SetParameter(id, 0, value,
+                                    [](IKvox::ParameterId, uint32_t) { return true; });
   }
 
   /// The block stands at an odd address: nothing promises that its samples are aligned.
@@ -42,22 +44,19 @@ class GainProcessorTest : public BufferFixture {
     NoWaiter waiter;
     Outcome outcome{.result = {}, .samples = Samples(samples.size(), 99)};
     OutputArea out(std::as_writable_bytes(std::span(outcome.samples)));
-    outcome.result = processor_->ProcessPacket({.audio = std::span(area).subspan(1),
-                                                .format = format,
-                                                .arrived_ns = 0,
-                                                .connected = true,
-                                                .state = nullptr,
-                                                .waiter = waiter},
-                                               &out);
+    outcome.result = processor_->ProcessBlock({.audio = std::span(area).subspan(1),
+                                               .format = format,
+                                               .arrived_ns = 0,
+                                               .begin_ns = 0,
+                                               .connected = true,
+                                               .state = nullptr,
+                                               .waiter = waiter},
+                                              &out);
     if (!outcome.result.output_is_input) out.Data();
     return outcome;
   }
 
-  int BlockCount() {
-    IKvox::ProcessorStats stats;
-    processor_->GetStats(&stats);
-    return stats.blockCount;
-  }
+  uint32_t BlockCount() { return processor_->stats().blocks(); }
 
   const std::shared_ptr<GainProcessor> processor_ =
       std::make_shared<GainProcessor>(MakeFourCc("gai0"), GainProcessor::kType);
@@ -68,7 +67,7 @@ TEST_F(GainProcessorTest, AmplifiesAndLimitsEverySample) {
   EXPECT_THAT(Process({100, -100, 3, 0}).samples, ElementsAre(50, -50, 2, 0));
   SetGain(16);
   EXPECT_THAT(Process({100, 3000, -3000}).samples, ElementsAre(1600, 32767, -32768));
-  EXPECT_EQ(BlockCount(), 2);
+  EXPECT_EQ(BlockCount(), 2u);
 }
 
 TEST_F(GainProcessorTest, LetsTheInputGoOutAsItIsWhenNothingChanges) {
@@ -92,7 +91,7 @@ TEST_F(GainProcessorTest, IsSilentWhileDisabledAndForBlocksOfAnotherFormat) {
   processor_->Enable(false);
   EXPECT_EQ(Process({5, 6}).result.status, 0);
   EXPECT_THAT(Process({5, 6}).samples, Each(0));
-  EXPECT_EQ(BlockCount(), 0);
+  EXPECT_EQ(BlockCount(), 0u);
 }
 
 TEST_F(GainProcessorTest, TakesAGainInItsRangeAndLeavesOtherParametersToTheBase) {
@@ -100,16 +99,16 @@ TEST_F(GainProcessorTest, TakesAGainInItsRangeAndLeavesOtherParametersToTheBase)
   EXPECT_EQ(SetGain(-1), 4);
   EXPECT_EQ(SetGain(16.5f), 4);
   EXPECT_EQ(SetGain(std::nanf("")), 4);
-  EXPECT_EQ(processor_->SetParameter(GainProcessor::kGain, 0, Value::make<Value::i>(1)), 4);
+  EXPECT_EQ(Set(GainProcessor::kGain, Value::make<Value::i>(1)), 4);
   Value value;
   EXPECT_EQ(processor_->GetParameter(GainProcessor::kGain, 0, &value), 0);
   EXPECT_EQ(value.get<Value::f>(), 3);
 
   using Id = IKvox::ParameterId;
-  EXPECT_EQ(processor_->SetParameter(Id::BLOCK_LENGTH, 0, Value::make<Value::i>(960)), 0);
-  EXPECT_EQ(processor_->SetParameter(Id::VERSION, 0, Value::make<Value::i>(1)), 6);
+  EXPECT_EQ(Set(Id::BLOCK_LENGTH, Value::make<Value::i>(960)), 0);
+  EXPECT_EQ(Set(Id::VERSION, Value::make<Value::i>(1)), 6);
   std::vector<std::string> lines;
-  processor_->Info(lines);
+  processor_->Info("none", "none", lines);
   EXPECT_EQ(lines.back(), "  Gain:    3");
 }
 
@@ -117,8 +116,7 @@ TEST_F(GainProcessorTest, WorksBetweenTwoBuffers) {
   const auto tapout = MakeBuffer("tapout0", 0, true);
   const auto inject = MakeBuffer("inject0", 0, false);
   SetGain(2);
-  tapout->RegisterOutput(processor_);
-  inject->RegisterInput(processor_);
+  wiring_.Connect(tapout, {processor_}, inject);
   ASSERT_EQ(inject->Enable(true), 0);
   ASSERT_EQ(tapout->Enable(true), 0);
   const Samples heard = {7, -8, 0, 20000};

@@ -17,9 +17,42 @@
 
 namespace kvox {
 
-class NoTaps : public TapControl {
-  int32_t SetTapBlockLength(const KvoxBuffer&, uint32_t) override { return 0; }
-  int32_t SetTapJitterBuffer(const KvoxBuffer&, uint32_t) override { return 0; }
+/// Connects processors to one tap-out buffer; the first of them writes one inject buffer.
+class TestWiring : public BufferWiring {
+ public:
+  void Connect(std::shared_ptr<KvoxBuffer> tapout,
+               std::vector<std::shared_ptr<KvoxProcessor>> processors,
+               std::shared_ptr<KvoxBuffer> inject) {
+    tapout_ = std::move(tapout);
+    processors_ = std::move(processors);
+    inject_ = std::move(inject);
+    Publish();
+  }
+
+  unsigned CountProcessors(const KvoxBuffer& buffer) override {
+    if (&buffer == inject_.get()) return 1;
+    return &buffer == tapout_.get() ? static_cast<unsigned>(processors_.size()) : 0;
+  }
+  void PortChanged(const KvoxBuffer&) override { Publish(); }
+
+ private:
+  void Publish() {
+    if (!tapout_) return;
+    std::vector<Route> routes;
+    for (const auto& processor : processors_) {
+      routes.push_back({.processor = processor, .state = processor->block_state()});
+    }
+    if (!routes.empty() && inject_) {
+      routes[0].connected = true;
+      routes[0].port = inject_->port();
+    }
+    tapout_->SetRoutes(std::move(routes));
+    tapout_->WaitForGracePeriod();
+  }
+
+  std::shared_ptr<KvoxBuffer> tapout_;
+  std::vector<std::shared_ptr<KvoxProcessor>> processors_;
+  std::shared_ptr<KvoxBuffer> inject_;
 };
 
 class BufferFixture : public ::testing::Test {
@@ -32,7 +65,7 @@ class BufferFixture : public ::testing::Test {
     return std::make_shared<KvoxBuffer>(name, directory_ / name, number, is_tapout,
                                         BufferEnvironment{.io = SystemDeviceIo(),
                                                           .io_log = io_log(),
-                                                          .taps = taps_,
+                                                          .wiring = wiring_,
                                                           .capture_threads = capture_threads_});
   }
 
@@ -63,9 +96,9 @@ class BufferFixture : public ::testing::Test {
   }
 
   LogCapture log_;
-  NoTaps taps_;
   TempDirectory directory_;
-  ThreadReaper capture_threads_{4};
+  ThreadGroup capture_threads_{4};
+  TestWiring wiring_;
   UniqueFd source_;  // writes into the tap-out FIFO made last
   UniqueFd sink_;    // reads from the inject FIFO made last
 };

@@ -52,19 +52,18 @@ constexpr KvoxTapFormat kFormat = {.sample_rate = 48000, .channels = 255, .bytes
 class WatchedProcessor : public PassthruProcessor {
  public:
   using PassthruProcessor::PassthruProcessor;
-  BlockResult ProcessPacket(const Block& block, OutputArea* out) override {
+  BlockResult ProcessBlock(const Block& block, OutputArea* out) override {
     counted = ++blocks > kWarmUp;
-    return PassthruProcessor::ProcessPacket(block, out);
+    return PassthruProcessor::ProcessBlock(block, out);
   }
   int blocks = 0;
 };
 
 /// A relay to a client that takes every block, as well as its thread can keep up.
-class Relay : public RelayOwner {
+class Relay : public ProcessorHost {
  public:
   Relay() {
-    processor->SetChannels(kFormat.channels);
-    processor->SetBlockLength(1);
+    processor->SetFormat(kFormat);
     processor->Enable(true);
     processor->RegisterReceiveAudioCallback(client);
   }
@@ -77,11 +76,12 @@ class Relay : public RelayOwner {
     }
     std::atomic<int> blocks = 0;
   };
-  int32_t DisableUseCaseOf(const KvoxProcessor&) override { return 0; }
-  ThreadReaper& client_threads() override { return threads_; }
+  void BlockStateChanged(const KvoxProcessor&) override {}
+  int32_t EndUseCaseOf(const KvoxProcessor&) override { return 0; }
+  ThreadGroup& client_threads() override { return threads_; }
   ByteBudget& sent_audio_room() override { return room_; }
 
-  ThreadReaper threads_{1};
+  ThreadGroup threads_{1};
   ByteBudget room_{1u << 20};
 
  public:
@@ -103,15 +103,14 @@ TEST_F(RealtimeTest, ThePacketPathNeitherAllocatesNorLocks) {
   const auto inject = MakeBuffer("inject0", 0, false);
   const auto processor =
       std::make_shared<WatchedProcessor>(MakeFourCc("pass"), PassthruProcessor::kType);
-  processor->SetStatsMaxBufferSize(100);
+  processor->stats().SetBufferSize(100);
   processor->Enable(true);
-  tapout->RegisterOutput(processor);
   const Relay relay;
-  tapout->RegisterOutput(relay.processor);
-  inject->RegisterInput(processor);
+  wiring_.Connect(tapout, {processor, relay.processor}, inject);
   for (const auto& buffer : {inject, tapout}) {
     std::string message;
-    ASSERT_EQ(buffer->CaptureStart(directory_ / (buffer->name() + ".wav"), message), 0) << message;
+    ASSERT_EQ(buffer->capture().Start(directory_ / (buffer->name() + ".wav"), message), 0)
+        << message;
     ASSERT_EQ(buffer->Enable(true), 0);
   }
   const void* volatile proof = malloc(1);  // the replacement is in place
@@ -131,11 +130,12 @@ TEST_F(RealtimeTest, ThePacketPathNeitherAllocatesNorLocks) {
   EXPECT_GT(relay.client->blocks, 0);
   for (const auto& buffer : {inject, tapout}) {
     std::string message;
-    EXPECT_EQ(buffer->CaptureStop(message), 0) << message;
+    EXPECT_EQ(buffer->capture().Stop(message), 0) << message;
     EXPECT_GT(std::filesystem::file_size(directory_ / (buffer->name() + ".wav")), 44 + kPayload);
   }
   tapout->Drop();
   inject->Drop();
+  wiring_.Connect(tapout, {}, nullptr);  // releases the relay
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "processors/passthru_processor.h"
 #include "tests/support/scripted_device.h"
 
 namespace kvox {
@@ -11,13 +12,12 @@ namespace {
 
 std::unique_ptr<RouteTable> TableWith(std::shared_ptr<KvoxProcessor> processor) {
   auto table = std::make_unique<RouteTable>();
-  table->routes.push_back(
-      {.processor = std::move(processor), .state = nullptr, .output = nullptr, .port = nullptr});
+  table->routes.push_back({.processor = std::move(processor)});
   return table;
 }
 
 std::shared_ptr<KvoxProcessor> NewProcessor() {
-  return std::make_shared<KvoxProcessor>(MakeFourCc("test"), MakeFourCc("test"));
+  return std::make_shared<PassthruProcessor>(MakeFourCc("test"), MakeFourCc("test"));
 }
 
 TEST(RoutePublisher, KeepsATableInUseUntilTheReaderMovesOn) {
@@ -30,16 +30,16 @@ TEST(RoutePublisher, KeepsATableInUseUntilTheReaderMovesOn) {
     EXPECT_FALSE(routes.Stale());
     routes.Publish(std::make_unique<RouteTable>());
     EXPECT_TRUE(routes.Stale());
-    routes.Settle();  // on the reader's own thread: must not wait
+    routes.WaitForGracePeriod();  // on the reader's own thread: must not wait
     EXPECT_FALSE(watched.expired());
     EXPECT_EQ(table->routes.size(), 1u);
   }
   EXPECT_FALSE(watched.expired()) << "the reader destroys nothing";
-  routes.Settle();
+  routes.WaitForGracePeriod();
   EXPECT_TRUE(watched.expired());
 }
 
-TEST(RoutePublisher, SettleWaitsForAReaderElsewhereAndNudgesIt) {
+TEST(RoutePublisher, AGracePeriodLastsUntilTheNudgedReaderIsDone) {
   std::atomic<int> nudges = 0;
   RoutePublisher routes([&] { ++nudges; });
   std::atomic<bool> reading = false;
@@ -50,7 +50,7 @@ TEST(RoutePublisher, SettleWaitsForAReaderElsewhereAndNudgesIt) {
   });
   while (!reading) std::this_thread::yield();
   routes.Publish(std::make_unique<RouteTable>());
-  routes.Settle();
+  routes.WaitForGracePeriod();
   EXPECT_GE(nudges, 1);
   reader.join();
 }
@@ -67,14 +67,14 @@ TEST(RoutePublisher, ReaderAndPublisherNeverMeetOnADeadTable) {
   });
   for (int i = 0; i < 2000; ++i) {
     routes.Publish(TableWith(NewProcessor()));
-    if (i % 3 == 0) routes.Settle();
+    if (i % 3 == 0) routes.WaitForGracePeriod();
   }
   done = true;
   reader.join();
 }
 
 /// A waiter that counts down the waits it grants.
-class Patience : public RtWaiter {
+class Patience : public IoWaiter {
  public:
   explicit Patience(int waits) : waits_(waits) {}
   bool WaitWritable(int, uint64_t) override { return waits_-- > 0; }

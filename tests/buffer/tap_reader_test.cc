@@ -26,9 +26,9 @@ class SpyRecorder : public PacketRecorder {
 class FailingProcessor : public KvoxProcessor {
  public:
   using KvoxProcessor::KvoxProcessor;
-  int32_t ProcessBlock(const void*, size_t, void* out, size_t out_size) override {
-    if (out != nullptr) std::memset(out, 0x55, out_size / 2);
-    return -1;
+  BlockResult ProcessBlock(const Block&, OutputArea* out) override {
+    if (out != nullptr) std::memset(out->Data(), 0x55, out->size() / 2);
+    return {.status = -1};
   }
 };
 
@@ -39,10 +39,9 @@ class TapReaderTest : public ::testing::Test {
     port_ = std::make_shared<InjectPort>("inject0", "/inject0", device_, inject_recorder_,
                                          ScriptedDevice::kInjectFd);
     auto table = std::make_unique<RouteTable>();
-    table->routes.push_back(
-        {.processor = std::move(processor), .state = nullptr, .output = nullptr, .port = port_});
+    table->routes.push_back({.processor = std::move(processor), .connected = true, .port = port_});
     routes_.Publish(std::move(table));
-    routes_.Settle();
+    routes_.WaitForGracePeriod();
   }
 
   void RouteToPassthrough() {
@@ -54,6 +53,8 @@ class TapReaderTest : public ::testing::Test {
   /// Plays the script to its end. The lines are counted in log_.
   void Run() { reader_->Run(); }
 
+  const std::string name_ = "tapout0";
+  const std::string path_ = "/tapout0";
   ScriptedDevice device_;
   LogCapture log_;
   WakeEvent wake_;
@@ -63,8 +64,8 @@ class TapReaderTest : public ::testing::Test {
   SpyRecorder inject_recorder_;
   std::shared_ptr<InjectPort> port_;
   std::unique_ptr<TapReader> reader_ =
-      std::make_unique<TapReader>(TapReaderLinks{.name = "tapout0",
-                                                 .device_path = "/tapout0",
+      std::make_unique<TapReader>(TapReaderLinks{.name = name_,
+                                                 .device_path = path_,
                                                  .io = device_,
                                                  .routes = routes_,
                                                  .rx_format = rx_format_,

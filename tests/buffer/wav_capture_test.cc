@@ -35,7 +35,7 @@ class WavCaptureTest : public ::testing::Test {
   const std::string path_ = directory_ / "a.wav";
   std::string message_;
   FileScript file_;
-  ThreadReaper threads_{4};
+  ThreadGroup threads_{4};
   const std::shared_ptr<WavCapture> owner_ = std::make_shared<WavCapture>("tapout0", threads_);
   WavCapture& capture_ = *owner_;
   /// Writes into file_ instead of the path.
@@ -140,7 +140,7 @@ TEST_F(WavCaptureTest, ABufferThatGoesWaitsForNoDiskAndLeavesNoHeader) {
 }
 
 TEST_F(WavCaptureTest, WithoutAThreadThereIsNoCapture) {
-  ThreadReaper none(0);
+  ThreadGroup none(0);
   const auto capture = std::make_shared<WavCapture>("tapout0", none);
   EXPECT_EQ(Start(*capture), -1);
   EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_ + " failed");

@@ -1,6 +1,9 @@
 #include "daemon/reply_stream.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
+
+#include <cstring>
 
 #include "daemon/device_events.h"
 #include "kvox/common/control_records.h"
@@ -44,19 +47,33 @@ TEST(ReplyStream, SizesThatMakeNoSenseTakeEverythingWithThem) {
   EXPECT_EQ(Sizes(stream.Append(Record(16, 16))), (std::vector<size_t>{16}));
 }
 
-TEST(SplitInotifyEvents, TakesEveryCompleteEvent) {
-  Bytes bytes;
-  for (const char* name : {"a", "xdv-kvox_contro", "xdv-kvox_control"}) {
-    const InotifyEventBytes event(IN_CREATE, name);
-    bytes.insert(bytes.end(), event.bytes().begin(), event.bytes().end());
-  }
-  const auto events = SplitInotifyEvents(bytes);
-  ASSERT_EQ(events.size(), 3u);
-  EXPECT_EQ(SplitInotifyEvents(std::span(bytes).first(bytes.size() - 1)).size(), 2u);
-  EXPECT_TRUE(SplitInotifyEvents(std::span(bytes).first(3)).empty());
-  EXPECT_FALSE(IsAbout(*events[1], "xdv-kvox_control"));
-  EXPECT_TRUE(IsAbout(*events[2], "xdv-kvox_control"));
-  EXPECT_FALSE(IsAbout(inotify_event{}, "xdv-kvox_control"));
+/// As the kernel lays it out: the name is padded with NUL bytes.
+Bytes InotifyBytes(uint32_t mask, const std::string& name) {
+  inotify_event event{};
+  event.mask = mask;
+  event.len = name.empty() ? 0 : 32;
+  Bytes bytes(sizeof event + event.len);
+  std::memcpy(bytes.data(), &event, sizeof event);
+  std::memcpy(bytes.data() + sizeof event, name.data(), name.size());
+  return bytes;
+}
+
+TEST(DeviceEvents, EveryCompleteEventCountsAndAnOverflowIsEverything) {
+  const Bytes bytes = InotifyBytes(IN_CREATE, "a") + InotifyBytes(IN_DELETE, "xdv-kvox_tapout0") +
+                      InotifyBytes(IN_IGNORED, "") + InotifyBytes(IN_Q_OVERFLOW, "") +
+                      InotifyBytes(IN_CREATE, "xdv-kvox_control");
+  const auto describe = [](std::span<const std::byte> read) {
+    std::string text;
+    for (const DeviceEvent& event : ReadDeviceEvents(read)) {
+      text += std::to_string(static_cast<int>(event.kind)) + event.name + " ";
+    }
+    return text;
+  };
+  EXPECT_EQ(describe(bytes),
+            "0a 1xdv-kvox_tapout0 2xdv-kvox_control 0xdv-kvox_control 0xdv-kvox_control ");
+  EXPECT_EQ(describe(std::span(bytes).first(bytes.size() - 1)),
+            "0a 1xdv-kvox_tapout0 2xdv-kvox_control 0xdv-kvox_control ");
+  EXPECT_EQ(describe(std::span(bytes).first(3)), "");
 }
 
 }  // namespace

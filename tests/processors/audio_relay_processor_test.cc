@@ -24,7 +24,7 @@ using Samples = std::vector<int16_t>;
 
 /// Waits in the place of the I/O thread: as long as it is asked to, or, so that a busy machine does
 /// not matter, longer.
-class Waiter : public RtWaiter {
+class Waiter : public IoWaiter {
  public:
   bool WaitWritable(int, uint64_t) override { return false; }
   bool WaitReadable(int fd, uint64_t deadline_ns) override {
@@ -65,17 +65,21 @@ class Client : public IKvox::BnReceiveAudioCallback {
   std::vector<IKvox::AudioPacket> packets_ GUARDED_BY(mutex_);
 };
 
-class RelayTest : public ::testing::Test, public RelayOwner {
+class RelayTest : public ::testing::Test, public ProcessorHost {
  protected:
   static constexpr uint32_t kFrames = 480;
 
   /// An enabled relay with blocks of 480 frames.
   std::shared_ptr<AudioRelayProcessor> Relay(FourCc id) {
     auto relay = AudioRelayProcessor::Create(id, *this);
-    relay->SetBlockLength(kFrames);
+    SetBlockLength(*relay, kFrames);
     EXPECT_EQ(relay->Enable(true), 0);
     log_.Take();
     return relay;
+  }
+
+  static int32_t SetBlockLength(AudioRelayProcessor& relay, int32_t frames, bool taken = true) {
+    return relay.SetParameter(Id::BLOCK_LENGTH, 0, frames, [=](Id, uint32_t) { return taken; });
   }
 
   std::shared_ptr<Client> Register(AudioRelayProcessor& relay) {
@@ -109,10 +113,11 @@ class RelayTest : public ::testing::Test, public RelayOwner {
     const Block block = {.audio = in,
                          .format = format,
                          .arrived_ns = waiter_.NowNs() - age_ns_,
+                         .begin_ns = waiter_.NowNs(),
                          .connected = connected,
                          .state = state.get(),
                          .waiter = waiter_};
-    const BlockResult result = relay.ProcessPacket(block, connected ? &area : nullptr);
+    const BlockResult result = relay.ProcessBlock(block, connected ? &area : nullptr);
     area.Data();
     return result.status;
   }
@@ -135,14 +140,15 @@ class RelayTest : public ::testing::Test, public RelayOwner {
   ByteBudget room_{1u << 20};
 
  private:
-  int32_t DisableUseCaseOf(const KvoxProcessor& relay) override {
+  void BlockStateChanged(const KvoxProcessor&) override {}
+  int32_t EndUseCaseOf(const KvoxProcessor& relay) override {
     disabled_.push_back(relay.id());
     return disable_status_;
   }
-  ThreadReaper& client_threads() override { return threads_; }
+  ThreadGroup& client_threads() override { return threads_; }
   ByteBudget& sent_audio_room() override { return room_; }
 
-  ThreadReaper threads_{8};
+  ThreadGroup threads_{8};
 };
 
 TEST_F(RelayTest, TelephonyExchangesMonoBlocksWithItsClient) {
@@ -226,9 +232,7 @@ TEST_F(RelayTest, MediaIsInterleavedForTheClientAndInTheTapsOrderForTheTap) {
   EXPECT_THAT(
       log_.Take(),
       ElementsAre("E ProcessBlockGeneric armd: receive_audio_callback_->ReceiveAudio fail"));
-  IKvox::ProcessorStats stats;
-  relay->GetStats(&stats);
-  EXPECT_EQ(stats.blockCount, 2);
+  EXPECT_EQ(relay->stats().blocks(), 2u);
 }
 
 TEST_F(RelayTest, AHangingClientCostsHalfABlockOnceAndNothingWaitsForIt) {
@@ -264,7 +268,7 @@ TEST_F(RelayTest, AHangingClientCostsHalfABlockOnceAndNothingWaitsForIt) {
 TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
   const auto relay = AudioRelayProcessor::Create(kDownlink, *this);
   EXPECT_EQ(relay->SendAudio(CallPacket(0)), -1) << "never started";
-  relay->SetBlockLength(kFrames);
+  SetBlockLength(*relay, kFrames);
   relay->Enable(true);
   log_.Take();
   const struct {
@@ -286,7 +290,7 @@ TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
   EXPECT_EQ(relay->SendAudio(CallPacket(0)), 0);
 
   const auto large = AudioRelayProcessor::Create(kDownlink, *this);
-  large->SetBlockLength(24000);
+  SetBlockLength(*large, 24000);
   large->Enable(true);
   log_.Take();
   ASSERT_TRUE(room_.Take(room_.size()));
@@ -297,34 +301,36 @@ TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
 
 TEST_F(RelayTest, StartsWithWhatItCanRelayOnly) {
   const auto relay = AudioRelayProcessor::Create(kMedia, *this);
-  relay->SetSampleRate(44100);
+  KvoxTapFormat tap = {.sample_rate = 44100, .channels = 2, .bytes_per_sample = 4};
+  relay->SetFormat(tap);
   EXPECT_EQ(relay->Enable(true), -1);
   EXPECT_FALSE(relay->IsEnabled());
-  relay->SetSampleRate(48000);
-  relay->SetBlockLength(0);
+  tap.sample_rate = 48000;
+  tap.data_format = 7;
+  relay->SetFormat(tap);
   EXPECT_EQ(relay->Enable(true), -1);
-  relay->SetBlockLength(kFrames);
-  relay->SetDataFormat(Kvox::DataFormat{7});
-  EXPECT_EQ(relay->Enable(true), -1);
-  relay->SetDataFormat(Kvox::DataFormat::FLOAT);
+  tap.data_format = 1;
+  relay->SetFormat(tap);
   EXPECT_EQ(relay->Enable(true), 0);
   EXPECT_EQ(relay->Enable(true), 0);
   EXPECT_THAT(log_.Take(),
-              ElementsAre("E Invalid sample rate 44100", "E Invalid block length",
-                          "E Unsupported encoding 7",
+              ElementsAre("E Invalid sample rate 44100", "E Unsupported encoding 7",
                           "I startProcessor sr 48000, format float32, ch 2, little_endian_ 1"));
   const auto call = AudioRelayProcessor::Create(kDownlink, *this);
-  EXPECT_EQ(call->SetChannels(2), 0);
-  EXPECT_EQ(call->SetChannels(3), -1);
-  EXPECT_EQ(call->GetChannels(), 1u);
+  tap.bytes_per_sample = 2;
+  EXPECT_EQ(call->SetFormat(tap), 0);
+  tap.channels = 3;
+  EXPECT_EQ(call->SetFormat(tap), -1);
+  EXPECT_EQ(call->format(KvoxProcessor::FormatField::kChannels), 1u);
 }
 
 TEST_F(RelayTest, RestartsOnANewBlockLengthOrAnotherTap) {
   const auto relay = Relay(kMedia);
-  EXPECT_EQ(relay->SetParameter(Id::BLOCK_LENGTH, 0, 960), 0);
+  EXPECT_EQ(SetBlockLength(*relay, 960), 0);
   EXPECT_TRUE(relay->IsEnabled());
   EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(960 * 8), 1, 3, 2)), 0);
-  EXPECT_EQ(relay->SetParameter(Id::BLOCK_LENGTH, 0, 961), 4);
+  EXPECT_EQ(SetBlockLength(*relay, 961), 4);
+  EXPECT_EQ(SetBlockLength(*relay, 1440, false), 1);
   EXPECT_TRUE(relay->IsEnabled());
   log_.Take();
   // What a tap tells of itself says nothing about the encoding, which stays the role's.
@@ -333,7 +339,7 @@ TEST_F(RelayTest, RestartsOnANewBlockLengthOrAnotherTap) {
   EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(960 * 8), 1, 3, 2)), 0);
   relay->SetFormat({.sample_rate = 48000, .channels = 1, .bytes_per_sample = 2});
   EXPECT_EQ(log_.Count("startProcessor sr 48000, format int16, ch 1"), 1u);
-  EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(960 * 2), 0, 1, 1)), 0);
+  EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(1440 * 2), 0, 1, 1)), 0);
   relay->SetFormat({.sample_rate = 44100, .channels = 1, .bytes_per_sample = 2});
   EXPECT_TRUE(relay->IsEnabled());
 

@@ -14,12 +14,17 @@ namespace {
 using Id = IKvox::ParameterId;
 using Value = IKvox::ParamValue;
 
+using Field = KvoxProcessor::FormatField;
+
 /// A kind that takes mono only.
 class MonoProcessor : public KvoxProcessor {
  public:
   using KvoxProcessor::KvoxProcessor;
-  int32_t SetChannels(uint32_t channels) override {
-    return channels == 1 ? KvoxProcessor::SetChannels(channels) : -1;
+  BlockResult ProcessBlock(const Block&, OutputArea*) override { return {}; }
+
+ protected:
+  bool SetFormatField(Field field, uint32_t value) override {
+    return (field != Field::kChannels || value == 1) && KvoxProcessor::SetFormatField(field, value);
   }
 };
 
@@ -34,8 +39,8 @@ TEST_F(KvoxProcessorTest, SetFormatStopsAtTheFirstRefusal) {
   EXPECT_EQ(processor_->SetFormat({.sample_rate = 44100, .channels = 2, .bytes_per_sample = 2}),
             -1);
   EXPECT_EQ(log_.Take(), (std::vector<std::string>{"E Invalid format"}));
-  EXPECT_EQ(processor_->GetSampleRate(), 44100u);
-  EXPECT_EQ(processor_->GetBitsPerSample(), 32u);
+  EXPECT_EQ(processor_->format(Field::kSampleRate), 44100u);
+  EXPECT_EQ(processor_->format(Field::kBitsPerSample), 32u);
 }
 
 TEST_F(KvoxProcessorTest, SetParameterChecksBeforeItStores) {
@@ -44,15 +49,23 @@ TEST_F(KvoxProcessorTest, SetParameterChecksBeforeItStores) {
     Value value;
     int32_t status;
   } rows[] = {
-      {Id::BLOCK_LENGTH, 960, 0},    {Id::BLOCK_LENGTH, 1000, 4},
-      {Id::BLOCK_LENGTH, 24480, 4},  {Id::BLOCK_LENGTH, -480, 4},
-      {Id::BLOCK_LENGTH, 960.f, 4},  {Id::JITTER_BUFFER, 1000, 0},
-      {Id::JITTER_BUFFER, 24001, 4}, {Id::PASSTHROUGH_MODE, -7, 0},
-      {Id::TEST_MODE, 0, 0},         {Id::AUDIO_FORMAT, 1, 6},
-      {static_cast<Id>(9), 1, 6},    {Id::TEST_MODE, std::vector<float>{1.0f}, 4},
+      {Id::BLOCK_LENGTH, 960, 0},
+      {Id::BLOCK_LENGTH, 1000, 4},
+      {Id::BLOCK_LENGTH, 24480, 4},
+      {Id::BLOCK_LENGTH, -480, 4},
+      {Id::BLOCK_LENGTH, 960.f, 4},
+      {Id::JITTER_BUFFER, 1000, 0},
+      {Id::JITTER_BUFFER, 24001, 4},
+      {Id::JITTER_BUFFER, 1001, 1},
+      {Id::PASSTHROUGH_MODE, -7, 0},
+      {Id::TEST_MODE, 0, 0},
+      {Id::AUDIO_FORMAT, 1, 6},
+      {static_cast<Id>(9), 1, 6},
+      {Id::TEST_MODE, std::vector<float>{1.0f}, 4},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(processor_->SetParameter(row.id, 0, row.value), row.status)
+    const auto forward = [&](Id, uint32_t frames) { return frames != 1001; };
+    EXPECT_EQ(processor_->SetParameter(row.id, 0, row.value, forward), row.status)
         << static_cast<int>(row.id) << " " << row.value.toString();
   }
   const auto get = [&](Id id) {
@@ -61,7 +74,7 @@ TEST_F(KvoxProcessorTest, SetParameterChecksBeforeItStores) {
     return value.get<Value::i>();
   };
   EXPECT_EQ(get(Id::BLOCK_LENGTH), 960);
-  EXPECT_EQ(get(Id::JITTER_BUFFER), 1000);
+  EXPECT_EQ(get(Id::JITTER_BUFFER), 1001) << "stored, though the tap point refused it";
   EXPECT_EQ(get(Id::PASSTHROUGH_MODE), 1);
 }
 
@@ -77,7 +90,7 @@ TEST_F(KvoxProcessorTest, AudioFormatAnswersByElement) {
     EXPECT_EQ(processor_->GetParameter(Id::AUDIO_FORMAT, element, &value), 0);
     EXPECT_EQ(value.get<Value::i>(), element < 0 ? 0 : expected[element]) << element;
   }
-  processor_->SetSampleRate(22050);
+  processor_->SetFormat({.sample_rate = 22050, .channels = 1});
   Value value;
   processor_->GetParameter(Id::AUDIO_FORMAT, 0, &value);
   EXPECT_EQ(value.get<Value::i>(), -1);
@@ -106,21 +119,31 @@ TEST_F(KvoxProcessorTest, DeathOfAReplacedCallbackLeavesTheNewOne) {
   processor_->RegisterReceiveAudioCallback(nullptr);
 }
 
-TEST(PassthruProcessor, CopiesWhatFitsAndFillsTheRest) {
+class NoWaiter : public IoWaiter {
+  bool WaitWritable(int, uint64_t) override { return false; }
+  bool WaitReadable(int, uint64_t) override { return false; }
+  uint64_t NowNs() override { return 3'000'000; }
+};
+
+TEST(PassthruProcessor, SendsTheInputAndMeasuresWhileEnabled) {
   PassthruProcessor processor(MakeFourCc("pass"), PassthruProcessor::kType);
-  const char in[] = "abcdefgh";
-  char out[] = "........";
-  EXPECT_EQ(processor.ProcessBlock(in, 8, out, 8), 0);
-  EXPECT_STREQ(out, "........") << "disabled: untouched";
+  processor.stats().SetBufferSize(4);
+  NoWaiter waiter;
+  const Block block = {.audio = {},
+                       .format = {},
+                       .arrived_ns = 0,
+                       .begin_ns = 1'000'000,
+                       .connected = true,
+                       .state = nullptr,
+                       .waiter = waiter};
+  EXPECT_FALSE(processor.ProcessBlock(block, nullptr).output_is_input) << "disabled: silence";
   processor.Enable(true);
-  EXPECT_EQ(processor.ProcessBlock(in, 8, out, 4), 0);
-  EXPECT_STREQ(out, "abcd....");
-  EXPECT_EQ(processor.ProcessBlock(in, 4, out, 8), 0);
-  EXPECT_EQ(std::memcmp(out, "abcd\0\0\0\0", 8), 0);
-  EXPECT_EQ(processor.ProcessBlock(in, 8, nullptr, 8), 0);
-  IKvox::ProcessorStats stats;
-  processor.GetStats(&stats);
-  EXPECT_EQ(stats.blockCount, 3) << "a disabled processor measures nothing";
+  EXPECT_TRUE(processor.ProcessBlock(block, nullptr).output_is_input);
+  EXPECT_EQ(processor.stats().blocks(), 1u) << "a disabled processor measures nothing";
+  float average = 0;
+  std::vector<float> active_ms;
+  processor.stats().GetMeasurements(average, active_ms);
+  EXPECT_EQ(active_ms, std::vector<float>{2});
 }
 
 TEST(OutputArea, IsSilentWhereNobodyWrote) {

@@ -4,9 +4,9 @@
 #include <thread>
 #include <vector>
 
+#include "kvox/common/thread_group.h"
 #include "processors/relay_layout.h"
 #include "processors/sent_audio.h"
-#include "processors/thread_reaper.h"
 
 namespace kvox {
 namespace {
@@ -92,10 +92,10 @@ TEST(SentAudio, ItsRoomIsTakenOnceAndGivenBack) {
   EXPECT_TRUE(room.Take(20'000));
 }
 
-TEST(ThreadReaper, JoinsWhatEndsAndRefusesTooMany) {
+TEST(ThreadGroup, JoinsWhatEndsAndRefusesTooMany) {
   std::atomic<int> ran = 0;
   {
-    ThreadReaper reaper(2);
+    ThreadGroup reaper(2);
     std::latch release(1);
     const auto hang = [&] {
       release.wait();

@@ -41,7 +41,17 @@ TEST_F(ConnectionCommands, AProcessorLeavesTheBuffersItHadBefore) {
   EXPECT_THAT(BufferRows(), ::testing::Not(HasSubstr("aaaa")));
 }
 
-TEST_F(ConnectionCommands, RefusalsLeaveWhatWasDoneBefore) {
+TEST_F(ConnectionCommands, ARefusalLeavesTheWiringOfAFedProcessorAlone) {
+  Call(&KvoxService::Connect, Code("aaaa"), 0, 0);
+  const std::string before = BufferRows() + ProcessorRows();
+  EXPECT_EQ(StatusOf(Call(&KvoxService::Connect, Code("aaaa"), 1, 7)), 3);
+  EXPECT_EQ(StatusOf(Call(&KvoxService::Connect, Code("aaaa"), -1, 7)), 3);
+  EXPECT_EQ(BufferRows() + ProcessorRows(), before);
+  Restart();
+  EXPECT_EQ(BufferRows() + ProcessorRows(), before) << "nor is it saved";
+}
+
+TEST_F(ConnectionCommands, ARefusalLeavesTheRegistrationOfAnUnfedProcessor) {
   const struct {
     int32_t processor, tapout, inject;
     int status;

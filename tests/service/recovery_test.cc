@@ -48,7 +48,7 @@ TEST(DeviceNumber, AcceptsWhatBeginsWithANumber) {
 TEST(RecoveryThread, IsNotThereWithoutAThread) {
   LogCapture log;
   const NoThreads none;
-  EXPECT_EQ(RecoveryThread::Start([](RecoveryPacer&) {}), nullptr);
+  EXPECT_EQ(RecoveryThread::Start([](RecoveryClock&) {}), nullptr);
   EXPECT_EQ(log.Count("E cannot start the recovery's thread: "), 1u);
 }
 
@@ -62,11 +62,11 @@ TEST_F(RecoveryTest, DevicesBecomeBuffersNamedByTheirPath) {
 
 TEST_F(RecoveryTest, ADepartureDropsEverythingAndAnArrivalBringsItBack) {
   SetUpChain();
-  Event(IN_DELETE, "xdv-kvox_inject0");
+  Leave("inject0");
   EXPECT_THAT(Call(&KvoxService::ListInjectBuffers).lines.back(), "  none");
   EXPECT_FALSE(link_.wake_lock);
-  Event(IN_CREATE, "xdv-kvox_inject0");
-  Event(IN_CREATE, "xdv-kvox_tapout0");  // the same cycle
+  Arrive("inject0");
+  Arrive("tapout0");  // the same cycle
   link_.opcodes.clear();
   log_.Take();
   recovery_->Run();
@@ -87,10 +87,9 @@ TEST_F(RecoveryTest, ADepartureDropsEverythingAndAnArrivalBringsItBack) {
                   "I Restore buffer state tapout0"));
 }
 
-TEST_F(RecoveryTest, OtherNamesAndEventsAreNotOurs) {
-  Event(IN_DELETE, "null");
-  Event(IN_CREATE, "kvo");
-  Event(IN_Q_OVERFLOW, "xdv-kvox_tapout0");
+TEST_F(RecoveryTest, OtherNamesAreNotOurs) {
+  service_->HandleDeviceEvent({DeviceEvent::Kind::kLeft, "null"});
+  service_->HandleDeviceEvent({DeviceEvent::Kind::kArrived, "kvo"});
   EXPECT_EQ(recovery_, nullptr);
   EXPECT_THAT(Buffers(), HasSubstr("tapout0"));
 }
@@ -177,7 +176,7 @@ TEST_F(RecoveryTest, WhatFailedIsTriedAgainWhenTheControlDeviceComesLast) {
   Restart({[&] {
     link_.failures.clear();
     link_.opcodes.clear();
-    Event(IN_CREATE, "xdv-kvox_control");
+    Arrive("control");
     Call(&KvoxService::Debug, Lines{"buffer_init"});  // its scan is not the recovery's
   }});
   EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCD, 0xCE, 0xCA));
@@ -207,13 +206,14 @@ TEST_F(RecoveryTest, ADeviceThatDoesNotOpenKeepsNothingElseWaiting) {
   SetUpChain();
   RemoveNodes({"inject0"});
   directory_.MakeFifo("xdv-kvox_inject0");  // with nobody at its other end
-  const auto begin = RecoveryClock::now();
+  const auto begin = std::chrono::steady_clock::now();
   Restart({[&] {
     EXPECT_THAT(Buffers(), HasSubstr("\n  0         tapout0   -         pass      1"));
     EXPECT_EQ(log_.Count("inject0 Attempting to reinitialize KVO interface, attempt 1\n"), 1u);
   }});
-  EXPECT_EQ(recovery_->now, RecoveryClock::time_point() + std::chrono::seconds(4));
-  EXPECT_LT(RecoveryClock::now() - begin, std::chrono::seconds(1)) << "no pause but the pacer's";
+  EXPECT_EQ(recovery_->now, RecoveryClock::TimePoint() + std::chrono::seconds(4));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1))
+      << "no pause but the clock's";
   EXPECT_EQ(log_.Count("I Restore buffer state inject0"), 1u);
   EXPECT_EQ(log_.Count("I Enable buffer inject0 with 1 input"), 1u);
   EXPECT_EQ(log_.Count("E Error opening"), 5u);
@@ -285,9 +285,9 @@ TEST_F(RecoveryTest, StartAndStopThatMeetLeaveBuffersAsTheyAreRemembered) {
 
 TEST_F(RecoveryTest, StoppingBuffersThatAreAwayForgetsThem) {
   SetUpChain();
-  Event(IN_DELETE, "xdv-kvox_tapout0");
+  Leave("tapout0");
   Call(&KvoxService::StopIo, 0);
-  Event(IN_CREATE, "xdv-kvox_tapout0");
+  Arrive("tapout0");
   recovery_->Run();
   EXPECT_THAT(Buffers(), Not(HasSubstr("pass      1")));
   EXPECT_FALSE(link_.wake_lock);

@@ -12,7 +12,6 @@
 #include <string>
 #include <utility>
 
-#include "daemon/device_events.h"
 #include "tests/support/service_surroundings.h"
 
 namespace kvox {
@@ -52,7 +51,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
                            .device_directory = "",
                            .scan = [this](const std::string&) { return Scan(); },
                            .start_recovery =
-                               [this](Recovery::Body body) {
+                               [this](RecoveryRun::Body body) {
                                  auto started = std::make_unique<Thread>(*this, std::move(body));
                                  recovery_ = started.get();
                                  return started;
@@ -65,7 +64,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
   bool Run() {
     for (int turn = 0; turn < 1000; ++turn) {
       if (!leaving_.empty()) {
-        Event(IN_DELETE, std::exchange(leaving_, ""));
+        Report(DeviceEvent::Kind::kLeft, std::exchange(leaving_, ""));
       } else if (recovery_ != nullptr && !recovery_->done) {
         running_ = recovery_;
         running_->body(*running_);
@@ -139,17 +138,17 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
 
  private:
   /// Stands for the recovery's thread. It runs when the world comes to it.
-  struct Thread : public Recovery, public RecoveryPacer {
+  struct Thread : public RecoveryRun, public RecoveryClock {
     Thread(RecoveryWorld& its_world, Body its_body) : world(its_world), body(std::move(its_body)) {}
     ~Thread() override { world.recovery_ = nullptr; }
 
     void NoteArrival() override { arrivals.NoteArrival(Now()); }
     void RequestStop() override { stop = true; }
-    RecoveryClock::time_point Now() const override { return RecoveryClock::time_point(world.now); }
+    TimePoint Now() const override { return TimePoint(world.now); }
     bool Pause(Ms time) override { return world.Elapse(world.now + time), !stop; }
     bool stopping() const override { return world.Elapse(world.now), stop; }
     void ScanBegins() override { arrivals.ScanBegins(); }
-    Wake WaitForArrivals(RecoveryClock::time_point until) override {
+    Wake WaitForArrivals(TimePoint until) override {
       for (;;) {
         world.Elapse(world.now);
         if (stop) return Wake::kStopping;
@@ -157,9 +156,9 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
         if (Now() >= until) return Wake::kTime;
         auto next = std::min(arrivals.Due(), until);
         if (!world.happenings.empty()) {
-          next = std::min(next, RecoveryClock::time_point(world.happenings.front().at));
+          next = std::min(next, TimePoint(world.happenings.front().at));
         }
-        if (next == RecoveryClock::time_point::max()) return Wake::kStopping;  // all is done
+        if (next == TimePoint::max()) return Wake::kStopping;  // all is done
         world.now = std::chrono::duration_cast<Ms>(next.time_since_epoch());
       }
     }
@@ -200,7 +199,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
       switch (happening.kind) {
         case Happening::Kind::kArrival:
           nodes.insert(happening.node);
-          Event(IN_CREATE, happening.node);
+          Report(DeviceEvent::Kind::kArrived, happening.node);
           break;
         case Happening::Kind::kDeparture:
           nodes.erase(happening.node);
@@ -215,9 +214,8 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     }
   }
 
-  void Event(uint32_t mask, const std::string& node) {
-    const InotifyEventBytes event(mask, "xdv-kvox_" + node);
-    service->HandleInotifyEvent(&event.event());
+  void Report(DeviceEvent::Kind kind, const std::string& node) const {
+    service->HandleDeviceEvent({kind, "xdv-kvox_" + node});
   }
 
   DeviceScan Scan() const {
@@ -266,7 +264,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     }
   }
 
-  ManualRecovery startup_{[](RecoveryPacer&) {}};
+  ManualRecovery startup_{[](RecoveryClock&) {}};
   Thread* recovery_ = nullptr;
   Thread* running_ = nullptr;
   std::string leaving_;  // a departure that waits for the recovery to end

@@ -12,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include "daemon/device_events.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/service_surroundings.h"
 #include "tests/support/temp_directory.h"
@@ -64,21 +63,23 @@ class ServiceTest : public ::testing::Test {
   }
 
   void StartService() {
-    ManualRecovery pacer([](RecoveryPacer&) {});
-    service_ = MakeService(link_, io_, log_, directory_.path(), pacer, recovery_);
-    startup_pauses_ = pacer.pauses;
+    ManualRecovery startup([](RecoveryClock&) {});
+    service_ = MakeService(link_, io_, log_, directory_.path(), startup, recovery_);
+    startup_pauses_ = startup.pauses;
     log_.Take();
   }
 
-  void Event(uint32_t mask, const std::string& name) {
-    const InotifyEventBytes event(mask, name);
-    service_->HandleInotifyEvent(&event.event());
+  void Arrive(const std::string& node) {
+    service_->HandleDeviceEvent({DeviceEvent::Kind::kArrived, "xdv-kvox_" + node});
+  }
+  void Leave(const std::string& node) {
+    service_->HandleDeviceEvent({DeviceEvent::Kind::kLeft, "xdv-kvox_" + node});
   }
 
   /// The co-processor goes and comes; everything is restored when this returns.
   void Restart(std::vector<std::function<void()>> late_arrivals = {}) {
-    Event(IN_DELETE, "xdv-kvox_tapout0");
-    Event(IN_CREATE, "xdv-kvox_tapout0");
+    Leave("tapout0");
+    Arrive("tapout0");
     link_.opcodes.clear();
     link_.sent.clear();
     log_.Take();

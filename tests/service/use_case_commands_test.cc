@@ -2,7 +2,7 @@
 
 #include <thread>
 
-#include "service/use_cases.h"
+#include "service/use_case_steps.h"
 
 namespace kvox {
 namespace {

@@ -75,7 +75,7 @@ inline std::vector<TapInfoState> UseCaseTaps() {
 }
 
 /// A recovery that runs when told to, through scans and late arrivals. Its clock jumps.
-class ManualRecovery : public Recovery, public RecoveryPacer {
+class ManualRecovery : public RecoveryRun, public RecoveryClock {
  public:
   explicit ManualRecovery(Body body) : body_(std::move(body)) {}
   void NoteArrival() override { arrived_ = true; }
@@ -84,16 +84,16 @@ class ManualRecovery : public Recovery, public RecoveryPacer {
   bool Pause(std::chrono::milliseconds) override { return ++pauses, true; }
   bool stopping() const override { return false; }
   void ScanBegins() override { arrived_ = false; }
-  RecoveryClock::time_point Now() const override { return now; }
+  TimePoint Now() const override { return now; }
   /// First the arrivals, then the time that the recovery waits for, if any.
-  Wake WaitForArrivals(RecoveryClock::time_point until) override {
+  Wake WaitForArrivals(TimePoint until) override {
     if (std::exchange(arrived_, false)) return Wake::kArrivals;
     if (!late_arrivals.empty()) {
       std::exchange(late_arrivals.front(), nullptr)();
       late_arrivals.erase(late_arrivals.begin());
       return Wake::kArrivals;
     }
-    if (until == RecoveryClock::time_point::max()) return Wake::kStopping;
+    if (until == TimePoint::max()) return Wake::kStopping;
     now = until;
     return Wake::kTime;
   }
@@ -101,7 +101,7 @@ class ManualRecovery : public Recovery, public RecoveryPacer {
   void Run() { body_(*this); }
 
   int pauses = 0;
-  RecoveryClock::time_point now;
+  TimePoint now;
   std::vector<std::function<void()>> late_arrivals;
 
  private:
@@ -119,7 +119,7 @@ inline std::shared_ptr<KvoxService> MakeService(CoprocessorLink& link, DeviceIo&
                          .io_log = log,
                          .device_directory = devices,
                          .start_recovery =
-                             [&recovery](Recovery::Body body) {
+                             [&recovery](RecoveryRun::Body body) {
                                auto started = std::make_unique<ManualRecovery>(std::move(body));
                                recovery = started.get();
                                return started;

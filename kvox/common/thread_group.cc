@@ -1,4 +1,4 @@
-#include "processors/thread_reaper.h"
+#include "kvox/common/thread_group.h"
 
 #include <algorithm>
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace kvox {
 
-ThreadReaper::~ThreadReaper() {
+ThreadGroup::~ThreadGroup() {
   std::thread last;
   {
     MutexLock lock(mutex_);
@@ -19,7 +19,7 @@ ThreadReaper::~ThreadReaper() {
   if (last.joinable()) last.join();
 }
 
-bool ThreadReaper::Start(const char* name, std::function<void()> body, uint64_t share) {
+bool ThreadGroup::Start(const char* name, std::function<void()> body, uint64_t share) {
   MutexLock lock(mutex_);
   const auto of_share = std::count_if(running_.begin(), running_.end(), [share](const auto& entry) {
     return entry.second.share == share;
@@ -27,7 +27,7 @@ bool ThreadReaper::Start(const char* name, std::function<void()> body, uint64_t 
   if (running_.size() >= limit_ || static_cast<size_t>(of_share) >= share_limit_) return false;
   const size_t number = next_number_++;
   try {
-    // The thread ends under the lock, so not before it is in the table.
+    // Finish() takes the lock, so the thread is in the table before it ends.
     std::thread thread([this, number, text = std::string(name), run = std::move(body)]() mutable {
       SetThreadName(text.c_str());
       run();
@@ -41,13 +41,13 @@ bool ThreadReaper::Start(const char* name, std::function<void()> body, uint64_t 
   return true;
 }
 
-size_t ThreadReaper::running() const {
+size_t ThreadGroup::running() const {
   MutexLock lock(mutex_);
   return running_.size();
 }
 
-/// On the thread that ends. The one joined here has nothing left to do.
-void ThreadReaper::Finish(size_t number) {
+/// On the thread that ends. The one that it joins has nothing left to do.
+void ThreadGroup::Finish(size_t number) {
   std::thread before;
   MutexLock lock(mutex_);
   before = std::exchange(finished_, std::move(running_.at(number).thread));

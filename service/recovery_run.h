@@ -1,4 +1,4 @@
-// The thread that brings the service back after devices went and came, and the pauses it makes.
+// One recovery under way: its thread, and the pauses it makes.
 #pragma once
 
 #include <chrono>
@@ -11,53 +11,54 @@
 
 namespace kvox {
 
-using RecoveryClock = std::chrono::steady_clock;
-
-/// When devices that arrive one by one are looked for: half a second after the last of them. Pure.
+/// When devices that arrive one by one are looked for: half a second after the last of them.
 class ArrivalWatch {
  public:
-  void NoteArrival(RecoveryClock::time_point now) { last_ = now; }
+  using TimePoint = std::chrono::steady_clock::time_point;
 
-  /// Devices that arrived up to here are found by the scan that begins.
+  void NoteArrival(TimePoint now) { last_ = now; }
+
+  /// The scan that begins now finds the devices that have arrived up to here.
   void ScanBegins() { last_.reset(); }
 
-  /// When to scan again; never, while nothing has arrived since the last scan.
-  RecoveryClock::time_point Due() const;
+  /// When to scan again; TimePoint::max() while nothing has arrived since the last scan.
+  TimePoint Due() const;
 
  private:
-  std::optional<RecoveryClock::time_point> last_;
+  std::optional<TimePoint> last_;
 };
 
 /// How a recovery passes its time. It holds no lock when it calls any of these. Tests bring one
 /// with a clock of its own.
-class RecoveryPacer {
+class RecoveryClock {
  public:
+  using TimePoint = std::chrono::steady_clock::time_point;
   enum class Wake { kStopping, kArrivals, kTime };
 
-  virtual ~RecoveryPacer() = default;
+  virtual ~RecoveryClock() = default;
 
-  virtual RecoveryClock::time_point Now() const = 0;
+  virtual TimePoint Now() const = 0;
 
   /// Pauses; false when the recovery has to end.
   virtual bool Pause(std::chrono::milliseconds time) = 0;
   virtual bool stopping() const = 0;
 
-  /// A scan begins now: devices that arrived up to here are found by it.
+  /// The scan that begins now finds the devices that have arrived up to here.
   virtual void ScanBegins() = 0;
 
   /// Waits until the recovery has to end, or devices have arrived after the last scan and none has
   /// for half a second, or it is `until`.
-  virtual Wake WaitForArrivals(RecoveryClock::time_point until) = 0;
+  virtual Wake WaitForArrivals(TimePoint until) = 0;
 };
 
 /// One recovery under way. Destroying it ends it.
-class Recovery {
+class RecoveryRun {
  public:
-  using Body = std::function<void(RecoveryPacer&)>;
+  using Body = std::function<void(RecoveryClock&)>;
   /// Null when it could not be started.
-  using Starter = std::function<std::unique_ptr<Recovery>(Body)>;
+  using Starter = std::function<std::unique_ptr<RecoveryRun>(Body)>;
 
-  virtual ~Recovery() = default;
+  virtual ~RecoveryRun() = default;
 
   /// Another device has arrived. Any thread.
   virtual void NoteArrival() = 0;
@@ -67,10 +68,10 @@ class Recovery {
 };
 
 /// Runs the body on a thread of its own, which the destructor joins.
-class RecoveryThread : public Recovery, private RecoveryPacer {
+class RecoveryThread : public RecoveryRun, private RecoveryClock {
  public:
-  /// Null, after a log line that tells why, when the system has no thread to give.
-  static std::unique_ptr<Recovery> Start(Body body);
+  /// Null, after a log line with the cause, when the system has no thread to give.
+  static std::unique_ptr<RecoveryRun> Start(Body body);
 
   /// Throws std::system_error when there is no thread.
   explicit RecoveryThread(Body body);
@@ -80,11 +81,11 @@ class RecoveryThread : public Recovery, private RecoveryPacer {
   void RequestStop() override;
 
  private:
-  RecoveryClock::time_point Now() const override { return RecoveryClock::now(); }
+  TimePoint Now() const override { return std::chrono::steady_clock::now(); }
   bool Pause(std::chrono::milliseconds time) override;
   bool stopping() const override;
   void ScanBegins() override;
-  Wake WaitForArrivals(RecoveryClock::time_point until) override;
+  Wake WaitForArrivals(TimePoint until) override;
 
   mutable Mutex mutex_;  // a leaf lock
   CondVar changed_;

@@ -1,4 +1,4 @@
-#include "service/recovery_thread.h"
+#include "service/recovery_run.h"
 
 #include <algorithm>
 #include <system_error>
@@ -14,11 +14,11 @@ constexpr auto kQuietTime = std::chrono::milliseconds(500);
 
 }  // namespace
 
-RecoveryClock::time_point ArrivalWatch::Due() const {
-  return last_ ? *last_ + kQuietTime : RecoveryClock::time_point::max();
+ArrivalWatch::TimePoint ArrivalWatch::Due() const {
+  return last_ ? *last_ + kQuietTime : TimePoint::max();
 }
 
-std::unique_ptr<Recovery> RecoveryThread::Start(Body body) {
+std::unique_ptr<RecoveryRun> RecoveryThread::Start(Body body) {
   try {
     return std::make_unique<RecoveryThread>(std::move(body));
   } catch (const std::system_error& error) {
@@ -69,7 +69,7 @@ void RecoveryThread::ScanBegins() {
   arrivals_.ScanBegins();
 }
 
-RecoveryPacer::Wake RecoveryThread::WaitForArrivals(RecoveryClock::time_point until) {
+RecoveryClock::Wake RecoveryThread::WaitForArrivals(TimePoint until) {
   MutexLock lock(mutex_);
   for (;;) {
     if (stopping_) return Wake::kStopping;
@@ -78,7 +78,7 @@ RecoveryPacer::Wake RecoveryThread::WaitForArrivals(RecoveryClock::time_point un
     if (now >= due) return Wake::kArrivals;
     if (now >= until) return Wake::kTime;
     const auto next = std::min(due, until);
-    if (next == RecoveryClock::time_point::max()) {
+    if (next == TimePoint::max()) {
       changed_.Wait(mutex_);
     } else {
       changed_.WaitUntil(mutex_, next);

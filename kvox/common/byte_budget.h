@@ -1,4 +1,4 @@
-// Memory that many may use together, but not more than so much of it.
+// A limit on memory that several objects use together.
 #pragma once
 
 #include <atomic>
@@ -6,7 +6,8 @@
 
 namespace kvox {
 
-/// Any thread but an I/O thread. Whoever takes from it gives back the same.
+/// Any thread but an I/O thread. Every Take() that succeeded is followed by one GiveBack() of the
+/// same size.
 class ByteBudget {
  public:
   explicit ByteBudget(size_t bytes) : size_(bytes) {}

@@ -1,5 +1,5 @@
-// Ends threads whose last call nobody can hurry: each is joined by the one that ends after it, or
-// when the reaper goes.
+// Threads that may be stuck in a foreign call when nobody needs them any more. Each is joined by
+// the one that ends after it, or with the group.
 #pragma once
 
 #include <cstddef>
@@ -13,17 +13,17 @@
 namespace kvox {
 
 /// Any thread may call.
-class ThreadReaper {
+class ThreadGroup {
  public:
-  /// At most `limit` threads at a time, and as many as `share_limit` of one share.
-  explicit ThreadReaper(size_t limit, size_t share_limit = SIZE_MAX)
+  /// At most `limit` threads at a time, `share_limit` of them with the same share.
+  explicit ThreadGroup(size_t limit, size_t share_limit = SIZE_MAX)
       : limit_(limit), share_limit_(share_limit) {}
 
   /// Waits for all threads; their bodies must be about to return.
-  ~ThreadReaper();
+  ~ThreadGroup();
 
-  /// Runs `body` on a new thread of this name (at most 15 characters). False when there are too
-  /// many threads, of this share or in all, or the system has none to give.
+  /// Runs `body` on a new thread of this name (at most 15 characters). False when the group or the
+  /// share is full, or the system has no thread to give.
   bool Start(const char* name, std::function<void()> body, uint64_t share = 0);
 
   /// Threads whose body has not returned yet.
@@ -43,7 +43,7 @@ class ThreadReaper {
   CondVar finished_one_;
   size_t next_number_ GUARDED_BY(mutex_) = 0;
   std::unordered_map<size_t, Running> running_ GUARDED_BY(mutex_);
-  std::thread finished_ GUARDED_BY(mutex_);  // the last one that did; not joined yet
+  std::thread finished_ GUARDED_BY(mutex_);  // ended last, not joined yet
 };
 
 }  // namespace kvox

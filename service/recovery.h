@@ -1,0 +1,106 @@
+// Finds the co-processor's data devices, notices when they leave and arrive, and brings the
+// co-processor back to what clients had set up.
+//
+// The first arrival after a departure starts a recovery: a thread that scans until there are
+// devices of both kinds, restores everything, and then goes on with devices that come later and
+// with devices that do not open yet. A departure ends it.
+//
+// Restoring saves nothing, and each step uses what is saved at that moment, under the lock that
+// commands take: a command that a client gives meanwhile is neither lost nor overwritten.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "kvox/common/mutex.h"
+#include "service/device_event.h"
+#include "service/device_scan.h"
+#include "service/inventory.h"
+#include "service/io_switch.h"
+#include "service/recovery_run.h"
+#include "service/restore_plan.h"
+#include "service/saved_state.h"
+#include "service/tap_points.h"
+#include "service/wiring.h"
+
+namespace kvox {
+
+/// What a recovery works with. All of it outlives the recovery.
+struct RecoveryLinks {
+  std::string device_directory;
+  std::function<DeviceScan(const std::string& directory)> scan;
+  RecoveryRun::Starter start;
+  BufferEnvironment buffers;
+  Inventory& inventory;
+  SavedState& saved;
+  Wiring& wiring;
+  TapPoints& taps;
+  IoSwitch& io;
+};
+
+/// Any thread but an I/O thread.
+class Recovery {
+ public:
+  explicit Recovery(RecoveryLinks links);
+  /// Ends the recovery under way and drops all buffers.
+  ~Recovery();
+
+  /// The first scan, on the calling thread.
+  void ScanAtStart(RecoveryClock& clock);
+
+  /// Event thread. A departure waits for the step of the recovery that is under way.
+  void HandleDeviceEvent(const DeviceEvent& event);
+
+  /// For developers: drops the buffers and scans once; or only drops them.
+  void Rescan();
+  void DropBuffers();
+
+ private:
+  /// What a recovery has left to do.
+  struct Unfinished {
+    struct Opening {
+      unsigned number;  // of the next try
+      RecoveryClock::TimePoint due;
+    };
+    bool everything = true;                   // no pass has restored anything yet
+    std::set<TapKey> taps;                    // refused; the control device may not be there yet
+    std::map<std::string, Opening> openings;  // of buffers whose devices have not opened yet
+
+    RecoveryClock::TimePoint NextOpening() const;
+  };
+
+  // On the recovery's thread.
+  void Run(RecoveryClock& clock);
+  bool ScanWithRetries(RecoveryClock& clock);
+  bool Scan(RecoveryClock& clock);
+  bool AddBuffers(RecoveryClock& clock, std::vector<BufferPtr>& added) EXCLUDES(scan_mutex_);
+  void AddArrivals(RecoveryClock& clock, Unfinished& unfinished);
+  void RestoreAll(const RecoveryClock& clock, Unfinished& unfinished);
+  void Restore(const RecoveryClock& clock, const RestorePlan& plan, Unfinished& unfinished);
+  BufferPtr Present(const RunningBuffer& running) const;
+  void RestoreBuffer(const RecoveryClock& clock, const std::string& name, Unfinished& unfinished);
+  void RetryOpenings(const RecoveryClock& clock, Unfinished& unfinished);
+  void TryOpening(const RecoveryClock& clock, KvoxBuffer& buffer, unsigned number,
+                  Unfinished& unfinished);
+
+  void HandleArrival(const std::string& name);
+  void HandleDeparture(const std::string& name);
+  void EndRun();
+  std::vector<BufferPtr> TakeBuffers() EXCLUDES(scan_mutex_);
+  void Drop(const std::vector<BufferPtr>& buffers);
+  bool TakeControlArrival() EXCLUDES(run_mutex_);
+
+  const RecoveryLinks links_;
+
+  /// Held from a scan until its buffers are in the inventory, so that no departure comes between.
+  Mutex scan_mutex_;
+
+  Mutex run_mutex_;  // a leaf lock: devices that leave and arrive are noted at once, whatever runs
+  std::unique_ptr<RecoveryRun> run_ GUARDED_BY(run_mutex_);
+  bool control_arrived_ GUARDED_BY(run_mutex_) = false;  // since the last scan
+};
+
+}  // namespace kvox

@@ -1,0 +1,47 @@
+// How a command reports: lines for people and a status; the same goes to the log.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kvox {
+
+/// The values of IKvox::CommandStatus. Commands also pass on other numbers that processors return.
+enum class StatusCode : int8_t {
+  kOk = 0,
+  kError = 1,
+  kInvalidProcessor = 2,
+  kInvalidParameter = 3,
+  kInvalidValue = 4,
+};
+
+/// What came of a command's work: a status, and a text for people that may be empty.
+struct Outcome {
+  StatusCode status = StatusCode::kOk;
+  std::string text = {};
+};
+
+/// A command under way, or a sequence of commands that share their lines.
+struct Report {
+  StatusCode status = StatusCode::kOk;
+  float value = 0;
+  std::vector<std::string> lines = {};
+
+  bool ok() const { return status == StatusCode::kOk; }
+
+  /// Logs the request and makes it a line.
+  void Begin(const std::string& request);
+
+  /// Adds a line. Bytes that are not valid UTF-8 become '?', because no reply could carry them.
+  void Push(const std::string& line);
+
+  /// Ends a command: adds the text, if there is any, and for a failure a line of the command's name
+  /// and the status word. Both are logged, as errors when the command failed.
+  void End(const char* command, const std::string& text);
+
+  /// Takes the outcome's status, unless it is OK, and ends with its text.
+  void End(const char* command, const Outcome& outcome);
+};
+
+}  // namespace kvox

@@ -1,0 +1,70 @@
+// The exchanges with the co-processor about its tap points: listing, binding, switching, settings.
+// What it accepts is saved, so that a recovery can repeat it.
+//
+// Exchanges take turns under the service mutex, which is held until the outcome is saved and
+// logged: co-processor, memory and log agree on the order.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "kvox/common/mutex.h"
+#include "service/coprocessor_link.h"
+#include "service/inventory.h"
+#include "service/report.h"
+#include "service/saved_state.h"
+#include "service/tap_point.h"
+#include "service/wiring.h"
+
+namespace kvox {
+
+/// Any thread but an I/O thread. Every function may take the time of several exchanges.
+class TapPoints {
+ public:
+  /// All outlive the object.
+  TapPoints(CoprocessorLink& link, Inventory& inventory, SavedState& saved, Wiring& wiring)
+      : link_(link), inventory_(inventory), saved_(saved), wiring_(wiring) {}
+
+  /// Appends the tap points of a core. Returns 0, or -1 when an exchange failed or the list has no
+  /// end; those found before stay.
+  int32_t List(int core, std::vector<KvoxTapPointState>& taps);
+
+  /// Returns 0, or the status of the exchange after logging it.
+  int32_t Query(const TapArguments& tap, KvoxTapPointState& state);
+
+  // Commands, from the request's line to the outcome.
+
+  void Enable(const TapArguments& tap, bool enable, Report& report);
+  void SetBlockLength(const TapArguments& tap, uint32_t frames, Report& report);
+  void SetJitterBuffer(const TapArguments& tap, uint32_t size, Report& report);
+  /// -1 stands for no buffer. Then tells the tap-out buffer the tap point's format.
+  void Bind(const TapArguments& tap, int tapout, int inject, Report& report);
+
+  /// After a departure: brings the tap point to its saved state. Uses what is saved at each step,
+  /// so that a client's newer command stands. False when the co-processor did not take all of it.
+  bool Restore(TapKey key, const std::function<bool()>& stopping);
+
+ private:
+  /// A binding under way.
+  struct Binding {
+    bool accepted = false;  // by the co-processor
+    Outcome outcome = {};
+    BufferPtr tapout = nullptr;  // to be told the format; null when there is none to tell
+    KvoxTapFormat format = {};
+  };
+
+  Outcome SendEnable(const TapArguments& tap, bool enable) REQUIRES(service_mutex_);
+  Outcome SendBlockLength(const TapArguments& tap, uint32_t frames) REQUIRES(service_mutex_);
+  Outcome SendJitterBuffer(const TapArguments& tap, uint32_t size) REQUIRES(service_mutex_);
+  Binding SendBinding(const TapArguments& tap, int tapout, int inject) REQUIRES(service_mutex_);
+  void FinishBinding(Binding binding, Report& report) EXCLUDES(service_mutex_);
+  bool RestoreSettings(const KvoxTapPointState& saved) REQUIRES(service_mutex_);
+
+  CoprocessorLink& link_;
+  Inventory& inventory_;
+  SavedState& saved_;
+  Wiring& wiring_;
+  Mutex service_mutex_;
+};
+
+}  // namespace kvox

@@ -1,0 +1,56 @@
+// The use cases as rows of steps. A step is one of the service's own commands.
+#pragma once
+
+#include <aidl/kvox/IKvox.h>
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "kvox/common/four_cc.h"
+#include "service/tap_point.h"
+
+namespace kvox {
+
+using aidl::kvox::IKvox;
+
+struct UseCaseStep {
+  enum class Command {
+    kNewProcessor,
+    kConnect,
+    kProcessorEnable,
+    kDeleteProcessor,
+    kConnectTap,
+    kTapSetBlockLength,  // to the processor's
+    kTapEnable,
+    kStartIo,
+    kStopIo,
+  };
+  enum class Outcome {
+    kStops,    // a failure ends the use case there
+    kCounts,   // goes on after a failure; the last step's status is the use case's
+    kIgnored,  // goes on after a failure, which is not reported
+  };
+
+  Command command;
+  FourCc processor = 0;
+  FourCc type = 0;
+  TapArguments tap = {};
+  int buffer = -1;  // tap-out and inject buffer of the same number; -1 for none
+  bool enable = false;
+  Outcome outcome = Outcome::kStops;
+};
+
+/// The steps that switch a use case on or off; empty for one that is not made of steps.
+std::span<const UseCaseStep> StepsOf(IKvox::UseCase use_case, bool enable);
+
+/// The use case that a relay processor belongs to; UNSPECIFIED for none.
+IKvox::UseCase UseCaseOfRelay(FourCc relay);
+
+/// A use case by its name, in upper or lower case; UNSPECIFIED for an unknown name.
+IKvox::UseCase stringToUseCase(const std::string& name);
+
+/// Whether there is such a use case, made of steps or not.
+bool IsSupported(IKvox::UseCase use_case);
+
+}  // namespace kvox
