@@ -60,7 +60,7 @@ class OpenFile : public CaptureFile {
   const std::string path_;
 };
 
-/// Opening some devices has effects of its own, so what stands there is looked at first.
+/// To be asked before opening: opening some devices has effects of its own.
 bool IsSomethingElse(const char* path) {
   struct stat status;
   return lstat(path, &status) == 0 && !S_ISREG(status.st_mode);

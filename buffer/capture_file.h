@@ -23,7 +23,7 @@ class CaptureFile {
   virtual bool Rewind() = 0;
 };
 
-/// Opens the file of that path; null, after a log line that tells why, when that fails.
+/// Opens the file of that path; null, after a log line with the cause, when that fails.
 using CaptureFileOpener = std::function<std::unique_ptr<CaptureFile>(const std::string& path)>;
 
 /// Creates the file (mode 0640), or empties the one that is there. Only regular files: links,

@@ -29,7 +29,7 @@ class DeviceIo {
   /// naming both each time: a descriptor to be closed before `fd`. -1 where the device cannot be
   /// watched.
   virtual int Watch(int fd, int wake_fd) = 0;
-  /// RT: as Wait for reading, with a descriptor that Watch has answered.
+  /// RT: as Wait for reading, with a descriptor from Watch.
   virtual Ready WaitWatched(int watch, int timeout_ms) = 0;
 
   /// RT: as the system calls, -1 with errno set on failure.
@@ -40,7 +40,7 @@ class DeviceIo {
   virtual uint64_t NowNs() = 0;
 };
 
-/// The real thing. Any thread.
+/// The system's own calls. Any thread.
 DeviceIo& SystemDeviceIo();
 
 }  // namespace kvox

@@ -84,9 +84,9 @@ KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable) {
   changed_.NotifyAll();
   while (switching_) changed_.Wait(mutex_);
   if (!enable) --disables_waiting_;
-  const Switch answer = BeginInTurn(enable);
-  opening_ = answer == Switch::kGo && enable;
-  return answer;
+  const Switch result = BeginInTurn(enable);
+  opening_ = result == Switch::kGo && enable;
+  return result;
 }
 
 /// Waits for its turn, but not for a thread that pauses between its tries.

@@ -1,6 +1,6 @@
 // One data device of the co-processor. A tap-out buffer reads audio and hands every block to the
 // processors on its routes, on an I/O thread of its own; an inject buffer has an open device that
-// routes lead to, and no thread. Who reads and who writes which buffer is the wiring's business.
+// routes lead to, and no thread. Which processors read and write it is up to the wiring.
 //
 // Switching on or off runs without the buffer's mutex: one thread at a time switches a buffer, so a
 // buffer whose device takes seconds to open can still be looked at and switched off.

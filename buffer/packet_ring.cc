@@ -5,7 +5,7 @@
 namespace kvox {
 namespace {
 
-/// What stands in the ring before a payload.
+/// In the ring before each payload.
 struct Entry {
   KvoxPacketHeader header;
   uint64_t payload_size;

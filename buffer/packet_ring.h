@@ -1,6 +1,6 @@
-// Packets on their way from a thread that must never wait to one that may: a preallocated ring of
-// bytes without locks. One producer and one consumer, each a thread at a time; who takes the
-// producer's place from another thread has to have seen that one end its part.
+// Passes packets from a thread that must never wait to one that may: a preallocated ring of bytes
+// without locks. One producer and one consumer at a time; a thread that takes over the producer's
+// side has synchronised with the one before it.
 #pragma once
 
 #include <cstddef>

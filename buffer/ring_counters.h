@@ -1,5 +1,5 @@
-// Where the bytes of a ring lie: index arithmetic alone, without the storage. One producer and one
-// consumer, each a thread at a time. RT: neither waits for the other.
+// The index arithmetic of a ring of bytes, without the storage. One producer and one consumer at a
+// time. RT: neither waits for the other.
 #pragma once
 
 #include <atomic>
@@ -8,8 +8,8 @@
 
 namespace kvox {
 
-/// Both counters run freely and wrap around at 2^32; only their difference and their place in the
-/// ring count.
+/// Both counters run freely and wrap around at 2^32; only their difference and their position in
+/// the ring matter.
 class RingCounters {
  public:
   /// Consecutive bytes of the ring: `first` from `offset` on, and `rest` from the ring's front.
@@ -25,14 +25,14 @@ class RingCounters {
 
   uint32_t capacity() const { return capacity_; }
 
-  /// Producer: bytes that can be written now. More may become free meanwhile.
+  /// Producer: bytes that can be written now, at least.
   uint32_t Writable() const {
     // Acquire: pairs with Release, so the consumer is done with what is overwritten next.
     return capacity_ -
            (written_.load(std::memory_order_relaxed) - read_.load(std::memory_order_acquire));
   }
 
-  /// Producer: `size` bytes, `ahead` bytes behind those written last.
+  /// Producer: `size` bytes, `ahead` bytes after those written last.
   Extent ToWrite(uint32_t ahead, uint32_t size) const {
     return At(written_.load(std::memory_order_relaxed) + ahead, size);
   }
@@ -43,13 +43,13 @@ class RingCounters {
     written_.store(written_.load(std::memory_order_relaxed) + size, std::memory_order_release);
   }
 
-  /// Consumer: bytes that can be read now. More may arrive meanwhile.
+  /// Consumer: bytes that can be read now, at least.
   uint32_t Readable() const {
     // Acquire: pairs with Commit.
     return written_.load(std::memory_order_acquire) - read_.load(std::memory_order_relaxed);
   }
 
-  /// Consumer: `size` bytes, `ahead` bytes behind those released last.
+  /// Consumer: `size` bytes, `ahead` bytes after those released last.
   Extent ToRead(uint32_t ahead, uint32_t size) const {
     return At(read_.load(std::memory_order_relaxed) + ahead, size);
   }
@@ -67,7 +67,7 @@ class RingCounters {
     return {.offset = offset, .first = first, .rest = size - first};
   }
 
-  // What one thread writes is apart from what the other writes: no cache line goes to and fro.
+  // On cache lines of their own: avoids false sharing.
   alignas(64) std::atomic<uint32_t> written_;
   const uint32_t capacity_;
   alignas(64) std::atomic<uint32_t> read_;

@@ -1,5 +1,5 @@
 // The RX format of a tap-out buffer: set by commands, and taken over by the I/O thread from the
-// packets it sees. The later one stands.
+// packets it sees. The later one counts.
 #pragma once
 
 #include <cstdint>

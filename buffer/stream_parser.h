@@ -1,10 +1,10 @@
-// Finds packets in the byte stream of a tap-out device. Pure: no device, no clock, no log; what it
-// comes across it answers as findings, which the caller turns into log lines. The packet format is
+// Finds packets in the byte stream of a tap-out device. It knows no device, clock or log: what it
+// finds wrong it returns as findings, which the caller turns into log lines. The packet format is
 // in docs/protocol.md.
 //
 // The stream has no framing beyond the magic word that begins a header, so the parser is always in
 // one of two states. Resyncing, it asks for large reads and takes the last magic of a read for the
-// start of a packet, which skips whatever queued up meanwhile. Once a header has passed its checks
+// start of a packet, which skips what has queued up. Once a header has passed its checks
 // it asks for exactly the rest of that packet, then for whole packets of that size; one that fails
 // its checks leads back to large reads, since the stream is no longer what it was taken for.
 //
@@ -32,7 +32,7 @@ struct StreamFindings {
   uint32_t skipped = 0;     // bytes of a read that held no magic
   std::optional<uint32_t> bad_version;
   std::optional<uint32_t> bad_payload_size;
-  uint32_t excess = 0;     // bytes behind the packet, dropped; reported from 8 on
+  uint32_t excess = 0;     // bytes after the packet, dropped; reported from 8 on
   uint32_t assembled = 0;  // with kPacket: bytes that were gathered for the packet
   uint32_t expected = 0;   // with kPacket: its size, header included
 
@@ -79,7 +79,7 @@ class StreamParser {
   bool resyncing_ = true;
   bool header_parsed_ = false;
   uint32_t expected_ = kPacketMaxSize;
-  uint32_t assembled_ = 0;      // may exceed the area: bytes behind it are counted, not kept
+  uint32_t assembled_ = 0;      // may exceed the area: what does is counted, not kept
   std::byte* front_ = nullptr;  // of the packet under assembly: in receive_ or in packet_
 };
 

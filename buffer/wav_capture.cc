@@ -92,8 +92,8 @@ bool WavCapture::StartWriter() {
   return false;
 }
 
-/// Ends the recording, if there is one, and waits for the thread behind it. False when that takes
-/// too long; the session is still the writer's then.
+/// Ends the recording, if there is one, and waits for its thread. False when that takes too
+/// long; the session is still the writer's then.
 bool WavCapture::StopWriter() {
   EndRecording();
   const auto deadline = std::chrono::steady_clock::now() + patience_;
@@ -125,7 +125,7 @@ void WavCapture::SetWriting(bool writing) {
 
 void WavCapture::Record(const KvoxPacketHeader& header, std::span<const std::byte> payload) {
   if (!on_.load(std::memory_order_relaxed)) return;
-  // Acquire: pairs with the release of whoever used the producer's side before.
+  // Acquire: pairs with the release of the last user of the producer's side.
   if (pushing_.exchange(true, std::memory_order_acquire)) {
     if (on_.load(std::memory_order_relaxed)) dropped_.fetch_add(1, std::memory_order_relaxed);
     return;

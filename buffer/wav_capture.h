@@ -1,12 +1,12 @@
 // Records the packets of a buffer in a WAV file (wav_file.h) without disturbing them: the packet
 // path copies them into a ring, and a thread of the capture's own brings them into the file.
 //
-// A packet that finds the ring full is missing from the file. It is counted, and one warning tells
-// the count when the capture has ended.
+// A packet that finds the ring full is missing from the file. Such packets are counted, and one
+// warning has the count when the capture has ended.
 //
-// What ends a capture: Stop and a change of the stream's format complete the file. A write that
-// fails leaves it as it stands. So does Abandon, which waits for nothing: packets that are not in
-// the file by then are counted as missing, and the header stays 44 zero bytes.
+// A capture ends with a complete file by Stop, or when the stream's format changes. A write that
+// fails, and Abandon, leave the file as it is. Abandon waits for nothing: packets that are not in
+// the file yet are counted as missing, and the header stays 44 zero bytes.
 #pragma once
 
 #include <atomic>
@@ -30,7 +30,7 @@ namespace kvox {
 /// Owned by std::shared_ptr; the thread that writes a file is an owner.
 class WavCapture final : public PacketRecorder, public std::enable_shared_from_this<WavCapture> {
  public:
-  /// How long a command waits for a file. The ring is written in that time at 35 KB/s.
+  /// How long a command waits for a file: enough to write a full ring at 35 KB/s.
   static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(60);
 
   /// `buffer` is the name of the buffer, for messages. `threads` outlives the object.
@@ -41,18 +41,18 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   /// be opened, there is no thread to write it or the last one's file is not done. Service threads.
   int32_t Start(const std::string& file, std::string& message);
 
-  /// Ends the capture and answers when everything recorded up to now is in the file, with its
-  /// header; a write that fails ends it as well. 0, or -1 when no capture was on, or is not any
-  /// more once the rest is written, or when the file has not taken that within the patience: then
-  /// its thread goes on, and another Stop finds what has come of it. Service threads.
+  /// Ends the capture and returns when everything recorded up to now is in the file, with its
+  /// header. 0, or -1 when no capture was on, or a write failed, or the file did not take the rest
+  /// within the patience: then its thread goes on, and another Stop returns the outcome. Service
+  /// threads.
   int32_t Stop(std::string& message);
 
-  /// For the buffer that goes: ends the capture without its header. The thread lets go of the file
-  /// when the write it is in has returned. No other function may be called any more.
+  /// Called when the buffer is destroyed: ends the capture without its header. The thread closes
+  /// the file when the write it is in has returned. No other function may be called any more.
   void Abandon();
 
-  // RT. Buffers have one I/O thread at a time. Two that met here nevertheless, while a buffer is
-  // being tied anew, would cost a packet in the file and nothing else.
+  // RT. A buffer has one I/O thread at a time. If two ever meet here, a packet is missing from the
+  // file.
   void Record(const KvoxPacketHeader& header, std::span<const std::byte> payload) override;
   bool recording() const override { return on_.load(std::memory_order_relaxed); }
   uint32_t samples() const override { return samples_.load(std::memory_order_relaxed); }

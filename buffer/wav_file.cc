@@ -22,7 +22,7 @@ bool SameFormat(const KvoxTapFormat& a, const KvoxTapFormat& b) {
          a.noninterleaved_samples == b.noninterleaved_samples;
 }
 
-/// Writes everything; else answers the result of the write that failed.
+/// Writes everything, or returns the result of the write that failed.
 std::optional<ssize_t> WriteAll(CaptureFile& file, std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
     const ssize_t written = file.Write(bytes);
@@ -62,7 +62,7 @@ bool WavFile::Begin(const KvoxTapFormat& format) {
   return true;
 }
 
-/// Where the payload holds no whole group, the conversion area shows what stood there before.
+/// Where the payload holds no whole group, the conversion area keeps its earlier contents.
 std::span<const std::byte> WavFile::Interleaved(std::span<const std::byte> payload) {
   InterleaveRuns(payload,
                  {.channels = format_->channels,

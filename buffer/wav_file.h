@@ -4,7 +4,7 @@
 // A recording is on from the start. The first packet with a usable format begins the file: 44 bytes
 // of zeros, then the samples. It ends
 // - with a complete header: by End(), or by a packet whose format is another than the first one's;
-// - as it stands: by a write that fails, or with the object.
+// - as it is: by a write that fails, or with the object.
 #pragma once
 
 #include <cstddef>
@@ -39,7 +39,7 @@ class WavFile {
   /// Ends the recording with a complete header, or as an empty file when no packet was taken.
   void endCaptureWav();
 
-  /// Ends the recording as it stands.
+  /// Ends the recording as it is.
   void Abandon() { file_.reset(); }
 
  private:
@@ -50,7 +50,7 @@ class WavFile {
 
   const std::string buffer_;
   std::unique_ptr<CaptureFile> file_;
-  std::optional<KvoxTapFormat> format_;  // of the first packet, once a header stands in the file
+  std::optional<KvoxTapFormat> format_;  // of the first packet, once the file has a header
   uint32_t samples_ = 0;
   std::vector<std::byte> converted_;  // keeps what it held from packet to packet
 };

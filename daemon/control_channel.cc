@@ -25,9 +25,9 @@ constexpr auto kReplyBudget = std::chrono::milliseconds(500);
 /// The rest of a record that has begun follows at once or never.
 constexpr auto kPartialPatience = std::chrono::milliseconds(20);
 
-/// Each read in a row that brings only records nobody waits for is followed by a pause that is
-/// longer by this: a device that floods the channel does not flood the log at the same rate.
-constexpr auto kStrangerPause = std::chrono::milliseconds(1);
+/// After each read in a row that brings only stale records, the pause grows by this: a device that
+/// floods the channel must not flood the log at the same rate.
+constexpr auto kStalePause = std::chrono::milliseconds(1);
 
 constexpr char kSender[] = "SendKvoxCommand";
 
@@ -38,8 +38,8 @@ void LogWrongSize(ssize_t actual, uint16_t opcode, size_t expected) {
 
 }  // namespace
 
-/// Goes before commands that wait for their turn: a mutex that a row of commands takes again and
-/// again would let whoever opens or closes the device wait for all of them.
+/// Opening or closing the device, which goes before commands that wait: a mutex that many commands
+/// take in turn would make it wait for all of them.
 class ControlChannel::DeviceChange {
  public:
   explicit DeviceChange(ControlChannel& channel) : channel_(channel) {
@@ -134,7 +134,7 @@ int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t si
   while (result == 0) {
     const bool any_at_hand = !replies_.empty();
     if (TakeReply(opcode, record, size)) break;
-    if (any_at_hand) std::this_thread::sleep_for(std::exchange(pause, pause + kStrangerPause));
+    if (any_at_hand) std::this_thread::sleep_for(std::exchange(pause, pause + kStalePause));
     const auto now = Clock::now();
     if (now >= deadline) {
       DropPartial(opcode, size);
@@ -187,7 +187,7 @@ ControlChannel::Wait ControlChannel::WaitReadable(Clock::time_point until) {
   return (device.revents & POLLIN) != 0 ? Wait::kReadable : Wait::kHangUp;
 }
 
-/// Answers 0, or what ends the wait.
+/// Returns 0, or the status that ends the wait.
 int32_t ControlChannel::ReadReplies(uint16_t opcode, size_t size) {
   std::array<std::byte, 4096> bytes;
   const ssize_t count = read(fd_, bytes.data(), bytes.size());
@@ -203,9 +203,9 @@ int32_t ControlChannel::ReadReplies(uint16_t opcode, size_t size) {
   return -error;
 }
 
-/// Goes through the replies at hand, the oldest first, and drops those that are not the answer. A
-/// record that is longer than the answer is cut. A late answer to an earlier command with the same
-/// opcode passes for this one's.
+/// Takes the reply out of those that have been read, the oldest first, and drops the others. A
+/// longer record is cut. A late reply to an earlier command with the same opcode is taken for this
+/// one's.
 bool ControlChannel::TakeReply(uint16_t opcode, CMD_HDR* record, size_t size) {
   while (!replies_.empty()) {
     const std::vector<std::byte> reply = std::move(replies_.front());

@@ -23,12 +23,12 @@ class ControlChannel {
   ControlChannel(const ControlChannel&) = delete;
   ControlChannel& operator=(const ControlChannel&) = delete;
 
-  /// Opens the device anew; waits about 400 ms for a missing one to appear. Any thread.
+  /// Reopens the device; waits about 400 ms for a missing one to appear. Any thread.
   void Open();
   void Close();
 
   /// One command and its reply, which overwrites the record. Opens the device again and repeats the
-  /// write, once, when writing fails; waits 500 ms in all for the reply. Answers 0, the reply's
+  /// write, once, when writing fails; waits 500 ms in all for the reply. Returns 0, the reply's
   /// status, -1 or minus errno. Any thread; commands take turns.
   int32_t Exchange(uint16_t opcode, CMD_HDR* record, size_t size);
 

@@ -30,7 +30,7 @@ void PrepareSignals() {
   pthread_sigmask(SIG_BLOCK, &handled, nullptr);
 }
 
-/// kvoxd takes no arguments; whoever gives one wants to know about it.
+/// kvoxd takes no arguments but these.
 int PrintUsage(const char* argument) {
   const bool asked = strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0;
   if (strcmp(argument, "--version") == 0) {

@@ -1,5 +1,5 @@
-// Splits what the control device delivers into records. Pure. The device may be a byte stream, so a
-// read can hold several records or end in the middle of one.
+// Splits what the control device delivers into records. The device may be a byte stream, so a read
+// can hold several records or end in the middle of one.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ class ReplyStream {
   /// Whether a record has begun and not ended.
   bool partial() const { return !pending_.empty(); }
 
-  /// Gives up on the rest of a begun record. Answers how much of it there was.
+  /// Drops a record that has begun. Returns how much of it there was.
   size_t DropPartial();
 
  private:

@@ -1,4 +1,4 @@
-// What kvoxd says of itself, in its help and its manual page. Pure.
+// The texts of kvoxd's help and manual page.
 #pragma once
 
 #include <string>

@@ -81,7 +81,7 @@ int32_t AudioRelayProcessor::Enable(bool enable) {
   return 0;
 }
 
-/// Format codes as packets carry them. A tap point does not tell how its samples are encoded: as
+/// Format codes as packets carry them. A tap point does not say how its samples are encoded: as
 /// long as they have the size of the role's samples, they are taken to have its encoding.
 IKvox::AudioPacket AudioRelayProcessor::Shape() const {
   const Role& role = RoleOf(id());

@@ -1,5 +1,5 @@
 // Base of every host-side audio processor. A processor takes blocks from one tap-out buffer and may
-// fill the blocks of one inject buffer; which ones they are is the wiring's business. The base has
+// fill the blocks of one inject buffer; which ones is up to the wiring. The base has
 // what all kinds share and a default for everything but ProcessBlock.
 //
 // Processors are owned by std::shared_ptr: by the service's table, by the routes that lead to them

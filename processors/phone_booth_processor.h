@@ -1,4 +1,4 @@
-// The kind behind the phone booth use case. Its processing is not part of this build: it can be
+// The kind for the phone booth use case. Its processing is not part of this build: it can be
 // created, listed and connected, and refuses to work.
 #pragma once
 

@@ -19,7 +19,7 @@ bool SentAudio::Put(std::span<const uint8_t> block) {
 }
 
 std::span<const std::byte> SentAudio::Take() {
-  // Relaxed: it only tells whether to look; a block that comes just now waits for the next time.
+  // Relaxed: only a hint; a block that comes just now is taken the next time.
   if ((waiting_.load(std::memory_order_relaxed) & kUnread) == 0) return {};
   // Acquire: we see what the writer wrote. Release: it sees that we have done with our slot.
   reading_ = waiting_.exchange(reading_, std::memory_order_acq_rel) & kNumber;

@@ -39,7 +39,7 @@ class SentAudio {
   std::span<const std::byte> Take();
 
  private:
-  /// A slot's number, and whether nobody has read it yet.
+  /// A slot's number, and a flag for one that has not been read yet.
   static constexpr uint8_t kUnread = 0x80;
   static constexpr uint8_t kNumber = 0x03;
 

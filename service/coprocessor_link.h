@@ -1,4 +1,4 @@
-// What the service needs of the daemon's frame: commands to the co-processor and the wake lock.
+// What the service needs from the daemon: commands to the co-processor and the wake lock.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,8 @@ class CoprocessorLink {
  public:
   virtual ~CoprocessorLink() = default;
 
-  /// Sends the record of `size` bytes and reads its reply into the same memory. Answers 0, the
-  /// co-processor's non-zero status, -1 when it could not be sent or was not answered in time, or
+  /// Sends the record of `size` bytes and reads its reply into the same memory. Returns 0, the
+  /// co-processor's non-zero status, -1 when it could not be sent or no reply came in time, or
   /// minus errno. Any thread; one command at a time, in the order of arrival.
   virtual int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) = 0;
 

@@ -14,8 +14,8 @@ struct DataDevice {
   std::string path;
 };
 
-/// The number that the rest of a device's name stands for: decimal digits at its front, above 0, or
-/// exactly "0". Names that begin otherwise are not data devices.
+/// The number of a data device, from the rest of its name: decimal digits at the front, above 0, or
+/// exactly "0". Other names are no data devices.
 std::optional<int> DeviceNumber(std::string_view rest);
 
 struct DeviceScan {

@@ -1,6 +1,6 @@
 // What there is: a buffer for each data device of the co-processor, and the processors that clients
-// have created. Its lock is held for a look, a copy or an insertion only, so that nobody who looks
-// something up waits for an exchange with the co-processor.
+// have created. Its lock is held for a look, a copy or an insertion only: a look-up never waits for
+// an exchange with the co-processor.
 #pragma once
 
 #include <map>

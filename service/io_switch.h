@@ -22,16 +22,16 @@ class IoSwitch {
   IoSwitch(CoprocessorLink& link, Inventory& inventory, SavedState& saved, Wiring& wiring)
       : link_(link), inventory_(inventory), saved_(saved), wiring_(wiring) {}
 
-  /// The commands StartIo and StopIo. May take the time that five tries to open a device take.
+  /// The commands StartIo and StopIo. A device that does not open takes four seconds.
   void Switch(bool enable, int tapout, Report& report);
 
-  /// Brings the buffer to its saved state; the last step of everybody who switches a buffer or
-  /// saves its state. So commands and a recovery that switch the same buffer at the same time leave
-  /// it as the state saved last says, which is also what the next recovery goes by.
+  /// Brings the buffer to its saved state. The last step of every function that switches a buffer
+  /// or saves its state: commands and a recovery that switch a buffer at the same time then leave
+  /// it in the state that was saved last, which is also what the next recovery restores.
   void SwitchAsSaved(const KvoxBuffer& buffer);
 
   /// Holds the wake lock while a tap-out buffer is on: audio between host and co-processor keeps
-  /// the host awake. Decides afresh each time; with a report, adds the line that tells the counts.
+  /// the host awake. Counts afresh each time; adds a line with the counts to a report.
   void UpdateWakeLock(Report* report = nullptr);
 
   /// All buffers, tap-outs first; or one tap-out and the inject buffers that its processors write.

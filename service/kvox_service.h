@@ -3,7 +3,7 @@
 //
 //   Inventory   what there is: buffers and processors
 //   SavedState  what clients want, for recoveries
-//   Wiring      who feeds whom
+//   Wiring      which processor reads and writes which buffers
 //   TapPoints   exchanges with the co-processor
 //   IoSwitch    buffers on and off, the wake lock
 //   UseCases    sequences of commands

@@ -6,7 +6,7 @@
 // with devices that do not open yet. A departure ends it.
 //
 // Restoring saves nothing, and each step uses what is saved at that moment, under the lock that
-// commands take: a command that a client gives meanwhile is neither lost nor overwritten.
+// commands take: a command that comes while it runs is neither lost nor overwritten.
 #pragma once
 
 #include <functional>
@@ -66,7 +66,7 @@ class Recovery {
       RecoveryClock::TimePoint due;
     };
     bool everything = true;                   // no pass has restored anything yet
-    std::set<TapKey> taps;                    // refused; the control device may not be there yet
+    std::set<TapKey> taps;                    // not accepted; the control device may come later
     std::map<std::string, Opening> openings;  // of buffers whose devices have not opened yet
 
     RecoveryClock::TimePoint NextOpening() const;

@@ -17,7 +17,7 @@ constexpr auto kListPatience = std::chrono::seconds(5);
 
 constexpr char kFormatError[] = "Error setting audio format from tap point";
 
-/// Of an exchange that tells a tap point something.
+/// Of an exchange whose reply carries nothing but a status.
 Outcome OutcomeOf(const char* opcode, int32_t status) {
   if (status == 0) return {};
   return {StatusCode::kError, FormatText<64>("%s failed, status %d", opcode, status)};

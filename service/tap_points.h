@@ -37,11 +37,11 @@ class TapPoints {
   void Enable(const TapArguments& tap, bool enable, Report& report);
   void SetBlockLength(const TapArguments& tap, uint32_t frames, Report& report);
   void SetJitterBuffer(const TapArguments& tap, uint32_t size, Report& report);
-  /// -1 stands for no buffer. Then tells the tap-out buffer the tap point's format.
+  /// -1 stands for no buffer. Then passes the tap point's format on to the tap-out buffer.
   void Bind(const TapArguments& tap, int tapout, int inject, Report& report);
 
   /// After a departure: brings the tap point to its saved state. Uses what is saved at each step,
-  /// so that a client's newer command stands. False when the co-processor did not take all of it.
+  /// so that a client's newer command is kept. False when the co-processor did not take all of it.
   bool Restore(TapKey key, const std::function<bool()>& stopping);
 
  private:
@@ -49,7 +49,7 @@ class TapPoints {
   struct Binding {
     bool accepted = false;  // by the co-processor
     Outcome outcome = {};
-    BufferPtr tapout = nullptr;  // to be told the format; null when there is none to tell
+    BufferPtr tapout = nullptr;  // gets the format; null when there is none to pass on
     KvoxTapFormat format = {};
   };
 

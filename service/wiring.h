@@ -1,6 +1,5 @@
-// Who feeds whom: each processor's tap-out buffer and inject buffer, and which processors are to be
-// enabled again. The only place that connects and disconnects, and that publishes the routes of
-// tap-out buffers.
+// Which buffers each processor reads and writes, and which processors are to be enabled again. The
+// only place that connects and disconnects, and that publishes the routes of tap-out buffers.
 //
 // Two locks. Operations take turns, so that connecting, switching and deleting processors never
 // mix. The edges have a short lock of their own, which every look-up and publication takes. No lock
@@ -47,8 +46,8 @@ class Wiring : public BufferWiring {
   /// that. `replaced` is whether there was one. False when there are too many processors.
   bool ReplaceProcessor(FourCc id, ProcessorPtr created, bool& replaced);
 
-  /// Tells the tap-out buffer and its processors the format of what arrives. Returns the status of
-  /// the first processor that refuses it; those after that are not told.
+  /// Passes the format of the arriving audio on to the tap-out buffer and its processors. Returns
+  /// the status of the first processor that refuses it; those after that are not told.
   int32_t SetRxFormat(const BufferPtr& tapout, const KvoxTapFormat& format);
 
   void DumpBuffer(const BufferPtr& buffer);
