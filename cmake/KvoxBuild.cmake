@@ -8,6 +8,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(KVOX_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them (address,undefined or thread)")
 set(KVOX_BIN_DIR "${PROJECT_BINARY_DIR}/bin" CACHE PATH "Where the programs are put")
 option(KVOX_WERROR "Treat warnings as errors" ON)
+option(KVOX_LTO "Optimise kvoxd when it is linked (gcc)" OFF)
 option(KVOX_FUZZ "Build the fuzz targets (clang)" OFF)
 option(KVOX_COVERAGE "Count which lines run (clang)" OFF)
 option(KVOX_QUICK_TESTS "Compile the tests themselves quickly: precompiled, not optimised" OFF)
@@ -26,6 +27,12 @@ if(KVOX_SANITIZE)
   target_compile_options(kvox_build INTERFACE
     -fsanitize=${KVOX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(kvox_build INTERFACE -fsanitize=${KVOX_SANITIZE})
+endif()
+if(KVOX_LTO)
+  # The packet path is optimised across its files. What links the same libraries otherwise does not
+  # pay for that.
+  target_link_options(kvox_build INTERFACE
+    $<IF:$<BOOL:$<TARGET_PROPERTY:KVOX_LTO_LINK>>,-flto=auto,-fno-lto>)
 endif()
 if(KVOX_COVERAGE)
   # %c maps the counters into the file, so that they are there however a process ends, be it by
