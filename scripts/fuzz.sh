@@ -42,7 +42,7 @@ check_runs() {
 
 need_packages build check
 echo "Building ..."
-build_preset fuzz "${targets[@]/#/fuzz_}" | tail -n 1
+build_preset asan "${targets[@]/#/fuzz_}" | tail -n 1
 
 out=$PWD/build/fuzz
 private=$(mktemp -d)
@@ -58,7 +58,7 @@ report_failure() {
   input=$(sed -n 's/.*Test unit written to //p' "$log" | tail -n 1)
   [ -z "$input" ] || {
     echo "$target: the input is ${input#"$PWD"/}; replay it with" >&2
-    echo "  build/fuzz/fuzz/fuzz_$target ${input#"$PWD"/}" >&2
+    echo "  build/asan/fuzz/fuzz_$target ${input#"$PWD"/}" >&2
   }
 }
 
@@ -80,7 +80,7 @@ for target in "${targets[@]}"; do
     deadline_s=$((seconds + 120))
   fi
   mkdir -p "$found"
-  if timeout --foreground "$deadline_s" "$out/fuzz/fuzz_$target" "${arguments[@]}" >"$log" 2>&1; then
+  if timeout --foreground "$deadline_s" "build/asan/fuzz/fuzz_$target" "${arguments[@]}" >"$log" 2>&1; then
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
     echo "$target: nothing found in $runs inputs, $((SECONDS - begin)) s"
   else
