@@ -1,7 +1,7 @@
 // Scenario files: what is accepted keeps every promise that the simulator relies on, and what is
 // not is told by line, key and expectation.
 
-#include "sim/scenario.h"
+#include "sim/scenario/scenario.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 

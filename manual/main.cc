@@ -19,7 +19,7 @@
 #include "platform/linux/runtime_directory.h"
 #include "platform/platform.h"
 #include "sim/command_line.h"
-#include "sim/fault.h"
+#include "sim/faults/fault.h"
 
 namespace kvox::manual {
 namespace {

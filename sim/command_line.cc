@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <optional>
 
-#include "sim/pacer.h"
+#include "sim/coprocessor/pacer.h"
 
 namespace kvox::sim {
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/device_directory.h"
+#include "sim/devices/device_directory.h"
 #include "sim/event.h"
 
 namespace kvox::sim {

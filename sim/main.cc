@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sim/audio/compare.h"
 #include "sim/command_line.h"
-#include "sim/compare.h"
 #include "sim/ctl_client.h"
 #include "sim/print.h"
 #include "sim/simulator.h"

@@ -10,15 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "sim/co_processor.h"
-#include "sim/control_exchange.h"
-#include "sim/control_point.h"
+#include "sim/coprocessor/co_processor.h"
+#include "sim/coprocessor/control_point.h"
 #include "sim/ctl_server.h"
-#include "sim/device_directory.h"
-#include "sim/device_set.h"
+#include "sim/devices/control_exchange.h"
+#include "sim/devices/device_directory.h"
+#include "sim/devices/device_set.h"
 #include "sim/event.h"
-#include "sim/fault_plan.h"
-#include "sim/fault_runner.h"
+#include "sim/faults/fault_plan.h"
+#include "sim/faults/fault_runner.h"
 #include "sim/journal.h"
 #include "sim/stats.h"
 

@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
-#include "sim/co_processor.h"
-#include "sim/control_point.h"
-#include "sim/device_set.h"
-#include "sim/fault_plan.h"
+#include "sim/coprocessor/co_processor.h"
+#include "sim/coprocessor/control_point.h"
+#include "sim/devices/device_set.h"
+#include "sim/faults/fault_plan.h"
 
 namespace kvox::sim {
 

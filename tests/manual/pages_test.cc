@@ -8,7 +8,7 @@
 #include "daemon/usage.h"
 #include "platform/platform.h"
 #include "sim/command_line.h"
-#include "sim/fault.h"
+#include "sim/faults/fault.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_directory.h"
 

@@ -1,4 +1,4 @@
-#include "sim/control_point.h"
+#include "sim/coprocessor/control_point.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Which fault strikes when, and what it is told by.
-#include "sim/fault_plan.h"
+#include "sim/faults/fault_plan.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/fault_script.h"
-#include "sim/scenario.h"
+#include "sim/faults/fault_script.h"
+#include "sim/scenario/scenario.h"
 
 namespace kvox::sim {
 namespace {

@@ -1,5 +1,5 @@
 // What faults make of the audio in packets.
-#include "sim/packet_faults.h"
+#include "sim/faults/packet_faults.h"
 
 #include <gtest/gtest.h>
 

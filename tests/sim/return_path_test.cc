@@ -3,9 +3,9 @@
 
 #include <vector>
 
-#include "sim/packet_reassembler.h"
-#include "sim/round_trip.h"
-#include "sim/sink.h"
+#include "sim/audio/sink.h"
+#include "sim/coprocessor/round_trip.h"
+#include "sim/devices/packet_reassembler.h"
 #include "tests/sim/wav_file.h"
 #include "tests/support/bytes.h"
 #include "tests/support/temp_directory.h"

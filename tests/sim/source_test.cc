@@ -1,4 +1,4 @@
-#include "sim/source.h"
+#include "sim/audio/source.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "kvox/common/kvox_packet.h"
-#include "sim/samples.h"
+#include "sim/audio/samples.h"
 #include "tests/sim/wav_file.h"
 #include "tests/support/temp_directory.h"
 

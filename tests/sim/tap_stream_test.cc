@@ -1,4 +1,4 @@
-#include "sim/tap_stream.h"
+#include "sim/coprocessor/tap_stream.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

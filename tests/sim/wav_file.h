@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "sim/sound_file.h"
+#include "sim/audio/sound_file.h"
 
 namespace kvox::sim {
 

@@ -1,0 +1,80 @@
+#include "sim/coprocessor/co_processor.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <tuple>
+
+namespace kvox::sim {
+
+std::string Tap::Name() const {
+  return fmt::format("{} (core {})", DisplayName(config), config.core);
+}
+
+void Tap::Receive(const KvoxPacketHeader& header, std::span<const std::byte> payload,
+                  uint64_t now_ns) {
+  ++counts.received;
+  if (tapout != kNoBuffer) round_trip.Returned(header, payload, now_ns);
+  if (sink == nullptr) return;
+  KvoxTapFormat format = header.format;
+  if (format.sample_rate == 0) format.sample_rate = config.format.sample_rate;  // untimed packets
+  if (!sink->Write(format, payload)) ++counts.sink_failed;
+}
+
+std::unique_ptr<CoProcessor> CoProcessor::Create(const Scenario& scenario, std::string& error) {
+  auto made = std::make_unique<CoProcessor>();
+  made->cores_ = scenario.cores;
+  made->tapouts_ = scenario.tapouts;
+  made->injects_ = scenario.injects;
+  for (const TapConfig& config : scenario.taps) {
+    Tap& tap = made->taps_.emplace_back();
+    tap.config = config;
+    tap.block_length = config.block_length;
+    tap.source = MakeSource(config, error);
+    if (tap.source == nullptr) return nullptr;
+    if (config.sink.kind == SinkKind::kNone) continue;
+    tap.sink = MakeWavSink(config.sink, error);
+    if (tap.sink == nullptr) return nullptr;
+  }
+  return made;
+}
+
+void CoProcessor::Reset() {
+  for (Tap& tap : taps_) {
+    tap.enabled = false;
+    tap.block_length = tap.config.block_length;
+    tap.jitter_buffer = 0;
+    tap.tapout = tap.inject = kNoBuffer;
+  }
+}
+
+Tap* CoProcessor::Find(const TapAddress& address) {
+  const auto found = std::ranges::find_if(taps_, [&](const Tap& tap) {
+    return tap.config.name == address.tap && tap.config.index == address.index &&
+           tap.config.core == address.core;
+  });
+  return found == taps_.end() ? nullptr : &*found;
+}
+
+Tap* CoProcessor::StreamingInto(uint8_t tapout) {
+  Tap* best = nullptr;
+  for (Tap& tap : taps_) {
+    if (!tap.enabled || tap.tapout != tapout) continue;
+    if (best == nullptr || tap.changed > best->changed) best = &tap;
+  }
+  return best;
+}
+
+Tap* CoProcessor::ReceivingFrom(uint8_t inject) {
+  Tap* best = nullptr;
+  for (Tap& tap : taps_) {
+    if (tap.inject != inject) continue;
+    if (best == nullptr ||
+        std::tie(tap.enabled, tap.changed) > std::tie(best->enabled, best->changed)) {
+      best = &tap;
+    }
+  }
+  return best;
+}
+
+}  // namespace kvox::sim

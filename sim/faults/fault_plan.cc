@@ -1,0 +1,165 @@
+#include "sim/faults/fault_plan.h"
+
+#include <algorithm>
+
+namespace kvox::sim {
+namespace {
+
+/// A number from 0 to 1 that follows from these alone, whatever else strikes in between.
+double Chance(uint64_t seed, const std::string& key, uint64_t number) {
+  uint64_t hash = seed * 0x9E3779B97F4A7C15u + number;
+  for (const char c : key) hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001B3u;
+  hash = (hash ^ hash >> 30) * 0xBF58476D1CE4E5B9u;
+  hash = (hash ^ hash >> 27) * 0x94D049BB133111EBu;
+  hash ^= hash >> 31;
+  return static_cast<double>(hash >> 11) * 0x1p-53;
+}
+
+}  // namespace
+
+bool FaultPlan::Entry::Spent() const {
+  const bool lasts = !timed() && spec.seconds;
+  return hits >= spec.count.value_or(lasts ? kNever : 1);
+}
+
+/// Whether nothing more is to come of a fault of packets or commands.
+bool FaultPlan::Entry::Over(uint64_t now_ns) const {
+  if (timed()) return false;
+  const bool out_of_time =
+      begun && spec.seconds && now_ns >= begun_ns + static_cast<uint64_t>(*spec.seconds * 1e9);
+  return Spent() || out_of_time;
+}
+
+bool FaultPlan::Add(const FaultSpec& spec, uint64_t now_ns) {
+  DropOver(now_ns);
+  if (entries_.size() == kMaxFaults) return false;
+  const uint64_t at_ns = start_ns_ + static_cast<uint64_t>(spec.at * 1e9);
+  Entry& entry = entries_.emplace_back();
+  entry.id = ++last_id_;
+  entry.spec = spec;
+  entry.group = RowOf(spec.kind).group;
+  entry.from_ns = std::max(at_ns, now_ns);
+  entry.begun = !entry.timed() && spec.after.value_or(0) == 0;
+  entry.begun_ns = entry.from_ns;
+  return true;
+}
+
+/// One more packet or command passes. Each has its number, so that two runs strike the same ones.
+bool FaultPlan::Strikes(Entry& entry, const std::string& key, uint64_t now_ns) {
+  const uint64_t number = ++entry.chances[key];
+  if (now_ns < entry.from_ns || number <= entry.spec.after.value_or(0)) return false;
+  if (!entry.begun) entry.begun_ns = now_ns;
+  entry.begun = true;
+  if (entry.Over(now_ns) || entry.Spent()) return false;
+  return !entry.spec.probability || Chance(entry.spec.seed, key, number) < *entry.spec.probability;
+}
+
+std::vector<FaultSpec> FaultPlan::OnPacket(const std::string& tap, uint64_t now_ns) {
+  std::vector<FaultSpec> struck;
+  if (entries_.empty()) return struck;
+  bool alarm = false;
+  for (Entry& entry : entries_) {
+    const bool concerned = entry.by_packets() || (entry.group == FaultGroup::kPackets &&
+                                                  entry.spec.kind != FaultKind::kPacketEarly);
+    if (!concerned || (!entry.spec.tap.empty() && entry.spec.tap != tap)) continue;
+    if (!Strikes(entry, tap, now_ns)) continue;
+    if (entry.timed()) {
+      alarm |= !entry.running;
+      entry.due = !entry.running;
+      continue;
+    }
+    ++entry.hits;
+    ++injected_[static_cast<size_t>(entry.spec.kind)];
+    struck.push_back(entry.spec);
+  }
+  DropOver(now_ns);
+  if (alarm && alarm_) alarm_();
+  return struck;
+}
+
+bool FaultPlan::GoesEarly(const std::string& tap, uint64_t now_ns) {
+  bool early = false;
+  for (Entry& entry : entries_) {
+    if (entry.spec.kind != FaultKind::kPacketEarly) continue;
+    if (!entry.spec.tap.empty() && entry.spec.tap != tap) continue;
+    if (!Strikes(entry, tap, now_ns)) continue;
+    early = true;
+    ++entry.hits;
+    ++injected_[static_cast<size_t>(entry.spec.kind)];
+  }
+  if (early) DropOver(now_ns);
+  return early;
+}
+
+std::vector<FaultSpec> FaultPlan::OnCommand(uint16_t opcode, bool first, uint64_t now_ns) {
+  std::vector<FaultSpec> struck;
+  for (Entry& entry : entries_) {
+    if (entry.group != FaultGroup::kReplies) continue;
+    if (entry.spec.opcode != 0 && entry.spec.opcode != opcode) continue;
+    if (first && entry.spec.kind == FaultKind::kReplyStale) continue;
+    if (!Strikes(entry, "", now_ns)) continue;
+    ++entry.hits;
+    ++injected_[static_cast<size_t>(entry.spec.kind)];
+    struck.push_back(entry.spec);
+  }
+  DropOver(now_ns);
+  return struck;
+}
+
+/// When a fault of nodes or devices is to begin.
+uint64_t FaultPlan::DueOf(const Entry& entry) {
+  if (!entry.timed() || entry.running || entry.Spent()) return kNever;
+  if (entry.by_packets()) return entry.due ? 0 : kNever;
+  return entry.from_ns;
+}
+
+std::vector<FaultPlan::Begun> FaultPlan::TakeDue(uint64_t now_ns) {
+  std::vector<Begun> begun;
+  for (Entry& entry : entries_) {
+    if (DueOf(entry) > now_ns) continue;
+    entry.due = false;
+    entry.running = true;
+    ++entry.hits;
+    ++injected_[static_cast<size_t>(entry.spec.kind)];
+    begun.push_back({entry.id, entry.spec});
+  }
+  return begun;
+}
+
+uint64_t FaultPlan::NextDue() const {
+  uint64_t next = kNever;
+  for (const Entry& entry : entries_) next = std::min(next, DueOf(entry));
+  return next;
+}
+
+void FaultPlan::Ended(uint64_t id) {
+  std::erase_if(entries_, [&](Entry& entry) {
+    if (entry.id != id) return false;
+    entry.running = false;
+    return entry.Spent();
+  });
+}
+
+void FaultPlan::DropOver(uint64_t now_ns) {
+  std::erase_if(entries_, [&](const Entry& entry) { return entry.Over(now_ns); });
+}
+
+void FaultPlan::Clear() {
+  entries_.clear();
+}
+
+void FaultPlan::Clear(FaultGroup group) {
+  std::erase_if(entries_, [&](const Entry& entry) { return entry.group == group; });
+}
+
+FaultCounts FaultPlan::CountsOf(FaultKind kind, uint64_t now_ns) const {
+  FaultCounts counts{.injected = injected_[static_cast<size_t>(kind)]};
+  for (const Entry& entry : entries_) {
+    if (entry.spec.kind != kind || entry.Over(now_ns)) continue;
+    const bool active = entry.running || (!entry.timed() && entry.begun && entry.from_ns <= now_ns);
+    ++(active ? counts.active : counts.waiting);
+  }
+  return counts;
+}
+
+}  // namespace kvox::sim

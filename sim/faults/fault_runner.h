@@ -1,0 +1,57 @@
+// Carries the faults of nodes and devices out when their time comes. The event loop's thread.
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "sim/devices/device_set.h"
+#include "sim/event.h"
+#include "sim/faults/fault_plan.h"
+#include "sim/faults/fault_script.h"
+#include "sim/journal.h"
+
+namespace kvox::sim {
+
+class FaultRunner {
+ public:
+  /// `reset` makes the co-processor forget what it was told. The others outlive the runner.
+  FaultRunner(event_base* base, FaultPlan& plan, DeviceSet& devices, Journal& journal,
+              std::function<void()> reset);
+
+  /// Looks at the plan again: something was added.
+  void Wake() { due_.AddIn(0); }
+  /// Ends every fault and sets right what it did.
+  void Clear();
+  /// The same for faults of nodes only.
+  void Restore();
+
+ private:
+  struct Running {
+    uint64_t id;
+    FaultGroup group;
+    uint64_t begun_ns;
+    std::vector<FaultStep> steps;
+    size_t done = 0;   // steps that are through
+    bool ends = true;  // by itself
+
+    uint64_t NextAt() const;
+  };
+
+  void Run();
+  void Begin(const FaultPlan::Begun& begun, uint64_t now_ns);
+  void Do(const FaultStep& step);
+  void Arm(uint64_t now_ns);
+
+  FaultPlan& plan_;
+  DeviceSet& devices_;
+  Journal& journal_;
+  const std::function<void()> reset_;
+  std::vector<Running> running_;
+  Event due_;
+};
+
+}  // namespace kvox::sim

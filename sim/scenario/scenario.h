@@ -1,0 +1,81 @@
+// A scenario: the co-processor that the simulator stands for. Read from a TOML file whose keys
+// docs/simulator.md lists.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kvox/common/four_cc.h"
+#include "kvox/common/tap_format.h"
+#include "sim/faults/fault.h"
+
+namespace kvox::sim {
+
+enum class SourceKind { kSilence, kSine, kSweep, kNoise, kWav };
+enum class SinkKind { kNone, kWav };
+
+/// The audio that a tap delivers. Which fields count depends on the kind.
+struct SourceConfig {
+  SourceKind kind = SourceKind::kSilence;
+  double level = -12;       // dB below full scale, of the peaks
+  double frequency = 1000;  // Hz
+  double from = 20;         // Hz
+  double to = 20000;        // Hz
+  double seconds = 10;      // of one sweep
+  uint64_t seed = 1;
+  std::filesystem::path file = {};
+  bool repeat = false;
+  std::string where = {};  // "FILE:LINE: KEY" of `file`, for messages about it
+};
+
+/// Where the audio goes that comes back to a tap.
+struct SinkConfig {
+  SinkKind kind = SinkKind::kNone;
+  std::filesystem::path file = {};
+  std::string where = {};
+};
+
+struct TapConfig {
+  FourCc name = 0;
+  uint8_t index = 0;
+  uint8_t core = 0;
+  KvoxTapFormat format = {};
+  uint32_t block_length = 480;  // frames
+  SourceConfig source = {};
+  SinkConfig sink = {};
+};
+
+struct Scenario {
+  std::vector<uint8_t> cores;
+  std::vector<uint8_t> tapouts;  // device numbers
+  std::vector<uint8_t> injects;
+  std::vector<TapConfig> taps;
+  std::vector<FaultSpec> faults;
+};
+
+/// What faults can strike in it.
+FaultTargets TargetsOf(const Scenario& scenario);
+
+/// "imic.0"
+std::string DisplayName(const TapConfig& tap);
+
+/// Why packets cannot carry blocks of this length in this format, or nothing when they can.
+std::optional<std::string> BlockProblem(const KvoxTapFormat& format, uint64_t block_length);
+
+/// Reads a scenario. `origin` names it in messages; relative paths in it start from `directory`.
+/// False when something is wrong: `error` is then "FILE:LINE: KEY: what is wrong; what is expected"
+/// for the first fault. Files that it names are not looked at yet.
+bool ParseScenario(std::string_view text, const std::string& origin,
+                   const std::filesystem::path& directory, Scenario& scenario, std::string& error);
+
+/// The same for a file on disk.
+bool LoadScenario(const std::filesystem::path& file, Scenario& scenario, std::string& error);
+
+/// The built-in scenario, as TOML text: a phone.
+extern const std::string_view kDefaultScenario;
+
+}  // namespace kvox::sim
