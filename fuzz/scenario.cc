@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cmath>
 #include <set>
+#include <stdexcept>
 #include <tuple>
 
 #include "fuzz/check.h"
@@ -112,14 +113,10 @@ void CheckError(std::string_view error, std::string_view text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace kvox::fuzz;
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  Scenario scenario;
-  std::string error;
-  const bool good = kvox::sim::ParseScenario(text, kOrigin, kDirectory, scenario, error);
-  Check(good == error.empty(), "there is an error exactly when the file is refused");
-  if (good) {
-    CheckScenario(scenario);
-  } else {
-    CheckError(error, text);
+  try {
+    CheckScenario(kvox::sim::ParseScenario(text, kOrigin, kDirectory));
+  } catch (const std::invalid_argument& error) {
+    CheckError(error.what(), text);
   }
   return 0;
 }

@@ -7,8 +7,8 @@
 
 namespace kvox::sim {
 
-/// Prints the answer. The exit status: 0 done, 1 refused (the reason is on standard error), 3 no
-/// simulator answers there.
+/// Prints the reply. Returns the exit status: 0 done, 1 refused (the reason is on standard error),
+/// 3 there is no simulator or its reply cannot be used.
 int RunCtl(const std::filesystem::path& directory, const std::vector<std::string>& words);
 
 }  // namespace kvox::sim

@@ -1,137 +1,116 @@
 #include "sim/ctl_server.h"
 
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 namespace kvox::sim {
 
-/// One connection: takes a line, then gives the answer. It only marks itself as done; the server
-/// takes it away outside of its events.
+/// One connection: takes a line, then sends the reply.
 class CtlServer::Client {
  public:
   Client(CtlServer& server, int fd)
       : server_(server),
-        fd_(fd),
-        readable_(server.base_, fd, EV_READ | EV_PERSIST, [this] { Read(); }),
-        writable_(server.base_, fd, EV_WRITE, [this] { Write(); }),
-        deadline_(server.base_, -1, 0, [this] { End(); }) {
-    readable_.Add();
-    deadline_.AddIn(kPatienceNs);
+        socket_(bufferevent_socket_new(server.base_, fd, BEV_OPT_CLOSE_ON_FREE)),
+        timeout_(server.base_, -1, 0, [this] { End(); }) {
+    bufferevent_setcb(socket_.get(), OnRead, nullptr, OnEvent, this);
+    // Room for one byte more than a line may have, by which a longer one is noticed.
+    bufferevent_setwatermark(socket_.get(), EV_READ, 0, kMaxLine + 1);
+    bufferevent_enable(socket_.get(), EV_READ);
+    timeout_.AddIn(kTimeoutNs);
   }
-  ~Client() {
-    readable_.Remove();
-    writable_.Remove();
-    close(fd_);
-  }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  bool done() const { return done_; }
 
  private:
+  struct FreeSocket {
+    void operator()(bufferevent* socket) const { bufferevent_free(socket); }
+  };
+
+  static void OnRead(bufferevent*, void* self) { static_cast<Client*>(self)->Read(); }
+  static void OnSent(bufferevent*, void* self) { static_cast<Client*>(self)->End(); }
+  static void OnEvent(bufferevent*, short, void* self) { static_cast<Client*>(self)->End(); }
+
   void Read() {
-    std::array<char, kMaxLine> bytes;
-    const ssize_t size = read(fd_, bytes.data(), bytes.size());
-    if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (size <= 0) return End();
-    line_.append(bytes.data(), static_cast<size_t>(size));
-    const size_t end = line_.find('\n');
-    if (end > kMaxLine && line_.size() > kMaxLine) {
-      return Give(
-          {false, fmt::format("the line is too long; expected {} bytes at most", kMaxLine)});
+    evbuffer* const input = bufferevent_get_input(socket_.get());
+    size_t size = 0;
+    const std::unique_ptr<char, decltype(&std::free)> line(
+        evbuffer_readln(input, &size, EVBUFFER_EOL_LF), &std::free);
+    if (line != nullptr) {
+      std::istringstream words(std::string(line.get(), size));
+      Reply(server_.handler_({std::istream_iterator<std::string>(words), {}}));
+    } else if (evbuffer_get_length(input) > kMaxLine) {
+      Reply({false, fmt::format("the line is too long; expected {} bytes at most", kMaxLine)});
     }
-    if (end == line_.npos) return;
-    std::istringstream line(line_.substr(0, end));
-    std::vector<std::string> words;
-    for (std::string word; line >> word;) words.push_back(word);
-    Give(server_.answer_(words));
   }
 
-  void Give(const CtlAnswer& answer) {
-    readable_.Remove();
-    answer_ = (answer.ok ? kCtlOk : kCtlRefused) + answer.text + "\n";
-    Write();
-  }
-
-  void Write() {
-    const ssize_t size = send(fd_, answer_.data(), answer_.size(), MSG_NOSIGNAL);
-    if (size < 0 && errno != EAGAIN && errno != EINTR) return End();
-    if (size > 0) answer_.erase(0, static_cast<size_t>(size));
-    if (answer_.empty()) return End();
-    writable_.Add();
+  void Reply(const CtlReply& reply) {
+    exit_ = reply.exit;
+    const std::string text = (reply.ok ? kCtlOk : kCtlRefused) + reply.text + "\n";
+    bufferevent_disable(socket_.get(), EV_READ);
+    bufferevent_setcb(socket_.get(), nullptr, OnSent, OnEvent, this);
+    bufferevent_write(socket_.get(), text.data(), text.size());
   }
 
   void End() {
-    readable_.Remove();
-    writable_.Remove();
-    deadline_.Remove();
-    done_ = true;
-    server_.reap_.AddIn(0);
+    if (exit_) event_base_loopexit(server_.base_, nullptr);
+    server_.Remove(this);
   }
 
   CtlServer& server_;
-  const int fd_;
-  bool done_ = false;
-  std::string line_;
-  std::string answer_;  // what is left of it
-  Event readable_;
-  Event writable_;
-  Event deadline_;
+  const std::unique_ptr<bufferevent, FreeSocket> socket_;
+  Event timeout_;
+  bool exit_ = false;
 };
 
-std::unique_ptr<CtlServer> CtlServer::Create(event_base* base, DeviceDirectory& directory,
-                                             Answer answer, std::string& error) {
-  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (listener < 0) {
-    error = fmt::format("no local socket for commands ({})", std::strerror(errno));
-    return nullptr;
-  }
-  std::unique_ptr<CtlServer> made(new CtlServer(base, listener, std::move(answer)));
-  DeviceNode node{DeviceNode::Kind::kSocket, kCtlName};
-  node.socket = listener;
-  if (!directory.Create(node, error)) return nullptr;
-  if (listen(listener, kMaxClients) == 0) return made;
-  error = fmt::format("{}: cannot listen ({})", directory.PathOf(kCtlName).string(),
-                      std::strerror(errno));
-  return nullptr;
-}
-
-CtlServer::CtlServer(event_base* base, int listener, Answer answer)
+CtlServer::CtlServer(event_base* base, DeviceDirectory& directory, Handler handler)
     : base_(base),
-      listener_(listener),
-      answer_(std::move(answer)),
-      acceptable_(base, listener, EV_READ | EV_PERSIST, [this] { Accept(); }),
-      reap_(base, -1, 0, [this] { Reap(); }) {
-  acceptable_.Add();
-}
-
-CtlServer::~CtlServer() {
-  acceptable_.Remove();
-  close(listener_);
-}
-
-/// Who comes while all places are taken waits in the listener's queue.
-void CtlServer::Accept() {
-  const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-  if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
-    acceptable_.Remove();  // it would be called again and again
-    return reap_.AddIn(kPatienceNs);
+      handler_(std::move(handler)),
+      resume_(base, -1, 0, [this] { evconnlistener_enable(listener_.get()); }) {
+  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!socket.valid()) {
+    throw std::runtime_error(
+        fmt::format("no local socket for commands ({})", std::strerror(errno)));
   }
-  if (fd < 0) return;
-  clients_.push_back(std::make_unique<Client>(*this, fd));
-  if (clients_.size() == kMaxClients) acceptable_.Remove();
+  DeviceNode node{DeviceNode::Kind::kSocket, kCtlName};
+  node.socket = socket.get();
+  directory.Create(node);
+  const auto accept = [](evconnlistener*, int fd, sockaddr*, int, void* self) {
+    static_cast<CtlServer*>(self)->Accept(fd);
+  };
+  listener_.reset(evconnlistener_new(base, accept, this,
+                                     LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, kMaxClients,
+                                     socket.get()));
+  if (listener_ == nullptr) {
+    throw std::runtime_error(fmt::format(
+        "{}: cannot listen ({})", directory.PathOf(kCtlName).string(), std::strerror(errno)));
+  }
+  socket.Release();
+  // Out of descriptors: without a pause it would be called again and again.
+  evconnlistener_set_error_cb(listener_.get(), [](evconnlistener* listener, void* self) {
+    evconnlistener_disable(listener);
+    static_cast<CtlServer*>(self)->resume_.AddIn(kTimeoutNs);
+  });
 }
 
-void CtlServer::Reap() {
-  std::erase_if(clients_, [](const auto& client) { return client->done(); });
-  if (clients_.size() < kMaxClients) acceptable_.Add();
+CtlServer::~CtlServer() = default;
+
+/// Those who connect while there are kMaxClients wait in the listener's queue.
+void CtlServer::Accept(int fd) {
+  clients_.emplace_back(*this, fd);
+  if (clients_.size() == kMaxClients) evconnlistener_disable(listener_.get());
+}
+
+void CtlServer::Remove(Client* client) {
+  clients_.remove_if([&](const Client& each) { return &each == client; });
+  evconnlistener_enable(listener_.get());
 }
 
 }  // namespace kvox::sim

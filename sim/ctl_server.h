@@ -1,11 +1,11 @@
-// The door for commands while the simulator runs: a local stream socket beside the devices. A
-// client sends one line of words and gets one answer. The event loop's thread; no client ever
-// keeps it waiting.
+// Serves `kvosim ctl` while the simulator runs: a local stream socket beside the devices. A client
+// sends one line of words and gets one reply. The event loop's thread, which no client ever blocks.
 #pragma once
 
-#include <event2/event.h>
+#include <event2/listener.h>
 
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,45 +18,46 @@ namespace kvox::sim {
 /// The socket's name in the directory of the devices.
 inline constexpr char kCtlName[] = ".kvosim.ctl";
 
-/// How an answer begins; its text follows in the next line, to the end of the stream.
+/// How a reply begins; its text follows in the next line, to the end of the stream.
 inline constexpr char kCtlOk[] = "ok\n";
 inline constexpr char kCtlRefused[] = "refused\n";
 
-struct CtlAnswer {
+struct CtlReply {
   bool ok;
-  std::string text;  // without a newline at its end
+  std::string text;   // without a newline at its end
+  bool exit = false;  // the event loop is to exit once the client has this
 };
 
 class CtlServer {
  public:
-  using Answer = std::function<CtlAnswer(const std::vector<std::string>& words)>;
+  using Handler = std::function<CtlReply(const std::vector<std::string>& words)>;
 
   static constexpr size_t kMaxClients = 16;
   static constexpr size_t kMaxLine = 1024;
-  /// A client has this long to send its line and to take its answer.
-  static constexpr uint64_t kPatienceNs = 2'000'000'000;
+  /// A client has this long to send its line and to take its reply.
+  static constexpr uint64_t kTimeoutNs = 2'000'000'000;
 
-  /// `answer` is asked about every line. Null with the reason in `error` when the socket cannot be
+  /// `handler` is called with every line. Throws std::runtime_error when the socket cannot be
   /// created in `directory`, which removes it at its end.
-  static std::unique_ptr<CtlServer> Create(event_base* base, DeviceDirectory& directory,
-                                           Answer answer, std::string& error);
+  CtlServer(event_base* base, DeviceDirectory& directory, Handler handler);
   ~CtlServer();
   CtlServer(const CtlServer&) = delete;
   CtlServer& operator=(const CtlServer&) = delete;
 
  private:
   class Client;
+  struct FreeListener {
+    void operator()(evconnlistener* listener) const { evconnlistener_free(listener); }
+  };
 
-  CtlServer(event_base* base, int listener, Answer answer);
-  void Accept();
-  void Reap();
+  void Accept(int fd);
+  void Remove(Client* client);
 
   event_base* const base_;
-  const int listener_;
-  const Answer answer_;
-  Event acceptable_;
-  Event reap_;
-  std::vector<std::unique_ptr<Client>> clients_;
+  const Handler handler_;
+  std::unique_ptr<evconnlistener, FreeListener> listener_;
+  Event resume_;
+  std::list<Client> clients_;
 };
 
 }  // namespace kvox::sim

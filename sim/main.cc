@@ -6,11 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 
 #include "sim/audio/compare.h"
 #include "sim/command_line.h"
 #include "sim/ctl_client.h"
-#include "sim/print.h"
+#include "sim/output.h"
 #include "sim/simulator.h"
 
 namespace kvox::sim {
@@ -19,13 +20,7 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
-/// What is wrong with a scenario begins with its file and line, as editors like it.
-int BadScenario(std::string_view error) {
-  Print(stderr, "{}\n", error);
-  return kUsage;
-}
-
-int Trouble(int status, std::string_view problem) {
+int Fail(int status, std::string_view problem) {
   Print(stderr, "kvosim: {}\n", problem);
   return status;
 }
@@ -38,9 +33,9 @@ int WriteDefault(const std::filesystem::path& path) {
     written = false;
   }
   if (written) return 0;
-  return Trouble(kUsage, fmt::format("--write-default: {} cannot be written ({}); expected a file "
-                                     "or - for standard output",
-                                     path.string(), std::strerror(errno)));
+  return Fail(kUsage, fmt::format("--write-default: {} cannot be written ({}); expected a file "
+                                  "or - for standard output",
+                                  path.string(), std::strerror(errno)));
 }
 
 std::filesystem::path DeviceDirectoryPath() {
@@ -49,23 +44,19 @@ std::filesystem::path DeviceDirectoryPath() {
 }
 
 int Simulate(CommandLine& line) {
-  Scenario scenario;
-  std::string error;
-  const bool loaded = line.scenario.empty()
-                          ? ParseScenario(kDefaultScenario, "built-in", "", scenario, error)
-                          : LoadScenario(line.scenario, scenario, error);
-  if (!loaded) return BadScenario(error);
-  line.run.faults = scenario.faults;
-  auto co_processor = CoProcessor::Create(scenario, error);
-  if (co_processor == nullptr) return BadScenario(error);
-  const Stats nothing{.speed = line.run.stream.speed, .co_processor = co_processor.get()};
-  if (!line.run.stats.empty() && !WriteStatsFile(line.run.stats, nothing, error)) {
-    return Trouble(kUsage, "--stats: " + error);
-  }
   line.run.device_directory = DeviceDirectoryPath();
-  const auto simulator = Simulator::Create(line.run, std::move(co_processor), error);
-  if (simulator == nullptr) return Trouble(kFailed, error);
-  return simulator->Run() ? 0 : kFailed;
+  try {
+    Simulator simulator(line.run, line.scenario.empty()
+                                      ? ParseScenario(kDefaultScenario, "built-in", "")
+                                      : LoadScenario(line.scenario));
+    return simulator.Run() ? 0 : kFailed;
+  } catch (const std::invalid_argument& error) {
+    // What is wrong with a scenario begins with its file and line, as editors like it.
+    Print(stderr, "{}\n", error.what());
+    return kUsage;
+  } catch (const std::runtime_error& error) {
+    return Fail(kFailed, error.what());
+  }
 }
 
 int Main(int argc, char** argv) {
@@ -78,7 +69,7 @@ int Main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& result) {
     if (result.get_exit_code() == 0) return app.exit(result);
-    return Trouble(kUsage, fmt::format("{}; see kvosim --help", result.what()));
+    return Fail(kUsage, fmt::format("{}; see kvosim --help", result.what()));
   }
   if (app.got_subcommand("compare")) {
     return CompareFiles(line.source, line.recorded, line.skip_silence);

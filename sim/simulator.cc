@@ -3,13 +3,14 @@
 #include <fmt/format.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <utility>
+#include <iterator>
+#include <stdexcept>
 
 #include "kvox/common/kvox_utils.h"
-#include "sim/print.h"
 
 namespace kvox::sim {
 namespace {
@@ -23,64 +24,70 @@ event_base* NewBase() {
   return base;
 }
 
+/// Writes the counters, so that no reader ever sees half of them. Throws std::runtime_error.
+void WriteStatsFile(const std::filesystem::path& file, const Stats& stats) {
+  std::filesystem::path next = file;
+  next += ".new";
+  std::ofstream stream(next);
+  stream << StatsJson(stats);
+  stream.close();
+  if (stream && rename(next.c_str(), file.c_str()) == 0) return;
+  throw std::runtime_error(
+      fmt::format("{}: cannot be written ({}); expected a file for the counters", file.string(),
+                  std::strerror(errno)));
+}
+
 }  // namespace
 
-Simulator::Simulator(const RunOptions& options, std::unique_ptr<CoProcessor> co_processor)
+Simulator::Simulator(const RunOptions& options, const Scenario& scenario)
     : options_(options),
-      co_processor_(std::move(co_processor)),
       start_ns_(GetTimestampNs()),
       journal_(options.print ? stdout : nullptr),
+      co_processor_(scenario),
       base_(NewBase()),
-      control_(*co_processor_, journal_),
-      plan_(start_ns_),
-      exchange_(control_, plan_) {
+      commands_(co_processor_, journal_),
+      plan_(start_ns_) {
   signal(SIGPIPE, SIG_IGN);
-  const auto on = [this](int fd, short what, auto call) -> Event& {
-    return *events_.emplace_back(std::make_unique<Event>(base_.get(), fd, what, call));
-  };
-  const auto end = [this] { event_base_loopexit(base_.get(), nullptr); };
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) on(number, EV_SIGNAL | EV_PERSIST, end).Add();
-  on(SIGUSR1, EV_SIGNAL | EV_PERSIST, [this] { Report(true); }).Add();
-  if (options.seconds > 0) {
-    on(-1, 0, end).AddIn(static_cast<uint64_t>(options.seconds * 1e9));
+  if (!options.stats.empty()) {
+    try {
+      WriteStatsFile(options.stats,
+                     {.speed = options.stream.speed, .co_processor = &co_processor_});
+    } catch (const std::runtime_error& error) {
+      throw std::invalid_argument(std::string("kvosim: --stats: ") + error.what());
+    }
   }
+  const auto end = [this] { event_base_loopexit(base_.get(), nullptr); };
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    events_.emplace_back(base_.get(), number, EV_SIGNAL | EV_PERSIST, end).Add();
+  }
+  events_.emplace_back(base_.get(), SIGUSR1, EV_SIGNAL | EV_PERSIST, [this] { Report(true); })
+      .Add();
+  if (options.seconds > 0) {
+    events_.emplace_back(base_.get(), -1, 0, end)
+        .AddIn(static_cast<uint64_t>(options.seconds * 1e9));
+  }
+  CreateDevices();
+  for (const FaultSpec& fault : scenario.faults) plan_.Add(fault, start_ns_);
+  faults_->Wake();
 }
 
-std::unique_ptr<Simulator> Simulator::Create(const RunOptions& options,
-                                             std::unique_ptr<CoProcessor> co_processor,
-                                             std::string& error) {
-  std::unique_ptr<Simulator> made(new Simulator(options, std::move(co_processor)));
-  if (!made->CreateDevices(error)) return nullptr;
-  return made;
-}
-
-/// The door for commands comes first, so that whoever sees the devices finds it; who calls before
-/// the loop runs has to wait that long.
-bool Simulator::CreateDevices(std::string& error) {
-  directory_ = DeviceDirectory::Claim(options_.device_directory, error);
-  if (directory_ == nullptr) return false;
-  ctl_ = CtlServer::Create(
-      base_.get(), *directory_, [this](const Words& words) { return Command(words); }, error);
-  if (ctl_ == nullptr) return false;
-  devices_ = DeviceSet::Create(
-      {base_.get(), *directory_, *co_processor_, exchange_, journal_, plan_, options_.stream},
-      error);
-  if (devices_ == nullptr) return false;
-  faults_ = std::make_unique<FaultRunner>(base_.get(), plan_, *devices_, journal_, [this] {
-    co_processor_->Reset();
+/// The socket for commands comes first, so that it is there for those who see the devices; commands
+/// wait until the loop runs.
+void Simulator::CreateDevices() {
+  directory_.emplace(options_.device_directory);
+  ctl_.emplace(base_.get(), *directory_, [this](const Words& words) { return Command(words); });
+  devices_.emplace(DeviceSet::Context{base_.get(), *directory_, co_processor_, commands_, journal_,
+                                      plan_, options_.stream});
+  faults_.emplace(base_.get(), plan_, *devices_, journal_, [this] {
+    co_processor_.Reset();
     devices_->Rewire();
   });
-  targets_.devices = devices_->Names();
-  for (const Tap& tap : co_processor_->taps()) targets_.taps.push_back(DisplayName(tap.config));
-  for (const FaultSpec& fault : options_.faults) plan_.Add(fault, start_ns_);
-  faults_->Wake();
-  return true;
 }
 
 bool Simulator::Run() {
   if (options_.print) {
     Print(stdout, "{}",
-          ScenarioTable(*co_processor_, options_.device_directory, options_.stream.speed));
+          ScenarioTable(co_processor_, options_.device_directory, options_.stream.speed));
   }
   event_base_dispatch(base_.get());
   devices_->Stop();
@@ -90,11 +97,11 @@ bool Simulator::Run() {
 
 Stats Simulator::Count() {
   const uint64_t now = GetTimestampNs();
-  for (Tap& tap : co_processor_->taps()) tap.round_trip.Expire(now);
+  for (Tap& tap : co_processor_.taps()) tap.round_trip.Expire(now);
   Stats stats{.seconds = static_cast<double>(now - start_ns_) / 1e9,
               .speed = options_.stream.speed,
-              .co_processor = co_processor_.get(),
-              .commands = control_.counts(),
+              .co_processor = &co_processor_,
+              .commands = commands_.counts(),
               .junk_bytes = devices_->control().junk_bytes(),
               .replies_dropped = devices_->control().replies_dropped(),
               .injects = devices_->Count()};
@@ -107,22 +114,54 @@ Stats Simulator::Count() {
 bool Simulator::Report(bool table) {
   const Stats stats = Count();
   if (table) Print(stdout, "{}", StatsTable(stats));
-  std::string error;
-  if (options_.stats.empty() || WriteStatsFile(options_.stats, stats, error)) return true;
-  Print(stderr, "kvosim: {}\n", error);
-  return false;
+  try {
+    if (!options_.stats.empty()) WriteStatsFile(options_.stats, stats);
+    return true;
+  } catch (const std::runtime_error& error) {
+    Print(stderr, "kvosim: {}\n", error.what());
+    return false;
+  }
 }
 
-bool WriteStatsFile(const std::filesystem::path& file, const Stats& stats, std::string& error) {
-  std::filesystem::path next = file;
-  next += ".new";
-  std::ofstream stream(next);
-  stream << StatsJson(stats);
-  stream.close();
-  if (stream && rename(next.c_str(), file.c_str()) == 0) return true;
-  error = fmt::format("{}: cannot be written ({}); expected a file for the counters", file.string(),
-                      std::strerror(errno));
-  return false;
+CtlReply Simulator::Command(const Words& words) {
+  const std::string name = words.empty() ? "" : words.front();
+  if (name == "fault") return AddFault({words.begin() + 1, words.end()});
+  if (name != "status" && name != "clear" && name != "restore" && name != "end") {
+    return {false, fmt::format("command: found \"{}\"; expected one of status, fault, clear, "
+                               "restore, end",
+                               name)};
+  }
+  if (words.size() > 1) {
+    return {false, fmt::format("{}: found {}; expected no more words", name, words[1])};
+  }
+  if (name == "end") return {true, "the simulator ends", true};
+  if (name == "clear") {
+    faults_->Clear();
+    return {true, "all faults are cleared"};
+  }
+  if (name == "restore") {
+    faults_->Restore();
+    return {true, "all nodes are there"};
+  }
+  std::string json = StatsJson(Count());
+  json.pop_back();  // the newline, which every reply gets
+  return {true, json};
+}
+
+CtlReply Simulator::AddFault(const Words& words) {
+  try {
+    const FaultSpec fault = ParseFault(words, TargetsOf(co_processor_.scenario()));
+    if (!plan_.Add(fault, GetTimestampNs())) {
+      return {false,
+              fmt::format("fault: {} wait or are at work already; expected that some end, or "
+                          "the command clear",
+                          kMaxFaults)};
+    }
+  } catch (const std::invalid_argument& error) {
+    return {false, std::string("fault: ") + error.what()};
+  }
+  faults_->Wake();
+  return {true, fmt::format("fault {} is set", words.front())};
 }
 
 }  // namespace kvox::sim

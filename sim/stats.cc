@@ -208,10 +208,11 @@ std::string StatsTable(const Stats& stats) {
 
 std::string ScenarioTable(const CoProcessor& co_processor, const std::filesystem::path& directory,
                           double speed) {
-  std::string text = fmt::format("devices in {}: tap-outs {}; injects {}\ncores {}; speed {}\n",
-                                 directory.string(), fmt::join(co_processor.tapouts(), ", "),
-                                 fmt::join(co_processor.injects(), ", "),
-                                 fmt::join(co_processor.cores(), ", "), speed);
+  std::string text =
+      fmt::format("devices in {}: tap-outs {}; injects {}\ncores {}; speed {}\n",
+                  directory.string(), fmt::join(co_processor.scenario().tapouts, ", "),
+                  fmt::join(co_processor.scenario().injects, ", "),
+                  fmt::join(co_processor.scenario().cores, ", "), speed);
   text += fmt::format(kScenarioRow, "tap", "core", "block", "format", "source", "sink");
   for (const Tap& tap : co_processor.taps()) {
     const SinkConfig& sink = tap.config.sink;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "sim/coprocessor/co_processor.h"
-#include "sim/coprocessor/control_point.h"
+#include "sim/coprocessor/command_handler.h"
 #include "sim/devices/device_set.h"
 #include "sim/faults/fault_plan.h"
 

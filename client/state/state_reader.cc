@@ -14,16 +14,17 @@ namespace {
 constexpr int64_t kSchema = 1;
 constexpr char kNoName[] = "a name";
 
-/// Reads one document. The first thing that is wrong stays in the report.
+/// Reads one document. Throws std::invalid_argument for the first thing that is wrong.
 class Reader {
  public:
-  Reader(const toml::table& document, const Snapshot& snapshot, kvox::Report& report)
-      : document_(document), snapshot_(snapshot), report_(report) {}
+  Reader(const toml::table& document, const Snapshot& snapshot, const TomlOrigin& origin)
+      : document_(document), snapshot_(snapshot), origin_(origin) {}
 
   State Read() {
-    TableReader table(document_, "", report_);
+    TableReader table(document_, "", origin_);
     int64_t schema = 0;
-    if (table.Require("schema", "1") != nullptr) table.Read("schema", schema, kSchema, kSchema);
+    table.Require("schema", "1");
+    table.Read("schema", schema, kSchema, kSchema);
     ReadUseCases(table);
     ReadRunning(table);
     ReadAll(table, "processor", [this](TableReader& row) { ReadProcessor(row); });
@@ -43,7 +44,7 @@ class Reader {
     if (!node->is_array_of_tables()) return table.Unfit(*node, key, fmt::format("[[{}]]", key));
     size_t number = 0;
     for (const toml::node& element : *node->as_array()) {
-      TableReader row(*element.as_table(), fmt::format("{}[{}]", key, ++number), report_);
+      TableReader row(*element.as_table(), fmt::format("{}[{}]", key, ++number), origin_);
       read(row);
       row.RejectUnknownKeys();
     }
@@ -87,7 +88,6 @@ class Reader {
     const std::string id = ReadName(row, "id");
     ProcessorState processor;
     processor.type = ReadName(row, "type");
-    if (report_.failed()) return;
     if (!CanBeProcessor(id) && client::FindProcessor(snapshot_.processors, id) == nullptr) {
       return row.Unfit(At(row, "id"), "id",
                        "up to four printable characters, with no blank at either end");
@@ -117,7 +117,6 @@ class Reader {
 
   void ReadTap(TableReader& row) {
     const std::string word = ReadName(row, "name");
-    if (report_.failed()) return;
     const auto name = FullName(row, word);
     if (!name) return;
     TapState tap;
@@ -159,10 +158,9 @@ class Reader {
 
   std::string ReadName(TableReader& row, const char* key) {
     std::string name;
-    const toml::node* const node = row.Require(key, kNoName);
-    if (node == nullptr) return name;
+    const toml::node& node = row.Require(key, kNoName);
     row.Read(key, name, kNoName);
-    if (!report_.failed() && name.empty()) row.Unfit(*node, key, kNoName);
+    if (name.empty()) row.Unfit(node, key, kNoName);
     return name;
   }
 
@@ -185,7 +183,6 @@ class Reader {
     if (node == nullptr) return;
     int64_t value = 0;
     row.Read(key, value, least, kMaxBlockLength);
-    if (report_.failed()) return;
     if (value % step != 0) row.Unfit(*node, key, fmt::format("a multiple of {}", step));
     if (value != 0 && value < kMinBlockLength) {
       row.Unfit(*node, key, fmt::format("0 or {} to {}", kMinBlockLength, kMaxBlockLength));
@@ -196,7 +193,7 @@ class Reader {
   bool IsKnown(TableReader& row, const toml::node& at, const char* key, const char* what,
                const std::string& name, const std::vector<std::string>& names) {
     if (std::ranges::count(names, name) > 0) return true;
-    names_unknown_ = names_unknown_ || !report_.failed();
+    names_unknown_ = true;
     row.Fail(at, key, NotFound(what, name, names, "'kvoxctl export' shows what there is"));
     return false;
   }
@@ -212,7 +209,7 @@ class Reader {
 
   const toml::table& document_;
   const Snapshot& snapshot_;
-  kvox::Report& report_;
+  const TomlOrigin& origin_;
   State state_;
   bool names_unknown_ = false;
 };
@@ -226,13 +223,13 @@ State ReadState(std::string_view text, const std::string& origin, const Snapshot
                   fmt::format("{}:{}: {}; expected TOML", origin,
                               parsed.error().source().begin.line, parsed.error().description()));
   }
-  kvox::Report report{origin, {}, {}};
-  Reader reader(parsed.table(), snapshot, report);
-  State state = reader.Read();
-  if (report.failed()) {
-    throw Failure(reader.names_unknown() ? kNoObject : kWrongUsage, ValidUtf8(report.error));
+  const TomlOrigin file{origin};
+  Reader reader(parsed.table(), snapshot, file);
+  try {
+    return reader.Read();
+  } catch (const std::invalid_argument& error) {
+    throw Failure(reader.names_unknown() ? kNoObject : kWrongUsage, ValidUtf8(error.what()));
   }
-  return state;
 }
 
 }  // namespace kvox::client

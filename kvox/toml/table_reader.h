@@ -1,5 +1,6 @@
-// Reads the tables of a TOML document strictly: every key has a type and a range, and what is wrong
-// is told by line, key and expectation. For one source file's own use.
+// Reads the tables of a TOML document strictly: every key has a type and a range. The first thing
+// that is wrong is thrown as std::invalid_argument("FILE:LINE: KEY: what is wrong; what is
+// expected"). To be included in source files only, for it brings the whole TOML library.
 #pragma once
 
 #include <fmt/format.h>
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,111 +22,106 @@
 
 namespace kvox {
 
-/// Where messages come from, and the first of them.
-struct Report {
-  std::string origin;
-  std::filesystem::path directory;
-  std::string error;
+/// The document that messages refer to.
+struct TomlOrigin {
+  std::string file;                      // empty: what is read is a line, not a file
+  std::filesystem::path directory = {};  // where relative file names in it start
 
-  bool failed() const { return !error.empty(); }
+  /// "FILE:LINE: KEY"
   std::string Where(const toml::node& at, std::string_view key) const {
-    if (origin.empty()) return std::string(key);  // what was read is a line, not a file
-    return fmt::format("{}:{}: {}", origin, std::max(1u, at.source().begin.line), key);
-  }
-  void Fail(const toml::node& at, std::string_view key, std::string_view problem) {
-    if (!failed()) error = fmt::format("{}: {}", Where(at, key), problem);
+    if (file.empty()) return std::string(key);
+    return fmt::format("{}:{}: {}", file, std::max(1u, at.source().begin.line), key);
   }
 };
 
-/// Reads the keys of one table, each once, and reports the ones nobody asked for.
+/// Reads the keys of one table. A key that is not there leaves the value as it is.
 class TableReader {
  public:
-  TableReader(const toml::table& table, std::string path, Report& report)
-      : table_(table), path_(std::move(path)), report_(report) {}
+  /// `table` and `origin` outlive the reader; `path` is the table's own, "" for the document.
+  TableReader(const toml::table& table, std::string path, const TomlOrigin& origin)
+      : table_(table), path_(std::move(path)), origin_(origin) {}
 
   /// The node under `key`; null when it is not there.
   const toml::node* Find(std::string_view key) {
     if (std::ranges::count(known_, key) == 0) known_.emplace_back(key);
     return table_.get(key);
   }
-  const toml::node* Require(std::string_view key, std::string_view expected) {
+  const toml::node& Require(std::string_view key, std::string_view expected) {
     const toml::node* node = Find(key);
-    if (node == nullptr) {
-      report_.Fail(table_, KeyPath(key), fmt::format("missing; expected {}", expected));
-    }
-    return node;
+    if (node == nullptr) Fail(table_, key, fmt::format("missing; expected {}", expected));
+    return *node;
   }
 
   template <std::integral Integer>
   void Read(std::string_view key, Integer& value, int64_t low, int64_t high) {
-    if (const toml::node* node = Find(key)) ReadNumber(*node, KeyPath(key), value, low, high);
+    if (const toml::node* node = Find(key)) value = Number<Integer>(*node, key, low, high);
   }
   void Read(std::string_view key, double& value, double low, double high) {
     const toml::node* node = Find(key);
     if (node == nullptr) return;
     const auto number = node->is_number() ? node->value<double>() : std::nullopt;
     if (!number || !(*number >= low && *number <= high)) {
-      return Unfit(*node, key, fmt::format("a number from {} to {}", low, high));
+      Unfit(*node, key, fmt::format("a number from {} to {}", low, high));
     }
     value = *number;
   }
   void Read(std::string_view key, bool& value) {
     const toml::node* node = Find(key);
     if (node == nullptr) return;
-    if (!node->is_boolean()) return Unfit(*node, key, "true or false");
+    if (!node->is_boolean()) Unfit(*node, key, "true or false");
     value = *node->value<bool>();
   }
-
   void Read(std::string_view key, std::string& value, std::string_view expected) {
-    const toml::node* node = Find(key);
-    if (node == nullptr) return;
-    if (!node->is_string()) return Unfit(*node, key, expected);
-    value = *node->value<std::string>();
+    if (const toml::node* node = Find(key)) value = Text(*node, key, expected);
+  }
+  /// Any of these into a value that is nothing while the key is not there.
+  template <typename Value, typename... Range>
+  void Read(std::string_view key, std::optional<Value>& value, Range... range) {
+    if (Find(key) != nullptr) Read(key, value.emplace(), range...);
   }
 
   /// A file name, as a path from the document's directory; `where` is told for later messages.
   void ReadFile(std::string_view key, std::filesystem::path& file, std::string& where) {
-    const toml::node* node = Require(key, "a file name");
-    if (node == nullptr) return;
-    const auto text = node->is_string() ? node->value<std::string>() : std::nullopt;
-    if (!text || text->empty()) return Unfit(*node, key, "a file name");
-    file = report_.directory / *text;
-    where = report_.Where(*node, KeyPath(key));
+    const toml::node& node = Require(key, "a file name");
+    const std::string text = Text(node, key, "a file name");
+    if (text.empty()) Unfit(node, key, "a file name");
+    file = origin_.directory / text;
+    where = origin_.Where(node, KeyPath(key));
   }
 
-  /// One of the rows' names; the row is answered, null when there is none.
-  template <typename Rows>
-  auto ReadChoice(std::string_view key, const Rows& rows, bool required)
-      -> decltype(&*std::begin(rows)) {
-    std::string names;
-    for (const auto& row : rows)
-      names += fmt::format("{}\"{}\"", names.empty() ? "" : ", ", row.name);
-    const std::string expected = "one of " + names;
-    const toml::node* node = required ? Require(key, expected) : Find(key);
-    if (node == nullptr) return nullptr;
-    const auto text = node->is_string() ? node->value<std::string>() : std::nullopt;
+  /// The row whose member `name` the key has; `otherwise` when the key is not there, which is then
+  /// allowed.
+  template <typename Rows, typename Row = std::ranges::range_value_t<Rows>>
+  const Row& ReadChoice(std::string_view key, const Rows& rows, const Row* otherwise = nullptr) {
+    std::string expected = "one of ";
     for (const auto& row : rows) {
-      if (text == row.name) return &row;
+      expected += fmt::format("{}\"{}\"", &row == &*std::begin(rows) ? "" : ", ", row.name);
     }
-    Unfit(*node, key, expected);
-    return nullptr;
+    if (otherwise != nullptr && Find(key) == nullptr) return *otherwise;
+    const toml::node& node = Require(key, expected);
+    const std::string text = Text(node, key, expected);
+    const auto found = std::ranges::find(rows, text, &Row::name);
+    if (found == std::end(rows)) Unfit(node, key, expected);
+    return *found;
   }
 
   /// Different numbers from 0 to `high`.
-  void ReadList(std::string_view key, std::vector<uint8_t>& values, int64_t high) {
-    const toml::node* node = Require(key, "a list of numbers");
-    if (node == nullptr) return;
-    if (!node->is_array()) return Unfit(*node, key, "a list of numbers");
-    for (const toml::node& element : *node->as_array()) {
-      uint8_t value = 0;
-      if (!ReadNumber(element, KeyPath(key), value, 0, high)) return;
+  std::vector<uint8_t> ReadList(std::string_view key, int64_t high) {
+    constexpr char kExpected[] = "a list of numbers";
+    const toml::node& node = Require(key, kExpected);
+    if (!node.is_array()) Unfit(node, key, kExpected);
+    std::vector<uint8_t> values;
+    for (const toml::node& element : *node.as_array()) {
+      const auto value = Number<uint8_t>(element, key, 0, high);
       if (std::ranges::count(values, value) > 0) {
-        return Fail(element, key, fmt::format("{} is listed twice; expected it once", value));
+        Fail(element, key, fmt::format("{} is listed twice; expected it once", value));
       }
       values.push_back(value);
     }
+    return values;
   }
 
+  /// Null when the key is not there.
   const toml::table* ReadTable(std::string_view key) {
     const toml::node* node = Find(key);
     if (node != nullptr && !node->is_table()) Unfit(*node, key, "a table such as { kind = ... }");
@@ -132,28 +129,23 @@ class TableReader {
   }
 
   /// To be called last.
-  void RejectUnknownKeys() {
+  void RejectUnknownKeys() const {
     for (const auto& [key, node] : table_) {
       if (std::ranges::count(known_, key.str()) > 0) continue;
       const std::string near = DidYouMean(std::string(key.str()), known_);
-      report_.Fail(node, KeyPath(key.str()),
-                   fmt::format("unknown key; {}{}expected one of {}", near, near.empty() ? "" : " ",
-                               fmt::join(known_, ", ")));
+      Fail(node, key.str(),
+           fmt::format("unknown key; {}{}expected one of {}", near, near.empty() ? "" : " ",
+                       fmt::join(known_, ", ")));
     }
   }
 
-  void Fail(const toml::node& at, std::string_view key, std::string_view problem) {
-    report_.Fail(at, KeyPath(key), problem);
+  [[noreturn]] void Fail(const toml::node& at, std::string_view key,
+                         std::string_view problem) const {
+    throw std::invalid_argument(fmt::format("{}: {}", origin_.Where(at, KeyPath(key)), problem));
   }
-  void Unfit(const toml::node& node, std::string_view key, std::string_view expected) {
-    Fail(node, key, Unexpected(node, expected));
-  }
-  std::string KeyPath(std::string_view key) const {
-    return path_.empty() ? std::string(key) : fmt::format("{}.{}", path_, key);
-  }
-
- private:
-  static std::string Unexpected(const toml::node& node, std::string_view expected) {
+  /// Says what is there instead of what is expected.
+  [[noreturn]] void Unfit(const toml::node& node, std::string_view key,
+                          std::string_view expected) const {
     std::ostringstream found;
     if (node.is_value()) {
       constexpr auto kOneLine =
@@ -162,25 +154,31 @@ class TableReader {
     } else {
       found << node.type();
     }
-    return fmt::format("found {}; expected {}", found.str(), expected);
+    Fail(node, key, fmt::format("found {}; expected {}", found.str(), expected));
   }
 
+  /// The text of a node, which has to be one.
+  std::string Text(const toml::node& node, std::string_view key, std::string_view expected) const {
+    if (!node.is_string()) Unfit(node, key, expected);
+    return *node.value<std::string>();
+  }
+
+ private:
   template <std::integral Integer>
-  bool ReadNumber(const toml::node& node, const std::string& path, Integer& value, int64_t low,
-                  int64_t high) {
+  Integer Number(const toml::node& node, std::string_view key, int64_t low, int64_t high) const {
     const auto number = node.is_integer() ? node.value<int64_t>() : std::nullopt;
     if (!number || *number < low || *number > high) {
-      const std::string expected = fmt::format("a whole number from {} to {}", low, high);
-      report_.Fail(node, path, Unexpected(node, expected));
-      return false;
+      Unfit(node, key, fmt::format("a whole number from {} to {}", low, high));
     }
-    value = static_cast<Integer>(*number);
-    return true;
+    return static_cast<Integer>(*number);
+  }
+  std::string KeyPath(std::string_view key) const {
+    return path_.empty() ? std::string(key) : fmt::format("{}.{}", path_, key);
   }
 
   const toml::table& table_;
   const std::string path_;
-  Report& report_;
+  const TomlOrigin& origin_;
   std::vector<std::string> known_;
 };
 

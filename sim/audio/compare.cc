@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "sim/audio/sound_file.h"
-#include "sim/print.h"
+#include "sim/output.h"
 
 namespace kvox::sim {
 namespace {

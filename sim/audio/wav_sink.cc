@@ -11,7 +11,7 @@
 #include "sim/audio/samples.h"
 #include "sim/audio/sink.h"
 #include "sim/audio/sound_file.h"
-#include "sim/print.h"
+#include "sim/output.h"
 
 namespace kvox::sim {
 namespace {

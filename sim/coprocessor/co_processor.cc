@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <tuple>
+#include <utility>
 
 namespace kvox::sim {
 
@@ -21,22 +23,18 @@ void Tap::Receive(const KvoxPacketHeader& header, std::span<const std::byte> pay
   if (!sink->Write(format, payload)) ++counts.sink_failed;
 }
 
-std::unique_ptr<CoProcessor> CoProcessor::Create(const Scenario& scenario, std::string& error) {
-  auto made = std::make_unique<CoProcessor>();
-  made->cores_ = scenario.cores;
-  made->tapouts_ = scenario.tapouts;
-  made->injects_ = scenario.injects;
-  for (const TapConfig& config : scenario.taps) {
-    Tap& tap = made->taps_.emplace_back();
+CoProcessor::CoProcessor(Scenario scenario) : scenario_(std::move(scenario)) {
+  for (const TapConfig& config : scenario_.taps) {
+    Tap& tap = taps_.emplace_back();
     tap.config = config;
     tap.block_length = config.block_length;
+    std::string error;
     tap.source = MakeSource(config, error);
-    if (tap.source == nullptr) return nullptr;
-    if (config.sink.kind == SinkKind::kNone) continue;
-    tap.sink = MakeWavSink(config.sink, error);
-    if (tap.sink == nullptr) return nullptr;
+    if (error.empty() && config.sink.kind != SinkKind::kNone) {
+      tap.sink = MakeWavSink(config.sink, error);
+    }
+    if (!error.empty()) throw std::invalid_argument(error);
   }
-  return made;
 }
 
 void CoProcessor::Reset() {

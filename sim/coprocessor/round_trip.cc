@@ -39,7 +39,7 @@ void RoundTrip::Sent(const KvoxPacketHeader& header, std::span<const std::byte> 
 
 bool RoundTrip::Excuses(uint64_t stamp) const {
   const bool recovers = recovering_ && stamp < disturbed_until_ns_ + kRecoveryNs;
-  return trouble_ || stamp < disturbed_until_ns_ || recovers;
+  return impaired_ || stamp < disturbed_until_ns_ || recovers;
 }
 
 void RoundTrip::Returned(const KvoxPacketHeader& header, std::span<const std::byte> payload,
@@ -55,7 +55,7 @@ void RoundTrip::Returned(const KvoxPacketHeader& header, std::span<const std::by
   }
   entry->returned = true;
   --in_flight_;
-  if (!trouble_ && entry->stamp >= disturbed_until_ns_) recovering_ = false;
+  if (!impaired_ && entry->stamp >= disturbed_until_ns_) recovering_ = false;
   const uint64_t latency = now_ns - entry->stamp;
   const bool first = counts_.back == 0;
   counts_.latency_min_ns = first ? latency : std::min(counts_.latency_min_ns, latency);
@@ -92,21 +92,21 @@ void RoundTrip::NoteRow(const Entry& returned) {
   }
 }
 
-void RoundTrip::Disturb(uint64_t until_ns) {
+void RoundTrip::ExcuseLosses(uint64_t until_ns) {
   recovering_ = true;
   disturbed_until_ns_ = std::max(disturbed_until_ns_, until_ns);
   for (Entry& entry : entries_) entry.excused = true;
 }
 
-void RoundTrip::SetTrouble(bool trouble, uint64_t now_ns) {
-  if (trouble == trouble_) return;
-  trouble_ = trouble;
-  Disturb(now_ns);
+void RoundTrip::SetImpaired(bool impaired, uint64_t now_ns) {
+  if (impaired == impaired_) return;
+  impaired_ = impaired;
+  ExcuseLosses(now_ns);
 }
 
 void RoundTrip::Expire(uint64_t now_ns) {
   const auto overdue = [&](const Entry& entry) {
-    if (entry.excused && trouble_) return false;
+    if (entry.excused && impaired_) return false;
     const uint64_t from = std::max(entry.stamp, entry.excused ? disturbed_until_ns_ : 0);
     return from + kPatienceNs < now_ns;
   };

@@ -41,9 +41,9 @@ class RoundTrip {
                 uint64_t now_ns);
   /// Something takes packets away until `until_ns`. Excused is what is on its way and what is sent
   /// until the first packet from after that time is back.
-  void Disturb(uint64_t until_ns);
+  void ExcuseLosses(uint64_t until_ns);
   /// The same without an end (true), and that end (false).
-  void SetTrouble(bool trouble, uint64_t now_ns);
+  void SetImpaired(bool impaired, uint64_t now_ns);
   /// Gives up what is overdue at `now_ns`.
   void Expire(uint64_t now_ns);
 
@@ -68,7 +68,7 @@ class RoundTrip {
 
   std::deque<Entry> entries_;  // in the order of sending
   uint64_t in_flight_ = 0;
-  bool trouble_ = false;
+  bool impaired_ = false;
   bool recovering_ = false;  // nothing from after the disturbance is back
   uint64_t disturbed_until_ns_ = 0;
   RoundTripCounts counts_;

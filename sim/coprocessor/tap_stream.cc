@@ -71,7 +71,7 @@ bool TapStream::LookForReader(uint64_t now_ns) {
   ++tap_.counts.streams;
   at_begin_ = tap_.counts;
   early_ = plan_.GoesEarly(name_, now_ns);
-  journal_.Say("{}: stream into tap-out {} begins", tap_.Name(), tapout_);
+  journal_.Log("{}: stream into tap-out {} begins", tap_.Name(), tapout_);
   return true;
 }
 
@@ -79,7 +79,7 @@ bool TapStream::LookForReader(uint64_t now_ns) {
 void TapStream::QueueOne(uint64_t now_ns) {
   const auto struck = plan_.OnPacket(name_, now_ns);
   OutPacket packet = Build(struck);
-  if (!struck.empty()) SpoilPacket(struck, packet);
+  if (!struck.empty()) CorruptPacket(struck, packet);
   if (early_) packet.excused = std::max(packet.excused, 1 + kReaderRecovery);
   pacer_.Advance(tap_.block_length);
   early_ = plan_.GoesEarly(name_, now_ns);
@@ -175,7 +175,7 @@ void TapStream::Stop() {
   queue_.clear();
   burst_ = excused_ = 0;
   early_ = false;
-  journal_.Say("{}: stream into tap-out {} ends: {} packets sent, {} dropped, {} skipped",
+  journal_.Log("{}: stream into tap-out {} ends: {} packets sent, {} dropped, {} skipped",
                tap_.Name(), tapout_, tap_.counts.sent - at_begin_.sent,
                tap_.counts.dropped - at_begin_.dropped, tap_.counts.skipped - at_begin_.skipped);
 }

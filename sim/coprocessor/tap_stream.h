@@ -12,7 +12,7 @@
 #include "sim/devices/packet_port.h"
 #include "sim/faults/fault_plan.h"
 #include "sim/faults/packet_faults.h"
-#include "sim/journal.h"
+#include "sim/output.h"
 
 namespace kvox::sim {
 

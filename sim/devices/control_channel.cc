@@ -10,17 +10,20 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 
 #include "kvox/common/kvox_utils.h"
+#include "sim/faults/reply_faults.h"
 
 namespace kvox::sim {
 namespace {
 
 /// How long the rest of a record may take; the daemon waits 500 ms for its reply.
 constexpr uint64_t kPartialNs = 100'000'000;
-/// Replies that wait for a daemon that does not read; more are dropped.
-constexpr size_t kMaxReplies = 64;
+/// Replies that wait for a daemon that does not read, and as many that are not due yet; more are
+/// dropped.
+constexpr ptrdiff_t kMaxReplies = 64;
 
 bool MakeRaw(int terminal) {
   termios settings{};
@@ -31,16 +34,17 @@ bool MakeRaw(int terminal) {
 
 }  // namespace
 
-ControlChannel::ControlChannel(event_base* base, ControlExchange& exchange,
+ControlChannel::ControlChannel(event_base* base, CommandHandler& handler, FaultPlan& plan,
                                std::function<void()> on_commands)
     : base_(base),
-      exchange_(exchange),
+      handler_(handler),
+      plan_(plan),
       on_commands_(std::move(on_commands)),
-      splitter_([this](std::span<std::byte> record) { Take(record); }),
+      splitter_([this](std::span<std::byte> record) { Handle(record); }),
       partial_timeout_(base, -1, 0, [this] { GiveUpPartial(); }),
-      delay_(base, -1, 0, [this] { SendDelayed(); }) {}
+      due_(base, -1, 0, [this] { Flush(); }) {}
 
-bool ControlChannel::Open(std::string& error) {
+std::string ControlChannel::Open() {
   master_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   std::array<char, 64> path{};
   if (master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0 &&
@@ -48,27 +52,26 @@ bool ControlChannel::Open(std::string& error) {
     slave_ = open(path.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   }
   if (slave_ < 0 || !MakeRaw(slave_)) {
-    error = fmt::format("no pseudo-terminal for the control device ({}); is /dev/pts mounted?",
-                        std::strerror(errno));
+    const int problem = errno;
     Close();
-    return false;
+    throw std::runtime_error(
+        fmt::format("no pseudo-terminal for the control device ({}); is /dev/pts mounted?",
+                    std::strerror(problem)));
   }
-  slave_path_ = path.data();
   readable_ = std::make_unique<Event>(base_, master_, EV_READ | EV_PERSIST, [this] { Read(); });
   writable_ = std::make_unique<Event>(base_, master_, EV_WRITE, [this] { Flush(); });
   readable_->Add();
-  return true;
+  return path.data();
 }
 
 void ControlChannel::Close() {
   readable_.reset();
   writable_.reset();
   partial_timeout_.Remove();
+  due_.Remove();
   splitter_.DropPartial();
-  delay_.Remove();
-  replies_dropped_ += replies_.size() + delayed_.size();
+  replies_dropped_ += replies_.size();
   replies_.clear();
-  delayed_.clear();
   if (slave_ >= 0) close(slave_);
   if (master_ >= 0) close(master_);
   slave_ = master_ = -1;
@@ -92,48 +95,35 @@ void ControlChannel::GiveUpPartial() {
   on_commands_();
 }
 
-void ControlChannel::Take(std::span<std::byte> record) {
+void ControlChannel::Handle(std::span<std::byte> record) {
   const uint64_t now = GetTimestampNs();
-  for (Reply& reply : exchange_.Take(record, now)) {
-    if (reply.delay_ns == 0) {
-      Send(std::move(reply.bytes));
-    } else if (delayed_.size() == kMaxReplies) {
+  const auto faults = plan_.OnCommand(CommandHeader(record).opcode, last_reply_.empty(), now);
+  const auto refusal = std::ranges::find(faults, FaultKind::kReplyStatus, &FaultSpec::kind);
+  handler_.Handle(record, refusal == faults.end() ? std::nullopt : std::optional(refusal->status));
+  for (Reply& reply : CorruptReply(faults, record, last_reply_)) {
+    const auto waits_alike = [&](const auto& other) {
+      return (other.first > now) == (reply.delay_ns > 0);
+    };
+    if (std::ranges::count_if(replies_, waits_alike) == kMaxReplies) {
       ++replies_dropped_;
     } else {
-      delayed_.push_back({now + reply.delay_ns, std::move(reply.bytes)});
+      replies_.emplace(now + reply.delay_ns, std::move(reply.bytes));
     }
   }
-  if (!delayed_.empty()) delay_.AddIn(0);
-}
-
-void ControlChannel::SendDelayed() {
-  const uint64_t now = GetTimestampNs();
-  const auto due = [now](const Delayed& delayed) { return delayed.due_ns <= now; };
-  for (Delayed& delayed : delayed_) {
-    if (due(delayed)) Send(std::move(delayed.reply));
-  }
-  std::erase_if(delayed_, due);
-  const auto next = std::ranges::min_element(delayed_, {}, &Delayed::due_ns);
-  if (next != delayed_.end()) delay_.AddIn(next->due_ns - now);
-}
-
-void ControlChannel::Send(std::vector<std::byte> reply) {
-  if (replies_.size() == kMaxReplies) {
-    ++replies_dropped_;
-    return;
-  }
-  replies_.push_back(std::move(reply));
+  last_reply_.assign(record.begin(), record.end());
   Flush();
 }
 
 /// One write a reply. Where the terminal takes a part only, the rest goes first the next time.
 void ControlChannel::Flush() {
+  const uint64_t now = GetTimestampNs();
   while (!replies_.empty()) {
-    std::vector<std::byte>& reply = replies_.front();
+    auto& [due, reply] = *replies_.begin();
+    if (due > now) return due_.AddIn(due - now);
     const ssize_t written = write(master_, reply.data(), reply.size());
     if (written > 0) reply.erase(reply.begin(), reply.begin() + written);
     if (!reply.empty()) return writable_->Add();
-    replies_.pop_front();
+    replies_.erase(replies_.begin());
   }
 }
 

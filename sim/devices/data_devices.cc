@@ -2,12 +2,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
-#include <vector>
+#include <span>
+#include <stdexcept>
 
 #include "kvox/common/kvox_utils.h"
 
@@ -41,15 +40,15 @@ void TapOutDevice::Run() {
   Watch();
 }
 
-/// The pipe takes bytes again, or its reader has gone. A hang-up is dealt with in Run(), which does
-/// not run inside of the events that end with the pipe.
+/// The pipe takes bytes again, or its reader has gone. A hang-up is handled in Run(), which does
+/// not run inside of the events that are deleted with the pipe.
 void TapOutDevice::OnPipe() {
   if (writer_.HasReader() && writer_.Flush() != PacketPort::Result::kNoReader) return Watch();
   hang_up_->Remove();
   due_.AddIn(0);
 }
 
-/// Keeps the loop's watch on the pipe in step with what the writer did.
+/// Keeps the loop's events in step with what the writer did.
 void TapOutDevice::Watch() {
   if (writer_.hung_up()) Close();
   if (writer_.fd() < 0) return;
@@ -69,39 +68,37 @@ void TapOutDevice::Close() {
   writer_.Close();
 }
 
-void TapOutDevice::Bar(bool barred) {
-  writer_.Bar(barred);
-  if (barred) Close();
+void TapOutDevice::SetDisabled(bool disabled) {
+  if (disabled == writer_.disabled()) return;
+  writer_.SetDisabled(disabled);
+  if (disabled) Close();
   Run();  // which ends a stream that has no reader now
 }
 
-bool InjectDevice::Open(std::string& error) {
-  if (fd_ >= 0) return true;
+void InjectDevice::Open() {
+  if (fd_.valid()) return;
   // Both ways, so that a writer finds a reader and the reader no end of file.
-  fd_ = open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
-  if (fd_ < 0) {
-    error = fmt::format("{}: cannot be opened ({}); is another program at work there?",
-                        path_.string(), std::strerror(errno));
-    return false;
+  fd_ = UniqueFd(open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+  if (!fd_.valid()) {
+    throw std::runtime_error(
+        fmt::format("{}: cannot be opened ({}); is another program at work there?", path_.string(),
+                    std::strerror(errno)));
   }
-  fcntl(fd_, F_SETPIPE_SZ, kPipeSize);
-  readable_ = std::make_unique<Event>(base_, fd_, EV_READ | EV_PERSIST, [this] { Read(); });
-  if (!stalled_) readable_->Add();
-  return true;
+  fcntl(fd_.get(), F_SETPIPE_SZ, kPipeSize);
+  readable_ = std::make_unique<Event>(base_, fd_.get(), EV_READ | EV_PERSIST, [this] { Read(); });
+  SetStalled(stalled_);
 }
 
 void InjectDevice::Close() {
-  if (fd_ < 0) return;
   Read();
   reassembler_.DropPartial();
   readable_.reset();
-  close(fd_);
-  fd_ = -1;
+  fd_ = {};
 }
 
-void InjectDevice::Stall(bool stalled) {
+void InjectDevice::SetStalled(bool stalled) {
   stalled_ = stalled;
-  if (fd_ < 0) return;
+  if (readable_ == nullptr) return;
   if (stalled) {
     readable_->Remove();
   } else {
@@ -110,9 +107,9 @@ void InjectDevice::Stall(bool stalled) {
 }
 
 void InjectDevice::Read() {
-  if (fd_ < 0 || stalled_) return;
+  if (!fd_.valid() || stalled_) return;
   bytes_.resize(kPipeSize);
-  const ssize_t size = read(fd_, bytes_.data(), bytes_.size());
+  const ssize_t size = read(fd_.get(), bytes_.data(), bytes_.size());
   if (size > 0) reassembler_.Feed(std::span(bytes_).first(static_cast<size_t>(size)));
 }
 

@@ -1,14 +1,14 @@
-// The data devices: FIFOs, written and read by the event loop's thread without ever blocking it.
+// The data devices: FIFOs. The event loop's thread, which they never block.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <optional>
-#include <string>
+#include <utility>
 #include <vector>
 
+#include "kvox/common/unique_fd.h"
 #include "sim/coprocessor/tap_stream.h"
 #include "sim/devices/packet_port.h"
 #include "sim/devices/packet_reassembler.h"
@@ -24,10 +24,8 @@ class TapOutDevice {
 
   /// Streams `tap` from now on, nothing when null; a stream of that tap that runs goes on.
   void Attach(Tap* tap);
-  /// Closes the device, which ends the stream for its reader, and keeps it closed until it may be
-  /// opened again.
-  void Bar(bool barred);
-  bool barred() const { return writer_.barred(); }
+  /// While it is disabled the device is closed, which ends the stream for its reader.
+  void SetDisabled(bool disabled);
   uint8_t id() const { return id_; }
 
  private:
@@ -51,21 +49,16 @@ class TapOutDevice {
 /// An inject device: hands on every packet that is written into it.
 class InjectDevice {
  public:
-  using Taker = PacketReassembler::Taker;
+  InjectDevice(event_base* base, uint8_t id, std::filesystem::path path,
+               PacketReassembler::Callback on_packet)
+      : base_(base), id_(id), path_(std::move(path)), reassembler_(std::move(on_packet)) {}
 
-  InjectDevice(event_base* base, uint8_t id, std::filesystem::path path, Taker taker)
-      : base_(base), id_(id), path_(std::move(path)), reassembler_(std::move(taker)) {}
-  ~InjectDevice() { Close(); }
-  InjectDevice(const InjectDevice&) = delete;
-  InjectDevice& operator=(const InjectDevice&) = delete;
-
-  /// False with the reason in `error` when the FIFO cannot be opened. Nothing happens when it is
-  /// open.
-  bool Open(std::string& error);
+  /// Does nothing when it is open. Throws std::runtime_error.
+  void Open();
   /// Takes what is in the device and leaves its writer without a reader.
   void Close();
   /// While it stalls it is open but takes nothing.
-  void Stall(bool stalled);
+  void SetStalled(bool stalled);
   /// Takes what is in the device now.
   void Read();
   uint8_t id() const { return id_; }
@@ -75,7 +68,7 @@ class InjectDevice {
   event_base* const base_;
   const uint8_t id_;
   const std::filesystem::path path_;
-  int fd_ = -1;
+  UniqueFd fd_;
   bool stalled_ = false;
   std::vector<std::byte> bytes_;
   PacketReassembler reassembler_;

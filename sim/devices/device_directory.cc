@@ -3,16 +3,16 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-
-#include "sim/socket_path.h"
+#include <stdexcept>
+#include <utility>
 
 namespace kvox::sim {
 namespace {
@@ -39,6 +39,17 @@ const KindRow& RowOf(DeviceNode::Kind kind) {
   return *std::ranges::find(kKinds, kind, &KindRow::kind);
 }
 
+bool BindSocket(int socket, const std::filesystem::path& path) {
+  const UniqueFd directory(open(path.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const sockaddr_un address = SocketAddress(directory, path.filename());
+  if (bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    return chmod(path.c_str(), kSocketMode) == 0;
+  }
+  if (errno == EADDRINUSE) errno = EEXIST;  // as of any other node
+  return false;
+}
+
+/// False with errno.
 bool Make(const DeviceNode& node, const std::filesystem::path& path) {
   switch (node.kind) {
     case DeviceNode::Kind::kSymbolicLink:
@@ -46,108 +57,85 @@ bool Make(const DeviceNode& node, const std::filesystem::path& path) {
     case DeviceNode::Kind::kFifo:
       return mkfifo(path.c_str(), kMode) == 0;
     case DeviceNode::Kind::kSocket:
-      return BindSocket(node.socket, path) == 0 && chmod(path.c_str(), kSocketMode) == 0;
+      return BindSocket(node.socket, path);
     case DeviceNode::Kind::kDirectory:
       return mkdir(path.c_str(), kDirectoryMode) == 0;
     case DeviceNode::Kind::kEmptyFile:
       break;
   }
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
-  if (fd >= 0) close(fd);
-  return fd >= 0;
+  return UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode)).valid();
 }
 
-/// Opens and locks the lock file; -1 with errno EWOULDBLOCK when another process holds it. A holder
-/// that ends takes the file away, so what was locked has to be what stands there now.
-int Lock(const std::filesystem::path& path) {
+/// Opens and locks the lock file of a directory. A holder that ends takes the file away, so what
+/// was locked has to be what is there now.
+UniqueFd Lock(const std::filesystem::path& directory) {
+  const std::filesystem::path path = directory / kLockName;
   for (;;) {
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kMode);
-    if (fd < 0) return -1;
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-      const int problem = errno;
-      close(fd);
-      errno = problem;
-      return -1;
+    UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kMode));
+    if (fd.valid() && flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
+      struct stat locked {};
+      struct stat named {};
+      if (fstat(fd.get(), &locked) == 0 && stat(path.c_str(), &named) == 0 &&
+          locked.st_ino == named.st_ino) {
+        return fd;
+      }
+    } else if (fd.valid() && errno == EWOULDBLOCK) {
+      throw std::runtime_error(fmt::format(
+          "{}: another kvosim runs there; end it or set KVOX_DEV_DIR to another directory",
+          directory.string()));
+    } else {
+      throw std::runtime_error(fmt::format(
+          "{}: cannot be created ({}); set KVOX_DEV_DIR to a directory that you may write to",
+          path.string(), std::strerror(errno)));
     }
-    struct stat locked {};
-    struct stat named {};
-    if (fstat(fd, &locked) == 0 && stat(path.c_str(), &named) == 0 &&
-        locked.st_ino == named.st_ino) {
-      return fd;
-    }
-    close(fd);
   }
 }
 
 }  // namespace
 
-DeviceDirectory::DeviceDirectory(std::filesystem::path directory, int lock)
-    : directory_(std::move(directory)), lock_(lock) {}
-
-std::unique_ptr<DeviceDirectory> DeviceDirectory::Claim(const std::filesystem::path& directory,
-                                                        std::string& error) {
-  const std::filesystem::path lock_path = directory / kLockName;
-  const int lock = Lock(lock_path);
-  if (lock < 0 && errno == EWOULDBLOCK) {
-    error = fmt::format(
-        "{}: another kvosim runs there; end it or set KVOX_DEV_DIR to another "
-        "directory",
-        directory.string());
-    return nullptr;
-  }
-  if (lock < 0) {
-    error = fmt::format(
-        "{}: cannot be created ({}); set KVOX_DEV_DIR to a directory that you may "
-        "write to",
-        lock_path.string(), std::strerror(errno));
-    return nullptr;
-  }
-  std::unique_ptr<DeviceDirectory> claimed(new DeviceDirectory(directory, lock));
-  std::ifstream list(lock_path);
+DeviceDirectory::DeviceDirectory(std::filesystem::path directory)
+    : directory_(std::move(directory)), lock_(Lock(directory_)) {
+  std::ifstream list(PathOf(kLockName));
   for (std::string kind, name; list >> kind >> name;) {
     const auto* row = std::ranges::find(kKinds, kind, &KindRow::name);
-    if (row != std::end(kKinds) && name.find('/') == name.npos)
-      claimed->RemoveLeftOver({row->kind, name});
+    if (row != std::end(kKinds) && name.find('/') == name.npos) RemoveLeftOver({row->kind, name});
   }
-  if (ftruncate(lock, 0) == 0) return claimed;
-  error = fmt::format("{}: cannot be written ({})", lock_path.string(), std::strerror(errno));
-  return nullptr;
+  if (ftruncate(lock_.get(), 0) == 0) return;
+  throw std::runtime_error(
+      fmt::format("{}: cannot be written ({})", PathOf(kLockName).string(), std::strerror(errno)));
 }
 
 DeviceDirectory::~DeviceDirectory() {
   while (!nodes_.empty()) Remove(std::string(nodes_.back().name));
   unlink(PathOf(kLockName).c_str());
-  close(lock_);
 }
 
-/// Puts the node on the list by which the next simulator clears away what a dead one left. A node
-/// that goes and comes again stands there once.
+/// Lists the node for the next simulator, should this one die. A node that comes again is listed
+/// once. False with errno.
 bool DeviceDirectory::Note(const DeviceNode& node) {
   const std::string entry = fmt::format("{} {}\n", RowOf(node.kind).name, node.name);
   if (noted_.contains(entry)) return true;
-  if (pwrite(lock_, entry.data(), entry.size(), lseek(lock_, 0, SEEK_END)) !=
-      static_cast<ssize_t>(entry.size())) {
-    return false;
-  }
+  const auto size = static_cast<ssize_t>(entry.size());
+  const off_t end = lseek(lock_.get(), 0, SEEK_END);
+  if (pwrite(lock_.get(), entry.data(), entry.size(), end) != size) return false;
   noted_.insert(entry);
   return true;
 }
 
-bool DeviceDirectory::Create(const DeviceNode& node, std::string& error) {
+void DeviceDirectory::Create(const DeviceNode& node) {
   const std::filesystem::path path = PathOf(node.name);
   if (Note(node) &&
       (Make(node, path) || (errno == EEXIST && RemoveLeftOver(node) && Make(node, path)))) {
     nodes_.push_back(node);
-    return true;
+    return;
   }
-  error = errno == EEXIST
-              ? fmt::format(
-                    "{}: stands in the way and was not left by kvosim; remove it or set "
-                    "KVOX_DEV_DIR to another directory",
-                    path.string())
-              : fmt::format("{}: cannot be created ({}); check the directory of KVOX_DEV_DIR",
-                            path.string(), std::strerror(errno));
-  return false;
+  throw std::runtime_error(
+      errno == EEXIST
+          ? fmt::format("{}: stands in the way and was not left by kvosim; remove it or set "
+                        "KVOX_DEV_DIR to another directory",
+                        path.string())
+          : fmt::format("{}: cannot be created ({}); check the directory of KVOX_DEV_DIR",
+                        path.string(), std::strerror(errno)));
 }
 
 void DeviceDirectory::Remove(const std::string& name) {
@@ -157,7 +145,7 @@ void DeviceDirectory::Remove(const std::string& name) {
   nodes_.erase(node);
 }
 
-/// False with errno EEXIST when what stands there is of another kind, or holds something.
+/// False with errno EEXIST when what is there is of another kind, or not empty.
 bool DeviceDirectory::RemoveLeftOver(const DeviceNode& node) const {
   const std::filesystem::path path = PathOf(node.name);
   struct stat found {};
@@ -167,6 +155,14 @@ bool DeviceDirectory::RemoveLeftOver(const DeviceNode& node) const {
   if (ours) return remove(path.c_str()) == 0;
   errno = EEXIST;
   return false;
+}
+
+sockaddr_un SocketAddress(const UniqueFd& directory, const std::string& name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  fmt::format_to_n(address.sun_path, sizeof address.sun_path - 1, "/proc/self/fd/{}/{}",
+                   directory.get(), name);
+  return address;
 }
 
 }  // namespace kvox::sim

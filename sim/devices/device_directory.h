@@ -1,11 +1,14 @@
 // The nodes by which a daemon finds the simulated co-processor. One thread.
 #pragma once
 
+#include <sys/un.h>
+
 #include <filesystem>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "kvox/common/unique_fd.h"
 
 namespace kvox::sim {
 
@@ -19,31 +22,34 @@ struct DeviceNode {
 
 class DeviceDirectory {
  public:
-  /// Takes a directory for this simulator alone, and clears away what a simulator that died in it
-  /// left behind. Null with the reason in `error` when it is not there or has a simulator already.
-  static std::unique_ptr<DeviceDirectory> Claim(const std::filesystem::path& directory,
-                                                std::string& error);
-  /// Removes the nodes, the last one first, and gives the directory free.
+  /// Takes a directory for this simulator alone, and removes what a simulator that died in it left
+  /// behind. Throws std::runtime_error when it cannot be used or another simulator runs in it.
+  explicit DeviceDirectory(std::filesystem::path directory);
+  /// Removes the nodes, the last one first, and releases the directory.
   ~DeviceDirectory();
   DeviceDirectory(const DeviceDirectory&) = delete;
   DeviceDirectory& operator=(const DeviceDirectory&) = delete;
 
-  /// Creates a node. One of the same kind that stands there already is a left-over and is replaced;
-  /// anything else is not touched: false, and `error` names the path.
-  bool Create(const DeviceNode& node, std::string& error);
+  /// Creates a node, in place of a left-over of the same kind. Throws std::runtime_error; anything
+  /// else under that name is not touched.
+  void Create(const DeviceNode& node);
+  /// Does nothing when there is no such node.
   void Remove(const std::string& name);
 
   std::filesystem::path PathOf(const std::string& name) const { return directory_ / name; }
 
  private:
-  DeviceDirectory(std::filesystem::path directory, int lock);
   bool Note(const DeviceNode& node);
   bool RemoveLeftOver(const DeviceNode& node) const;
 
   const std::filesystem::path directory_;
-  const int lock_;                 // descriptor of the lock file, which lists the nodes
+  const UniqueFd lock_;            // of the lock file, which lists the nodes
   std::set<std::string> noted_;    // lines of the lock file
   std::vector<DeviceNode> nodes_;  // in the order of their creation
 };
+
+/// The address of a local socket in a directory that is open as `directory`. An address holds 107
+/// characters only; this way the directory's path may have any length.
+sockaddr_un SocketAddress(const UniqueFd& directory, const std::string& name);
 
 }  // namespace kvox::sim

@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <iterator>
+#include <stdexcept>
 #include <utility>
 
+#include "kvox/common/device_names.h"
 #include "kvox/common/kvox_utils.h"
-#include "sim/print.h"
 
 namespace kvox::sim {
 namespace {
@@ -17,39 +18,34 @@ constexpr uint64_t kSettleNs = 500'000'000;
 
 }  // namespace
 
-DeviceSet::DeviceSet(const Surroundings& around)
-    : around_(around), channel_(around.base, around.exchange, [this] { Rewire(); }) {}
-
-std::unique_ptr<DeviceSet> DeviceSet::Create(const Surroundings& around, std::string& error) {
-  std::unique_ptr<DeviceSet> made(new DeviceSet(around));
-  made->AddDevices();
-  for (const auto& device : made->devices_) {
-    if (!made->Come(*device, error)) return nullptr;
-  }
-  return made;
+DeviceSet::DeviceSet(const Context& context)
+    : context_(context),
+      channel_(context.base, context.commands, context.plan, [this] { Rewire(); }) {
+  Add("kvo", DeviceNode::Kind::kEmptyFile, kMarkerDevice);
+  Add("control", DeviceNode::Kind::kSymbolicLink, kControlDevice).is_control = true;
+  AddDataDevices();
+  for (const auto& device : devices_) CreateNode(*device);
 }
 
-void DeviceSet::AddDevices() {
-  using Kind = DeviceNode::Kind;
-  const auto add = [this](std::string name, Kind kind, std::string node) -> Device& {
-    return *devices_.emplace_back(
-        std::make_unique<Device>(Device{std::move(name), {kind, std::move(node)}}));
-  };
-  add("kvo", Kind::kEmptyFile, "kvo");
-  add("control", Kind::kSymbolicLink, "xdv-kvox_control").is_control = true;
-  for (const uint8_t id : around_.co_processor.injects()) {
-    const std::string name = fmt::format("inject{}", id);
-    Device& device = add(name, Kind::kFifo, "xdv-kvox_" + name);
+DeviceSet::Device& DeviceSet::Add(const std::string& name, DeviceNode::Kind kind,
+                                  const std::string& node) {
+  return *devices_.emplace_back(std::make_unique<Device>(Device{name, {kind, node}}));
+}
+
+void DeviceSet::AddDataDevices() {
+  for (const uint8_t id : context_.co_processor.scenario().injects) {
+    const std::string number = std::to_string(id);
+    Device& device = Add("inject" + number, DeviceNode::Kind::kFifo, kInjectPrefix + number);
     device.inject = std::make_unique<InjectDevice>(
-        around_.base, id, around_.directory.PathOf(device.node.name),
+        context_.base, id, context_.directory.PathOf(device.node.name),
         [this, &device](const auto& header, auto payload) { Receive(device, header, payload); });
   }
-  for (const uint8_t id : around_.co_processor.tapouts()) {
-    const std::string name = fmt::format("tapout{}", id);
-    Device& device = add(name, Kind::kFifo, "xdv-kvox_" + name);
-    device.tapout =
-        std::make_unique<TapOutDevice>(around_.base, id, around_.directory.PathOf(device.node.name),
-                                       around_.stream, around_.plan, around_.journal);
+  for (const uint8_t id : context_.co_processor.scenario().tapouts) {
+    const std::string number = std::to_string(id);
+    Device& device = Add("tapout" + number, DeviceNode::Kind::kFifo, kTapOutPrefix + number);
+    device.tapout = std::make_unique<TapOutDevice>(
+        context_.base, id, context_.directory.PathOf(device.node.name), context_.stream,
+        context_.plan, context_.journal);
   }
 }
 
@@ -59,119 +55,109 @@ std::vector<std::string> DeviceSet::Names() const {
   return names;
 }
 
-void DeviceSet::Hold(size_t device, DeviceHold hold) {
-  ++devices_[device]->holds[static_cast<size_t>(hold)];
-  Apply(*devices_[device]);
+void DeviceSet::Impair(size_t device, Impairment impairment) {
+  ++devices_[device]->impairments[static_cast<size_t>(impairment)];
+  Update(*devices_[device]);
 }
 
-void DeviceSet::Release(size_t device, DeviceHold hold) {
-  uint32_t& holds = devices_[device]->holds[static_cast<size_t>(hold)];
-  if (holds > 0) --holds;
-  Apply(*devices_[device]);
+void DeviceSet::Repair(size_t device, Impairment impairment) {
+  uint32_t& count = devices_[device]->impairments[static_cast<size_t>(impairment)];
+  if (count > 0) --count;
+  Update(*devices_[device]);
 }
 
-void DeviceSet::ReleaseAll(DeviceHold hold) {
+void DeviceSet::RepairAll(Impairment impairment) {
   for (const auto& device : devices_) {
-    device->holds[static_cast<size_t>(hold)] = 0;
-    Apply(*device);
+    device->impairments[static_cast<size_t>(impairment)] = 0;
+    Update(*device);
   }
 }
 
-/// Brings a device in line with what is held against it.
-void DeviceSet::Apply(Device& device) {
-  using Node = Device::Node;
-  Node wanted = device.Has(DeviceHold::kBroken) ? Node::kBroken : Node::kSound;
-  if (device.Has(DeviceHold::kAway)) wanted = Node::kNone;
-  std::string error;
-  if (!Replace(device, wanted, error)) Print(stderr, "kvosim: {}\n", error);
-  if (device.there == Node::kSound && !OpenOrClose(device, error)) {
-    Print(stderr, "kvosim: {}\n", error);
+/// Brings a device in line with its impairments.
+void DeviceSet::Update(Device& device) {
+  try {
+    SetState(device, device.Has(Impairment::kRemoved)      ? NodeState::kRemoved
+                     : device.Has(Impairment::kUnreadable) ? NodeState::kUnreadable
+                                                           : NodeState::kPresent);
+    if (device.state == NodeState::kPresent) OpenOrClose(device);
+  } catch (const std::runtime_error& error) {
+    Print(stderr, "kvosim: {}\n", error.what());
   }
-  FollowTroubles();
+  UpdateImpairedTaps();
 }
 
-bool DeviceSet::Replace(Device& device, Device::Node wanted, std::string& error) {
-  using Node = Device::Node;
-  if (wanted == device.there) return true;
-  Disturb(device);
-  if (device.there != Node::kNone) Go(device);
-  if (wanted == Node::kSound && !Come(device, error)) return false;
-  if (wanted == Node::kBroken && !Break(device, error)) return false;
-  device.there = wanted;
+void DeviceSet::SetState(Device& device, NodeState state) {
+  if (state == device.state) return;
+  // The departure and arrival of a node, but not of the mere marker, make a daemon set up all data
+  // devices anew.
+  if (device.node.kind != DeviceNode::Kind::kEmptyFile) {
+    for (Tap& tap : context_.co_processor.taps()) {
+      tap.round_trip.ExcuseLosses(GetTimestampNs() + kSettleNs);
+    }
+  }
+  RemoveNode(device);
+  if (state == NodeState::kPresent) CreateNode(device);
+  if (state == NodeState::kUnreadable) {
+    // A directory can be opened as any node, and every read of it fails.
+    context_.directory.Create({DeviceNode::Kind::kDirectory, device.node.name});
+  }
+  device.state = state;
   const char* const texts[] = {"goes", "comes", "comes, but cannot be read"};
-  around_.journal.Say("{} {}", device.name, texts[static_cast<size_t>(wanted)]);
-  return true;
+  context_.journal.Log("{} {}", device.name, texts[static_cast<size_t>(state)]);
 }
 
-/// A departure and an arrival make a daemon set up all data devices anew. The mere file is nothing
-/// to it.
-void DeviceSet::Disturb(const Device& device) {
-  if (device.node.kind == DeviceNode::Kind::kEmptyFile) return;
-  for (Tap& tap : around_.co_processor.taps()) {
-    tap.round_trip.Disturb(GetTimestampNs() + kSettleNs);
+void DeviceSet::CreateNode(Device& device) {
+  try {
+    if (device.is_control) device.node.target = channel_.Open();
+    context_.directory.Create(device.node);
+    device.state = NodeState::kPresent;
+    OpenOrClose(device);
+  } catch (const std::runtime_error&) {
+    RemoveNode(device);
+    throw;
   }
 }
 
-/// Packets of a tap do not come back while something is wrong with a device that it is bound to.
-void DeviceSet::FollowTroubles() {
-  const uint64_t now = GetTimestampNs();
-  for (Tap& tap : around_.co_processor.taps()) {
-    const bool trouble = std::ranges::any_of(devices_, [&](const auto& device) {
-      const bool bound = (device->inject && device->inject->id() == tap.inject) ||
-                         (device->tapout && device->tapout->id() == tap.tapout);
-      return bound && std::ranges::count(device->holds, 0u) < std::ssize(device->holds);
-    });
-    tap.round_trip.SetTrouble(trouble, now);
-  }
-}
-
-void DeviceSet::Go(Device& device) {
-  around_.directory.Remove(device.node.name);
-  device.there = Device::Node::kNone;
+void DeviceSet::RemoveNode(Device& device) {
+  context_.directory.Remove(device.node.name);
+  device.state = NodeState::kRemoved;
   if (device.is_control) channel_.Close();
   if (device.inject) device.inject->Close();
-  if (device.tapout) device.tapout->Bar(true);
+  if (device.tapout) device.tapout->SetDisabled(true);
 }
 
-bool DeviceSet::Come(Device& device, std::string& error) {
-  if (device.is_control) {
-    if (!channel_.Open(error)) return false;
-    device.node.target = channel_.slave_path();
+/// The simulator's end of a device whose node is there.
+void DeviceSet::OpenOrClose(Device& device) {
+  const bool closed = device.Has(Impairment::kClosed);
+  if (device.tapout) device.tapout->SetDisabled(closed);
+  if (!device.inject) return;
+  device.inject->SetStalled(device.Has(Impairment::kStalled));
+  if (closed) {
+    device.inject->Close();
+  } else {
+    device.inject->Open();
   }
-  if (!around_.directory.Create(device.node, error)) {
-    if (device.is_control) channel_.Close();
-    return false;
-  }
-  device.there = Device::Node::kSound;
-  if (!OpenOrClose(device, error)) {
-    Go(device);
-    return false;
-  }
-  return true;
 }
 
-/// A directory can be opened as any node, and every read of it fails.
-bool DeviceSet::Break(const Device& device, std::string& error) {
-  return around_.directory.Create({DeviceNode::Kind::kDirectory, device.node.name}, error);
-}
-
-/// Of a device whose node is there the simulator's end.
-bool DeviceSet::OpenOrClose(Device& device, std::string& error) {
-  const bool closed = device.Has(DeviceHold::kClosed);
-  if (device.tapout && device.tapout->barred() != closed) device.tapout->Bar(closed);
-  if (!device.inject) return true;
-  device.inject->Stall(device.Has(DeviceHold::kStalled));
-  if (!closed) return device.inject->Open(error);
-  device.inject->Close();
-  return true;
+/// Packets of a tap do not come back while a device that it is bound to is impaired.
+void DeviceSet::UpdateImpairedTaps() {
+  const uint64_t now = GetTimestampNs();
+  for (Tap& tap : context_.co_processor.taps()) {
+    const bool impaired = std::ranges::any_of(devices_, [&](const auto& device) {
+      const bool bound = (device->inject && device->inject->id() == tap.inject) ||
+                         (device->tapout && device->tapout->id() == tap.tapout);
+      return bound && device->impaired();
+    });
+    tap.round_trip.SetImpaired(impaired, now);
+  }
 }
 
 void DeviceSet::Rewire() {
   for (const auto& device : devices_) {
     if (!device->tapout) continue;
-    device->tapout->Attach(around_.co_processor.StreamingInto(device->tapout->id()));
+    device->tapout->Attach(context_.co_processor.StreamingInto(device->tapout->id()));
   }
-  FollowTroubles();
+  UpdateImpairedTaps();
 }
 
 void DeviceSet::Stop() {
@@ -185,7 +171,7 @@ void DeviceSet::Stop() {
 
 void DeviceSet::Receive(Device& device, const KvoxPacketHeader& header,
                         std::span<const std::byte> payload) {
-  Tap* tap = around_.co_processor.ReceivingFrom(device.inject->id());
+  Tap* tap = context_.co_processor.ReceivingFrom(device.inject->id());
   if (tap == nullptr) {
     ++device.unbound;
   } else {

@@ -1,12 +1,9 @@
-// All devices of the simulated co-processor, with their nodes, and what faults hold against each.
-// The event loop's thread.
+// All devices of the simulated co-processor, with their nodes, and what faults do to them. The
+// event loop's thread.
 #pragma once
-
-#include <event2/event.h>
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -18,11 +15,10 @@
 #include "sim/devices/device_directory.h"
 #include "sim/faults/fault_plan.h"
 #include "sim/faults/fault_script.h"
-#include "sim/journal.h"
+#include "sim/output.h"
 
 namespace kvox::sim {
 
-/// What is counted of an inject device.
 struct InjectCounts {
   uint8_t id = 0;
   uint64_t unbound = 0;  // packets that came while no tap was bound to the device
@@ -32,32 +28,32 @@ struct InjectCounts {
 class DeviceSet {
  public:
   /// All of these outlive the set.
-  struct Surroundings {
+  struct Context {
     event_base* base;
     DeviceDirectory& directory;
     CoProcessor& co_processor;
-    ControlExchange& exchange;
+    CommandHandler& commands;
     Journal& journal;
     FaultPlan& plan;
     StreamOptions stream;
   };
 
-  /// Creates the nodes. The control device comes before the data devices: a daemon that sees a
-  /// device arrive begins to set up what it remembers, and finds somebody who answers. Null with
-  /// the reason in `error` when that fails.
-  static std::unique_ptr<DeviceSet> Create(const Surroundings& around, std::string& error);
+  /// Creates the nodes, the control device before the data devices: a daemon that sees a device
+  /// arrive sends commands at once. Throws std::runtime_error.
+  explicit DeviceSet(const Context& context);
 
   /// "kvo", "control", "inject0", "tapout0": in the order of creation. Other functions name a
-  /// device by its place there.
+  /// device by its index there.
   std::vector<std::string> Names() const;
 
-  /// From the first hold to the last release of its kind something is wrong with the device.
-  void Hold(size_t device, DeviceHold hold);
-  void Release(size_t device, DeviceHold hold);
-  /// Ends all holds of one kind.
-  void ReleaseAll(DeviceHold hold);
+  /// A device is impaired until each Impair() had its Repair(). Problems with the node are printed
+  /// on standard error.
+  void Impair(size_t device, Impairment impairment);
+  void Repair(size_t device, Impairment impairment);
+  /// Ends one impairment of all devices.
+  void RepairAll(Impairment impairment);
 
-  /// Brings the streams in line with what is enabled and bound.
+  /// Starts and ends streams after taps were enabled, disabled or bound.
   void Rewire();
   /// Ends the streams and takes what is still in the injects.
   void Stop();
@@ -73,25 +69,27 @@ class DeviceSet {
     std::unique_ptr<InjectDevice> inject = nullptr;
     uint64_t unbound = 0;
     bool is_control = false;
-    enum class Node { kNone, kSound, kBroken } there = Node::kNone;
-    std::array<uint32_t, kDeviceHolds> holds = {};
+    enum class NodeState { kRemoved, kPresent, kUnreadable } state = NodeState::kRemoved;
+    std::array<uint32_t, kImpairments> impairments = {};
 
-    bool Has(DeviceHold hold) const { return holds[static_cast<size_t>(hold)] > 0; }
+    bool Has(Impairment impairment) const {
+      return impairments[static_cast<size_t>(impairment)] > 0;
+    }
+    bool impaired() const { return impairments != decltype(impairments){}; }
   };
+  using NodeState = Device::NodeState;
 
-  explicit DeviceSet(const Surroundings& around);
-  void AddDevices();
+  Device& Add(const std::string& name, DeviceNode::Kind kind, const std::string& node);
+  void AddDataDevices();
   void Receive(Device& device, const KvoxPacketHeader& header, std::span<const std::byte> payload);
-  void Apply(Device& device);
-  bool Replace(Device& device, Device::Node wanted, std::string& error);
-  void Go(Device& device);
-  bool Come(Device& device, std::string& error);
-  bool OpenOrClose(Device& device, std::string& error);
-  bool Break(const Device& device, std::string& error);
-  void Disturb(const Device& device);
-  void FollowTroubles();
+  void Update(Device& device);
+  void SetState(Device& device, NodeState state);
+  void CreateNode(Device& device);
+  void RemoveNode(Device& device);
+  void OpenOrClose(Device& device);
+  void UpdateImpairedTaps();
 
-  const Surroundings around_;
+  const Context context_;
   ControlChannel channel_;
   std::vector<std::unique_ptr<Device>> devices_;
 };

@@ -5,14 +5,16 @@
 #include <cstdint>
 #include <filesystem>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "kvox/common/kvox_packet.h"
+#include "kvox/common/unique_fd.h"
 
 namespace kvox::sim {
 
-/// Bytes that a device's pipe should hold: a few of the longest packets. Not every user may have
-/// it; a pipe is then what it is.
+/// Bytes that a device's pipe should hold: a few of the longest packets. Not every user may set
+/// it; a pipe then keeps its size.
 inline constexpr int kPipeSize = 4 * kPacketMaxSize;
 
 /// Where the packets of one tap-out device go.
@@ -21,12 +23,11 @@ class PacketPort {
   enum class Result {
     kSent,
     kDropped,   // there is no room for a whole packet
-    kNoReader,  // whoever listened has gone
+    kNoReader,  // the reader has gone
   };
 
   virtual ~PacketPort() = default;
 
-  /// Whether somebody listens.
   virtual bool HasReader() = 0;
   /// Takes one packet: all of it or nothing.
   virtual Result Offer(std::span<const std::byte> packet) = 0;
@@ -38,30 +39,27 @@ class PacketPort {
 class FifoWriter : public PacketPort {
  public:
   explicit FifoWriter(std::filesystem::path path) : path_(std::move(path)) {}
-  ~FifoWriter() override { Close(); }
-  FifoWriter(const FifoWriter&) = delete;
-  FifoWriter& operator=(const FifoWriter&) = delete;
 
   bool HasReader() override;
   Result Offer(std::span<const std::byte> packet) override;
 
-  /// Puts what the pipe now takes of a packet's rest.
+  /// Writes what the pipe now takes of a packet's rest.
   Result Flush();
   /// -1 while closed.
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   bool has_rest() const { return !rest_.empty(); }
   /// The reader has gone; to be closed.
   bool hung_up() const { return hung_up_; }
   void Close();
-  /// While it is barred it is closed and finds no reader.
-  void Bar(bool barred) { barred_ = barred; }
-  bool barred() const { return barred_; }
+  /// While it is disabled it does not open.
+  void SetDisabled(bool disabled) { disabled_ = disabled; }
+  bool disabled() const { return disabled_; }
 
  private:
   const std::filesystem::path path_;
-  int fd_ = -1;
+  UniqueFd fd_;
   bool hung_up_ = false;
-  bool barred_ = false;
+  bool disabled_ = false;
   std::vector<std::byte> rest_;
 };
 

@@ -31,8 +31,8 @@ KvoxPacketHeader HeaderAt(std::span<const std::byte> bytes) {
   return header;
 }
 
-/// Where another packet begins inside of this one, which no audio looks like: the writer
-/// broke off in between. 0 when the packet is whole.
+/// Where another packet begins inside of this one, whose writer then broke off. 0 when the packet
+/// is whole: no audio looks like a header.
 size_t FindTear(std::span<const std::byte> packet) {
   for (size_t at = 4; at + kPacketHeaderSize <= packet.size(); at += 4) {
     if (std::memcmp(&packet[at], &kPacketMagic, sizeof kPacketMagic) == 0 &&
@@ -52,7 +52,7 @@ void PacketReassembler::Feed(std::span<const std::byte> bytes) {
   buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<ptrdiff_t>(used));
 }
 
-/// Deals with what stands in front of `bytes`. Answers its size, 0 when more has to arrive first.
+/// Handles what is at the front of `bytes`. Returns its size, 0 when more has to arrive first.
 size_t PacketReassembler::TakeFront(std::span<const std::byte> bytes) {
   if (const size_t junk = BytesBeforeMagic(bytes)) {
     counts_.junk_bytes += junk;
@@ -73,7 +73,7 @@ size_t PacketReassembler::TakeFront(std::span<const std::byte> bytes) {
     return tear;
   }
   ++counts_.packets;
-  taker_(header, bytes.subspan(kPacketHeaderSize, header.payload_size));
+  on_packet_(header, bytes.subspan(kPacketHeaderSize, header.payload_size));
   return size;
 }
 

@@ -1,6 +1,5 @@
-// Cuts the byte stream of an inject device into packets again. Written from docs/protocol.md with
-// checks of its own, so that it does not share a fault with those who write the stream. Pure; one
-// thread at a time.
+// Cuts the byte stream of an inject device into packets again. It shares no code with the daemon,
+// which writes that stream, so that neither hides a fault of the other. One thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -17,16 +16,16 @@ struct ReassemblyCounts {
   uint64_t packets = 0;
   uint64_t bad_headers = 0;  // another version or an impossible size behind the magic
   uint64_t torn = 0;         // packets that ended where the next one began
-  uint64_t junk_bytes = 0;   // that belong to no packet, the torn ones' included
+  uint64_t junk_bytes = 0;   // outside of whole packets
 };
 
 class PacketReassembler {
  public:
-  /// Called for every packet; the payload is only there during the call.
-  using Taker =
+  /// The payload is only there during the call.
+  using Callback =
       std::function<void(const KvoxPacketHeader& header, std::span<const std::byte> payload)>;
 
-  explicit PacketReassembler(Taker taker) : taker_(std::move(taker)) {}
+  explicit PacketReassembler(Callback on_packet) : on_packet_(std::move(on_packet)) {}
 
   void Feed(std::span<const std::byte> bytes);
   /// The writer has gone: what there is of a packet is junk.
@@ -39,7 +38,7 @@ class PacketReassembler {
  private:
   size_t TakeFront(std::span<const std::byte> bytes);
 
-  const Taker taker_;
+  const Callback on_packet_;
   std::vector<std::byte> buffer_;
   ReassemblyCounts counts_;
 };

@@ -118,9 +118,8 @@ struct FaultTargets {
   std::vector<std::string> devices;  // "kvo", "control", "inject0", "tapout0": as they are created
 };
 
-/// Reads a fault from words as `kvosim ctl fault` takes them: the kind, then KEY=VALUE. False with
-/// "KEY: what is wrong; what is expected" in `error`.
-bool ParseFault(std::span<const std::string> words, const FaultTargets& targets, FaultSpec& spec,
-                std::string& error);
+/// Reads a fault from words as `kvosim ctl fault` takes them: the kind, then KEY=VALUE. Throws
+/// std::invalid_argument("KEY: what is wrong; what is expected").
+FaultSpec ParseFault(std::span<const std::string> words, const FaultTargets& targets);
 
 }  // namespace kvox::sim

@@ -1,4 +1,4 @@
-// Reads faults from the tables of a scenario. Of its own, as it needs the TOML library.
+// Reads faults from the tables of a scenario. Apart from fault.h, for it needs the TOML library.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace kvox::sim {
 
-/// Reads one [[fault]] table; what is wrong goes into `report`.
+/// Reads one [[fault]] table. Throws std::invalid_argument for the first thing that is wrong.
 FaultSpec ReadFault(const toml::table& node, const std::string& path, const FaultTargets& targets,
-                    Report& report);
+                    const TomlOrigin& origin);
 
 }  // namespace kvox::sim

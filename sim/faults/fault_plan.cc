@@ -45,8 +45,8 @@ bool FaultPlan::Add(const FaultSpec& spec, uint64_t now_ns) {
 }
 
 /// One more packet or command passes. Each has its number, so that two runs strike the same ones.
-bool FaultPlan::Strikes(Entry& entry, const std::string& key, uint64_t now_ns) {
-  const uint64_t number = ++entry.chances[key];
+bool FaultPlan::Strikes(Entry& entry, const std::string& key, uint64_t now_ns) const {
+  const uint64_t number = ++entry.counted[key];
   if (now_ns < entry.from_ns || number <= entry.spec.after.value_or(0)) return false;
   if (!entry.begun) entry.begun_ns = now_ns;
   entry.begun = true;
@@ -54,56 +54,52 @@ bool FaultPlan::Strikes(Entry& entry, const std::string& key, uint64_t now_ns) {
   return !entry.spec.probability || Chance(entry.spec.seed, key, number) < *entry.spec.probability;
 }
 
-std::vector<FaultSpec> FaultPlan::OnPacket(const std::string& tap, uint64_t now_ns) {
+void FaultPlan::CountHit(Entry& entry) {
+  ++entry.hits;
+  ++injected_[static_cast<size_t>(entry.spec.kind)];
+}
+
+/// The faults that `selects(entry)` is true for and that strike now.
+template <typename Selects>
+std::vector<FaultSpec> FaultPlan::Strike(const std::string& key, uint64_t now_ns, Selects selects) {
   std::vector<FaultSpec> struck;
-  if (entries_.empty()) return struck;
   bool alarm = false;
   for (Entry& entry : entries_) {
-    const bool concerned = entry.by_packets() || (entry.group == FaultGroup::kPackets &&
-                                                  entry.spec.kind != FaultKind::kPacketEarly);
-    if (!concerned || (!entry.spec.tap.empty() && entry.spec.tap != tap)) continue;
-    if (!Strikes(entry, tap, now_ns)) continue;
+    if (!selects(entry) || !Strikes(entry, key, now_ns)) continue;
     if (entry.timed()) {
       alarm |= !entry.running;
       entry.due = !entry.running;
-      continue;
+    } else {
+      CountHit(entry);
+      struck.push_back(entry.spec);
     }
-    ++entry.hits;
-    ++injected_[static_cast<size_t>(entry.spec.kind)];
-    struck.push_back(entry.spec);
   }
   DropOver(now_ns);
   if (alarm && alarm_) alarm_();
   return struck;
 }
 
+std::vector<FaultSpec> FaultPlan::OnPacket(const std::string& tap, uint64_t now_ns) {
+  return Strike(tap, now_ns, [&](const Entry& entry) {
+    const bool of_packets =
+        entry.group == FaultGroup::kPackets && entry.spec.kind != FaultKind::kPacketEarly;
+    return (of_packets || entry.by_packets()) && entry.Concerns(tap);
+  });
+}
+
 bool FaultPlan::GoesEarly(const std::string& tap, uint64_t now_ns) {
-  bool early = false;
-  for (Entry& entry : entries_) {
-    if (entry.spec.kind != FaultKind::kPacketEarly) continue;
-    if (!entry.spec.tap.empty() && entry.spec.tap != tap) continue;
-    if (!Strikes(entry, tap, now_ns)) continue;
-    early = true;
-    ++entry.hits;
-    ++injected_[static_cast<size_t>(entry.spec.kind)];
-  }
-  if (early) DropOver(now_ns);
-  return early;
+  const auto struck = Strike(tap, now_ns, [&](const Entry& entry) {
+    return entry.spec.kind == FaultKind::kPacketEarly && entry.Concerns(tap);
+  });
+  return !struck.empty();
 }
 
 std::vector<FaultSpec> FaultPlan::OnCommand(uint16_t opcode, bool first, uint64_t now_ns) {
-  std::vector<FaultSpec> struck;
-  for (Entry& entry : entries_) {
-    if (entry.group != FaultGroup::kReplies) continue;
-    if (entry.spec.opcode != 0 && entry.spec.opcode != opcode) continue;
-    if (first && entry.spec.kind == FaultKind::kReplyStale) continue;
-    if (!Strikes(entry, "", now_ns)) continue;
-    ++entry.hits;
-    ++injected_[static_cast<size_t>(entry.spec.kind)];
-    struck.push_back(entry.spec);
-  }
-  DropOver(now_ns);
-  return struck;
+  return Strike("", now_ns, [&](const Entry& entry) {
+    return entry.group == FaultGroup::kReplies &&
+           (entry.spec.opcode == 0 || entry.spec.opcode == opcode) &&
+           !(first && entry.spec.kind == FaultKind::kReplyStale);
+  });
 }
 
 /// When a fault of nodes or devices is to begin.
@@ -113,17 +109,16 @@ uint64_t FaultPlan::DueOf(const Entry& entry) {
   return entry.from_ns;
 }
 
-std::vector<FaultPlan::Begun> FaultPlan::TakeDue(uint64_t now_ns) {
-  std::vector<Begun> begun;
+std::vector<FaultPlan::Started> FaultPlan::StartDue(uint64_t now_ns) {
+  std::vector<Started> started;
   for (Entry& entry : entries_) {
     if (DueOf(entry) > now_ns) continue;
     entry.due = false;
     entry.running = true;
-    ++entry.hits;
-    ++injected_[static_cast<size_t>(entry.spec.kind)];
-    begun.push_back({entry.id, entry.spec});
+    CountHit(entry);
+    started.push_back({entry.id, entry.spec});
   }
-  return begun;
+  return started;
 }
 
 uint64_t FaultPlan::NextDue() const {
@@ -142,10 +137,6 @@ void FaultPlan::Ended(uint64_t id) {
 
 void FaultPlan::DropOver(uint64_t now_ns) {
   std::erase_if(entries_, [&](const Entry& entry) { return entry.Over(now_ns); });
-}
-
-void FaultPlan::Clear() {
-  entries_.clear();
 }
 
 void FaultPlan::Clear(FaultGroup group) {

@@ -1,6 +1,6 @@
-// Which fault strikes when: the faults that were asked for, held against the clock, the packets and
-// the commands that pass. The same faults and the same packets give the same strikes. Pure: the
-// caller has the clock; one thread at a time.
+// Which fault strikes when: the faults that were asked for, against the clock, the packets and the
+// commands that pass. The same faults and the same packets give the same strikes. The caller has
+// the clock; one thread at a time.
 #pragma once
 
 #include <array>
@@ -26,36 +26,36 @@ class FaultPlan {
  public:
   static constexpr uint64_t kNever = UINT64_MAX;
 
-  /// A fault of nodes or devices whose time has come.
-  struct Begun {
+  /// A fault of nodes or devices that begins.
+  struct Started {
     uint64_t id;
     FaultSpec spec;
   };
 
   explicit FaultPlan(uint64_t start_ns) : start_ns_(start_ns) {}
 
-  /// Takes a fault on; false when there are too many.
+  /// False when there are kMaxFaults already.
   bool Add(const FaultSpec& spec, uint64_t now_ns);
 
-  /// A packet of `tap` is about to go: the faults of packets that strike it, but packet-early. A
-  /// fault of nodes or devices that it triggers is due from then on.
+  /// A packet of `tap` is about to be sent: the faults of packets that strike it, except
+  /// packet-early. A fault of nodes or devices that it triggers is due from then on.
   std::vector<FaultSpec> OnPacket(const std::string& tap, uint64_t now_ns);
-  /// The same for packet-early alone, to be asked before the packet is due.
+  /// The same for packet-early alone, to be called before the packet is due.
   bool GoesEarly(const std::string& tap, uint64_t now_ns);
   /// A command was received: the faults that strike its reply. There can be no stale reply before
   /// the first one.
   std::vector<FaultSpec> OnCommand(uint16_t opcode, bool first, uint64_t now_ns);
 
-  /// Faults of nodes and devices that begin now. They count as active until Ended().
-  std::vector<Begun> TakeDue(uint64_t now_ns);
-  /// When TakeDue() has something next; kNever: nothing by the clock.
+  /// Starts the faults of nodes and devices that are due. They count as active until Ended().
+  std::vector<Started> StartDue(uint64_t now_ns);
+  /// When StartDue() has something next; kNever: nothing by the clock.
   uint64_t NextDue() const;
   /// Called by OnPacket() when something is due.
   void SetAlarm(std::function<void()> alarm) { alarm_ = std::move(alarm); }
   void Ended(uint64_t id);
 
   /// Forgets every fault, or those of one group.
-  void Clear();
+  void Clear() { entries_.clear(); }
   void Clear(FaultGroup group);
 
   FaultCounts CountsOf(FaultKind kind, uint64_t now_ns) const;
@@ -66,19 +66,23 @@ class FaultPlan {
     FaultSpec spec;
     FaultGroup group;
     uint64_t from_ns;                         // not before
-    uint64_t hits = 0;                        // that it struck
-    bool begun = false;                       // as far as packets and commands go
-    uint64_t begun_ns = 0;                    // when that was
-    bool due = false;                         // a fault of nodes or devices that a packet triggered
-    bool running = false;                     // such a fault, until it ends
-    std::map<std::string, uint64_t> chances;  // packets by tap; commands under ""
+    uint64_t hits = 0;                        // times it struck
+    bool begun = false;                       // of packets or commands: the trigger was met,
+    uint64_t begun_ns = 0;                    // at this time
+    bool due = false;                         // of nodes or devices: a packet triggered it
+    bool running = false;                     // of nodes or devices: until it ends
+    std::map<std::string, uint64_t> counted;  // packets by tap; commands under ""
 
     bool timed() const { return IsTimed(group); }
     bool by_packets() const { return timed() && (spec.after || spec.probability); }
+    bool Concerns(const std::string& tap) const { return spec.tap.empty() || spec.tap == tap; }
     bool Spent() const;
     bool Over(uint64_t now_ns) const;
   };
-  bool Strikes(Entry& entry, const std::string& key, uint64_t now_ns);
+  template <typename Selects>
+  std::vector<FaultSpec> Strike(const std::string& key, uint64_t now_ns, Selects selects);
+  bool Strikes(Entry& entry, const std::string& key, uint64_t now_ns) const;
+  void CountHit(Entry& entry);
   void DropOver(uint64_t now_ns);
   static uint64_t DueOf(const Entry& entry);
 

@@ -1,18 +1,15 @@
-// Carries the faults of nodes and devices out when their time comes. The event loop's thread.
+// Carries out the faults of nodes and devices when their time comes. The event loop's thread.
 #pragma once
-
-#include <event2/event.h>
 
 #include <cstdint>
 #include <functional>
-#include <string>
 #include <vector>
 
 #include "sim/devices/device_set.h"
 #include "sim/event.h"
 #include "sim/faults/fault_plan.h"
 #include "sim/faults/fault_script.h"
-#include "sim/journal.h"
+#include "sim/output.h"
 
 namespace kvox::sim {
 
@@ -22,9 +19,9 @@ class FaultRunner {
   FaultRunner(event_base* base, FaultPlan& plan, DeviceSet& devices, Journal& journal,
               std::function<void()> reset);
 
-  /// Looks at the plan again: something was added.
+  /// To be called after a fault was added to the plan.
   void Wake() { due_.AddIn(0); }
-  /// Ends every fault and sets right what it did.
+  /// Ends every fault and repairs what it did.
   void Clear();
   /// The same for faults of nodes only.
   void Restore();
@@ -35,16 +32,14 @@ class FaultRunner {
     FaultGroup group;
     uint64_t begun_ns;
     std::vector<FaultStep> steps;
-    size_t done = 0;   // steps that are through
-    bool ends = true;  // by itself
+    size_t done = 0;  // steps
 
     uint64_t NextAt() const;
+    bool Over() const;
   };
 
   void Run();
-  void Begin(const FaultPlan::Begun& begun, uint64_t now_ns);
   void Do(const FaultStep& step);
-  void Arm(uint64_t now_ns);
 
   FaultPlan& plan_;
   DeviceSet& devices_;

@@ -8,13 +8,15 @@
 namespace kvox::sim {
 namespace {
 
+using Steps = std::vector<FaultStep>;
+using Devices = std::vector<std::string>;
 using enum FaultStep::Action;
 
 uint64_t Ns(double seconds) {
   return static_cast<uint64_t>(seconds * 1e9);
 }
 
-size_t IndexOf(const std::string& device, const std::vector<std::string>& devices) {
+size_t IndexOf(const std::string& device, const Devices& devices) {
   return static_cast<size_t>(std::ranges::find(devices, device) - devices.begin());
 }
 
@@ -29,60 +31,60 @@ std::vector<size_t> ReturnOrder(const FaultSpec& spec, size_t count) {
   return order;
 }
 
-/// The nodes go at once, against the order in which they came, and come one by one.
-std::vector<FaultStep> Restart(const FaultSpec& spec, const std::vector<std::string>& devices) {
-  std::vector<FaultStep> steps;
-  for (size_t left = devices.size(); left > 0; --left) steps.push_back({0, kHold, left - 1});
+/// The nodes go at once, the last one first, and come one by one.
+Steps Restart(const FaultSpec& spec, const Devices& devices) {
+  Steps steps;
+  for (size_t left = devices.size(); left > 0; --left) steps.push_back({0, kImpair, left - 1});
   steps.push_back({0, kReset});
   double at = spec.gap;
   for (const size_t device : ReturnOrder(spec, devices.size())) {
     const bool stays_away = devices[device] == spec.missing;
     if (!stays_away || spec.missing_for) {
-      steps.push_back({Ns(at + (stays_away ? *spec.missing_for : 0)), kRelease, device});
+      steps.push_back({Ns(at + (stays_away ? *spec.missing_for : 0)), kRepair, device});
     }
     at += spec.spacing;
   }
   return steps;
 }
 
-std::vector<FaultStep> Flap(const FaultSpec& spec, const std::vector<std::string>& devices) {
+Steps Flap(const FaultSpec& spec, const Devices& devices) {
   const size_t device = IndexOf(spec.device, devices);
-  std::vector<FaultStep> steps;
+  Steps steps;
   for (uint32_t i = 0; i < spec.times; ++i) {
-    steps.push_back({Ns(2 * i * spec.gap), kHold, device});
-    steps.push_back({Ns((2 * i + 1) * spec.gap), kRelease, device});
+    steps.push_back({Ns(2 * i * spec.gap), kImpair, device});
+    steps.push_back({Ns((2 * i + 1) * spec.gap), kRepair, device});
   }
   return steps;
 }
 
-template <DeviceHold hold>
-std::vector<FaultStep> Hold(const FaultSpec& spec, const std::vector<std::string>& devices) {
+template <Impairment impairment>
+Steps Impair(const FaultSpec& spec, const Devices& devices) {
   const size_t device = IndexOf(spec.device, devices);
-  std::vector<FaultStep> steps = {{0, kHold, device, hold}};
-  if (spec.seconds) steps.push_back({Ns(*spec.seconds), kRelease, device, hold});
+  Steps steps = {{0, kImpair, device, impairment}};
+  if (spec.seconds) steps.push_back({Ns(*spec.seconds), kRepair, device, impairment});
   return steps;
 }
 
 struct Row {
   FaultKind kind;
-  std::vector<FaultStep> (*steps)(const FaultSpec&, const std::vector<std::string>&);
+  Steps (*steps)(const FaultSpec&, const Devices&);
 };
 constexpr Row kRows[] = {
     {FaultKind::kRestart, Restart},
     {FaultKind::kFlap, Flap},
-    {FaultKind::kNodeGone, Hold<DeviceHold::kAway>},
-    {FaultKind::kTapoutHangup, Hold<DeviceHold::kClosed>},
-    {FaultKind::kTapoutError, Hold<DeviceHold::kBroken>},
-    {FaultKind::kInjectStall, Hold<DeviceHold::kStalled>},
-    {FaultKind::kInjectRefuse, Hold<DeviceHold::kClosed>},
+    {FaultKind::kNodeGone, Impair<Impairment::kRemoved>},
+    {FaultKind::kTapoutHangup, Impair<Impairment::kClosed>},
+    {FaultKind::kTapoutError, Impair<Impairment::kUnreadable>},
+    {FaultKind::kInjectStall, Impair<Impairment::kStalled>},
+    {FaultKind::kInjectRefuse, Impair<Impairment::kClosed>},
 };
 
 }  // namespace
 
-std::vector<FaultStep> MakeScript(const FaultSpec& spec, const std::vector<std::string>& devices) {
+std::vector<FaultStep> MakeScript(const FaultSpec& spec, const Devices& devices) {
   const auto* row = std::ranges::find(kRows, spec.kind, &Row::kind);
   if (row == std::end(kRows)) return {};
-  std::vector<FaultStep> steps = row->steps(spec, devices);
+  Steps steps = row->steps(spec, devices);
   std::ranges::stable_sort(steps, {}, &FaultStep::at_ns);
   return steps;
 }

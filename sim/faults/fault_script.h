@@ -1,4 +1,4 @@
-// What a fault of nodes or devices does, step by step. Pure.
+// What a fault of nodes or devices does, step by step.
 #pragma once
 
 #include <cstdint>
@@ -9,28 +9,28 @@
 
 namespace kvox::sim {
 
-/// What can be wrong with a device. It is sound when nobody holds anything against it.
-enum class DeviceHold {
-  kAway,     // its node is not there
-  kBroken,   // something stands under its name that can be opened, but not read
-  kClosed,   // the simulator has its end closed
-  kStalled,  // the simulator does not read
+/// What can be wrong with a device.
+enum class Impairment {
+  kRemoved,     // its node is not there
+  kUnreadable,  // what is under its name can be opened, but not read
+  kClosed,      // the simulator has its end closed
+  kStalled,     // the simulator does not read
 };
-inline constexpr size_t kDeviceHolds = 4;
+inline constexpr size_t kImpairments = 4;
 
 struct FaultStep {
   enum class Action {
-    kHold,     // something is wrong with the device from now on
-    kRelease,  // it is no longer
-    kReset,    // the co-processor forgets what it was told
+    kImpair,
+    kRepair,
+    kReset,  // the co-processor forgets what it was told
   };
   uint64_t at_ns;  // since the fault began
   Action action;
-  size_t device = 0;  // its place in FaultTargets::devices
-  DeviceHold hold = DeviceHold::kAway;
+  size_t device = 0;  // index in FaultTargets::devices
+  Impairment impairment = Impairment::kRemoved;
 };
 
-/// The steps in the order of their times. A hold without a release lasts until somebody ends it.
+/// The steps by their times. What no step repairs stays until somebody repairs it.
 std::vector<FaultStep> MakeScript(const FaultSpec& spec, const std::vector<std::string>& devices);
 
 }  // namespace kvox::sim

@@ -76,7 +76,7 @@ constexpr Row kRows[] = {
 
 }  // namespace
 
-void SpoilPacket(std::span<const FaultSpec> struck, OutPacket& packet) {
+void CorruptPacket(std::span<const FaultSpec> struck, OutPacket& packet) {
   for (const Row& row : kRows) {
     for (const FaultSpec& fault : struck) {
       if (fault.kind != row.kind) continue;

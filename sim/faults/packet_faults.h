@@ -31,7 +31,7 @@ struct OutPacket {
 };
 
 /// Lets the faults have their way with a whole packet.
-void SpoilPacket(std::span<const FaultSpec> struck, OutPacket& packet);
+void CorruptPacket(std::span<const FaultSpec> struck, OutPacket& packet);
 
 /// The format in which a packet-format fault sends blocks of `block_length` frames: with another
 /// number of channels, so that the packets come as often as before. Nothing when no such fault

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "kvox/common/control_records.h"
 
@@ -11,7 +12,7 @@ namespace {
 /// No command has an opcode with this bit.
 constexpr uint16_t kWrongOpcode = 0x100;
 
-/// Half of the record, whole by its own size field unless it is torn.
+/// Half of the record; its size field says so unless the record is torn.
 void Shorten(std::vector<std::byte>& bytes, bool torn) {
   const size_t size = std::max(sizeof(CMD_HDR), bytes.size() / 2);
   bytes.resize(size);
@@ -28,22 +29,21 @@ void ChangeOpcode(std::vector<std::byte>& bytes) {
 
 }  // namespace
 
-std::vector<Reply> SpoilReply(std::span<const FaultSpec> struck, std::span<const std::byte> reply,
-                              std::span<const std::byte> last) {
-  const std::vector<std::byte> before(last.begin(), last.end());
-  Reply right{0, {reply.begin(), reply.end()}};
+std::vector<Reply> CorruptReply(std::span<const FaultSpec> faults, std::span<const std::byte> reply,
+                                std::span<const std::byte> last) {
+  Reply changed{0, {reply.begin(), reply.end()}};
   bool stale = false;
-  bool gone = false;
-  for (const FaultSpec& fault : struck) {
-    if (fault.kind == FaultKind::kReplyShort) Shorten(right.bytes, fault.torn);
-    if (fault.kind == FaultKind::kReplyOpcode) ChangeOpcode(right.bytes);
-    if (fault.kind == FaultKind::kReplyStale) stale = true;
-    gone |= fault.kind == FaultKind::kReplyLost || fault.replace;
-    right.delay_ns += static_cast<uint64_t>(fault.delay * 1e9);
+  bool lost = false;
+  for (const FaultSpec& fault : faults) {
+    if (fault.kind == FaultKind::kReplyShort) Shorten(changed.bytes, fault.torn);
+    if (fault.kind == FaultKind::kReplyOpcode) ChangeOpcode(changed.bytes);
+    stale |= fault.kind == FaultKind::kReplyStale;
+    lost |= fault.kind == FaultKind::kReplyLost || fault.replace;
+    changed.delay_ns += static_cast<uint64_t>(fault.delay * 1e9);
   }
   std::vector<Reply> replies;
-  if (stale) replies.push_back({0, before});
-  if (!gone) replies.push_back(std::move(right));
+  if (stale) replies.push_back({0, {last.begin(), last.end()}});
+  if (!lost) replies.push_back(std::move(changed));
   return replies;
 }
 

@@ -1,4 +1,4 @@
-// What faults make of the reply to a command. Pure.
+// What faults make of the reply to a command.
 #pragma once
 
 #include <cstddef>
@@ -15,9 +15,8 @@ struct Reply {
   std::vector<std::byte> bytes;
 };
 
-/// The replies that go out in place of `reply` when the faults strike it. `last` is the reply
-/// before it.
-std::vector<Reply> SpoilReply(std::span<const FaultSpec> struck, std::span<const std::byte> reply,
-                              std::span<const std::byte> last);
+/// The replies that go out in place of `reply`. `last` is the correct reply before it.
+std::vector<Reply> CorruptReply(std::span<const FaultSpec> faults, std::span<const std::byte> reply,
+                                std::span<const std::byte> last);
 
 }  // namespace kvox::sim

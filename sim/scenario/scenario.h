@@ -67,13 +67,13 @@ std::string DisplayName(const TapConfig& tap);
 std::optional<std::string> BlockProblem(const KvoxTapFormat& format, uint64_t block_length);
 
 /// Reads a scenario. `origin` names it in messages; relative paths in it start from `directory`.
-/// False when something is wrong: `error` is then "FILE:LINE: KEY: what is wrong; what is expected"
-/// for the first fault. Files that it names are not looked at yet.
-bool ParseScenario(std::string_view text, const std::string& origin,
-                   const std::filesystem::path& directory, Scenario& scenario, std::string& error);
+/// Throws std::invalid_argument("FILE:LINE: KEY: what is wrong; what is expected") for the first
+/// fault. Files that it names are not opened yet.
+Scenario ParseScenario(std::string_view text, const std::string& origin,
+                       const std::filesystem::path& directory);
 
 /// The same for a file on disk.
-bool LoadScenario(const std::filesystem::path& file, Scenario& scenario, std::string& error);
+Scenario LoadScenario(const std::filesystem::path& file);
 
 /// The built-in scenario, as TOML text: a phone.
 extern const std::string_view kDefaultScenario;

@@ -73,14 +73,13 @@ bool IsNameCharacter(char c) {
 
 void ReadName(TableReader& table, TapConfig& tap) {
   constexpr char kExpected[] = "1 to 4 printable characters without blanks, quotes or backslashes";
-  const toml::node* node = table.Require("name", kExpected);
-  if (node == nullptr) return;
-  const auto text = node->is_string() ? node->value<std::string>() : std::nullopt;
-  if (!text || text->empty() || text->size() > 4 || !std::ranges::all_of(*text, IsNameCharacter)) {
-    return table.Unfit(*node, "name", kExpected);
+  const toml::node& node = table.Require("name", kExpected);
+  const std::string text = table.Text(node, "name", kExpected);
+  if (text.empty() || text.size() > 4 || !std::ranges::all_of(text, IsNameCharacter)) {
+    table.Unfit(node, "name", kExpected);
   }
   for (size_t i = 0; i < 4; ++i) {
-    tap.name = tap.name << 8 | (i < text->size() ? static_cast<uint8_t>((*text)[i]) : 0u);
+    tap.name = tap.name << 8 | (i < text.size() ? static_cast<uint8_t>(text[i]) : 0u);
   }
 }
 
@@ -89,17 +88,16 @@ void ReadFormat(TableReader& table, TapConfig& tap, const toml::table& at) {
   format = {.sample_rate = 48000, .channels = 1};
   table.Read("rate", format.sample_rate, 8000, 192000);
   table.Read("channels", format.channels, 1, kMaxChannels);
-  const FormatRow* row = table.ReadChoice("format", kFormats, false);
-  if (row == nullptr) row = &kFormats[0];
-  int bits = row->default_bits;
+  const FormatRow& row = table.ReadChoice("format", kFormats, &kFormats[0]);
+  int bits = row.default_bits;
   table.Read("bits", bits, 8, 32);
-  format.data_format = static_cast<uint8_t>(row->format);
+  format.data_format = static_cast<uint8_t>(row.format);
   format.bytes_per_sample = static_cast<uint8_t>(bits / 8);
   if (bits % 8 != 0 || !EncodingOf(format)) {
     table.Fail(at, "bits",
                fmt::format("{} {} cannot be carried; expected int 16, int 32, float 32 "
                            "or sulaw 8",
-                           row->name, bits));
+                           row.name, bits));
   }
   table.Read("noninterleaved", format.noninterleaved_samples, 0, kPacketMaxPayload);
   table.Read("block_length", tap.block_length, 1, kPacketMaxPayload);
@@ -108,75 +106,72 @@ void ReadFormat(TableReader& table, TapConfig& tap, const toml::table& at) {
   }
 }
 
+void ReadCore(TableReader& table, TapConfig& tap, const Scenario& scenario) {
+  const toml::node& node = table.Require("core", "one of the scenario's cores");
+  table.Read("core", tap.core, 0, 255);
+  if (std::ranges::count(scenario.cores, tap.core) > 0) return;
+  table.Fail(node, "core",
+             fmt::format("there is no core {}; expected one of {}", tap.core,
+                         fmt::join(scenario.cores, ", ")));
+}
+
 TapConfig ReadTap(const toml::table& node, const std::string& path, const Scenario& scenario,
-                  Report& report) {
+                  const TomlOrigin& origin) {
   TapConfig tap;
-  TableReader table(node, path, report);
+  TableReader table(node, path, origin);
   ReadName(table, tap);
   table.Read("index", tap.index, 0, 255);
-  if (table.Require("core", "one of the scenario's cores") != nullptr) {
-    table.Read("core", tap.core, 0, 255);
-    if (std::ranges::count(scenario.cores, tap.core) == 0) {
-      table.Fail(*node.get("core"), "core",
-                 fmt::format("there is no core {}; expected one of {}", tap.core,
-                             fmt::join(scenario.cores, ", ")));
-    }
-  }
+  ReadCore(table, tap, scenario);
   ReadFormat(table, tap, node);
   if (const toml::table* at = table.ReadTable("source")) {
-    TableReader source(*at, path + ".source", report);
-    if (const SourceRow* row = source.ReadChoice("kind", kSources, true)) {
-      tap.source.kind = row->kind;
-      row->read(source, tap.source, tap.format);
-      source.RejectUnknownKeys();
-    }
+    TableReader source(*at, path + ".source", origin);
+    const SourceRow& row = source.ReadChoice("kind", kSources);
+    tap.source.kind = row.kind;
+    row.read(source, tap.source, tap.format);
+    source.RejectUnknownKeys();
   }
   if (const toml::table* at = table.ReadTable("sink")) {
-    TableReader sink(*at, path + ".sink", report);
-    if (const SinkRow* row = sink.ReadChoice("kind", kSinks, true)) {
-      tap.sink.kind = row->kind;
-      if (row->kind == SinkKind::kWav) sink.ReadFile("file", tap.sink.file, tap.sink.where);
-      sink.RejectUnknownKeys();
-    }
+    TableReader sink(*at, path + ".sink", origin);
+    tap.sink.kind = sink.ReadChoice("kind", kSinks).kind;
+    if (tap.sink.kind == SinkKind::kWav) sink.ReadFile("file", tap.sink.file, tap.sink.where);
+    sink.RejectUnknownKeys();
   }
   table.RejectUnknownKeys();
   return tap;
 }
 
-void ReadTaps(TableReader& root, Scenario& scenario, Report& report) {
-  const toml::node* node = root.Require("tap", "at least one [[tap]] table");
-  if (node == nullptr) return;
-  if (!node->is_array_of_tables()) return root.Unfit(*node, "tap", "[[tap]] tables");
+void ReadTaps(TableReader& root, Scenario& scenario, const TomlOrigin& origin) {
+  const toml::node& node = root.Require("tap", "at least one [[tap]] table");
+  if (!node.is_array_of_tables()) root.Unfit(node, "tap", "[[tap]] tables");
   std::set<std::tuple<uint8_t, FourCc, uint8_t>> seen;
   std::set<std::filesystem::path> files;  // of sources and sinks
-  for (const toml::node& element : *node->as_array()) {
+  for (const toml::node& element : *node.as_array()) {
     const std::string path = fmt::format("tap[{}]", scenario.taps.size());
-    TapConfig tap = ReadTap(*element.as_table(), path, scenario, report);
-    if (!seen.emplace(tap.core, tap.name, tap.index).second) {
-      report.Fail(element, path + ".name",
-                  fmt::format("core {} has a tap {} already; expected another name or index",
-                              tap.core, DisplayName(tap)));
-    }
-    scenario.taps.push_back(std::move(tap));
+    const TapConfig& tap =
+        scenario.taps.emplace_back(ReadTap(*element.as_table(), path, scenario, origin));
+    files.insert(tap.source.file.lexically_normal());
+    if (seen.emplace(tap.core, tap.name, tap.index).second) continue;
+    root.Fail(element, path + ".name",
+              fmt::format("core {} has a tap {} already; expected another name or index", tap.core,
+                          DisplayName(tap)));
   }
-  for (const TapConfig& tap : scenario.taps) files.insert(tap.source.file.lexically_normal());
   for (size_t i = 0; i < scenario.taps.size(); ++i) {
     const SinkConfig& sink = scenario.taps[i].sink;
     if (sink.kind == SinkKind::kNone || files.insert(sink.file.lexically_normal()).second) continue;
-    report.Fail(*node->as_array()->get(i), fmt::format("tap[{}].sink.file", i),
-                fmt::format("{} is a source or another sink; expected a file of its own",
-                            sink.file.string()));
+    root.Fail(*node.as_array()->get(i), fmt::format("tap[{}].sink.file", i),
+              fmt::format("{} is a source or another sink; expected a file of its own",
+                          sink.file.string()));
   }
 }
 
-void ReadFaults(TableReader& root, Scenario& scenario, Report& report) {
+void ReadFaults(TableReader& root, Scenario& scenario, const TomlOrigin& origin) {
   const toml::node* node = root.Find("fault");
   if (node == nullptr) return;
-  if (!node->is_array_of_tables()) return root.Unfit(*node, "fault", "[[fault]] tables");
+  if (!node->is_array_of_tables()) root.Unfit(*node, "fault", "[[fault]] tables");
   const FaultTargets targets = TargetsOf(scenario);
   for (const toml::node& element : *node->as_array()) {
     const std::string path = fmt::format("fault[{}]", scenario.faults.size());
-    scenario.faults.push_back(ReadFault(*element.as_table(), path, targets, report));
+    scenario.faults.push_back(ReadFault(*element.as_table(), path, targets, origin));
   }
   if (scenario.faults.size() > kMaxFaults) {
     root.Fail(*node, "fault",
@@ -213,38 +208,36 @@ std::optional<std::string> BlockProblem(const KvoxTapFormat& format, uint64_t bl
   return std::nullopt;
 }
 
-bool ParseScenario(std::string_view text, const std::string& origin,
-                   const std::filesystem::path& directory, Scenario& scenario, std::string& error) {
-  Report report{origin, directory, {}};
-  scenario = {};
+Scenario ParseScenario(std::string_view text, const std::string& origin,
+                       const std::filesystem::path& directory) {
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
-    error = fmt::format("{}:{}: syntax: {}; expected TOML", origin,
-                        parsed.error().source().begin.line, parsed.error().description());
-    return false;
+    throw std::invalid_argument(fmt::format("{}:{}: syntax: {}; expected TOML", origin,
+                                            parsed.error().source().begin.line,
+                                            parsed.error().description()));
   }
-  TableReader root(parsed.table(), "", report);
-  root.ReadList("cores", scenario.cores, 255);
-  root.ReadList("tapouts", scenario.tapouts, kMaxDevice);
-  root.ReadList("injects", scenario.injects, kMaxDevice);
-  ReadTaps(root, scenario, report);
-  ReadFaults(root, scenario, report);
+  const TomlOrigin file{origin, directory};
+  TableReader root(parsed.table(), "", file);
+  Scenario scenario;
+  scenario.cores = root.ReadList("cores", 255);
+  scenario.tapouts = root.ReadList("tapouts", kMaxDevice);
+  scenario.injects = root.ReadList("injects", kMaxDevice);
+  ReadTaps(root, scenario, file);
+  ReadFaults(root, scenario, file);
   root.RejectUnknownKeys();
-  error = report.error;
-  return !report.failed();
+  return scenario;
 }
 
-bool LoadScenario(const std::filesystem::path& file, Scenario& scenario, std::string& error) {
+Scenario LoadScenario(const std::filesystem::path& file) {
   errno = 0;
   std::ifstream stream(file, std::ios::binary);
   std::ostringstream text;
   if (stream) text << stream.rdbuf();  // which also fails, without errno, for an empty file
   if (!stream || errno != 0) {
-    error = fmt::format("{}: cannot be read ({}); expected a scenario in TOML", file.string(),
-                        std::strerror(errno));
-    return false;
+    throw std::invalid_argument(fmt::format("{}: cannot be read ({}); expected a scenario in TOML",
+                                            file.string(), std::strerror(errno)));
   }
-  return ParseScenario(text.str(), file.string(), file.parent_path(), scenario, error);
+  return ParseScenario(text.str(), file.string(), file.parent_path());
 }
 
 }  // namespace kvox::sim

@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include "sim/socket_path.h"
+#include "sim/devices/device_directory.h"
 #include "tests/sim/program.h"
 
 namespace kvox::sim {
@@ -32,7 +32,9 @@ class CtlTest : public ProgramTest {
   }
   UniqueFd Connect() const {
     UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(ConnectSocket(fd.get(), Device(".kvosim.ctl")), 0);
+    const UniqueFd directory(open(Device("").c_str(), O_PATH | O_CLOEXEC));
+    const sockaddr_un address = SocketAddress(directory, ".kvosim.ctl");
+    EXPECT_EQ(connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     return fd;
   }
 };

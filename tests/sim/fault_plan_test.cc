@@ -13,20 +13,19 @@
 namespace kvox::sim {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
+using ::testing::ThrowsMessage;
 
 constexpr uint64_t kSecond = 1'000'000'000;
 const FaultTargets kTargets{{"imic.0", "genp.1"}, {"kvo", "control", "inject0", "tapout0"}};
 
 FaultSpec Parse(const std::vector<std::string>& words) {
-  FaultSpec spec;
-  std::string error;
-  EXPECT_TRUE(ParseFault(words, kTargets, spec, error)) << error;
-  return spec;
+  return ParseFault(words, kTargets);
 }
 
 /// The numbers of the packets of a tap that are struck, one a millisecond.
@@ -98,8 +97,8 @@ TEST(FaultPlan, BeginsFaultsOfNodesByTheClockOrAPacket) {
   plan.Add(Parse({"restart", "after=1", "tap=genp.1", "count=2"}), 100);
   EXPECT_EQ(plan.NextDue(), 2 * kSecond + 100);
   EXPECT_EQ(plan.CountsOf(FaultKind::kFlap, kSecond).waiting, 1u);
-  EXPECT_THAT(plan.TakeDue(2 * kSecond + 99), IsEmpty());
-  const auto flap = plan.TakeDue(2 * kSecond + 100);
+  EXPECT_THAT(plan.StartDue(2 * kSecond + 99), IsEmpty());
+  const auto flap = plan.StartDue(2 * kSecond + 100);
   ASSERT_THAT(flap, SizeIs(1));
   EXPECT_EQ(plan.CountsOf(FaultKind::kFlap, kSecond).active, 1u);
   EXPECT_EQ(plan.NextDue(), FaultPlan::kNever);
@@ -112,13 +111,13 @@ TEST(FaultPlan, BeginsFaultsOfNodesByTheClockOrAPacket) {
   Struck(plan, "genp.1", 1);
   EXPECT_TRUE(alarm);
   EXPECT_EQ(plan.NextDue(), 0u);
-  const auto restart = plan.TakeDue(5 * kSecond);
+  const auto restart = plan.StartDue(5 * kSecond);
   ASSERT_THAT(restart, SizeIs(1));
   Struck(plan, "genp.1", 3);
-  EXPECT_THAT(plan.TakeDue(5 * kSecond), IsEmpty()) << "one at a time";
+  EXPECT_THAT(plan.StartDue(5 * kSecond), IsEmpty()) << "one at a time";
   plan.Ended(restart[0].id);
   Struck(plan, "genp.1", 1);
-  EXPECT_THAT(plan.TakeDue(5 * kSecond), SizeIs(1));
+  EXPECT_THAT(plan.StartDue(5 * kSecond), SizeIs(1));
   plan.Clear();
   EXPECT_EQ(plan.CountsOf(FaultKind::kRestart, kSecond).active, 0u);
   EXPECT_EQ(plan.CountsOf(FaultKind::kRestart, kSecond).injected, 2u);
@@ -137,9 +136,9 @@ std::vector<std::string> Script(const std::vector<std::string>& words) {
   std::vector<std::string> texts;
   for (const FaultStep& step : MakeScript(Parse(words), kTargets.devices)) {
     std::string text = std::to_string(step.at_ns / 1'000'000);
-    text += step.action == FaultStep::Action::kHold      ? "-"
-            : step.action == FaultStep::Action::kRelease ? "+"
-                                                         : "!";
+    text += step.action == FaultStep::Action::kImpair   ? "-"
+            : step.action == FaultStep::Action::kRepair ? "+"
+                                                        : "!";
     if (step.action != FaultStep::Action::kReset) text += kTargets.devices[step.device];
     texts.push_back(text);
   }
@@ -176,12 +175,10 @@ bytes = 16
 )";
 
 TEST(FaultParser, ReadsTheTablesOfAScenario) {
-  Scenario scenario;
-  std::string error;
-  ASSERT_TRUE(ParseScenario(kScenario + std::string("kind = \"tapout-error\"\nfor = 0.5\n"
-                                                    "device = \"tapout0\"\nat = 3"),
-                            "s.toml", "", scenario, error))
-      << error;
+  const Scenario scenario =
+      ParseScenario(kScenario + std::string("kind = \"tapout-error\"\nfor = 0.5\n"
+                                            "device = \"tapout0\"\nat = 3"),
+                    "s.toml", "");
   ASSERT_THAT(scenario.faults, SizeIs(2));
   EXPECT_EQ(scenario.faults[0].kind, FaultKind::kPacketJunk);
   EXPECT_EQ(scenario.faults[0].after, 10u);
@@ -202,9 +199,10 @@ TEST(FaultParser, ReadsTheTablesOfAScenario) {
       {"kind = \"inject-stall\"\ndevice = \"tapout0\"", "found 'tapout0'; expected one of inject0"},
   };
   for (const auto& row : rows) {
-    EXPECT_FALSE(ParseScenario(std::string(kScenario) + row.fault, "s.toml", "", scenario, error));
-    EXPECT_THAT(error, HasSubstr(row.message));
-    EXPECT_THAT(error, StartsWith("s.toml:"));
+    const std::string text = std::string(kScenario) + row.fault;
+    EXPECT_THAT(
+        [&] { ParseScenario(text, "s.toml", ""); },
+        ThrowsMessage<std::invalid_argument>(AllOf(StartsWith("s.toml:"), HasSubstr(row.message))));
   }
 }
 

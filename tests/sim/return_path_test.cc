@@ -124,7 +124,7 @@ TEST(RoundTrip, AfterADisturbanceTheFirstThatIsBackEndsIt) {
   RoundTrip trip;
   const Bytes audio(20, std::byte{7});
   trip.Sent(Sent(1, 10), audio);
-  trip.Disturb(kEnd);
+  trip.ExcuseLosses(kEnd);
   trip.Sent(Sent(2, 20), audio);
   trip.Returned(Sent(2, 20), audio, 30);
   trip.Sent(Sent(3, kEnd + 1), audio);
@@ -136,11 +136,11 @@ TEST(RoundTrip, AfterADisturbanceTheFirstThatIsBackEndsIt) {
   EXPECT_EQ(trip.counts().missing, 1u) << "5";
 
   uint64_t now = 20'000'000'000;
-  trip.SetTrouble(true, now);
+  trip.SetImpaired(true, now);
   trip.Sent(Sent(6, now += 1), audio);
   trip.Expire(now + 10 * RoundTrip::kPatienceNs);
   EXPECT_EQ(trip.in_flight(), 1u) << "nobody knows how long it lasts";
-  trip.SetTrouble(false, now += 50 * RoundTrip::kPatienceNs);
+  trip.SetImpaired(false, now += 50 * RoundTrip::kPatienceNs);
   trip.Returned(Sent(6, 20'000'000'001), audio, now + 1);
   EXPECT_EQ(trip.counts().unknown, 0u);
   trip.Sent(Sent(7, now + RoundTrip::kRecoveryNs), audio);

@@ -1,10 +1,11 @@
-#include "sim/coprocessor/control_point.h"
+#include "sim/coprocessor/command_handler.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "sim/devices/record_splitter.h"
 #include "tests/support/bytes.h"
 
 namespace kvox::sim {
@@ -48,25 +49,16 @@ TapListRecord ListCommand(uint8_t core, uint8_t page) {
   return {Header<TapListRecord>(CMD_KVOX_TAP_LIST_ID), core, page, {}, {}};
 }
 
-class ControlPointTest : public ::testing::Test {
+class CommandHandlerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Scenario scenario;
-    std::string error;
-    ASSERT_TRUE(ParseScenario(kScenario, "s.toml", "", scenario, error)) << error;
-    co_processor_ = CoProcessor::Create(scenario, error);
-    ASSERT_NE(co_processor_, nullptr) << error;
-    control_ = std::make_unique<ControlPoint>(*co_processor_, journal_);
-  }
-
   template <typename Record>
-  Record Answer(Record record) {
-    control_->Answer(std::as_writable_bytes(std::span(&record, 1)));
+  Record ReplyTo(Record record) {
+    handler_.Handle(std::as_writable_bytes(std::span(&record, 1)));
     return record;
   }
   template <typename Record>
   int StatusOf(Record record) {
-    const Record reply = Answer(record);
+    const Record reply = ReplyTo(record);
     EXPECT_EQ(reply.header.opcode, record.header.opcode);
     EXPECT_EQ(reply.header.size, record.header.size);
     EXPECT_EQ(reply.header.seq, 77);
@@ -74,11 +66,11 @@ class ControlPointTest : public ::testing::Test {
   }
 
   Journal journal_;
-  std::unique_ptr<CoProcessor> co_processor_;
-  std::unique_ptr<ControlPoint> control_;
+  CoProcessor co_processor_{ParseScenario(kScenario, "s.toml", "")};
+  CommandHandler handler_{co_processor_, journal_};
 };
 
-TEST_F(ControlPointTest, RefusalsHaveTheirStatusAndChangeNothing) {
+TEST_F(CommandHandlerTest, RefusalsHaveTheirStatusAndChangeNothing) {
   const TapAddress no_tap{.tap = kMic.tap, .index = 0, .core = 3};
   const TapAddress no_core{.tap = kMic.tap, .index = 0, .core = 4};
   auto unknown = EnableCommand(kMic, 1);
@@ -95,25 +87,25 @@ TEST_F(ControlPointTest, RefusalsHaveTheirStatusAndChangeNothing) {
   EXPECT_EQ(StatusOf(unknown), -38);
   EXPECT_EQ(StatusOf(wrong_size), -90);
 
-  const Tap& mic = *co_processor_->Find(kMic);
+  const Tap& mic = *co_processor_.Find(kMic);
   EXPECT_FALSE(mic.enabled);
   EXPECT_EQ(mic.tapout, kNoBuffer);
   EXPECT_EQ(mic.block_length, 480u);
-  EXPECT_EQ(control_->counts().at({CMD_KVOX_TAP_BIND_ID, -19}), 2u);
+  EXPECT_EQ(handler_.counts().at({CMD_KVOX_TAP_BIND_ID, -19}), 2u);
 }
 
-TEST_F(ControlPointTest, OfSeveralTapsOnOneDeviceTheLastEnabledHasIt) {
-  Answer(BindCommand(kMic, 20, 20));
-  EXPECT_EQ(co_processor_->StreamingInto(20), nullptr);
-  EXPECT_EQ(co_processor_->ReceivingFrom(20), co_processor_->Find(kMic));
-  Answer(EnableCommand(kMic, 1));
-  Answer(BindCommand(kAux3, 20, 20));
-  EXPECT_EQ(co_processor_->StreamingInto(20), co_processor_->Find(kMic));
-  EXPECT_EQ(co_processor_->ReceivingFrom(20), co_processor_->Find(kMic));
-  Answer(EnableCommand(kAux3, 1));
-  EXPECT_EQ(co_processor_->StreamingInto(20), co_processor_->Find(kAux3));
-  Answer(EnableCommand(kAux3, 0));
-  EXPECT_EQ(co_processor_->StreamingInto(20), co_processor_->Find(kMic));
+TEST_F(CommandHandlerTest, OfSeveralTapsOnOneDeviceTheLastEnabledHasIt) {
+  ReplyTo(BindCommand(kMic, 20, 20));
+  EXPECT_EQ(co_processor_.StreamingInto(20), nullptr);
+  EXPECT_EQ(co_processor_.ReceivingFrom(20), co_processor_.Find(kMic));
+  ReplyTo(EnableCommand(kMic, 1));
+  ReplyTo(BindCommand(kAux3, 20, 20));
+  EXPECT_EQ(co_processor_.StreamingInto(20), co_processor_.Find(kMic));
+  EXPECT_EQ(co_processor_.ReceivingFrom(20), co_processor_.Find(kMic));
+  ReplyTo(EnableCommand(kAux3, 1));
+  EXPECT_EQ(co_processor_.StreamingInto(20), co_processor_.Find(kAux3));
+  ReplyTo(EnableCommand(kAux3, 0));
+  EXPECT_EQ(co_processor_.StreamingInto(20), co_processor_.Find(kMic));
 }
 
 template <typename Record>
