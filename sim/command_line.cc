@@ -4,7 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
-#include <optional>
+#include <limits>
 
 #include "sim/coprocessor/pacer.h"
 
@@ -16,24 +16,16 @@ Example: a phone in a directory of its own, for ten seconds
   export KVOX_DEV_DIR=$HOME/phone && mkdir -p $KVOX_DEV_DIR
   kvosim --print --seconds 10)";
 
-constexpr double kMost = 1'000'000;
+constexpr double kMaxNumber = 1'000'000;
 
-std::optional<double> ParseNumber(const std::string& text) {
-  char* end = nullptr;
-  const double value = std::strtod(text.c_str(), &end);
-  return end != text.c_str() && *end == '\0' ? std::optional(value) : std::nullopt;
-}
-
-/// Both answer what is wrong, or "".
-std::string CheckSeconds(const std::string& text) {
-  const auto value = ParseNumber(text);
-  if (value && *value > 0 && *value <= kMost) return "";
-  return fmt::format("found {}; expected a number above 0, {} at most", text, kMost);
-}
-std::string CheckSpeed(const std::string& text) {
-  const auto value = ParseNumber(text);
-  if (value && *value >= kLeastSpeed && *value <= kMost) return "";
-  return fmt::format("found {}; expected a number from {} to {}", text, kLeastSpeed, kMost);
+/// A check for numbers from `low` on.
+auto CheckNumber(double low, const std::string& expected) {
+  return [=](const std::string& text) -> std::string {
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    if (end != text.c_str() && *end == '\0' && value >= low && value <= kMaxNumber) return "";
+    return fmt::format("found {}; expected a number {}", text, expected);
+  };
 }
 
 /// The parser has an empty line before it already.
@@ -45,27 +37,28 @@ std::string Footer(const std::string& text) {
 
 void Describe(CLI::App& app, CommandLine& line) {
   app.set_version_flag("--version", "kvosim " KVOX_VERSION, "Show the version");
-  app.set_help_flag("-h,--help", "Show this");
-  app.add_option("--scenario", line.scenario, "What to simulate (TOML); a phone when not given")
+  app.set_help_flag("-h,--help", "Show this help");
+  app.add_option("--scenario", line.scenario, "What to simulate (TOML); default: a phone")
       ->type_name("FILE");
-  app.add_option("--write-default", line.write_default, "Write the built-in scenario and end")
+  app.add_option("--write-default", line.write_default, "Write the built-in scenario and exit")
       ->type_name("FILE|-");
-  app.add_option("--speed", line.run.stream.speed, "Times faster than real time (1)")
+  app.add_option("--speed", line.run.stream.speed, "N times faster than real time (1)")
       ->type_name("N")
-      ->check(CheckSpeed);
+      ->check(CheckNumber(kMinSpeed, fmt::format("from {} to {}", kMinSpeed, kMaxNumber)));
   app.add_flag("--keep-rate", line.run.stream.keep_rate,
-               "Packets tell their sample rate at any speed");
-  app.add_option("--seconds", line.run.seconds, "End after this time")
+               "Packets carry their sample rate at any speed");
+  app.add_option("--seconds", line.run.seconds, "Exit after N seconds")
       ->type_name("N")
-      ->check(CheckSeconds);
-  app.add_flag("--print", line.run.print, "Tell what runs, every change, and the counters");
-  app.add_option("--stats", line.run.stats, "Write the counters there as JSON")->type_name("FILE");
+      ->check(CheckNumber(std::numeric_limits<double>::denorm_min(),
+                          fmt::format("above 0, {} at most", kMaxNumber)));
+  app.add_flag("--print", line.run.print, "Print what runs, every change, and the counters");
+  app.add_option("--stats", line.run.stats, "Write the counters as JSON")->type_name("FILE");
   CLI::App* compare = app.add_subcommand("compare", "Compare a recording with what was played");
   compare->add_option("SOURCE", line.source, "What was played")->required();
   compare->add_option("RECORDED", line.recorded, "What arrived")->required();
-  compare->add_flag("--skip-silence", line.skip_silence, "Pass over silence before the recording");
-  CLI::App* ctl = app.add_subcommand("ctl", "Command the simulator that runs");
-  ctl->add_option("COMMAND", line.command, "The command and its words")
+  compare->add_flag("--skip-silence", line.skip_silence, "Skip silence before the recording");
+  CLI::App* ctl = app.add_subcommand("ctl", "Send a command to the running simulator");
+  ctl->add_option("COMMAND", line.command, "The command and its arguments")
       ->required()
       ->expected(1, -1);
   ctl->footer(Footer(HelpSection("Commands", CtlCommands())));
@@ -78,8 +71,8 @@ std::vector<HelpRow> CtlCommands() {
   return {
       {"status", "Show the counters, as --stats writes them"},
       {"fault KIND [KEY=VALUE...]", "Set a fault, at once unless it has a trigger"},
-      {"clear", "End all faults, also those that wait"},
-      {"restore", "Bring back every node that a fault took away"},
+      {"clear", "End all faults, also those that are pending"},
+      {"restore", "Bring back every node that a fault removed"},
       {"end", "End the simulator"},
   };
 }

@@ -1,4 +1,3 @@
-#include "sim/ctl_client.h"
 
 #include <fcntl.h>
 #include <fmt/ranges.h>
@@ -9,7 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "sim/ctl_server.h"
+#include "sim/ctl.h"
 #include "sim/output.h"
 
 namespace kvox::sim {

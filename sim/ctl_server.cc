@@ -1,4 +1,4 @@
-#include "sim/ctl_server.h"
+#include "sim/ctl.h"
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
@@ -14,6 +14,11 @@
 #include <utility>
 
 namespace kvox::sim {
+namespace {
+
+constexpr uint64_t kResumeNs = 1'000'000'000;
+
+}  // namespace
 
 /// One connection: takes a line, then sends the reply.
 class CtlServer::Client {
@@ -26,7 +31,7 @@ class CtlServer::Client {
     // Room for one byte more than a line may have, by which a longer one is noticed.
     bufferevent_setwatermark(socket_.get(), EV_READ, 0, kMaxLine + 1);
     bufferevent_enable(socket_.get(), EV_READ);
-    timeout_.AddIn(kTimeoutNs);
+    timeout_.AddIn(server.timeout_ns_);
   }
 
  private:
@@ -70,9 +75,11 @@ class CtlServer::Client {
   bool exit_ = false;
 };
 
-CtlServer::CtlServer(event_base* base, DeviceDirectory& directory, Handler handler)
+CtlServer::CtlServer(event_base* base, DeviceDirectory& directory, Handler handler,
+                     uint64_t timeout_ns)
     : base_(base),
       handler_(std::move(handler)),
+      timeout_ns_(timeout_ns),
       resume_(base, -1, 0, [this] { evconnlistener_enable(listener_.get()); }) {
   UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket.valid()) {
@@ -96,7 +103,7 @@ CtlServer::CtlServer(event_base* base, DeviceDirectory& directory, Handler handl
   // Out of descriptors: without a pause it would be called again and again.
   evconnlistener_set_error_cb(listener_.get(), [](evconnlistener* listener, void* self) {
     evconnlistener_disable(listener);
-    static_cast<CtlServer*>(self)->resume_.AddIn(kTimeoutNs);
+    static_cast<CtlServer*>(self)->resume_.AddIn(kResumeNs);
   });
 }
 

@@ -1,4 +1,4 @@
-// One thing that the event loop waits for: a descriptor, a signal or a point in time.
+// Something that the event loop waits for: a descriptor, a signal or a point in time.
 #pragma once
 
 #include <event2/event.h>
@@ -12,8 +12,8 @@ namespace kvox::sim {
 
 class Event {
  public:
-  /// `what` is of libevent's EV_ flags; `call` runs on the loop's thread. The event is not added
-  /// yet; it is taken back when this object goes. `base` outlives it.
+  /// `what` are libevent's EV_ flags; `call` runs on the loop's thread. The event is not pending
+  /// before Add(). `base` outlives it.
   Event(event_base* base, int fd, short what, std::function<void()> call)
       : call_(std::move(call)), event_(event_new(base, fd, what, &Event::Run, this)) {}
   Event(const Event&) = delete;

@@ -1,4 +1,4 @@
-// kvosim: stands for the co-processor on a machine that has none. docs/simulator.md is its manual.
+// kvosim: simulates the co-processor on a machine without one. docs/simulator.md is its manual.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -6,11 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
 #include <stdexcept>
 
 #include "sim/audio/compare.h"
 #include "sim/command_line.h"
-#include "sim/ctl_client.h"
 #include "sim/output.h"
 #include "sim/simulator.h"
 
@@ -26,13 +27,10 @@ int Fail(int status, std::string_view problem) {
 }
 
 int WriteDefault(const std::filesystem::path& path) {
-  FILE* file = path == "-" ? stdout : std::fopen(path.c_str(), "we");
-  bool written = file != nullptr && std::fwrite(kDefaultScenario.data(), 1, kDefaultScenario.size(),
-                                                file) == kDefaultScenario.size();
-  if (file != nullptr && (file == stdout ? std::fflush(file) : std::fclose(file)) != 0) {
-    written = false;
-  }
-  if (written) return 0;
+  std::ofstream file;
+  if (path != "-") file.open(path);
+  std::ostream& out = path == "-" ? std::cout : file;
+  if (out << kDefaultScenario << std::flush) return 0;
   return Fail(kUsage, fmt::format("--write-default: {} cannot be written ({}); expected a file "
                                   "or - for standard output",
                                   path.string(), std::strerror(errno)));
@@ -51,7 +49,7 @@ int Simulate(CommandLine& line) {
                                       : LoadScenario(line.scenario));
     return simulator.Run() ? 0 : kFailed;
   } catch (const std::invalid_argument& error) {
-    // What is wrong with a scenario begins with its file and line, as editors like it.
+    // It begins with file and line, for editors.
     Print(stderr, "{}\n", error.what());
     return kUsage;
   } catch (const std::runtime_error& error) {

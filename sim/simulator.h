@@ -14,7 +14,7 @@
 
 #include "sim/coprocessor/co_processor.h"
 #include "sim/coprocessor/command_handler.h"
-#include "sim/ctl_server.h"
+#include "sim/ctl.h"
 #include "sim/devices/device_directory.h"
 #include "sim/devices/device_set.h"
 #include "sim/event.h"

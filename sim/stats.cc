@@ -41,7 +41,7 @@ uint64_t MeanLatency(const Tap& tap) {
   return counts.back == 0 ? 0 : counts.latency_sum_ns / counts.back;
 }
 
-/// Figures that cannot be summed up.
+/// Counters without a sum.
 constexpr Column kGauges[] = {
     {"exact_in_row", [](const Tap& tap) { return tap.round_trip.counts().exact_in_row; }},
     {"late_max_us", [](const Tap& tap) { return tap.counts.max_late_ns / 1000; }},
@@ -62,7 +62,7 @@ std::string BufferJson(uint8_t buffer) {
   return buffer == kNoBuffer ? "null" : std::to_string(buffer);
 }
 
-/// Joins what `text` makes of every element.
+/// Joins `text(element)` of every element.
 template <typename Range, typename Text>
 std::string Join(const Range& range, std::string_view separator, Text text) {
   std::string joined;
@@ -109,7 +109,7 @@ bool IsQuiet(const Tap& tap) {
   return std::ranges::all_of(kCounters, [&](const Column& each) { return each.value(tap) == 0; });
 }
 
-/// One line a tap that did anything; columns without a count are left out.
+/// A line for each tap with packets; columns of zeros are left out.
 std::string TapCountersTable(const CoProcessor& co_processor) {
   std::vector<Column> columns;
   for (const Column& column : kCounters) {
@@ -164,19 +164,14 @@ std::string StatsJson(const Stats& stats) {
   const auto total = [&](const Column& column) {
     return fmt::format(R"("{}": {})", column.name, Total(column, *stats.co_processor));
   };
-  return fmt::format(R"({{"version": "{}", "seconds": {:.3f}, "speed": {},)"
-                     "\n"
-                     R"( "control": {{"commands": [{}], "junk_bytes": {}, "replies_dropped": {}}},)"
-                     "\n"
-                     R"( "taps": [{}],)"
-                     "\n"
-                     R"( "injects": [{}],)"
-                     "\n"
-                     R"( "faults": [{}],)"
-                     "\n"
-                     R"( "totals": {{{}}}}})"
-                     "\n",
-                     KVOX_VERSION, stats.seconds, stats.speed,
+  static constexpr char kFormat[] = R"({{"version": "{}", "seconds": {:.3f}, "speed": {},
+ "control": {{"commands": [{}], "junk_bytes": {}, "replies_dropped": {}}},
+ "taps": [{}],
+ "injects": [{}],
+ "faults": [{}],
+ "totals": {{{}}}}}
+)";
+  return fmt::format(kFormat, KVOX_VERSION, stats.seconds, stats.speed,
                      Join(stats.commands, ", ", CommandJson), stats.junk_bytes,
                      stats.replies_dropped, Join(stats.co_processor->taps(), ",\n  ", TapJson),
                      Join(stats.injects, ", ", InjectJson), Join(stats.faults, ",\n  ", FaultJson),

@@ -1,5 +1,5 @@
-// What the simulator counted, as tables for people and as JSON for programs. docs/simulator.md
-// defines the JSON keys. Pure.
+// The simulator's counters, as tables for people and as JSON for programs. docs/simulator.md
+// defines the JSON keys.
 #pragma once
 
 #include <cstdint>
@@ -29,10 +29,10 @@ struct Stats {
 /// One JSON object and a newline.
 std::string StatsJson(const Stats& stats);
 
-/// Tables of what is not zero.
+/// Tables without what is zero.
 std::string StatsTable(const Stats& stats);
 
-/// What is simulated: cores, taps with format, source and sink, devices.
+/// Cores, taps with format, source and sink, and devices.
 std::string ScenarioTable(const CoProcessor& co_processor, const std::filesystem::path& directory,
                           double speed);
 

@@ -1,8 +1,8 @@
 // The TOML library, made safe for what is not ASCII. Instead of <toml++/toml.h>.
 //
-// The library asks of every character between two words whether it is a blank, and for most letters
-// of other alphabets its tables then run into what they hold to be unreachable: undefined
-// behaviour, at the mercy of whoever writes the file. Such a character is simply no blank.
+// For most characters outside of ASCII the library's test for blanks runs into code that it
+// declares unreachable: undefined behaviour, which any file can cause. Such a character is simply
+// no blank.
 #pragma once
 
 #ifndef TOML_EXCEPTIONS

@@ -5,11 +5,10 @@
 
 namespace kvox::sim {
 
-/// Compares the samples of `source`, from its first on, with those at the start of `recorded`; with
-/// `skip_silence` with those at the place where the first sound of both falls together. The shorter
-/// of both ends the comparison. A source with one channel is compared with every channel.
-/// Says on standard output how it went. Answers 0 when every sample is the same and there was at
-/// least one, 1 when not, 2 when a file cannot be read (told on standard error).
+/// Compares `source` with the start of `recorded`; with `skip_silence` the first sound of both is
+/// aligned. The shorter file ends the comparison. A source with one channel is compared with every
+/// channel. Prints the result on standard output. Returns 0 when every sample is the same and there
+/// was at least one, 1 when not, 2 when a file cannot be read (the reason is on standard error).
 int CompareFiles(const std::filesystem::path& source, const std::filesystem::path& recorded,
                  bool skip_silence);
 

@@ -35,26 +35,27 @@ void Put(Sample sample, std::byte* at) {
   std::memcpy(at, &sample, sizeof sample);
 }
 
-/// Calls `move(interleaved offset, offset in runs)` for every sample of `size` bytes of audio.
-template <typename Move>
-void ForEachSample(const KvoxTapFormat& format, size_t size, Move move) {
+/// Copies a block from one layout into the other: into runs, or out of them.
+void Convert(const KvoxTapFormat& format, std::span<const std::byte> from, std::span<std::byte> to,
+             bool into_runs) {
+  if (format.noninterleaved_samples <= 1 || format.channels <= 1 || FrameSize(format) == 0) {
+    std::ranges::copy(from, to.begin());
+    return;
+  }
   const size_t width = format.bytes_per_sample;
   const size_t channels = format.channels;
-  const size_t frames = size / (width * channels);
-  const size_t run = std::max<size_t>(format.noninterleaved_samples, 1);
-  for (size_t chunk = 0; chunk < frames; chunk += run) {
-    const size_t length = std::min(run, frames - chunk);
+  const size_t frames = to.size() / FrameSize(format);
+  for (size_t run = 0; run < frames; run += format.noninterleaved_samples) {
+    const size_t length = std::min<size_t>(format.noninterleaved_samples, frames - run);
     for (size_t channel = 0; channel < channels; ++channel) {
       for (size_t i = 0; i < length; ++i) {
-        move(((chunk + i) * channels + channel) * width,
-             (chunk * channels + channel * length + i) * width);
+        const size_t interleaved = ((run + i) * channels + channel) * width;
+        const size_t in_runs = (run * channels + channel * length + i) * width;
+        std::memcpy(&to[into_runs ? in_runs : interleaved],
+                    &from[into_runs ? interleaved : in_runs], width);
       }
     }
   }
-}
-
-bool IsInterleaved(const KvoxTapFormat& format) {
-  return format.noninterleaved_samples <= 1 || format.channels <= 1 || FrameSize(format) == 0;
 }
 
 }  // namespace
@@ -94,24 +95,12 @@ void StoreSample(Encoding encoding, double value, std::byte* at) {
 
 void LayOut(const KvoxTapFormat& format, std::span<const std::byte> interleaved,
             std::span<std::byte> block) {
-  if (IsInterleaved(format)) {
-    std::ranges::copy(interleaved, block.begin());
-    return;
-  }
-  ForEachSample(format, block.size(), [&](size_t from, size_t to) {
-    std::memcpy(&block[to], &interleaved[from], format.bytes_per_sample);
-  });
+  Convert(format, interleaved, block, true);
 }
 
 void Interleave(const KvoxTapFormat& format, std::span<const std::byte> block,
                 std::span<std::byte> interleaved) {
-  if (IsInterleaved(format)) {
-    std::ranges::copy(block, interleaved.begin());
-    return;
-  }
-  ForEachSample(format, block.size(), [&](size_t to, size_t from) {
-    std::memcpy(&interleaved[to], &block[from], format.bytes_per_sample);
-  });
+  Convert(format, block, interleaved, false);
 }
 
 }  // namespace kvox::sim

@@ -1,7 +1,6 @@
 // Samples as the packets carry them: the four encodings a tap can have, and the two layouts of a
-// block. Interleaved, the samples of one frame stand together; in runs, `noninterleaved_samples`
-// samples of one channel stand together before those of the next channel.
-// Pure functions, callable from any thread.
+// block: interleaved, or runs of `noninterleaved_samples` samples of one channel before those of
+// the next. Callable from any thread.
 #pragma once
 
 #include <cstddef>
@@ -24,12 +23,12 @@ void StoreSample(Encoding encoding, double value, std::byte* at);
 /// The eight bits of G.711 µ-law for a 16-bit sample.
 uint8_t EncodeUlaw(int16_t sample);
 
-/// Lays an interleaved block out as `format` says. Both spans hold the same whole number of frames;
-/// the last run is shorter when the frames are no multiple of the run.
+/// Converts an interleaved block to the layout of `format`. Both spans hold the same whole number
+/// of frames; the last run is shorter when the frames are no multiple of the run.
 void LayOut(const KvoxTapFormat& format, std::span<const std::byte> interleaved,
             std::span<std::byte> block);
 
-/// The way back: makes the block of a packet interleaved.
+/// The way back.
 void Interleave(const KvoxTapFormat& format, std::span<const std::byte> block,
                 std::span<std::byte> interleaved);
 

@@ -12,8 +12,8 @@
 namespace kvox::sim {
 namespace {
 
-/// `Generator` gives a value from -1 to 1 for the n-th frame or, where the channels differ, for the
-/// n-th sample.
+/// `Generator` returns a value from -1 to 1 for the n-th frame or, where the channels differ, for
+/// the n-th sample.
 template <typename Generator>
 class Synthesizer : public Source {
  public:
@@ -21,11 +21,11 @@ class Synthesizer : public Source {
       : encoding_(*EncodingOf(format)),
         width_(format.bytes_per_sample),
         copies_(channels_differ ? 1 : format.channels),
-        values_a_frame_(channels_differ ? format.channels : 1),
+        values_per_frame_(channels_differ ? format.channels : 1),
         generator_(std::move(generator)) {}
 
   void Read(uint64_t frame, std::span<std::byte> block) override {
-    uint64_t n = frame * values_a_frame_;
+    uint64_t n = frame * values_per_frame_;
     for (size_t at = 0; at < block.size(); at += width_ * copies_, ++n) {
       StoreSample(encoding_, generator_(n), &block[at]);
       for (size_t copy = 1; copy < copies_; ++copy) {
@@ -38,7 +38,7 @@ class Synthesizer : public Source {
   const Encoding encoding_;
   const size_t width_;   // of a sample, in bytes
   const size_t copies_;  // of each value, one a channel
-  const size_t values_a_frame_;
+  const size_t values_per_frame_;
   const Generator generator_;
 };
 
@@ -46,7 +46,7 @@ double Amplitude(double level) {
   return std::pow(10.0, level / 20);
 }
 
-/// The phase is taken from the frame's number, never summed up, so that it cannot drift.
+/// The phase follows from the frame's number and is never summed up, so it cannot drift.
 auto Sine(const SourceConfig& source, double rate) {
   return [level = Amplitude(source.level), step = source.frequency / rate](uint64_t n) {
     const double turns = step * static_cast<double>(n);
@@ -54,7 +54,7 @@ auto Sine(const SourceConfig& source, double rate) {
   };
 }
 
-/// Linear, and from the start again when it is through.
+/// Linear, and repeated.
 auto Sweep(const SourceConfig& source, double rate) {
   const auto frames = static_cast<uint64_t>(std::max(1.0, std::round(source.seconds * rate)));
   const double slope = (source.to - source.from) / (static_cast<double>(frames) / rate);
@@ -64,7 +64,7 @@ auto Sweep(const SourceConfig& source, double rate) {
   };
 }
 
-/// White noise: the sample's number, thoroughly mixed (the finaliser of splitmix64).
+/// White noise: a hash of the sample's number (the finaliser of splitmix64).
 auto Noise(const SourceConfig& source) {
   return [level = Amplitude(source.level), seed = source.seed](uint64_t n) {
     uint64_t z = (n + 1) * 0x9E3779B97F4A7C15u + seed * 0xD1342543DE82EF95u;

@@ -1,6 +1,6 @@
-// The audio that a tap delivers. A source answers for any stretch of its audio at any time and
-// always gives the same samples for it, so that skipped blocks cost nothing and two runs of a
-// scenario are alike. One thread at a time.
+// The audio that a tap delivers. A source can be read at any position and always has the same
+// samples there, so that skipped blocks cost nothing and two runs of a scenario are alike. One
+// thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -22,8 +22,8 @@ class Source {
   virtual void Read(uint64_t frame, std::span<std::byte> block) = 0;
 };
 
-/// The source of a tap that passed the scenario's checks. Null when its file does not fit the tap:
-/// `error` then says where the scenario names it, what is wrong and what is expected.
+/// Null when the tap's file cannot be used: `error` then says where the scenario names it, what is
+/// wrong and what is expected.
 std::unique_ptr<Source> MakeSource(const TapConfig& tap, std::string& error);
 
 /// The same for a tap with a WAV source.

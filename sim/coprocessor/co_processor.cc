@@ -54,25 +54,26 @@ Tap* CoProcessor::Find(const TapAddress& address) {
   return found == taps_.end() ? nullptr : &*found;
 }
 
-Tap* CoProcessor::StreamingInto(uint8_t tapout) {
-  Tap* best = nullptr;
+/// Of the taps that match the one that was enabled or bound last, enabled ones first.
+template <typename Matches>
+Tap* CoProcessor::Latest(Matches matches) {
+  Tap* latest = nullptr;
   for (Tap& tap : taps_) {
-    if (!tap.enabled || tap.tapout != tapout) continue;
-    if (best == nullptr || tap.changed > best->changed) best = &tap;
+    if (!matches(tap)) continue;
+    if (latest == nullptr ||
+        std::tie(tap.enabled, tap.changed) > std::tie(latest->enabled, latest->changed)) {
+      latest = &tap;
+    }
   }
-  return best;
+  return latest;
+}
+
+Tap* CoProcessor::StreamingInto(uint8_t tapout) {
+  return Latest([&](const Tap& tap) { return tap.enabled && tap.tapout == tapout; });
 }
 
 Tap* CoProcessor::ReceivingFrom(uint8_t inject) {
-  Tap* best = nullptr;
-  for (Tap& tap : taps_) {
-    if (tap.inject != inject) continue;
-    if (best == nullptr ||
-        std::tie(tap.enabled, tap.changed) > std::tie(best->enabled, best->changed)) {
-      best = &tap;
-    }
-  }
-  return best;
+  return Latest([&](const Tap& tap) { return tap.inject == inject; });
 }
 
 }  // namespace kvox::sim

@@ -78,6 +78,9 @@ class CoProcessor {
   void Touch(Tap& tap) { tap.changed = ++changes_; }
 
  private:
+  template <typename Matches>
+  Tap* Latest(Matches matches);
+
   const Scenario scenario_;
   std::vector<Tap> taps_;
   uint64_t changes_ = 0;

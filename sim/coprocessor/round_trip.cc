@@ -6,7 +6,7 @@
 namespace kvox::sim {
 namespace {
 
-uint64_t Fingerprint(std::span<const std::byte> payload) {
+uint64_t Hash(std::span<const std::byte> payload) {
   uint64_t hash = payload.size();
   for (size_t at = 0; at < payload.size(); at += sizeof(uint64_t)) {
     uint64_t word = 0;
@@ -26,20 +26,20 @@ bool AllZero(std::span<const std::byte> payload) {
 void RoundTrip::Sent(const KvoxPacketHeader& header, std::span<const std::byte> payload,
                      bool excused) {
   Expire(header.stamp);
-  if (entries_.size() == kMemory) Forget();
+  if (entries_.size() == kMaxEntries) Forget();
   entries_.push_back({.stamp = header.stamp,
                       .packet_num = header.packet_num,
                       .silent = AllZero(payload),
                       .returned = false,
                       .excused = excused || Excuses(header.stamp),
                       .passed = false,
-                      .fingerprint = Fingerprint(payload)});
+                      .hash = Hash(payload)});
   ++in_flight_;
 }
 
 bool RoundTrip::Excuses(uint64_t stamp) const {
-  const bool recovers = recovering_ && stamp < disturbed_until_ns_ + kRecoveryNs;
-  return impaired_ || stamp < disturbed_until_ns_ || recovers;
+  const bool recovers = recovering_ && stamp < losses_until_ns_ + kRecoveryNs;
+  return impaired_ || stamp < losses_until_ns_ || recovers;
 }
 
 void RoundTrip::Returned(const KvoxPacketHeader& header, std::span<const std::byte> payload,
@@ -55,19 +55,19 @@ void RoundTrip::Returned(const KvoxPacketHeader& header, std::span<const std::by
   }
   entry->returned = true;
   --in_flight_;
-  if (!impaired_ && entry->stamp >= disturbed_until_ns_) recovering_ = false;
+  if (!impaired_ && entry->stamp >= losses_until_ns_) recovering_ = false;
   const uint64_t latency = now_ns - entry->stamp;
   const bool first = counts_.back == 0;
   counts_.latency_min_ns = first ? latency : std::min(counts_.latency_min_ns, latency);
   counts_.latency_max_ns = std::max(counts_.latency_max_ns, latency);
   counts_.latency_sum_ns += latency;
   ++counts_.back;
-  NoteRow(*entry);
-  Judge(*entry, payload);
+  CheckOrder(*entry);
+  Classify(*entry, payload);
 }
 
-void RoundTrip::Judge(const Entry& entry, std::span<const std::byte> payload) {
-  if (entry.fingerprint == Fingerprint(payload)) {
+void RoundTrip::Classify(const Entry& entry, std::span<const std::byte> payload) {
+  if (entry.hash == Hash(payload)) {
     ++counts_.exact;
     ++counts_.exact_in_row;
     return;
@@ -82,8 +82,8 @@ void RoundTrip::Judge(const Entry& entry, std::span<const std::byte> payload) {
   }
 }
 
-/// Packets come back in the order of sending: what was sent before and is not back breaks the row.
-void RoundTrip::NoteRow(const Entry& returned) {
+/// Packets return in the order of sending: an earlier one that has not returned breaks the row.
+void RoundTrip::CheckOrder(const Entry& returned) {
   for (Entry& entry : entries_) {
     if (&entry == &returned) return;
     if (entry.returned || entry.passed) continue;
@@ -94,7 +94,7 @@ void RoundTrip::NoteRow(const Entry& returned) {
 
 void RoundTrip::ExcuseLosses(uint64_t until_ns) {
   recovering_ = true;
-  disturbed_until_ns_ = std::max(disturbed_until_ns_, until_ns);
+  losses_until_ns_ = std::max(losses_until_ns_, until_ns);
   for (Entry& entry : entries_) entry.excused = true;
 }
 
@@ -107,8 +107,8 @@ void RoundTrip::SetImpaired(bool impaired, uint64_t now_ns) {
 void RoundTrip::Expire(uint64_t now_ns) {
   const auto overdue = [&](const Entry& entry) {
     if (entry.excused && impaired_) return false;
-    const uint64_t from = std::max(entry.stamp, entry.excused ? disturbed_until_ns_ : 0);
-    return from + kPatienceNs < now_ns;
+    const uint64_t from = std::max(entry.stamp, entry.excused ? losses_until_ns_ : 0);
+    return from + kTimeoutNs < now_ns;
   };
   while (!entries_.empty() && (entries_.front().returned || overdue(entries_.front()))) Forget();
 }

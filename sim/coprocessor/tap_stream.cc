@@ -8,7 +8,7 @@
 namespace kvox::sim {
 namespace {
 
-/// Packets that a stream sends before others get their turn.
+/// Packets that a stream sends before others run.
 constexpr int kBatch = 64;
 
 }  // namespace
@@ -48,11 +48,11 @@ uint64_t TapStream::Run(uint64_t now_ns) {
     return now_ns + kReaderPollNs;
   }
   const uint64_t due = pacer_.NextDue(length);
-  return queue_.empty() ? due : std::min(due, queue_.front().go_ns);
+  return queue_.empty() ? due : std::min(due, queue_.front().send_ns);
 }
 
-/// Begins and ends the stream as readers come and go. The pacer runs on in between, to count what
-/// nobody hears.
+/// Starts and ends the stream as readers come and go. The pacer runs on in between, to count
+/// packets that nobody hears.
 bool TapStream::LookForReader(uint64_t now_ns) {
   const bool heard = port_.HasReader();
   if (heard && running_) return true;
@@ -69,13 +69,13 @@ bool TapStream::LookForReader(uint64_t now_ns) {
   packet_num_ = 0;
   pacer_.Start(now_ns);
   ++tap_.counts.streams;
-  at_begin_ = tap_.counts;
+  at_start_ = tap_.counts;
   early_ = plan_.GoesEarly(name_, now_ns);
   journal_.Log("{}: stream into tap-out {} begins", tap_.Name(), tapout_);
   return true;
 }
 
-/// Makes the packet of the next block, and of it what the faults want.
+/// Makes the packet of the next block and applies faults to it.
 void TapStream::QueueOne(uint64_t now_ns) {
   const auto struck = plan_.OnPacket(name_, now_ns);
   OutPacket packet = Build(struck);
@@ -83,7 +83,7 @@ void TapStream::QueueOne(uint64_t now_ns) {
   if (early_) packet.excused = std::max(packet.excused, 1 + kReaderRecovery);
   pacer_.Advance(tap_.block_length);
   early_ = plan_.GoesEarly(name_, now_ns);
-  Hold(packet, now_ns);
+  Schedule(packet, now_ns);
   if (packet.copies == 0) {
     ++tap_.counts.withheld;
   } else if (queue_.size() == kMaxHeld) {
@@ -115,15 +115,15 @@ OutPacket TapStream::Build(std::span<const FaultSpec> struck) {
   return packet;
 }
 
-/// Decides when it goes: never before the one in front of it. What is held up, and what follows,
-/// need not come back.
-void TapStream::Hold(OutPacket& packet, uint64_t now_ns) {
-  packet.go_ns = now_ns + packet.delay_ns;
+/// Decides when it is sent: never before the one in front of it. Packets that are held up, and
+/// those that follow, need not come back.
+void TapStream::Schedule(OutPacket& packet, uint64_t now_ns) {
+  packet.send_ns = now_ns + packet.delay_ns;
   if (packet.burst > 0 && burst_ == 0) burst_ = packet.burst;
-  if (burst_ > 0 && --burst_ > 0) packet.go_ns = FaultPlan::kNever;
+  if (burst_ > 0 && --burst_ > 0) packet.send_ns = FaultPlan::kNever;
   if (burst_ == 0) {
     for (OutPacket& held : queue_) {
-      if (held.go_ns == FaultPlan::kNever) held.go_ns = now_ns;
+      if (held.send_ns == FaultPlan::kNever) held.send_ns = now_ns;
     }
   }
   if (!queue_.empty()) packet.excused = std::max(packet.excused, 1 + kReaderRecovery);
@@ -132,9 +132,9 @@ void TapStream::Hold(OutPacket& packet, uint64_t now_ns) {
   packet.excused = excused_--;
 }
 
-/// False when nobody listens any more.
+/// False when the reader has gone.
 bool TapStream::SendQueued(uint64_t now_ns) {
-  while (!queue_.empty() && queue_.front().go_ns <= now_ns) {
+  while (!queue_.empty() && queue_.front().send_ns <= now_ns) {
     OutPacket packet = std::move(queue_.front());
     queue_.pop_front();
     for (uint32_t i = 0; i < packet.copies; ++i) {
@@ -176,8 +176,8 @@ void TapStream::Stop() {
   burst_ = excused_ = 0;
   early_ = false;
   journal_.Log("{}: stream into tap-out {} ends: {} packets sent, {} dropped, {} skipped",
-               tap_.Name(), tapout_, tap_.counts.sent - at_begin_.sent,
-               tap_.counts.dropped - at_begin_.dropped, tap_.counts.skipped - at_begin_.skipped);
+               tap_.Name(), tapout_, tap_.counts.sent - at_start_.sent,
+               tap_.counts.dropped - at_start_.dropped, tap_.counts.skipped - at_start_.skipped);
 }
 
 }  // namespace kvox::sim

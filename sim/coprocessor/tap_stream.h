@@ -1,5 +1,5 @@
 // The audio of an enabled tap on its way into a tap-out device: a packet for every block, on time
-// unless a fault strikes. Pure but for the port; the caller has the clock. One thread at a time.
+// unless a fault strikes. The caller has the clock. One thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -18,44 +18,43 @@ namespace kvox::sim {
 
 struct StreamOptions {
   double speed = 1;  // times real time
-  /// Packets say their sample rate at any speed; else, at another than 1, that they are not timed
-  /// (sample rate 0).
+  /// Packets carry their sample rate at any speed. Otherwise, unless `speed` is 1, it is 0: they
+  /// are not timed.
   bool keep_rate = false;
 };
 
 class TapStream {
  public:
-  /// How often a stream that nobody hears looks for a reader.
+  /// How often a stream without a reader looks for one.
   static constexpr uint64_t kReaderPollNs = 10'000'000;
   /// Packets that faults can hold back; more are dropped.
   static constexpr size_t kMaxHeld = 1024;
 
-  /// What is referred to outlives the stream. It begins, with the first frame of the tap's source
-  /// and packet number 1, when it first finds a reader, and again for every later reader.
+  /// References outlive the stream. For every reader it starts with the first frame of the tap's
+  /// source and packet number 1.
   TapStream(Tap& tap, uint8_t tapout, PacketPort& port, const StreamOptions& options,
             FaultPlan& plan, Journal& journal, uint64_t now_ns);
-  /// Ends the stream.
   ~TapStream();
   TapStream(const TapStream&) = delete;
   TapStream& operator=(const TapStream&) = delete;
 
   Tap& tap() { return tap_; }
 
-  /// Sends what is due at `now_ns`. Answers when it wants to be called again: earlier calls do no
-  /// harm, later ones are made good as far as kCatchUpNs goes.
+  /// Sends what is due at `now_ns`. Returns when to call it again: earlier calls do no harm, and
+  /// after later ones it catches up as far as kCatchUpNs goes.
   uint64_t Run(uint64_t now_ns);
 
  private:
   bool LookForReader(uint64_t now_ns);
   void QueueOne(uint64_t now_ns);
   OutPacket Build(std::span<const FaultSpec> struck);
-  void Hold(OutPacket& packet, uint64_t now_ns);
+  void Schedule(OutPacket& packet, uint64_t now_ns);
   bool SendQueued(uint64_t now_ns);
   bool Send(OutPacket& packet, uint64_t now_ns);
   void Stop();
 
   Tap& tap_;
-  const std::string name_;  // by which faults know it
+  const std::string name_;  // in faults
   const uint8_t tapout_;
   PacketPort& port_;
   const bool timed_;
@@ -64,11 +63,11 @@ class TapStream {
   Pacer pacer_;
   bool running_ = false;
   uint32_t packet_num_ = 0;  // of the last packet that was due
-  bool early_ = false;       // the next one goes before it is due
+  bool early_ = false;       // the next one is sent before it is due
   uint32_t excused_ = 0;     // packets from the next one on that need not come back
   uint32_t burst_ = 0;       // packets from the next one on that are held back
-  TapCounts at_begin_;
-  std::deque<OutPacket> queue_;  // in the order of going
+  TapCounts at_start_;
+  std::deque<OutPacket> queue_;  // in the order of sending
   std::vector<std::byte> interleaved_;
 };
 

@@ -1,5 +1,5 @@
-// The faults that the simulator can be told to make: their kinds and what is said about one of
-// them. docs/simulator.md lists kinds and keys. Pure.
+// The faults that the simulator can make: their kinds, and what a scenario or a command says about
+// one of them. docs/simulator.md lists kinds and keys.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,6 @@ enum class FaultGroup {
   kDevices,  // whose node stays
 };
 
-/// In the order of the table of kinds.
 enum class FaultKind : uint8_t {
   kRestart,
   kFlap,
@@ -46,7 +45,7 @@ enum class FaultKind : uint8_t {
   kInjectStall,
   kInjectRefuse,
 };
-inline constexpr size_t kFaultKinds = 25;
+inline constexpr size_t kFaultKinds = static_cast<size_t>(FaultKind::kInjectRefuse) + 1;
 
 struct FaultDefaults {
   double delay = 0;
@@ -58,8 +57,8 @@ struct FaultKindRow {
   FaultKind kind;
   const char* name;
   FaultGroup group;
-  std::string_view keys;  // that it knows beside those of its group, with blanks between
-  const char* help;       // what happens, and the keys as people write them
+  std::string_view keys;  // beside those of its group, with blanks in between
+  const char* help;       // what happens, and the keys as users write them
   FaultDefaults defaults = {};
 };
 
@@ -73,7 +72,7 @@ inline constexpr size_t kMaxFaults = 64;
 /// The order in which nodes come back.
 enum class NodeOrder { kUsual, kReverse, kShuffle };
 
-/// One fault that was asked for. Times are seconds; which fields count depends on the kind.
+/// One fault that was asked for. Times are in seconds; which fields are used depends on the kind.
 struct FaultSpec {
   FaultKind kind = FaultKind::kRestart;
 
@@ -82,8 +81,7 @@ struct FaultSpec {
   std::optional<uint64_t> after = {};      // packets or commands that pass first
   std::optional<double> probability = {};  // for each packet or command
   uint64_t seed = 1;
-  std::optional<uint64_t> count =
-      {};  // how many in all; without it: one, or all while `seconds` last
+  std::optional<uint64_t> count = {};  // without it: one, or all while `seconds` last
   std::optional<double> seconds = {};  // how long it lasts; without it: see the kind
 
   // What it strikes.
@@ -100,14 +98,14 @@ struct FaultSpec {
   uint32_t times = 1;
   double delay = 0;
   int16_t status = -5;
-  bool replace = false;  // a stale reply comes instead of the right one, not before it
-  bool torn = false;     // a short reply says that it is whole
+  bool replace = false;  // a stale reply comes instead of the correct one, not before it
+  bool torn = false;     // the size field of a short reply is that of a whole one
   uint32_t packets = 0;
   uint32_t bytes = 0;
-  uint8_t channels = 0;  // 0: another number than the tap has
+  uint8_t channels = 0;  // 0: any number that the tap does not have
 };
 
-/// Whether a fault goes on by itself once it has begun, rather than strike packets or commands.
+/// Whether a fault runs by the clock once it has begun, rather than strike packets or commands.
 constexpr bool IsTimed(FaultGroup group) {
   return group == FaultGroup::kNodes || group == FaultGroup::kDevices;
 }

@@ -10,7 +10,7 @@ namespace {
 
 constexpr uint32_t kWrongBits = 0x55;
 
-/// Damages one field of the header that goes out; the one by which it comes back stays.
+/// Changes one field of the header that is sent, but not in OutPacket::header.
 void Flip(OutPacket& packet, size_t offset) {
   uint32_t field = 0;
   std::memcpy(&field, &packet.bytes[packet.at + offset], sizeof field);
@@ -22,8 +22,8 @@ void Put(OutPacket& packet, size_t offset, uint32_t field) {
   std::memcpy(&packet.bytes[packet.at + offset], &field, sizeof field);
 }
 
-/// A wrong size that a packet may have makes the reader wait for as much, at the cost of all
-/// packets that it takes for this one's audio.
+/// A reader waits for a wrong size that a packet may have, and takes the packets that follow for
+/// its audio.
 void SetSize(const FaultSpec& fault, OutPacket& packet) {
   Put(packet, offsetof(KvoxPacketHeader, payload_size), fault.bytes);
   const size_t size = packet.bytes.size() - packet.at;
@@ -37,7 +37,7 @@ void AddJunk(const FaultSpec& fault, OutPacket& packet) {
   packet.at += junk.size();
 }
 
-/// Half of it, in eights as every device delivers.
+/// Half of it, in multiples of 8 bytes, as devices deliver.
 void Cut(OutPacket& packet) {
   const size_t size = packet.bytes.size() - packet.at;
   packet.bytes.resize(packet.at + size / 2 / 8 * 8);
@@ -50,9 +50,9 @@ void Jump(const FaultSpec& fault, OutPacket& packet) {
 
 struct Row {
   FaultKind kind;
-  void (*spoil)(const FaultSpec&, OutPacket&);
+  void (*corrupt)(const FaultSpec&, OutPacket&);
 };
-/// In the order in which they act on one packet: what moves it or cuts it comes last.
+/// In the order in which they are applied to one packet: what moves or cuts it comes last.
 constexpr Row kRows[] = {
     {FaultKind::kPacketMagic,
      [](const FaultSpec&, OutPacket& packet) { Flip(packet, offsetof(KvoxPacketHeader, magic)); }},
@@ -76,21 +76,21 @@ constexpr Row kRows[] = {
 
 }  // namespace
 
-void CorruptPacket(std::span<const FaultSpec> struck, OutPacket& packet) {
+void CorruptPacket(std::span<const FaultSpec> faults, OutPacket& packet) {
   for (const Row& row : kRows) {
-    for (const FaultSpec& fault : struck) {
+    for (const FaultSpec& fault : faults) {
       if (fault.kind != row.kind) continue;
-      row.spoil(fault, packet);
-      // A jump of the number alone costs nothing.
+      row.corrupt(fault, packet);
+      // A jump of the number alone loses nothing.
       if (row.kind != FaultKind::kPacketNumber) packet.excused += 1 + kReaderRecovery;
     }
   }
 }
 
-std::optional<KvoxTapFormat> ChangedFormat(std::span<const FaultSpec> struck,
+std::optional<KvoxTapFormat> ChangedFormat(std::span<const FaultSpec> faults,
                                            const KvoxTapFormat& format, uint32_t block_length) {
-  const auto fault = std::ranges::find(struck, FaultKind::kPacketFormat, &FaultSpec::kind);
-  if (fault == struck.end()) return std::nullopt;
+  const auto fault = std::ranges::find(faults, FaultKind::kPacketFormat, &FaultSpec::kind);
+  if (fault == faults.end()) return std::nullopt;
   KvoxTapFormat changed = format;
   for (const int channels : {int{fault->channels}, format.channels == 1 ? 2 : 1, 4, 8}) {
     changed.channels = static_cast<uint8_t>(channels);

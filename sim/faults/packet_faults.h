@@ -1,4 +1,4 @@
-// What faults make of a packet on its way into a tap-out device. Pure.
+// What faults make of a packet on its way into a tap-out device.
 #pragma once
 
 #include <cstddef>
@@ -12,34 +12,33 @@
 
 namespace kvox::sim {
 
-/// Packets after one that was struck by which a reader has found its step again. Until then they
-/// may be lost too: half a packet swallows the next one, and two that come late in a row make the
-/// reader begin anew.
+/// Packets after a corrupted one that may be lost too: half a packet swallows the next one, and two
+/// late ones in a row make the reader restart.
 inline constexpr uint32_t kReaderRecovery = 2;
 
 /// One write into the device.
 struct OutPacket {
-  KvoxPacketHeader header;       // by which it comes back
-  std::vector<std::byte> bytes;  // a packet, perhaps damaged
-  size_t at = 0;                 // where the packet begins in them
+  KvoxPacketHeader header;       // with which it comes back
+  std::vector<std::byte> bytes;  // a packet, perhaps corrupted
+  size_t at = 0;                 // offset of the packet in `bytes`
   uint64_t due_ns = 0;
   uint64_t delay_ns = 0;
-  uint64_t go_ns = 0;    // when it goes, at the earliest
+  uint64_t send_ns = 0;  // at the earliest
   uint32_t burst = 0;    // packets to hold back, this one the first
-  uint32_t copies = 1;   // 0: it does not go at all
-  uint32_t excused = 0;  // packets, with this one, that need not come back
+  uint32_t copies = 1;   // 0: it is not sent
+  uint32_t excused = 0;  // packets, from this one on, that need not come back
 };
 
-/// Lets the faults have their way with a whole packet.
-void CorruptPacket(std::span<const FaultSpec> struck, OutPacket& packet);
+/// Applies the faults to a whole packet.
+void CorruptPacket(std::span<const FaultSpec> faults, OutPacket& packet);
 
 /// The format in which a packet-format fault sends blocks of `block_length` frames: with another
-/// number of channels, so that the packets come as often as before. Nothing when no such fault
-/// struck, or no packet can carry it.
-std::optional<KvoxTapFormat> ChangedFormat(std::span<const FaultSpec> struck,
+/// number of channels, so that the packets come as often as before. Nothing when there is no such
+/// fault, or no packet can carry it.
+std::optional<KvoxTapFormat> ChangedFormat(std::span<const FaultSpec> faults,
                                            const KvoxTapFormat& format, uint32_t block_length);
 
-/// Interleaved audio with another number of channels: the first ones are left out, or go round.
+/// Interleaved audio with another number of channels: the last ones are left out, or all repeated.
 std::vector<std::byte> Remix(std::span<const std::byte> audio, const KvoxTapFormat& from,
                              const KvoxTapFormat& to);
 

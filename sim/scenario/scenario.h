@@ -1,5 +1,5 @@
-// A scenario: the co-processor that the simulator stands for. Read from a TOML file whose keys
-// docs/simulator.md lists.
+// A scenario: the co-processor to simulate. Read from a TOML file whose keys docs/simulator.md
+// lists.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ namespace kvox::sim {
 enum class SourceKind { kSilence, kSine, kSweep, kNoise, kWav };
 enum class SinkKind { kNone, kWav };
 
-/// The audio that a tap delivers. Which fields count depends on the kind.
+/// The audio that a tap delivers. Which fields are used depends on the kind.
 struct SourceConfig {
   SourceKind kind = SourceKind::kSilence;
   double level = -12;       // dB below full scale, of the peaks
@@ -32,7 +32,7 @@ struct SourceConfig {
   std::string where = {};  // "FILE:LINE: KEY" of `file`, for messages about it
 };
 
-/// Where the audio goes that comes back to a tap.
+/// Where a tap's returning audio goes.
 struct SinkConfig {
   SinkKind kind = SinkKind::kNone;
   std::filesystem::path file = {};
@@ -57,7 +57,6 @@ struct Scenario {
   std::vector<FaultSpec> faults;
 };
 
-/// What faults can strike in it.
 FaultTargets TargetsOf(const Scenario& scenario);
 
 /// "imic.0"

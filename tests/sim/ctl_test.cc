@@ -1,16 +1,12 @@
 // Commands to a simulator that runs, and the faults of its nodes.
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
-#include "sim/devices/device_directory.h"
 #include "tests/sim/program.h"
 
 namespace kvox::sim {
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 class CtlTest : public ProgramTest {
  protected:
@@ -19,24 +15,6 @@ class CtlTest : public ProgramTest {
     return Start({"--scenario", directory_ / "s.toml", "--print"}, "tapout0");
   }
   bool NodeIsThere(const std::string& name) const { return std::filesystem::exists(Device(name)); }
-
-  /// The simulator's answer, without the client in between.
-  std::string Ask(const std::string& text) {
-    const UniqueFd fd = Connect();
-    EXPECT_EQ(send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(text.size()));
-    std::string answer(1000, '\0');
-    answer.resize(static_cast<size_t>(
-        std::max<ssize_t>(recv(fd.get(), answer.data(), answer.size(), MSG_WAITALL), 0)));
-    return answer;
-  }
-  UniqueFd Connect() const {
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const UniqueFd directory(open(Device("").c_str(), O_PATH | O_CLOEXEC));
-    const sockaddr_un address = SocketAddress(directory, ".kvosim.ctl");
-    EXPECT_EQ(connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    return fd;
-  }
 };
 
 TEST_F(CtlTest, AnswersAndEnds) {
@@ -66,20 +44,6 @@ TEST_F(CtlTest, AnswersAndEnds) {
   EXPECT_EQ(Run({"ctl", "end"}), 0);
   EXPECT_EQ(sim->Wait(), 0);
   EXPECT_TRUE(NoDevices());
-}
-
-TEST_F(CtlTest, ABadClientDisturbsNobody) {
-  const auto sim = StartSmall();
-  std::vector<UniqueFd> mute;
-  for (int i = 0; i < 20; ++i) mute.push_back(Connect());  // more than are served at a time
-  const UniqueFd half = Connect();
-  EXPECT_EQ(send(half.get(), "stat", 4, MSG_NOSIGNAL), 4);
-  mute.clear();
-  EXPECT_THAT(Ask(std::string(5000, 'x')), StartsWith("refused\nthe line is too long"));
-  EXPECT_THAT(Ask("\n"), StartsWith("refused\ncommand: found \"\""));
-  EXPECT_THAT(Ask(std::string("fault \0\xff\n", 9)), StartsWith("refused\nfault: kind: found"));
-  EXPECT_THAT(Ask("status\nstatus\n"), StartsWith("ok\n{"));
-  EXPECT_EQ(recv(half.get(), mute.data(), 1, 0), 0) << "its time was over";
 }
 
 TEST_F(CtlTest, RestartTakesEveryNodeAndTheMemory) {

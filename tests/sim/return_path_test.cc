@@ -64,7 +64,7 @@ KvoxPacketHeader Sent(uint32_t number, uint64_t stamp) {
   return header;
 }
 
-TEST(RoundTrip, JudgesEachPacketOnce) {
+TEST(RoundTrip, ClassifiesEachPacketOnce) {
   RoundTrip trip;
   const Bytes audio(20, std::byte{7});
   const Bytes zeros(20);
@@ -87,16 +87,16 @@ TEST(RoundTrip, JudgesEachPacketOnce) {
   EXPECT_EQ(trip.counts().latency_sum_ns, 400u + 600 + 400 + 200);
   EXPECT_EQ(trip.in_flight(), 1u);
   EXPECT_EQ(trip.counts().missing, 0u);
-  trip.Expire(400 + RoundTrip::kPatienceNs);
+  trip.Expire(400 + RoundTrip::kTimeoutNs);
   EXPECT_EQ(trip.counts().missing, 0u);
-  trip.Expire(401 + RoundTrip::kPatienceNs);
+  trip.Expire(401 + RoundTrip::kTimeoutNs);
   EXPECT_EQ(trip.counts().missing, 1u);
   EXPECT_EQ(trip.in_flight(), 0u);
-  trip.Returned(Sent(4, 400), audio, 401 + RoundTrip::kPatienceNs);
+  trip.Returned(Sent(4, 400), audio, 401 + RoundTrip::kTimeoutNs);
   EXPECT_EQ(trip.counts().unknown, 3u) << "too late";
 }
 
-TEST(RoundTrip, WhatAFaultTookAwayIsNotMissing) {
+TEST(RoundTrip, PacketsThatAFaultTookAreNotMissing) {
   RoundTrip trip;
   const Bytes audio(20, std::byte{7});
   const Bytes other(20, std::byte{8});
@@ -112,14 +112,14 @@ TEST(RoundTrip, WhatAFaultTookAwayIsNotMissing) {
   back(5, audio);
   back(6, audio);
   EXPECT_EQ(trip.counts().exact_in_row, 3u);
-  trip.Expire(100 + RoundTrip::kPatienceNs);
+  trip.Expire(100 + RoundTrip::kTimeoutNs);
   EXPECT_EQ(trip.counts().exact_in_row, 3u) << "that 3 is given up was known";
   EXPECT_EQ(trip.counts().exact, 4u);
   EXPECT_EQ(trip.counts().spoiled, 2u);
   EXPECT_EQ(trip.counts().missing + trip.counts().different, 0u);
 }
 
-TEST(RoundTrip, AfterADisturbanceTheFirstThatIsBackEndsIt) {
+TEST(RoundTrip, LossesAreExcusedUntilAPacketReturns) {
   constexpr uint64_t kEnd = 1000;
   RoundTrip trip;
   const Bytes audio(20, std::byte{7});
@@ -131,16 +131,16 @@ TEST(RoundTrip, AfterADisturbanceTheFirstThatIsBackEndsIt) {
   trip.Sent(Sent(4, kEnd + 2), audio);
   trip.Returned(Sent(4, kEnd + 2), audio, kEnd + 3);
   trip.Sent(Sent(5, kEnd + 4), audio);
-  trip.Expire(kEnd + 5 + RoundTrip::kPatienceNs);
+  trip.Expire(kEnd + 5 + RoundTrip::kTimeoutNs);
   EXPECT_EQ(trip.counts().spoiled, 2u) << "1 and 3";
   EXPECT_EQ(trip.counts().missing, 1u) << "5";
 
   uint64_t now = 20'000'000'000;
   trip.SetImpaired(true, now);
   trip.Sent(Sent(6, now += 1), audio);
-  trip.Expire(now + 10 * RoundTrip::kPatienceNs);
+  trip.Expire(now + 10 * RoundTrip::kTimeoutNs);
   EXPECT_EQ(trip.in_flight(), 1u) << "nobody knows how long it lasts";
-  trip.SetImpaired(false, now += 50 * RoundTrip::kPatienceNs);
+  trip.SetImpaired(false, now += 50 * RoundTrip::kTimeoutNs);
   trip.Returned(Sent(6, 20'000'000'001), audio, now + 1);
   EXPECT_EQ(trip.counts().unknown, 0u);
   trip.Sent(Sent(7, now + RoundTrip::kRecoveryNs), audio);
@@ -148,10 +148,10 @@ TEST(RoundTrip, AfterADisturbanceTheFirstThatIsBackEndsIt) {
   EXPECT_EQ(trip.counts().missing, 2u) << "it should have recovered by then";
 }
 
-TEST(RoundTrip, ItsMemoryIsBounded) {
+TEST(RoundTrip, KeepsABoundedNumberOfPackets) {
   RoundTrip trip;
-  for (uint32_t i = 0; i < RoundTrip::kMemory + 10; ++i) trip.Sent(Sent(i, 1), Bytes(8));
-  EXPECT_EQ(trip.in_flight(), RoundTrip::kMemory);
+  for (uint32_t i = 0; i < RoundTrip::kMaxEntries + 10; ++i) trip.Sent(Sent(i, 1), Bytes(8));
+  EXPECT_EQ(trip.in_flight(), RoundTrip::kMaxEntries);
   EXPECT_EQ(trip.counts().missing, 10u);
 }
 

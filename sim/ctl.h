@@ -1,9 +1,10 @@
-// Serves `kvosim ctl` while the simulator runs: a local stream socket beside the devices. A client
-// sends one line of words and gets one reply. The event loop's thread, which no client ever blocks.
+// Commands to a running simulator, over a local stream socket beside the devices. A client sends
+// one line of words and gets one reply.
 #pragma once
 
 #include <event2/listener.h>
 
+#include <filesystem>
 #include <functional>
 #include <list>
 #include <memory>
@@ -28,18 +29,20 @@ struct CtlReply {
   bool exit = false;  // the event loop is to exit once the client has this
 };
 
+/// The simulator's end. The event loop's thread, which no client ever blocks. The process has to
+/// ignore SIGPIPE.
 class CtlServer {
  public:
   using Handler = std::function<CtlReply(const std::vector<std::string>& words)>;
 
   static constexpr size_t kMaxClients = 16;
   static constexpr size_t kMaxLine = 1024;
-  /// A client has this long to send its line and to take its reply.
-  static constexpr uint64_t kTimeoutNs = 2'000'000'000;
 
-  /// `handler` is called with every line. Throws std::runtime_error when the socket cannot be
-  /// created in `directory`, which removes it at its end.
-  CtlServer(event_base* base, DeviceDirectory& directory, Handler handler);
+  /// `handler` is called with every line. A client has `timeout_ns` to send its line and to take
+  /// its reply. Throws std::runtime_error when the socket cannot be created in `directory`, which
+  /// removes it at its end.
+  CtlServer(event_base* base, DeviceDirectory& directory, Handler handler,
+            uint64_t timeout_ns = 2'000'000'000);
   ~CtlServer();
   CtlServer(const CtlServer&) = delete;
   CtlServer& operator=(const CtlServer&) = delete;
@@ -55,9 +58,15 @@ class CtlServer {
 
   event_base* const base_;
   const Handler handler_;
+  const uint64_t timeout_ns_;
   std::unique_ptr<evconnlistener, FreeListener> listener_;
   Event resume_;
   std::list<Client> clients_;
 };
+
+/// `kvosim ctl`: sends a command to the simulator that runs in a directory and prints the reply.
+/// Returns the exit status: 0 done, 1 refused (the reason is on standard error), 3 there is no
+/// simulator or its reply cannot be used.
+int RunCtl(const std::filesystem::path& directory, const std::vector<std::string>& words);
 
 }  // namespace kvox::sim
