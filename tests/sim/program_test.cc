@@ -33,7 +33,8 @@ TEST_F(ProgramTest, AudioThatIsEchoedComesBackExact) {
   std::ofstream(directory_ / "s.toml") << kEchoScenario;
   const auto stats_file = directory_ / "stats.json";
   const auto sim =
-      Start({"--scenario", directory_ / "s.toml", "--print", "--stats", stats_file}, "tapout20");
+      Start({"--scenario", directory_ / "s.toml", "--print", "--stats", stats_file, "--speed", "3"},
+            "tapout20");
   constexpr uint32_t kPackets = 20;
   {
     Fd control(Device("xdv-kvox_control"), O_RDWR);
