@@ -69,8 +69,8 @@ std::string Format(const Rows& rows, size_t depth = 0) {
   const std::string tabs(depth, '\t');
   std::string text;
   for (const HelpRow& row : rows) {
-    text += tabs + Styled(row.what) + "\n" + tabs + "\t" + Escaped(row.help) + "\n";
-    if (depth == 0) text += "\n";
+    text += tabs + Styled(row.what) + "\n";
+    text += tabs + "\t" + Escaped(row.help) + (depth == 0 ? "\n\n" : "\n");
   }
   return text;
 }
