@@ -31,7 +31,7 @@ struct Reading {
 std::string ReadName(TableReader& table, const char* key, const std::vector<std::string>& names) {
   const std::string expected = fmt::format("one of {}", fmt::join(names, ", "));
   const toml::node& node = table.Require(key, expected);
-  const std::string name = table.Text(node, key, expected);
+  std::string name = table.Text(node, key, expected);
   if (std::ranges::count(names, name) == 0) table.Unfit(node, key, expected);
   return name;
 }
