@@ -18,7 +18,7 @@
 namespace kvox::fuzz {
 namespace {
 
-using sim::FaultSpec;
+using sim::FaultConfig;
 using sim::Scenario;
 using sim::SinkKind;
 using sim::SourceConfig;
@@ -66,7 +66,7 @@ void CheckTap(const TapConfig& tap, const Scenario& scenario) {
   Check((tap.sink.kind == SinkKind::kWav) == !tap.sink.file.empty(), "a WAV sink has its file");
 }
 
-void CheckFault(const FaultSpec& fault) {
+void CheckFault(const FaultConfig& fault) {
   const double times[] = {fault.at,    fault.seconds.value_or(0),    fault.gap, fault.spacing,
                           fault.delay, fault.missing_for.value_or(0)};
   for (const double time : times) Check(InRange(time, 0, 1e6), "a fault's times have an end");
@@ -80,7 +80,7 @@ void CheckScenario(const Scenario& scenario) {
   CheckNumbers(scenario.tapouts, 254);
   CheckNumbers(scenario.injects, 254);
   Check(scenario.faults.size() <= sim::kMaxFaults, "there are not too many faults");
-  for (const FaultSpec& fault : scenario.faults) CheckFault(fault);
+  for (const FaultConfig& fault : scenario.faults) CheckFault(fault);
   std::set<std::tuple<uint8_t, FourCc, uint8_t>> taps;
   std::set<std::filesystem::path> sinks;
   for (const TapConfig& tap : scenario.taps) {

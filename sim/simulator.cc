@@ -67,7 +67,7 @@ Simulator::Simulator(const RunOptions& options, const Scenario& scenario)
         .AddIn(static_cast<uint64_t>(options.seconds * 1e9));
   }
   CreateDevices();
-  for (const FaultSpec& fault : scenario.faults) plan_.Add(fault, start_ns_);
+  for (const FaultConfig& fault : scenario.faults) plan_.Add(fault, start_ns_);
   faults_->Wake();
 }
 
@@ -150,7 +150,7 @@ CtlReply Simulator::Command(const Words& words) {
 
 CtlReply Simulator::AddFault(const Words& words) {
   try {
-    const FaultSpec fault = ParseFault(words, TargetsOf(co_processor_.scenario()));
+    const FaultConfig fault = ParseFault(words, TargetsOf(co_processor_.scenario()));
     if (!plan_.Add(fault, GetTimestampNs())) {
       return {false,
               fmt::format("fault: {} wait or are at work already; expected that some end, or "

@@ -93,7 +93,7 @@ void TapStream::QueueOne(uint64_t now_ns) {
   }
 }
 
-OutPacket TapStream::Build(std::span<const FaultSpec> struck) {
+OutPacket TapStream::Build(std::span<const FaultConfig> struck) {
   const KvoxTapFormat& own = tap_.config.format;
   interleaved_.resize(tap_.block_length * FrameSize(own));
   tap_.source->Read(pacer_.frames(), interleaved_);

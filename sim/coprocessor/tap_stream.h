@@ -47,7 +47,7 @@ class TapStream {
  private:
   bool LookForReader(uint64_t now_ns);
   void QueueOne(uint64_t now_ns);
-  OutPacket Build(std::span<const FaultSpec> struck);
+  OutPacket Build(std::span<const FaultConfig> struck);
   void Schedule(OutPacket& packet, uint64_t now_ns);
   bool SendQueued(uint64_t now_ns);
   bool Send(OutPacket& packet, uint64_t now_ns);

@@ -98,7 +98,7 @@ void ControlChannel::GiveUpPartial() {
 void ControlChannel::Handle(std::span<std::byte> record) {
   const uint64_t now = GetTimestampNs();
   const auto faults = plan_.OnCommand(CommandHeader(record).opcode, last_reply_.empty(), now);
-  const auto refusal = std::ranges::find(faults, FaultKind::kReplyStatus, &FaultSpec::kind);
+  const auto refusal = std::ranges::find(faults, FaultKind::kReplyStatus, &FaultConfig::kind);
   handler_.Handle(record, refusal == faults.end() ? std::nullopt : std::optional(refusal->status));
   for (Reply& reply : CorruptReply(faults, record, last_reply_)) {
     const auto waits_alike = [&](const auto& other) {

@@ -73,7 +73,7 @@ inline constexpr size_t kMaxFaults = 64;
 enum class NodeOrder { kUsual, kReverse, kShuffle };
 
 /// One fault that was asked for. Times are in seconds; which fields are used depends on the kind.
-struct FaultSpec {
+struct FaultConfig {
   FaultKind kind = FaultKind::kRestart;
 
   // When it strikes.
@@ -118,6 +118,6 @@ struct FaultTargets {
 
 /// Reads a fault from words as `kvosim ctl fault` takes them: the kind, then KEY=VALUE. Throws
 /// std::invalid_argument("KEY: what is wrong; what is expected").
-FaultSpec ParseFault(std::span<const std::string> words, const FaultTargets& targets);
+FaultConfig ParseFault(std::span<const std::string> words, const FaultTargets& targets);
 
 }  // namespace kvox::sim

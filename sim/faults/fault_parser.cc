@@ -25,7 +25,7 @@ constexpr OrderRow kOrders[] = {{"usual", NodeOrder::kUsual},
 struct Reading {
   TableReader& table;
   const FaultTargets& targets;
-  FaultSpec& spec;
+  FaultConfig& config;
 };
 
 std::string ReadName(TableReader& table, const char* key, const std::vector<std::string>& names) {
@@ -40,16 +40,16 @@ std::string ReadName(TableReader& table, const char* key, const std::vector<std:
 void ReadDevice(Reading& in, std::string_view kind) {
   std::vector<std::string> devices = in.targets.devices;
   std::erase_if(devices, [&](const std::string& device) { return !device.starts_with(kind); });
-  in.spec.device = ReadName(in.table, "device", devices);
+  in.config.device = ReadName(in.table, "device", devices);
 }
 
 void ReadTap(Reading& in) {
-  if (in.table.Find("tap") != nullptr) in.spec.tap = ReadName(in.table, "tap", in.targets.taps);
+  if (in.table.Find("tap") != nullptr) in.config.tap = ReadName(in.table, "tap", in.targets.taps);
 }
 
 void ReadMissing(Reading& in) {
   if (in.table.Find("missing") == nullptr) return;
-  in.spec.missing = ReadName(in.table, "missing", in.targets.devices);
+  in.config.missing = ReadName(in.table, "missing", in.targets.devices);
 }
 
 /// One key of a fault: how it is read, with its range. Several rows may read the same member.
@@ -59,27 +59,30 @@ struct KeyRow {
 };
 constexpr KeyRow kKeys[] = {
     {"tap", ReadTap},
-    {"opcode", [](Reading& in) { in.table.Read("opcode", in.spec.opcode, 1, 65535); }},
+    {"opcode", [](Reading& in) { in.table.Read("opcode", in.config.opcode, 1, 65535); }},
     {"device", [](Reading& in) { ReadDevice(in, ""); }},
     {"tapout", [](Reading& in) { ReadDevice(in, "tapout"); }},
     {"inject", [](Reading& in) { ReadDevice(in, "inject"); }},
-    {"for", [](Reading& in) { in.table.Read("for", in.spec.seconds, 0.001, kMaxSeconds); }},
-    {"gap", [](Reading& in) { in.table.Read("gap", in.spec.gap, 0.0, kMaxPause); }},
+    {"for", [](Reading& in) { in.table.Read("for", in.config.seconds, 0.001, kMaxSeconds); }},
+    {"gap", [](Reading& in) { in.table.Read("gap", in.config.gap, 0.0, kMaxPause); }},
     {"order",
-     [](Reading& in) { in.spec.order = in.table.ReadChoice("order", kOrders, &kOrders[0]).order; }},
-    {"spacing", [](Reading& in) { in.table.Read("spacing", in.spec.spacing, 0.0, kMaxPause); }},
+     [](Reading& in) {
+       in.config.order = in.table.ReadChoice("order", kOrders, &kOrders[0]).order;
+     }},
+    {"spacing", [](Reading& in) { in.table.Read("spacing", in.config.spacing, 0.0, kMaxPause); }},
     {"missing", ReadMissing},
     {"missing_for",
-     [](Reading& in) { in.table.Read("missing_for", in.spec.missing_for, 0.0, kMaxSeconds); }},
-    {"times", [](Reading& in) { in.table.Read("times", in.spec.times, 1, 10'000); }},
-    {"delay", [](Reading& in) { in.table.Read("delay", in.spec.delay, 0.0, 60.0); }},
-    {"status", [](Reading& in) { in.table.Read("status", in.spec.status, -32768, 32767); }},
-    {"replace", [](Reading& in) { in.table.Read("replace", in.spec.replace); }},
-    {"torn", [](Reading& in) { in.table.Read("torn", in.spec.torn); }},
-    {"burst", [](Reading& in) { in.table.Read("packets", in.spec.packets, 2, 256); }},
-    {"jump", [](Reading& in) { in.table.Read("packets", in.spec.packets, 1, 1'000'000); }},
-    {"bytes", [](Reading& in) { in.table.Read("bytes", in.spec.bytes, 1, kMaxBytes); }},
-    {"channels", [](Reading& in) { in.table.Read("channels", in.spec.channels, 1, kMaxChannels); }},
+     [](Reading& in) { in.table.Read("missing_for", in.config.missing_for, 0.0, kMaxSeconds); }},
+    {"times", [](Reading& in) { in.table.Read("times", in.config.times, 1, 10'000); }},
+    {"delay", [](Reading& in) { in.table.Read("delay", in.config.delay, 0.0, 60.0); }},
+    {"status", [](Reading& in) { in.table.Read("status", in.config.status, -32768, 32767); }},
+    {"replace", [](Reading& in) { in.table.Read("replace", in.config.replace); }},
+    {"torn", [](Reading& in) { in.table.Read("torn", in.config.torn); }},
+    {"burst", [](Reading& in) { in.table.Read("packets", in.config.packets, 2, 256); }},
+    {"jump", [](Reading& in) { in.table.Read("packets", in.config.packets, 1, 1'000'000); }},
+    {"bytes", [](Reading& in) { in.table.Read("bytes", in.config.bytes, 1, kMaxBytes); }},
+    {"channels",
+     [](Reading& in) { in.table.Read("channels", in.config.channels, 1, kMaxChannels); }},
 };
 
 /// The keys of every kind in a group.
@@ -96,13 +99,13 @@ std::string_view KeysOf(FaultGroup group) {
   return "tap";
 }
 
-void ReadTrigger(TableReader& table, FaultGroup group, FaultSpec& spec) {
-  table.Read("at", spec.at, 0.0, kMaxSeconds);
-  table.Read("seed", spec.seed, 0, kMaxCount);
-  table.Read("probability", spec.probability, 0.0, 1.0);
-  table.Read("after", spec.after, 0, kMaxCount);
-  table.Read("count", spec.count, 1, kMaxCount);
-  if (!IsTimed(group) || spec.after || spec.probability) return;
+void ReadTrigger(TableReader& table, FaultGroup group, FaultConfig& config) {
+  table.Read("at", config.at, 0.0, kMaxSeconds);
+  table.Read("seed", config.seed, 0, kMaxCount);
+  table.Read("probability", config.probability, 0.0, 1.0);
+  table.Read("after", config.after, 0, kMaxCount);
+  table.Read("count", config.count, 1, kMaxCount);
+  if (!IsTimed(group) || config.after || config.probability) return;
   for (const char* key : {"count", "tap"}) {
     if (const toml::node* node = table.Find(key)) {
       table.Fail(*node, key, "goes with packets; expected the key after or probability beside it");
@@ -132,24 +135,24 @@ void Insert(toml::table& table, std::string_view key, const std::string& text) {
 
 }  // namespace
 
-FaultSpec ReadFault(const toml::table& node, const std::string& path, const FaultTargets& targets,
-                    const TomlOrigin& origin) {
+FaultConfig ReadFault(const toml::table& node, const std::string& path, const FaultTargets& targets,
+                      const TomlOrigin& origin) {
   TableReader table(node, path, origin);
   const FaultKindRow& row = table.ReadChoice("kind", FaultKinds());
-  FaultSpec spec{.kind = row.kind};
-  spec.delay = row.defaults.delay;
-  spec.packets = row.defaults.packets;
-  spec.bytes = row.defaults.bytes;
-  ReadTrigger(table, row.group, spec);
-  Reading in{table, targets, spec};
+  FaultConfig config{.kind = row.kind};
+  config.delay = row.defaults.delay;
+  config.packets = row.defaults.packets;
+  config.bytes = row.defaults.bytes;
+  ReadTrigger(table, row.group, config);
+  Reading in{table, targets, config};
   for (const KeyRow& key : kKeys) {
     if (Has(row.keys, key.key) || Has(KeysOf(row.group), key.key)) key.read(in);
   }
   table.RejectUnknownKeys();
-  return spec;
+  return config;
 }
 
-FaultSpec ParseFault(std::span<const std::string> words, const FaultTargets& targets) {
+FaultConfig ParseFault(std::span<const std::string> words, const FaultTargets& targets) {
   toml::table table;
   if (!words.empty()) table.insert("kind", words.front());
   for (const std::string& word : words.subspan(words.empty() ? 0 : 1)) {

@@ -9,7 +9,7 @@
 namespace kvox::sim {
 
 /// Reads one [[fault]] table. Throws std::invalid_argument for the first thing that is wrong.
-FaultSpec ReadFault(const toml::table& node, const std::string& path, const FaultTargets& targets,
-                    const TomlOrigin& origin);
+FaultConfig ReadFault(const toml::table& node, const std::string& path, const FaultTargets& targets,
+                      const TomlOrigin& origin);
 
 }  // namespace kvox::sim

@@ -18,28 +18,28 @@ double Chance(uint64_t seed, const std::string& key, uint64_t number) {
 }  // namespace
 
 bool FaultPlan::Entry::Spent() const {
-  const bool lasts = !timed() && spec.seconds;
-  return hits >= spec.count.value_or(lasts ? kNever : 1);
+  const bool lasts = !timed() && config.seconds;
+  return hits >= config.count.value_or(lasts ? kNever : 1);
 }
 
 /// Whether nothing more is to come of a fault of packets or commands.
 bool FaultPlan::Entry::Over(uint64_t now_ns) const {
   if (timed()) return false;
   const bool out_of_time =
-      begun && spec.seconds && now_ns >= begun_ns + static_cast<uint64_t>(*spec.seconds * 1e9);
+      begun && config.seconds && now_ns >= begun_ns + static_cast<uint64_t>(*config.seconds * 1e9);
   return Spent() || out_of_time;
 }
 
-bool FaultPlan::Add(const FaultSpec& spec, uint64_t now_ns) {
+bool FaultPlan::Add(const FaultConfig& config, uint64_t now_ns) {
   DropOver(now_ns);
   if (entries_.size() == kMaxFaults) return false;
-  const uint64_t at_ns = start_ns_ + static_cast<uint64_t>(spec.at * 1e9);
+  const uint64_t at_ns = start_ns_ + static_cast<uint64_t>(config.at * 1e9);
   Entry& entry = entries_.emplace_back();
   entry.id = ++last_id_;
-  entry.spec = spec;
-  entry.group = RowOf(spec.kind).group;
+  entry.config = config;
+  entry.group = RowOf(config.kind).group;
   entry.from_ns = std::max(at_ns, now_ns);
-  entry.begun = !entry.timed() && spec.after.value_or(0) == 0;
+  entry.begun = !entry.timed() && config.after.value_or(0) == 0;
   entry.begun_ns = entry.from_ns;
   return true;
 }
@@ -47,22 +47,24 @@ bool FaultPlan::Add(const FaultSpec& spec, uint64_t now_ns) {
 /// One more packet or command passes. Each has its number, so that two runs strike the same ones.
 bool FaultPlan::Strikes(Entry& entry, const std::string& key, uint64_t now_ns) const {
   const uint64_t number = ++entry.counted[key];
-  if (now_ns < entry.from_ns || number <= entry.spec.after.value_or(0)) return false;
+  if (now_ns < entry.from_ns || number <= entry.config.after.value_or(0)) return false;
   if (!entry.begun) entry.begun_ns = now_ns;
   entry.begun = true;
   if (entry.Over(now_ns) || entry.Spent()) return false;
-  return !entry.spec.probability || Chance(entry.spec.seed, key, number) < *entry.spec.probability;
+  return !entry.config.probability ||
+         Chance(entry.config.seed, key, number) < *entry.config.probability;
 }
 
 void FaultPlan::CountHit(Entry& entry) {
   ++entry.hits;
-  ++injected_[static_cast<size_t>(entry.spec.kind)];
+  ++injected_[static_cast<size_t>(entry.config.kind)];
 }
 
 /// The faults that `selects(entry)` is true for and that strike now.
 template <typename Selects>
-std::vector<FaultSpec> FaultPlan::Strike(const std::string& key, uint64_t now_ns, Selects selects) {
-  std::vector<FaultSpec> struck;
+std::vector<FaultConfig> FaultPlan::Strike(const std::string& key, uint64_t now_ns,
+                                           Selects selects) {
+  std::vector<FaultConfig> struck;
   bool alarm = false;
   for (Entry& entry : entries_) {
     if (!selects(entry) || !Strikes(entry, key, now_ns)) continue;
@@ -71,7 +73,7 @@ std::vector<FaultSpec> FaultPlan::Strike(const std::string& key, uint64_t now_ns
       entry.due = !entry.running;
     } else {
       CountHit(entry);
-      struck.push_back(entry.spec);
+      struck.push_back(entry.config);
     }
   }
   DropOver(now_ns);
@@ -79,26 +81,26 @@ std::vector<FaultSpec> FaultPlan::Strike(const std::string& key, uint64_t now_ns
   return struck;
 }
 
-std::vector<FaultSpec> FaultPlan::OnPacket(const std::string& tap, uint64_t now_ns) {
+std::vector<FaultConfig> FaultPlan::OnPacket(const std::string& tap, uint64_t now_ns) {
   return Strike(tap, now_ns, [&](const Entry& entry) {
     const bool of_packets =
-        entry.group == FaultGroup::kPackets && entry.spec.kind != FaultKind::kPacketEarly;
+        entry.group == FaultGroup::kPackets && entry.config.kind != FaultKind::kPacketEarly;
     return (of_packets || entry.by_packets()) && entry.Concerns(tap);
   });
 }
 
 bool FaultPlan::GoesEarly(const std::string& tap, uint64_t now_ns) {
   const auto struck = Strike(tap, now_ns, [&](const Entry& entry) {
-    return entry.spec.kind == FaultKind::kPacketEarly && entry.Concerns(tap);
+    return entry.config.kind == FaultKind::kPacketEarly && entry.Concerns(tap);
   });
   return !struck.empty();
 }
 
-std::vector<FaultSpec> FaultPlan::OnCommand(uint16_t opcode, bool first, uint64_t now_ns) {
+std::vector<FaultConfig> FaultPlan::OnCommand(uint16_t opcode, bool first, uint64_t now_ns) {
   return Strike("", now_ns, [&](const Entry& entry) {
     return entry.group == FaultGroup::kReplies &&
-           (entry.spec.opcode == 0 || entry.spec.opcode == opcode) &&
-           !(first && entry.spec.kind == FaultKind::kReplyStale);
+           (entry.config.opcode == 0 || entry.config.opcode == opcode) &&
+           !(first && entry.config.kind == FaultKind::kReplyStale);
   });
 }
 
@@ -116,7 +118,7 @@ std::vector<FaultPlan::Started> FaultPlan::StartDue(uint64_t now_ns) {
     entry.due = false;
     entry.running = true;
     CountHit(entry);
-    started.push_back({entry.id, entry.spec});
+    started.push_back({entry.id, entry.config});
   }
   return started;
 }
@@ -146,7 +148,7 @@ void FaultPlan::Clear(FaultGroup group) {
 FaultCounts FaultPlan::CountsOf(FaultKind kind, uint64_t now_ns) const {
   FaultCounts counts{.injected = injected_[static_cast<size_t>(kind)]};
   for (const Entry& entry : entries_) {
-    if (entry.spec.kind != kind || entry.Over(now_ns)) continue;
+    if (entry.config.kind != kind || entry.Over(now_ns)) continue;
     const bool active = entry.running || (!entry.timed() && entry.begun && entry.from_ns <= now_ns);
     ++(active ? counts.active : counts.waiting);
   }

@@ -29,22 +29,22 @@ class FaultPlan {
   /// A fault of nodes or devices that begins.
   struct Started {
     uint64_t id;
-    FaultSpec spec;
+    FaultConfig config;
   };
 
   explicit FaultPlan(uint64_t start_ns) : start_ns_(start_ns) {}
 
   /// False when there are kMaxFaults already.
-  bool Add(const FaultSpec& spec, uint64_t now_ns);
+  bool Add(const FaultConfig& config, uint64_t now_ns);
 
   /// A packet of `tap` is about to be sent: the faults of packets that strike it, except
   /// packet-early. A fault of nodes or devices that it triggers is due from then on.
-  std::vector<FaultSpec> OnPacket(const std::string& tap, uint64_t now_ns);
+  std::vector<FaultConfig> OnPacket(const std::string& tap, uint64_t now_ns);
   /// The same for packet-early alone, to be called before the packet is due.
   bool GoesEarly(const std::string& tap, uint64_t now_ns);
   /// A command was received: the faults that strike its reply. There can be no stale reply before
   /// the first one.
-  std::vector<FaultSpec> OnCommand(uint16_t opcode, bool first, uint64_t now_ns);
+  std::vector<FaultConfig> OnCommand(uint16_t opcode, bool first, uint64_t now_ns);
 
   /// Starts the faults of nodes and devices that are due. They count as active until Ended().
   std::vector<Started> StartDue(uint64_t now_ns);
@@ -63,7 +63,7 @@ class FaultPlan {
  private:
   struct Entry {
     uint64_t id;
-    FaultSpec spec;
+    FaultConfig config;
     FaultGroup group;
     uint64_t from_ns;                         // not before
     uint64_t hits = 0;                        // times it struck
@@ -74,13 +74,13 @@ class FaultPlan {
     std::map<std::string, uint64_t> counted;  // packets by tap; commands under ""
 
     bool timed() const { return IsTimed(group); }
-    bool by_packets() const { return timed() && (spec.after || spec.probability); }
-    bool Concerns(const std::string& tap) const { return spec.tap.empty() || spec.tap == tap; }
+    bool by_packets() const { return timed() && (config.after || config.probability); }
+    bool Concerns(const std::string& tap) const { return config.tap.empty() || config.tap == tap; }
     bool Spent() const;
     bool Over(uint64_t now_ns) const;
   };
   template <typename Selects>
-  std::vector<FaultSpec> Strike(const std::string& key, uint64_t now_ns, Selects selects);
+  std::vector<FaultConfig> Strike(const std::string& key, uint64_t now_ns, Selects selects);
   bool Strikes(Entry& entry, const std::string& key, uint64_t now_ns) const;
   void CountHit(Entry& entry);
   void DropOver(uint64_t now_ns);

@@ -31,9 +31,9 @@ bool FaultRunner::Running::Over() const {
 void FaultRunner::Run() {
   const uint64_t now = GetTimestampNs();
   for (const FaultPlan::Started& started : plan_.StartDue(now)) {
-    const FaultKindRow& row = RowOf(started.spec.kind);
-    journal_.Log("fault {} {}", row.name, started.spec.device);
-    running_.push_back({started.id, row.group, now, MakeScript(started.spec, devices_.Names())});
+    const FaultKindRow& row = RowOf(started.config.kind);
+    journal_.Log("fault {} {}", row.name, started.config.device);
+    running_.push_back({started.id, row.group, now, MakeScript(started.config, devices_.Names())});
   }
   for (Running& running : running_) {
     while (running.NextAt() <= now) Do(running.steps[running.done++]);

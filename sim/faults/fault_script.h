@@ -31,6 +31,7 @@ struct FaultStep {
 };
 
 /// The steps by their times. What no step repairs stays until somebody repairs it.
-std::vector<FaultStep> MakeScript(const FaultSpec& spec, const std::vector<std::string>& devices);
+std::vector<FaultStep> MakeScript(const FaultConfig& config,
+                                  const std::vector<std::string>& devices);
 
 }  // namespace kvox::sim

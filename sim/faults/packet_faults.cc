@@ -24,13 +24,13 @@ void Put(OutPacket& packet, size_t offset, uint32_t field) {
 
 /// A reader waits for a wrong size that a packet may have, and takes the packets that follow for
 /// its audio.
-void SetSize(const FaultSpec& fault, OutPacket& packet) {
+void SetSize(const FaultConfig& fault, OutPacket& packet) {
   Put(packet, offsetof(KvoxPacketHeader, payload_size), fault.bytes);
   const size_t size = packet.bytes.size() - packet.at;
   if (fault.bytes <= kPacketMaxPayload) packet.excused += static_cast<uint32_t>(fault.bytes / size);
 }
 
-void AddJunk(const FaultSpec& fault, OutPacket& packet) {
+void AddJunk(const FaultConfig& fault, OutPacket& packet) {
   std::vector<std::byte> junk(fault.bytes);
   for (size_t i = 0; i < junk.size(); ++i) junk[i] = static_cast<std::byte>(0x80 | i % 0x3B);
   packet.bytes.insert(packet.bytes.begin(), junk.begin(), junk.end());
@@ -43,42 +43,45 @@ void Cut(OutPacket& packet) {
   packet.bytes.resize(packet.at + size / 2 / 8 * 8);
 }
 
-void Jump(const FaultSpec& fault, OutPacket& packet) {
+void Jump(const FaultConfig& fault, OutPacket& packet) {
   packet.header.packet_num += fault.packets;
   Put(packet, offsetof(KvoxPacketHeader, packet_num), packet.header.packet_num);
 }
 
 struct Row {
   FaultKind kind;
-  void (*corrupt)(const FaultSpec&, OutPacket&);
+  void (*corrupt)(const FaultConfig&, OutPacket&);
 };
 /// In the order in which they are applied to one packet: what moves or cuts it comes last.
 constexpr Row kRows[] = {
     {FaultKind::kPacketMagic,
-     [](const FaultSpec&, OutPacket& packet) { Flip(packet, offsetof(KvoxPacketHeader, magic)); }},
+     [](const FaultConfig&, OutPacket& packet) {
+       Flip(packet, offsetof(KvoxPacketHeader, magic));
+     }},
     {FaultKind::kPacketVersion,
-     [](const FaultSpec&, OutPacket& packet) {
+     [](const FaultConfig&, OutPacket& packet) {
        Flip(packet, offsetof(KvoxPacketHeader, version));
      }},
     {FaultKind::kPacketSize, SetSize},
     {FaultKind::kPacketNumber, Jump},
-    {FaultKind::kPacketCut, [](const FaultSpec&, OutPacket& packet) { Cut(packet); }},
+    {FaultKind::kPacketCut, [](const FaultConfig&, OutPacket& packet) { Cut(packet); }},
     {FaultKind::kPacketJunk, AddJunk},
     {FaultKind::kPacketLate,
-     [](const FaultSpec& fault, OutPacket& packet) {
+     [](const FaultConfig& fault, OutPacket& packet) {
        packet.delay_ns += static_cast<uint64_t>(fault.delay * 1e9);
      }},
     {FaultKind::kPacketBurst,
-     [](const FaultSpec& fault, OutPacket& packet) { packet.burst = fault.packets; }},
-    {FaultKind::kPacketDuplicate, [](const FaultSpec&, OutPacket& packet) { packet.copies *= 2; }},
-    {FaultKind::kPacketDrop, [](const FaultSpec&, OutPacket& packet) { packet.copies = 0; }},
+     [](const FaultConfig& fault, OutPacket& packet) { packet.burst = fault.packets; }},
+    {FaultKind::kPacketDuplicate,
+     [](const FaultConfig&, OutPacket& packet) { packet.copies *= 2; }},
+    {FaultKind::kPacketDrop, [](const FaultConfig&, OutPacket& packet) { packet.copies = 0; }},
 };
 
 }  // namespace
 
-void CorruptPacket(std::span<const FaultSpec> faults, OutPacket& packet) {
+void CorruptPacket(std::span<const FaultConfig> faults, OutPacket& packet) {
   for (const Row& row : kRows) {
-    for (const FaultSpec& fault : faults) {
+    for (const FaultConfig& fault : faults) {
       if (fault.kind != row.kind) continue;
       row.corrupt(fault, packet);
       // A jump of the number alone loses nothing.
@@ -87,9 +90,9 @@ void CorruptPacket(std::span<const FaultSpec> faults, OutPacket& packet) {
   }
 }
 
-std::optional<KvoxTapFormat> ChangedFormat(std::span<const FaultSpec> faults,
+std::optional<KvoxTapFormat> ChangedFormat(std::span<const FaultConfig> faults,
                                            const KvoxTapFormat& format, uint32_t block_length) {
-  const auto fault = std::ranges::find(faults, FaultKind::kPacketFormat, &FaultSpec::kind);
+  const auto fault = std::ranges::find(faults, FaultKind::kPacketFormat, &FaultConfig::kind);
   if (fault == faults.end()) return std::nullopt;
   KvoxTapFormat changed = format;
   for (const int channels : {int{fault->channels}, format.channels == 1 ? 2 : 1, 4, 8}) {

@@ -30,12 +30,12 @@ struct OutPacket {
 };
 
 /// Applies the faults to a whole packet.
-void CorruptPacket(std::span<const FaultSpec> faults, OutPacket& packet);
+void CorruptPacket(std::span<const FaultConfig> faults, OutPacket& packet);
 
 /// The format in which a packet-format fault sends blocks of `block_length` frames: with another
 /// number of channels, so that the packets come as often as before. Nothing when there is no such
 /// fault, or no packet can carry it.
-std::optional<KvoxTapFormat> ChangedFormat(std::span<const FaultSpec> faults,
+std::optional<KvoxTapFormat> ChangedFormat(std::span<const FaultConfig> faults,
                                            const KvoxTapFormat& format, uint32_t block_length);
 
 /// Interleaved audio with another number of channels: the last ones are left out, or all repeated.

@@ -29,12 +29,12 @@ void ChangeOpcode(std::vector<std::byte>& bytes) {
 
 }  // namespace
 
-std::vector<Reply> CorruptReply(std::span<const FaultSpec> faults, std::span<const std::byte> reply,
-                                std::span<const std::byte> last) {
+std::vector<Reply> CorruptReply(std::span<const FaultConfig> faults,
+                                std::span<const std::byte> reply, std::span<const std::byte> last) {
   Reply changed{0, {reply.begin(), reply.end()}};
   bool stale = false;
   bool lost = false;
-  for (const FaultSpec& fault : faults) {
+  for (const FaultConfig& fault : faults) {
     if (fault.kind == FaultKind::kReplyShort) Shorten(changed.bytes, fault.torn);
     if (fault.kind == FaultKind::kReplyOpcode) ChangeOpcode(changed.bytes);
     stale |= fault.kind == FaultKind::kReplyStale;

@@ -16,7 +16,7 @@ struct Reply {
 };
 
 /// The replies that go out in place of `reply`. `last` is the correct reply before it.
-std::vector<Reply> CorruptReply(std::span<const FaultSpec> faults, std::span<const std::byte> reply,
-                                std::span<const std::byte> last);
+std::vector<Reply> CorruptReply(std::span<const FaultConfig> faults,
+                                std::span<const std::byte> reply, std::span<const std::byte> last);
 
 }  // namespace kvox::sim

@@ -54,7 +54,7 @@ struct Scenario {
   std::vector<uint8_t> tapouts;  // device numbers
   std::vector<uint8_t> injects;
   std::vector<TapConfig> taps;
-  std::vector<FaultSpec> faults;
+  std::vector<FaultConfig> faults;
 };
 
 FaultTargets TargetsOf(const Scenario& scenario);

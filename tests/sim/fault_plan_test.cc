@@ -24,7 +24,7 @@ using ::testing::ThrowsMessage;
 constexpr uint64_t kSecond = 1'000'000'000;
 const FaultTargets kTargets{{"imic.0", "genp.1"}, {"kvo", "control", "inject0", "tapout0"}};
 
-FaultSpec Parse(const std::vector<std::string>& words) {
+FaultConfig Parse(const std::vector<std::string>& words) {
   return ParseFault(words, kTargets);
 }
 

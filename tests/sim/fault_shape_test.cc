@@ -9,7 +9,7 @@ namespace kvox::sim {
 namespace {
 
 TEST(PacketFaults, AnotherFormatCarriesTheSameFrames) {
-  const FaultSpec fault{.kind = FaultKind::kPacketFormat};
+  const FaultConfig fault{.kind = FaultKind::kPacketFormat};
   const KvoxTapFormat mono{.sample_rate = 48000, .channels = 1, .bytes_per_sample = 2};
   const auto stereo = ChangedFormat(std::span(&fault, 1), mono, 480);
   ASSERT_TRUE(stereo);
