@@ -1,18 +1,8 @@
 #include "platform/platform.h"
 
-#include <event2/thread.h>
-#include <malloc.h>
 #include <stdlib.h>
 
-#include "platform/linux/limits.h"
-
 namespace kvox {
-
-void PreparePlatform() {
-  mallopt(M_MMAP_THRESHOLD, binder::kMmapBytes);
-  // The binder's event loop needs it; an event loop of the program's own must not be made before.
-  evthread_use_pthreads();
-}
 
 std::vector<HelpRow> DaemonVariables() {
   return {
