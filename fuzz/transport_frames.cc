@@ -181,7 +181,7 @@ void AttackService(FuzzedDataProvider& input, Mirror& mirror) {
   const bool sound = MakeRequests(input, wire, calls);
   SocketPair sockets;
   auto port = std::make_shared<binder::ServicePort>(mirror.asBinder());
-  Connection::Accept(std::move(sockets.theirs), binder::Caller{0, 1}, std::move(port));
+  Connection::Accept(std::move(sockets.theirs), binder::Credentials{0, 1}, std::move(port));
   const Peer peer(sockets.ours.get());
   const bool greets = sound || input.ConsumeIntegralInRange(0, 15) > 0;
   if (greets) peer.SendGreeting();
@@ -261,7 +261,7 @@ void AttackClient(FuzzedDataProvider& input, const std::shared_ptr<Mirror>& give
 void ExpectWell(Mirror& mirror) {
   SocketPair sockets;
   auto port = std::make_shared<binder::ServicePort>(mirror.asBinder());
-  Connection::Accept(std::move(sockets.theirs), binder::Caller{0, 1}, std::move(port));
+  Connection::Accept(std::move(sockets.theirs), binder::Credentials{0, 1}, std::move(port));
   const Peer peer(sockets.ours.get());
   peer.SendGreeting();
   peer.ReceiveGreeting();

@@ -1,10 +1,8 @@
-// Objects as every part of the transport sees them, and the local ones: reference counts, class,
-// and how a call reaches the implementation.
+// What every object of the transport has, local or remote: reference counts, a class, calls.
 #pragma once
 
 #include <android/binder_auto_utils.h>
 #include <android/binder_ibinder.h>
-#include <sys/types.h>
 
 #include <atomic>
 #include <memory>
@@ -20,10 +18,10 @@ struct AIBinder_Class {
 
 namespace kvox::binder {
 class RemoteObject;
-}
+}  // namespace kvox::binder
 
-/// Made with one strong reference. The last strong one ends what the object stands for; its memory
-/// lasts for the weak ones. Any thread.
+/// Created with one strong reference. The last strong reference ends what the object stands for;
+/// its memory lasts until the last weak one is gone. Any thread.
 struct AIBinder {
  public:
   AIBinder(const AIBinder&) = delete;
@@ -36,11 +34,11 @@ struct AIBinder {
   void IncWeak();
   void DecWeak();
 
-  /// The class, null for a remote object that was not given one.
+  /// The class; null for a remote object that was not given one.
   const AIBinder_Class* clazz() const;
 
   virtual bool AssociateClass(const AIBinder_Class* clazz) = 0;
-  /// Makes a call and waits for its reply. What `in` refers to is given its addresses in it.
+  /// Makes a call and waits for its reply. Sets the addresses of the objects that `in` refers to.
   virtual binder_status_t Transact(transaction_code_t code, AParcel& in, binder_flags_t flags,
                                    std::unique_ptr<AParcel>* out) = 0;
   /// This object if it is a remote one, else null.
@@ -51,64 +49,11 @@ struct AIBinder {
   virtual ~AIBinder() = default;
   /// The last strong reference is gone.
   virtual void OnLastStrong() = 0;
-  /// Sets the class unless there is one; answers the class there is.
+  /// Sets the class unless there is one; returns the class there is.
   const AIBinder_Class* SetClass(const AIBinder_Class* clazz);
 
  private:
   std::atomic<int32_t> strong_ = 1;
-  std::atomic<int32_t> weak_ = 1;  // one of them is the strong ones' together
+  std::atomic<int32_t> weak_ = 1;  // the strong references hold one together
   std::atomic<const AIBinder_Class*> clazz_;
 };
-
-namespace kvox::binder {
-
-/// Calls that the library answers for every object.
-inline constexpr transaction_code_t kPingTransaction = 0x5f504e47;        // "_PNG"
-inline constexpr transaction_code_t kDescriptorTransaction = 0x5f4e5446;  // "_NTF"
-inline constexpr transaction_code_t kDumpTransaction = 0x5f444d50;        // "_DMP"
-
-/// An object that lives in this process.
-class LocalObject final : public AIBinder {
- public:
-  LocalObject(const AIBinder_Class* clazz, void* args);
-
-  void* user_data() const { return user_data_; }
-  /// Serves one call on this thread.
-  binder_status_t Handle(transaction_code_t code, const AParcel& in, AParcel& out);
-
-  bool AssociateClass(const AIBinder_Class* clazz) override;
-  binder_status_t Transact(transaction_code_t code, AParcel& in, binder_flags_t flags,
-                           std::unique_ptr<AParcel>* out) override;
-
- private:
-  void OnLastStrong() override;
-
-  void* const user_data_;
-};
-
-/// Whom a thread serves.
-struct Caller {
-  uid_t uid;
-  pid_t pid;
-
-  bool operator==(const Caller&) const = default;
-};
-
-/// Makes `caller` the calling thread's for a scope.
-class ScopedCaller {
- public:
-  explicit ScopedCaller(const Caller& caller);
-  ~ScopedCaller();
-  ScopedCaller(const ScopedCaller&) = delete;
-  ScopedCaller& operator=(const ScopedCaller&) = delete;
-
- private:
-  const Caller* const previous_;
-};
-
-inline ndk::SpAIBinder StrongReference(AIBinder* binder) {
-  AIBinder_incStrong(binder);
-  return ndk::SpAIBinder(binder);
-}
-
-}  // namespace kvox::binder

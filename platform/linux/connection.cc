@@ -2,13 +2,13 @@
 
 #include <event2/buffer.h>
 #include <malloc.h>
-#include <sys/socket.h>
 
 #include <atomic>
 #include <utility>
 
 #include "kvox/common/log.h"
 #include "platform/linux/cut_off_log.h"
+#include "platform/linux/local_object.h"
 #include "platform/linux/parcel.h"
 #include "platform/linux/reactor.h"
 #include "platform/linux/remote_object.h"
@@ -60,19 +60,10 @@ iovec Part(const void* bytes, size_t size) {
 
 }  // namespace
 
-Caller PeerOf(int fd) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-    return {static_cast<uid_t>(-1), 0};
-  }
-  return {credentials.uid, credentials.pid};
-}
-
-Connection::Connection(const Caller& peer, std::shared_ptr<ServicePort> port)
+Connection::Connection(const Credentials& peer, std::shared_ptr<ServicePort> port)
     : RequestQueue(peer), peer_(peer), port_(std::move(port)), greeted_(port_ == nullptr) {}
 
-void Connection::Accept(UniqueFd fd, const Caller& peer, std::shared_ptr<ServicePort> port) {
+void Connection::Accept(UniqueFd fd, const Credentials& peer, std::shared_ptr<ServicePort> port) {
   const ndk::SpAIBinder root = port->root();
   const auto connection = std::make_shared<Connection>(peer, std::move(port));
   const std::string_view descriptor = root.get()->clazz()->descriptor;
@@ -89,7 +80,7 @@ void Connection::Accept(UniqueFd fd, const Caller& peer, std::shared_ptr<Service
 
 std::shared_ptr<Connection> Connection::Join(UniqueFd fd, uint64_t root_address,
                                              std::string_view descriptor, ndk::SpAIBinder* root) {
-  auto connection = std::make_shared<Connection>(PeerOf(fd.get()), nullptr);
+  auto connection = std::make_shared<Connection>(PeerCredentials(fd.get()), nullptr);
   *root = connection->objects_.Take(root_address, descriptor, connection);
   return connection->Open(std::move(fd), sizeof(FrameHeader)) ? connection : nullptr;
 }
@@ -184,7 +175,7 @@ void Connection::Serve(Request request) {
   AParcel reply;
   binder_status_t status = STATUS_OK;
   {
-    const ScopedCaller caller(peer_);
+    const ScopedCallingIdentity caller(peer_);
     auto* target = static_cast<LocalObject*>(request.target.get());
     status = target->Handle(request.code, *request.parcel, reply);
   }

@@ -9,9 +9,9 @@
 #include <memory>
 #include <string_view>
 
-#include "platform/linux/binder_object.h"
 #include "platform/linux/call_table.h"
 #include "platform/linux/channel.h"
+#include "platform/linux/credentials.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/object_table.h"
 #include "platform/linux/service_port.h"
@@ -19,21 +19,17 @@
 
 namespace kvox::binder {
 
-/// Who is at the other end of a connected socket; process 0 of no user when the system does not
-/// tell.
-Caller PeerOf(int fd);
-
 /// Kept by the reactor until it is closed, and by the proxies of the peer's objects.
 class Connection final : public RequestQueue, private ChannelOwner {
  public:
   /// The service's end: greets the client with the port's object. The port has admitted `peer`.
-  static void Accept(UniqueFd fd, const Caller& peer, std::shared_ptr<ServicePort> port);
+  static void Accept(UniqueFd fd, const Credentials& peer, std::shared_ptr<ServicePort> port);
   /// The client's end, after the service's greeting. `root` is the service's object. Null when the
   /// system refuses.
   static std::shared_ptr<Connection> Join(UniqueFd fd, uint64_t root_address,
                                           std::string_view descriptor, ndk::SpAIBinder* root);
 
-  Connection(const Caller& peer, std::shared_ptr<ServicePort> port);
+  Connection(const Credentials& peer, std::shared_ptr<ServicePort> port);
 
   /// Calls the peer's object `id`.
   binder_status_t Transact(uint64_t id, transaction_code_t code, AParcel& in, binder_flags_t flags,
@@ -72,7 +68,7 @@ class Connection final : public RequestQueue, private ChannelOwner {
   const char* TakeFrame(const FrameHeader& header, evbuffer* input);
   const char* TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel);
 
-  const Caller peer_;
+  const Credentials peer_;
   // The next four are the reactor's.
   std::shared_ptr<ServicePort> port_;  // null: the client's end, or closed
   bool greeted_;

@@ -19,7 +19,7 @@ CutOffLog& TheLog() {
 
 }  // namespace
 
-std::string CutOffLog::Line(const Caller& peer, const char* fault, Clock::time_point now,
+std::string CutOffLog::Line(const Credentials& peer, const char* fault, Clock::time_point now,
                             bool* first_left_out) {
   *first_left_out = false;
   MutexLock lock(mutex_);
@@ -42,7 +42,7 @@ std::string CutOffLog::Rest() {
          " more clients were cut off within a second, too many to name";
 }
 
-void ReportCutOff(const Caller& peer, const char* fault) {
+void ReportCutOff(const Credentials& peer, const char* fault) {
   bool first_left_out = false;
   const std::string line = TheLog().Line(peer, fault, CutOffLog::Clock::now(), &first_left_out);
   if (!line.empty()) LogWarning("%s", line.c_str());

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "kvox/common/mutex.h"
-#include "platform/linux/binder_object.h"
+#include "platform/linux/credentials.h"
 
 namespace kvox::binder {
 
@@ -18,7 +18,7 @@ class CutOffLog {
 
   /// The line for a peer that was cut off at `now` because of `fault`; "" when it is only counted.
   /// `first_left_out` tells that Rest() is to be asked in a second.
-  std::string Line(const Caller& peer, const char* fault, Clock::time_point now,
+  std::string Line(const Credentials& peer, const char* fault, Clock::time_point now,
                    bool* first_left_out);
 
   /// The line for those that were only counted since the last time.
@@ -33,6 +33,6 @@ class CutOffLog {
 
 /// Logs that a peer was cut off, now or in the count that follows. On the pool, for the log may
 /// block.
-void ReportCutOff(const Caller& peer, const char* fault);
+void ReportCutOff(const Credentials& peer, const char* fault);
 
 }  // namespace kvox::binder

@@ -59,7 +59,7 @@ void Listener::AcceptAll() {
   for (int i = 0; i < kMaxAcceptsAtOnce; ++i) {
     UniqueFd client(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client.valid()) {
-      const Caller peer = PeerOf(client.get());
+      const Credentials peer = PeerCredentials(client.get());
       const Welcome welcome = port_->Admit(peer);
       if (welcome == Welcome::kOk) {
         Connection::Accept(std::move(client), peer, port_);

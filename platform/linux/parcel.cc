@@ -4,7 +4,6 @@
 #include <string>
 
 #include "platform/linux/frames.h"
-#include "platform/linux/status.h"
 #include "platform/linux/utf16.h"
 
 using kvox::binder::kReferencePresent;

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "kvox/common/log.h"
+#include "platform/linux/binder_object.h"
 #include "platform/linux/reactor.h"
 #include "platform/linux/runtime_directory.h"
 #include "platform/linux/service_connector.h"
@@ -126,7 +127,8 @@ binder_exception_t ServiceManager::Add(AIBinder* binder, const char* instance) {
   } else if (!IsServiceName(name)) {
     error = "\"" + name + "\" is no service name: 1 to 127 letters, digits and _ - . /";
   } else {
-    ndk::SpAIBinder root = StrongReference(binder);
+    AIBinder_incStrong(binder);
+    ndk::SpAIBinder root(binder);
     MutexLock lock(mutex_);
     result = Publish(name, &root, &error);
   }

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "kvox/common/mutex.h"
-#include "platform/linux/binder_object.h"
+#include "platform/linux/credentials.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/limits.h"
 
@@ -31,10 +31,10 @@ class ServicePort {
 
   /// Counts one more client, unless that would be one too many: of its process, of its user, or of
   /// all.
-  Welcome Admit(const Caller& client) {
+  Welcome Admit(const Credentials& client) {
     MutexLock lock(mutex_);
-    const auto same_process = [&](const Caller& other) { return other.pid == client.pid; };
-    const auto same_user = [&](const Caller& other) { return other.uid == client.uid; };
+    const auto same_process = [&](const Credentials& other) { return other.pid == client.pid; };
+    const auto same_user = [&](const Credentials& other) { return other.uid == client.uid; };
     // A process outside this one's pid namespace has number 0, like all others there.
     if (client.pid != 0 &&
         std::ranges::count_if(clients_, same_process) >= kMaxConnectionsOfProcess) {
@@ -48,7 +48,7 @@ class ServicePort {
     return Welcome::kOk;
   }
   /// A client that was admitted is gone.
-  void Leave(const Caller& client) {
+  void Leave(const Credentials& client) {
     MutexLock lock(mutex_);
     const auto found = std::ranges::find(clients_, client);
     if (found != clients_.end()) clients_.erase(found);
@@ -57,7 +57,7 @@ class ServicePort {
  private:
   mutable Mutex mutex_;
   ndk::SpAIBinder root_ GUARDED_BY(mutex_);
-  std::vector<Caller> clients_ GUARDED_BY(mutex_);
+  std::vector<Credentials> clients_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kvox::binder

@@ -3,6 +3,7 @@
 #include <sys/un.h>
 
 #include "kvox/common/unique_fd.h"
+#include "platform/linux/credentials.h"
 #include "platform/linux/runtime_directory.h"
 #include "platform/platform.h"
 
@@ -23,10 +24,8 @@ std::optional<ServiceProcess> FindServiceProcess(const std::string& path) {
   const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const auto* const name = reinterpret_cast<const sockaddr*>(&address);
   if (!fd.valid() || connect(fd.get(), name, sizeof address) != 0) return std::nullopt;
-  // Who called listen(); a stopped process as well.
-  ucred server{};
-  socklen_t size = sizeof server;
-  if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &server, &size) != 0) return std::nullopt;
+  // The process that called listen(), even if it is stopped.
+  const binder::Credentials server = binder::PeerCredentials(fd.get());
   return ServiceProcess{.pid = server.pid, .user = server.uid};
 }
 

@@ -36,7 +36,7 @@ struct Request {
 class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
  public:
   /// The peer of `owner` has its turns with all other queues of that process and that user.
-  explicit RequestQueue(const Caller& owner) : owner_(owner) {}
+  explicit RequestQueue(const Credentials& owner) : owner_(owner) {}
   virtual ~RequestQueue() = default;
 
  protected:
@@ -48,7 +48,7 @@ class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
  private:
   friend class ThreadPool;
 
-  const Caller owner_;
+  const Credentials owner_;
   // All under the pool's lock.
   std::deque<Request> pending_;
   size_t pending_bytes_ = 0;

@@ -8,7 +8,7 @@
 #include <deque>
 #include <utility>
 
-#include "platform/linux/binder_object.h"
+#include "platform/linux/credentials.h"
 
 namespace kvox::binder {
 
@@ -19,7 +19,7 @@ class Turns {
   bool empty() const { return waiting_ == 0; }
 
   /// Puts an item last in its process's queue.
-  void Add(const Caller& owner, Item item) {
+  void Add(const Credentials& owner, Item item) {
     User& user = FindOrAdd(users_, &User::uid, owner.uid);
     FindOrAdd(user.processes, &Process::pid, owner.pid).items.push_back(std::move(item));
     ++user.waiting;
@@ -39,7 +39,7 @@ class Turns {
   }
 
   /// An item of `owner` that was taken is not under way any more.
-  void Done(const Caller& owner) {
+  void Done(const Credentials& owner) {
     User& user = FindOrAdd(users_, &User::uid, owner.uid);
     --user.under_way;
     --FindOrAdd(user.processes, &Process::pid, owner.pid).under_way;

@@ -19,7 +19,7 @@ struct TurnLog : SharedText {
 /// Notes the code of each request; a capital one waits at the gate first.
 class NotingQueue : public RequestQueue {
  public:
-  NotingQueue(char name, TurnLog* turns, const Caller& owner = {1, 1})
+  NotingQueue(char name, TurnLog* turns, const Credentials& owner = {1, 1})
       : RequestQueue(owner), name_(name), turns_(turns) {}
 
   void Ask(char code, binder_flags_t flags = 0, size_t bytes = 0) {

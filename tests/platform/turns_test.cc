@@ -11,7 +11,7 @@
 namespace kvox::binder {
 namespace {
 
-std::string TakeAll(Turns<std::string>* turns, const Caller& finished) {
+std::string TakeAll(Turns<std::string>* turns, const Credentials& finished) {
   std::string order;
   while (!turns->empty()) {
     order += turns->Take() + " ";
@@ -26,8 +26,8 @@ TEST(Turns, UsersTakeThemThenProcessesThenQueues) {
   for (const char* item : {"b1", "b2"}) turns.Add({1, 11}, item);
   for (const char* item : {"c1", "c2"}) turns.Add({2, 20}, item);
   std::string order;
-  const Caller owners[] = {{1, 10}, {2, 20}, {1, 11}, {2, 20}, {1, 10}, {1, 11}, {1, 10}};
-  for (const Caller& owner : owners) {
+  const Credentials owners[] = {{1, 10}, {2, 20}, {1, 11}, {2, 20}, {1, 10}, {1, 11}, {1, 10}};
+  for (const Credentials& owner : owners) {
     order += turns.Take() + " ";
     turns.Done(owner);
   }
