@@ -68,7 +68,7 @@ bool Channel::Send(Parts parts) {
     if (size >= 0) {
       sent = static_cast<size_t>(size);
     } else if (errno != EAGAIN && errno != EINTR && errno != ENOBUFS) {
-      AbortLocked();
+      Abort();
       return false;
     }
   }
@@ -81,7 +81,7 @@ bool Channel::Queue(const Parts& parts, size_t sent) {
   for (const iovec& part : Without(parts, sent)) {
     if (queued && part.iov_len > 0) queued = evbuffer_add(output, part.iov_base, part.iov_len) == 0;
   }
-  if (!queued) AbortLocked();
+  if (!queued) Abort();
   owner_.OnUnsent(evbuffer_get_length(output));
   UpdateReadingLocked();
   return queued;
@@ -107,11 +107,6 @@ bool Channel::UpdateReadingLocked() {
 }
 
 void Channel::Abort() {
-  MutexLock lock(mutex_);
-  if (stream_ != nullptr) AbortLocked();
-}
-
-void Channel::AbortLocked() {
   if (std::exchange(aborted_, true)) return;
   bufferevent_trigger_event(stream_, BEV_EVENT_ERROR, 0);
 }

@@ -22,7 +22,7 @@ class ChannelOwner {
   /// the others had their turn. Answers how many bytes it must hold for the next call to be of use,
   /// or 0 when the channel was closed.
   virtual size_t OnInput(evbuffer* input) = 0;
-  /// The peer is gone, or Abort was called. The owner closes the channel.
+  /// The peer is gone, or sending failed. The owner closes the channel.
   virtual void OnBroken() = 0;
   virtual bool WantsInput() const = 0;
   /// So many bytes wait for the peer to read. WantsInput is asked again afterwards.
@@ -48,8 +48,6 @@ class Channel {
   bool Send(Parts parts);
   /// Reads, or stops reading, as the owner wants. Answers which.
   bool UpdateReading();
-  /// OnBroken follows on the reactor.
-  void Abort();
   /// Reactor only, or when it has ended: no function of the owner is called any more.
   void Close();
   bool open() const;
@@ -61,7 +59,8 @@ class Channel {
 
   bool Queue(const Parts& parts, size_t sent) REQUIRES(mutex_);
   bool UpdateReadingLocked() REQUIRES(mutex_);
-  void AbortLocked() REQUIRES(mutex_);
+  /// OnBroken follows on the reactor.
+  void Abort() REQUIRES(mutex_);
 
   ChannelOwner& owner_;
   size_t needed_ = 0;  // reactor only

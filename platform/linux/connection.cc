@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "kvox/common/log.h"
-#include "platform/linux/cut_off_log.h"
+#include "platform/linux/disconnect_log.h"
 #include "platform/linux/local_object.h"
 #include "platform/linux/parcel.h"
 #include "platform/linux/reactor.h"
@@ -119,7 +119,7 @@ binder_status_t Connection::Transact(uint64_t id, transaction_code_t code, AParc
   header.call = calls_.Add(&call);
   if (!Send(header, in, object_list) && calls_.Remove(header.call)) return STATUS_DEAD_OBJECT;
   // The reply may lie behind requests that wait for the thread we are on.
-  if (ThreadPool::Get().Full(*this)) channel_.UpdateReading();
+  if (ThreadPool::Get().Paused(*this)) channel_.UpdateReading();
   return call.Wait(out);
 }
 
@@ -129,7 +129,7 @@ ndk::SpAIBinder Connection::QueryRoot(std::chrono::steady_clock::time_point dead
   header.type = FrameType::kRootRequest;
   header.call = calls_.Add(&call);
   const bool sent = Send(header, AParcel(), {});
-  if (ThreadPool::Get().Full(*this)) channel_.UpdateReading();
+  if (ThreadPool::Get().Paused(*this)) channel_.UpdateReading();
   if ((!sent || !call.WaitUntil(deadline)) && calls_.Remove(header.call)) return nullptr;
   std::unique_ptr<AParcel> reply;
   ndk::SpAIBinder root;
@@ -192,13 +192,13 @@ size_t Connection::OnInput(evbuffer* input) {
   for (int taken = 0; taken < kMaxFramesAtOnce; ++taken) {
     const size_t size = evbuffer_get_length(input);
     if (size < sizeof header) return sizeof header;
-    const bool full = ThreadPool::Get().Full(*this);
-    if (full && !channel_.UpdateReading()) return sizeof header;
+    const bool paused = ThreadPool::Get().Paused(*this);
+    if (paused && !channel_.UpdateReading()) return sizeof header;
     evbuffer_copyout(input, &header, sizeof header);
     const char* fault = CheckHeader(header);
     if (fault == nullptr && size < header.FrameSize()) return header.FrameSize();
     // It is read on for the sake of a reply alone; answers to questions would only add up.
-    if (full && header.type == FrameType::kRootRequest && ThreadPool::Get().Blocked(*this)) {
+    if (paused && header.type == FrameType::kRootRequest && ThreadPool::Get().Blocked(*this)) {
       fault = "questions, and does not read the answers";
     }
     if (fault == nullptr) fault = TakeFrame(header, input);
@@ -267,7 +267,7 @@ const char* Connection::TakeRequest(const FrameHeader& header, std::unique_ptr<A
 }
 
 bool Connection::WantsInput() const {
-  return !ThreadPool::Get().Full(*this) || !calls_.empty();
+  return !ThreadPool::Get().Paused(*this) || !calls_.empty();
 }
 
 void Connection::OnUnsent(size_t bytes) {
@@ -281,26 +281,26 @@ void Connection::Close(const char* fault) {
   calls_.FinishAll(STATUS_DEAD_OBJECT);
   Reactor::Get().Forget(self);
 
-  struct Remains {
-    ObjectTable::Remains objects;
+  struct Orphans {
+    ObjectTable::Orphans objects;
     std::deque<Request> requests;
     DeathLinkList links;
   };
-  auto remains = std::make_shared<Remains>();
-  remains->objects = objects_.Close();
-  remains->requests = ThreadPool::Get().Clear(*this);
-  for (Request& request : remains->requests) request.parcel->DropBytes();
-  for (const auto& proxy : remains->objects.proxies) {
+  auto orphans = std::make_shared<Orphans>();
+  orphans->objects = objects_.Close();
+  orphans->requests = ThreadPool::Get().Clear(*this);
+  for (Request& request : orphans->requests) request.parcel->DropBytes();
+  for (const auto& proxy : orphans->objects.proxies) {
     for (auto& link : proxy.get()->AsRemote()->death_links().Die()) {
-      remains->links.push_back(std::move(link));
+      orphans->links.push_back(std::move(link));
     }
   }
   // The log may block as well, which the reactor must not. The port holds the service, which may
   // hold proxies of this connection. The peer keeps its place until all of this has gone: one that
   // connects and goes again and again would else fill the memory while the threads are busy.
   ThreadPool::Get().Post(
-      [held = std::move(remains), fault, peer = peer_, port = std::exchange(port_, nullptr)] {
-        if (fault != nullptr) ReportCutOff(peer, fault);
+      [held = std::move(orphans), fault, peer = peer_, port = std::exchange(port_, nullptr)] {
+        if (fault != nullptr) LogDisconnect(peer, fault);
         for (const auto& link : held->links) link->ReportDeath();
         *held = {};
         if (port != nullptr) port->Leave(peer);

@@ -55,7 +55,7 @@ class Connection final : public RequestQueue, private ChannelOwner {
 
   // RequestQueue
   void Serve(Request request) override;
-  void OnRoom() override { channel_.UpdateReading(); }
+  void OnResume() override { channel_.UpdateReading(); }
 
   // ChannelOwner
   size_t OnInput(evbuffer* input) override;

@@ -18,8 +18,8 @@ inline constexpr uint32_t kTransportVersion = 1;
 /// A reference's address names an object of the one who sends it, or of the one who receives it.
 inline constexpr uint64_t kReceiversObject = 1;
 
-enum class Welcome : uint32_t {
-  kOk = 0,
+enum class AdmitResult : uint32_t {
+  kAdmitted = 0,
   kTooManyClients = 1,
   kTooManyOfProcess = 2,
   kTooManyOfUser = 3,
@@ -36,7 +36,7 @@ static_assert(sizeof(ClientGreeting) == 8);
 struct ServiceGreeting {
   uint32_t magic = kTransportMagic;
   uint32_t version = kTransportVersion;
-  Welcome welcome = Welcome::kOk;
+  AdmitResult result = AdmitResult::kAdmitted;
   uint32_t descriptor_size = 0;
   uint64_t address = 0;
 };

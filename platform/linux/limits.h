@@ -76,7 +76,7 @@ inline constexpr size_t kTrimBytes = 1024 * 1024;
 inline constexpr std::chrono::seconds kTrimPause{1};
 
 /// Lines about peers that were cut off; more than that are counted.
-inline constexpr int kCutOffLinesPerSecond = 8;
+inline constexpr int kDisconnectLinesPerSecond = 8;
 
 /// How long either side waits for the other's first bytes. They are sent without being asked for,
 /// so only a stopped process takes longer.

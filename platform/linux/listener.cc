@@ -20,8 +20,8 @@ constexpr timeval kPause{
     .tv_usec = std::chrono::duration_cast<std::chrono::microseconds>(kAcceptPause).count(),
 };
 
-void Refuse(const UniqueFd& client, Welcome reason) {
-  const ServiceGreeting greeting{.welcome = reason};
+void Refuse(const UniqueFd& client, AdmitResult reason) {
+  const ServiceGreeting greeting{.result = reason};
   send(client.get(), &greeting, sizeof greeting, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
@@ -60,11 +60,11 @@ void Listener::AcceptAll() {
     UniqueFd client(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client.valid()) {
       const Credentials peer = PeerCredentials(client.get());
-      const Welcome welcome = port_->Admit(peer);
-      if (welcome == Welcome::kOk) {
+      const AdmitResult result = port_->Admit(peer);
+      if (result == AdmitResult::kAdmitted) {
         Connection::Accept(std::move(client), peer, port_);
       } else {
-        Refuse(client, welcome);
+        Refuse(client, result);
       }
       continue;
     }

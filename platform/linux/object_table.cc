@@ -192,18 +192,18 @@ uint64_t ObjectTable::Forget(const RemoteObject& proxy) {
   return references;
 }
 
-ObjectTable::Remains ObjectTable::Close() {
-  Remains remains;
+ObjectTable::Orphans ObjectTable::Close() {
+  Orphans orphans;
   MutexLock lock(mutex_);
   closed_ = true;
-  for (auto& [id, given] : given_) remains.given.push_back(std::move(given.object));
+  for (auto& [id, given] : given_) orphans.given.push_back(std::move(given.object));
   for (const auto& [id, proxy] : proxies_) {
-    if (proxy.object->TryIncStrong()) remains.proxies.emplace_back(proxy.object);
+    if (proxy.object->TryIncStrong()) orphans.proxies.emplace_back(proxy.object);
   }
   given_.clear();
   given_ids_.clear();
   proxies_.clear();
-  return remains;
+  return orphans;
 }
 
 }  // namespace kvox::binder

@@ -26,7 +26,7 @@ class RemoteObject;
 class ObjectTable {
  public:
   /// What a connection leaves behind.
-  struct Remains {
+  struct Orphans {
     std::vector<ndk::SpAIBinder> given;    // local objects
     std::vector<ndk::SpAIBinder> proxies;  // objects of the peer that are still referenced
   };
@@ -57,7 +57,7 @@ class ObjectTable {
   uint64_t Forget(const RemoteObject& proxy);
 
   /// Empties the table for good.
-  Remains Close();
+  Orphans Close();
 
  private:
   struct GivenObject {

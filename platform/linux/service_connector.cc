@@ -51,12 +51,12 @@ bool ReceiveExactly(int fd, void* bytes, size_t size, Clock::time_point deadline
   return true;
 }
 
-std::string ExplainRefusal(Welcome reason) {
+std::string ExplainRefusal(AdmitResult reason) {
   switch (reason) {
-    case Welcome::kTooManyOfProcess:
+    case AdmitResult::kTooManyOfProcess:
       return "takes " + std::to_string(kMaxConnectionsOfProcess) +
              " clients of one process, and this one has as many; end one";
-    case Welcome::kTooManyOfUser:
+    case AdmitResult::kTooManyOfUser:
       return "takes " + std::to_string(kMaxConnectionsOfUser) +
              " clients of one user, and this one has as many; end one";
     default:
@@ -80,7 +80,7 @@ std::string Greet(int fd, ServiceGreeting* greeting, std::string* descriptor,
     return "speaks version " + std::to_string(greeting->version) + " of the protocol, not " +
            std::to_string(kTransportVersion) + "; install client and daemon of one release";
   }
-  if (greeting->welcome != Welcome::kOk) return ExplainRefusal(greeting->welcome);
+  if (greeting->result != AdmitResult::kAdmitted) return ExplainRefusal(greeting->result);
   descriptor->resize(PaddedSize(greeting->descriptor_size));
   if (!ReceiveExactly(fd, descriptor->data(), descriptor->size(), deadline)) {
     return "broke off; try again";

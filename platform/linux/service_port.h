@@ -31,21 +31,21 @@ class ServicePort {
 
   /// Counts one more client, unless that would be one too many: of its process, of its user, or of
   /// all.
-  Welcome Admit(const Credentials& client) {
+  AdmitResult Admit(const Credentials& client) {
     MutexLock lock(mutex_);
     const auto same_process = [&](const Credentials& other) { return other.pid == client.pid; };
     const auto same_user = [&](const Credentials& other) { return other.uid == client.uid; };
     // A process outside this one's pid namespace has number 0, like all others there.
     if (client.pid != 0 &&
         std::ranges::count_if(clients_, same_process) >= kMaxConnectionsOfProcess) {
-      return Welcome::kTooManyOfProcess;
+      return AdmitResult::kTooManyOfProcess;
     }
     if (std::ranges::count_if(clients_, same_user) >= kMaxConnectionsOfUser) {
-      return Welcome::kTooManyOfUser;
+      return AdmitResult::kTooManyOfUser;
     }
-    if (clients_.size() >= kMaxConnections) return Welcome::kTooManyClients;
+    if (clients_.size() >= kMaxConnections) return AdmitResult::kTooManyClients;
     clients_.push_back(client);
-    return Welcome::kOk;
+    return AdmitResult::kAdmitted;
   }
   /// A client that was admitted is gone.
   void Leave(const Credentials& client) {

@@ -69,11 +69,11 @@ bool ThreadPool::Enqueue(RequestQueue& queue, Request request) {
   queue.pending_.push_back(std::move(request));
   const size_t count = queue.pending_.size();
   if (count >= kPauseRequests || queue.pending_bytes_ >= kPauseRequestBytes) queue.full_ = true;
-  List(queue);
+  Schedule(queue);
   return count <= kMaxRequests && queue.pending_bytes_ <= kMaxRequestBytes;
 }
 
-bool ThreadPool::Full(const RequestQueue& queue) const {
+bool ThreadPool::Paused(const RequestQueue& queue) const {
   MutexLock lock(mutex_);
   return queue.full_ || queue.blocked_;
 }
@@ -81,7 +81,7 @@ bool ThreadPool::Full(const RequestQueue& queue) const {
 void ThreadPool::SetBlocked(RequestQueue& queue, bool blocked) {
   MutexLock lock(mutex_);
   queue.blocked_ = blocked;
-  List(queue);
+  Schedule(queue);
 }
 
 bool ThreadPool::Blocked(const RequestQueue& queue) const {
@@ -95,10 +95,10 @@ std::deque<Request> ThreadPool::Clear(RequestQueue& queue) {
   return std::exchange(queue.pending_, {});
 }
 
-void ThreadPool::List(RequestQueue& queue) {
-  if (queue.listed_ || queue.blocked_ || FirstRunnable(queue) == queue.pending_.size()) return;
-  queue.listed_ = true;
-  turns_.Add(queue.owner_, queue.shared_from_this());
+void ThreadPool::Schedule(RequestQueue& queue) {
+  if (queue.scheduled_ || queue.blocked_ || FirstRunnable(queue) == queue.pending_.size()) return;
+  queue.scheduled_ = true;
+  ready_.Push(queue.owner_, queue.shared_from_this());
   work_.NotifyOne();
 }
 
@@ -114,7 +114,7 @@ void ThreadPool::Run() {
   while (!stopping_) {
     if (!tasks_.empty()) {
       RunTask();
-    } else if (!turns_.empty()) {
+    } else if (!ready_.empty()) {
       ServeNext();
     } else {
       work_.Wait(mutex_);
@@ -133,27 +133,27 @@ void ThreadPool::RunTask() {
 }
 
 void ThreadPool::ServeNext() {
-  const std::shared_ptr<RequestQueue> queue = turns_.Take();
-  queue->listed_ = false;
+  const std::shared_ptr<RequestQueue> queue = ready_.Pop();
+  queue->scheduled_ = false;
   const size_t index = FirstRunnable(*queue);
-  if (queue->blocked_ || index == queue->pending_.size()) return turns_.Done(queue->owner_);
+  if (queue->blocked_ || index == queue->pending_.size()) return ready_.Finish(queue->owner_);
   Request request = std::move(queue->pending_[index]);
   queue->pending_.erase(queue->pending_.begin() + static_cast<ptrdiff_t>(index));
   queue->pending_bytes_ -= request.parcel->data().size();
   const bool oneway = request.oneway();
   if (oneway) queue->oneway_running_ = true;
-  const bool room = queue->full_ && queue->pending_.size() <= kPauseRequests / 2 &&
-                    queue->pending_bytes_ <= kPauseRequestBytes / 2;
-  if (room) queue->full_ = false;
-  List(*queue);  // the others have their turn before this one's next request
+  const bool resumes = queue->full_ && queue->pending_.size() <= kPauseRequests / 2 &&
+                       queue->pending_bytes_ <= kPauseRequestBytes / 2;
+  if (resumes) queue->full_ = false;
+  Schedule(*queue);  // the others have their turn before this one's next request
   mutex_.Unlock();
-  if (room) queue->OnRoom();
+  if (resumes) queue->OnResume();
   queue->Serve(std::move(request));
   mutex_.Lock();
-  turns_.Done(queue->owner_);
+  ready_.Finish(queue->owner_);
   if (!oneway) return;
   queue->oneway_running_ = false;
-  List(*queue);
+  Schedule(*queue);
 }
 
 std::thread StartThread(const std::string& name, std::function<void()> body) {

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "kvox/common/mutex.h"
+#include "platform/linux/fair_queue.h"
 #include "platform/linux/parcel.h"
-#include "platform/linux/turns.h"
 
 namespace kvox::binder {
 
@@ -43,7 +43,7 @@ class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
   /// Serves one request, on a pool thread.
   virtual void Serve(Request request) = 0;
   /// Half of a queue that had reached its limits is done; on a pool thread.
-  virtual void OnRoom() = 0;
+  virtual void OnResume() = 0;
 
  private:
   friend class ThreadPool;
@@ -54,7 +54,7 @@ class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
   size_t pending_bytes_ = 0;
   bool full_ = false;
   bool blocked_ = false;
-  bool listed_ = false;
+  bool scheduled_ = false;
   bool oneway_running_ = false;
 };
 
@@ -80,7 +80,7 @@ class ThreadPool {
   bool Enqueue(RequestQueue& queue, Request request);
   /// Whether the queue should get no more requests for now: it is blocked, or has reached its
   /// limits and half of that is not done yet.
-  bool Full(const RequestQueue& queue) const;
+  bool Paused(const RequestQueue& queue) const;
   /// A blocked queue's requests wait.
   void SetBlocked(RequestQueue& queue, bool blocked);
   bool Blocked(const RequestQueue& queue) const;
@@ -94,7 +94,7 @@ class ThreadPool {
   /// Serves the next request of the queue that is first in turn.
   void ServeNext() REQUIRES(mutex_);
   void RunTask() REQUIRES(mutex_);
-  void List(RequestQueue& queue) REQUIRES(mutex_);
+  void Schedule(RequestQueue& queue) REQUIRES(mutex_);
   static size_t FirstRunnable(const RequestQueue& queue);
 
   mutable Mutex mutex_;
@@ -106,7 +106,7 @@ class ThreadPool {
   bool stopping_ GUARDED_BY(mutex_) = false;
   std::vector<std::thread> threads_ GUARDED_BY(mutex_);
   std::deque<Task> tasks_ GUARDED_BY(mutex_);
-  Turns<std::shared_ptr<RequestQueue>> turns_ GUARDED_BY(mutex_);
+  FairQueue<std::shared_ptr<RequestQueue>> ready_ GUARDED_BY(mutex_);
 };
 
 /// Starts a thread that takes no signals and bears `name`. Throws std::system_error like

@@ -275,7 +275,7 @@ TEST_F(HostilePeerTest, ADeadPeerKeepsItsPlaceUntilItsCallsAreDropped) {
   for (; gone < 2 * kMaxConnectionsOfProcess; ++gone) {
     RawPeer next(Path());
     next.Greet();
-    if (next.greeting().welcome != Welcome::kOk) break;
+    if (next.greeting().result != AdmitResult::kAdmitted) break;
     ASSERT_TRUE(next.SendFrame(echo));
   }
   EXPECT_EQ(gone, kMaxConnectionsOfProcess - 1);

@@ -106,17 +106,17 @@ TEST(ServicePort, NobodyCanShutTheOthersOut) {
   ServicePort port(nullptr);
   const auto admit = [&](uid_t uid, pid_t first, int count) {
     for (pid_t pid = first; pid < first + count; ++pid) {
-      EXPECT_EQ(port.Admit({uid, pid}), Welcome::kOk) << uid << " " << pid;
+      EXPECT_EQ(port.Admit({uid, pid}), AdmitResult::kAdmitted) << uid << " " << pid;
     }
   };
   for (int i = 0; i < kMaxConnectionsOfProcess; ++i) admit(1, 7, 1);
-  EXPECT_EQ(port.Admit({1, 7}), Welcome::kTooManyOfProcess);
+  EXPECT_EQ(port.Admit({1, 7}), AdmitResult::kTooManyOfProcess);
   admit(1, 1000, kMaxConnectionsOfUser - kMaxConnectionsOfProcess);
-  EXPECT_EQ(port.Admit({1, 8}), Welcome::kTooManyOfUser);
+  EXPECT_EQ(port.Admit({1, 8}), AdmitResult::kTooManyOfUser);
   for (int i = 0; i < kMaxConnectionsOfUser; ++i) admit(2, 0, 1);  // of another pid namespace
-  EXPECT_EQ(port.Admit({3, 9}), Welcome::kTooManyClients);
+  EXPECT_EQ(port.Admit({3, 9}), AdmitResult::kTooManyClients);
   port.Leave({1, 7});
-  EXPECT_EQ(port.Admit({2, 9}), Welcome::kTooManyOfUser);
+  EXPECT_EQ(port.Admit({2, 9}), AdmitResult::kTooManyOfUser);
   admit(3, 9, 1);
 }
 
@@ -127,7 +127,7 @@ TEST_F(ServiceManagerTest, ClientsBeyondTheLimitAreToldSo) {
     for (int i = 0; i < kMaxConnectionsOfProcess; ++i) {
       peers.emplace_back(Path());
       peers.back().Greet();
-      ASSERT_EQ(peers.back().greeting().welcome, Welcome::kOk);
+      ASSERT_EQ(peers.back().greeting().result, AdmitResult::kAdmitted);
     }
     EXPECT_CONTAINS(ConnectToService(Path()).error, "takes 8 clients of one process");
   }

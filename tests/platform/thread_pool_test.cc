@@ -1,4 +1,4 @@
-// Whose turn it is in the pool.
+// What the pool serves next.
 #include "platform/linux/thread_pool.h"
 
 #include <gtest/gtest.h>
@@ -11,16 +11,16 @@
 namespace kvox::binder {
 namespace {
 
-/// The turns of all queues in their order.
-struct TurnLog : SharedText {
+/// What was served, in order.
+struct ServeLog : SharedText {
   Gate gate{true};
 };
 
 /// Notes the code of each request; a capital one waits at the gate first.
 class NotingQueue : public RequestQueue {
  public:
-  NotingQueue(char name, TurnLog* turns, const Credentials& owner = {1, 1})
-      : RequestQueue(owner), name_(name), turns_(turns) {}
+  NotingQueue(char name, ServeLog* served, const Credentials& owner = {1, 1})
+      : RequestQueue(owner), name_(name), served_(served) {}
 
   void Ask(char code, binder_flags_t flags = 0, size_t bytes = 0) {
     Request request;
@@ -30,21 +30,21 @@ class NotingQueue : public RequestQueue {
         std::make_unique<AParcel>(std::vector<uint8_t>(bytes), std::vector<AParcel::Object>());
     in_bounds = ThreadPool::Get().Enqueue(*this, std::move(request));
   }
-  bool full() const { return ThreadPool::Get().Full(*this); }
+  bool paused() const { return ThreadPool::Get().Paused(*this); }
 
   bool in_bounds = true;
-  std::atomic<int> rooms = 0;
+  std::atomic<int> resumes = 0;
 
  private:
   void Serve(Request request) override {
     const auto code = static_cast<char>(request.code);
-    if (code <= 'Z') turns_->gate.Pass();
-    turns_->Add({name_, code, ' '});
+    if (code <= 'Z') served_->gate.Pass();
+    served_->Add({name_, code, ' '});
   }
-  void OnRoom() override { ++rooms; }
+  void OnResume() override { ++resumes; }
 
   const char name_;
-  TurnLog* const turns_;
+  ServeLog* const served_;
 };
 
 class ThreadPoolTest : public ::testing::Test {
@@ -54,49 +54,49 @@ class ThreadPoolTest : public ::testing::Test {
     ASSERT_TRUE(ThreadPool::Get().SetThreadCount(threads));
     ThreadPool::Get().Start();
   }
-  void ExpectTurns(const std::string& turns) {
-    WaitFor([&] { return turns_.text().size() >= turns.size(); });
-    EXPECT_EQ(turns_.text(), turns);
+  void ExpectServed(const std::string& served) {
+    WaitFor([&] { return served_.text().size() >= served.size(); });
+    EXPECT_EQ(served_.text(), served);
   }
 
-  TurnLog turns_;
-  std::shared_ptr<NotingQueue> a_ = std::make_shared<NotingQueue>('a', &turns_);
-  std::shared_ptr<NotingQueue> b_ = std::make_shared<NotingQueue>('b', &turns_);
+  ServeLog served_;
+  std::shared_ptr<NotingQueue> a_ = std::make_shared<NotingQueue>('a', &served_);
+  std::shared_ptr<NotingQueue> b_ = std::make_shared<NotingQueue>('b', &served_);
 };
 
 TEST_F(ThreadPoolTest, TasksGoFirstThenTheQueuesTakeTurns) {
   for (const char code : {'a', 'b', 'c', 'd'}) a_->Ask(code);
   for (const char code : {'a', 'b'}) b_->Ask(code);
-  ThreadPool::Get().Post([&] { turns_.Add("ta "); });
+  ThreadPool::Get().Post([&] { served_.Add("ta "); });
   Start(1);
-  ExpectTurns("ta aa ba ab bb ac ad ");
+  ExpectServed("ta aa ba ab bb ac ad ");
 }
 
 TEST_F(ThreadPoolTest, OneWayCallsOfAQueueRunOneAtATime) {
-  turns_.gate.Close();
+  served_.gate.Close();
   a_->Ask('A', FLAG_ONEWAY);
   a_->Ask('b', FLAG_ONEWAY);
   a_->Ask('c');
   b_->Ask('d', FLAG_ONEWAY);
   Start(2);
-  ExpectTurns("bd ac ");
-  turns_.gate.Open();
-  ExpectTurns("bd ac aA ab ");
+  ExpectServed("bd ac ");
+  served_.gate.Open();
+  ExpectServed("bd ac aA ab ");
 }
 
 TEST_F(ThreadPoolTest, AFullQueueHasRoomAgainWhenHalfIsDone) {
   for (size_t i = 1; i < kPauseRequests; ++i) a_->Ask('a');
-  EXPECT_FALSE(a_->full());
+  EXPECT_FALSE(a_->paused());
   a_->Ask('A');
-  EXPECT_TRUE(a_->full());
+  EXPECT_TRUE(a_->paused());
   b_->Ask('b', 0, kPauseRequestBytes);
-  EXPECT_TRUE(b_->full()) << "few, but large";
-  turns_.gate.Close();
+  EXPECT_TRUE(b_->paused()) << "few, but large";
+  served_.gate.Close();
   Start(1);
-  ASSERT_TRUE(WaitFor([&] { return turns_.gate.waiting() == 1; }));
-  EXPECT_FALSE(a_->full());
-  EXPECT_EQ(a_->rooms, 1);
-  turns_.gate.Open();
+  ASSERT_TRUE(WaitFor([&] { return served_.gate.waiting() == 1; }));
+  EXPECT_FALSE(a_->paused());
+  EXPECT_EQ(a_->resumes, 1);
+  served_.gate.Open();
 }
 
 TEST_F(ThreadPoolTest, ABlockedQueueWaitsAndAnOverfullOneIsTold) {
@@ -107,11 +107,11 @@ TEST_F(ThreadPoolTest, ABlockedQueueWaitsAndAnOverfullOneIsTold) {
   EXPECT_FALSE(a_->in_bounds);
   b_->Ask('b');
   Start(1);
-  ExpectTurns("bb ");
+  ExpectServed("bb ");
   EXPECT_EQ(ThreadPool::Get().Clear(*a_).size(), kMaxRequests + 1);
   a_->Ask('z');
   ThreadPool::Get().SetBlocked(*a_, false);
-  ExpectTurns("bb az ");
+  ExpectServed("bb az ");
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ void DieInEveryState(Attacker& attacker) {
   Attacker::Announce();
   for (size_t i = 0; attacker.more(); i = (i + 1) % kLastSteps.size()) {
     RawPeer peer = attacker.Peer();
-    if (peer.greeting().welcome == binder::Welcome::kOk) kLastSteps[i](peer);
+    if (peer.greeting().result == binder::AdmitResult::kAdmitted) kLastSteps[i](peer);
   }
 }
 

@@ -1,6 +1,6 @@
-// Whose turn it is: users take turns, within a user its processes, within a process what it has
-// queued. Who has fewer items under way goes first. So neither many connections nor many processes
-// nor slow calls get anybody more than a share.
+// Fair scheduling: users take turns, within a user its processes, within a process the items that
+// it queued. The user or process with fewer items in flight goes first. So neither many connections
+// nor many processes nor slow calls get anybody more than a share.
 #pragma once
 
 #include <algorithm>
@@ -12,25 +12,25 @@
 
 namespace kvox::binder {
 
-/// Not for several threads at a time.
+/// One thread at a time.
 template <typename Item>
-class Turns {
+class FairQueue {
  public:
   bool empty() const { return waiting_ == 0; }
 
-  /// Puts an item last in its process's queue.
-  void Add(const Credentials& owner, Item item) {
+  /// Appends an item to its process's queue.
+  void Push(const Credentials& owner, Item item) {
     User& user = FindOrAdd(users_, &User::uid, owner.uid);
     FindOrAdd(user.processes, &Process::pid, owner.pid).items.push_back(std::move(item));
     ++user.waiting;
     ++waiting_;
   }
 
-  /// Takes the item whose turn it is, which is under way then. There must be one.
-  Item Take() {
-    User& user = TakeTurn(users_, [](const User& each) { return each.waiting > 0; });
+  /// Removes the item that is next; it is in flight until Finish. The queue must not be empty.
+  Item Pop() {
+    User& user = PickNext(users_, [](const User& each) { return each.waiting > 0; });
     Process& process =
-        TakeTurn(user.processes, [](const Process& each) { return !each.items.empty(); });
+        PickNext(user.processes, [](const Process& each) { return !each.items.empty(); });
     Item item = std::move(process.items.front());
     process.items.pop_front();
     --user.waiting;
@@ -38,25 +38,25 @@ class Turns {
     return item;
   }
 
-  /// An item of `owner` that was taken is not under way any more.
-  void Done(const Credentials& owner) {
+  /// An item of `owner` is no longer in flight.
+  void Finish(const Credentials& owner) {
     User& user = FindOrAdd(users_, &User::uid, owner.uid);
-    --user.under_way;
-    --FindOrAdd(user.processes, &Process::pid, owner.pid).under_way;
+    --user.in_flight;
+    --FindOrAdd(user.processes, &Process::pid, owner.pid).in_flight;
     std::erase_if(user.processes,
-                  [](const Process& each) { return each.items.empty() && each.under_way == 0; });
+                  [](const Process& each) { return each.items.empty() && each.in_flight == 0; });
     std::erase_if(users_, [](const User& each) { return each.processes.empty(); });
   }
 
  private:
   struct Process {
     pid_t pid;
-    int under_way = 0;
+    int in_flight = 0;
     std::deque<Item> items = {};
   };
   struct User {
     uid_t uid;
-    int under_way = 0;
+    int in_flight = 0;
     size_t waiting = 0;
     std::deque<Process> processes = {};
   };
@@ -69,13 +69,13 @@ class Turns {
     return found == entries.end() ? entries.emplace_back(Entry{wanted}) : *found;
   }
 
-  /// The first of those that wait with the least under way; it goes to the end.
+  /// Picks the waiting entry with the fewest items in flight and moves it to the back.
   template <typename Entry, typename Waits>
-  static Entry& TakeTurn(std::deque<Entry>& entries, const Waits& waits) {
+  static Entry& PickNext(std::deque<Entry>& entries, const Waits& waits) {
     const auto next = std::ranges::min_element(
-        entries, {}, [&](const Entry& each) { return std::pair(!waits(each), each.under_way); });
+        entries, {}, [&](const Entry& each) { return std::pair(!waits(each), each.in_flight); });
     std::rotate(next, next + 1, entries.end());
-    ++entries.back().under_way;
+    ++entries.back().in_flight;
     return entries.back();
   }
 
