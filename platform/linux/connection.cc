@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "kvox/common/log.h"
+#include "platform/linux/death_links.h"
 #include "platform/linux/disconnect_log.h"
 #include "platform/linux/local_object.h"
 #include "platform/linux/parcel.h"
@@ -284,24 +285,19 @@ void Connection::Close(const char* fault) {
   struct Orphans {
     ObjectTable::Orphans objects;
     std::deque<Request> requests;
-    DeathLinkList links;
   };
   auto orphans = std::make_shared<Orphans>();
   orphans->objects = objects_.Close();
   orphans->requests = ThreadPool::Get().Clear(*this);
   for (Request& request : orphans->requests) request.parcel->DropBytes();
-  for (const auto& proxy : orphans->objects.proxies) {
-    for (auto& link : proxy.get()->AsRemote()->death_links().Die()) {
-      orphans->links.push_back(std::move(link));
-    }
-  }
+  for (const auto& proxy : orphans->objects.proxies) proxy.get()->AsRemote()->Die();
   // The log may block as well, which the reactor must not. The port holds the service, which may
   // hold proxies of this connection. The peer keeps its place until all of this has gone: one that
   // connects and goes again and again would else fill the memory while the threads are busy.
   ThreadPool::Get().Post(
       [held = std::move(orphans), fault, peer = peer_, port = std::exchange(port_, nullptr)] {
         if (fault != nullptr) LogDisconnect(peer, fault);
-        for (const auto& link : held->links) link->ReportDeath();
+        for (const auto& proxy : held->objects.proxies) ReportDeath(*proxy.get()->AsRemote());
         *held = {};
         if (port != nullptr) port->Leave(peer);
       });

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/linux/connection.h"
+#include "platform/linux/death_links.h"
 #include "platform/linux/parcel.h"
 
 namespace kvox::binder {
@@ -20,13 +21,13 @@ bool RemoteObject::AssociateClass(const AIBinder_Class* wanted) {
 
 binder_status_t RemoteObject::Transact(transaction_code_t code, AParcel& in, binder_flags_t flags,
                                        std::unique_ptr<AParcel>* out) {
-  if (death_links_.dead()) return STATUS_DEAD_OBJECT;
+  if (dead()) return STATUS_DEAD_OBJECT;
   return connection_->Transact(id_, code, in, flags, out);
 }
 
 void RemoteObject::OnLastStrong() {
   connection_->Forget(*this);
-  for (const auto& link : death_links_.Die()) link->Remove();
+  UnlinkAll(*this);
 }
 
 }  // namespace kvox::binder

@@ -1,11 +1,11 @@
 // An object that lives in another process.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
 #include "platform/linux/binder_object.h"
-#include "platform/linux/death_link.h"
 
 namespace kvox::binder {
 
@@ -19,7 +19,9 @@ class RemoteObject final : public AIBinder {
 
   const Connection* connection() const { return connection_.get(); }
   uint64_t id() const { return id_; }
-  DeathLinks& death_links() { return death_links_; }
+  bool dead() const { return dead_.load(std::memory_order_relaxed); }
+  /// Later calls return STATUS_DEAD_OBJECT. ReportDeath follows.
+  void Die() { dead_.store(true, std::memory_order_relaxed); }
 
   bool AssociateClass(const AIBinder_Class* clazz) override;
   binder_status_t Transact(transaction_code_t code, AParcel& in, binder_flags_t flags,
@@ -32,7 +34,7 @@ class RemoteObject final : public AIBinder {
   const std::shared_ptr<Connection> connection_;
   const uint64_t id_;
   const std::string descriptor_;
-  DeathLinks death_links_;
+  std::atomic<bool> dead_ = false;  // relaxed: orders nothing else
 };
 
 }  // namespace kvox::binder
