@@ -116,25 +116,26 @@ binder_status_t Connection::Transact(uint64_t id, transaction_code_t code, AParc
     *out = std::make_unique<AParcel>();
     return Send(header, in, object_list) ? STATUS_OK : STATUS_DEAD_OBJECT;
   }
-  WaitingCall call;
-  header.call = calls_.Add(&call);
-  if (!Send(header, in, object_list) && calls_.Remove(header.call)) return STATUS_DEAD_OBJECT;
+  std::future<Reply> call = calls_.Add(&header.call);
+  if (!Send(header, in, object_list) && calls_.Abandon(header.call)) return STATUS_DEAD_OBJECT;
   // The reply may lie behind requests that wait for the thread we are on.
   if (ThreadPool::Get().Paused(*this)) channel_.UpdateReading();
-  return call.Wait(out);
+  Reply reply = call.get();
+  if (reply.status == STATUS_OK) *out = std::move(reply.parcel);
+  return reply.status;
 }
 
 ndk::SpAIBinder Connection::QueryRoot(std::chrono::steady_clock::time_point deadline) {
-  WaitingCall call;
   FrameHeader header;
   header.type = FrameType::kRootRequest;
-  header.call = calls_.Add(&call);
+  std::future<Reply> call = calls_.Add(&header.call);
   const bool sent = Send(header, AParcel(), {});
   if (ThreadPool::Get().Paused(*this)) channel_.UpdateReading();
-  if ((!sent || !call.WaitUntil(deadline)) && calls_.Remove(header.call)) return nullptr;
-  std::unique_ptr<AParcel> reply;
+  const bool answered = sent && call.wait_until(deadline) == std::future_status::ready;
+  if (!answered && calls_.Abandon(header.call)) return nullptr;
+  const Reply reply = call.get();
   ndk::SpAIBinder root;
-  if (call.Wait(&reply) == STATUS_OK) AParcel_readStrongBinder(reply.get(), root.getR());
+  if (reply.status == STATUS_OK) AParcel_readStrongBinder(reply.parcel.get(), root.getR());
   return root;
 }
 
@@ -249,11 +250,10 @@ const char* Connection::TakeFrame(const FrameHeader& header, evbuffer* input) {
     return fault;
   }
   if (header.type == FrameType::kRequest) return TakeRequest(header, std::move(parcel));
-  std::unique_ptr<AParcel> stray;
-  const binder_status_t status = KnownStatus(static_cast<binder_status_t>(header.code));
-  const bool called = calls_.Finish(header.call, status, std::move(parcel), &stray);
-  DropOnPool(std::move(stray));
-  return called ? nullptr : "a reply to no call";
+  Reply reply{KnownStatus(static_cast<binder_status_t>(header.code)), std::move(parcel)};
+  const bool expected = calls_.Finish(header.call, &reply);
+  DropOnPool(std::move(reply.parcel));
+  return expected ? nullptr : "a reply to no call";
 }
 
 const char* Connection::TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel) {
