@@ -98,14 +98,14 @@ binder_status_t AParcel_readByte(const AParcel* parcel, int8_t* value) {
 binder_status_t AParcel_writeString(AParcel* parcel, const char* string, int32_t length) {
   if (string == nullptr && length == -1) return parcel->Write(int32_t{-1});
   if (string == nullptr || length < 0) return STATUS_BAD_VALUE;
-  const std::string_view text(string, static_cast<size_t>(length));
-  const auto units = kvox::binder::Utf16Length(text);
+  const auto units = kvox::binder::ToUtf16({string, static_cast<size_t>(length)});
   if (!units) return STATUS_BAD_VALUE;
-  uint8_t* bytes = parcel->Extend(sizeof(int32_t) + (*units + 1) * sizeof(char16_t));
+  const auto count = static_cast<int32_t>(units->size());
+  const size_t size = (units->size() + 1) * sizeof(char16_t);  // with the terminator
+  uint8_t* bytes = parcel->Extend(sizeof count + size);
   if (bytes == nullptr) return STATUS_NO_MEMORY;
-  const auto count = static_cast<int32_t>(*units);
   std::memcpy(bytes, &count, sizeof count);
-  kvox::binder::WriteUtf16(text, bytes + sizeof count);
+  std::memcpy(bytes + sizeof count, units->c_str(), size);
   return STATUS_OK;
 }
 
@@ -114,20 +114,22 @@ binder_status_t AParcel_readString(const AParcel* parcel, void* stringData,
   int32_t count = -1;
   const binder_status_t status = parcel->Read(&count);
   if (status != STATUS_OK) return status;
-  // Whatever is not a whole string with its terminator reads as null.
+  // Anything but a whole string with its terminator reads as null.
   const auto units = static_cast<size_t>(std::max(count, 0));
   const uint8_t* bytes = count < 0 ? nullptr : parcel->Take((units + 1) * sizeof(char16_t));
   if (bytes == nullptr || bytes[units * 2] != 0 || bytes[units * 2 + 1] != 0) {
     return allocator(stringData, -1, nullptr) ? STATUS_OK : STATUS_UNEXPECTED_NULL;
   }
-  const size_t length = kvox::binder::Utf8Length(bytes, units);
+  std::u16string utf16(units, u'\0');
+  std::memcpy(utf16.data(), bytes, units * sizeof(char16_t));
+  const std::string text = kvox::binder::ToUtf8(utf16);
+  const size_t size = text.size() + 1;
   char* buffer = nullptr;
-  if (length >= INT32_MAX || !allocator(stringData, static_cast<int32_t>(length + 1), &buffer) ||
+  if (size > INT32_MAX || !allocator(stringData, static_cast<int32_t>(size), &buffer) ||
       buffer == nullptr) {
     return STATUS_NO_MEMORY;
   }
-  kvox::binder::WriteUtf8(bytes, units, buffer);
-  buffer[length] = '\0';
+  std::memcpy(buffer, text.c_str(), size);
   return STATUS_OK;
 }
 
