@@ -22,17 +22,19 @@ constexpr size_t Padded(size_t size) {
 
 }  // namespace
 
-uint8_t* AParcel::Extend(size_t size) {
-  if (position_ > data_.size() || Padded(size) > INT32_MAX - position_) return nullptr;
+binder_status_t AParcel::WriteBytes(const void* bytes, size_t size) {
+  if (position_ > data_.size() || Padded(size) > INT32_MAX - position_) return STATUS_NO_MEMORY;
   const size_t end = position_ + Padded(size);
   if (position_ < data_.size()) {
     std::erase_if(objects_, [&](const Object& object) {
       return object.position < end && position_ < object.position + kReferenceSize;
     });
-    std::fill_n(data_.data() + position_, std::min(end, data_.size()) - position_, uint8_t{0});
   }
   if (end > data_.size()) data_.resize(end);
-  return data_.data() + std::exchange(position_, end);
+  uint8_t* const to = data_.data() + std::exchange(position_, end);
+  std::copy_n(static_cast<const uint8_t*>(bytes), size, to);
+  std::fill(to + size, to + Padded(size), uint8_t{0});
+  return STATUS_OK;
 }
 
 const uint8_t* AParcel::Take(size_t size) const {
@@ -100,13 +102,9 @@ binder_status_t AParcel_writeString(AParcel* parcel, const char* string, int32_t
   if (string == nullptr || length < 0) return STATUS_BAD_VALUE;
   const auto units = kvox::binder::ToUtf16({string, static_cast<size_t>(length)});
   if (!units) return STATUS_BAD_VALUE;
-  const auto count = static_cast<int32_t>(units->size());
-  const size_t size = (units->size() + 1) * sizeof(char16_t);  // with the terminator
-  uint8_t* bytes = parcel->Extend(sizeof count + size);
-  if (bytes == nullptr) return STATUS_NO_MEMORY;
-  std::memcpy(bytes, &count, sizeof count);
-  std::memcpy(bytes + sizeof count, units->c_str(), size);
-  return STATUS_OK;
+  const binder_status_t status = parcel->Write(static_cast<int32_t>(units->size()));
+  if (status != STATUS_OK) return status;
+  return parcel->WriteBytes(units->c_str(), (units->size() + 1) * sizeof(char16_t));
 }
 
 binder_status_t AParcel_readString(const AParcel* parcel, void* stringData,
@@ -135,15 +133,13 @@ binder_status_t AParcel_readString(const AParcel* parcel, void* stringData,
 
 binder_status_t AParcel_writeStrongBinder(AParcel* parcel, AIBinder* binder) {
   const auto position = static_cast<uint32_t>(parcel->position());
-  if (binder == nullptr) {
-    const binder_status_t status = parcel->Write(int32_t{0});
-    return status == STATUS_OK ? parcel->Write(kNoStability) : status;
-  }
-  uint8_t* bytes = parcel->Extend(kReferenceSize);
-  if (bytes == nullptr) return STATUS_NO_MEMORY;
-  std::memcpy(bytes, &kReferencePresent, sizeof kReferencePresent);
-  std::memcpy(bytes + kReferenceSize - sizeof kSystemStability, &kSystemStability,
-              sizeof kSystemStability);
+  constexpr int32_t kNull[] = {0, kNoStability};
+  if (binder == nullptr) return parcel->WriteBytes(kNull, sizeof kNull);
+  // The address is set when the parcel is sent.
+  constexpr int32_t kReference[] = {kReferencePresent, 0, 0, kSystemStability};
+  static_assert(sizeof kReference == kReferenceSize);
+  const binder_status_t status = parcel->WriteBytes(kReference, sizeof kReference);
+  if (status != STATUS_OK) return status;
   AIBinder_incStrong(binder);
   parcel->AddObject(position, ndk::SpAIBinder(binder));
   return STATUS_OK;

@@ -37,20 +37,17 @@ struct AParcel {
   void set_position(size_t position) const { position_ = position; }
   size_t BytesLeft() const { return position_ < data_.size() ? data_.size() - position_ : 0; }
 
-  /// Room for `size` bytes and their padding at the position, which moves behind it; all zero. Null
-  /// when the position is behind the end or the parcel gets too large.
-  uint8_t* Extend(size_t size);
-  /// The next `size` bytes; the position moves behind them and their padding. Null when the parcel
+  /// Writes the bytes and their padding at the position, which moves past them. STATUS_NO_MEMORY
+  /// when the position is past the end or the parcel gets too large.
+  binder_status_t WriteBytes(const void* bytes, size_t size);
+  /// The next `size` bytes; the position moves past them and their padding. Null when the parcel
   /// ends before.
   const uint8_t* Take(size_t size) const;
 
   template <typename T>
   binder_status_t Write(T value) {
     static_assert(std::is_trivially_copyable_v<T>);
-    uint8_t* bytes = Extend(sizeof value);
-    if (bytes == nullptr) return STATUS_NO_MEMORY;
-    std::memcpy(bytes, &value, sizeof value);
-    return STATUS_OK;
+    return WriteBytes(&value, sizeof value);
   }
   template <typename T>
   binder_status_t Read(T* value) const {

@@ -5,36 +5,28 @@
 
 namespace {
 
-/// Writes the count. `no_data` says that there is no array behind it.
-binder_status_t WriteCount(AParcel* parcel, int32_t length, bool no_data) {
-  if (length < -1 || (no_data && length > 0) || (!no_data && length == -1)) return STATUS_BAD_VALUE;
-  return parcel->Write(length);
+/// No element that is written by itself is smaller.
+constexpr size_t kMinElementSize = 4;
+
+binder_status_t WriteCount(AParcel* parcel, const void* array, int32_t length) {
+  const bool fits = array == nullptr ? length <= 0 : length != -1;
+  return length >= -1 && fits ? parcel->Write(length) : binder_status_t{STATUS_BAD_VALUE};
 }
 
-/// No element that is written by itself is smaller.
-constexpr size_t kLeastElement = 4;
-
-/// Reads the count. More elements of that size than there are bytes left cannot be, and nothing is
-/// allocated for them.
-binder_status_t ReadCount(const AParcel* parcel, int32_t* length, size_t least_element) {
+/// Refuses a count of more elements than there are bytes left, so that nothing is allocated for it.
+binder_status_t ReadCount(const AParcel* parcel, int32_t* length, size_t min_element_size) {
   const binder_status_t status = parcel->Read(length);
-  if (status != STATUS_OK) return status;
+  if (status != STATUS_OK || *length == -1) return status;
   if (*length < -1) return STATUS_BAD_VALUE;
-  if (*length >= 0 && static_cast<size_t>(*length) > parcel->BytesLeft() / least_element) {
-    return STATUS_NO_MEMORY;
-  }
-  return STATUS_OK;
+  const bool fits = static_cast<size_t>(*length) <= parcel->BytesLeft() / min_element_size;
+  return fits ? STATUS_OK : STATUS_NO_MEMORY;
 }
 
 template <typename T>
 binder_status_t WritePacked(AParcel* parcel, const T* values, int32_t length) {
-  const binder_status_t status = WriteCount(parcel, length, values == nullptr);
+  const binder_status_t status = WriteCount(parcel, values, length);
   if (status != STATUS_OK || length <= 0) return status;
-  const size_t size = static_cast<size_t>(length) * sizeof(T);
-  uint8_t* bytes = parcel->Extend(size);
-  if (bytes == nullptr) return STATUS_NO_MEMORY;
-  std::memcpy(bytes, values, size);
-  return STATUS_OK;
+  return parcel->WriteBytes(values, static_cast<size_t>(length) * sizeof(T));
 }
 
 template <typename T>
@@ -73,12 +65,11 @@ binder_status_t AParcel_readFloatArray(const AParcel* parcel, void* arrayData,
 
 binder_status_t AParcel_writeStringArray(AParcel* parcel, const void* arrayData, int32_t length,
                                          AParcel_stringArrayElementGetter getter) {
-  binder_status_t status = WriteCount(parcel, length, arrayData == nullptr);
+  binder_status_t status = WriteCount(parcel, arrayData, length);
   for (int32_t i = 0; i < length && status == STATUS_OK; ++i) {
     int32_t size = -1;
     const char* text = getter(arrayData, static_cast<size_t>(i), &size);
-    status =
-        text == nullptr && size != -1 ? STATUS_BAD_VALUE : AParcel_writeString(parcel, text, size);
+    status = AParcel_writeString(parcel, text, size);
   }
   return status;
 }
@@ -87,7 +78,7 @@ binder_status_t AParcel_readStringArray(const AParcel* parcel, void* arrayData,
                                         AParcel_arrayAllocator allocator,
                                         AParcel_stringArrayElementAllocator elementAllocator) {
   int32_t length = 0;
-  binder_status_t status = ReadCount(parcel, &length, kLeastElement);
+  binder_status_t status = ReadCount(parcel, &length, kMinElementSize);
   if (status != STATUS_OK) return status;
   if (!allocator(arrayData, length)) return STATUS_NO_MEMORY;
   struct Element {
@@ -107,7 +98,7 @@ binder_status_t AParcel_readStringArray(const AParcel* parcel, void* arrayData,
 
 binder_status_t AParcel_writeParcelableArray(AParcel* parcel, const void* arrayData, int32_t length,
                                              AParcel_writeParcelableElement elementWriter) {
-  binder_status_t status = WriteCount(parcel, length, arrayData == nullptr);
+  binder_status_t status = WriteCount(parcel, arrayData, length);
   for (int32_t i = 0; i < length && status == STATUS_OK; ++i) {
     status = elementWriter(parcel, arrayData, static_cast<size_t>(i));
   }
@@ -118,7 +109,7 @@ binder_status_t AParcel_readParcelableArray(const AParcel* parcel, void* arrayDa
                                             AParcel_arrayAllocator allocator,
                                             AParcel_readParcelableElement elementReader) {
   int32_t length = 0;
-  binder_status_t status = ReadCount(parcel, &length, kLeastElement);
+  binder_status_t status = ReadCount(parcel, &length, kMinElementSize);
   if (status != STATUS_OK) return status;
   if (!allocator(arrayData, length)) return STATUS_NO_MEMORY;
   for (int32_t i = 0; i < length && status == STATUS_OK; ++i) {

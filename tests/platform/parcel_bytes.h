@@ -1,7 +1,8 @@
 // Parcels from and to text: bytes in hexadecimal, blanks and '|' between them as one likes.
 #pragma once
 
-#include <algorithm>
+#include <gtest/gtest.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,7 +44,7 @@ inline std::string Normal(std::string_view hex) {
 /// Adds the bytes to a parcel that is being written.
 inline void Append(AParcel& parcel, std::string_view hex) {
   const auto bytes = Bytes(hex);
-  std::ranges::copy(bytes, parcel.Extend(bytes.size()));
+  EXPECT_EQ(parcel.WriteBytes(bytes.data(), bytes.size()), STATUS_OK);
 }
 
 /// A received parcel.
