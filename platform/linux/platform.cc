@@ -1,6 +1,6 @@
 #include "platform/platform.h"
 
-#include <stdlib.h>
+#include "platform/linux/runtime_directory.h"
 
 namespace kvox {
 
@@ -25,10 +25,8 @@ std::vector<HelpRow> ClientVariables() {
 /// KVOX_DEV_DIR, else "/dev".
 const std::string& DeviceDirectory() {
   static const auto* const directory = [] {
-    const char* value = getenv("KVOX_DEV_DIR");
-    auto* path = new std::string(value == nullptr || *value == '\0' ? "/dev" : value);
-    while (path->size() > 1 && path->back() == '/') path->pop_back();
-    return path;
+    const std::string path = binder::DirectoryVariable("KVOX_DEV_DIR");
+    return new std::string(path.empty() ? "/dev" : path);
   }();
   return *directory;
 }

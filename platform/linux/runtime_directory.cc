@@ -23,15 +23,8 @@ constexpr char kSystemDirectory[] = "/run/kvox";
 constexpr mode_t kDirectoryMode = 0750;
 constexpr size_t kMaxNameSize = 127;
 
-std::string Variable(const char* name) {
-  const char* value = getenv(name);
-  std::string path = value == nullptr ? "" : value;
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
-}
-
 std::string UserDirectory() {
-  const std::string parent = Variable(kUserVariable);
+  const std::string parent = DirectoryVariable(kUserVariable);
   return parent.empty() ? "" : parent + "/kvox";
 }
 
@@ -82,6 +75,13 @@ std::string PathOf(const std::string& directory, const std::string& name, const 
 
 }  // namespace
 
+std::string DirectoryVariable(const char* name) {
+  const char* value = getenv(name);
+  std::string path = value == nullptr ? "" : value;
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
 bool IsServiceName(const std::string& name) {
   return !name.empty() && name.size() <= kMaxNameSize && std::ranges::all_of(name, [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -90,7 +90,7 @@ bool IsServiceName(const std::string& name) {
 }
 
 std::string RuntimeDirectory() {
-  std::string directory = Variable(kVariable);
+  std::string directory = DirectoryVariable(kVariable);
   if (directory.empty() && geteuid() == 0) directory = kSystemDirectory;
   return directory.empty() ? UserDirectory() : directory;
 }
@@ -116,7 +116,7 @@ int PrepareRuntimeDirectory(std::string* directory, std::string* error) {
 }
 
 std::vector<std::string> LookupDirectories() {
-  if (const std::string only = Variable(kVariable); !only.empty()) return {only};
+  if (const std::string only = DirectoryVariable(kVariable); !only.empty()) return {only};
   std::vector<std::string> directories;
   if (const std::string user = UserDirectory(); !user.empty()) directories.push_back(user);
   directories.push_back(kSystemDirectory);

@@ -8,6 +8,9 @@ struct sockaddr_un;
 
 namespace kvox::binder {
 
+/// A directory that the environment names, without slashes at its end; "" when it names none.
+std::string DirectoryVariable(const char* name);
+
 /// Whether a service may bear this name.
 bool IsServiceName(const std::string& name);
 

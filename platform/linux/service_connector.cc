@@ -12,8 +12,10 @@
 
 #include "kvox/common/unique_fd.h"
 #include "platform/linux/connection.h"
+#include "platform/linux/credentials.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/runtime_directory.h"
+#include "platform/platform.h"
 
 namespace kvox::binder {
 namespace {
@@ -22,9 +24,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kBacklogPause{10};
 
-/// 0, or errno. A socket whose queue is full is tried again until `deadline`.
-int Connect(int fd, const sockaddr_un& address, Clock::time_point deadline) {
-  while (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+/// Connects a new socket; tries again until `deadline` while the service's queue is full. Returns 0
+/// or errno.
+int Connect(const sockaddr_un& address, Clock::time_point deadline, UniqueFd* fd) {
+  *fd = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const auto* name = reinterpret_cast<const sockaddr*>(&address);
+  while (!fd->valid() || connect(fd->get(), name, sizeof address) != 0) {
     if (errno == EINTR) continue;
     if (errno != EAGAIN || Clock::now() >= deadline) return errno;
     std::this_thread::sleep_for(kBacklogPause);
@@ -32,21 +37,19 @@ int Connect(int fd, const sockaddr_un& address, Clock::time_point deadline) {
   return 0;
 }
 
-/// Reads exactly `size` bytes. False when the peer closes or the deadline passes before.
+/// Reads exactly `size` bytes. False when the peer closes or the deadline passes first.
 bool ReceiveExactly(int fd, void* bytes, size_t size, Clock::time_point deadline) {
   auto* at = static_cast<char*>(bytes);
   while (size > 0) {
-    const ssize_t received = recv(fd, at, size, 0);
-    if (received == 0 || (received < 0 && errno != EAGAIN && errno != EINTR)) return false;
-    if (received > 0) {
-      at += received;
-      size -= static_cast<size_t>(received);
-      continue;
-    }
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    pollfd ready{.fd = fd, .events = POLLIN, .revents = 0};
-    if (left <= 0 || poll(&ready, 1, static_cast<int>(left)) == 0) return false;
+    pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};
+    if (left <= 0 || poll(&readable, 1, static_cast<int>(left)) == 0) return false;
+    const ssize_t received = recv(fd, at, size, 0);
+    if (received == 0 || (received < 0 && errno != EAGAIN && errno != EINTR)) return false;
+    if (received < 0) continue;
+    at += received;
+    size -= static_cast<size_t>(received);
   }
   return true;
 }
@@ -64,7 +67,7 @@ std::string ExplainRefusal(AdmitResult reason) {
   }
 }
 
-/// Exchanges greetings. Answers what is wrong, or "".
+/// Exchanges greetings. Returns what is wrong, or "".
 std::string Greet(int fd, ServiceGreeting* greeting, std::string* descriptor,
                   Clock::time_point deadline) {
   const ClientGreeting own;
@@ -110,9 +113,8 @@ ServiceLink ConnectToService(const std::string& path) {
   sockaddr_un address;
   if (!MakeAddress(path, &address, &link.error)) return link;
   const auto deadline = Clock::now() + kHandshakeTimeout;
-  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  const int error = fd.valid() ? Connect(fd.get(), address, deadline) : errno;
-  if (error != 0) {
+  UniqueFd fd;
+  if (const int error = Connect(address, deadline, &fd); error != 0) {
     link.absent = error == ENOENT || error == ENOTDIR;
     link.denied = error == EACCES;
     link.error = path + " " + ExplainConnect(link.absent ? ENOENT : error);
@@ -131,3 +133,28 @@ ServiceLink ConnectToService(const std::string& path) {
 }
 
 }  // namespace kvox::binder
+
+namespace kvox {
+
+std::vector<std::string> ServiceSockets(const char* service) {
+  std::vector<std::string> sockets;
+  for (const std::string& directory : binder::LookupDirectories()) {
+    sockets.push_back(binder::SocketPath(directory, service));
+  }
+  return sockets;
+}
+
+std::optional<ServiceProcess> FindServiceProcess(const std::string& path) {
+  sockaddr_un address;
+  std::string error;
+  UniqueFd fd;
+  const auto no_wait = binder::Clock::time_point::min();
+  if (!binder::MakeAddress(path, &address, &error) || binder::Connect(address, no_wait, &fd) != 0) {
+    return std::nullopt;
+  }
+  // The process that called listen(), even if it is stopped.
+  const binder::Credentials server = binder::PeerCredentials(fd.get());
+  return ServiceProcess{.pid = server.pid, .user = server.uid};
+}
+
+}  // namespace kvox

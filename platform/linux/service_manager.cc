@@ -91,14 +91,13 @@ binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* er
   return Refusal("cannot listen on " + path, errno, error);
 }
 
-/// Looks for a service until `deadline`, for ever without one.
-AIBinder* Await(const char* instance, const Clock::time_point* deadline) {
+/// Looks for a service until `deadline`, once at least.
+AIBinder* Await(const char* instance, Clock::time_point deadline) {
   const std::string name = instance == nullptr ? "" : instance;
   while (true) {
     ndk::SpAIBinder found = ServiceManager::Get().Check(name);
     if (found.get() != nullptr) return std::exchange(*found.getR(), nullptr);
-    if (!IsServiceName(name)) return nullptr;
-    if (deadline != nullptr && Clock::now() >= *deadline) return nullptr;
+    if (!IsServiceName(name) || Clock::now() >= deadline) return nullptr;
     std::this_thread::sleep_for(kLookupInterval);
   }
 }
@@ -228,15 +227,14 @@ binder_exception_t AServiceManager_addService(AIBinder* binder, const char* inst
   return kvox::binder::ServiceManager::Get().Add(binder, instance);
 }
 AIBinder* AServiceManager_checkService(const char* instance) {
-  const auto now = kvox::binder::Clock::now();
-  return kvox::binder::Await(instance, &now);
+  return kvox::binder::Await(instance, kvox::binder::Clock::time_point::min());
 }
 AIBinder* AServiceManager_getService(const char* instance) {
   const auto deadline = kvox::binder::Clock::now() + kvox::binder::kGetServiceTimeout;
-  return kvox::binder::Await(instance, &deadline);
+  return kvox::binder::Await(instance, deadline);
 }
 AIBinder* AServiceManager_waitForService(const char* instance) {
-  return kvox::binder::Await(instance, nullptr);
+  return kvox::binder::Await(instance, kvox::binder::Clock::time_point::max());
 }
 
 const std::string& kvox::ServiceError() {

@@ -7,9 +7,10 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <map>
+#include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "kvox/common/log.h"
 #include "kvox/common/mutex.h"
@@ -39,34 +40,11 @@ int WriteName(const char* file, const char* name) {
   return static_cast<size_t>(written) == size ? 0 : EIO;
 }
 
-/// The locks of a machine that has no such files.
-class CountedLocks {
- public:
-  int Take(const std::string& name) {
-    MutexLock lock(mutex_);
-    ++counts_[name];
-    return 0;
-  }
-  int Drop(const std::string& name) {
-    MutexLock lock(mutex_);
-    const auto count = counts_.find(name);
-    if (count == counts_.end()) return EINVAL;
-    if (--count->second == 0) counts_.erase(count);
-    return 0;
-  }
-  /// Says so, once.
-  void Warn() {
-    MutexLock lock(mutex_);
-    if (warned_) return;
-    warned_ = true;
-    LogWarning("No %s: wake locks are counted, but do not keep this machine awake",
-               PathOf(kTakeFile).c_str());
-  }
-
- private:
-  Mutex mutex_;
-  std::map<std::string, int> counts_ GUARDED_BY(mutex_);
-  bool warned_ GUARDED_BY(mutex_) = false;
+/// The locks of a machine without these files: held once for each time that they were taken.
+struct CountedLocks {
+  Mutex mutex;
+  std::multiset<std::string> held GUARDED_BY(mutex);
+  bool warned GUARDED_BY(mutex) = false;
 };
 
 CountedLocks& Counted() {
@@ -74,12 +52,18 @@ CountedLocks& Counted() {
   return *locks;
 }
 
+/// Warns once when there are no such files.
 bool KernelHasLocks() {
   if (access(PathOf(kTakeFile).c_str(), F_OK) == 0 &&
       access(PathOf(kDropFile).c_str(), F_OK) == 0) {
     return true;
   }
-  Counted().Warn();
+  CountedLocks& counted = Counted();
+  MutexLock lock(counted.mutex);
+  if (!std::exchange(counted.warned, true)) {
+    LogWarning("No %s: wake locks are counted, but do not keep this machine awake",
+               PathOf(kTakeFile).c_str());
+  }
   return false;
 }
 
@@ -107,11 +91,19 @@ void ReleaseStaleWakeLock(const char* name, const char* service) {
 }  // namespace kvox
 
 int acquire_wake_lock(int, const char* id) {
-  return -(kvox::KernelHasLocks() ? kvox::WriteName(kvox::kTakeFile, id)
-                                  : kvox::Counted().Take(id));
+  if (kvox::KernelHasLocks()) return -kvox::WriteName(kvox::kTakeFile, id);
+  auto& counted = kvox::Counted();
+  kvox::MutexLock lock(counted.mutex);
+  counted.held.insert(id);
+  return 0;
 }
 
 int release_wake_lock(const char* id) {
-  return -(kvox::KernelHasLocks() ? kvox::WriteName(kvox::kDropFile, id)
-                                  : kvox::Counted().Drop(id));
+  if (kvox::KernelHasLocks()) return -kvox::WriteName(kvox::kDropFile, id);
+  auto& counted = kvox::Counted();
+  kvox::MutexLock lock(counted.mutex);
+  const auto found = counted.held.find(id);
+  if (found == counted.held.end()) return -EINVAL;
+  counted.held.erase(found);
+  return 0;
 }
