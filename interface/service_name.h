@@ -1,9 +1,10 @@
-// The name under which the daemon offers its service.
+// The name under which the daemon offers its service: the interface's descriptor and the instance.
 #pragma once
 
 namespace kvox {
 
-/// "kvox.IKvox/default". Any thread; lives for ever.
-const char* KvoxDescriptor();
+inline const char* KvoxDescriptor() {
+  return "kvox.IKvox/default";
+}
 
 }  // namespace kvox

@@ -36,8 +36,7 @@ compile() {
     -include-pch common.pch)
 }
 
-mapfile -t daemon < <(find kvox/common platform/android interface processors buffer service daemon \
-  -name host -prune -o -name "*.cc" -print)
+mapfile -t daemon < <(find kvox/common platform/android processors buffer service daemon -name '*.cc')
 mapfile -t client < <(find client -name '*.cc')
 tests=(tests/{common,processors,buffer,service,daemon}/*_test.cc)
 tests=("${tests[@]/tests\/buffer\/realtime_test.cc/}") # not for phones, see Android.bp

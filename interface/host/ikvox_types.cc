@@ -5,7 +5,6 @@
 namespace aidl::kvox {
 
 #define KVOX_DEFINE_PARCELABLE(Type)                                   \
-  const char* IKvox::Type::descriptor = "kvox.IKvox." #Type;           \
   binder_status_t IKvox::Type::readFromParcel(const AParcel* parcel) { \
     return ReadFields(parcel, _fields());                              \
   }                                                                    \
@@ -21,8 +20,6 @@ KVOX_DEFINE_PARCELABLE(ParamIdElementPair)
 KVOX_DEFINE_PARCELABLE(AudioPacket)
 KVOX_DEFINE_PARCELABLE(ProcessorStats)
 
-const char* IKvox::ParamValue::descriptor = "kvox.IKvox.ParamValue";
-
 binder_status_t IKvox::ParamValue::readFromParcel(const AParcel* parcel) {
   return ReadUnion(parcel, &_value);
 }
@@ -35,24 +32,16 @@ std::string IKvox::ParamValue::toString() const {
 }
 
 #define KVOX_CASE(name, value) \
-  case Enum::name:             \
+  case name:                   \
     return #name;
+#define KVOX_TO_STRING(Enum, ENUMERATORS)           \
+  std::string toString(IKvox::Enum value) {         \
+    using enum IKvox::Enum;                         \
+    switch (value) { ENUMERATORS(KVOX_CASE) }       \
+    return std::to_string(static_cast<int>(value)); \
+  }
+KVOX_ENUMS(KVOX_TO_STRING)
 
-std::string toString(IKvox::CommandStatus status) {
-  using Enum = IKvox::CommandStatus;
-  switch (status) { KVOX_COMMAND_STATUSES(KVOX_CASE) }
-  return std::to_string(static_cast<int>(status));
-}
-std::string toString(IKvox::UseCase use_case) {
-  using Enum = IKvox::UseCase;
-  switch (use_case) { KVOX_USE_CASES(KVOX_CASE) }
-  return std::to_string(static_cast<int>(use_case));
-}
-std::string toString(IKvox::ParameterId id) {
-  using Enum = IKvox::ParameterId;
-  switch (id) { KVOX_PARAMETER_IDS(KVOX_CASE) }
-  return std::to_string(static_cast<int>(id));
-}
 std::string toString(IKvox::ParamValue::Tag tag) {
   constexpr std::array kNames = {"i", "f", "v"};
   const auto index = static_cast<size_t>(tag);

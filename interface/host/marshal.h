@@ -10,9 +10,6 @@
 #include <android/binder_to_string.h>
 
 #include <climits>
-#include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -25,140 +22,96 @@ namespace aidl::kvox {
 inline constexpr transaction_code_t kVersionTransaction = FIRST_CALL_TRANSACTION + 16777214;
 inline constexpr transaction_code_t kHashTransaction = FIRST_CALL_TRANSACTION + 16777213;
 
+/// Calls `action` with each argument that is no pointer, until one fails.
+template <typename Action, typename... Args>
+binder_status_t ForEachIn(const Action& action, Args&... args) {
+  binder_status_t status = STATUS_OK;
+  [[maybe_unused]] const auto step = [&](auto& arg) {
+    if constexpr (!std::is_pointer_v<std::remove_cvref_t<decltype(arg)>>) {
+      if (status == STATUS_OK) status = action(arg);
+    }
+  };
+  (step(args), ...);
+  return status;
+}
+
+/// Calls `action` with each pointer, the last one first, until one fails.
+template <typename Action, typename... Args>
+binder_status_t ForEachOut(const Action& action, Args&... args) {
+  binder_status_t status = STATUS_OK;
+  for (const bool last : {true, false}) {
+    [[maybe_unused]] size_t left = sizeof...(args);
+    [[maybe_unused]] const auto step = [&](auto& arg) {
+      const bool is_last = --left == 0;
+      if constexpr (std::is_pointer_v<std::remove_cvref_t<decltype(arg)>>) {
+        if (status == STATUS_OK && is_last == last) status = action(arg);
+      }
+    };
+    (step(args), ...);
+  }
+  return status;
+}
+
 template <auto method>
 struct Marshal;
 
 template <typename I, typename... Args, ::ndk::ScopedAStatus (I::*method)(Args...)>
 struct Marshal<method> {
-  /// The client's side of one call.
-  static ::ndk::ScopedAStatus Call(AIBinder* binder, transaction_code_t code, Args... args) {
-    ::ndk::ScopedAParcel in;
-    ::ndk::ScopedAParcel out;
-    ::ndk::ScopedAStatus answer;
-    binder_status_t status = AIBinder_prepareTransaction(binder, in.getR());
-    [[maybe_unused]] const auto write = [&](const auto& arg) {
-      return ::ndk::AParcel_writeData(in.get(), arg);
-    };
-    (Step<!kIsOut<Args>>(status, args, write), ...);
-    if (status == STATUS_OK) {
-      status = AIBinder_transact(binder, code, in.getR(), out.getR(), 0);
+  /// The client's side: calls the object's method of this code.
+  struct Client {
+    AIBinder* binder;
+    transaction_code_t code;
+
+    ::ndk::ScopedAStatus operator()(Args... args) const {
+      ::ndk::ScopedAParcel in;
+      ::ndk::ScopedAParcel out;
+      ::ndk::ScopedAStatus answer;
+      binder_status_t status = AIBinder_prepareTransaction(binder, in.getR());
+      if (status == STATUS_OK) {
+        const auto write = [&](auto& arg) { return ::ndk::AParcel_writeData(in.get(), arg); };
+        status = ForEachIn(write, args...);
+      }
+      if (status == STATUS_OK) {
+        status = AIBinder_transact(binder, code, in.getR(), out.getR(), 0);
+      }
+      if (status == STATUS_OK) status = AParcel_readStatusHeader(out.get(), answer.getR());
+      if (status != STATUS_OK) return ::ndk::ScopedAStatus::fromStatus(status);
+      if (!answer.isOk()) return answer;
+      const auto read = [&](auto* arg) { return ::ndk::AParcel_readData(out.get(), arg); };
+      status = ForEachOut(read, args...);
+      return status == STATUS_OK ? std::move(answer) : ::ndk::ScopedAStatus::fromStatus(status);
     }
-    if (status == STATUS_OK) status = AParcel_readStatusHeader(out.get(), answer.getR());
-    if (status != STATUS_OK) return ::ndk::ScopedAStatus::fromStatus(status);
-    if (!answer.isOk()) return answer;
-    status = ForEachOut(std::forward_as_tuple(args...),
-                        [&](auto* value) { return ::ndk::AParcel_readData(out.get(), value); });
-    return status == STATUS_OK ? std::move(answer) : ::ndk::ScopedAStatus::fromStatus(status);
-  }
+  };
 
   /// The server's side of one call.
   static binder_status_t Serve(I& implementation, const AParcel* in, AParcel* out) {
     std::tuple<Value<Args>...> values{};
-    binder_status_t status = STATUS_OK;
-    [[maybe_unused]] const auto read = [&](auto& value) {
-      return ::ndk::AParcel_readData(in, &value);
+    const auto serve = [&](auto&&... args) {
+      const auto read = [&](auto& arg) { return ::ndk::AParcel_readData(in, &arg); };
+      binder_status_t status = ForEachIn(read, args...);
+      if (status != STATUS_OK) return status;
+      const ::ndk::ScopedAStatus answer = (implementation.*method)(args...);
+      status = AParcel_writeStatusHeader(out, answer.get());
+      if (status != STATUS_OK || !answer.isOk()) return status;
+      const auto write = [&](auto* arg) { return ::ndk::AParcel_writeData(out, *arg); };
+      return ForEachOut(write, args...);
     };
-    std::apply([&](auto&... value) { (Step<!kIsOut<Args>>(status, value, read), ...); }, values);
-    if (status != STATUS_OK) return status;
-    const auto call = [&](auto&... value) {
-      return (implementation.*method)(Pass<Args>(value)...);
-    };
-    const ::ndk::ScopedAStatus answer = std::apply(call, values);
-    status = AParcel_writeStatusHeader(out, answer.get());
-    if (status != STATUS_OK || !answer.isOk()) return status;
-    const auto all = std::apply([](auto&... value) { return std::make_tuple(&value...); }, values);
-    return ForEachOut(all, [&](auto* value) { return ::ndk::AParcel_writeData(out, *value); });
+    return std::apply([&](auto&... value) { return serve(Pass<Args>(value)...); }, values);
   }
 
  private:
-  template <typename Arg>
-  static constexpr bool kIsOut = std::is_pointer_v<Arg>;
   template <typename Arg>
   using Value = std::remove_cvref_t<std::remove_pointer_t<Arg>>;
 
   template <typename Arg>
   static decltype(auto) Pass(Value<Arg>& value) {
-    if constexpr (kIsOut<Arg>) {
+    if constexpr (std::is_pointer_v<Arg>) {
       return &value;
     } else {
       return (value);
     }
   }
-
-  /// Only what is wanted is even compiled.
-  template <bool wanted, typename T, typename Action>
-  static void Step(binder_status_t& status, T& value, const Action& action) {
-    if constexpr (wanted) {
-      if (status == STATUS_OK) status = action(value);
-    }
-  }
-
-  /// The result first, then the other out arguments in order. `all` holds pointers at their places.
-  template <typename Tuple, typename Action>
-  static binder_status_t ForEachOut(const Tuple& all, const Action& action) {
-    return ForEachOut(all, action, std::index_sequence_for<Args...>());
-  }
-  template <typename Tuple, typename Action, size_t... index>
-  static binder_status_t ForEachOut(const Tuple& all, const Action& action,
-                                    std::index_sequence<index...>) {
-    binder_status_t status = STATUS_OK;
-    constexpr size_t kLast = sizeof...(Args) - 1;
-    (Step<(kIsOut<Args> && index == kLast)>(status, std::get<index>(all), action), ...);
-    (Step<(kIsOut<Args> && index != kLast)>(status, std::get<index>(all), action), ...);
-    return status;
-  }
 };
-
-template <typename I>
-using Server = binder_status_t (*)(I&, const AParcel*, AParcel*);
-
-/// The method a code stands for, from a table of methods in order.
-template <typename I, size_t N>
-binder_status_t Dispatch(const Server<I> (&methods)[N], AIBinder* binder, transaction_code_t code,
-                         const AParcel* in, AParcel* out) {
-  const auto implementation = std::static_pointer_cast<I>(::ndk::ICInterface::asInterface(binder));
-  if (code == kVersionTransaction) {
-    return Marshal<&I::getInterfaceVersion>::Serve(*implementation, in, out);
-  }
-  if (code == kHashTransaction) {
-    return Marshal<&I::getInterfaceHash>::Serve(*implementation, in, out);
-  }
-  const size_t index = code - FIRST_CALL_TRANSACTION;
-  return index < N ? methods[index](*implementation, in, out) : STATUS_UNKNOWN_TRANSACTION;
-}
-
-/// A question whose first good answer is kept.
-template <auto method, typename T>
-::ndk::ScopedAStatus CallOnce(AIBinder* binder, transaction_code_t code, std::mutex& mutex,
-                              std::optional<T>& cache, T* answer) {
-  {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (cache) {
-      *answer = *cache;
-      return ::ndk::ScopedAStatus::ok();
-    }
-  }
-  auto status = Marshal<method>::Call(binder, code, answer);
-  const std::lock_guard<std::mutex> lock(mutex);
-  if (status.isOk()) cache = *answer;
-  return status;
-}
-
-/// The implementation behind a local object, a proxy for a remote one, null for another interface.
-template <typename I, typename Proxy>
-std::shared_ptr<I> InterfaceOf(const ::ndk::SpAIBinder& binder, const AIBinder_Class* clazz) {
-  if (AIBinder_associateClass(binder.get(), clazz)) {
-    if (auto local = ::ndk::ICInterface::asInterface(binder.get())) {
-      return std::static_pointer_cast<I>(local);
-    }
-    return ::ndk::SharedRefBase::make<Proxy>(binder);
-  }
-  // Other code of this process may have named the interface first, with a class of its own.
-  const AIBinder_Class* other = AIBinder_getClass(binder.get());
-  const bool same =
-      other != nullptr && strcmp(AIBinder_Class_getDescriptor(other), I::descriptor) == 0;
-  return same ? ::ndk::SharedRefBase::make<Proxy>(binder) : nullptr;
-}
 
 /// The fields behind a word that counts the bytes of both.
 template <typename... Fields>

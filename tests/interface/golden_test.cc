@@ -250,7 +250,7 @@ TEST(Values, ComparePrintAndAreNamed) {
   IKvox::CommandResult result;
   result.lines = {"a", "b"};
   EXPECT_EQ(result.toString(), "CommandResult{status: OK, value: 0.000000, lines: [a, b]}");
-  EXPECT_STREQ(::kvox::KvoxDescriptor(), "kvox.IKvox/default");
+  EXPECT_EQ(::kvox::KvoxDescriptor(), string(IKvox::descriptor) + "/default");
 }
 
 }  // namespace

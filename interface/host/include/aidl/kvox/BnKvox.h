@@ -7,15 +7,6 @@
 
 namespace aidl::kvox {
 
-class BnKvox : public ::ndk::BnCInterface<IKvox> {
- public:
-  BnKvox() = default;
-  virtual ~BnKvox();
-  ::ndk::ScopedAStatus getInterfaceVersion(int32_t* _aidl_return) override;
-  ::ndk::ScopedAStatus getInterfaceHash(std::string* _aidl_return) override;
-
- protected:
-  ::ndk::SpAIBinder createBinder() override;
-};
+class BnKvox : public StubBase<IKvox> {};
 
 }  // namespace aidl::kvox

@@ -7,18 +7,10 @@
 
 namespace aidl::kvox {
 
-class BpKvox : public ::ndk::BpCInterface<IKvox> {
+class BpKvox : public ProxyBase<IKvox> {
  public:
-  explicit BpKvox(const ::ndk::SpAIBinder& binder) : BpCInterface(binder) {}
-  virtual ~BpKvox();
+  using ProxyBase::ProxyBase;
   KVOX_METHODS(KVOX_METHOD_OVERRIDE)
-  ::ndk::ScopedAStatus getInterfaceVersion(int32_t* _aidl_return) override;
-  ::ndk::ScopedAStatus getInterfaceHash(std::string* _aidl_return) override;
-
- private:
-  std::mutex _cache_mutex;
-  std::optional<int32_t> _cached_version;
-  std::optional<std::string> _cached_hash;
 };
 
 }  // namespace aidl::kvox

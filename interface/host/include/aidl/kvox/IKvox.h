@@ -27,7 +27,7 @@
 /// What every parcelable has beside its fields, whose names these are.
 #define KVOX_PARCELABLE(Type, ...)                                                     \
   typedef std::false_type fixed_size;                                                  \
-  static const char* descriptor;                                                       \
+  static inline const char* descriptor = "kvox.IKvox." #Type;                          \
   static const ::ndk::parcelable_stability_t _aidl_stability = ::ndk::STABILITY_VINTF; \
   static constexpr const char* _field_names = #__VA_ARGS__;                            \
   auto _fields() {                                                                     \
@@ -43,11 +43,36 @@
 
 namespace aidl::kvox {
 
+/// What the stubs of both interfaces share.
+template <typename I>
+class StubBase : public ::ndk::BnCInterface<I> {
+ public:
+  ::ndk::ScopedAStatus getInterfaceVersion(int32_t* _aidl_return) override;
+  ::ndk::ScopedAStatus getInterfaceHash(std::string* _aidl_return) override;
+
+ protected:
+  ::ndk::SpAIBinder createBinder() override;
+};
+
+/// What the proxies of both interfaces share. The first good answers are kept.
+template <typename I>
+class ProxyBase : public ::ndk::BpCInterface<I> {
+ public:
+  using ::ndk::BpCInterface<I>::BpCInterface;
+  ::ndk::ScopedAStatus getInterfaceVersion(int32_t* _aidl_return) override;
+  ::ndk::ScopedAStatus getInterfaceHash(std::string* _aidl_return) override;
+
+ private:
+  std::mutex _cache_mutex;
+  std::optional<int32_t> _cached_version;
+  std::optional<std::string> _cached_hash;
+};
+
 class IKvox : public ::ndk::ICInterface {
  public:
-  static const char* descriptor;
-  IKvox() = default;
-  virtual ~IKvox();
+  static inline const char* descriptor = "kvox.IKvox";
+  static inline const int32_t version = 3;
+  static inline const std::string hash = "6b766f78640000000000000000000000494b0003";
 
   enum class CommandStatus : int8_t { KVOX_COMMAND_STATUSES(KVOX_ENUMERATOR) };
   enum class UseCase : int8_t { KVOX_USE_CASES(KVOX_ENUMERATOR) };
@@ -95,7 +120,7 @@ class IKvox : public ::ndk::ICInterface {
 
    public:
     typedef std::false_type fixed_size;
-    static const char* descriptor;
+    static inline const char* descriptor = "kvox.IKvox.ParamValue";
     static const ::ndk::parcelable_stability_t _aidl_stability = ::ndk::STABILITY_VINTF;
 
     enum class Tag : int32_t { i = 0, f = 1, v = 2 };
@@ -146,12 +171,9 @@ class IKvox : public ::ndk::ICInterface {
 
   class IReceiveAudioCallback : public ::ndk::ICInterface {
    public:
-    static const char* descriptor;
-    IReceiveAudioCallback() = default;
-    virtual ~IReceiveAudioCallback();
-
-    static inline const int32_t version = 3;
-    static const std::string hash;
+    static inline const char* descriptor = "kvox.IKvox.IReceiveAudioCallback";
+    static inline const int32_t version = IKvox::version;
+    static inline const std::string& hash = IKvox::hash;
     enum : uint32_t {
       BEFORE_FIRST_TRANSACTION = FIRST_CALL_TRANSACTION - 1,
       KVOX_CALLBACK_METHODS(KVOX_TRANSACTION)
@@ -163,33 +185,14 @@ class IKvox : public ::ndk::ICInterface {
     virtual ::ndk::ScopedAStatus getInterfaceHash(std::string* _aidl_return) = 0;
   };
 
-  class BnReceiveAudioCallback : public ::ndk::BnCInterface<IReceiveAudioCallback> {
-   public:
-    BnReceiveAudioCallback() = default;
-    virtual ~BnReceiveAudioCallback();
-    ::ndk::ScopedAStatus getInterfaceVersion(int32_t* _aidl_return) override;
-    ::ndk::ScopedAStatus getInterfaceHash(std::string* _aidl_return) override;
+  class BnReceiveAudioCallback : public StubBase<IReceiveAudioCallback> {};
 
-   protected:
-    ::ndk::SpAIBinder createBinder() override;
-  };
-
-  class BpReceiveAudioCallback : public ::ndk::BpCInterface<IReceiveAudioCallback> {
+  class BpReceiveAudioCallback : public ProxyBase<IReceiveAudioCallback> {
    public:
-    explicit BpReceiveAudioCallback(const ::ndk::SpAIBinder& binder) : BpCInterface(binder) {}
-    virtual ~BpReceiveAudioCallback();
+    using ProxyBase::ProxyBase;
     KVOX_CALLBACK_METHODS(KVOX_METHOD_OVERRIDE)
-    ::ndk::ScopedAStatus getInterfaceVersion(int32_t* _aidl_return) override;
-    ::ndk::ScopedAStatus getInterfaceHash(std::string* _aidl_return) override;
-
-   private:
-    std::mutex _cache_mutex;
-    std::optional<int32_t> _cached_version;
-    std::optional<std::string> _cached_hash;
   };
 
-  static inline const int32_t version = 3;
-  static const std::string hash;
   enum : uint32_t {
     BEFORE_FIRST_TRANSACTION = FIRST_CALL_TRANSACTION - 1,
     KVOX_METHODS(KVOX_TRANSACTION)
@@ -211,24 +214,16 @@ class IKvox : public ::ndk::ICInterface {
 
 namespace ndk::internal {
 
-template <>
-constexpr inline std::array enum_values<aidl::kvox::IKvox::CommandStatus> = {
-#define KVOX_VALUE(name, value) aidl::kvox::IKvox::CommandStatus::name,
-    KVOX_COMMAND_STATUSES(KVOX_VALUE)
-#undef KVOX_VALUE
-};
-template <>
-constexpr inline std::array enum_values<aidl::kvox::IKvox::UseCase> = {
-#define KVOX_VALUE(name, value) aidl::kvox::IKvox::UseCase::name,
-    KVOX_USE_CASES(KVOX_VALUE)
-#undef KVOX_VALUE
-};
-template <>
-constexpr inline std::array enum_values<aidl::kvox::IKvox::ParameterId> = {
-#define KVOX_VALUE(name, value) aidl::kvox::IKvox::ParameterId::name,
-    KVOX_PARAMETER_IDS(KVOX_VALUE)
-#undef KVOX_VALUE
-};
+#define KVOX_NAME(name, value) name,
+#define KVOX_ENUM_VALUES(Enum, ENUMERATORS)                               \
+  template <>                                                             \
+  constexpr inline std::array enum_values<aidl::kvox::IKvox::Enum> = [] { \
+    using enum aidl::kvox::IKvox::Enum;                                   \
+    return std::array{ENUMERATORS(KVOX_NAME)};                            \
+  }();
+KVOX_ENUMS(KVOX_ENUM_VALUES)
+#undef KVOX_ENUM_VALUES
+#undef KVOX_NAME
 template <>
 constexpr inline std::array enum_values<aidl::kvox::IKvox::ParamValue::Tag> = {
     aidl::kvox::IKvox::ParamValue::Tag::i,

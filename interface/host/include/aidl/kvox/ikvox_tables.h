@@ -30,6 +30,11 @@
   E(AUDIO_FORMAT, 4)          \
   E(JITTER_BUFFER, 5)
 
+#define KVOX_ENUMS(E)                     \
+  E(CommandStatus, KVOX_COMMAND_STATUSES) \
+  E(UseCase, KVOX_USE_CASES)              \
+  E(ParameterId, KVOX_PARAMETER_IDS)
+
 #define KVOX_METHODS(M) \
   M(Ping, (), ()) \
   M(ShowGraph, (CommandResult* _aidl_return), (_aidl_return)) \
