@@ -10,7 +10,6 @@
 #include <string>
 
 #include "kvox/common/log.h"
-#include "kvox/common/tap_format.h"
 
 namespace kvox {
 namespace {
@@ -21,24 +20,7 @@ constexpr char kUnitTag[] = "kvox_utils";
 constexpr std::array<unsigned int, 8> kSampleRates = {8000,  16000, 24000, 32000,
                                                       44100, 48000, 96000, 192000};
 
-struct DataFormatRow {
-  const char* name;
-  char letter;
-};
-constexpr std::array<DataFormatRow, kDataFormatCount> kDataFormats = {
-    {{"int", 'i'}, {"float", 'f'}, {"sulaw", 'v'}}};
-
 }  // namespace
-
-const char* DataFormatName(Kvox::DataFormat format) {
-  const auto index = static_cast<uint8_t>(format);
-  return index < kDataFormatCount ? kDataFormats[index].name : nullptr;
-}
-
-char DataFormatLetter(Kvox::DataFormat format) {
-  const auto index = static_cast<uint8_t>(format);
-  return index < kDataFormatCount ? kDataFormats[index].letter : '?';
-}
 
 uint8_t SampleRateToEnum(unsigned int rate) {
   const auto* found = std::find(kSampleRates.begin(), kSampleRates.end(), rate);

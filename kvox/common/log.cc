@@ -25,26 +25,17 @@ std::atomic<LogTarget*> process_target = nullptr;
 
 }  // namespace
 
-void LogInfo(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  LogLine(LogPriority::kInfo, kTag, format, args);
-  va_end(args);
-}
-
-void LogWarning(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  LogLine(LogPriority::kWarning, kTag, format, args);
-  va_end(args);
-}
-
-void LogError(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  LogLine(LogPriority::kError, kTag, format, args);
-  va_end(args);
-}
+#define KVOX_DEFINE_LOG(Function, priority) \
+  void Function(const char* format, ...) {  \
+    va_list args;                           \
+    va_start(args, format);                 \
+    LogLine(priority, kTag, format, args);  \
+    va_end(args);                           \
+  }
+KVOX_DEFINE_LOG(LogInfo, LogPriority::kInfo)
+KVOX_DEFINE_LOG(LogWarning, LogPriority::kWarning)
+KVOX_DEFINE_LOG(LogError, LogPriority::kError)
+#undef KVOX_DEFINE_LOG
 
 void LogTagged(LogPriority priority, const char* tag, const char* format, ...) {
   va_list args;

@@ -15,7 +15,6 @@
 #define CAPABILITY(name) KVOX_THREAD_ATTRIBUTE(capability(name))
 #define SCOPED_CAPABILITY KVOX_THREAD_ATTRIBUTE(scoped_lockable)
 #define GUARDED_BY(mutex) KVOX_THREAD_ATTRIBUTE(guarded_by(mutex))
-#define PT_GUARDED_BY(mutex) KVOX_THREAD_ATTRIBUTE(pt_guarded_by(mutex))
 #define ACQUIRED_BEFORE(...) KVOX_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
 #define ACQUIRED_AFTER(...) KVOX_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
 #define REQUIRES(...) KVOX_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
@@ -23,8 +22,6 @@
 #define ACQUIRE(...) KVOX_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) KVOX_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) KVOX_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
-#define RETURN_CAPABILITY(x) KVOX_THREAD_ATTRIBUTE(lock_returned(x))
-#define NO_THREAD_SAFETY_ANALYSIS KVOX_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 
 namespace kvox {
 
@@ -38,7 +35,7 @@ class CAPABILITY("mutex") Mutex {
   std::mutex mutex_;
 };
 
-/// Holds a Mutex for a scope; may let go of it and take it again in between.
+/// Holds a Mutex for a scope; may release it and take it again in between.
 class SCOPED_CAPABILITY MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
@@ -72,7 +69,7 @@ class CondVar {
     lock.release();
   }
 
-  /// Answers false when `deadline` passed first.
+  /// False when `deadline` passed first.
   bool WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) REQUIRES(mutex) {
     std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
     const auto status = condition_.wait_until(lock, deadline);

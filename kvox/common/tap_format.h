@@ -1,6 +1,7 @@
 // The audio format of a tap point, and the names of its sample encodings.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
@@ -12,13 +13,26 @@ struct Kvox {
 
 namespace kvox {
 
-inline constexpr uint8_t kDataFormatCount = 3;
+/// By encoding: its name, and the letter that tap listings print before the bits of a sample.
+struct DataFormatText {
+  const char* name;
+  char letter;
+};
+inline constexpr std::array<DataFormatText, 3> kDataFormats = {
+    {{"int", 'i'}, {"float", 'f'}, {"sulaw", 'v'}}};
+inline constexpr uint8_t kDataFormatCount = kDataFormats.size();
 
-/// "int", "float" or "sulaw"; null for any other encoding.
-const char* DataFormatName(Kvox::DataFormat format);
+/// Null for any other encoding.
+constexpr const char* DataFormatName(Kvox::DataFormat format) {
+  const auto index = static_cast<uint8_t>(format);
+  return index < kDataFormatCount ? kDataFormats[index].name : nullptr;
+}
 
-/// The letter that tap listings print before the bits of a sample: 'i', 'f' or 'v', else '?'.
-char DataFormatLetter(Kvox::DataFormat format);
+/// '?' for any other encoding.
+constexpr char DataFormatLetter(Kvox::DataFormat format) {
+  const auto index = static_cast<uint8_t>(format);
+  return index < kDataFormatCount ? kDataFormats[index].letter : '?';
+}
 
 /// Audio format as the co-processor's packets carry it (bytes 24 to 35 of a packet's header).
 /// A frame is one sample of every channel.
@@ -28,7 +42,7 @@ struct KvoxTapFormat {
   uint8_t bytes_per_sample = 0;  // of one sample of one channel
   uint8_t data_format = 0;       // a Kvox::DataFormat
   uint8_t reserved = 0;          // carried, never interpreted
-  /// Samples of one channel that stand together before the next channel's; 0 and 1: interleaved.
+  /// Consecutive samples of one channel before those of the next; 0 and 1: interleaved.
   uint32_t noninterleaved_samples = 0;
 };
 static_assert(sizeof(KvoxTapFormat) == 12 && std::is_trivially_copyable_v<KvoxTapFormat>);
