@@ -72,7 +72,7 @@ void Connection::Accept(UniqueFd fd, const Credentials& peer, std::shared_ptr<Se
       PaddedSize(static_cast<uint32_t>(descriptor.size())) - descriptor.size(), '\0');
   ServiceGreeting greeting;
   greeting.descriptor_size = static_cast<uint32_t>(descriptor.size());
-  greeting.address = connection->objects_.Give(root);
+  greeting.address = connection->objects_.Export(root);
   if (!connection->Open(std::move(fd), sizeof(ClientGreeting))) return;
   connection->channel_.Send({Part(&greeting, sizeof greeting),
                              Part(descriptor.data(), descriptor.size()),
@@ -82,7 +82,7 @@ void Connection::Accept(UniqueFd fd, const Credentials& peer, std::shared_ptr<Se
 std::shared_ptr<Connection> Connection::Join(UniqueFd fd, uint64_t root_address,
                                              std::string_view descriptor, ndk::SpAIBinder* root) {
   auto connection = std::make_shared<Connection>(PeerCredentials(fd.get()), nullptr);
-  *root = connection->objects_.Take(root_address, descriptor, connection);
+  *root = connection->objects_.Import(root_address, descriptor, connection);
   return connection->Open(std::move(fd), sizeof(FrameHeader)) ? connection : nullptr;
 }
 
@@ -106,7 +106,7 @@ binder_status_t Connection::Transact(uint64_t id, transaction_code_t code, AParc
     return STATUS_FAILED_TRANSACTION;
   }
   std::vector<uint8_t> object_list;
-  const binder_status_t status = objects_.Give(in, *this, &object_list);
+  const binder_status_t status = objects_.Export(in, *this, &object_list);
   if (status != STATUS_OK) return status;
   FrameHeader header;
   header.code = code;
@@ -143,7 +143,7 @@ void Connection::Forget(const RemoteObject& proxy) {
   FrameHeader header;
   header.type = FrameType::kRelease;
   header.address = proxy.id() << 1 | kReceiversObject;
-  header.call = objects_.Forget(proxy);
+  header.call = objects_.RemoveProxy(proxy);
   if (header.call > 0) Send(header, AParcel(), {});
 }
 
@@ -164,7 +164,7 @@ void Connection::SendReply(uint64_t call, binder_status_t status, AParcel& reply
              kMaxParcelSize);
     status = STATUS_FAILED_TRANSACTION;
   }
-  if (status == STATUS_OK) status = objects_.Give(reply, *this, &object_list);
+  if (status == STATUS_OK) status = objects_.Export(reply, *this, &object_list);
   FrameHeader header;
   header.type = FrameType::kReply;
   header.call = call;
@@ -227,7 +227,7 @@ const char* Connection::TakeFrame(const FrameHeader& header, evbuffer* input) {
   received_ += header.FrameSize();
   if (header.type == FrameType::kRelease) {
     ndk::SpAIBinder last;
-    if (!objects_.GiveBack(header.address, header.call, &last)) return "a false release";
+    if (!objects_.Release(header.address, header.call, &last)) return "a false release";
     if (last.get() != nullptr) ThreadPool::Get().Post([held = std::move(last)] {});
     return nullptr;
   }
@@ -243,7 +243,7 @@ const char* Connection::TakeFrame(const FrameHeader& header, evbuffer* input) {
   evbuffer_remove(input, data.data(), data.size());
   evbuffer_remove(input, object_list.data(), object_list.size());
   std::vector<AParcel::Object> objects;
-  const char* fault = objects_.Take(data, object_list, header.object_count, Self(), &objects);
+  const char* fault = objects_.Import(data, object_list, header.object_count, Self(), &objects);
   auto parcel = std::make_unique<AParcel>(std::move(data), std::move(objects));
   if (fault != nullptr) {
     DropOnPool(std::move(parcel));
@@ -257,7 +257,7 @@ const char* Connection::TakeFrame(const FrameHeader& header, evbuffer* input) {
 }
 
 const char* Connection::TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel) {
-  ndk::SpAIBinder target = objects_.Given(header.address);
+  ndk::SpAIBinder target = objects_.Find(header.address);
   if (target.get() == nullptr) {
     DropOnPool(std::move(parcel));
     return "a call of an object that it was never given";

@@ -18,12 +18,10 @@ std::string_view DescriptorOf(AIBinder& object) {
 
 void AppendEntry(uint32_t position, std::string_view descriptor, std::vector<uint8_t>* list) {
   const ObjectEntry entry{position, static_cast<uint32_t>(descriptor.size())};
-  const size_t at = list->size();
-  list->resize(at + sizeof entry + PaddedSize(entry.descriptor_size));
-  std::memcpy(list->data() + at, &entry, sizeof entry);
-  if (!descriptor.empty()) {
-    std::memcpy(list->data() + at + sizeof entry, descriptor.data(), descriptor.size());
-  }
+  const auto* const bytes = reinterpret_cast<const uint8_t*>(&entry);
+  list->insert(list->end(), bytes, bytes + sizeof entry);
+  list->insert(list->end(), descriptor.begin(), descriptor.end());
+  list->resize(PaddedSize(static_cast<uint32_t>(list->size())));
 }
 
 /// One entry of an object list with its reference, as far as they fit together.
@@ -58,9 +56,10 @@ bool NextReference(std::span<const uint8_t> parcel, uint32_t first_position,
 
 }  // namespace
 
-binder_status_t ObjectTable::CheckGive(const AParcel& parcel, const Connection& connection) const {
+binder_status_t ObjectTable::CheckExport(const AParcel& parcel,
+                                         const Connection& connection) const {
   if (closed_) return STATUS_DEAD_OBJECT;
-  size_t more = 0;
+  size_t count = exports_.size();
   size_t list_size = 0;
   for (const auto& [position, object] : parcel.objects()) {
     const RemoteObject* remote = object.get()->AsRemote();
@@ -70,27 +69,27 @@ binder_status_t ObjectTable::CheckGive(const AParcel& parcel, const Connection& 
     }
     const auto descriptor_size = static_cast<uint32_t>(DescriptorOf(*object.get()).size());
     list_size += sizeof(ObjectEntry) + PaddedSize(descriptor_size);
-    if (remote == nullptr && !given_ids_.contains(object.get())) ++more;
+    if (remote == nullptr && !export_ids_.contains(object.get())) ++count;
     if (descriptor_size > kMaxDescriptorSize) list_size = kMaxObjectListSize + 1;
   }
-  if (given_.size() + more > kMaxObjects || list_size > kMaxObjectListSize) {
-    LogError("binder: too many objects for one peer (%zu, at most %zu) or one call (%zu)",
-             given_.size() + more, kMaxObjects, parcel.objects().size());
+  if (count > kMaxObjects || list_size > kMaxObjectListSize) {
+    LogError("binder: too many objects for one peer (%zu, at most %zu) or one call (%zu)", count,
+             kMaxObjects, parcel.objects().size());
     return STATUS_FAILED_TRANSACTION;
   }
   return STATUS_OK;
 }
 
-binder_status_t ObjectTable::Give(AParcel& parcel, const Connection& connection,
-                                  std::vector<uint8_t>* list) {
+binder_status_t ObjectTable::Export(AParcel& parcel, const Connection& connection,
+                                    std::vector<uint8_t>* list) {
   if (parcel.objects().empty()) return STATUS_OK;
   MutexLock lock(mutex_);
-  const binder_status_t status = CheckGive(parcel, connection);
+  const binder_status_t status = CheckExport(parcel, connection);
   if (status != STATUS_OK) return status;
   for (const auto& [position, object] : parcel.objects()) {
     const RemoteObject* remote = object.get()->AsRemote();
     const uint64_t address =
-        remote != nullptr ? remote->id() << 1 | kReceiversObject : GiveLocked(object);
+        remote != nullptr ? remote->id() << 1 | kReceiversObject : ExportLocked(object);
     std::memcpy(parcel.mutable_data().data() + position + kReferenceAddressOffset, &address,
                 sizeof address);
     AppendEntry(position, DescriptorOf(*object.get()), list);
@@ -98,25 +97,21 @@ binder_status_t ObjectTable::Give(AParcel& parcel, const Connection& connection,
   return STATUS_OK;
 }
 
-uint64_t ObjectTable::Give(const ndk::SpAIBinder& object) {
+uint64_t ObjectTable::Export(const ndk::SpAIBinder& object) {
   MutexLock lock(mutex_);
-  return GiveLocked(object);
+  return ExportLocked(object);
 }
 
-uint64_t ObjectTable::GiveLocked(const ndk::SpAIBinder& object) {
-  const auto [known, is_new] = given_ids_.try_emplace(object.get(), last_id_ + 1);
-  GivenObject& given = given_[known->second];
-  if (is_new) {
-    ++last_id_;
-    given.object = object;
-  }
-  ++given.references;
-  return known->second << 1;
+uint64_t ObjectTable::ExportLocked(const ndk::SpAIBinder& object) {
+  const auto [id, is_new] = export_ids_.try_emplace(object.get(), last_id_ + 1);
+  if (is_new) exports_[++last_id_].object = object;
+  ++exports_[id->second].references;
+  return id->second << 1;
 }
 
-const char* ObjectTable::Take(std::span<const uint8_t> parcel, std::span<const uint8_t> list,
-                              uint32_t count, const std::shared_ptr<Connection>& connection,
-                              std::vector<AParcel::Object>* objects) {
+const char* ObjectTable::Import(std::span<const uint8_t> parcel, std::span<const uint8_t> list,
+                                uint32_t count, const std::shared_ptr<Connection>& connection,
+                                std::vector<AParcel::Object>* objects) {
   if (count == 0) return list.empty() ? nullptr : "an object list without objects";
   MutexLock lock(mutex_);
   uint32_t first_position = 0;
@@ -125,11 +120,9 @@ const char* ObjectTable::Take(std::span<const uint8_t> parcel, std::span<const u
     if (!NextReference(parcel, first_position, &list, &reference)) {
       return "a malformed object list";
     }
-    const bool ours = (reference.address & kReceiversObject) != 0;
-    ndk::SpAIBinder object =
-        ours ? GivenLocked(reference.address)
-             : TakeLocked(reference.address >> 1, reference.descriptor, connection);
+    ndk::SpAIBinder object = ImportLocked(reference.address, reference.descriptor, connection);
     if (object.get() == nullptr) {
+      const bool ours = (reference.address & kReceiversObject) != 0;
       return ours ? "a reference to an object that it was never given" : "too many objects";
     }
     objects->push_back({reference.position, std::move(object)});
@@ -138,18 +131,18 @@ const char* ObjectTable::Take(std::span<const uint8_t> parcel, std::span<const u
   return list.empty() ? nullptr : "an object list that is too long";
 }
 
-ndk::SpAIBinder ObjectTable::Take(uint64_t address, std::string_view descriptor,
-                                  const std::shared_ptr<Connection>& connection) {
-  if ((address & kReceiversObject) != 0) return nullptr;
+ndk::SpAIBinder ObjectTable::Import(uint64_t address, std::string_view descriptor,
+                                    const std::shared_ptr<Connection>& connection) {
   MutexLock lock(mutex_);
-  return TakeLocked(address >> 1, descriptor, connection);
+  return ImportLocked(address, descriptor, connection);
 }
 
-ndk::SpAIBinder ObjectTable::TakeLocked(uint64_t id, std::string_view descriptor,
-                                        const std::shared_ptr<Connection>& connection) {
-  const auto known = proxies_.find(id);
-  if (known == proxies_.end() && proxies_.size() >= kMaxObjects) return nullptr;
-  Proxy& proxy = known == proxies_.end() ? proxies_[id] : known->second;
+ndk::SpAIBinder ObjectTable::ImportLocked(uint64_t address, std::string_view descriptor,
+                                          const std::shared_ptr<Connection>& connection) {
+  if ((address & kReceiversObject) != 0) return FindLocked(address);
+  const uint64_t id = address >> 1;
+  if (!proxies_.contains(id) && proxies_.size() >= kMaxObjects) return nullptr;
+  Proxy& proxy = proxies_[id];
   ++proxy.references;
   if (proxy.object == nullptr || !proxy.object->TryIncStrong()) {
     proxy.object = new RemoteObject(connection, id, std::string(descriptor));
@@ -157,38 +150,38 @@ ndk::SpAIBinder ObjectTable::TakeLocked(uint64_t id, std::string_view descriptor
   return ndk::SpAIBinder(proxy.object);
 }
 
-ndk::SpAIBinder ObjectTable::Given(uint64_t address) const {
+ndk::SpAIBinder ObjectTable::Find(uint64_t address) const {
   MutexLock lock(mutex_);
-  return GivenLocked(address);
+  return FindLocked(address);
 }
 
-ndk::SpAIBinder ObjectTable::GivenLocked(uint64_t address) const {
-  const auto given = given_.find(address >> 1);
-  const bool held = (address & kReceiversObject) != 0 && given != given_.end();
-  return held ? given->second.object : nullptr;
+ndk::SpAIBinder ObjectTable::FindLocked(uint64_t address) const {
+  const auto found = exports_.find(address >> 1);
+  const bool held = (address & kReceiversObject) != 0 && found != exports_.end();
+  return held ? found->second.object : nullptr;
 }
 
-bool ObjectTable::GiveBack(uint64_t address, uint64_t count, ndk::SpAIBinder* last) {
+bool ObjectTable::Release(uint64_t address, uint64_t count, ndk::SpAIBinder* last) {
   MutexLock lock(mutex_);
-  const auto given = given_.find(address >> 1);
-  if ((address & kReceiversObject) == 0 || given == given_.end() || count == 0 ||
-      count > given->second.references) {
+  const auto found = exports_.find(address >> 1);
+  if ((address & kReceiversObject) == 0 || found == exports_.end() || count == 0 ||
+      count > found->second.references) {
     return false;
   }
-  given->second.references -= count;
-  if (given->second.references > 0) return true;
-  *last = std::move(given->second.object);
-  given_ids_.erase(last->get());
-  given_.erase(given);
+  found->second.references -= count;
+  if (found->second.references > 0) return true;
+  *last = std::move(found->second.object);
+  export_ids_.erase(last->get());
+  exports_.erase(found);
   return true;
 }
 
-uint64_t ObjectTable::Forget(const RemoteObject& proxy) {
+uint64_t ObjectTable::RemoveProxy(const RemoteObject& proxy) {
   MutexLock lock(mutex_);
-  const auto known = proxies_.find(proxy.id());
-  if (known == proxies_.end() || known->second.object != &proxy) return 0;
-  const uint64_t references = known->second.references;
-  proxies_.erase(known);
+  const auto found = proxies_.find(proxy.id());
+  if (found == proxies_.end() || found->second.object != &proxy) return 0;
+  const uint64_t references = found->second.references;
+  proxies_.erase(found);
   return references;
 }
 
@@ -196,12 +189,12 @@ ObjectTable::Orphans ObjectTable::Close() {
   Orphans orphans;
   MutexLock lock(mutex_);
   closed_ = true;
-  for (auto& [id, given] : given_) orphans.given.push_back(std::move(given.object));
+  for (auto& [id, exported] : exports_) orphans.exported.push_back(std::move(exported.object));
   for (const auto& [id, proxy] : proxies_) {
     if (proxy.object->TryIncStrong()) orphans.proxies.emplace_back(proxy.object);
   }
-  given_.clear();
-  given_ids_.clear();
+  exports_.clear();
+  export_ids_.clear();
   proxies_.clear();
   return orphans;
 }
