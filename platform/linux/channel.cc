@@ -13,17 +13,6 @@
 namespace kvox::binder {
 namespace {
 
-/// Cuts the first `size` bytes off the parts.
-Channel::Parts Without(Channel::Parts parts, size_t size) {
-  for (iovec& part : parts) {
-    const size_t cut = std::min(size, part.iov_len);
-    part.iov_base = static_cast<char*>(part.iov_base) + cut;
-    part.iov_len -= cut;
-    size -= cut;
-  }
-  return parts;
-}
-
 size_t SizeOf(const Channel::Parts& parts) {
   return parts[0].iov_len + parts[1].iov_len + parts[2].iov_len;
 }
@@ -78,8 +67,12 @@ bool Channel::Send(Parts parts) {
 bool Channel::Queue(const Parts& parts, size_t sent) {
   evbuffer* output = bufferevent_get_output(stream_);
   bool queued = evbuffer_get_length(output) + SizeOf(parts) - sent <= kMaxUnsentBytes;
-  for (const iovec& part : Without(parts, sent)) {
-    if (queued && part.iov_len > 0) queued = evbuffer_add(output, part.iov_base, part.iov_len) == 0;
+  for (const iovec& part : parts) {
+    const size_t skipped = std::min(sent, part.iov_len);
+    sent -= skipped;
+    if (!queued || skipped == part.iov_len) continue;
+    const auto* rest = static_cast<const char*>(part.iov_base) + skipped;
+    queued = evbuffer_add(output, rest, part.iov_len - skipped) == 0;
   }
   if (!queued) Abort();
   owner_.OnUnsent(evbuffer_get_length(output));

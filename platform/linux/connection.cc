@@ -67,16 +67,14 @@ Connection::Connection(const Credentials& peer, std::shared_ptr<ServicePort> por
 void Connection::Accept(UniqueFd fd, const Credentials& peer, std::shared_ptr<ServicePort> port) {
   const ndk::SpAIBinder root = port->root();
   const auto connection = std::make_shared<Connection>(peer, std::move(port));
-  const std::string_view descriptor = root.get()->clazz()->descriptor;
-  const std::string padding(
-      PaddedSize(static_cast<uint32_t>(descriptor.size())) - descriptor.size(), '\0');
+  std::string descriptor = root.get()->clazz()->descriptor;
   ServiceGreeting greeting;
   greeting.descriptor_size = static_cast<uint32_t>(descriptor.size());
   greeting.address = connection->objects_.Export(root);
+  descriptor.resize(PaddedSize(greeting.descriptor_size));
   if (!connection->Open(std::move(fd), sizeof(ClientGreeting))) return;
-  connection->channel_.Send({Part(&greeting, sizeof greeting),
-                             Part(descriptor.data(), descriptor.size()),
-                             Part(padding.data(), padding.size())});
+  connection->channel_.Send(
+      {Part(&greeting, sizeof greeting), Part(descriptor.data(), descriptor.size())});
 }
 
 std::shared_ptr<Connection> Connection::Join(UniqueFd fd, uint64_t root_address,

@@ -31,16 +31,12 @@ void ThreadPool::Start() {
   try {
     while (threads_.size() < thread_count_) {
       threads_.push_back(
-          StartThread("binder:" + std::to_string(threads_.size() + 1), [this] { Run(); }));
+          StartThread("binder:" + std::to_string(threads_.size() + 1), [this] { Join(); }));
     }
   } catch (const std::system_error& error) {
     LogError("binder: only %zu of %u pool threads could be started: %s", threads_.size(),
              thread_count_, error.what());
   }
-}
-
-void ThreadPool::Join() {
-  Run();
 }
 
 void ThreadPool::Stop() {
@@ -108,7 +104,7 @@ size_t ThreadPool::FirstRunnable(const RequestQueue& queue) {
   return static_cast<size_t>(found - queue.pending_.begin());
 }
 
-void ThreadPool::Run() {
+void ThreadPool::Join() {
   MutexLock lock(mutex_);
   ++running_;
   while (!stopping_) {

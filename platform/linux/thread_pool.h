@@ -90,7 +90,6 @@ class ThreadPool {
  private:
   ThreadPool() = default;
 
-  void Run();
   /// Serves the next request of the queue that is first in turn.
   void ServeNext() REQUIRES(mutex_);
   void RunTask() REQUIRES(mutex_);
