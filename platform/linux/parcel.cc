@@ -20,6 +20,15 @@ constexpr size_t Padded(size_t size) {
   return (size + 3) & ~size_t{3};
 }
 
+/// Reads a word into a smaller type.
+template <typename T>
+binder_status_t ReadNarrow(const AParcel* parcel, T* value) {
+  int32_t word = 0;
+  const binder_status_t status = parcel->Read(&word);
+  if (status == STATUS_OK) *value = static_cast<T>(word);
+  return status;
+}
+
 }  // namespace
 
 binder_status_t AParcel::WriteBytes(const void* bytes, size_t size) {
@@ -85,16 +94,10 @@ binder_status_t AParcel_readFloat(const AParcel* parcel, float* value) {
   return parcel->Read(value);
 }
 binder_status_t AParcel_readBool(const AParcel* parcel, bool* value) {
-  int32_t word = 0;
-  const binder_status_t status = parcel->Read(&word);
-  if (status == STATUS_OK) *value = word != 0;
-  return status;
+  return ReadNarrow(parcel, value);
 }
 binder_status_t AParcel_readByte(const AParcel* parcel, int8_t* value) {
-  int32_t word = 0;
-  const binder_status_t status = parcel->Read(&word);
-  if (status == STATUS_OK) *value = static_cast<int8_t>(word);
-  return status;
+  return ReadNarrow(parcel, value);
 }
 
 binder_status_t AParcel_writeString(AParcel* parcel, const char* string, int32_t length) {

@@ -28,20 +28,13 @@ std::string UserDirectory() {
   return parent.empty() ? "" : parent + "/kvox";
 }
 
-/// Gives a directory that was just made its mode, whatever the umask. By a descriptor, so that
-/// nothing else gets it that somebody may have put in its place meanwhile. Answers 0 or errno.
-int SetMode(const std::string& path) {
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  return fd.valid() && fchmod(fd.get(), kDirectoryMode) == 0 ? 0 : errno;
-}
-
-/// Creates what is missing of the path. Answers 0 or errno.
+/// Creates what is missing of the path. Returns 0 or errno.
 int MakeDirectory(const std::string& path) {
   for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string part = path.substr(0, end);
     struct stat status;
     if (mkdir(part.c_str(), kDirectoryMode) == 0) {
-      if (const int cause = SetMode(part); cause != 0) return cause;
+      if (const int cause = SetMode(part, S_IFDIR, kDirectoryMode); cause != 0) return cause;
     } else if (const int cause = errno; stat(part.c_str(), &status) != 0) {
       return cause;
     } else if (!S_ISDIR(status.st_mode)) {
@@ -80,6 +73,15 @@ std::string DirectoryVariable(const char* name) {
   std::string path = value == nullptr ? "" : value;
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
+}
+
+int SetMode(const std::string& path, mode_t type, mode_t mode) {
+  const UniqueFd place(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status;
+  if (!place.valid() || fstat(place.get(), &status) != 0) return errno;
+  if ((status.st_mode & S_IFMT) != type) return type == S_IFDIR ? ENOTDIR : ENOTSOCK;
+  const std::string descriptor = "/proc/self/fd/" + std::to_string(place.get());
+  return chmod(descriptor.c_str(), mode) == 0 ? 0 : errno;
 }
 
 bool IsServiceName(const std::string& name) {

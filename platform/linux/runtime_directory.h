@@ -1,6 +1,8 @@
 // Where the sockets of services are: the runtime directory, and names in it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -18,7 +20,12 @@ bool IsServiceName(const std::string& name);
 /// names none.
 std::string RuntimeDirectory();
 
-/// That directory, created if it is missing. Answers 0, or errno with `error` set.
+/// Sets the mode of a directory (S_IFDIR) or socket (S_IFSOCK) that was just created, whatever the
+/// umask. Through a descriptor, so that nothing else gets the mode that may be in its place by now.
+/// Returns 0 or errno.
+int SetMode(const std::string& path, mode_t type, mode_t mode);
+
+/// That directory, created if it is missing. Returns 0, or errno with `error` set.
 int PrepareRuntimeDirectory(std::string* directory, std::string* error);
 
 /// Where clients look for services, in this order.

@@ -128,7 +128,10 @@ ServiceLink ConnectToService(const std::string& path) {
     return link;
   }
   link.connection = Connection::Join(std::move(fd), greeting.address, descriptor, &link.root);
-  if (link.connection == nullptr) link.error = "no memory or no thread for a connection";
+  if (link.connection == nullptr) {
+    link.root = nullptr;
+    link.error = "no memory or no thread for a connection";
+  }
   return link;
 }
 

@@ -17,7 +17,6 @@
 #include "platform/linux/binder_object.h"
 #include "platform/linux/reactor.h"
 #include "platform/linux/runtime_directory.h"
-#include "platform/linux/service_connector.h"
 #include "platform/platform.h"
 
 namespace kvox::binder {
@@ -59,17 +58,6 @@ binder_exception_t LockName(const std::string& path, UniqueFd* lock, std::string
   return EX_ILLEGAL_STATE;
 }
 
-/// Gives a socket its mode, whatever the umask. By a descriptor, so that nothing else gets it that
-/// somebody may have put in its place meanwhile. Answers 0 or errno.
-int SetSocketMode(const std::string& path) {
-  const UniqueFd place(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-  struct stat status;
-  if (!place.valid() || fstat(place.get(), &status) != 0) return errno;
-  if (!S_ISSOCK(status.st_mode)) return ENOTSOCK;
-  const std::string descriptor = "/proc/self/fd/" + std::to_string(place.get());
-  return chmod(descriptor.c_str(), kSocketMode) == 0 ? 0 : errno;
-}
-
 /// A socket at `path`, in place of whatever a dead process left there. It never has more than its
 /// mode, and nobody can connect before it has all of it.
 binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* error) {
@@ -84,7 +72,7 @@ binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* er
   if (fchmod(fd->get(), kSocketMode) != 0 || bind(fd->get(), name, sizeof address) != 0) {
     return Refusal("cannot make the socket " + path, errno, error);
   }
-  if (const int cause = SetSocketMode(path); cause != 0) {
+  if (const int cause = SetMode(path, S_IFSOCK, kSocketMode); cause != 0) {
     return Refusal("cannot give its mode to " + path, cause, error);
   }
   if (listen(fd->get(), kListenBacklog) == 0) return EX_NONE;
@@ -175,12 +163,11 @@ ndk::SpAIBinder ServiceManager::Check(const std::string& name) {
   }
   std::string all_absent;
   for (const std::string& directory : LookupDirectories()) {
-    bool absent = false;
-    std::string error;
-    ndk::SpAIBinder root = CheckPath(SocketPath(directory, name), &absent, &error);
-    if (root.get() != nullptr) return root;
-    if (!absent) {
-      error_of_thread = std::move(error);
+    ServiceLink link = CheckPath(SocketPath(directory, name));
+    denied_of_thread = link.denied;
+    if (link.root.get() != nullptr) return std::move(link.root);
+    if (!link.absent) {
+      error_of_thread = std::move(link.error);
       return nullptr;
     }
     all_absent += (all_absent.empty() ? "" : ", ") + directory;
@@ -191,23 +178,20 @@ ndk::SpAIBinder ServiceManager::Check(const std::string& name) {
   return nullptr;
 }
 
-ndk::SpAIBinder ServiceManager::CheckPath(const std::string& path, bool* absent,
-                                          std::string* error) {
+ServiceLink ServiceManager::CheckPath(const std::string& path) {
   std::shared_ptr<Connection>& connection = connections_[path];
   if (connection != nullptr && connection->open()) {
-    ndk::SpAIBinder root = connection->QueryRoot(Clock::now() + kHandshakeTimeout);
-    if (root.get() != nullptr) return root;
+    ServiceLink link;
+    link.root = connection->QueryRoot(Clock::now() + kHandshakeTimeout);
+    if (link.root.get() != nullptr) return link;
     if (connection->open()) {
-      *error = path + " does not answer; is its process stopped? Try again";
-      return nullptr;
+      link.error = path + " does not answer; is its process stopped? Try again";
+      return link;
     }
   }
   ServiceLink link = ConnectToService(path);
   connection = std::move(link.connection);
-  *absent = link.absent;
-  denied_of_thread = link.denied;
-  *error = std::move(link.error);
-  return connection == nullptr ? nullptr : std::move(link.root);
+  return link;
 }
 
 void ServiceManager::Clear() {

@@ -11,6 +11,7 @@
 #include "kvox/common/unique_fd.h"
 #include "platform/linux/connection.h"
 #include "platform/linux/listener.h"
+#include "platform/linux/service_connector.h"
 
 namespace kvox::binder {
 
@@ -42,8 +43,7 @@ class ServiceManager {
   /// `root` becomes the object that it replaces, for the caller to drop without the lock.
   binder_exception_t Publish(const std::string& name, ndk::SpAIBinder* root, std::string* error)
       REQUIRES(mutex_);
-  ndk::SpAIBinder CheckPath(const std::string& path, bool* absent, std::string* error)
-      REQUIRES(mutex_);
+  ServiceLink CheckPath(const std::string& path) REQUIRES(mutex_);
 
   // Held while a service is connected to, which takes the handshake time at most.
   Mutex mutex_;

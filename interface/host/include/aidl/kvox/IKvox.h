@@ -26,7 +26,6 @@
 
 /// What every parcelable has beside its fields, whose names these are.
 #define KVOX_PARCELABLE(Type, ...)                                                     \
-  typedef std::false_type fixed_size;                                                  \
   static inline const char* descriptor = "kvox.IKvox." #Type;                          \
   static const ::ndk::parcelable_stability_t _aidl_stability = ::ndk::STABILITY_VINTF; \
   static constexpr const char* _field_names = #__VA_ARGS__;                            \
@@ -119,7 +118,6 @@ class IKvox : public ::ndk::ICInterface {
     using Value = std::variant<int32_t, float, std::vector<float>>;
 
    public:
-    typedef std::false_type fixed_size;
     static inline const char* descriptor = "kvox.IKvox.ParamValue";
     static const ::ndk::parcelable_stability_t _aidl_stability = ::ndk::STABILITY_VINTF;
 
