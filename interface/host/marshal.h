@@ -1,8 +1,8 @@
-// Turns a method's signature into its request and reply, and a parcelable's fields into bytes.
+// Derives request and reply from a method's signature, and bytes from a parcelable's fields.
 //
-// A pointer among a method's parameters is an out argument, and the last pointer is its result. The
-// request holds the other arguments in order; the reply holds the status, the result, and then the
-// out arguments in order.
+// A pointer among a method's parameters is an out argument, the last pointer is its result. The
+// request holds the other arguments in order; the reply holds the status, the result, then the
+// other out arguments in order.
 #pragma once
 
 #include <android/binder_interface_utils.h>
@@ -113,7 +113,7 @@ struct Marshal<method> {
   }
 };
 
-/// The fields behind a word that counts the bytes of both.
+/// The size in bytes, including this word, then the fields.
 template <typename... Fields>
 binder_status_t WriteFields(AParcel* parcel, const std::tuple<const Fields&...>& fields) {
   const int32_t start = AParcel_getDataPosition(parcel);
@@ -130,8 +130,7 @@ binder_status_t WriteFields(AParcel* parcel, const std::tuple<const Fields&...>&
   return status;
 }
 
-/// Fields that an older sender does not know keep their values; those that only a newer one knows
-/// are passed over.
+/// Fields that an older sender does not know keep their values; those of a newer one are skipped.
 template <typename... Fields>
 binder_status_t ReadFields(const AParcel* parcel, const std::tuple<Fields&...>& fields) {
   const int32_t start = AParcel_getDataPosition(parcel);
@@ -147,7 +146,7 @@ binder_status_t ReadFields(const AParcel* parcel, const std::tuple<Fields&...>& 
   return status == STATUS_OK ? AParcel_setDataPosition(parcel, start + size) : status;
 }
 
-/// "Type{name: value, ...}", with the names as one text.
+/// "Type{name: value, ...}"; `names` is "name, ...".
 template <typename... Fields>
 std::string FieldsToString(const char* type, std::string_view names,
                            const std::tuple<const Fields&...>& fields) {

@@ -1,6 +1,5 @@
-// Audio whose channels stand in runs: n samples of the first channel, then n of the second, and so
-// on; then the next such group. Interleaved audio is the case n = 1. Pure. RT: nothing here
-// allocates, locks or logs.
+// Audio in groups of channel runs: n samples of the first channel, then n of the second, and so on.
+// Interleaved audio has n = 1. RT: nothing here allocates, locks or logs.
 #pragma once
 
 #include <cstddef>
@@ -15,13 +14,12 @@ struct ChannelRuns {
   size_t samples;           // of one channel in its run
   size_t bytes_per_sample;  // of one sample of one channel
 
-  /// Wide enough for whatever a packet's header may say.
+  /// In bytes; wide enough for anything that a packet's header can hold.
   uint64_t GroupSize() const { return uint64_t{channels} * samples * bytes_per_sample; }
 };
 
-/// Writes the whole groups of `in` to the same place of `out`, interleaved. Answers how many bytes
-/// that were; of what stands behind them in `in`, less than a group, nothing is written. `out` is
-/// as long as `in` at least and does not overlap it.
+/// Interleaves the whole groups of `in` into `out` and returns their size in bytes. An incomplete
+/// last group is not written. `out` is at least as long as `in` and does not overlap it.
 size_t InterleaveRuns(std::span<const std::byte> in, const ChannelRuns& runs,
                       std::span<std::byte> out);
 

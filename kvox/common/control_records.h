@@ -1,5 +1,5 @@
 // Records of the control channel: every command and its reply are one record of the same size that
-// begins with CMD_HDR. Little-endian throughout; docs/protocol.md has the byte tables. Daemon,
+// starts with CMD_HDR. Little-endian throughout; docs/protocol.md has the byte tables. Daemon,
 // simulator and tests share this header.
 #pragma once
 
@@ -21,7 +21,7 @@ enum ControlOpcode : uint16_t {
   CMD_KVOX_TAP_SET_JITTER_BUFFER_ID = 0xCF,
 };
 
-/// A buffer id that stands for "no buffer".
+/// As a buffer id: no buffer.
 inline constexpr uint8_t kNoBuffer = 0xFF;
 
 #pragma pack(push, 1)
@@ -71,7 +71,7 @@ struct TapListRecord {
   Entry entries[kTapListPageEntries];
 };
 
-/// What the co-processor tells about a tap point: the first 20 bytes of a KvoxTapPointState.
+/// The state of a tap point: the first 20 bytes of a KvoxTapPointState.
 struct TapInfoState {
   uint32_t tap = 0;
   uint8_t index = 0;

@@ -1,10 +1,10 @@
-// Names of the co-processor's nodes in the device directory. What a phone's device manager and
-// policy say of them is in android/.
+// Names of the co-processor's nodes in the device directory. A phone's device manager and policy
+// have theirs in android/.
 #pragma once
 
 namespace kvox {
 
-/// Only has to exist: tells that there is a co-processor.
+/// Shows that there is a co-processor; never opened.
 inline constexpr char kMarkerDevice[] = "kvo";
 inline constexpr char kControlDevice[] = "xdv-kvox_control";
 /// Followed by the buffer's number.

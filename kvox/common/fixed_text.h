@@ -1,5 +1,5 @@
-// Text of limited size, as the system's messages have it: a line is cut where its buffer ends, and
-// a line that leaves the process is valid UTF-8.
+// Text of limited size: messages are truncated to their buffer, and those that leave the process
+// are valid UTF-8.
 #pragma once
 
 #include <cstdarg>
@@ -10,7 +10,7 @@
 
 namespace kvox {
 
-/// printf into a buffer of `Size` bytes: at most Size - 1 characters come back.
+/// printf into a buffer of `Size` bytes: returns at most Size - 1 characters.
 template <size_t Size>
 [[gnu::format(printf, 1, 2)]] std::string FormatText(const char* format, ...) {
   char text[Size];

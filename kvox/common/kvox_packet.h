@@ -1,5 +1,5 @@
-// The unit on every data device: a 64-byte header and the audio block behind it. The byte table is
-// in docs/protocol.md; daemon, simulator and tests share this header.
+// The unit on every data device: a 64-byte header, then the audio block. docs/protocol.md has the
+// byte table; daemon, simulator and tests share this header.
 #pragma once
 
 #include <bit>

@@ -13,7 +13,7 @@ inline constexpr uint32_t kNoSampleSizeCode = 0xFFFFFFFF;
 /// 192000; kNoSampleRateCode for any other rate, however close.
 uint8_t SampleRateToEnum(unsigned int rate);
 
-/// The sample rate that a code stands for; 0 for no code.
+/// The sample rate in Hz of a code; 0 for no code.
 unsigned int SampleRateOfCode(uint8_t code);
 
 /// Code of a sample size in bits: 0 to 3 for 8, 16, 24 and 32, else kNoSampleSizeCode.
@@ -23,11 +23,11 @@ uint32_t BitsPerSampleToEnum(unsigned int bits);
 /// precision, so exact up to 104 days of uptime and rounded beyond.
 uint64_t GetTimestampNs();
 
-/// The priority that SetThreadRealtimePriority() asks for.
+/// The priority that SetThreadRealtimePriority() requests.
 int RealtimePriority();
 
-/// Puts the calling thread under SCHED_FIFO at its highest priority. Answers 0, or the scheduler
-/// call's result after logging it; the thread then goes on as it was.
+/// Puts the calling thread under SCHED_FIFO at its highest priority. Returns 0, or the system
+/// call's result, which it logs; the thread's scheduling is then unchanged.
 int SetThreadRealtimePriority();
 
 /// Names the calling thread for debuggers and /proc (at most 15 characters are kept).

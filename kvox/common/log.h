@@ -1,13 +1,13 @@
 // The daemon's log: Android's log under the tag "kvox". A thread that must not wait for the log
-// library sends its lines elsewhere for as long as it runs (ScopedThreadLog); tests read what the
-// whole process logs (ScopedProcessLog).
+// library redirects its lines (ScopedThreadLog); tests redirect those of the whole process
+// (ScopedProcessLog).
 #pragma once
 
 namespace kvox {
 
 enum class LogPriority : int { kInfo = 4, kWarning = 5, kError = 6 };
 
-/// Longest line, its NUL included; longer ones are cut, as the log library would.
+/// Longest line including its NUL; longer ones are truncated, as by the log library.
 inline constexpr int kLogLineSize = 1024;
 
 /// Takes finished lines. Any thread may call.
@@ -16,7 +16,7 @@ class LogTarget {
   virtual ~LogTarget() = default;
   virtual void Write(LogPriority priority, const char* tag, const char* line) = 0;
 
-  /// Waits, a fifth of a second at most, until what was written so far is where it belongs.
+  /// Waits until all lines so far have reached the log, 200 ms at most.
   virtual void Flush() {}
 };
 

@@ -10,7 +10,7 @@
 namespace kvox {
 namespace {
 
-/// A log that blocks for longer must not hold up whoever disables a buffer.
+/// A log that blocks longer must not delay disabling a buffer.
 constexpr auto kFlushPatience = std::chrono::milliseconds(200);
 
 template <size_t Size>
@@ -87,8 +87,8 @@ void DeferredLog::Write(LogPriority priority, const char* tag, const char* line)
 void DeferredLog::Flush() {
   const uint64_t wanted = ring_.pushed();
   const auto deadline = std::chrono::steady_clock::now() + kFlushPatience;
-  MutexLock lock(passed_on_mutex_);
-  while (passed_on_ < wanted && passed_on_changed_.WaitUntil(passed_on_mutex_, deadline)) {
+  MutexLock lock(drained_mutex_);
+  while (drained_ < wanted && drained_changed_.WaitUntil(drained_mutex_, deadline)) {
   }
 }
 
@@ -96,20 +96,20 @@ void DeferredLog::Run() {
   SetThreadName("kvox-log");
   for (;;) {
     const uint32_t seen = wakeups_.load(std::memory_order_acquire);
-    PassOn();
+    Drain();
     if (stopping_.load(std::memory_order_relaxed)) break;
     wakeups_.wait(seen, std::memory_order_acquire);
   }
-  PassOn();
+  Drain();
 }
 
-void DeferredLog::PassOn() {
+void DeferredLog::Drain() {
   LogRing::Line line;
   while (ring_.Pop(line)) {
     destination_.Write(line.priority, line.tag.data(), line.text.data());
-    MutexLock lock(passed_on_mutex_);
-    ++passed_on_;
-    passed_on_changed_.NotifyAll();
+    MutexLock lock(drained_mutex_);
+    ++drained_;
+    drained_changed_.NotifyAll();
   }
   if (const uint32_t losses = ring_.TakeLosses(); losses > 0) {
     const std::string report = FormatText<96>(

@@ -1,6 +1,6 @@
-// Log lines of threads that must never wait: a bounded ring takes them, one log thread passes them
-// on to the log library, which may block. Lines that find the ring full are lost, counted and
-// reported in one line.
+// Log lines of threads that must never wait: they go into a bounded ring, from which one log thread
+// writes them to the log library, which may block. Lines that find the ring full are lost, counted
+// and reported in one line.
 #pragma once
 
 #include <array>
@@ -14,7 +14,7 @@
 
 namespace kvox {
 
-/// Lines longer than this, NUL included, are cut in the ring.
+/// Longer lines, NUL included, are truncated in the ring.
 inline constexpr size_t kLogRingLineSize = 240;
 
 /// Bounded queue of lines, many writers, one reader, without locks.
@@ -33,7 +33,7 @@ class LogRing {
   /// RT: puts a line in; false when the ring is full, which counts a loss. Any thread.
   bool Push(LogPriority priority, const char* tag, const char* text);
 
-  /// How many lines were put in since the beginning. Any thread.
+  /// How many lines were put in so far. Any thread.
   uint64_t pushed() const { return tail_.load(std::memory_order_relaxed); }
 
   /// Takes the oldest line out; false when there is none. One thread at a time.
@@ -54,8 +54,8 @@ class LogRing {
   std::atomic<uint32_t> losses_ = 0;
 };
 
-/// A LogTarget for real-time threads: its Write neither waits nor does I/O beyond waking the log
-/// thread. Owns the log thread; the destructor passes on what is still in the ring and joins it.
+/// A LogTarget for real-time threads: Write neither waits nor does I/O beyond waking the log
+/// thread. Owns the log thread; the destructor drains the ring and joins it.
 class DeferredLog : public LogTarget {
  public:
   explicit DeferredLog(LogTarget& destination);
@@ -64,20 +64,20 @@ class DeferredLog : public LogTarget {
   /// RT. Any thread.
   void Write(LogPriority priority, const char* tag, const char* line) override;
 
-  /// Not RT. The calling thread must be in step with the writers, as after joining them.
+  /// Not RT. The caller is synchronised with the writers, as after joining them.
   void Flush() override;
 
  private:
   void Run();
-  void PassOn();
+  void Drain();
 
   LogTarget& destination_;
   LogRing ring_;
   std::atomic<uint32_t> wakeups_ = 0;
   std::atomic<bool> stopping_ = false;
-  Mutex passed_on_mutex_;  // a leaf lock; never taken by Write
-  CondVar passed_on_changed_;
-  uint64_t passed_on_ GUARDED_BY(passed_on_mutex_) = 0;  // lines since the beginning
+  Mutex drained_mutex_;  // a leaf lock; never taken by Write
+  CondVar drained_changed_;
+  uint64_t drained_ GUARDED_BY(drained_mutex_) = 0;  // lines since the beginning
   std::thread thread_;
 };
 

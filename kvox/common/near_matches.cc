@@ -37,7 +37,7 @@ size_t EditDistance(std::string_view a, std::string_view b) {
 std::vector<std::string> NearMatches(const std::string& word,
                                      const std::vector<std::string>& names) {
   constexpr size_t kMost = 3;
-  constexpr size_t kLongest = 64;  // a longer word resembles nothing
+  constexpr size_t kLongest = 64;  // longer words have no suggestions
   if (word.empty() || word.size() > kLongest) return {};
   std::vector<std::pair<size_t, std::string>> near;
   for (const std::string& name : names) {

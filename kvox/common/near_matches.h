@@ -1,4 +1,4 @@
-// What somebody may have meant. Pure.
+// Suggestions for misspelt words.
 #pragma once
 
 #include <string>
@@ -7,15 +7,14 @@
 
 namespace kvox {
 
-/// How many letters have to be inserted, deleted or replaced to make one of the other; case counts
-/// for nothing.
+/// How many letters to insert, delete or replace to turn one into the other, ignoring case.
 size_t EditDistance(std::string_view a, std::string_view b);
 
 /// Up to three of `names` that resemble `word` or begin with it, nearest first.
 std::vector<std::string> NearMatches(const std::string& word,
                                      const std::vector<std::string>& names);
 
-/// "did you mean 'A' or 'B'?", "" where nothing resembles `word`.
+/// "did you mean 'A' or 'B'?", or "" when nothing resembles `word`.
 std::string DidYouMean(const std::string& word, const std::vector<std::string>& names);
 
 /// "there is no WHAT 'WORD'; did you mean 'A' or 'B'? HINT"

@@ -1,5 +1,4 @@
-// The header of a WAV file with one block of samples behind it. The byte table is in
-// docs/protocol.md.
+// The header of a WAV file with one block of samples. docs/protocol.md has the byte table.
 #pragma once
 
 #include <bit>
@@ -19,15 +18,15 @@ enum class WavFormat_t : uint16_t { kPcm = 1, kFloat = 3, kMulaw = 7 };
 /// The canonical 44 bytes: RIFF, format and data chunk.
 struct WavHeader {
   char riff[4];
-  uint32_t riff_size;  // of the file behind this field
+  uint32_t riff_size;  // of the rest of the file
   char wave[4];
   char fmt[4];
   uint32_t fmt_size;
   WavFormat_t format;
   uint16_t channels;
   uint32_t sample_rate;  // Hz
-  uint32_t byte_rate;    // bytes of a second
-  uint16_t block_align;  // bytes of a frame
+  uint32_t byte_rate;    // bytes per second
+  uint16_t block_align;  // bytes per frame
   uint16_t bits_per_sample;
   char data[4];
   uint32_t data_size;  // bytes of samples

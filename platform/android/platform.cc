@@ -1,5 +1,5 @@
-// On a phone the platform itself does what platform/linux does for a host: binder, log and wake
-// locks come from its libraries, and the device manager makes the nodes in /dev.
+// On a phone, binder, log and wake locks come from the platform's own libraries, and the device
+// manager creates the nodes in /dev.
 #include "platform/platform.h"
 
 namespace kvox {
@@ -19,10 +19,10 @@ const std::string& DeviceDirectory() {
   return *directory;
 }
 
-/// The suspend service drops the locks of a process that ends.
+/// The suspend service releases the locks of a process that ends.
 void ReleaseStaleWakeLock(const char*, const char*) {}
 
-/// The service manager answers with a code at most.
+/// The service manager gives no more than a code.
 const std::string& ServiceError() {
   static const auto* const text = new std::string(
       "the service manager does not offer kvoxd's service to this process; see whether kvoxd runs "

@@ -20,7 +20,7 @@ size_t SizeOf(const Channel::Parts& parts) {
 }  // namespace
 
 bool Channel::Open(event_base* base, UniqueFd fd, size_t first_bytes) {
-  // Callbacks come later and without libevent's lock, so that they may take ours.
+  // Callbacks are deferred and run without libevent's lock, so that they may take ours.
   constexpr int kOptions = BEV_OPT_CLOSE_ON_FREE | BEV_OPT_THREADSAFE | BEV_OPT_DEFER_CALLBACKS |
                            BEV_OPT_UNLOCK_CALLBACKS;
   bufferevent* stream = bufferevent_socket_new(base, fd.get(), kOptions);
@@ -35,10 +35,10 @@ bool Channel::Open(event_base* base, UniqueFd fd, size_t first_bytes) {
   bufferevent_set_timeouts(stream, &handshake, nullptr);
   MutexLock lock(mutex_);
   stream_ = stream;
-  return bufferevent_enable(stream, EV_READ) == 0;  // for writing it is from the start
+  return bufferevent_enable(stream, EV_READ) == 0;  // writing is enabled from the start
 }
 
-void Channel::Greeted() {
+void Channel::EndHandshake() {
   MutexLock lock(mutex_);
   if (stream_ != nullptr) bufferevent_set_timeouts(stream_, nullptr, nullptr);
 }
@@ -47,8 +47,8 @@ bool Channel::Send(Parts parts) {
   MutexLock lock(mutex_);
   if (stream_ == nullptr || aborted_) return false;
   size_t sent = 0;
-  // What is queued leaves the queue only after it was written, and only under our lock is anything
-  // added: an empty queue means that it is our turn.
+  // Bytes leave the queue only after they were written, and are added only under our lock: if it is
+  // empty, nothing is ahead of us.
   if (evbuffer_get_length(bufferevent_get_output(stream_)) == 0) {
     msghdr message{};
     message.msg_iov = parts.data();
@@ -91,7 +91,7 @@ bool Channel::UpdateReadingLocked() {
   if (wanted == std::exchange(reading_, wanted)) return wanted;
   if (wanted) {
     bufferevent_enable(stream_, EV_READ);
-    // There may be whole frames in the buffer already, for which nothing else would wake us.
+    // The buffer may hold whole frames already, for which there is no other event.
     bufferevent_trigger(stream_, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);
   } else {
     bufferevent_disable(stream_, EV_READ);
@@ -128,7 +128,7 @@ void Channel::OnReadable(bufferevent* stream, void* channel) {
   }
   MutexLock lock(self->mutex_);
   if (!self->reading_ || self->aborted_ || evbuffer_get_length(input) < needed) return;
-  bufferevent_trigger(stream, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);  // later, not from here
+  bufferevent_trigger(stream, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);  // deferred
 }
 
 void Channel::OnDrained(bufferevent* stream, void* channel) {

@@ -1,5 +1,5 @@
-// The byte stream of one connection. Any thread writes: straight to the socket as long as it takes
-// everything, else the rest goes to the reactor. Only the reactor reads.
+// The byte stream of one connection. Any thread writes: to the socket directly while it takes
+// everything, the rest through the reactor. Only the reactor reads.
 #pragma once
 
 #include <event2/bufferevent.h>
@@ -14,18 +14,18 @@
 
 namespace kvox::binder {
 
-/// What a channel asks of its owner. The first two run on the reactor under no lock, the others
-/// under the channel's.
+/// The channel's owner. The first two functions run on the reactor under no lock, the others under
+/// the channel's.
 class ChannelOwner {
  public:
-  /// Takes what it can from the front of `input`, or a part of it: then it is called again after
-  /// the others had their turn. Answers how many bytes it must hold for the next call to be of use,
-  /// or 0 when the channel was closed.
+  /// Takes what it can from the front of `input`, or some of it: then it is called again after
+  /// other connections. Returns how many bytes the next call needs at least, or 0 when it closed
+  /// the channel.
   virtual size_t OnInput(evbuffer* input) = 0;
   /// The peer is gone, or sending failed. The owner closes the channel.
   virtual void OnBroken() = 0;
   virtual bool WantsInput() const = 0;
-  /// So many bytes wait for the peer to read. WantsInput is asked again afterwards.
+  /// The peer leaves so many bytes unread. WantsInput is called afterwards.
   virtual void OnUnsent(size_t bytes) = 0;
 
  protected:
@@ -38,17 +38,17 @@ class Channel {
 
   explicit Channel(ChannelOwner& owner) : owner_(owner) {}
 
-  /// Begins to read, and calls the owner once there are `first_bytes`; without them within the
-  /// handshake time the channel breaks. False when memory is short.
+  /// Starts to read; calls the owner once there are `first_bytes`. The channel breaks without them
+  /// at the end of the handshake time. False when memory is short.
   bool Open(event_base* base, UniqueFd fd, size_t first_bytes);
-  /// The handshake is over: silence is no failure any more.
-  void Greeted();
-  /// Sends the parts one behind the other, without waiting. False when the channel is closed or
+  /// Ends the handshake's timeout.
+  void EndHandshake();
+  /// Sends the parts one after the other, without waiting. False when the channel is closed, or
   /// breaks because of it.
   bool Send(Parts parts);
-  /// Reads, or stops reading, as the owner wants. Answers which.
+  /// Starts or stops reading as the owner wants. Returns whether it reads.
   bool UpdateReading();
-  /// Reactor only, or when it has ended: no function of the owner is called any more.
+  /// On the reactor, or when that has ended: no function of the owner is called any more.
   void Close();
   bool open() const;
 

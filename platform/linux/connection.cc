@@ -19,7 +19,7 @@ namespace kvox::binder {
 namespace {
 
 /// Dropping a parcel may drop the last reference to an object, whose code the reactor must not run.
-/// Its bytes go at once: nobody knows when a pool thread is free.
+/// Its bytes are freed at once: it may be long until a pool thread is free.
 void DropOnPool(std::unique_ptr<AParcel> parcel) {
   if (parcel == nullptr || parcel->objects().empty()) return;
   parcel->DropBytes();
@@ -45,7 +45,7 @@ const char* CheckHeader(const FrameHeader& header) {
   return "a frame of unknown type";
 }
 
-/// Gives free memory back to the system once the last of a connection's is free.
+/// Returns free memory to the system once all of a connection's memory is free.
 void TrimSoon() {
   static std::atomic<bool> pending = false;
   if (pending.exchange(true)) return;
@@ -89,10 +89,10 @@ bool Connection::Open(UniqueFd fd, size_t first_bytes) {
   event_base* base = Reactor::Get().Start();
   if (base != nullptr) Reactor::Get().Keep(Self());
   if (base == nullptr || !channel_.Open(base, std::move(fd), first_bytes)) {
-    Close();  // nothing else runs that could
+    Close();  // no callback will do it
     return false;
   }
-  if (greeted_) channel_.Greeted();
+  if (greeted_) channel_.EndHandshake();
   return true;
 }
 
@@ -116,7 +116,7 @@ binder_status_t Connection::Transact(uint64_t id, transaction_code_t code, AParc
   }
   std::future<Reply> call = calls_.Add(&header.call);
   if (!Send(header, in, object_list) && calls_.Abandon(header.call)) return STATUS_DEAD_OBJECT;
-  // The reply may lie behind requests that wait for the thread we are on.
+  // The reply may be queued behind requests that wait for this very thread.
   if (ThreadPool::Get().Paused(*this)) channel_.UpdateReading();
   Reply reply = call.get();
   if (reply.status == STATUS_OK) *out = std::move(reply.parcel);
@@ -183,7 +183,7 @@ void Connection::Serve(Request request) {
 }
 
 size_t Connection::OnInput(evbuffer* input) {
-  const auto self = Self();  // closing drops the reactor's reference
+  const auto self = Self();  // Close drops the reactor's reference
   if (const char* fault = TakeGreeting(input)) {
     Close(fault);
     return 0;
@@ -197,7 +197,7 @@ size_t Connection::OnInput(evbuffer* input) {
     evbuffer_copyout(input, &header, sizeof header);
     const char* fault = CheckHeader(header);
     if (fault == nullptr && size < header.FrameSize()) return header.FrameSize();
-    // It is read on for the sake of a reply alone; answers to questions would only add up.
+    // It is only read to get at a reply; replies of ours would pile up.
     if (paused && header.type == FrameType::kRootRequest && ThreadPool::Get().Blocked(*this)) {
       fault = "questions, and does not read the answers";
     }
@@ -215,7 +215,7 @@ const char* Connection::TakeGreeting(evbuffer* input) {
   if (greeted_ || evbuffer_get_length(input) < sizeof greeting) return nullptr;
   evbuffer_remove(input, &greeting, sizeof greeting);
   greeted_ = true;
-  channel_.Greeted();
+  channel_.EndHandshake();
   if (greeting.magic != kTransportMagic) return "a foreign greeting";
   return greeting.version == kTransportVersion ? nullptr : "a greeting of another version";
 }
@@ -289,9 +289,9 @@ void Connection::Close(const char* fault) {
   orphans->requests = ThreadPool::Get().Clear(*this);
   for (Request& request : orphans->requests) request.parcel->DropBytes();
   for (const auto& proxy : orphans->objects.proxies) proxy.get()->AsRemote()->Die();
-  // The log may block as well, which the reactor must not. The port holds the service, which may
-  // hold proxies of this connection. The peer keeps its place until all of this has gone: one that
-  // connects and goes again and again would else fill the memory while the threads are busy.
+  // On the pool, as the log may block too. The port holds the service, which may hold proxies of
+  // this connection. The peer counts as connected until all of this is freed: otherwise one that
+  // connects again and again would fill the memory while the threads are busy.
   ThreadPool::Get().Post(
       [held = std::move(orphans), fault, peer = peer_, port = std::exchange(port_, nullptr)] {
         if (fault != nullptr) LogDisconnect(peer, fault);

@@ -1,8 +1,8 @@
-// One connection between two processes. Both ends are alike: either calls objects of the other.
-// They differ in the greeting alone.
+// One connection between two processes. Both ends are alike, except for the greeting: either calls
+// objects of the other.
 //
-// Locks, in this order, each for itself: the channel's, then the pool's or the call table's. The
-// object table's is taken with none of them, and no code of an object's runs under any.
+// Locks, in this order: the channel's, then the pool's or the call table's. The object table's is
+// taken under none of them, and no code of an object runs under any.
 #pragma once
 
 #include <chrono>
@@ -19,13 +19,13 @@
 
 namespace kvox::binder {
 
-/// Kept by the reactor until it is closed, and by the proxies of the peer's objects.
+/// Owned by the reactor until it is closed, and by the proxies of the peer's objects.
 class Connection final : public RequestQueue, private ChannelOwner {
  public:
   /// The service's end: greets the client with the port's object. The port has admitted `peer`.
   static void Accept(UniqueFd fd, const Credentials& peer, std::shared_ptr<ServicePort> port);
-  /// The client's end, after the service's greeting. `root` is the service's object. Null when the
-  /// system refuses.
+  /// The client's end, after the service's greeting. Sets `root` to the service's object. Null when
+  /// the system refuses.
   static std::shared_ptr<Connection> Join(UniqueFd fd, uint64_t root_address,
                                           std::string_view descriptor, ndk::SpAIBinder* root);
 
@@ -34,15 +34,15 @@ class Connection final : public RequestQueue, private ChannelOwner {
   /// Calls the peer's object `id`.
   binder_status_t Transact(uint64_t id, transaction_code_t code, AParcel& in, binder_flags_t flags,
                            std::unique_ptr<AParcel>* out);
-  /// The service's present object; null when it does not answer in time.
+  /// The service's current object; null when there is no reply in time.
   ndk::SpAIBinder QueryRoot(std::chrono::steady_clock::time_point deadline);
   /// The last reference to a proxy is gone.
   void Forget(const RemoteObject& proxy);
 
   bool open() const { return channel_.open(); }
-  /// Ends every call with STATUS_DEAD_OBJECT, and has a pool thread report the deaths and drop the
-  /// objects. On the reactor, or when that has ended. `fault` is what the peer did wrong, if it
-  /// did.
+  /// Ends every call with STATUS_DEAD_OBJECT; a pool thread reports the deaths and drops the
+  /// objects. `fault` is what the peer did wrong, if anything. On the reactor, or when that has
+  /// ended.
   void Close(const char* fault = nullptr);
 
  private:
@@ -63,7 +63,7 @@ class Connection final : public RequestQueue, private ChannelOwner {
   bool WantsInput() const override;
   void OnUnsent(size_t bytes) override;
 
-  /// Each answers what is wrong, or null.
+  /// These return what is wrong, or null.
   const char* TakeGreeting(evbuffer* input);
   const char* TakeFrame(const FrameHeader& header, evbuffer* input);
   const char* TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel);

@@ -1,5 +1,5 @@
-// The bytes between two processes: one greeting each way, then frames. The tables of
-// docs/transport.md as structs; all words are little-endian.
+// The bytes between two processes: one greeting each way, then frames. docs/transport.md has them
+// as tables; all words are little-endian.
 #pragma once
 
 #include <bit>
@@ -10,12 +10,12 @@
 
 namespace kvox::binder {
 
-static_assert(std::endian::native == std::endian::little, "frames are sent as they lie in memory");
+static_assert(std::endian::native == std::endian::little, "frames are sent as they are in memory");
 
 inline constexpr uint32_t kTransportMagic = 0x78766b62;  // "bkvx"
 inline constexpr uint32_t kTransportVersion = 1;
 
-/// A reference's address names an object of the one who sends it, or of the one who receives it.
+/// In an address: the object is the receiver's, not the sender's.
 inline constexpr uint64_t kReceiversObject = 1;
 
 enum class AdmitResult : uint32_t {
@@ -44,7 +44,7 @@ static_assert(sizeof(ServiceGreeting) == 24 && offsetof(ServiceGreeting, address
 
 enum class FrameType : uint32_t { kRequest = 1, kReply = 2, kRelease = 3, kRootRequest = 4 };
 
-/// Every frame begins with this; fields that its type does not use are 0.
+/// Every frame starts with this; fields that its type does not use are 0.
 struct FrameHeader {
   FrameType type = FrameType::kRequest;
   uint32_t code = 0;              // request: transaction code; reply: status
@@ -54,7 +54,7 @@ struct FrameHeader {
   uint32_t flags = 0;             // request: FLAG_ONEWAY or 0
   uint32_t object_count = 0;      // request, reply: entries of the object list
   uint32_t parcel_size = 0;       // request, reply: bytes of the parcel, which comes first
-  uint32_t object_list_size = 0;  // request, reply: bytes of the object list behind it
+  uint32_t object_list_size = 0;  // request, reply: bytes of the object list after it
 
   size_t FrameSize() const { return sizeof(FrameHeader) + parcel_size + object_list_size; }
 };

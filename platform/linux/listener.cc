@@ -31,8 +31,8 @@ Listener::Listener(UniqueFd socket, std::shared_ptr<ServicePort> port)
     : socket_(std::move(socket)), port_(std::move(port)) {}
 
 Listener::~Listener() {
-  // Deleting an event waits for its callback. One that did not see the flag yet may add the other
-  // event, and that one's callback the first again, but no more than that.
+  // Deleting an event waits for its callback. A callback that has not seen the flag may still add
+  // the other event, whose callback may add the first one again, but that is all.
   stopping_ = true;
   if (readable_ != nullptr) event_del(readable_);
   if (pause_ != nullptr) event_free(pause_);
@@ -55,7 +55,7 @@ void Listener::OnPauseOver(int, short, void* listener) {
 }
 
 void Listener::AcceptAll() {
-  // Who is left is accepted after the others had their turn.
+  // The rest are accepted after other events.
   for (int i = 0; i < kMaxAcceptsAtOnce; ++i) {
     UniqueFd client(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client.valid()) {
@@ -71,7 +71,7 @@ void Listener::AcceptAll() {
     const int error = errno;
     if (error == EINTR || error == ECONNABORTED) continue;
     if (error == EAGAIN) return;
-    // Out of descriptors or memory: the client stays in the queue, and asking on would spin.
+    // Out of descriptors or memory: the client stays in the queue, so trying on would spin.
     if (stopping_) return;
     event_del(readable_);
     event_add(pause_, &kPause);

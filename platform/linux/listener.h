@@ -11,7 +11,8 @@
 
 namespace kvox::binder {
 
-/// Accepts on the reactor for as long as it lives. Ends before the reactor does, on another thread.
+/// Accepts on the reactor as long as it lives. Destroyed before the reactor ends, on another
+/// thread.
 class Listener {
  public:
   Listener(UniqueFd socket, std::shared_ptr<ServicePort> port);

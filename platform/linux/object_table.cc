@@ -24,14 +24,14 @@ void AppendEntry(uint32_t position, std::string_view descriptor, std::vector<uin
   list->resize(PaddedSize(static_cast<uint32_t>(list->size())));
 }
 
-/// One entry of an object list with its reference, as far as they fit together.
+/// One entry of an object list and its reference in the parcel.
 struct Reference {
   uint32_t position;
   uint64_t address;
   std::string_view descriptor;
 };
 
-/// Cuts the next entry off `list`. False when it or its reference is malformed.
+/// Removes the first entry from `list`. False when it or its reference is malformed.
 bool NextReference(std::span<const uint8_t> parcel, uint32_t first_position,
                    std::span<const uint8_t>* list, Reference* reference) {
   ObjectEntry entry;

@@ -1,5 +1,5 @@
-// A parcel's bytes, and the objects that its references stand for. References have no address until
-// the parcel is sent; one that was received has its objects resolved already.
+// A parcel's bytes, and the objects that its references refer to. References get their addresses
+// when the parcel is sent; in a received parcel, the objects are already resolved.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -57,12 +57,12 @@ struct AParcel {
     return STATUS_OK;
   }
 
-  /// Keeps the objects alone.
+  /// Drops all but the objects.
   void DropBytes() {
-    std::vector<uint8_t>().swap(data_);  // an assignment would keep the room
+    std::vector<uint8_t>().swap(data_);  // assignment would keep the capacity
     position_ = 0;
   }
-  /// Notes that the reference at `position` stands for `binder`.
+  /// The reference at `position` refers to `binder`.
   void AddObject(uint32_t position, ndk::SpAIBinder binder);
   /// The object of the reference at `position`, null when there is none.
   AIBinder* FindObject(size_t position) const;
@@ -78,9 +78,9 @@ struct AParcel {
 
 namespace kvox::binder {
 
-/// The text that begins every request.
+/// The text at the start of every request.
 binder_status_t WriteInterfaceToken(AParcel& parcel, const char* descriptor);
-/// STATUS_BAD_TYPE when the parcel does not begin with it.
+/// STATUS_BAD_TYPE when the parcel does not start with it.
 binder_status_t CheckInterfaceToken(const AParcel& parcel, const char* descriptor);
 
 }  // namespace kvox::binder

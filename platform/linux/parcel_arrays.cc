@@ -1,11 +1,11 @@
-// Arrays in parcels: a count, then the elements; -1 stands for null.
+// Arrays in parcels: a count, then the elements; -1 is a null array.
 #include <cstring>
 
 #include "platform/linux/parcel.h"
 
 namespace {
 
-/// No element that is written by itself is smaller.
+/// No string or parcelable is smaller.
 constexpr size_t kMinElementSize = 4;
 
 binder_status_t WriteCount(AParcel* parcel, const void* array, int32_t length) {

@@ -12,7 +12,7 @@
 namespace kvox::binder {
 namespace {
 
-/// A loop that does not work off all that has happened before it asks what else has.
+/// A loop that polls for new events before it has handled all earlier ones.
 event_base* NewBase() {
   event_config* config = event_config_new();
   if (config == nullptr) return nullptr;
@@ -61,7 +61,7 @@ void Reactor::Stop() {
     thread = std::move(thread_);
   }
   if (base == nullptr) return;
-  // From within the loop: before the thread has entered it, it could not be broken.
+  // From within the loop: a break before the thread enters it would be lost.
   event_base_once(
       base, -1, EV_TIMEOUT,
       [](int, short, void* loop) { event_base_loopbreak(static_cast<event_base*>(loop)); }, base,
@@ -72,7 +72,7 @@ void Reactor::Stop() {
     connections = connections_;
   }
   for (const auto& connection : connections) connection->Close();
-  // libevent frees a stream and closes its socket on the loop.
+  // libevent frees streams and closes their sockets in the loop.
   event_base_loop(base, EVLOOP_NONBLOCK);
   event_base_free(base);
 }
@@ -82,7 +82,7 @@ void Reactor::RunLater(std::chrono::seconds time, void (*function)()) {
   const auto run = [](int, short, void* argument) { reinterpret_cast<void (*)()>(argument)(); };
   MutexLock lock(mutex_);
   if (base_ == nullptr) return;
-  // Without memory for it, it is not done.
+  // Without memory it is skipped.
   event_base_once(base_, -1, EV_TIMEOUT, run, reinterpret_cast<void*>(function), &delay);
 }
 

@@ -14,17 +14,17 @@ namespace kvox::binder {
 
 class Connection;
 
-/// One a process. Any thread, unless it says otherwise.
+/// One per process. Any thread, except where noted.
 class Reactor {
  public:
   static Reactor& Get();
 
-  /// Starts the thread if need be. Null when the system refuses, which the log explains.
+  /// Starts the thread unless it runs. Null when the system refuses, which it logs.
   event_base* Start();
   /// Closes all connections and joins the thread. Not from the reactor.
   void Stop();
 
-  /// Calls `function` on the reactor after that time, unless it has stopped by then.
+  /// Calls `function` on the reactor after `time`, unless the reactor stops first.
   void RunLater(std::chrono::seconds time, void (*function)());
 
   /// Keeps a connection until it is forgotten.

@@ -11,8 +11,8 @@ namespace kvox::binder {
 
 class Connection;
 
-/// Bound to its connection, whose object table knows it under `id` for as long as anyone holds a
-/// strong reference.
+/// Bound to its connection, whose object table has it under `id` as long as there is a strong
+/// reference.
 class RemoteObject final : public AIBinder {
  public:
   RemoteObject(std::shared_ptr<Connection> connection, uint64_t id, std::string descriptor);

@@ -44,7 +44,7 @@ int MakeDirectory(const std::string& path) {
   }
 }
 
-/// Why somebody else could put a socket of his own in the place of ours, or "".
+/// Why another user could replace our socket, or "".
 std::string WhoElseRules(const std::string& path) {
   const auto foreign = [](const struct stat& status) {
     return status.st_uid != 0 && status.st_uid != geteuid();

@@ -1,4 +1,4 @@
-// Where the sockets of services are: the runtime directory, and names in it.
+// Where the sockets of services are.
 #pragma once
 
 #include <sys/types.h>
@@ -13,10 +13,10 @@ namespace kvox::binder {
 /// A directory that the environment names, without slashes at its end; "" when it names none.
 std::string DirectoryVariable(const char* name);
 
-/// Whether a service may bear this name.
+/// Whether a service may have this name.
 bool IsServiceName(const std::string& name);
 
-/// The directory for services of this process, whether it exists or not; empty when the environment
+/// The directory for services of this process, whether or not it exists; "" when the environment
 /// names none.
 std::string RuntimeDirectory();
 
@@ -31,11 +31,11 @@ int PrepareRuntimeDirectory(std::string* directory, std::string* error);
 /// Where clients look for services, in this order.
 std::vector<std::string> LookupDirectories();
 
-/// Paths of a service's socket and lock: '/' of the name turns into ':', which no name has.
+/// Paths of a service's socket and lock: each '/' of the name becomes ':', which no name has.
 std::string SocketPath(const std::string& directory, const std::string& name);
 std::string LockPath(const std::string& directory, const std::string& name);
 
-/// False, with `error` set, for a path that is too long for a socket.
+/// False, with `error` set, when the path is too long for a socket.
 bool MakeAddress(const std::string& path, sockaddr_un* address, std::string* error);
 
 }  // namespace kvox::binder

@@ -10,8 +10,7 @@ namespace kvox::binder {
 
 class Connection;
 
-/// What came of it. Without a connection `error` says why, in words that name the path and the next
-/// step.
+/// Without a connection, `error` names the path, the cause and the next step.
 struct ServiceLink {
   std::shared_ptr<Connection> connection;
   ndk::SpAIBinder root;

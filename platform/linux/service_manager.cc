@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr mode_t kSocketMode = 0660;
-constexpr mode_t kLockMode = 0600;  // whoever can open it can lock it
+constexpr mode_t kLockMode = 0600;  // who can open it can lock it
 
 constexpr Clock::duration kLockPause = std::chrono::milliseconds(10);
 
@@ -36,19 +36,19 @@ binder_exception_t ExceptionFor(int cause) {
   return cause == EACCES || cause == EPERM || cause == EROFS ? EX_SECURITY : EX_ILLEGAL_STATE;
 }
 
-/// Sets `error` to what failed and why; answers the exception for it.
+/// Sets `error` to what failed and why; returns its exception.
 binder_exception_t Refusal(const std::string& what, int cause, std::string* error) {
   *error = what + ": " + std::strerror(cause);
   return ExceptionFor(cause);
 }
 
-/// Locks the service's name for the life of this process.
+/// Locks the service's name as long as this process lives.
 binder_exception_t LockName(const std::string& path, UniqueFd* lock, std::string* error) {
   *lock = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
   if (!lock->valid()) return Refusal("cannot open " + path, errno, error);
   const auto take = [&] { return flock(lock->get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno; };
   int cause = take();
-  if (cause == EWOULDBLOCK) {  // perhaps somebody only asks IsServed() just now
+  if (cause == EWOULDBLOCK) {  // perhaps a process is just testing it with IsServed()
     std::this_thread::sleep_for(kLockPause);
     cause = take();
   }
@@ -58,8 +58,8 @@ binder_exception_t LockName(const std::string& path, UniqueFd* lock, std::string
   return EX_ILLEGAL_STATE;
 }
 
-/// A socket at `path`, in place of whatever a dead process left there. It never has more than its
-/// mode, and nobody can connect before it has all of it.
+/// A socket at `path`, in place of one that a dead process left. It never has more rights than its
+/// mode, and nobody can connect before it has them all.
 binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* error) {
   sockaddr_un address;
   if (!MakeAddress(path, &address, error)) return EX_ILLEGAL_ARGUMENT;

@@ -15,19 +15,19 @@
 
 namespace kvox::binder {
 
-/// Whether a live process, this one included, has the name for its services. Looks at the lock that
-/// goes with it for an instant. True as well when that lock is out of reach.
+/// Whether a live process, this one included, serves the name. Tests the name's lock for an
+/// instant; true when it cannot be tested.
 bool IsServed(const std::string& name);
 
-/// One a process. Any thread; each function leaves its error text for its thread.
+/// One per process. Any thread; each function sets the thread's error text.
 class ServiceManager {
  public:
   static ServiceManager& Get();
 
   binder_exception_t Add(AIBinder* binder, const char* instance);
-  /// Looks once.
+  /// Looks it up once.
   ndk::SpAIBinder Check(const std::string& name);
-  /// Takes all services back and forgets the connections.
+  /// Withdraws all services and drops the connections.
   void Clear();
 
  private:
@@ -40,12 +40,12 @@ class ServiceManager {
 
   ServiceManager() = default;
 
-  /// `root` becomes the object that it replaces, for the caller to drop without the lock.
+  /// Sets `root` to the object that it replaced, for the caller to drop without the lock.
   binder_exception_t Publish(const std::string& name, ndk::SpAIBinder* root, std::string* error)
       REQUIRES(mutex_);
   ServiceLink CheckPath(const std::string& path) REQUIRES(mutex_);
 
-  // Held while a service is connected to, which takes the handshake time at most.
+  // Held while connecting to a service, for the handshake time at most.
   Mutex mutex_;
   std::map<std::string, Service> services_ GUARDED_BY(mutex_);                         // by name
   std::map<std::string, std::shared_ptr<Connection>> connections_ GUARDED_BY(mutex_);  // by path

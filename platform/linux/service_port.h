@@ -23,19 +23,18 @@ class ServicePort {
     MutexLock lock(mutex_);
     return root_;
   }
-  /// Answers the object before, for the caller to drop.
+  /// Returns the previous object, for the caller to drop.
   ndk::SpAIBinder Replace(ndk::SpAIBinder root) {
     MutexLock lock(mutex_);
     return std::exchange(root_, std::move(root));
   }
 
-  /// Counts one more client, unless that would be one too many: of its process, of its user, or of
-  /// all.
+  /// Counts a client, unless its process, its user or all together have as many as they may.
   AdmitResult Admit(const Credentials& client) {
     MutexLock lock(mutex_);
     const auto same_process = [&](const Credentials& other) { return other.pid == client.pid; };
     const auto same_user = [&](const Credentials& other) { return other.uid == client.uid; };
-    // A process outside this one's pid namespace has number 0, like all others there.
+    // All processes outside this one's pid namespace have number 0.
     if (client.pid != 0 &&
         std::ranges::count_if(clients_, same_process) >= kMaxConnectionsOfProcess) {
       return AdmitResult::kTooManyOfProcess;
@@ -47,7 +46,7 @@ class ServicePort {
     clients_.push_back(client);
     return AdmitResult::kAdmitted;
   }
-  /// A client that was admitted is gone.
+  /// An admitted client is gone.
   void Leave(const Credentials& client) {
     MutexLock lock(mutex_);
     const auto found = std::ranges::find(clients_, client);

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// A reader skips the block behind either word; the second stands for EX_NONE.
+/// A block to skip follows either word; the second means EX_NONE.
 constexpr int32_t kNotedHeader = -127;
 constexpr int32_t kReplyHeader = -128;
 
@@ -69,7 +69,7 @@ AStatus* NewException(binder_exception_t exception, int32_t code, const char* me
   return new AStatus{known, code, message == nullptr ? "" : message};
 }
 
-/// Skips a block whose first word counts its bytes, that word included; 0 stands for an empty one.
+/// Skips a block whose first word is its size in bytes, that word included; 0 is an empty one.
 binder_status_t SkipBlock(const AParcel& parcel) {
   int32_t size = 0;
   const binder_status_t status = parcel.Read(&size);
@@ -118,7 +118,7 @@ binder_exception_t KnownException(binder_exception_t exception) {
 }  // namespace kvox::binder
 
 AStatus* AStatus_newOk() {
-  static AStatus* const ok = new AStatus;  // lives for ever: every method answers it
+  static AStatus* const ok = new AStatus;  // lives forever: shared by all methods
   return ok;
 }
 

@@ -1,4 +1,4 @@
-// A method's answer, and its place at the head of a reply.
+// The outcome of a method, and how it stands at the head of a reply.
 #pragma once
 
 #include <android/binder_status.h>

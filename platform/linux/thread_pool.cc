@@ -141,7 +141,7 @@ void ThreadPool::ServeNext() {
   const bool resumes = queue->full_ && queue->pending_.size() <= kPauseRequests / 2 &&
                        queue->pending_bytes_ <= kPauseRequestBytes / 2;
   if (resumes) queue->full_ = false;
-  Schedule(*queue);  // the others have their turn before this one's next request
+  Schedule(*queue);  // the others go before this one's next request
   mutex_.Unlock();
   if (resumes) queue->OnResume();
   queue->Serve(std::move(request));
@@ -153,9 +153,8 @@ void ThreadPool::ServeNext() {
 }
 
 std::thread StartThread(const std::string& name, std::function<void()> body) {
-  // A new thread takes over the mask of its maker: signals are left to the program's own threads,
-  // but for those of its own faults, and a peer that goes away while libevent writes to it raises
-  // none.
+  // A new thread inherits the signal mask. Signals go to the program's own threads, except those of
+  // the thread's own faults; this also keeps SIGPIPE away when libevent writes to a dead peer.
   sigset_t all;
   sigset_t previous;
   sigfillset(&all);

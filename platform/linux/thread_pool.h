@@ -1,5 +1,6 @@
-// The threads that serve calls, and what waits for them: requests, for which users, their processes
-// and their connections take turns, and tasks (death notices, last references), which go first.
+// The threads that serve calls, and what waits for them: requests, scheduled fairly between users,
+// their processes and their connections, and tasks (death notices, last references), which go
+// first.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -18,9 +19,7 @@
 
 namespace kvox::binder {
 
-class LocalObject;
-
-/// A call that a peer asks for.
+/// A call by the peer.
 struct Request {
   ndk::SpAIBinder target;  // a local object
   uint64_t call = 0;
@@ -31,18 +30,18 @@ struct Request {
   bool oneway() const { return (flags & FLAG_ONEWAY) != 0; }
 };
 
-/// The requests of one connection. Its one-way calls run one at a time, in their order; the others
-/// as threads are free.
+/// The requests of one connection. One-way calls run one at a time in their order, others as soon
+/// as a thread is free.
 class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
  public:
-  /// The peer of `owner` has its turns with all other queues of that process and that user.
+  /// Shares threads with all queues of that process and that user.
   explicit RequestQueue(const Credentials& owner) : owner_(owner) {}
   virtual ~RequestQueue() = default;
 
  protected:
   /// Serves one request, on a pool thread.
   virtual void Serve(Request request) = 0;
-  /// Half of a queue that had reached its limits is done; on a pool thread.
+  /// Half of a queue that was full is done; on a pool thread.
   virtual void OnResume() = 0;
 
  private:
@@ -58,7 +57,7 @@ class RequestQueue : public std::enable_shared_from_this<RequestQueue> {
   bool oneway_running_ = false;
 };
 
-/// One a process. Never called under a lock that a queue's functions take.
+/// One per process. Not to be called under a lock that a queue's functions take.
 class ThreadPool {
  public:
   using Task = std::function<void()>;
@@ -66,20 +65,20 @@ class ThreadPool {
   static ThreadPool& Get();
 
   bool SetThreadCount(uint32_t count);
-  /// Starts the pool's own threads, once.
+  /// Starts the pool's own threads unless they run.
   void Start();
   /// Serves on the calling thread until Stop.
   void Join();
-  /// Ends all threads once they are done with what they are at, and runs the tasks that are left.
-  /// Not from a thread of the pool.
+  /// Ends all threads after what they are working on, then runs the remaining tasks. Not on a pool
+  /// thread.
   void Stop();
 
   void Post(Task task);
 
-  /// False when the queue has more than any peer may have waiting.
+  /// False when the queue now holds more than any peer may have waiting.
   bool Enqueue(RequestQueue& queue, Request request);
-  /// Whether the queue should get no more requests for now: it is blocked, or has reached its
-  /// limits and half of that is not done yet.
+  /// Whether the queue should get no more requests for now: it is blocked or full. A full queue
+  /// stays so until half of it is done.
   bool Paused(const RequestQueue& queue) const;
   /// A blocked queue's requests wait.
   void SetBlocked(RequestQueue& queue, bool blocked);
@@ -90,7 +89,7 @@ class ThreadPool {
  private:
   ThreadPool() = default;
 
-  /// Serves the next request of the queue that is first in turn.
+  /// Serves one request of the next queue.
   void ServeNext() REQUIRES(mutex_);
   void RunTask() REQUIRES(mutex_);
   void Schedule(RequestQueue& queue) REQUIRES(mutex_);
@@ -108,8 +107,7 @@ class ThreadPool {
   FairQueue<std::shared_ptr<RequestQueue>> ready_ GUARDED_BY(mutex_);
 };
 
-/// Starts a thread that takes no signals and bears `name`. Throws std::system_error like
-/// std::thread.
+/// Starts a thread of this name with signals blocked. Throws std::system_error like std::thread.
 std::thread StartThread(const std::string& name, std::function<void()> body);
 
 }  // namespace kvox::binder

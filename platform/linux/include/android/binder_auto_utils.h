@@ -44,7 +44,7 @@ class SpAIBinder {
 
 namespace impl {
 
-/// Owns a T until Delete takes it back.
+/// Owns a T, which Delete frees.
 template <typename T, void (*Delete)(T*)>
 class ScopedResource {
  public:
@@ -73,7 +73,7 @@ using ScopedAIBinder_Weak = impl::ScopedResource<AIBinder_Weak, AIBinder_Weak_de
 using ScopedAIBinder_DeathRecipient =
     impl::ScopedResource<AIBinder_DeathRecipient, AIBinder_DeathRecipient_delete>;
 
-/// What a method answers. One that was never set is not OK.
+/// The outcome of a method. One that was never set is not OK.
 class [[nodiscard]] ScopedAStatus : public impl::ScopedResource<AStatus, AStatus_delete> {
  public:
   using impl::ScopedResource<AStatus, AStatus_delete>::ScopedResource;

@@ -1,4 +1,4 @@
-// Walks the enumerators of an interface's enumeration in declaration order.
+// The enumerators of an interface's enumeration in declaration order.
 #pragma once
 
 #include <array>

@@ -1,5 +1,4 @@
-// What the C++ side of an interface is built from: a reference-counted base, and the bases of stubs
-// and proxies.
+// Base classes of an interface's C++ side: reference counting, stubs and proxies.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -18,7 +17,7 @@
 
 namespace ndk {
 
-/// Made by SharedRefBase::make and owned by the shared pointers that ref() hands out.
+/// Created by SharedRefBase::make, owned by the shared pointers that ref() returns.
 class SharedRefBase {
  public:
   SharedRefBase() = default;
@@ -46,14 +45,14 @@ class SharedRefBase {
   static void operator delete(void* memory) { ::operator delete(memory); }
 
  private:
-  // A plain `new` would make an object that nothing owns.
+  // A plain `new` would create an object that nothing owns.
   static void* operator new(size_t size) { return ::operator new(size); }
 
   std::once_flag owned_;
   std::weak_ptr<SharedRefBase> self_;
 };
 
-/// An interface, on either side. The order of the virtual functions is part of the contract.
+/// An interface, on either side. The order of the virtual functions is fixed.
 class ICInterface : public SharedRefBase {
  public:
   virtual SpAIBinder asBinder() = 0;
@@ -94,7 +93,7 @@ class ICInterface : public SharedRefBase {
   }
 };
 
-/// Base of a stub. Its object is made when first asked for, and again once that one is gone.
+/// Base of a stub. Its object is created on demand, again when the last one is gone.
 template <typename INTERFACE>
 class BnCInterface : public INTERFACE {
  public:

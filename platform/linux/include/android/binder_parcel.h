@@ -1,12 +1,12 @@
-// The bytes of a call or a reply: written in order, read in the same order. The layout is the
-// table in docs/transport.md. A parcel is used by one thread at a time.
+// The bytes of a call or a reply, read in the order in which they were written. docs/transport.md
+// has the layout. One thread at a time.
 #pragma once
 
 #include <android/binder_ibinder.h>
 #include <android/binder_status.h>
 
-/// Each allocator answers false to refuse. A length of -1 stands for null; a string's length counts
-/// its terminator.
+/// An allocator returns false to refuse. A length of -1 is null; a string's length includes its
+/// terminator.
 typedef bool (*AParcel_stringAllocator)(void* stringData, int32_t length, char** buffer);
 typedef bool (*AParcel_arrayAllocator)(void* arrayData, int32_t length);
 typedef bool (*AParcel_stringArrayElementAllocator)(void* arrayData, size_t index, int32_t length,
@@ -24,7 +24,7 @@ extern "C" {
 
 /// Accepts null.
 void AParcel_delete(AParcel* parcel);
-/// Bytes from the start of the parcel. Reading may stand behind the end, writing may not.
+/// Bytes from the start of the parcel. A position past the end is for reading only.
 int32_t AParcel_getDataPosition(const AParcel* parcel);
 binder_status_t AParcel_setDataPosition(const AParcel* parcel, int32_t position);
 
@@ -60,11 +60,11 @@ binder_status_t AParcel_readParcelableArray(const AParcel* parcel, void* arrayDa
                                             AParcel_arrayAllocator allocator,
                                             AParcel_readParcelableElement elementReader);
 
-/// Null is written and read as null; a read answers one strong reference for the caller.
+/// Null is written and read as null; a read object has one strong reference for the caller.
 binder_status_t AParcel_writeStrongBinder(AParcel* parcel, AIBinder* binder);
 binder_status_t AParcel_readStrongBinder(const AParcel* parcel, AIBinder** binder);
 
-/// A status whose exception is EX_TRANSACTION_FAILED is not written: its inner status is answered.
+/// A status whose exception is EX_TRANSACTION_FAILED is not written: its inner status is returned.
 binder_status_t AParcel_writeStatusHeader(AParcel* parcel, const AStatus* status);
 binder_status_t AParcel_readStatusHeader(const AParcel* parcel, AStatus** status);
 

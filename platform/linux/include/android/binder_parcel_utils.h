@@ -1,5 +1,5 @@
-// Any C++ value of an interface to and from a parcel: scalars, text, enumerations, parcelables,
-// interfaces, and vectors of bytes, floats, text and parcelables.
+// Writes and reads any C++ value of an interface: scalars, strings, enumerations, parcelables,
+// interfaces, and vectors of bytes, floats, strings and parcelables.
 #pragma once
 
 #include <android/binder_auto_utils.h>

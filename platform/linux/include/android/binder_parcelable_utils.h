@@ -1,4 +1,4 @@
-// What every parcelable says about who may receive it.
+// Each parcelable states who may receive it.
 #pragma once
 
 #include <android/binder_auto_utils.h>

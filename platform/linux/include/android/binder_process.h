@@ -1,5 +1,5 @@
-// The threads that serve calls. This host's pool does not grow: it has the threads that
-// startThreadPool starts and those that joined.
+// The threads that serve calls: those that startThreadPool starts and those that joined. On a host
+// the pool does not grow.
 #pragma once
 
 #include <stdbool.h>
@@ -7,7 +7,7 @@
 
 extern "C" {
 
-/// How many threads startThreadPool starts, one at the least. False once they are running.
+/// How many threads startThreadPool starts, at least one. False once they run.
 bool ABinderProcess_setThreadPoolMaxThreadCount(uint32_t numThreads);
 void ABinderProcess_startThreadPool(void);
 /// Serves calls on the calling thread; returns only after kvox_host::StopBinder.

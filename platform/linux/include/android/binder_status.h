@@ -11,8 +11,8 @@
 #define __INTRODUCED_IN(api)
 #endif
 
-/// What a library call or a transaction comes to. Any other value is STATUS_UNKNOWN_ERROR by the
-/// time a caller sees it.
+/// The outcome of a library call or a transaction. Callers see any other value as
+/// STATUS_UNKNOWN_ERROR.
 enum {
   STATUS_OK = 0,
   STATUS_PERMISSION_DENIED = -1,
@@ -36,7 +36,7 @@ enum {
 };
 typedef int32_t binder_status_t;
 
-/// What a method answers. Any other value is EX_TRANSACTION_FAILED by the time a caller sees it.
+/// The outcome of a method. Callers see any other value as EX_TRANSACTION_FAILED.
 enum {
   EX_NONE = 0,
   EX_SECURITY = -1,
@@ -57,7 +57,7 @@ typedef struct AStatus AStatus;
 
 extern "C" {
 
-/// One shared object; every other one belongs to who made it, until AStatus_delete.
+/// One shared object. All others belong to the caller, until AStatus_delete.
 AStatus* AStatus_newOk(void);
 AStatus* AStatus_fromStatus(binder_status_t status);
 AStatus* AStatus_fromExceptionCode(binder_exception_t exception);
@@ -71,9 +71,9 @@ binder_exception_t AStatus_getExceptionCode(const AStatus* status);
 int32_t AStatus_getServiceSpecificError(const AStatus* status);
 /// STATUS_OK unless the exception is EX_TRANSACTION_FAILED.
 binder_status_t AStatus_getStatus(const AStatus* status);
-/// Valid as long as the status.
+/// Valid as long as the status is.
 const char* AStatus_getMessage(const AStatus* status);
-/// One line for people; AStatus_deleteDescription takes it back.
+/// One line for people, to be freed with AStatus_deleteDescription.
 const char* AStatus_getDescription(const AStatus* status);
 void AStatus_deleteDescription(const char* description);
 /// Accepts null and the shared OK status.

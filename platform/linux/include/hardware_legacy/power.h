@@ -9,7 +9,7 @@ enum {
 };
 
 /// Writes `id` to `wake_lock` or `wake_unlock` in KVOX_WAKE_LOCK_DIR (default /sys/power). 0, or
-/// minus errno. On a machine without these files the lock is only counted. Any thread.
+/// minus errno. Without these files the lock is only counted. Any thread.
 int acquire_wake_lock(int lock, const char* id);
 int release_wake_lock(const char* id);
 

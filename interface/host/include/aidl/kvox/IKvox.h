@@ -1,5 +1,4 @@
-// The C++ side of kvox/IKvox.aidl, with the names and signatures that the platform's compiler
-// gives it.
+// The C++ side of kvox/IKvox.aidl, with the names and signatures of the AIDL compiler.
 #pragma once
 
 #include <android/binder_enums.h>
@@ -24,7 +23,7 @@
 
 #include "aidl/kvox/ikvox_tables.h"
 
-/// What every parcelable has beside its fields, whose names these are.
+/// The members of every parcelable besides its fields, which are listed.
 #define KVOX_PARCELABLE(Type, ...)                                                     \
   static inline const char* descriptor = "kvox.IKvox." #Type;                          \
   static const ::ndk::parcelable_stability_t _aidl_stability = ::ndk::STABILITY_VINTF; \
@@ -53,7 +52,7 @@ class StubBase : public ::ndk::BnCInterface<I> {
   ::ndk::SpAIBinder createBinder() override;
 };
 
-/// What the proxies of both interfaces share. The first good answers are kept.
+/// What the proxies of both interfaces share. The first successful results are cached.
 template <typename I>
 class ProxyBase : public ::ndk::BpCInterface<I> {
  public:
@@ -112,8 +111,7 @@ class IKvox : public ::ndk::ICInterface {
     KVOX_PARCELABLE(ProcessorStats, blockCount, bufferEntries, averagePeriod, measurements)
   };
 
-  /// One value of one of three kinds. Asking for another kind than it has throws
-  /// std::bad_variant_access.
+  /// One value of one of three kinds. get() of another kind throws std::bad_variant_access.
   class ParamValue {
     using Value = std::variant<int32_t, float, std::vector<float>>;
 

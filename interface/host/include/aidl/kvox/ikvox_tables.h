@@ -1,7 +1,6 @@
-// The rows of kvox/IKvox.aidl: enumerators and methods, in its order, which fixes codes and bytes.
-// A method's row holds its C++ parameters and their names; `in` arguments are values or constant
-// references, out arguments are pointers, the last of which is the result. All else follows from
-// the rows.
+// The rows of kvox/IKvox.aidl: enumerators and methods in its order, which fixes codes and bytes. A
+// method's row has its C++ parameters and their names: in arguments are values or constant
+// references, out arguments are pointers, the last of which is the result.
 #pragma once
 
 // clang-format off
@@ -80,7 +79,7 @@
   M(ReceiveAudio, (const AudioPacket& packet), (packet))
 // clang-format on
 
-// What a row becomes.
+// What a row expands to.
 #define KVOX_ENUMERATOR(name, value) name = value,
 #define KVOX_PURE_METHOD(name, parameters, arguments) \
   virtual ::ndk::ScopedAStatus name parameters = 0;
