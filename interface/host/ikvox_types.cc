@@ -42,10 +42,4 @@ std::string IKvox::ParamValue::toString() const {
   }
 KVOX_ENUMS(KVOX_TO_STRING)
 
-std::string toString(IKvox::ParamValue::Tag tag) {
-  constexpr std::array kNames = {"i", "f", "v"};
-  const auto index = static_cast<size_t>(tag);
-  return index < kNames.size() ? kNames[index] : std::to_string(static_cast<int>(tag));
-}
-
 }  // namespace aidl::kvox

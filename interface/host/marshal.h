@@ -171,23 +171,20 @@ binder_status_t WriteUnion(AParcel* parcel, const std::variant<Values...>& value
                     value);
 }
 
-template <typename Held, typename Union>
-binder_status_t ReadHeld(const AParcel* parcel, Union* value) {
-  Held held{};
-  const binder_status_t status = ::ndk::AParcel_readData(parcel, &held);
-  if (status == STATUS_OK) *value = std::move(held);
-  return status;
-}
-
 template <typename... Values>
 binder_status_t ReadUnion(const AParcel* parcel, std::variant<Values...>* value) {
-  using Reader = binder_status_t (*)(const AParcel*, std::variant<Values...>*);
-  constexpr Reader kReaders[] = {ReadHeld<Values>...};
   int32_t tag = 0;
-  const binder_status_t status = AParcel_readInt32(parcel, &tag);
+  binder_status_t status = AParcel_readInt32(parcel, &tag);
   if (status != STATUS_OK) return status;
-  const auto index = static_cast<size_t>(tag);
-  return index < sizeof...(Values) ? kReaders[index](parcel, value) : STATUS_BAD_VALUE;
+  status = STATUS_BAD_VALUE;  // of an unknown tag
+  int32_t index = 0;
+  const auto read = [&](auto held) {
+    if (index++ != tag) return;
+    status = ::ndk::AParcel_readData(parcel, &held);
+    if (status == STATUS_OK) *value = std::move(held);
+  };
+  (read(Values{}), ...);
+  return status;
 }
 
 }  // namespace aidl::kvox

@@ -1,7 +1,6 @@
 #include "kvox/common/log_ring.h"
 
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 
 #include "kvox/common/fixed_text.h"

@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "kvox/common/mutex.h"
@@ -23,14 +24,42 @@ struct Reply {
 class CallTable {
  public:
   /// Adds a call and sets its number.
-  std::future<Reply> Add(uint64_t* number);
+  std::future<Reply> Add(uint64_t* number) {
+    MutexLock lock(mutex_);
+    *number = ++last_number_;
+    return calls_[*number].get_future();
+  }
+
   /// Gives up a call. False when another thread has removed it and finishes it.
-  bool Abandon(uint64_t number);
+  bool Abandon(uint64_t number) {
+    MutexLock lock(mutex_);
+    if (calls_.erase(number) == 0) return false;
+    abandoned_.push_back(number);
+    return true;
+  }
+
   /// Hands a reply over; the reply to an abandoned call is left as it is. False when no unanswered
   /// call has that number.
-  bool Finish(uint64_t number, Reply* reply);
-  void FinishAll(binder_status_t status);
-  bool empty() const;
+  bool Finish(uint64_t number, Reply* reply) {
+    MutexLock lock(mutex_);
+    auto call = calls_.extract(number);
+    if (call.empty()) return std::erase(abandoned_, number) > 0;
+    lock.Unlock();
+    call.mapped().set_value(std::move(*reply));
+    return true;
+  }
+
+  void FinishAll(binder_status_t status) {
+    MutexLock lock(mutex_);
+    auto calls = std::exchange(calls_, {});
+    lock.Unlock();
+    for (auto& [number, call] : calls) call.set_value({status});
+  }
+
+  bool empty() const {
+    MutexLock lock(mutex_);
+    return calls_.empty();
+  }
 
  private:
   mutable Mutex mutex_;

@@ -27,7 +27,10 @@ bool Channel::Open(event_base* base, UniqueFd fd, size_t first_bytes) {
   if (stream == nullptr) return false;
   fd.Release();
   needed_ = first_bytes;
-  bufferevent_setcb(stream, OnReadable, OnDrained, OnEvent, this);
+  const auto on_event = [](bufferevent*, short, void* channel) {
+    static_cast<Channel*>(channel)->owner_.OnBroken();
+  };
+  bufferevent_setcb(stream, OnReadable, OnDrained, on_event, this);
   bufferevent_setwatermark(stream, EV_READ, first_bytes, kMaxFrameSize);
   bufferevent_setwatermark(stream, EV_WRITE, kPauseUnsentBytes / 2, 0);
   bufferevent_set_max_single_read(stream, kMaxSingleRead);
@@ -136,10 +139,6 @@ void Channel::OnDrained(bufferevent* stream, void* channel) {
   MutexLock lock(self->mutex_);
   self->owner_.OnUnsent(evbuffer_get_length(bufferevent_get_output(stream)));
   self->UpdateReadingLocked();
-}
-
-void Channel::OnEvent(bufferevent*, short, void* channel) {
-  static_cast<Channel*>(channel)->owner_.OnBroken();
 }
 
 }  // namespace kvox::binder

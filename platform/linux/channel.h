@@ -55,7 +55,6 @@ class Channel {
  private:
   static void OnReadable(bufferevent*, void* channel);
   static void OnDrained(bufferevent*, void* channel);
-  static void OnEvent(bufferevent*, short events, void* channel);
 
   bool Queue(const Parts& parts, size_t sent) REQUIRES(mutex_);
   bool UpdateReadingLocked() REQUIRES(mutex_);

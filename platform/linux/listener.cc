@@ -40,18 +40,14 @@ Listener::~Listener() {
 }
 
 bool Listener::Start(event_base* base) {
-  readable_ = event_new(base, socket_.get(), EV_READ | EV_PERSIST, OnReadable, this);
-  pause_ = event_new(base, -1, 0, OnPauseOver, this);
+  const auto accept_all = [](int, short, void* self) { static_cast<Listener*>(self)->AcceptAll(); };
+  const auto end_pause = [](int, short, void* listener) {
+    auto* self = static_cast<Listener*>(listener);
+    if (!self->stopping_) event_add(self->readable_, nullptr);
+  };
+  readable_ = event_new(base, socket_.get(), EV_READ | EV_PERSIST, accept_all, this);
+  pause_ = event_new(base, -1, 0, end_pause, this);
   return readable_ != nullptr && pause_ != nullptr && event_add(readable_, nullptr) == 0;
-}
-
-void Listener::OnReadable(int, short, void* listener) {
-  static_cast<Listener*>(listener)->AcceptAll();
-}
-
-void Listener::OnPauseOver(int, short, void* listener) {
-  auto* self = static_cast<Listener*>(listener);
-  if (!self->stopping_) event_add(self->readable_, nullptr);
 }
 
 void Listener::AcceptAll() {

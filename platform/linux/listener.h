@@ -24,9 +24,6 @@ class Listener {
   bool Start(event_base* base);
 
  private:
-  static void OnReadable(int fd, short events, void* listener);
-  static void OnPauseOver(int fd, short events, void* listener);
-
   void AcceptAll();
 
   const UniqueFd socket_;  // non-blocking

@@ -51,8 +51,16 @@ const uint8_t* AParcel::Take(size_t size) const {
   return data_.data() + std::exchange(position_, position_ + Padded(size));
 }
 
-void AParcel::AddObject(uint32_t position, ndk::SpAIBinder binder) {
-  objects_.push_back({position, std::move(binder)});
+binder_status_t AParcel::WriteReference(AIBinder* binder) {
+  const auto position = static_cast<uint32_t>(position_);
+  // The address is set when the parcel is sent.
+  constexpr int32_t kReference[] = {kReferencePresent, 0, 0, kSystemStability};
+  static_assert(sizeof kReference == kReferenceSize);
+  const binder_status_t status = WriteBytes(kReference, sizeof kReference);
+  if (status != STATUS_OK) return status;
+  AIBinder_incStrong(binder);
+  objects_.push_back({position, ndk::SpAIBinder(binder)});
+  return STATUS_OK;
 }
 
 AIBinder* AParcel::FindObject(size_t position) const {
@@ -135,17 +143,9 @@ binder_status_t AParcel_readString(const AParcel* parcel, void* stringData,
 }
 
 binder_status_t AParcel_writeStrongBinder(AParcel* parcel, AIBinder* binder) {
-  const auto position = static_cast<uint32_t>(parcel->position());
   constexpr int32_t kNull[] = {0, kNoStability};
-  if (binder == nullptr) return parcel->WriteBytes(kNull, sizeof kNull);
-  // The address is set when the parcel is sent.
-  constexpr int32_t kReference[] = {kReferencePresent, 0, 0, kSystemStability};
-  static_assert(sizeof kReference == kReferenceSize);
-  const binder_status_t status = parcel->WriteBytes(kReference, sizeof kReference);
-  if (status != STATUS_OK) return status;
-  AIBinder_incStrong(binder);
-  parcel->AddObject(position, ndk::SpAIBinder(binder));
-  return STATUS_OK;
+  return binder == nullptr ? parcel->WriteBytes(kNull, sizeof kNull)
+                           : parcel->WriteReference(binder);
 }
 
 binder_status_t AParcel_readStrongBinder(const AParcel* parcel, AIBinder** binder) {

@@ -57,13 +57,14 @@ struct AParcel {
     return STATUS_OK;
   }
 
+  /// Writes a reference to the object, which the parcel holds from now on.
+  binder_status_t WriteReference(AIBinder* binder);
+
   /// Drops all but the objects.
   void DropBytes() {
     std::vector<uint8_t>().swap(data_);  // assignment would keep the capacity
     position_ = 0;
   }
-  /// The reference at `position` refers to `binder`.
-  void AddObject(uint32_t position, ndk::SpAIBinder binder);
   /// The object of the reference at `position`, null when there is none.
   AIBinder* FindObject(size_t position) const;
 

@@ -14,14 +14,11 @@ namespace {
 
 /// A loop that polls for new events before it has handled all earlier ones.
 event_base* NewBase() {
-  event_config* config = event_config_new();
+  const std::unique_ptr<event_config, void (*)(event_config*)> config(event_config_new(),
+                                                                      event_config_free);
   if (config == nullptr) return nullptr;
-  event_base* base = nullptr;
-  if (event_config_set_max_dispatch_interval(config, nullptr, kMaxCallbacksAtOnce, 0) == 0) {
-    base = event_base_new_with_config(config);
-  }
-  event_config_free(config);
-  return base;
+  event_config_set_max_dispatch_interval(config.get(), nullptr, kMaxCallbacksAtOnce, 0);
+  return event_base_new_with_config(config.get());
 }
 
 }  // namespace

@@ -4,18 +4,23 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "platform/linux/binder_object.h"
+#include "platform/linux/connection.h"
+#include "platform/linux/death_links.h"
 
 namespace kvox::binder {
-
-class Connection;
 
 /// Bound to its connection, whose object table has it under `id` as long as there is a strong
 /// reference.
 class RemoteObject final : public AIBinder {
  public:
-  RemoteObject(std::shared_ptr<Connection> connection, uint64_t id, std::string descriptor);
+  RemoteObject(std::shared_ptr<Connection> connection, uint64_t id, std::string descriptor)
+      : AIBinder(nullptr),
+        connection_(std::move(connection)),
+        id_(id),
+        descriptor_(std::move(descriptor)) {}
 
   const Connection* connection() const { return connection_.get(); }
   uint64_t id() const { return id_; }
@@ -23,13 +28,20 @@ class RemoteObject final : public AIBinder {
   /// Later calls return STATUS_DEAD_OBJECT. ReportDeath follows.
   void Die() { dead_.store(true, std::memory_order_relaxed); }
 
-  bool AssociateClass(const AIBinder_Class* clazz) override;
+  bool AssociateClass(const AIBinder_Class* wanted) override {
+    return wanted->descriptor == descriptor_ && SetClass(wanted) == wanted;
+  }
   binder_status_t Transact(transaction_code_t code, AParcel& in, binder_flags_t flags,
-                           std::unique_ptr<AParcel>* out) override;
+                           std::unique_ptr<AParcel>* out) override {
+    return dead() ? STATUS_DEAD_OBJECT : connection_->Transact(id_, code, in, flags, out);
+  }
   RemoteObject* AsRemote() override { return this; }
 
  private:
-  void OnLastStrong() override;
+  void OnLastStrong() override {
+    connection_->Forget(*this);
+    UnlinkAll(*this);
+  }
 
   const std::shared_ptr<Connection> connection_;
   const uint64_t id_;

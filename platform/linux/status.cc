@@ -2,9 +2,10 @@
 
 #include <android/binder_parcel.h>
 #include <android/binder_parcel_utils.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "platform/linux/parcel.h"
@@ -162,13 +163,11 @@ const char* AStatus_getDescription(const AStatus* status) {
     text += std::string(" (STATUS_") + NameOf(kStatuses, status->code) + ")";
   }
   if (!status->message.empty()) text += ": " + status->message;
-  char* description = new char[text.size() + 1];
-  std::memcpy(description, text.c_str(), text.size() + 1);
-  return description;
+  return strdup(text.c_str());
 }
 
 void AStatus_deleteDescription(const char* description) {
-  delete[] description;
+  free(const_cast<char*>(description));
 }
 
 void AStatus_delete(AStatus* status) {

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "kvox/common/kvox_utils.h"
 #include "kvox/common/log.h"
 #include "platform/linux/limits.h"
 
@@ -165,7 +166,7 @@ std::thread StartThread(const std::string& name, std::function<void()> body) {
     ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
   } restore{previous};
   return std::thread([name, body = std::move(body)] {
-    pthread_setname_np(pthread_self(), name.c_str());
+    SetThreadName(name.c_str());
     body();
   });
 }

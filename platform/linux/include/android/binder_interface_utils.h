@@ -67,13 +67,11 @@ class ICInterface : public SharedRefBase {
     auto* owner = static_cast<Owner*>(AIBinder_getUserData(binder));
     return owner == nullptr ? nullptr : *owner;
   }
+  /// The names of the functions are for tracing, which a host does not have.
   static AIBinder_Class* defineClass(const char* descriptor, AIBinder_Class_onTransact onTransact,
-                                     const char** codeToFunction = nullptr, size_t count = 0) {
+                                     const char** /*codeToFunction*/ = nullptr, size_t = 0) {
     AIBinder_Class* clazz = AIBinder_Class_define(descriptor, OnCreate, OnDestroy, onTransact);
-    if (clazz == nullptr) return nullptr;
-    AIBinder_Class_setOnDump(clazz, OnDump);
-    AIBinder_Class_setHandleShellCommand(clazz, OnShellCommand);
-    AIBinder_Class_setTransactionCodeToFunctionNameMap(clazz, codeToFunction, count);
+    if (clazz != nullptr) AIBinder_Class_setOnDump(clazz, OnDump);
     return clazz;
   }
 
@@ -86,10 +84,6 @@ class ICInterface : public SharedRefBase {
   static void OnDestroy(void* owner) { delete static_cast<Owner*>(owner); }
   static binder_status_t OnDump(AIBinder* binder, int fd, const char** args, uint32_t count) {
     return asInterface(binder)->dump(fd, args, count);
-  }
-  static binder_status_t OnShellCommand(AIBinder* binder, int in, int out, int err,
-                                        const char** args, uint32_t count) {
-    return asInterface(binder)->handleShellCommand(in, out, err, args, count);
   }
 };
 

@@ -119,10 +119,8 @@ class IKvox : public ::ndk::ICInterface {
     static inline const char* descriptor = "kvox.IKvox.ParamValue";
     static const ::ndk::parcelable_stability_t _aidl_stability = ::ndk::STABILITY_VINTF;
 
-    enum class Tag : int32_t { i = 0, f = 1, v = 2 };
-    static constexpr Tag i = Tag::i;
-    static constexpr Tag f = Tag::f;
-    static constexpr Tag v = Tag::v;
+    enum class Tag : int32_t { KVOX_PARAM_VALUE_TAGS(KVOX_ENUMERATOR) };
+    using enum Tag;
 
     ParamValue() = default;
     template <typename T>
@@ -201,10 +199,10 @@ class IKvox : public ::ndk::ICInterface {
 };
 
 /// An enumerator's name, or the number of a value that has none.
-[[nodiscard]] std::string toString(IKvox::CommandStatus value);
-[[nodiscard]] std::string toString(IKvox::UseCase value);
-[[nodiscard]] std::string toString(IKvox::ParameterId value);
-[[nodiscard]] std::string toString(IKvox::ParamValue::Tag value);
+#define KVOX_DECLARE_TO_STRING(Enum, enumerators) \
+  [[nodiscard]] std::string toString(IKvox::Enum value);
+KVOX_ENUMS(KVOX_DECLARE_TO_STRING)
+#undef KVOX_DECLARE_TO_STRING
 
 }  // namespace aidl::kvox
 
@@ -220,11 +218,5 @@ namespace ndk::internal {
 KVOX_ENUMS(KVOX_ENUM_VALUES)
 #undef KVOX_ENUM_VALUES
 #undef KVOX_NAME
-template <>
-constexpr inline std::array enum_values<aidl::kvox::IKvox::ParamValue::Tag> = {
-    aidl::kvox::IKvox::ParamValue::Tag::i,
-    aidl::kvox::IKvox::ParamValue::Tag::f,
-    aidl::kvox::IKvox::ParamValue::Tag::v,
-};
 
 }  // namespace ndk::internal

@@ -29,10 +29,13 @@
   E(AUDIO_FORMAT, 4)          \
   E(JITTER_BUFFER, 5)
 
+#define KVOX_PARAM_VALUE_TAGS(E) E(i, 0) E(f, 1) E(v, 2)
+
 #define KVOX_ENUMS(E)                     \
   E(CommandStatus, KVOX_COMMAND_STATUSES) \
   E(UseCase, KVOX_USE_CASES)              \
-  E(ParameterId, KVOX_PARAMETER_IDS)
+  E(ParameterId, KVOX_PARAMETER_IDS)      \
+  E(ParamValue::Tag, KVOX_PARAM_VALUE_TAGS)
 
 #define KVOX_METHODS(M) \
   M(Ping, (), ()) \
