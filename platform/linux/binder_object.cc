@@ -1,9 +1,5 @@
 #include "platform/linux/binder_object.h"
 
-struct AIBinder_Weak {
-  AIBinder* const binder;
-};
-
 // Only a thread that holds a reference adds one, so adding needs no order.
 void AIBinder::IncStrong() {
   strong_.fetch_add(1, std::memory_order_relaxed);
@@ -68,18 +64,17 @@ void AIBinder_decStrong(AIBinder* binder) {
   if (binder != nullptr) binder->DecStrong();
 }
 
+// A weak reference is the object itself, which counts it.
 AIBinder_Weak* AIBinder_Weak_new(AIBinder* binder) {
-  if (binder == nullptr) return nullptr;
-  binder->IncWeak();
-  return new AIBinder_Weak{binder};
+  if (binder != nullptr) binder->IncWeak();
+  return reinterpret_cast<AIBinder_Weak*>(binder);
 }
 void AIBinder_Weak_delete(AIBinder_Weak* weak) {
-  if (weak == nullptr) return;
-  weak->binder->DecWeak();
-  delete weak;
+  if (weak != nullptr) reinterpret_cast<AIBinder*>(weak)->DecWeak();
 }
 AIBinder* AIBinder_Weak_promote(AIBinder_Weak* weak) {
-  return weak != nullptr && weak->binder->TryIncStrong() ? weak->binder : nullptr;
+  auto* binder = reinterpret_cast<AIBinder*>(weak);
+  return binder != nullptr && binder->TryIncStrong() ? binder : nullptr;
 }
 
 bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz) {

@@ -49,9 +49,9 @@ const char* CheckHeader(const FrameHeader& header) {
 void TrimSoon() {
   static std::atomic<bool> pending = false;
   if (pending.exchange(true)) return;
-  Reactor::Get().RunLater(kTrimPause, [] {
+  Reactor::Get().PostLater(kTrimPause, [] {
     pending = false;
-    ThreadPool::Get().Post([] { malloc_trim(0); });
+    malloc_trim(0);
   });
 }
 

@@ -5,7 +5,6 @@
 #include "kvox/common/log.h"
 #include "platform/linux/limits.h"
 #include "platform/linux/reactor.h"
-#include "platform/linux/thread_pool.h"
 
 namespace kvox::binder {
 namespace {
@@ -47,9 +46,7 @@ void LogDisconnect(const Credentials& peer, const char* fault) {
   const std::string line = TheLog().Line(peer, fault, DisconnectLog::Clock::now(), &first_dropped);
   if (!line.empty()) LogWarning("%s", line.c_str());
   if (!first_dropped) return;
-  Reactor::Get().RunLater(kSecond, [] {
-    ThreadPool::Get().Post([] { LogWarning("%s", TheLog().Summary().c_str()); });
-  });
+  Reactor::Get().PostLater(kSecond, [] { LogWarning("%s", TheLog().Summary().c_str()); });
 }
 
 }  // namespace kvox::binder

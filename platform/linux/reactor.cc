@@ -8,6 +8,7 @@
 #include "kvox/common/log.h"
 #include "platform/linux/connection.h"
 #include "platform/linux/limits.h"
+#include "platform/linux/thread_pool.h"
 
 namespace kvox::binder {
 namespace {
@@ -74,13 +75,15 @@ void Reactor::Stop() {
   event_base_free(base);
 }
 
-void Reactor::RunLater(std::chrono::seconds time, void (*function)()) {
+void Reactor::PostLater(std::chrono::seconds time, void (*task)()) {
   const timeval delay{.tv_sec = time.count(), .tv_usec = 0};
-  const auto run = [](int, short, void* argument) { reinterpret_cast<void (*)()>(argument)(); };
+  const auto post = [](int, short, void* argument) {
+    ThreadPool::Get().Post(reinterpret_cast<void (*)()>(argument));
+  };
   MutexLock lock(mutex_);
   if (base_ == nullptr) return;
   // Without memory it is skipped.
-  event_base_once(base_, -1, EV_TIMEOUT, run, reinterpret_cast<void*>(function), &delay);
+  event_base_once(base_, -1, EV_TIMEOUT, post, reinterpret_cast<void*>(task), &delay);
 }
 
 void Reactor::Keep(std::shared_ptr<Connection> connection) {

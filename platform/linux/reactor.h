@@ -24,8 +24,8 @@ class Reactor {
   /// Closes all connections and joins the thread. Not from the reactor.
   void Stop();
 
-  /// Calls `function` on the reactor after `time`, unless the reactor stops first.
-  void RunLater(std::chrono::seconds time, void (*function)());
+  /// Posts `task` to the pool after `time`, unless the reactor stops first.
+  void PostLater(std::chrono::seconds time, void (*task)());
 
   /// Keeps a connection until it is forgotten.
   void Keep(std::shared_ptr<Connection> connection);

@@ -16,46 +16,26 @@ namespace {
 constexpr int32_t kNotedHeader = -127;
 constexpr int32_t kReplyHeader = -128;
 
+// clang-format off
+#define KVOX_STATUSES(S) \
+  S(OK) S(PERMISSION_DENIED) S(NAME_NOT_FOUND) S(WOULD_BLOCK) S(NO_MEMORY) S(ALREADY_EXISTS) \
+  S(NO_INIT) S(BAD_VALUE) S(DEAD_OBJECT) S(INVALID_OPERATION) S(NOT_ENOUGH_DATA) \
+  S(UNKNOWN_TRANSACTION) S(BAD_INDEX) S(TIMED_OUT) S(UNKNOWN_ERROR) S(BAD_TYPE) \
+  S(FAILED_TRANSACTION) S(FDS_NOT_ALLOWED) S(UNEXPECTED_NULL)
+#define KVOX_EXCEPTIONS(E) \
+  E(NONE) E(SECURITY) E(BAD_PARCELABLE) E(ILLEGAL_ARGUMENT) E(NULL_POINTER) E(ILLEGAL_STATE) \
+  E(NETWORK_MAIN_THREAD) E(UNSUPPORTED_OPERATION) E(SERVICE_SPECIFIC) E(PARCELABLE) \
+  E(TRANSACTION_FAILED)
+// clang-format on
+
 struct Name {
   int32_t value;
   const char* text;
 };
-
-constexpr Name kStatuses[] = {
-    {STATUS_OK, "OK"},
-    {STATUS_PERMISSION_DENIED, "PERMISSION_DENIED"},
-    {STATUS_NAME_NOT_FOUND, "NAME_NOT_FOUND"},
-    {STATUS_WOULD_BLOCK, "WOULD_BLOCK"},
-    {STATUS_NO_MEMORY, "NO_MEMORY"},
-    {STATUS_ALREADY_EXISTS, "ALREADY_EXISTS"},
-    {STATUS_NO_INIT, "NO_INIT"},
-    {STATUS_BAD_VALUE, "BAD_VALUE"},
-    {STATUS_DEAD_OBJECT, "DEAD_OBJECT"},
-    {STATUS_INVALID_OPERATION, "INVALID_OPERATION"},
-    {STATUS_NOT_ENOUGH_DATA, "NOT_ENOUGH_DATA"},
-    {STATUS_UNKNOWN_TRANSACTION, "UNKNOWN_TRANSACTION"},
-    {STATUS_BAD_INDEX, "BAD_INDEX"},
-    {STATUS_TIMED_OUT, "TIMED_OUT"},
-    {STATUS_UNKNOWN_ERROR, "UNKNOWN_ERROR"},
-    {STATUS_BAD_TYPE, "BAD_TYPE"},
-    {STATUS_FAILED_TRANSACTION, "FAILED_TRANSACTION"},
-    {STATUS_FDS_NOT_ALLOWED, "FDS_NOT_ALLOWED"},
-    {STATUS_UNEXPECTED_NULL, "UNEXPECTED_NULL"},
-};
-
-constexpr Name kExceptions[] = {
-    {EX_NONE, "EX_NONE"},
-    {EX_SECURITY, "EX_SECURITY"},
-    {EX_BAD_PARCELABLE, "EX_BAD_PARCELABLE"},
-    {EX_ILLEGAL_ARGUMENT, "EX_ILLEGAL_ARGUMENT"},
-    {EX_NULL_POINTER, "EX_NULL_POINTER"},
-    {EX_ILLEGAL_STATE, "EX_ILLEGAL_STATE"},
-    {EX_NETWORK_MAIN_THREAD, "EX_NETWORK_MAIN_THREAD"},
-    {EX_UNSUPPORTED_OPERATION, "EX_UNSUPPORTED_OPERATION"},
-    {EX_SERVICE_SPECIFIC, "EX_SERVICE_SPECIFIC"},
-    {EX_PARCELABLE, "EX_PARCELABLE"},
-    {EX_TRANSACTION_FAILED, "EX_TRANSACTION_FAILED"},
-};
+#define KVOX_STATUS_NAME(name) {STATUS_##name, "STATUS_" #name},
+#define KVOX_EXCEPTION_NAME(name) {EX_##name, "EX_" #name},
+constexpr Name kStatuses[] = {KVOX_STATUSES(KVOX_STATUS_NAME)};
+constexpr Name kExceptions[] = {KVOX_EXCEPTIONS(KVOX_EXCEPTION_NAME)};
 
 template <size_t N>
 const char* NameOf(const Name (&names)[N], int32_t value) {
@@ -160,7 +140,7 @@ const char* AStatus_getDescription(const AStatus* status) {
   std::string text = NameOf(kExceptions, status->exception);
   if (status->exception == EX_SERVICE_SPECIFIC) text += " " + std::to_string(status->code);
   if (status->exception == EX_TRANSACTION_FAILED) {
-    text += std::string(" (STATUS_") + NameOf(kStatuses, status->code) + ")";
+    text += std::string(" (") + NameOf(kStatuses, status->code) + ")";
   }
   if (!status->message.empty()) text += ": " + status->message;
   return strdup(text.c_str());
