@@ -8,24 +8,20 @@ namespace {
 
 /// With a size that the compiler knows, a sample is one load and one store.
 template <typename Size>
-void InterleaveGroup(const std::byte* in, const ChannelRuns& runs, Size bytes, std::byte* out) {
-  for (size_t channel = 0; channel < runs.channels; ++channel) {
-    std::byte* to = out + channel * bytes();
-    for (size_t sample = 0; sample < runs.samples; ++sample) {
-      std::memcpy(to, in, bytes());
-      in += bytes();
-      to += runs.channels * bytes();
-    }
-  }
-}
-
-template <typename Size>
 size_t InterleaveGroups(std::span<const std::byte> in, const ChannelRuns& runs, Size bytes,
                         std::span<std::byte> out) {
   const uint64_t group = runs.GroupSize();
   size_t at = 0;
   for (; in.size() - at >= group; at += static_cast<size_t>(group)) {
-    InterleaveGroup(in.data() + at, runs, bytes, out.data() + at);
+    const std::byte* from = in.data() + at;
+    for (size_t channel = 0; channel < runs.channels; ++channel) {
+      std::byte* to = out.data() + at + channel * bytes();
+      for (size_t sample = 0; sample < runs.samples; ++sample) {
+        std::memcpy(to, from, bytes());
+        from += bytes();
+        to += runs.channels * bytes();
+      }
+    }
   }
   return at;
 }

@@ -50,14 +50,10 @@ event_base* Reactor::Start() {
 }
 
 void Reactor::Stop() {
-  event_base* base = nullptr;
-  std::thread thread;
-  std::unordered_set<std::shared_ptr<Connection>> connections;
-  {
-    MutexLock lock(mutex_);
-    base = std::exchange(base_, nullptr);
-    thread = std::move(thread_);
-  }
+  MutexLock lock(mutex_);
+  event_base* const base = std::exchange(base_, nullptr);
+  std::thread thread = std::move(thread_);
+  lock.Unlock();
   if (base == nullptr) return;
   // From within the loop: a break before the thread enters it would be lost.
   event_base_once(
@@ -65,10 +61,9 @@ void Reactor::Stop() {
       [](int, short, void* loop) { event_base_loopbreak(static_cast<event_base*>(loop)); }, base,
       nullptr);
   thread.join();
-  {
-    MutexLock lock(mutex_);
-    connections = connections_;
-  }
+  lock.Lock();
+  const auto connections = connections_;
+  lock.Unlock();
   for (const auto& connection : connections) connection->Close();
   // libevent frees streams and closes their sockets in the loop.
   event_base_loop(base, EVLOOP_NONBLOCK);

@@ -195,13 +195,10 @@ ServiceLink ServiceManager::CheckPath(const std::string& path) {
 }
 
 void ServiceManager::Clear() {
-  std::map<std::string, Service> services;
-  std::map<std::string, std::shared_ptr<Connection>> connections;
-  {
-    MutexLock lock(mutex_);
-    services.swap(services_);
-    connections.swap(connections_);
-  }
+  MutexLock lock(mutex_);
+  const auto services = std::exchange(services_, {});
+  const auto connections = std::exchange(connections_, {});
+  lock.Unlock();
   for (const auto& [name, service] : services) unlink(service.path.c_str());
 }
 
