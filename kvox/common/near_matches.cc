@@ -13,10 +13,6 @@ char Lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-bool Begins(std::string_view name, std::string_view word) {
-  return name.size() >= word.size() && EditDistance(name.substr(0, word.size()), word) == 0;
-}
-
 }  // namespace
 
 size_t EditDistance(std::string_view a, std::string_view b) {
@@ -44,7 +40,8 @@ std::vector<std::string> NearMatches(const std::string& word,
     const size_t distance = EditDistance(word, name);
     const size_t size = std::max(word.size(), name.size());
     const size_t allowed = std::min(std::max<size_t>(2, size / 3), size / 2);
-    if (distance <= allowed || Begins(name, word)) near.emplace_back(distance, name);
+    const bool begins = EditDistance(name.substr(0, word.size()), word) == 0;
+    if (distance <= allowed || begins) near.emplace_back(distance, name);
   }
   std::stable_sort(near.begin(), near.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });

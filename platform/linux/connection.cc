@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "kvox/common/log.h"
-#include "platform/linux/death_links.h"
 #include "platform/linux/disconnect_log.h"
 #include "platform/linux/local_object.h"
 #include "platform/linux/parcel.h"

@@ -1,5 +1,4 @@
-#include "platform/linux/death_links.h"
-
+// Death notices: which recipients are linked to which remote objects.
 #include <android/binder_ibinder.h>
 
 #include <algorithm>

@@ -8,9 +8,15 @@
 
 #include "platform/linux/binder_object.h"
 #include "platform/linux/connection.h"
-#include "platform/linux/death_links.h"
 
 namespace kvox::binder {
+
+class RemoteObject;
+
+/// Reports the death of a dead object to its recipients: died, then unlinked. On a pool thread.
+void ReportDeath(const RemoteObject& object);
+/// Unlinks the recipients of an object that has no reference left. Any thread.
+void UnlinkAll(const RemoteObject& object);
 
 /// Bound to its connection, whose object table has it under `id` as long as there is a strong
 /// reference.

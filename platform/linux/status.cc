@@ -43,8 +43,13 @@ const char* NameOf(const Name (&names)[N], int32_t value) {
   return found == std::end(names) ? nullptr : found->text;
 }
 
+/// The exception, or EX_TRANSACTION_FAILED for a number that is none.
+binder_exception_t KnownException(binder_exception_t exception) {
+  return NameOf(kExceptions, exception) == nullptr ? EX_TRANSACTION_FAILED : exception;
+}
+
 AStatus* NewException(binder_exception_t exception, int32_t code, const char* message) {
-  const binder_exception_t known = kvox::binder::KnownException(exception);
+  const binder_exception_t known = KnownException(exception);
   if (known == EX_NONE) return AStatus_newOk();
   if (known == EX_TRANSACTION_FAILED) code = STATUS_FAILED_TRANSACTION;
   return new AStatus{known, code, message == nullptr ? "" : message};
@@ -79,7 +84,7 @@ binder_status_t ReadHeader(const AParcel& parcel, AStatus* status) {
   if (result == STATUS_OK && status->exception == EX_SERVICE_SPECIFIC) {
     result = parcel.Read(&status->code);
   }
-  status->exception = kvox::binder::KnownException(status->exception);
+  status->exception = KnownException(status->exception);
   if (status->exception == EX_TRANSACTION_FAILED) status->code = STATUS_FAILED_TRANSACTION;
   return result;
 }
@@ -90,10 +95,6 @@ namespace kvox::binder {
 
 binder_status_t KnownStatus(binder_status_t status) {
   return NameOf(kStatuses, status) == nullptr ? STATUS_UNKNOWN_ERROR : status;
-}
-
-binder_exception_t KnownException(binder_exception_t exception) {
-  return NameOf(kExceptions, exception) == nullptr ? EX_TRANSACTION_FAILED : exception;
 }
 
 }  // namespace kvox::binder

@@ -15,7 +15,5 @@ namespace kvox::binder {
 
 /// The status, or STATUS_UNKNOWN_ERROR for a number that is none.
 binder_status_t KnownStatus(binder_status_t status);
-/// The exception, or EX_TRANSACTION_FAILED for a number that is none.
-binder_exception_t KnownException(binder_exception_t exception);
 
 }  // namespace kvox::binder
