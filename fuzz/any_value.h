@@ -1,4 +1,4 @@
-// Arguments of the interface's methods: values that mean something to the service, and any others.
+// Arguments of the interface's methods: values with a meaning for the service, and any others.
 #pragma once
 
 #include <aidl/kvox/BnKvox.h>
@@ -16,7 +16,7 @@ namespace kvox::fuzz {
 
 using aidl::kvox::IKvox;
 
-/// A client that takes every other packet.
+/// A client that accepts every other packet.
 class FickleReceiver : public IKvox::BnReceiveAudioCallback {
  public:
   ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket&) override {
@@ -57,7 +57,7 @@ inline constexpr const char* kTexts[] = {"MIC_IN",
                                          "20",
                                          "",
                                          "\xc3\xa9\xf0\x9f\x8e\xa4"};
-inline constexpr size_t kMostElements = 70;  // the service takes 64 at the most
+inline constexpr size_t kMostElements = 70;  // the service takes at most 64
 
 template <typename T>
 inline constexpr bool kIsVector = false;
@@ -104,7 +104,7 @@ T AnyValue(FuzzedDataProvider& input) {
     pair.element = AnyValue<int32_t>(input);
     return pair;
   } else if constexpr (std::is_same_v<T, IKvox::AudioPacket>) {
-    // Often one that a relay takes: a block of 480 frames or a multiple.
+    // Often one that a relay accepts: a block of 480 frames or a multiple.
     T packet;
     packet.processor_id = AnyValue<int32_t>(input);
     const auto blocks = input.ConsumeIntegralInRange<size_t>(0, 40);

@@ -1,4 +1,4 @@
-// What a fuzz target says about the code under test.
+// What a fuzz target checks.
 #pragma once
 
 #include <cstdio>
@@ -6,8 +6,8 @@
 
 namespace kvox::fuzz {
 
-/// Ends the run, which makes the input a finding, unless the property holds. `property` is a
-/// sentence that is true of sound code.
+/// Ends the run with a finding unless the property holds. `property` is a sentence that is true of
+/// correct code.
 inline void Check(bool holds, const char* property) {
   if (holds) return;
   std::fprintf(stderr, "fuzz: it is not true that %s\n", property);

@@ -1,4 +1,4 @@
-// Frames of the transport: sound ones for the tests' small interface, and any others.
+// Frames of the transport: valid ones for the tests' small interface, and any others.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -20,7 +20,7 @@ inline void Append(Wire& wire, const void* bytes, size_t size) {
   wire.insert(wire.end(), first, first + size);
 }
 
-/// A request to the object at `address` that any service takes.
+/// A valid request to the object at `address`.
 inline binder::Frame AnyRequest(FuzzedDataProvider& input, uint64_t address) {
   binder::Frame frame = binder::RequestTo(address, IEcho::TRANSACTION_Echo, IEcho::descriptor);
   switch (input.ConsumeIntegralInRange(0, 3)) {
@@ -46,8 +46,8 @@ inline binder::Frame AnyRequest(FuzzedDataProvider& input, uint64_t address) {
   return frame;
 }
 
-/// Some words of the frame become others.
-inline void Spoil(FuzzedDataProvider& input, Wire& wire) {
+/// Overwrites some words of the frame.
+inline void CorruptFrame(FuzzedDataProvider& input, Wire& wire) {
   constexpr uint32_t kWords[] = {0,  1,   2,      3,        4,          8,
                                  16, 257, 0x8000, 0x100000, 0x7fffffff, UINT32_MAX};
   for (int i = input.ConsumeIntegralInRange(1, 3); i > 0; --i) {

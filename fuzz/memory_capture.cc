@@ -1,4 +1,4 @@
-// Captures of a service that is fuzzed go nowhere: a client may name any file of this machine.
+// Captures of a fuzzed service are dropped: a client could name any file of this machine.
 
 #include "buffer/capture_file.h"
 

@@ -1,5 +1,5 @@
-// Calls of every method of the interface as they come out of a parcel, sound ones and broken ones,
-// on a service whose devices come, go and deliver meanwhile.
+// Calls of every method of the interface, valid and corrupted ones, to a service whose devices
+// come, go and deliver while it runs.
 
 #include <aidl/kvox/BnKvox.h>
 #include <fuzzer/FuzzedDataProvider.h>
@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kMostSteps = 40;  // of one input
 
-/// A method's request and reply, taken from its signature as interface/host/marshal.h says.
+/// A method's request and reply, from its signature as in interface/host/marshal.h.
 template <auto method>
 struct Call;
 

@@ -1,5 +1,5 @@
-// The log of fuzz targets: lines are made, since that is where a wrong argument would show, and
-// dropped.
+// The log of fuzz targets: lines are formatted, because that is where a wrong argument would show,
+// and dropped.
 
 #include "kvox/common/log.h"
 

@@ -1,5 +1,5 @@
-// Frames as a hostile peer sends them: to a service, and to a client that waits for a reply. What
-// comes back is well-formed, answers what was asked once, and nobody else notices anything.
+// Frames of a hostile peer: to a service, and to a client that waits for a reply. What comes back
+// is well-formed and replies to each call once; other peers are not affected.
 
 #include <fcntl.h>
 #include <fuzzer/FuzzedDataProvider.h>
@@ -27,7 +27,7 @@ constexpr size_t kMaxWire = 64 * 1024;  // fits into the socket, with all its re
 constexpr int kPatienceMs = 20000;
 constexpr uint64_t kRootAddress = 1 << 1 | binder::kReceiversObject;
 
-/// Answers like the tests' service, and calls the object that it was given.
+/// Works like the tests' service, and calls the object that it was given.
 class Mirror : public aidl::kvoxtest::BnEcho {
  public:
   ndk::ScopedAStatus Echo(const std::vector<uint8_t>& data, std::vector<uint8_t>* answer) override {
@@ -75,7 +75,7 @@ class Peer {
     while (sent < wire.size()) {
       const ssize_t count = send(fd_, &wire[sent], wire.size() - sent, MSG_NOSIGNAL);
       if (count < 0 && errno == EINTR) continue;  // the fuzzer's own clock
-      if (count <= 0) return;                     // a connection that was cut off takes no more
+      if (count <= 0) return;                     // the connection was cut off
       sent += static_cast<size_t>(count);
     }
   }
@@ -110,7 +110,7 @@ class Peer {
     Check(Receive(descriptor.data(), descriptor.size()), "a greeting is complete");
   }
 
-  /// The next frame, which has to be sound; none at the end of the stream.
+  /// The next frame, which must be valid; none at the end of the stream.
   std::optional<FrameHeader> ReceiveFrame() const {
     FrameHeader header;
     if (!Receive(&header, sizeof header)) return std::nullopt;
@@ -146,10 +146,10 @@ class Peer {
   const int fd_;
 };
 
-/// Numbers of calls and how often each was made and not answered yet.
+/// By the number of a call, how often it was made and has no reply yet.
 using Calls = std::map<uint64_t, int>;
 
-/// Frames for a service, and the calls among them. Answers whether all of them are sound.
+/// Makes frames for a service and notes the calls among them. Returns whether all are valid.
 bool MakeRequests(FuzzedDataProvider& input, Wire& wire, Calls& calls) {
   bool sound = true;
   const bool only_sound = input.ConsumeBool();
@@ -161,7 +161,7 @@ bool MakeRequests(FuzzedDataProvider& input, Wire& wire, Calls& calls) {
     if ((frame.header.flags & FLAG_ONEWAY) == 0) frame.header.call = ++call;
     Wire bytes = binder::Wire(frame);
     if (kind > 5 && !only_sound) {
-      Spoil(input, bytes);
+      CorruptFrame(input, bytes);
       sound = false;
     }
     if (kind == 7 && !only_sound) {
@@ -194,14 +194,14 @@ void AttackService(FuzzedDataProvider& input, Mirror& mirror) {
     if (!header) break;
     if (header->type != FrameType::kReply) continue;
     --unanswered;
-    // A number that was spoilt may be another's; the spoilt length of a frame may make new ones.
+    // A corrupted number may be that of another call; a corrupted length may create new frames.
     if (sound) Check(calls[header->call]-- == 1, "a call is answered once");
   }
   if (sound) Check(unanswered == 0, "every sound call is answered");
   mirror.Exchange(nullptr);
 }
 
-/// What a hostile service sends to a client that has made its first call.
+/// The frames of a hostile service to a client that has made its first call.
 Wire MakeReplies(FuzzedDataProvider& input) {
   Wire wire;
   while (input.remaining_bytes() > 0 && wire.size() < kMaxWire) {
@@ -223,7 +223,7 @@ Wire MakeReplies(FuzzedDataProvider& input) {
       frame.header.call = 7;
     }
     Wire bytes = binder::Wire(frame);
-    if (input.ConsumeIntegralInRange(0, 3) == 0) Spoil(input, bytes);
+    if (input.ConsumeIntegralInRange(0, 3) == 0) CorruptFrame(input, bytes);
     Append(wire, bytes.data(), bytes.size());
   }
   return wire;

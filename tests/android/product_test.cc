@@ -1,4 +1,4 @@
-// What a phone's build is told, against the code and the host's build.
+// The files of a phone's build, compared with the code and the host's build.
 #include <aidl/kvox/IKvox.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ std::string Read(const std::string& path) {
   return std::regex_replace(text.str(), std::regex(R"((^|\n)\s*(#|//)[^\n]*)"), "\n");
 }
 
-/// What the pattern's group matches, everywhere in the text.
+/// All matches of the pattern's group in the text.
 Words FindAll(const std::string& text, const std::string& pattern) {
   const std::regex regex(pattern);
   Words found;
@@ -66,7 +66,7 @@ Words Expand(const std::string& pattern) {
   return sources;
 }
 
-/// All that lists of this name hold in Android.bp, expanded.
+/// The contents of all lists of this name in Android.bp, expanded.
 Words ListedByAndroid(const std::string& list) {
   Words sources;
   for (const std::string& body : FindAll(Read("Android.bp"), "\\b" + list + R"(: \[([^\]]*)\])")) {

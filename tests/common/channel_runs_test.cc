@@ -7,7 +7,7 @@
 namespace kvox {
 namespace {
 
-/// What the conversion makes of `in`, on an output of dots.
+/// `in` converted into an output of dots.
 std::string Interleave(const std::string& in, const ChannelRuns& runs, size_t* converted) {
   std::string out(in.size(), '.');
   *converted =

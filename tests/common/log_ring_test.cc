@@ -28,7 +28,7 @@ TEST(LogRing, KeepsOrderThroughManyLapsAndCutsLongLines) {
   EXPECT_EQ(PopText(ring), "(empty)");
 }
 
-/// Collects lines; a blocked one stands for a log reader that has stopped reading.
+/// Collects lines. Blocked, it is like a log whose reader has stopped reading.
 class SlowLog : public LogCapture {
  public:
   void Write(LogPriority priority, const char* tag, const char* line) override {
@@ -45,7 +45,7 @@ class SlowLog : public LogCapture {
   std::atomic<bool> blocked_ = false;
 };
 
-TEST(DeferredLog, WritersNeverWaitAndEveryLineIsPassedOnOrCounted) {
+TEST(DeferredLog, WritersNeverWaitAndEveryLineIsWrittenOrCounted) {
   constexpr int kWriters = 4;
   constexpr int kLines = 2000;
   SlowLog destination;

@@ -1,4 +1,4 @@
-// The table that the C++ side is made from, against the interface's own file.
+// The table behind the C++ side, compared with the interface's own file.
 #include <aidl/kvox/IKvox.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ std::string Contract() {
   return std::regex_replace(text.str(), std::regex(R"(/\*[^*]*\*+([^/*][^*]*\*+)*/|//[^\n]*)"), "");
 }
 
-/// What stands between the braces after `head`.
+/// The text between the braces after `head`.
 std::string Block(const std::string& text, const std::string& head) {
   const size_t first = text.find(head + " {") + head.size() + 2;
   size_t end = first;
@@ -41,7 +41,7 @@ std::string Block(const std::string& text, const std::string& head) {
   return text.substr(first, end - first - 1);
 }
 
-/// How the file's words become C++, one after the other.
+/// From the file's words to C++, applied in order.
 constexpr std::pair<const char*, const char*> kToCpp[] = {
     {R"(\s+)", " "},
     {R"(\bint\b)", "int32_t"},
@@ -79,7 +79,7 @@ TEST(Contract, MethodsHaveTheFilesOrderNamesAndTypes) {
   for (uint32_t i = 0; i < kCodes.size(); ++i) EXPECT_EQ(kCodes[i], FIRST_CALL_TRANSACTION + i);
 }
 
-/// All methods are marshalled alike from their signatures; what a row passes on is all it adds.
+/// Marshalling follows from the signatures; a row only adds the arguments that it passes on.
 TEST(Contract, EveryRowPassesItsParametersOnInOrder) {
   static const std::regex kName(R"((\w+)[,)])");
   for (size_t i = 0; i < kRows.size(); ++i) {

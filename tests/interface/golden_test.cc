@@ -21,7 +21,7 @@ using std::string;
 const string kToken = "0a000000 6b007600 6f007800 2e004900 4b007600 6f007800 00000000 ";
 constexpr int32_t kArt0 = 0x61727430;
 
-/// An object whose calls come to nothing but their bytes.
+/// An object that records the bytes of calls.
 class Wire {
  public:
   Wire()
@@ -113,7 +113,7 @@ TEST(Requests, ForVersionAndHashAreMadeOnce) {
   EXPECT_EQ(hash, "ab");
 }
 
-/// Answers every command with the same values.
+/// Returns the same values for every command.
 class ScriptedService : public BnKvox {
  public:
 #define KVOX_SCRIPTED(name, parameters, arguments)                           \
@@ -190,7 +190,7 @@ TEST(Replies, OfAServiceThatRefuses) {
   EXPECT_EQ(
       Reply(callback, 1, "01000000 1c000000 05000000 00000000 00000000 00000000 00000000 00000000"),
       Normal("fbffffff 00000000 00000000 00000000"));
-  // A text that cannot be written costs the reply.
+  // A string that cannot be written fails the whole reply.
   const auto service = ndk::SharedRefBase::make<ScriptedService>();
   service->next<IKvox::CommandResult>().lines = {"cut \xc3"};
   EXPECT_EQ(Reply(service, IKvox::TRANSACTION_ShowGraph), "failed -22");

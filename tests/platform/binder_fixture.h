@@ -27,7 +27,7 @@ namespace kvox::binder {
 using aidl::kvoxtest::IEcho;
 using ndk::ScopedAStatus;
 
-/// A text that several threads add to.
+/// A text that several threads append to.
 class SharedText {
  public:
   void Add(const std::string& part) {
@@ -44,7 +44,7 @@ class SharedText {
   std::string text_ GUARDED_BY(mutex_);
 };
 
-/// Holds threads up until it is opened.
+/// Blocks threads until it is opened.
 class Gate {
  public:
   explicit Gate(bool open) : open_(open) {}
@@ -69,7 +69,7 @@ class EchoService : public aidl::kvoxtest::BnEcho {
  public:
   ~EchoService() override { ++destroyed; }
 
-  /// With asks_held, the held object is asked first, with a byte less.
+  /// With asks_held, calls Echo of the held object first, with one byte less.
   ScopedAStatus Echo(const std::vector<uint8_t>& data, std::vector<uint8_t>* answer) override {
     gate.Pass();
     *answer = data;

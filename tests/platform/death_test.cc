@@ -1,4 +1,4 @@
-// How the end of a process is noticed, and by whom.
+// Who is told of a process's death, and when.
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -7,7 +7,7 @@
 namespace kvox::binder {
 namespace {
 
-/// What one link reports, in its order.
+/// What one link reports, in order.
 class Reports : public SharedText {
  public:
   explicit Reports(ndk::ScopedAIBinder_DeathRecipient* recipient) {
@@ -18,7 +18,7 @@ class Reports : public SharedText {
   }
 };
 
-/// A binder, and what a link to its end reports.
+/// A binder, and what a link to its death reports.
 class LinkTest : public BinderTest {
  protected:
   binder_status_t Link() {
@@ -32,7 +32,7 @@ class LinkTest : public BinderTest {
 
 class DeathTest : public LinkTest {
  protected:
-  /// A service whose callers may live on when its connections break.
+  /// A service whose clients survive when its connections break.
   void SetUp() override {
     BinderTest::SetUp();
     Serve(2);
@@ -80,8 +80,8 @@ TEST_F(DeathTest, LinksThatEndOtherwiseAreOnlyUnlinked) {
   EXPECT_EQ(reports_.text(), "unlinked unlinked ");
 }
 
-/// A client in a process of its own that gives an object to the service and waits to be killed. It
-/// is made before this process has threads.
+/// A client in its own process that gives an object to the service and waits to be killed. Forked
+/// before this process has threads.
 class ClientDeathTest : public LinkTest {
  protected:
   void SetUp() override {
@@ -90,7 +90,7 @@ class ClientDeathTest : public LinkTest {
     if (child_ == 0) {
       ABinderProcess_startThreadPool();
       const auto own = ndk::SharedRefBase::make<EchoService>();
-      own->gate.Close();  // answers nothing
+      own->gate.Close();  // never replies
       const auto client = IEcho::fromBinder(ndk::SpAIBinder(AServiceManager_waitForService(kName)));
       std::shared_ptr<IEcho> before;
       if (!client->Swap(own, &before).isOk()) _exit(1);
@@ -132,7 +132,7 @@ TEST_F(ClientDeathTest, IsReportedAsSoonAsABusyThreadIsFree) {
   ASSERT_TRUE(WaitFor([&] { return service_->gate.waiting() == 2; }));
   Kill();
   ASSERT_TRUE(WaitFor([&] { return !AIBinder_isAlive(binder_.get()); }));
-  EXPECT_EQ(reports_.text(), "") << "nobody is free";
+  EXPECT_EQ(reports_.text(), "") << "no thread is free";
   service_->gate.Open();
   EXPECT_TRUE(WaitFor([&] { return reports_.text() == "died unlinked "; }));
   for (auto& caller : callers) caller.join();

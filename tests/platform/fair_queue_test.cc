@@ -1,4 +1,4 @@
-// Shares of the pool, and of the log.
+// Fair shares of the pool and of the log.
 #include "platform/linux/fair_queue.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ std::string PopAll(FairQueue<std::string>* queue, const Credentials& finished) {
   return order;
 }
 
-TEST(FairQueue, UsersTakeThemThenProcessesThenQueues) {
+TEST(FairQueue, UsersTakeTurnsThenProcessesThenQueues) {
   FairQueue<std::string> queue;
   for (const char* item : {"a1", "a2", "a3"}) queue.Push({1, 10}, item);
   for (const char* item : {"b1", "b2"}) queue.Push({1, 11}, item);
@@ -35,7 +35,7 @@ TEST(FairQueue, UsersTakeThemThenProcessesThenQueues) {
   EXPECT_TRUE(queue.empty());
 }
 
-TEST(FairQueue, WhoHasLessUnderWayGoesFirst) {
+TEST(FairQueue, FewerItemsInFlightGoFirst) {
   FairQueue<std::string> queue;
   for (const char* item : {"slow1", "slow2", "slow3"}) queue.Push({1, 10}, item);
   queue.Push({1, 11}, "other process");
@@ -50,7 +50,7 @@ TEST(FairQueue, WhoHasLessUnderWayGoesFirst) {
   EXPECT_EQ(PopAll(&queue, {1, 10}), "slow3 ");
 }
 
-TEST(DisconnectLog, CountsWhatIsTooMuchForASecond) {
+TEST(DisconnectLog, CountsLinesBeyondTheLimitOfASecond) {
   DisconnectLog log;
   const DisconnectLog::Clock::time_point now{std::chrono::hours(1)};
   bool first_dropped = true;

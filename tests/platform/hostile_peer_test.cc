@@ -1,4 +1,4 @@
-// What a peer may do wrong hurts itself alone.
+// Whatever a peer does wrong, it harms only itself.
 #include <android/binder_parcel_utils.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -43,8 +43,8 @@ class HostilePeerTest : public BinderTest {
     ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
     ASSERT_TRUE(peer_->ReceiveFrame());
   }
-  /// Sends the frame again and again, without reading, until the service takes no more. Answers how
-  /// often it was sent whole.
+  /// Sends the frame again and again, without reading, until the service takes no more. Returns how
+  /// many whole frames were sent.
   size_t Flood(const Frame& frame) {
     const auto wire = Wire(frame);
     EXPECT_EQ(fcntl(peer_->fd(), F_SETFL, O_NONBLOCK), 0);
@@ -60,7 +60,7 @@ class HostilePeerTest : public BinderTest {
     };
     pollfd writable{.fd = peer_->fd(), .events = POLLOUT, .revents = 0};
     do fill();
-    while (poll(&writable, 1, 200) == 1 && writable.revents == POLLOUT && bytes < kEnough);
+    while (poll(&writable, 1, 50) == 1 && writable.revents == POLLOUT && bytes < kEnough);
     EXPECT_LT(bytes, 8 * kPauseRequestBytes);
     EXPECT_EQ(fcntl(peer_->fd(), F_SETFL, 0), 0);
     return bytes / wire.size();
@@ -162,7 +162,7 @@ TEST_F(HostilePeerTest, WrongTokensAndCodesAreAnsweredAsFailures) {
 }
 
 TEST_F(HostilePeerTest, APeerThatDoesNotReadIsNotReadFrom) {
-  // The reply to a call is as long as its request; a question is answered by the reactor itself.
+  // The reply to a call is as long as its request; the reactor itself serves a root request.
   const auto echo = [&] {
     return peer_->Request(IEcho::TRANSACTION_Echo, "00400000" + std::string(32768, '7'));
   };
@@ -176,7 +176,7 @@ TEST_F(HostilePeerTest, APeerThatDoesNotReadIsNotReadFrom) {
     const size_t sent = Flood(frame);
     EXPECT_GT(sent, 0u);
     ExpectServiceWell();
-    // Once it reads, all that was sent whole is answered.
+    // Once it reads, every whole frame has its reply.
     for (size_t i = 0; i < sent; ++i) {
       const auto reply = peer_->ReceiveFrame();
       ASSERT_TRUE(reply) << i << " of " << sent;
@@ -215,7 +215,7 @@ TEST_F(HostilePeerTest, AClientWaitsWhileTheServiceIsOutOfDescriptors) {
   std::vector<UniqueFd> all;
   for (UniqueFd fd(dup(0)); fd.valid(); fd = UniqueFd(dup(0))) all.push_back(std::move(fd));
   all.pop_back();
-  RawPeer late(Path());  // takes the last one, the service finds none
+  RawPeer late(Path());  // takes the last descriptor, none is left for the service
   all.clear();
   late.Greet();
   EXPECT_EQ(late.descriptor(), IEcho::descriptor);
@@ -224,7 +224,7 @@ TEST_F(HostilePeerTest, AClientWaitsWhileTheServiceIsOutOfDescriptors) {
 }
 
 /// Requests pile up to the limit of one connection, while the service's threads wait for replies
-/// that lie behind them on the same connection.
+/// that come after them on the same connection.
 TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
   constexpr uint64_t kCalls = 3 * kPauseRequests;
   GreetAndGiveObject();
@@ -247,7 +247,7 @@ TEST_F(HostilePeerTest, RepliesAreFoundBehindWaitingRequests) {
   }
 }
 
-/// Else answers to one call, each with an object to let go, would keep the pool from all others.
+/// Otherwise replies to one call, each with an object to release, could keep the pool busy.
 TEST_F(HostilePeerTest, ASecondReplyToACallEndsTheConnection) {
   GreetAndGiveObject();
   service_->asks_held = true;
@@ -264,7 +264,7 @@ TEST_F(HostilePeerTest, ASecondReplyToACallEndsTheConnection) {
   ExpectServiceWell();
 }
 
-/// Else one that connects, calls and goes fills the memory while all threads are busy.
+/// Otherwise one that connects, calls and leaves fills the memory while all threads are busy.
 TEST_F(HostilePeerTest, ADeadPeerKeepsItsPlaceUntilItsCallsAreDropped) {
   peer_->Greet();
   service_->gate.Close();
@@ -283,8 +283,7 @@ TEST_F(HostilePeerTest, ADeadPeerKeepsItsPlaceUntilItsCallsAreDropped) {
   EXPECT_TRUE(WaitFor([&] { return ConnectToService(Path()).error.empty(); }));
 }
 
-/// Hundreds of small frames in one go are not all taken before another client has its turn; all are
-/// answered in the end.
+/// Hundreds of small frames at once are taken in several rounds; every one gets its reply.
 TEST_F(HostilePeerTest, ManyFramesAtOnceAreTakenInParts) {
   constexpr size_t kQuestions = 20 * kMaxFramesAtOnce + 1;
   peer_->Greet();

@@ -1,4 +1,4 @@
-// Parcels from and to text: bytes in hexadecimal, blanks and '|' between them as one likes.
+// Parcels from and to text: bytes in hexadecimal, with any blanks and '|' between them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ inline std::string Normal(std::string_view hex) {
   return Hex(Bytes(hex));
 }
 
-/// Adds the bytes to a parcel that is being written.
+/// Appends the bytes to a parcel.
 inline void Append(AParcel& parcel, std::string_view hex) {
   const auto bytes = Bytes(hex);
   EXPECT_EQ(parcel.WriteBytes(bytes.data(), bytes.size()), STATUS_OK);

@@ -1,4 +1,4 @@
-// Frames that are put together by hand.
+// Frames made by hand.
 #pragma once
 
 #include <cstring>
@@ -28,14 +28,13 @@ inline std::vector<uint8_t> Wire(const Frame& frame) {
   return wire;
 }
 
-/// A number at the end of the parcel.
+/// Appends a number to the parcel.
 inline void Put(Frame* frame, int32_t value) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
   frame->parcel.insert(frame->parcel.end(), bytes, bytes + sizeof value);
 }
 
-/// A reference to object number `id` of the sender's at the end of the parcel, and its entry in the
-/// object list.
+/// Appends a reference to the sender's object `id` to the parcel, and its entry to the object list.
 inline void PutObject(Frame* frame, uint64_t id, std::string_view descriptor) {
   const ObjectEntry entry{static_cast<uint32_t>(frame->parcel.size()),
                           static_cast<uint32_t>(descriptor.size())};
@@ -51,7 +50,7 @@ inline void PutObject(Frame* frame, uint64_t id, std::string_view descriptor) {
   ++frame->header.object_count;
 }
 
-/// A request whose arguments are still to come.
+/// A request without its arguments.
 inline Frame RequestTo(uint64_t address, transaction_code_t code, const char* descriptor) {
   AParcel token;
   WriteInterfaceToken(token, descriptor);

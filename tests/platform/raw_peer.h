@@ -1,4 +1,4 @@
-// A peer that speaks frames by hand, well or badly.
+// A peer that sends and receives frames made by hand, valid or not.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ namespace kvox::binder {
 
 class RawPeer {
  public:
-  /// Connects without a word.
+  /// Connects without a greeting.
   explicit RawPeer(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM, 0)) {
     sockaddr_un address;
     std::string error;
@@ -30,7 +30,7 @@ class RawPeer {
     EXPECT_EQ(setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
   }
 
-  /// Exchanges greetings; the service's object is at greeting().address afterwards.
+  /// Exchanges greetings; greeting() then has the address of the service's object.
   void Greet() {
     Send(ClientGreeting());
     ASSERT_TRUE(Receive(&greeting_, sizeof greeting_));
@@ -69,7 +69,7 @@ class RawPeer {
     return frame;
   }
 
-  /// Whether the other end closes; what it sends before is dropped.
+  /// Waits for the other end to close; drops what it sends before.
   bool Closed() {
     char byte;
     while (Receive(&byte, 1)) {

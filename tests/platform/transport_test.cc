@@ -1,4 +1,4 @@
-// Calls and objects between two ends of a socket.
+// Calls and objects between the two ends of a socket.
 #include <android/binder_parcel_utils.h>
 #include <sys/wait.h>
 
@@ -148,7 +148,7 @@ TEST_F(TransportTest, OneWayCallsKeepTheirOrderAndHoldNobodyUp) {
   std::iota(sent.begin(), sent.end(), 0);
   for (const int32_t number : sent) ASSERT_TRUE(busy->Note(number).isOk());
   ASSERT_TRUE(WaitFor([&] { return service_->gate.waiting() == 1; }));
-  // One thread is at the first note; the other one serves.
+  // One thread is stuck in the first note; the other one serves.
   EXPECT_EQ(AIBinder_ping(other->asBinder().get()), STATUS_OK);
   service_->gate.Open();
   EXPECT_TRUE(WaitFor([&] { return service_->notes().size() == sent.size(); }));
