@@ -22,23 +22,23 @@ void CopyText(std::array<char, Size>& to, const char* from) {
 }  // namespace
 
 LogRing::LogRing() : slots_(std::make_unique<std::array<Slot, kCapacity>>()) {
-  for (Slot& slot : *slots_) slot.turn.store(0, std::memory_order_relaxed);
+  for (Slot& slot : *slots_) slot.sequence.store(0, std::memory_order_relaxed);
 }
 
 bool LogRing::Push(LogPriority priority, const char* tag, const char* text) {
   uint64_t tail = tail_.load(std::memory_order_relaxed);
   for (;;) {
     Slot& slot = (*slots_)[tail % kCapacity];
-    const uint64_t write_turn = tail / kCapacity * 2;
+    const uint64_t write_sequence = tail / kCapacity * 2;
     // Acquire: pairs with Pop's release, so the reader is done with the slot's last line.
-    if (slot.turn.load(std::memory_order_acquire) == write_turn) {
-      // Relaxed: the counter only hands out slots; the slot's turn orders its contents.
+    if (slot.sequence.load(std::memory_order_acquire) == write_sequence) {
+      // Relaxed: the counter only hands out slots; the slot's sequence orders its contents.
       if (!tail_.compare_exchange_weak(tail, tail + 1, std::memory_order_relaxed)) continue;
       slot.line.priority = priority;
       CopyText(slot.line.tag, tag);
       CopyText(slot.line.text, text);
       // Release: pairs with Pop's acquire and hands the line over.
-      slot.turn.store(write_turn + 1, std::memory_order_release);
+      slot.sequence.store(write_sequence + 1, std::memory_order_release);
       return true;
     }
     const uint64_t now = tail_.load(std::memory_order_relaxed);
@@ -52,13 +52,13 @@ bool LogRing::Push(LogPriority priority, const char* tag, const char* text) {
 
 bool LogRing::Pop(Line& line) {
   Slot& slot = (*slots_)[head_ % kCapacity];
-  const uint64_t read_turn = head_ / kCapacity * 2 + 1;
+  const uint64_t read_sequence = head_ / kCapacity * 2 + 1;
   // Acquire: pairs with Push's release.
-  if (slot.turn.load(std::memory_order_acquire) != read_turn) return false;
+  if (slot.sequence.load(std::memory_order_acquire) != read_sequence) return false;
   line = slot.line;
   ++head_;
   // Release: pairs with Push's acquire and gives the slot to the next lap's writer.
-  slot.turn.store(read_turn + 1, std::memory_order_release);
+  slot.sequence.store(read_sequence + 1, std::memory_order_release);
   return true;
 }
 

@@ -44,7 +44,7 @@ class LogRing {
 
  private:
   struct Slot {
-    std::atomic<uint64_t> turn;  // which pass may touch the slot: 2 * lap to write, + 1 to read
+    std::atomic<uint64_t> sequence;  // 2 * lap: free for that lap's writer; + 1: holds its line
     Line line;
   };
 

@@ -132,10 +132,14 @@ class BinderTest : public ::testing::Test {
     ABinderProcess_startThreadPool();
   }
   std::string Path() const { return SocketPath(directory_, kName); }
-  /// Another client: a connection of its own.
+  /// Another client with its own connection, once the service has room for it.
   std::shared_ptr<IEcho> Client() const {
-    ServiceLink link = ConnectToService(Path());
-    EXPECT_EQ(link.error, "");
+    ServiceLink link;
+    const auto connects = [&] {
+      link = ConnectToService(Path());
+      return link.error.empty();
+    };
+    EXPECT_TRUE(WaitFor(connects)) << link.error;
     return IEcho::fromBinder(link.root);
   }
   static std::vector<uint8_t> Echo(IEcho& client, std::vector<uint8_t> data) {

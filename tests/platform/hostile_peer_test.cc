@@ -20,6 +20,15 @@ class HostilePeerTest : public BinderTest {
     Serve(2);
     peer_.emplace(Path());
   }
+  /// Another peer in the place of the last one, once the service has room for it.
+  void Reconnect() {
+    const auto is_admitted = [&] {
+      peer_.emplace(Path());
+      peer_->Greet();
+      return peer_->greeting().result == AdmitResult::kAdmitted;
+    };
+    ASSERT_TRUE(WaitFor(is_admitted));
+  }
   void ExpectServiceWell() {
     const auto client = Client();
     EXPECT_EQ(Echo(*client, {1, 2, 3}), (std::vector<uint8_t>{1, 2, 3}));
@@ -125,16 +134,14 @@ TEST_F(HostilePeerTest, MalformedFramesEndTheConnectionAndNothingElse) {
       {"reference never given", [](Frame& f) { f.parcel[f.parcel.size() - 12] = 0x41; }},
   };
   for (const auto& [name, change] : rows) {
-    peer_.emplace(Path());
-    peer_->Greet();
+    Reconnect();
     Frame frame = SwapRequest();
     change(frame);
     peer_->SendFrame(frame);
     EXPECT_TRUE(peer_->Closed()) << name;
   }
   ExpectServiceWell();
-  peer_.emplace(Path());
-  peer_->Greet();
+  Reconnect();
   ASSERT_TRUE(peer_->SendFrame(SwapRequest()));
   EXPECT_EQ(peer_->ReceiveFrame()->header.code, 0u) << "unchanged it is taken";
 }
@@ -170,8 +177,7 @@ TEST_F(HostilePeerTest, APeerThatDoesNotReadIsNotReadFrom) {
     return Frame{.header = {.type = FrameType::kRootRequest, .call = 1}};
   };
   for (const std::function<Frame()>& make : {std::function<Frame()>(echo), {question}}) {
-    peer_.emplace(Path());
-    peer_->Greet();
+    Reconnect();
     const Frame frame = make();
     const size_t sent = Flood(frame);
     EXPECT_GT(sent, 0u);
