@@ -1,0 +1,91 @@
+#include "tests/campaign/fault_plan.h"
+
+#include <algorithm>
+
+namespace kvox::campaign {
+namespace {
+
+constexpr size_t kMostAtOnce = 3;
+constexpr double kMostApart_s = 0.5;
+constexpr double kMostCalm_s = 0.3;
+
+Ms RandomMs(Dice& dice, double most_s) {
+  return Ms(static_cast<int64_t>(dice.Seconds(0, most_s) * 1000));
+}
+
+}  // namespace
+
+Ms FaultEvent::Lasts() const {
+  Ms begin{};
+  Ms end{};
+  for (const Part& part : parts) {
+    begin += part.after;
+    end = std::max(end, begin + part.injection.lasts);
+  }
+  return end;
+}
+
+Ms FaultEvent::RecoveryLimit() const {
+  Ms limit{};
+  for (const Part& part : parts) limit = std::max(limit, part.kind->recovery);
+  return limit;
+}
+
+bool FaultEvent::Has(FaultGroup group) const {
+  return std::any_of(parts.begin(), parts.end(),
+                     [&](const Part& part) { return part.kind->group == group; });
+}
+
+std::string FaultEvent::Text() const {
+  std::string text;
+  const auto add = [&](const std::string& words) { text += (text.empty() ? "" : "; ") + words; };
+  for (const Part& part : parts) {
+    for (const std::string& words : part.injection.words) add(words);
+    if (part.injection.kills) {
+      add("simulator killed, away for " + std::to_string(part.injection.away.count()) + " ms");
+    }
+  }
+  return text;
+}
+
+FaultPlan::FaultPlan(uint64_t seed, bool quick, const FaultKind* only) : dice_(seed) {
+  for (const FaultKind& kind : FaultKinds()) {
+    if (only != nullptr ? &kind != only : quick && kind.slow) continue;
+    kinds_.push_back(&kind);
+    weights_ += kind.weight;
+  }
+  alone_ = kinds_;
+  for (size_t i = alone_.size(); i > 1; --i) std::swap(alone_[i - 1], alone_[dice_.Roll(i)]);
+}
+
+const FaultKind& FaultPlan::Choose() {
+  if (weights_ == 0) return *kinds_.front();
+  size_t left = dice_.Roll(weights_);
+  for (const FaultKind* kind : kinds_) {
+    if (left < kind->weight) return *kind;
+    left -= kind->weight;
+  }
+  return *kinds_.front();
+}
+
+FaultEvent::Part FaultPlan::Make(const FaultKind& kind) {
+  return {&kind, kind.make(dice_), Ms(0)};
+}
+
+FaultEvent FaultPlan::Next() {
+  FaultEvent event;
+  if (!alone_.empty()) {
+    event.parts.push_back(Make(*alone_.back()));
+    alone_.pop_back();
+  } else {
+    const size_t parts = 1 + dice_.Roll(kMostAtOnce);
+    for (size_t i = 0; i < parts; ++i) {
+      event.parts.push_back(Make(Choose()));
+      if (i > 0) event.parts.back().after = RandomMs(dice_, kMostApart_s);
+    }
+  }
+  event.calm = RandomMs(dice_, kMostCalm_s);
+  return event;
+}
+
+}  // namespace kvox::campaign
