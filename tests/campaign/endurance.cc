@@ -55,7 +55,7 @@ bool EnduranceRun::Recover(const std::string& words) {
 
 bool EnduranceRun::TakeSample() {
   if (!stage_.Halt(Stand::kAtReference) || !stage_.CheckGraph()) return false;
-  const Resources resources = stage_.machine().DaemonResources();
+  const ResourceUsage resources = stage_.machine().DaemonResources();
   trend_.Add(Seconds(), resources);
   fmt::print("{:>7.0f}s  {:>7}  {:>10}  {:>13} ms  {:>6} KiB  {:>11}  {:>7}\n", Seconds(), flaps_,
              recoveries_, slowest_.count(), resources.memory_kib, resources.descriptors,

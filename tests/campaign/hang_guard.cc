@@ -2,7 +2,7 @@
 
 #include <signal.h>
 
-#include "tests/campaign/resources.h"
+#include "tests/support/proc.h"
 
 namespace kvox::campaign {
 namespace {
@@ -30,7 +30,7 @@ void HangGuard::Watch() {
     if (!call) continue;
     {
       const std::lock_guard lock(mutex_);
-      hang_ = *call + " does not return\n" + DescribeResources(daemon_);
+      hang_ = *call + " does not return\n" + DescribeProcess(daemon_);
     }
     kill(daemon_, SIGKILL);
     return;

@@ -11,7 +11,7 @@ constexpr Ms kLook{50};
 
 /// The allocator keeps parts of what was freed, more or less of it from one moment to the next.
 /// What grows bit by bit is for the soak to find.
-constexpr uint64_t kMemorySlackKib = 3072;
+constexpr int64_t kMemorySlackKib = 3072;
 
 }  // namespace
 
@@ -31,7 +31,7 @@ bool LeakCheck::Begin() {
   return true;
 }
 
-bool LeakCheck::IsBack(const Resources& now) const {
+bool LeakCheck::IsBack(const ResourceUsage& now) const {
   return now.descriptors <= before_.descriptors && now.threads <= before_.threads &&
          (!MemoryIsMeasurable() || now.memory_kib <= before_.memory_kib + kMemorySlackKib);
 }
@@ -40,7 +40,7 @@ bool LeakCheck::Check() {
   if (!Stands()) return false;
   const Ms lost_before = stage_.load().Lost();
   const auto begin = Clock::now();
-  Resources now = stage_.machine().DaemonResources();
+  ResourceUsage now = stage_.machine().DaemonResources();
   while (!IsBack(now) &&
          Clock::now() < begin + kReleaseLimit + stage_.load().Allowance(lost_before)) {
     std::this_thread::sleep_for(kLook);
@@ -48,7 +48,7 @@ bool LeakCheck::Check() {
   }
   if (!IsBack(now)) {
     stage_.findings().Add("something is not given back: {} before, {} now\n{}", before_.Text(),
-                          now.Text(), DescribeResources(stage_.machine().daemon_pid()));
+                          now.Text(), DescribeProcess(stage_.machine().daemon_pid()));
   }
   stage_.Resume();
   return stage_.Healthy();

@@ -2,8 +2,8 @@
 // against what they were before the first fault.
 #pragma once
 
-#include "tests/campaign/resources.h"
 #include "tests/campaign/stage.h"
+#include "tests/support/proc.h"
 
 namespace kvox::campaign {
 
@@ -19,10 +19,10 @@ class LeakCheck {
 
  private:
   bool Stands();
-  bool IsBack(const Resources& now) const;
+  bool IsBack(const ResourceUsage& now) const;
 
   Stage& stage_;
-  Resources before_;
+  ResourceUsage before_;
 };
 
 }  // namespace kvox::campaign

@@ -1,14 +1,19 @@
 #include "tests/campaign/machine.h"
 
+#include <android/binder_manager.h>
+#include <fmt/format.h>
 #include <sched.h>
 #include <signal.h>
-#include <stdlib.h>
 
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
 
+#include "interface/service_name.h"
+#include "platform/linux/include/kvox_host/binder_host.h"
+#include "platform/platform.h"
 #include "tests/campaign/streams.h"
 
 namespace kvox::campaign {
@@ -24,20 +29,19 @@ void GivePriority(pid_t pid) {
   sched_setscheduler(pid, SCHED_FIFO, &param);
 }
 
-/// What the programs find when they start. Before any client starts: they read the environment.
-const bench::PrivateDirectory& Prepare(const bench::PrivateDirectory& home) {
-  setenv("KVOX_DEV_DIR", home.Folder("dev").c_str(), 1);
-  unsetenv("ANDROID_LOG_TAGS");
-  std::ofstream(home.path() / "scenario.toml") << ScenarioText();
-  return home;
+/// "exit status 1", "signal 11 (Segmentation fault)"
+std::string EndText(int status) {
+  return status >= 0 ? fmt::format("exit status {}", status)
+                     : fmt::format("signal {} ({})", -status, strsignal(-status));
 }
 
 /// One that takes commands: its devices are there then.
-std::unique_ptr<bench::Child> StartSimulator(const bench::PrivateDirectory& home) {
-  const auto scenario = home.path() / "scenario.toml";
-  auto simulator = std::make_unique<bench::Child>(
-      std::vector<std::string>{KVOSIM_PROGRAM, "--scenario", scenario}, home.path() / "kvosim");
-  const SimControl control(home.path() / "dev");
+std::unique_ptr<Process> StartSimulator(const HostDirectories& home) {
+  const auto scenario = home / "scenario.toml";
+  std::ofstream(scenario) << ScenarioText();
+  auto simulator = std::make_unique<Process>(
+      KVOSIM_PROGRAM, std::vector<std::string>{"--scenario", scenario}, home / "kvosim");
+  const SimControl control(home / "dev");
   const auto until = Clock::now() + kDevicesPatience;
   for (;;) {
     try {
@@ -57,16 +61,22 @@ std::unique_ptr<bench::Child> StartSimulator(const bench::PrivateDirectory& home
 }  // namespace
 
 Machine::Machine()
-    : simulator_(StartSimulator(Prepare(home_))),
-      daemon_(home_),
-      sim_(home_.path() / "dev"),
-      log_(home_.path() / "kvoxd.err"),
-      caller_(daemon_.shared_service(), calls_),
-      guard_(calls_, daemon_.pid()) {}
+    : simulator_(StartSimulator(home_)),
+      daemon_(KVOXD_PROGRAM, {}, home_ / "kvoxd"),
+      service_(IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_getService(KvoxDescriptor())))),
+      sim_(home_ / "dev"),
+      log_(home_ / "kvoxd.err"),
+      caller_(service_, calls_),
+      guard_(calls_, daemon_.pid()) {
+  if (!service_) throw std::runtime_error("kvoxd does not serve: " + kvox::ServiceError());
+}
+
+Machine::~Machine() {
+  kvox_host::StopBinder();
+}
 
 void Machine::ReplaceSimulator(Ms away) {
-  simulator_->Signal(SIGKILL);
-  while (!simulator_->Ended()) std::this_thread::sleep_for(Ms(1));
+  simulator_.reset();
   std::this_thread::sleep_for(away);
   simulator_ = StartSimulator(home_);
 }
@@ -74,8 +84,8 @@ void Machine::ReplaceSimulator(Ms away) {
 std::string Machine::Trouble() {
   log_.Follow();
   if (std::string hang = guard_.Hang(); !hang.empty()) return hang;
-  if (const auto end = daemon_.child().Ended()) return "kvoxd has ended: " + *end;
-  if (const auto end = simulator_->Ended()) return "kvosim has ended: " + *end;
+  if (const auto end = daemon_.Ended()) return "kvoxd has ended: " + EndText(*end);
+  if (const auto end = simulator_->Ended()) return "kvosim has ended: " + EndText(*end);
   if (!ledger().report().empty()) return "a sanitizer reports: " + ledger().report();
   return "";
 }
@@ -84,11 +94,11 @@ void Machine::KeepLogs(const std::filesystem::path& directory) {
   std::error_code ignored;
   std::filesystem::create_directories(directory, ignored);
   for (const char* name : {"kvoxd.err", "kvosim.out", "kvosim.err", "scenario.toml"}) {
-    std::filesystem::copy_file(home_.path() / name, directory / name,
+    std::filesystem::copy_file(home_ / name, directory / name,
                                std::filesystem::copy_options::overwrite_existing, ignored);
   }
-  std::ofstream(directory / "kvoxd.proc") << DescribeResources(daemon_.pid());
-  daemon_.child().Signal(SIGKILL);
+  std::ofstream(directory / "kvoxd.proc") << DescribeProcess(daemon_.pid());
+  daemon_.Signal(SIGKILL);
 }
 
 }  // namespace kvox::campaign

@@ -6,13 +6,13 @@
 #include <optional>
 #include <string>
 
-#include "bench/child.h"
-#include "bench/daemon_under_test.h"
 #include "tests/campaign/caller.h"
 #include "tests/campaign/hang_guard.h"
 #include "tests/campaign/log_reader.h"
-#include "tests/campaign/resources.h"
 #include "tests/campaign/sim_control.h"
+#include "tests/support/proc.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_directory.h"
 
 namespace kvox::campaign {
 
@@ -20,14 +20,18 @@ class Machine {
  public:
   /// Starts both. Throws std::runtime_error when one does not come up.
   Machine();
+  /// Also ends the threads of this process that serve calls.
+  ~Machine();
+  Machine(const Machine&) = delete;
+  Machine& operator=(const Machine&) = delete;
 
-  bench::PrivateDirectory& home() { return home_; }
+  const HostDirectories& home() const { return home_; }
   SimControl& sim() { return sim_; }
   Caller& caller() { return caller_; }
-  std::shared_ptr<IKvox> service() const { return daemon_.shared_service(); }
+  std::shared_ptr<IKvox> service() const { return service_; }
   CallWatch& calls() { return calls_; }
   pid_t daemon_pid() const { return daemon_.pid(); }
-  Resources DaemonResources() const { return ReadResources(daemon_.pid()); }
+  ResourceUsage DaemonResources() const { return ReadResources(daemon_.pid()); }
 
   /// Kills the simulator and starts another one after a while. Throws std::runtime_error when that
   /// does not come up. Nobody else may use sim() meanwhile.
@@ -42,9 +46,10 @@ class Machine {
   void KeepLogs(const std::filesystem::path& directory);
 
  private:
-  bench::PrivateDirectory home_;
-  std::unique_ptr<bench::Child> simulator_;
-  bench::DaemonUnderTest daemon_;
+  HostDirectories home_;
+  std::unique_ptr<Process> simulator_;
+  Process daemon_;
+  std::shared_ptr<IKvox> service_;
   SimControl sim_;
   LogReader log_;
   CallWatch calls_;

@@ -16,14 +16,16 @@ constexpr size_t kMemorySamples = 20;
 
 struct Figure {
   const char* name;
-  double (*value)(const Resources&);
+  double (*value)(const ResourceUsage&);
   bool is_memory;
 };
 
 constexpr Figure kFigures[] = {
-    {"descriptors", [](const Resources& r) { return static_cast<double>(r.descriptors); }, false},
-    {"threads", [](const Resources& r) { return static_cast<double>(r.threads); }, false},
-    {"KiB of memory", [](const Resources& r) { return static_cast<double>(r.memory_kib); }, true},
+    {"descriptors", [](const ResourceUsage& r) { return static_cast<double>(r.descriptors); },
+     false},
+    {"threads", [](const ResourceUsage& r) { return static_cast<double>(r.threads); }, false},
+    {"KiB of memory", [](const ResourceUsage& r) { return static_cast<double>(r.memory_kib); },
+     true},
 };
 
 }  // namespace

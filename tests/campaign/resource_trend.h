@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "tests/campaign/findings.h"
-#include "tests/campaign/resources.h"
 #include "tests/campaign/trend.h"
+#include "tests/support/proc.h"
 
 namespace kvox::campaign {
 
@@ -16,7 +16,7 @@ bool MemoryIsMeasurable();
 /// One thread.
 class ResourceTrend {
  public:
-  void Add(double seconds, const Resources& resources) {
+  void Add(double seconds, const ResourceUsage& resources) {
     samples_.emplace_back(seconds, resources);
   }
 
@@ -25,7 +25,7 @@ class ResourceTrend {
   void Judge(double warm_up_s, Findings& findings) const;
 
  private:
-  std::vector<std::pair<double, Resources>> samples_;
+  std::vector<std::pair<double, ResourceUsage>> samples_;
 };
 
 }  // namespace kvox::campaign

@@ -120,7 +120,7 @@ bool SoakRun::Row() {
   JudgeLosses(LossesBetween(calm_since_, {earlier_, now.log}), earlier_stalls_);
   earlier_ = now.sim;
   earlier_stalls_ = stage_.load().Stalls();
-  const Resources resources = stage_.machine().DaemonResources();
+  const ResourceUsage resources = stage_.machine().DaemonResources();
   const double seconds = static_cast<double>(Elapsed().count()) / 1000;
   const double calm_s = seconds - static_cast<double>(calm_from_.count()) / 1000;
   trend_.Add(seconds, resources);

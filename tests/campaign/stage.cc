@@ -34,8 +34,7 @@ Stage::Stage(unsigned seed, Manner manner)
   crew_.Start(MakeUseCaseSwitcher(shared_, manner, sim()), ++seed);
   crew_.Start(MakeWatcher(shared_), ++seed);
   crew_.Start(MakeWatcher(shared_), ++seed);
-  crew_.Start(MakeCapturer(shared_, FirstOf(Owner::kNobody), machine_.home().Folder("captures")),
-              ++seed);
+  crew_.Start(MakeCapturer(shared_, FirstOf(Owner::kNobody), machine_.home().path()), ++seed);
   const Recovery sound = AudioCheck(sim(), load_).Await(Flowing(true), kRecoveryLimit);
   if (!sound.failure.empty()) {
     throw std::runtime_error("audio does not flow before there is a fault: " + sound.failure);

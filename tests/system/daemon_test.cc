@@ -8,21 +8,10 @@ using ::testing::StartsWith;
 
 class DaemonTest : public MachineTest {
  protected:
-  /// A figure of /proc/PID/status, of one thread when a name is given; -1 when there is none.
-  int64_t ProcFigure(const std::string& key, const std::filesystem::path& status) {
-    std::istringstream lines(ReadText(status));
-    for (std::string line; std::getline(lines, line);) {
-      if (line.starts_with(key + ":")) return std::stoll(line.substr(key.size() + 1));
-    }
-    return -1;
-  }
-
-  std::filesystem::path Proc() const { return "/proc/" + std::to_string(daemon_->pid()); }
-
   int64_t WakeUps() {
     int64_t sum = 0;
-    for (const auto& task : std::filesystem::directory_iterator(Proc() / "task")) {
-      sum += ProcFigure("voluntary_ctxt_switches", task.path() / "status");
+    for (const auto& task : Entries(ProcPath(daemon_->pid()) / "task")) {
+      sum += std::stoll("0" + ProcField(task / "status", "voluntary_ctxt_switches"));
     }
     return sum;
   }
@@ -74,7 +63,7 @@ TEST_F(DaemonTest, IsIdleWhenNothingIsEnabled) {
     poll(nullptr, 0, 1000);
     return WakeUps() == before;
   })) << "no second passed without a wake-up";
-  EXPECT_LT(ProcFigure("VmRSS", Proc() / "status"), 12 * 1024);
+  EXPECT_LT(DaemonResources().memory_kib, 12 * 1024);
 }
 
 TEST_F(DaemonTest, DropsAWakeLockThatAnEarlierOneLeft) {

@@ -31,7 +31,7 @@ constexpr auto kMeasureTime = milliseconds(600);
 /// A few milliseconds.
 constexpr auto kSlack = kSanitized ? milliseconds(50) : milliseconds(10);
 /// Far below what the limits of one user add up to.
-constexpr int64_t kMostKilobytes = kSanitized ? INT64_MAX / 2 : 160 * 1024;
+constexpr int64_t kMostKib = kSanitized ? INT64_MAX / 2 : 160 * 1024;
 
 /// How long commands of a client took.
 struct Latency {
@@ -45,13 +45,6 @@ struct Latency {
            std::to_string(late.count()) + " us, worst " + std::to_string(worst.count()) +
            " us of " + std::to_string(count);
   }
-};
-
-/// What the daemon has of the kernel.
-struct Resources {
-  int descriptors;
-  int threads;
-  int64_t kilobytes;
 };
 
 class HostileTest : public MachineTest {
@@ -109,24 +102,16 @@ class HostileTest : public MachineTest {
     return {taken[taken.size() / 2], taken[taken.size() * 19 / 20], taken.back(), taken.size()};
   }
 
-  Resources Use() {
-    const auto status = ReadText("/proc/" + std::to_string(daemon_->pid()) + "/status");
-    const size_t at = status.find("VmRSS:");
-    return {CountEntries("fd"), CountEntries("task"),
-            at == status.npos ? -1 : std::stoll(status.substr(at + 6))};
-  }
   /// Descriptors and threads are given back to the last one, memory but for a rest.
-  void ExpectGivenBack(const Resources& before) {
-    Resources now{};
+  void ExpectGivenBack(const ResourceUsage& before) {
+    ResourceUsage now;
     constexpr int64_t kRest = 6 * 1024;
     EXPECT_TRUE(WaitFor([&] {
-      now = Use();
+      now = DaemonResources();
       return now.descriptors == before.descriptors && now.threads == before.threads &&
-             (kSanitized || now.kilobytes <= before.kilobytes + kRest);
-    })) << "descriptors "
-        << before.descriptors << " -> " << now.descriptors << ", threads " << before.threads
-        << " -> " << now.threads << ", memory " << before.kilobytes << " -> " << now.kilobytes
-        << " kB";
+             (kSanitized || now.memory_kib <= before.memory_kib + kRest);
+    })) << before.Text()
+        << " -> " << now.Text();
   }
 
   std::shared_ptr<IKvox> polite_;
@@ -166,14 +151,14 @@ TEST_P(AttackTest, DelaysNobodyAndLeavesNothingBehind) {
   const Latency before = Measure(kMeasureTime);
   const std::chrono::microseconds command = TimeOf(row.command);
   const auto time = kMeasureTime + 4 * command;
-  const Resources resources = Use();
+  const ResourceUsage resources = DaemonResources();
   std::vector<std::unique_ptr<Process>> attackers;
   for (int i = 0; i < row.processes; ++i) {
     attackers.push_back(Attack(row.name, 2 * time, i + 1));
   }
   for (const auto& attacker : attackers) ASSERT_TRUE(Attacking(*attacker)) << attacker->Out();
   const Latency during = Measure(time);
-  const Resources peak = Use();
+  const ResourceUsage peak = DaemonResources();
   for (const auto& attacker : attackers) {
     EXPECT_EQ(attacker->Wait(), 0) << attacker->Out() << attacker->Err();
   }
@@ -186,7 +171,7 @@ TEST_P(AttackTest, DelaysNobodyAndLeavesNothingBehind) {
   EXPECT_LE(during.late, std::max(before.late, after.late) + 2 * command + 6 * kSlack) << figures;
   EXPECT_LE(during.worst, std::max(before.worst, after.worst) + 2 * command + 30 * kSlack)
       << figures;
-  EXPECT_LE(peak.kilobytes, resources.kilobytes + kMostKilobytes);
+  EXPECT_LE(peak.memory_kib, resources.memory_kib + kMostKib);
   RecordProperty("figures", figures);
 }
 
@@ -281,18 +266,18 @@ TEST_F(HostileTest, CallbacksThatNeverReturnHoldUpNeitherAudioNorCommands) {
   Call("EnableUseCase AREL_TELE true");
   Call("EnableUseCase MIC_IN true");
   const Latency before = Measure(kMeasureTime);
-  const Resources resources = Use();
+  const ResourceUsage resources = DaemonResources();
   const auto attacker = Attack("hanging_callbacks", 2 * kMeasureTime, 1);
   ASSERT_TRUE(Attacking(*attacker)) << attacker->Out();
   ASSERT_TRUE(DaemonLogs("art0: no thread to call the client with"));
   const int64_t injected = Figure("vpdl.0", "received");
   const Latency during = Measure(kMeasureTime);
   EXPECT_GT(Figure("vpdl.0", "received"), injected) << "audio goes on";
-  EXPECT_LE(Use().threads, resources.threads + 8) << "as many as one process may have";
+  EXPECT_LE(DaemonResources().threads, resources.threads + 8) << "as many as one process may have";
   EXPECT_EQ(attacker->Wait(), 0) << attacker->Out() << attacker->Err();
   EXPECT_LE(during.median, before.median + kSlack) << before.Text() << "\n" << during.Text();
-  EXPECT_TRUE(WaitFor([&] { return Use().threads <= resources.threads; }))
-      << resources.threads << " -> " << Use().threads;
+  EXPECT_TRUE(WaitFor([&] { return DaemonResources().threads <= resources.threads; }))
+      << resources.threads << " -> " << DaemonResources().threads;
 }
 
 }  // namespace

@@ -3,13 +3,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <signal.h>
 
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "tests/support/proc.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_directory.h"
 
@@ -28,16 +29,6 @@ class MachineTest : public ::testing::Test {
     signal(SIGPIPE, SIG_IGN);
     // Programs would go on ignoring what this one was told to ignore.
     for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
-    for (const char* name : {"dev", "run", "power"}) {
-      std::filesystem::create_directory(directory_ / name);
-    }
-    for (const char* name : {"power/wake_lock", "power/wake_unlock"}) {
-      std::ofstream(directory_ / name) << std::flush;
-    }
-    unsetenv("ANDROID_LOG_TAGS");
-    setenv("KVOX_DEV_DIR", (directory_ / "dev").c_str(), 1);
-    setenv("KVOX_RUNTIME_DIR", (directory_ / "run").c_str(), 1);
-    setenv("KVOX_WAKE_LOCK_DIR", (directory_ / "power").c_str(), 1);
   }
 
   void StartSimulator(std::vector<std::string> options = {}) {
@@ -92,16 +83,7 @@ class MachineTest : public ::testing::Test {
     return -1;
   }
 
-  /// Entries of a directory that the kernel keeps of the daemon: "task" or "fd".
-  int CountEntries(const std::string& what) {
-    const auto path = "/proc/" + std::to_string(daemon_->pid()) + "/" + what;
-    std::error_code error;
-    int count = 0;
-    for (std::filesystem::directory_iterator it(path, error), end; !error && it != end;
-         it.increment(error))
-      ++count;
-    return count;
-  }
+  ResourceUsage DaemonResources() const { return ReadResources(daemon_->pid()); }
 
   /// Stops the daemon's process; returns once all its threads stand.
   void FreezeDaemon() {
@@ -114,7 +96,7 @@ class MachineTest : public ::testing::Test {
     return WaitFor([&] { return CountOf(part, daemon_->Err()) >= count; });
   }
 
-  TempDirectory directory_;
+  HostDirectories directory_;
   std::unique_ptr<Process> simulator_;
   std::unique_ptr<Process> daemon_;
 };

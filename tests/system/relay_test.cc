@@ -126,24 +126,21 @@ TEST_F(RelayMachineTest, WhoTakesARelayOverKeepsIt) {
 
 TEST_F(RelayMachineTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
   StartCall();
-  const auto threads = [&] { return CountEntries("task"); };
-  const auto descriptors = [&] { return CountEntries("fd"); };
   ASSERT_TRUE(CallIsOn());
   const auto client = Listener();
   client->Signal(SIGKILL);
   client->Wait();
   EXPECT_TRUE(WaitFor([&] { return !CallIsOn(); }));
   EXPECT_THAT(Call("ListProcessors"), HasSubstr("none"));
-  const int threads_before = threads();
-  const int descriptors_before = descriptors();
+  const ResourceUsage before = DaemonResources();
   for (int i = 0; i < 3; ++i) {
     Call("EnableUseCase AREL_TELE true");
     EXPECT_EQ(Run(Words("call RegisterReceiveAudioCallback art0 0.3 /dev/null")).exit_status, 2);
     Run(Words("call RegisterReceiveAudioCallback art0 0.3 " + (directory_ / "raw").string()));
     EXPECT_TRUE(WaitFor([&] { return !CallIsOn(); }));
   }
-  EXPECT_TRUE(WaitFor([&] { return threads() <= threads_before; }));
-  EXPECT_TRUE(WaitFor([&] { return descriptors() <= descriptors_before; }))
+  EXPECT_TRUE(WaitFor([&] { return DaemonResources().threads <= before.threads; }));
+  EXPECT_TRUE(WaitFor([&] { return DaemonResources().descriptors <= before.descriptors; }))
       << "fewer when the connection of the last question had yet to go before";
 }
 
