@@ -8,20 +8,9 @@
 namespace kvox::campaign {
 namespace {
 
-constexpr Ms kLook{20};
+constexpr Ms kPollInterval{20};
 
-/// Packets that came back as they should.
-uint64_t Good(const Stream& stream, const TapFigures& figures) {
-  return stream.returns == Returns::kSilence ? figures.silent : figures.exact;
-}
-
-/// What comes back silent is never exact, so its row is not counted.
-uint64_t Row(const Stream& stream, const TapFigures& before, const TapFigures& now) {
-  const uint64_t good = Good(stream, now) - Good(stream, before);
-  return stream.returns == Returns::kSilence ? good : std::min(good, now.exact_in_row);
-}
-
-std::string Describe(const Stream& stream, const TapFigures& before, const TapFigures& now) {
+std::string Describe(const Stream& stream, const TapStats& before, const TapStats& now) {
   return fmt::format("{}: {} sent, {} exact, {} silent, {} different, {} missing, {} in a row",
                      stream.TapName(), now.sent - before.sent, now.exact - before.exact,
                      now.silent - before.silent, now.different - before.different,
@@ -30,22 +19,16 @@ std::string Describe(const Stream& stream, const TapFigures& before, const TapFi
 
 }  // namespace
 
-bool RowWatch::Look(const TapFigures& now) const {
-  return Row(stream_, before_, now) >= kExactRow;
+uint64_t ExactRun(const Stream& stream, const TapStats& before, const TapStats& now) {
+  // The simulator counts no runs of silence.
+  if (stream.returns == Returns::kSilence) return now.silent - before.silent;
+  return std::min(now.exact - before.exact, now.exact_in_row);
 }
 
-Ms RowWatch::RowTime(const TapFigures& now) const {
-  return stream_.block * static_cast<int64_t>(Row(stream_, before_, now) - 1);
-}
+AudioCheck::AudioCheck(const SimControl& sim, const LagMeter& lag)
+    : sim_(sim), lag_(lag), begin_(Clock::now()), lag_before_(lag.Total()), before_(sim.Status()) {}
 
-AudioCheck::AudioCheck(const SimControl& sim, const LoadMeter& load)
-    : sim_(sim),
-      load_(load),
-      begin_(Clock::now()),
-      lost_before_(load.Lost()),
-      before_(sim.Status()) {}
-
-Recovery AudioCheck::Await(const StreamList& streams, Ms limit) {
+Recovery AudioCheck::Await(const StreamList& streams, Ms limit) const {
   Recovery recovery;
   StreamList waiting = streams;
   for (;;) {
@@ -53,26 +36,26 @@ Recovery AudioCheck::Await(const StreamList& streams, Ms limit) {
     const auto elapsed = std::chrono::duration_cast<Ms>(Clock::now() - begin_);
     std::erase_if(waiting, [&](const Stream* stream) {
       const std::string tap = stream->TapName();
-      const RowWatch watch(*stream, before_.taps.at(tap));
-      if (!watch.Look(now.taps.at(tap))) return false;
-      recovery.slowest = std::max(recovery.slowest, elapsed - watch.RowTime(now.taps.at(tap)));
+      const uint64_t run = ExactRun(*stream, before_.taps.at(tap), now.taps.at(tap));
+      if (run < kExactPackets) return false;
+      const Ms run_time = stream->block * static_cast<int64_t>(run - 1);
+      recovery.slowest = std::max(recovery.slowest, elapsed - run_time);
       return true;
     });
     if (waiting.empty()) return recovery;
-    const Ms allowance = load_.Allowance(lost_before_);
-    const Ms row = waiting.front()->block * static_cast<int64_t>(kExactRow + 1);
-    if (elapsed > limit + allowance + row) {
+    const Ms allowance = lag_.Allowance(lag_before_);
+    const Ms most = limit + waiting.front()->block * static_cast<int64_t>(kExactPackets + 1);
+    if (elapsed > most + allowance) {
       recovery.failure = fmt::format(
-          "not exact again {} ms after the end ({} ms are allowed, {} "
-          "more for the load):",
-          elapsed.count(), (limit + row).count(), allowance.count());
+          "not exact again after {} ms; {} ms are allowed, and {} ms for the lag:", elapsed.count(),
+          most.count(), allowance.count());
       for (const Stream* stream : waiting) {
         const std::string tap = stream->TapName();
         recovery.failure += "\n    " + Describe(*stream, before_.taps.at(tap), now.taps.at(tap));
       }
       return recovery;
     }
-    std::this_thread::sleep_for(kLook);
+    std::this_thread::sleep_for(kPollInterval);
   }
 }
 

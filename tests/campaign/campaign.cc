@@ -1,181 +1,188 @@
-#include "tests/campaign/campaign.h"
+// Faults, one after the other and together.
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <thread>
 
 #include "tests/campaign/fault_report.h"
-#include "tests/campaign/leak_check.h"
-#include "tests/campaign/restorer.h"
-#include "tests/campaign/stage.h"
+#include "tests/campaign/resource_trend.h"
+#include "tests/campaign/run.h"
 
 namespace kvox::campaign {
 namespace {
 
-/// A fault that waits for packets or commands meets them within this time.
-constexpr Ms kFaultPatience{10000};
-/// For an answer while nobody else asks.
+/// A fault that waits for packets or commands finds them within this time.
+constexpr Ms kFaultLimit{10000};
+/// For a reply while no other client sends commands.
 constexpr Ms kPingLimit{200};
-/// For audio that was never disturbed, or switched on a moment ago.
+/// For audio that was never disturbed, or that was switched on a moment ago.
 constexpr Ms kFlowLimit{500};
+/// For threads that end by themselves, and for descriptors that are closed after a reply.
+constexpr Ms kReleaseLimit{5000};
+constexpr Ms kPollInterval{50};
 constexpr uint64_t kFaultsPerCheckpoint = 25;
 
-class CampaignRun {
- public:
-  explicit CampaignRun(const CampaignOptions& options)
-      : options_(options),
-        plan_(options.seed, options.quick, FindFaultKind(options.only)),
-        stage_(static_cast<unsigned>(options.seed), Manner::kRough),
-        restorer_(stage_.shared()),
-        leaks_(stage_) {}
+/// The allocator keeps parts of what was freed, now more and now less of it. The soak finds what
+/// grows bit by bit.
+constexpr int64_t kMemorySlackKib = 3072;
 
-  bool Run();
-  Stage& stage() { return stage_; }
-  const FaultReport& report() const { return report_; }
+class Campaign : public Run {
+ public:
+  explicit Campaign(const CampaignOptions& options)
+      : Run(options, LoadProfile::kAggressive),
+        options_(options),
+        plan_(options.seed, options.quick, FindFaultKind(options.only)),
+        client_(testbed().run(), "campaign") {}
 
  private:
-  bool Goes(const FaultEvent& event);
+  bool Body() override;
+  void PrintSummary() override {
+    report_.Print();
+    fmt::print("\n{} faults in {} events\n", report_.faults(), report_.events());
+  }
+
+  bool Finished() const;
+  bool Survives(const FaultEvent& event);
   bool Inject(const FaultEvent& event);
   bool Recovers(const FaultEvent& event);
-  bool AllIsWell();
-  bool Answers();
-  bool AudioFlows(AudioCheck& audio, const StreamList& streams, Ms limit, Ms& recovery);
-  bool Finished() const;
-  double Seconds() const { return std::chrono::duration<double>(Clock::now() - begin_).count(); }
+  /// What the co-processor may have refused while the daemon set it up again.
+  void RestoreTaps(const FaultEvent& event, bool all);
+  bool PingsInTime();
+  /// Brings everything to the baseline, with every device open.
+  bool ReachBaseline();
+  bool NothingLeaks();
+  bool AtMostBaseline(const ResourceUsage& usage) const;
 
   const CampaignOptions& options_;
   FaultPlan plan_;
-  Stage stage_;
-  Restorer restorer_;
-  LeakCheck leaks_;
+  RetryingClient client_;
   FaultReport report_;
-  Clock::time_point begin_ = Clock::now();
+  ResourceUsage baseline_;
 };
 
-bool CampaignRun::Finished() const {
+bool Campaign::Finished() const {
   if (report_.faults() >= options_.count) return true;
-  return options_.time > Ms(0) && Clock::now() - begin_ > options_.time;
+  return options_.time > Ms(0) && Seconds() > std::chrono::duration<double>(options_.time).count();
 }
 
-bool CampaignRun::Run() {
-  stage_.Resume();
+bool Campaign::Body() {
+  testbed().Resume();
   // The first recovery leaves a thread that waits for the next one.
-  if (!stage_.Restart("restart gap=0.1") || !leaks_.Begin()) return false;
+  if (!testbed().Recover("restart gap=0.1") || !ReachBaseline()) return false;
+  baseline_ = testbed().processes().DaemonResources();
+  testbed().Resume();
   uint64_t next_checkpoint = kFaultsPerCheckpoint;
   while (!Finished()) {
     const FaultEvent event = plan_.Next();
-    if (!Goes(event)) {
-      stage_.findings().Add("the fault was: {}", event.Text());
+    if (!Survives(event)) {
+      failures().Add("the fault was: {}", event.Text());
       return false;
     }
     if (report_.faults() < next_checkpoint) continue;
     next_checkpoint += kFaultsPerCheckpoint;
-    if (!leaks_.Check()) return false;
+    if (!NothingLeaks()) return false;
     fmt::print("{:>6.0f} s  {} faults, {}\n", Seconds(), report_.faults(),
-               stage_.machine().DaemonResources().Text());
+               testbed().processes().DaemonResources().Text());
     std::fflush(stdout);
   }
-  return leaks_.Check();
+  return NothingLeaks();
 }
 
-bool CampaignRun::Goes(const FaultEvent& event) {
+bool Campaign::Survives(const FaultEvent& event) {
   report_.Injected(event);
-  stage_.phase().Set(Phase::kDisturbed);
-  if (!Inject(event) || !stage_.AwaitEndOfFaults(kFaultPatience)) return false;
+  testbed().run().faults.Enter(FaultState::kActive);
+  if (!Inject(event) || !testbed().AwaitEndOfFaults(kFaultLimit)) return false;
   if (!Recovers(event)) return false;
-  stage_.phase().Set(Phase::kCalm);
-  stage_.Resume();
-  return stage_.Run(event.calm);
+  testbed().run().faults.Enter(FaultState::kNone);
+  testbed().Resume();
+  return testbed().RunFor(event.pause);
 }
 
-bool CampaignRun::Inject(const FaultEvent& event) {
+bool Campaign::Inject(const FaultEvent& event) {
   for (const auto& part : event.parts) {
-    std::this_thread::sleep_for(part.after);
-    for (const std::string& words : part.injection.words) stage_.sim().Fault(words);
-    if (part.injection.kills) stage_.machine().ReplaceSimulator(part.injection.away);
+    std::this_thread::sleep_for(part.delay);
+    for (const std::string& command : part.injection.commands) testbed().sim().Fault(command);
+    if (part.injection.kills) testbed().processes().ReplaceSimulator(part.injection.away);
   }
-  return stage_.Run(event.Lasts());
+  return testbed().RunFor(event.Lasts());
 }
 
-/// Audio first, because its time counts; then all that stands still.
-bool CampaignRun::Recovers(const FaultEvent& event) {
-  AudioCheck audio(stage_.sim(), stage_.load());
-  if (event.MaySpoilRestore()) restorer_.AskAgain(stage_.Flowing(false));
-  Ms recovery{};
-  if (!AudioFlows(audio, stage_.Flowing(false), event.RecoveryLimit(), recovery)) return false;
+/// Audio first, because its time counts; then all that is still with the clients paused.
+bool Campaign::Recovers(const FaultEvent& event) {
+  const AudioCheck audio = testbed().StartAudioCheck();
+  RestoreTaps(event, false);
+  const auto recovery = testbed().AwaitAudio(audio, testbed().StaticStreams(),
+                                             event.RecoveryLimit(), "after a fault");
+  if (!recovery) return false;
   const Ms step = event.MaySpoilRestore() ? kUnansweredStep : kRestoreStep;
-  if (event.TouchesNodes() && !stage_.AwaitRestored(step)) return false;
-  stage_.phase().Set(Phase::kSettling);
-  if (!stage_.Halt(Stand::kAnyhow)) return false;
-  if (event.MaySpoilRestore()) restorer_.AskAgain({});
-  if (!AllIsWell()) return false;
-  report_.Recovered(event, recovery);
+  if (event.TouchesNodes() && !testbed().AwaitRestored(step)) return false;
+  testbed().run().faults.Enter(FaultState::kSettling);
+  if (!testbed().Pause(PauseMode::kAsIs)) return false;
+  RestoreTaps(event, true);
+  if (!PingsInTime() ||
+      !testbed().AwaitAudio(testbed().StartAudioCheck(), testbed().AllStreams(), kFlowLimit,
+                            "with the clients paused") ||
+      !testbed().CheckGraph()) {
+    return false;
+  }
+  report_.Recovered(event, *recovery);
   return true;
 }
 
-bool CampaignRun::AllIsWell() {
-  AudioCheck audio(stage_.sim(), stage_.load());
-  Ms ignored{};
-  return Answers() && AudioFlows(audio, stage_.Flowing(true), kFlowLimit, ignored) &&
-         stage_.CheckGraph();
-}
-
-bool CampaignRun::Answers() {
-  const Ms lost_before = stage_.load().Lost();
-  const auto begin = Clock::now();
-  const bool answered = stage_.machine().caller().Ping();
-  const auto time = std::chrono::duration_cast<Ms>(Clock::now() - begin);
-  const Ms limit = kPingLimit + stage_.load().Allowance(lost_before);
-  if (!answered || time > limit) {
-    stage_.findings().Add("Ping: {} after {} ms, {} are allowed",
-                          answered ? "answered" : "not answered", time.count(), limit.count());
+void Campaign::RestoreTaps(const FaultEvent& event, bool all) {
+  if (!event.MaySpoilRestore()) return;
+  for (const Stream& stream : Streams()) {
+    if (all || stream.control == Control::kStatic) client_.RestoreTap(stream);
   }
-  return stage_.Healthy();
 }
 
-bool CampaignRun::AudioFlows(AudioCheck& audio, const StreamList& streams, Ms limit, Ms& recovery) {
-  const Recovery result = audio.Await(streams, limit);
-  if (!result.failure.empty()) stage_.findings().Add("audio: {}", result.failure);
-  recovery = result.slowest;
-  return stage_.Healthy();
+bool Campaign::PingsInTime() {
+  const Ms lag_before = testbed().lag().Total();
+  const auto begin = Clock::now();
+  const bool delivered = testbed().processes().client().Ping();
+  const auto time = std::chrono::duration_cast<Ms>(Clock::now() - begin);
+  const Ms limit = kPingLimit + testbed().lag().Allowance(lag_before);
+  if (!delivered || time > limit) {
+    failures().Add("Ping: {} after {} ms; the limit is {} ms", delivered ? "returned" : "failed",
+                   time.count(), limit.count());
+  }
+  return testbed().Healthy();
+}
+
+bool Campaign::ReachBaseline() {
+  const AudioCheck audio = testbed().StartAudioCheck();
+  return testbed().Pause(PauseMode::kAtBaseline) &&
+         testbed().AwaitAudio(audio, testbed().AllStreams(), kRecoveryLimit, "at the baseline");
+}
+
+bool Campaign::AtMostBaseline(const ResourceUsage& usage) const {
+  return usage.descriptors <= baseline_.descriptors && usage.threads <= baseline_.threads &&
+         (!MemoryIsMeasurable() || usage.memory_kib <= baseline_.memory_kib + kMemorySlackKib);
+}
+
+bool Campaign::NothingLeaks() {
+  if (!ReachBaseline()) return false;
+  const Ms lag_before = testbed().lag().Total();
+  const auto begin = Clock::now();
+  ResourceUsage usage = testbed().processes().DaemonResources();
+  while (!AtMostBaseline(usage) &&
+         Clock::now() < begin + kReleaseLimit + testbed().lag().Allowance(lag_before)) {
+    std::this_thread::sleep_for(kPollInterval);
+    usage = testbed().processes().DaemonResources();
+  }
+  if (!AtMostBaseline(usage)) {
+    failures().Add("the daemon leaks: {} before, {} now\n{}", baseline_.Text(), usage.Text(),
+                   DescribeProcess(testbed().processes().daemon_pid()));
+  }
+  testbed().Resume();
+  return testbed().Healthy();
 }
 
 }  // namespace
 
 int RunCampaign(const CampaignOptions& options) {
-  fmt::print("repeat with: {}\n", options.repeat);
-  std::fflush(stdout);
-  const auto begin = Clock::now();
-  CampaignRun run(options);
-  bool passed = false;
-  try {
-    passed = run.Run();
-  } catch (const SimError& error) {
-    run.stage().Healthy();
-    run.stage().findings().Add("{}", error.what());
-  }
-  run.report().Print();
-  Stage& stage = run.stage();
-  fmt::print(
-      "\n{} faults in {} events within {:.0f} s; {} commands, {} of them refused while that "
-      "was to be expected; slowest {}\n",
-      run.report().faults(), run.report().events(),
-      std::chrono::duration<double>(Clock::now() - begin).count(), stage.shared().commands.load(),
-      stage.shared().refused.load(), stage.machine().calls().Slowest());
-  fmt::print(
-      "{:.0f} % of the time the machine had no processor for whoever was to wake up; {} commands "
-      "were refused by that\n",
-      100 * stage.load().LostShare(), stage.shared().starved.load());
-  fmt::print("{} lines are missing from the daemon's log\n", stage.machine().ledger().lost_lines());
-  for (const std::string& finding : stage.findings().all()) fmt::print("FAULT: {}\n", finding);
-  if (!passed) {
-    stage.KeepLogs(options.logs);
-    fmt::print("The logs of kvoxd and kvosim are in {}.\n", options.logs.string());
-  }
-  fmt::print("{}.\nrepeat with: {}\n", passed ? "Passed" : "FAILED", options.repeat);
-  return passed ? 0 : 1;
+  return Campaign(options).Execute();
 }
 
 }  // namespace kvox::campaign

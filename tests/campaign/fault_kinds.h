@@ -7,24 +7,24 @@
 #include <string>
 #include <vector>
 
-#include "tests/campaign/phase.h"
+#include "tests/campaign/run_conditions.h"
 
 namespace kvox::campaign {
 
-/// Random choices that are the same everywhere for the same seed.
-class Dice {
+/// The same choices for the same seed on every machine.
+class RandomSource {
  public:
-  explicit Dice(uint64_t seed) : random_(seed) {}
+  explicit RandomSource(uint64_t seed) : random_(seed) {}
 
-  /// From 0 to `sides` - 1.
-  size_t Roll(size_t sides) { return static_cast<size_t>(random_() % sides); }
+  /// From 0 to `count` - 1.
+  size_t Below(size_t count) { return static_cast<size_t>(random_() % count); }
   /// From `least` to `most` seconds, in steps of a hundredth of the range.
   double Seconds(double least, double most) {
-    return least + (most - least) * static_cast<double>(Roll(101)) / 100;
+    return least + (most - least) * static_cast<double>(Below(101)) / 100;
   }
   template <typename Range>
   const auto& Pick(const Range& range) {
-    return range[Roll(std::size(range))];
+    return range[Below(std::size(range))];
   }
 
  private:
@@ -33,21 +33,23 @@ class Dice {
 
 enum class FaultGroup { kNodes, kReplies, kPackets, kDevices };
 
+/// From a fault's end until all audio is exact again.
+Ms RecoveryLimitAfter(FaultGroup group);
+
 /// One fault as it is made.
 struct Injection {
-  std::vector<std::string> words;  // a line for the simulator each
-  Ms lasts{};                      // at most, from then on
-  bool kills = false;              // the simulator, without warning; another one comes after `away`
+  std::vector<std::string> commands;  // for the simulator
+  Ms lasts{};                         // at most, from then on
+  bool kills = false;                 // the simulator; another one starts after `away`
   Ms away{};
 };
 
 struct FaultKind {
   const char* name;
   FaultGroup group;
-  Ms recovery;      // from the fault's end until all audio is exact again
-  unsigned weight;  // how often it is chosen, by comparison; 0: only when it is its turn
+  unsigned weight;  // how often it is chosen, relative to others; 0: only when it is its turn
   bool slow;        // takes too long for a short campaign
-  Injection (*make)(Dice& dice);
+  Injection (*make)(RandomSource& random, const std::string& name);
 };
 
 std::span<const FaultKind> FaultKinds();

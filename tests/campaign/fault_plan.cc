@@ -6,11 +6,11 @@ namespace kvox::campaign {
 namespace {
 
 constexpr size_t kMostAtOnce = 3;
-constexpr double kMostApart_s = 0.5;
-constexpr double kMostCalm_s = 0.3;
+constexpr double kMostDelay_s = 0.5;
+constexpr double kMostPause_s = 0.3;
 
-Ms RandomMs(Dice& dice, double most_s) {
-  return Ms(static_cast<int64_t>(dice.Seconds(0, most_s) * 1000));
+Ms RandomMs(RandomSource& random, double most_s) {
+  return Ms(static_cast<int64_t>(random.Seconds(0, most_s) * 1000));
 }
 
 }  // namespace
@@ -19,7 +19,7 @@ Ms FaultEvent::Lasts() const {
   Ms begin{};
   Ms end{};
   for (const Part& part : parts) {
-    begin += part.after;
+    begin += part.delay;
     end = std::max(end, begin + part.injection.lasts);
   }
   return end;
@@ -27,7 +27,7 @@ Ms FaultEvent::Lasts() const {
 
 Ms FaultEvent::RecoveryLimit() const {
   Ms limit{};
-  for (const Part& part : parts) limit = std::max(limit, part.kind->recovery);
+  for (const Part& part : parts) limit = std::max(limit, RecoveryLimitAfter(part.kind->group));
   return limit;
 }
 
@@ -40,7 +40,7 @@ std::string FaultEvent::Text() const {
   std::string text;
   const auto add = [&](const std::string& words) { text += (text.empty() ? "" : "; ") + words; };
   for (const Part& part : parts) {
-    for (const std::string& words : part.injection.words) add(words);
+    for (const std::string& words : part.injection.commands) add(words);
     if (part.injection.kills) {
       add("simulator killed, away for " + std::to_string(part.injection.away.count()) + " ms");
     }
@@ -48,19 +48,19 @@ std::string FaultEvent::Text() const {
   return text;
 }
 
-FaultPlan::FaultPlan(uint64_t seed, bool quick, const FaultKind* only) : dice_(seed) {
+FaultPlan::FaultPlan(uint64_t seed, bool quick, const FaultKind* only) : random_(seed) {
   for (const FaultKind& kind : FaultKinds()) {
     if (only != nullptr ? &kind != only : quick && kind.slow) continue;
     kinds_.push_back(&kind);
     weights_ += kind.weight;
   }
   alone_ = kinds_;
-  for (size_t i = alone_.size(); i > 1; --i) std::swap(alone_[i - 1], alone_[dice_.Roll(i)]);
+  for (size_t i = alone_.size(); i > 1; --i) std::swap(alone_[i - 1], alone_[random_.Below(i)]);
 }
 
 const FaultKind& FaultPlan::Choose() {
   if (weights_ == 0) return *kinds_.front();
-  size_t left = dice_.Roll(weights_);
+  size_t left = random_.Below(weights_);
   for (const FaultKind* kind : kinds_) {
     if (left < kind->weight) return *kind;
     left -= kind->weight;
@@ -68,23 +68,22 @@ const FaultKind& FaultPlan::Choose() {
   return *kinds_.front();
 }
 
-FaultEvent::Part FaultPlan::Make(const FaultKind& kind) {
-  return {&kind, kind.make(dice_), Ms(0)};
-}
-
 FaultEvent FaultPlan::Next() {
   FaultEvent event;
+  const auto add = [&](const FaultKind& kind) {
+    event.parts.push_back({&kind, kind.make(random_, kind.name)});
+  };
   if (!alone_.empty()) {
-    event.parts.push_back(Make(*alone_.back()));
+    add(*alone_.back());
     alone_.pop_back();
   } else {
-    const size_t parts = 1 + dice_.Roll(kMostAtOnce);
+    const size_t parts = 1 + random_.Below(kMostAtOnce);
     for (size_t i = 0; i < parts; ++i) {
-      event.parts.push_back(Make(Choose()));
-      if (i > 0) event.parts.back().after = RandomMs(dice_, kMostApart_s);
+      add(Choose());
+      if (i > 0) event.parts.back().delay = RandomMs(random_, kMostDelay_s);
     }
   }
-  event.calm = RandomMs(dice_, kMostCalm_s);
+  event.pause = RandomMs(random_, kMostPause_s);
   return event;
 }
 

@@ -1,5 +1,5 @@
-// Which fault comes next: every kind alone first, in random order, then random kinds, often several
-// at once. The same seed gives the same sequence. Pure.
+// Which fault comes next: first every kind alone, in random order, then random kinds, often several
+// at once. The same seed gives the same sequence.
 #pragma once
 
 #include <cstdint>
@@ -10,15 +10,15 @@
 
 namespace kvox::campaign {
 
-/// Faults that are under way together.
+/// Faults that are active together.
 struct FaultEvent {
   struct Part {
     const FaultKind* kind;
     Injection injection;
-    Ms after;  // the part before it
+    Ms delay = {};  // after the part before it
   };
   std::vector<Part> parts;
-  Ms calm;  // afterwards, before the next event
+  Ms pause;  // before the next event
 
   /// Everything has ended by then.
   Ms Lasts() const;
@@ -26,10 +26,10 @@ struct FaultEvent {
   Ms RecoveryLimit() const;
   /// Whether the daemon sets a co-processor up again.
   bool TouchesNodes() const { return Has(FaultGroup::kNodes); }
-  /// Whether replies may be spoilt while the daemon sets a co-processor up again. What it was
-  /// refused then it does not try again: clients have to.
+  /// Whether replies may be spoilt while the daemon sets a co-processor up again. What the
+  /// co-processor refuses then, the daemon does not try again: clients have to.
   bool MaySpoilRestore() const { return TouchesNodes() && Has(FaultGroup::kReplies); }
-  /// The lines for the simulator, for people.
+  /// What the simulator is told.
   std::string Text() const;
 
  private:
@@ -44,12 +44,11 @@ class FaultPlan {
   FaultEvent Next();
 
  private:
-  FaultEvent::Part Make(const FaultKind& kind);
   const FaultKind& Choose();
 
-  Dice dice_;
+  RandomSource random_;
   std::vector<const FaultKind*> kinds_;
-  std::vector<const FaultKind*> alone_;  // still to come, from the end on
+  std::vector<const FaultKind*> alone_;  // still to come, the last one first
   unsigned weights_ = 0;
 };
 

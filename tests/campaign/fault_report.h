@@ -1,4 +1,4 @@
-// What was injected and how it went. Pure but for the printing.
+// What was injected, and how soon the daemon recovered.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +26,8 @@ class FaultReport {
   };
   void PrintRow(const std::string& name, const Row& row) const;
 
-  std::map<std::string, Row> kinds_;  // times of those that were alone
-  std::map<size_t, Row> at_once_;     // by how many there were together, from two on
+  std::map<std::string, Row> kinds_;  // times only of faults that were alone
+  std::map<size_t, Row> at_once_;     // by the number of faults at once, from two on
   uint64_t events_ = 0;
   uint64_t faults_ = 0;
 };

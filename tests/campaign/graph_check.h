@@ -1,33 +1,33 @@
-// Holds the model against what the daemon lists and against what the co-processor was told.
+// Compares the expected graph with what the daemon lists and what the co-processor was told.
 #pragma once
 
 #include <map>
 #include <string>
 #include <vector>
 
-#include "tests/campaign/caller.h"
-#include "tests/campaign/model.h"
+#include "tests/campaign/daemon_client.h"
+#include "tests/campaign/expected_graph.h"
 #include "tests/campaign/sim_control.h"
-#include "tests/campaign/tables.h"
 
 namespace kvox::campaign {
 
-/// The graph as somebody tells it.
+/// The daemon's tables: a text for each row, by the row's name.
 struct GraphTables {
-  std::map<std::string, ProcessorRow> processors;
-  std::map<int, BufferRow> tapouts;
-  std::map<int, BufferRow> injects;
-  std::map<std::string, std::string> graph;  // the line of each processor
+  using Table = std::map<std::string, std::string>;
+  Table processors;
+  Table tapouts;
+  Table injects;
+  Table paths;  // by their processor
 };
 
-/// What the daemon's lists have to show after the model. Pure.
-GraphTables ExpectedTables(const Model& model);
+/// What the daemon has to list.
+GraphTables ExpectedTables(const ExpectedGraph& graph);
 
-/// What the daemon lists.
-GraphTables AskTables(Caller& caller);
+/// What it lists.
+GraphTables ReadTables(DaemonClient& daemon);
 
-/// What is not as it should be, a line each; empty when all is. Pure.
-std::vector<std::string> Compare(const Model& model, const GraphTables& shown,
-                                 const SimStatus& told);
+/// What is wrong, a line each.
+std::vector<std::string> Differences(const ExpectedGraph& graph, const GraphTables& listed,
+                                     const SimStatus& told);
 
 }  // namespace kvox::campaign

@@ -1,27 +1,34 @@
 // The streams that flow while faults happen: one for each way in which audio can pass the daemon.
 #pragma once
 
+#include <aidl/kvox/IKvox.h>
+
 #include <chrono>
-#include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "kvox/common/four_cc.h"
 
 namespace kvox::campaign {
 
-/// Who has a say over a stream.
-enum class Owner {
-  kNobody,    // set up at the start and left alone: its audio has to flow all the time
-  kClient,    // a client changes it all the while
-  kUseCase,   // a use case that a client switches
-  kSwitched,  // a use case that is switched on at the start and stays on
+using UseCase = aidl::kvox::IKvox::UseCase;
+
+/// A tap point by core, code and index.
+using TapId = std::tuple<int, FourCc, int>;
+
+enum class Control {
+  kStatic,   // set up at the start and left alone: its audio flows all the time
+  kMutated,  // a client changes it all the time
+  kToggled,  // a client switches its use case
 };
 
 /// What comes back of it.
 enum class Returns {
   kExact,  // what was sent
-  kEcho,   // what was sent, by way of a client that has half a block's time
+  kEcho,   // what was sent, through a client that has half a block's time
   kSilence,
 };
 
@@ -33,18 +40,22 @@ struct Stream {
   int buffer;
   FourCc processor;
   FourCc type;
-  Owner owner;
+  std::optional<UseCase> use_case;  // that sets it up
+  Control control;
   Returns returns;
-  std::chrono::milliseconds block;  // duration of one
+  std::chrono::milliseconds block;  // duration
   const char* format;               // further keys of the scenario's table
 
+  TapId Id() const { return {core, tap, index}; }
   /// "genp.0"
   std::string TapName() const;
 };
 
+using StreamList = std::vector<const Stream*>;
+
 std::span<const Stream> Streams();
 
-/// The scenario that has these streams' taps and devices.
+/// The scenario with the taps and devices of these streams.
 std::string ScenarioText();
 
 }  // namespace kvox::campaign

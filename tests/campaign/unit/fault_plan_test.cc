@@ -22,7 +22,7 @@ TEST(FaultPlanTest, TheSeedDecides) {
   EXPECT_NE(Texts(FaultPlan(7, false, nullptr), 200), Texts(FaultPlan(8, false, nullptr), 200));
 }
 
-TEST(FaultPlanTest, EveryKindHasItsTurnAloneBeforeTheyMix) {
+TEST(FaultPlanTest, EveryKindComesAloneBeforeTheyMix) {
   FaultPlan plan(3, false, nullptr);
   std::set<std::string> alone;
   for (size_t i = 0; i < FaultKinds().size(); ++i) {
@@ -53,30 +53,23 @@ TEST(FaultPlanTest, KindsCanBeChosen) {
 TEST(FaultEventTest, LastsUntilTheLastPartHasEnded) {
   const FaultKind& kind = FaultKinds().front();
   FaultEvent event;
-  event.parts = {{&kind, {{"a"}, Ms(900)}, Ms(0)}, {&kind, {{"b", "c"}, Ms(100)}, Ms(300)}};
+  event.parts = {{&kind, {{"a"}, Ms(900)}}, {&kind, {{"b", "c"}, Ms(100)}, Ms(300)}};
   EXPECT_EQ(event.Lasts(), Ms(900));
   event.parts[1].injection.lasts = Ms(700);
   EXPECT_EQ(event.Lasts(), Ms(1000));
   EXPECT_EQ(event.Text(), "a; b; c");
-  EXPECT_EQ(event.RecoveryLimit(), kind.recovery);
+  EXPECT_EQ(event.RecoveryLimit(), RecoveryLimitAfter(kind.group));
 }
 
-TEST(RowWatchTest, OnlyPacketsOfTheTimeItselfCount) {
+TEST(ExactRunTest, CountsOnlyPacketsSinceTheStart) {
   const Stream& stream = Streams().front();
-  TapFigures before{.exact = 100, .exact_in_row = 100};
-  const RowWatch watch(stream, before);
-  TapFigures now = before;
-  EXPECT_FALSE(watch.Look(now)) << "exact for long, but nothing has come since";
-  now.exact += 2;
-  now.exact_in_row = 2;
-  EXPECT_FALSE(watch.Look(now));
-  now.exact += 2;
-  now.exact_in_row = 1;
-  EXPECT_FALSE(watch.Look(now)) << "one was lost in between";
-  now.exact += 3;
-  now.exact_in_row = 4;
-  ASSERT_TRUE(watch.Look(now));
-  EXPECT_EQ(watch.RowTime(now), 3 * stream.block);
+  const TapStats before{.exact = 100, .exact_in_row = 100};
+  const auto run = [&](uint64_t more, uint64_t in_row) {
+    return ExactRun(stream, before, {.exact = before.exact + more, .exact_in_row = in_row});
+  };
+  EXPECT_EQ(run(0, 100), 0u);
+  EXPECT_EQ(run(2, 102), 2u);
+  EXPECT_EQ(run(4, 1), 1u) << "one was lost in between";
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The model of what clients asked for, the daemon's tables, and the two held against each other.
+// The expected graph, and how it is compared with the daemon's tables.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,107 +16,93 @@ constexpr FourCc kId = MakeFourCc("ps00");
 constexpr FourCc kOther = MakeFourCc("ps01");
 const TapId kTap = {2, MakeFourCc("genp"), 0};
 
-/// One stream of the table, set up whole.
-Model WholeStream() {
-  Model model;
-  model.NewProcessor(kId, MakeFourCc("pass"));
-  model.Connect(kId, 0, 0);
-  model.ProcessorEnable(kId, true);
-  model.ConnectTap(kTap, 0, 0);
-  model.TapEnable(kTap, true);
-  model.StartIo(0);
-  return model;
+const Stream& TheStream() {
+  return Streams().front();
 }
 
-TEST(ModelTest, AudioFlowsOnlyAllTheWay) {
-  EXPECT_TRUE(WholeStream().Flows(kTap, kId));
-  const std::vector<std::function<void(Model&)>> breaks = {
-      [](Model& m) { m.TapEnable(kTap, false); },
-      [](Model& m) { m.ConnectTap(kTap, kNone, kNone); },
-      [](Model& m) { m.Connect(kId, kNone, kNone); },
-      [](Model& m) { m.ProcessorEnable(kId, false); },
-      [](Model& m) { m.StopIo(0); },
-      [](Model& m) { m.DeleteProcessor(kId); },
-      [](Model& m) { m.NewProcessor(kId, MakeFourCc("pass")); },
+/// The first stream, set up completely.
+ExpectedGraph CompleteGraph() {
+  ExpectedGraph graph;
+  graph.NewProcessor(kId, MakeFourCc("pass"));
+  graph.Connect(kId, 0, 0);
+  graph.ProcessorEnable(kId, true);
+  graph.ConnectTap(kTap, 0, 0);
+  graph.TapEnable(kTap, true);
+  graph.StartIo(0);
+  return graph;
+}
+
+TEST(ExpectedGraphTest, AudioFlowsOnlyAllTheWay) {
+  ASSERT_EQ(TheStream().Id(), kTap);
+  EXPECT_TRUE(CompleteGraph().Flows(TheStream()));
+  const std::vector<std::function<void(ExpectedGraph&)>> breaks = {
+      [](auto& g) { g.TapEnable(kTap, false); },
+      [](auto& g) { g.ConnectTap(kTap, kNone, kNone); },
+      [](auto& g) { g.Connect(kId, kNone, kNone); },
+      [](auto& g) { g.ProcessorEnable(kId, false); },
+      [](auto& g) { g.StopIo(0); },
+      [](auto& g) { g.DeleteProcessor(kId); },
+      [](auto& g) { g.NewProcessor(kId, MakeFourCc("pass")); },
   };
-  for (const auto& breaks_it : breaks) {
-    Model model = WholeStream();
-    breaks_it(model);
-    EXPECT_FALSE(model.Flows(kTap, kId));
+  for (const auto& break_it : breaks) {
+    ExpectedGraph graph = CompleteGraph();
+    break_it(graph);
+    EXPECT_FALSE(graph.Flows(TheStream()));
   }
 }
 
-TEST(ModelTest, FollowsTheDaemonsRules) {
-  Model model = WholeStream();
-  model.NewProcessor(kOther, MakeFourCc("pass"));
-  model.Connect(kOther, kNone, 0);
-  EXPECT_EQ(model.processors().at(kId).inject, kNone) << "an inject buffer has one writer";
-  model.TapSetBlockLength(kTap, 480);
-  model.TapEnable(kTap, false);
-  EXPECT_EQ(model.taps().at(kTap).block_length, 480u);
-  model.ConnectTap(kTap, kNone, kNone);
-  EXPECT_EQ(model.taps().at(kTap), TapModel()) << "off and unbound is forgotten";
+TEST(ExpectedGraphTest, FollowsTheDaemonsRules) {
+  ExpectedGraph graph = CompleteGraph();
+  graph.NewProcessor(kOther, MakeFourCc("pass"));
+  graph.Connect(kOther, kNone, 0);
+  EXPECT_EQ(graph.processors().at(kId).inject, kNone) << "an inject buffer has one writer";
+  graph.TapSetBlockLength(kTap, 480);
+  graph.TapEnable(kTap, false);
+  EXPECT_EQ(graph.taps().at(kTap).block_length, 480u);
+  graph.ConnectTap(kTap, kNone, kNone);
+  EXPECT_EQ(graph.taps().at(kTap), ExpectedTap()) << "off and unbound is forgotten";
 }
 
-TEST(TablesTest, RowsAreReadHoweverTheyAreSplitIntoLines) {
-  EXPECT_EQ(
-      ParseProcessors({"Kvox processors: \n  Id        Type      InBuffer  OutBuffer Enabled  "
-                       "\n  ps00      pass      tapout0   inject0   1        "
-                       "\n  ps01      pass      -         -         0        "}),
-      (std::map<std::string, ProcessorRow>{{"ps00", {"pass", "tapout0", "inject0", true}},
-                                           {"ps01", {"pass", "-", "-", false}}}));
-  EXPECT_EQ(ParseBuffers({"Tap-out buffers:",
-                          "  Id        Name      InProc    OutProc   Enabled"
-                          "\n  0         tapout0   -         ps00,ps01 1        "},
-                         Direction::kTapOut),
-            (std::map<int, BufferRow>{{0, {"tapout0", {"ps00", "ps01"}, true}}}));
-  EXPECT_EQ(
-      ParseBuffers({"  0         inject0   ps00      -         0        "}, Direction::kInject),
-      (std::map<int, BufferRow>{{0, {"inject0", {"ps00"}, false}}}));
-  EXPECT_THAT(ParseProcessors({"Kvox processors:   none"}), IsEmpty());
-  EXPECT_EQ(ParseGraph({"Connection graph:",
-                        "  genp.0 (disabled) --> tapout0 --> ps00 (disabled) --> NC --> NC"}),
-            (std::map<std::string, std::string>{
-                {"ps00", "genp.0 (disabled) --> tapout0 --> ps00 (disabled) --> NC --> NC"}}));
-}
-
-class CompareTest : public ::testing::Test {
+class DifferencesTest : public ::testing::Test {
  protected:
-  CompareTest() {
+  DifferencesTest() {
     told_.taps["genp.0"] = {.enabled = true, .tapout = 0, .inject = 0, .block_length = 4800};
   }
-  std::vector<std::string> Differences() { return Compare(model_, shown_, told_); }
+  std::vector<std::string> Found() { return Differences(graph_, listed_, told_); }
 
-  Model model_ = WholeStream();
-  GraphTables shown_ = ExpectedTables(model_);
+  ExpectedGraph graph_ = CompleteGraph();
+  GraphTables listed_ = ExpectedTables(graph_);
   SimStatus told_;
 };
 
-TEST_F(CompareTest, WhatIsAsAskedForIsNotMentioned) {
-  EXPECT_THAT(Differences(), IsEmpty());
-  EXPECT_EQ(shown_.graph.at("ps00"), "genp.0 --> tapout0 --> ps00 --> inject0 --> genp.0");
+TEST_F(DifferencesTest, AreNoneWhenAllIsAsExpected) {
+  EXPECT_THAT(Found(), IsEmpty());
+  EXPECT_EQ(listed_.paths.at("ps00"), "genp.0 --> tapout0 --> ps00 --> inject0 --> genp.0");
+  EXPECT_EQ(listed_.tapouts.at("tapout0"), "'' [ps00] on");
+  EXPECT_EQ(listed_.injects.at("inject0"), "'ps00' [] on");
+  EXPECT_EQ(listed_.injects.at("inject1"), "'' [] off");
 }
 
-TEST_F(CompareTest, EveryKindOfDifferenceIsNamed) {
-  shown_.processors.erase("ps00");
-  EXPECT_THAT(Differences(), ElementsAre("processor ps00: asked for 'pass tapout0 inject0 on', "
-                                         "listed 'nothing'"));
-  shown_ = ExpectedTables(model_);
-  shown_.injects[0].enabled = false;
-  EXPECT_THAT(Differences(), ElementsAre(HasSubstr("inject buffer 0: asked for")));
-  shown_ = ExpectedTables(model_);
-  shown_.graph["ps09"] = "x";
-  EXPECT_THAT(Differences(), ElementsAre("graph of ps09: listed 'x', not asked for"));
-  shown_ = ExpectedTables(model_);
+TEST_F(DifferencesTest, NameEveryKind) {
+  listed_.processors.erase("ps00");
+  EXPECT_THAT(Found(), ElementsAre("processor ps00: expected \"pass 'tapout0' 'inject0' on\", "
+                                   "listed \"nothing\""));
+  listed_ = ExpectedTables(graph_);
+  listed_.injects["inject0"] = "x";
+  EXPECT_THAT(Found(), ElementsAre(HasSubstr("inject buffer inject0: expected")));
+  listed_ = ExpectedTables(graph_);
+  listed_.paths["ps09"] = "x";
+  EXPECT_THAT(Found(), ElementsAre("path of ps09: not expected, listed \"x\""));
+  listed_ = ExpectedTables(graph_);
   told_.taps["genp.0"].tapout = -1;
-  EXPECT_THAT(Differences(), ElementsAre(HasSubstr("tap genp.0: asked for 'on tapout 0")));
+  EXPECT_THAT(Found(), ElementsAre(HasSubstr("tap genp.0: expected \"on tapout 0")));
 }
 
-TEST_F(CompareTest, SettingsCountOnceSomebodyAskedForThem) {
+TEST_F(DifferencesTest, IgnoreSettingsThatWereNeverSet) {
   told_.taps["genp.0"].jitter_buffer = 7;
-  EXPECT_THAT(Differences(), IsEmpty());
-  model_.TapSetJitterBuffer(kTap, 8);
-  EXPECT_THAT(Differences(), ElementsAre(HasSubstr("jitter 8', the co-processor has")));
+  EXPECT_THAT(Found(), IsEmpty());
+  graph_.TapSetJitterBuffer(kTap, 8);
+  EXPECT_THAT(Found(), ElementsAre(HasSubstr("jitter 8\", the co-processor has")));
 }
 
 }  // namespace

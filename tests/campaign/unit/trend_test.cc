@@ -1,4 +1,4 @@
-#include "tests/campaign/trend.h"
+#include "tests/campaign/resource_trend.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@ std::vector<Sample> Series(int count, double (*value)(int)) {
   return samples;
 }
 
-TEST(TrendTest, ASteadyRiseIsSeenThroughNoiseAndOutliers) {
+TEST(TrendTest, FindsASteadyRiseInNoiseAndOutliers) {
   std::mt19937 random(1);
   std::vector<Sample> samples;
   for (int i = 0; i < 60; ++i) {
@@ -23,19 +23,19 @@ TEST(TrendTest, ASteadyRiseIsSeenThroughNoiseAndOutliers) {
   EXPECT_NEAR(RobustRise(samples), 59 * 30, 150);
 }
 
-TEST(TrendTest, WhatComesAndGoesIsNoRise) {
+TEST(TrendTest, IgnoresWhatComesAndGoes) {
   EXPECT_EQ(RobustRise(Series(40, [](int i) { return i % 3 == 0 ? 12000.0 : 9000.0; })), 0);
   EXPECT_EQ(RobustRise(Series(40, [](int i) { return i == 39 ? 99.0 : 33.0; })), 0);
 }
 
-TEST(TrendTest, OneThatStaysLostShows) {
+TEST(TrendTest, FindsOneThatStaysLost) {
   EXPECT_GE(RobustRise(Series(40, [](int i) { return i < 20 ? 33.0 : 34.0; })), 0.5);
 }
 
-TEST(TrendTest, TooFewSamplesTellNothing) {
+TEST(TrendTest, NeedsTwoSamples) {
   EXPECT_EQ(RobustRise({}), 0);
   EXPECT_EQ(RobustRise({{1, 5}}), 0);
-  EXPECT_EQ(RobustSlope({{1, 5}, {1, 9}}), 0);
+  EXPECT_EQ(RobustRise({{1, 5}, {1, 9}}), 0);
 }
 
 }  // namespace
