@@ -40,11 +40,11 @@ struct Stream {
   int buffer;
   FourCc processor;
   FourCc type;
-  std::optional<UseCase> use_case;  // that sets it up
   Control control;
   Returns returns;
-  std::chrono::milliseconds block;  // duration
-  const char* format;               // further keys of the scenario's table
+  const char* scenario;               // further keys of the tap, for the simulator
+  std::optional<UseCase> use_case{};  // that sets it up
+  std::chrono::milliseconds block{100};
 
   TapId Id() const { return {core, tap, index}; }
   /// "genp.0"

@@ -17,7 +17,6 @@ void Flood(Attacker& attacker, const std::vector<uint8_t>& wire, bool reads) {
   for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) peers.push_back(attacker.Peer());
   std::vector<size_t> sent(peers.size(), 0);
   std::vector<char> rubbish(1 << 20);
-  Attacker::Announce();
   while (attacker.more()) {
     size_t busy = 0;
     for (size_t i = 0; i < peers.size(); ++i) {
