@@ -36,7 +36,7 @@ constexpr double kCallsAim = 20000;  // per second, all clients together
 constexpr auto kClientStart = std::chrono::milliseconds(300);
 constexpr auto kProcessor = static_cast<int32_t>(MakeFourCc("st00"));
 
-/// Commands that the daemon answers without the co-processor.
+/// Commands that need no co-processor.
 struct Command {
   const char* name;
   uint32_t code;
@@ -62,7 +62,7 @@ CallSizes SizesOf(const Command& command, IKvox& kvox) {
   for (const int32_t argument : command.arguments) AParcel_writeInt32(in.get(), argument);
   const size_t request = in.get()->data().size();
   if (AIBinder_transact(binder.get(), command.code, in.getR(), out.getR(), 0) != STATUS_OK) {
-    throw std::runtime_error(std::string("kvoxd does not answer ") + command.name);
+    throw std::runtime_error(std::string("kvoxd does not reply to ") + command.name);
   }
   return {sizeof(binder::FrameHeader) + request,
           sizeof(binder::FrameHeader) + out.get()->data().size()};

@@ -34,7 +34,7 @@ std::vector<std::byte> MakeNoise(unsigned seed, size_t size) {
 }
 
 UniqueFd OpenFifo(const std::filesystem::path& path) {
-  // Both ways: neither end waits for the other, and nobody sees a hang-up.
+  // For reading and writing: neither end waits for the other, and neither sees a hang-up.
   const bool made = mkfifo(path.c_str(), 0600) == 0 || errno == EEXIST;
   UniqueFd fd(made ? open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC) : -1);
   if (fd.get() < 0) {

@@ -88,7 +88,7 @@ Injection Flap(RandomSource& random, const std::string&) {
           FromSeconds(2 * gap * static_cast<double>(times))};
 }
 
-/// The nodes stay, with nobody behind them, until another simulator replaces them one by one.
+/// The nodes stay, but nothing is behind them until another simulator replaces them one by one.
 Injection KillSimulator(RandomSource& random, const std::string&) {
   return {.commands = {}, .kills = true, .away = FromSeconds(random.Seconds(0, 1))};
 }

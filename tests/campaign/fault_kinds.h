@@ -1,5 +1,5 @@
-// The faults that the campaign knows: what the simulator is told, how long it takes, and how soon
-// audio has to be exact afterwards.
+// The faults that the campaign can inject: the commands for the simulator, how long they last, and
+// how soon audio has to be exact afterwards.
 #pragma once
 
 #include <random>

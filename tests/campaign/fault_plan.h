@@ -29,7 +29,7 @@ struct FaultEvent {
   /// Whether replies may be spoilt while the daemon sets a co-processor up again. What the
   /// co-processor refuses then, the daemon does not try again: clients have to.
   bool MaySpoilRestore() const { return TouchesNodes() && Has(FaultGroup::kReplies); }
-  /// What the simulator is told.
+  /// The commands for the simulator.
   std::string Text() const;
 
  private:

@@ -89,9 +89,10 @@ void CompareTables(const char* what, const GraphTables::Table& expected,
 }
 
 /// A setting that was never set may have any value.
-void CompareTap(const std::string& name, const ExpectedTap& expected, const TapStats& told,
+void CompareTap(const std::string& name, const ExpectedTap& expected, const TapStats& stats,
                 std::vector<std::string>& differences) {
-  ExpectedTap actual{told.enabled, told.tapout, told.inject, told.block_length, told.jitter_buffer};
+  ExpectedTap actual{stats.enabled, stats.tapout, stats.inject, stats.block_length,
+                     stats.jitter_buffer};
   if (!expected.block_length) actual.block_length.reset();
   if (!expected.jitter_buffer) actual.jitter_buffer.reset();
   if (actual == expected) return;
@@ -148,7 +149,7 @@ GraphTables ReadTables(DaemonClient& daemon) {
 }
 
 std::vector<std::string> Differences(const ExpectedGraph& graph, const GraphTables& listed,
-                                     const SimStatus& told) {
+                                     const SimStatus& actual) {
   std::vector<std::string> differences;
   const GraphTables expected = ExpectedTables(graph);
   CompareTables("processor", expected.processors, listed.processors, differences);
@@ -157,8 +158,8 @@ std::vector<std::string> Differences(const ExpectedGraph& graph, const GraphTabl
   CompareTables("path of", expected.paths, listed.paths, differences);
   for (const Stream& stream : Streams()) {
     if (!graph.taps().contains(stream.Id())) continue;
-    const auto found = told.taps.find(stream.TapName());
-    if (found == told.taps.end()) continue;
+    const auto found = actual.taps.find(stream.TapName());
+    if (found == actual.taps.end()) continue;
     CompareTap(stream.TapName(), graph.TapOf(stream), found->second, differences);
   }
   return differences;

@@ -1,4 +1,4 @@
-// Compares the expected graph with what the daemon lists and what the co-processor was told.
+// Compares the expected graph with what the daemon lists and what the co-processor has.
 #pragma once
 
 #include <map>
@@ -28,6 +28,6 @@ GraphTables ReadTables(DaemonClient& daemon);
 
 /// What is wrong, a line each.
 std::vector<std::string> Differences(const ExpectedGraph& graph, const GraphTables& listed,
-                                     const SimStatus& told);
+                                     const SimStatus& actual);
 
 }  // namespace kvox::campaign

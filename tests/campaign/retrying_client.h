@@ -32,7 +32,8 @@ class RetryingClient {
   /// Waits for the end of an active fault first: steps whose devices are away are left out.
   bool DisableUseCase(UseCase use_case);
 
-  /// Repeats what the expected graph says of a tap point. No other client may change it meanwhile.
+  /// Requests again what the expected graph says of a tap point. No other client may change that
+  /// tap point while this runs.
   bool RestoreTap(const Stream& stream);
 
   /// A command that changes nothing, once.

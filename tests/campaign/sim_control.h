@@ -1,4 +1,4 @@
-// The simulator while it runs: its counters, and the faults that it is told to make.
+// The simulator while it runs: its counters, and injecting faults.
 #pragma once
 
 #include <cstdint>

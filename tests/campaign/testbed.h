@@ -43,7 +43,7 @@ class Testbed {
   bool Pause(PauseMode mode);
   void Resume() { workers_.Resume(); }
 
-  /// Waits until every fault that the simulator was told has ended.
+  /// Waits until the simulator has no active faults.
   bool AwaitEndOfFaults(Ms limit);
 
   /// Waits until the daemon has found every buffer and has then set nothing up for `step`, which is

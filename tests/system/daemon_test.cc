@@ -1,4 +1,4 @@
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -6,7 +6,7 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class DaemonTest : public MachineTest {
+class DaemonTest : public SystemTest {
  protected:
   int64_t WakeUps() {
     int64_t sum = 0;
@@ -18,8 +18,7 @@ class DaemonTest : public MachineTest {
 };
 
 TEST_F(DaemonTest, SignalsEndItsEventsAndTerminationEndsIt) {
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   EXPECT_THAT(daemon_->Out(), HasSubstr("Kvoxd start"));
   ASSERT_TRUE(DaemonLogs("Start EventThread"));
   daemon_->Signal(SIGINT);
@@ -33,8 +32,7 @@ TEST_F(DaemonTest, SignalsEndItsEventsAndTerminationEndsIt) {
 }
 
 TEST_F(DaemonTest, ASecondOneIsRefusedAndADeadOnesPlaceIsFree) {
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   std::ofstream(directory_ / "power/wake_lock") << "kvox";
   Process second(KVOXD_PROGRAM, {}, directory_ / "second");
   EXPECT_TRUE(WaitFor([&] {
@@ -53,8 +51,7 @@ TEST_F(DaemonTest, IsIdleWhenNothingIsEnabled) {
 #if defined(KVOX_SANITIZED)
   GTEST_SKIP() << "a sanitizer has threads and memory of its own";
 #endif
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   // The first scan may still be under way when the daemon answers.
   ASSERT_TRUE(DaemonLogs("Found 8 tap-out buffers, 8 inject buffers"));
   int64_t before = -1;
@@ -68,8 +65,7 @@ TEST_F(DaemonTest, IsIdleWhenNothingIsEnabled) {
 
 TEST_F(DaemonTest, DropsAWakeLockThatAnEarlierOneLeft) {
   std::ofstream(directory_ / "power/wake_lock") << "other kvox";
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   EXPECT_EQ(ReadText(directory_ / "power/wake_unlock"), "kvox");
 }
 

@@ -1,5 +1,5 @@
-// What a hostile client does to the daemon as a whole: how long others wait, and what is left of it
-// when the client has gone.
+// What a hostile client does to the daemon as a whole: how long others wait, and what the daemon
+// has given back when the client has gone.
 #include <android/binder_manager.h>
 #include <kvox_host/binder_host.h>
 #include <sys/stat.h>
@@ -12,7 +12,7 @@
 
 #include "interface/service_name.h"
 #include "platform/linux/runtime_directory.h"
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -49,7 +49,7 @@ struct Latency {
   }
 };
 
-class HostileTest : public MachineTest {
+class HostileTest : public SystemTest {
  protected:
   void SetUp() override {
     std::filesystem::permissions(directory_.path(), std::filesystem::perms(0755));

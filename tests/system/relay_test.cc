@@ -2,7 +2,7 @@
 #include <filesystem>
 
 #include "tests/sim/wav_file.h"
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -19,7 +19,7 @@ std::vector<int16_t> Samples(const std::string& path) {
   return samples;
 }
 
-class RelayMachineTest : public MachineTest {
+class RelayProgramTest : public SystemTest {
  protected:
   /// A call whose down-link is a ramp that tells which sample it is; the up-link goes into a file.
   void StartCall() {
@@ -72,7 +72,7 @@ sink = { kind = "wav", file = "uplink.wav" }
   int64_t Injected() { return Figure("vpdl.0", "received"); }
 };
 
-TEST_F(RelayMachineTest, RecordAndPlayCarryACallAndLeaveItOn) {
+TEST_F(RelayProgramTest, RecordAndPlayCarryACallAndLeaveItOn) {
   StartCall();
   const std::string recorded = (directory_ / "down.wav").string();
   const auto record = Client("record art0 " + recorded + " --seconds 1");
@@ -107,7 +107,7 @@ TEST_F(RelayMachineTest, RecordAndPlayCarryACallAndLeaveItOn) {
   EXPECT_TRUE(CallIsOn());
 }
 
-TEST_F(RelayMachineTest, WhoTakesARelayOverKeepsIt) {
+TEST_F(RelayProgramTest, WhoTakesARelayOverKeepsIt) {
   StartCall();
   const std::string heard = (directory_ / "first.wav").string();
   const auto first = Client("record art0 " + heard);
@@ -124,7 +124,7 @@ TEST_F(RelayMachineTest, WhoTakesARelayOverKeepsIt) {
   EXPECT_TRUE(CallIsOn());
 }
 
-TEST_F(RelayMachineTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
+TEST_F(RelayProgramTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
   StartCall();
   ASSERT_TRUE(CallIsOn());
   const auto client = Listener();
@@ -144,7 +144,7 @@ TEST_F(RelayMachineTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
       << "fewer when the connection of the last question had yet to go before";
 }
 
-TEST_F(RelayMachineTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
+TEST_F(RelayProgramTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
   StartCall();
   const auto client = Listener();
   client->Signal(SIGSTOP);
@@ -157,7 +157,7 @@ TEST_F(RelayMachineTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
   client->Signal(SIGCONT);
 }
 
-TEST_F(RelayMachineTest, AStoppedDaemonKeepsNoRecorder) {
+TEST_F(RelayProgramTest, AStoppedDaemonKeepsNoRecorder) {
   StartCall();
   const auto heard = directory_ / "heard.wav";
   const auto recorder = Client("record art0 " + heard.string());
@@ -169,7 +169,7 @@ TEST_F(RelayMachineTest, AStoppedDaemonKeepsNoRecorder) {
   daemon_->Signal(SIGCONT);
 }
 
-TEST_F(RelayMachineTest, AStayingClientNoticesThatTheDaemonHasGone) {
+TEST_F(RelayProgramTest, AStayingClientNoticesThatTheDaemonHasGone) {
   StartCall();
   const auto raw = Listener();
   Process record(KVOXCTL_PROGRAM, Words("record art1 " + (directory_ / "r.wav").string()),

@@ -66,13 +66,13 @@ TEST(ExpectedGraphTest, FollowsTheDaemonsRules) {
 class DifferencesTest : public ::testing::Test {
  protected:
   DifferencesTest() {
-    told_.taps["genp.0"] = {.enabled = true, .tapout = 0, .inject = 0, .block_length = 4800};
+    sim_.taps["genp.0"] = {.enabled = true, .tapout = 0, .inject = 0, .block_length = 4800};
   }
-  std::vector<std::string> Found() { return Differences(graph_, listed_, told_); }
+  std::vector<std::string> Found() { return Differences(graph_, listed_, sim_); }
 
   ExpectedGraph graph_ = CompleteGraph();
   GraphTables listed_ = ExpectedTables(graph_);
-  SimStatus told_;
+  SimStatus sim_;
 };
 
 TEST_F(DifferencesTest, AreNoneWhenAllIsAsExpected) {
@@ -94,12 +94,12 @@ TEST_F(DifferencesTest, NameEveryKind) {
   listed_.paths["ps09"] = "x";
   EXPECT_THAT(Found(), ElementsAre("path of ps09: not expected, listed \"x\""));
   listed_ = ExpectedTables(graph_);
-  told_.taps["genp.0"].tapout = -1;
+  sim_.taps["genp.0"].tapout = -1;
   EXPECT_THAT(Found(), ElementsAre(HasSubstr("tap genp.0: expected \"on tapout 0")));
 }
 
 TEST_F(DifferencesTest, IgnoreSettingsThatWereNeverSet) {
-  told_.taps["genp.0"].jitter_buffer = 7;
+  sim_.taps["genp.0"].jitter_buffer = 7;
   EXPECT_THAT(Found(), IsEmpty());
   graph_.TapSetJitterBuffer(kTap, 8);
   EXPECT_THAT(Found(), ElementsAre(HasSubstr("jitter 8\", the co-processor has")));

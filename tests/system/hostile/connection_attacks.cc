@@ -45,7 +45,8 @@ namespace {
 
 using Step = void (*)(RawPeer& peer);
 
-// What is done before the end. Replies are large, so that most of one is still under way.
+// The last step before the connection ends. Replies are large, so that most of one is still on its
+// way.
 constexpr std::array<Step, 6> kLastSteps = {
     [](RawPeer&) {},
     [](RawPeer& peer) { peer.SendFrame(peer.Request(IKvox::TRANSACTION_ListProcessors)); },

@@ -1,4 +1,4 @@
-// Bytes that are no frames, and frames that hold nonsense.
+// Bytes that are no frames, and frames with invalid contents.
 
 #include "platform/linux/limits.h"
 #include "tests/system/hostile/attacker.h"
@@ -6,7 +6,7 @@
 namespace kvox {
 namespace {
 
-// Without the commands that use the co-processor or switch anything on: their waits are their own.
+// No commands that use the co-processor or switch something on: these wait for other reasons.
 constexpr transaction_code_t kHarmless[] = {
     IKvox::TRANSACTION_Ping,
     IKvox::TRANSACTION_ListProcessors,
@@ -85,7 +85,7 @@ void RandomCalls(Attacker& attacker) {
   }
 }
 
-/// A good request with a few bits turned.
+/// A valid request with a few bits flipped.
 void MutatedCalls(Attacker& attacker) {
   RawPeer peer = attacker.Peer();
   const std::vector<uint8_t> wire = Wire(RichRequest(peer));

@@ -1,4 +1,4 @@
-// References to objects that are not there, not the sender's, too many, dead or deaf.
+// References to objects that do not exist, are not the sender's, are too many, dead or hang.
 #include <poll.h>
 
 #include <deque>
@@ -44,8 +44,8 @@ void ManyObjects(Attacker& attacker) {
   const auto wire = Wire(frame);
   while (attacker.more()) {
     if (!SendBytes(peer, wire.data(), wire.size())) peer = attacker.Peer();
-    while (const auto answer = peer.ReceiveFrame()) {
-      if (answer->header.type == binder::FrameType::kReply) break;
+    while (const auto frame_back = peer.ReceiveFrame()) {
+      if (frame_back->header.type == binder::FrameType::kReply) break;
     }
   }
 }
@@ -61,7 +61,7 @@ void DeadCallbacks(Attacker& attacker) {
   }
 }
 
-/// New callbacks of a relay whenever the last one was called; none ever answers.
+/// Registers one callback of a relay after the other; none ever returns.
 void HangingCallbacks(Attacker& attacker) {
   std::deque<RawPeer> peers;
   for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) peers.push_back(attacker.Peer());

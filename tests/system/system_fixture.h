@@ -1,4 +1,4 @@
-// Daemon and simulator together in private directories, and the client that talks to them.
+// Daemon, simulator and client as programs, in private directories.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -23,11 +23,11 @@ struct ClientRun {
   std::string err;
 };
 
-class MachineTest : public ::testing::Test {
+class SystemTest : public ::testing::Test {
  protected:
-  MachineTest() {
+  SystemTest() {
     signal(SIGPIPE, SIG_IGN);
-    // Programs would go on ignoring what this one was told to ignore.
+    // Programs inherit that a signal is ignored.
     for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
   }
 
@@ -36,12 +36,8 @@ class MachineTest : public ::testing::Test {
     simulator_ = std::make_unique<Process>(KVOSIM_PROGRAM, options, directory_ / "kvosim");
     ASSERT_TRUE(WaitFor([&] { return exists(directory_ / "dev/xdv-kvox_tapout41"); }));
   }
-  void StopSimulator() {
-    simulator_->Signal(SIGTERM);
-    EXPECT_EQ(simulator_->Wait(), 0) << simulator_->Err();
-    simulator_.reset();
-  }
-  /// Something for a daemon to find: without devices it looks for seconds before it serves.
+  /// Devices for a daemon that has no simulator: without any it searches for seconds before it
+  /// serves.
   void MakeNodes() {
     for (const char* name : {"tapout0", "inject0"}) {
       directory_.MakeFifo(std::string("dev/xdv-kvox_") + name);
@@ -53,17 +49,40 @@ class MachineTest : public ::testing::Test {
     ASSERT_TRUE(WaitFor([&] { return Run({"ping"}).exit_status == 0; })) << daemon_->Err();
   }
 
+  void StartBoth() {
+    StartSimulator();
+    StartDaemon();
+  }
+
   ClientRun Run(std::vector<std::string> words) {
     Process client(KVOXCTL_PROGRAM, std::move(words), directory_ / "kvoxctl");
     const int status = client.Wait();
     return {status, client.Out(), client.Err()};
   }
 
-  /// `kvoxctl call` with the words of `line`; must be answered with status 0.
-  std::string Call(const std::string& line) {
-    const ClientRun run = Run(Words("call " + line));
+  /// Runs kvoxctl, which must end with status 0. Returns what it prints.
+  std::string Do(const std::string& line) {
+    const ClientRun run = Run(Words(line));
     EXPECT_EQ(run.exit_status, 0) << line << "\n" << run.out << run.err;
     return run.out;
+  }
+  std::string Call(const std::string& line) { return Do("call " + line); }
+
+  /// The document that a verb prints as JSON.
+  nlohmann::json Json(const std::string& line) {
+    const std::string out = Do(line + " --json");
+    nlohmann::json document = nlohmann::json::parse(out, nullptr, false);
+    if (!document.is_object()) document = nlohmann::json::object();
+    EXPECT_EQ(document["schema"], 1) << line << "\n" << out;
+    return document;
+  }
+
+  /// The verb must print an error and nothing else.
+  void ExpectRefusal(const std::string& line, int exit_status, const std::string& message) {
+    const ClientRun run = Run(Words(line));
+    EXPECT_EQ(run.exit_status, exit_status) << line << "\n" << run.err;
+    EXPECT_THAT(run.err, ::testing::HasSubstr(message)) << line;
+    EXPECT_EQ(run.out, "") << line;
   }
 
   /// One of the simulator's figures for a tap, as of now.
@@ -85,7 +104,7 @@ class MachineTest : public ::testing::Test {
 
   ResourceUsage DaemonResources() const { return ReadResources(daemon_->pid()); }
 
-  /// Stops the daemon's process; returns once all its threads stand.
+  /// Stops the daemon's process with SIGSTOP.
   void FreezeDaemon() {
     daemon_->Signal(SIGSTOP);
     int status = 0;
