@@ -102,7 +102,8 @@ bool Campaign::Survives(const FaultEvent& event) {
 bool Campaign::Inject(const FaultEvent& event) {
   for (const auto& part : event.parts) {
     std::this_thread::sleep_for(part.delay);
-    for (const std::string& command : part.injection.commands) testbed().sim().Fault(command);
+    for (const std::string& command : part.injection.commands)
+      testbed().processes().sim().Fault(command);
     if (part.injection.kills) testbed().processes().ReplaceSimulator(part.injection.away);
   }
   return testbed().RunFor(event.Lasts());
@@ -138,11 +139,11 @@ void Campaign::RestoreTaps(const FaultEvent& event, bool all) {
 }
 
 bool Campaign::PingsInTime() {
-  const Ms lag_before = testbed().lag().Total();
+  const Ms lag_before = testbed().run().lag.Total();
   const auto begin = Clock::now();
   const bool delivered = testbed().processes().client().Ping();
   const auto time = std::chrono::duration_cast<Ms>(Clock::now() - begin);
-  const Ms limit = kPingLimit + testbed().lag().Allowance(lag_before);
+  const Ms limit = kPingLimit + testbed().run().lag.Allowance(lag_before);
   if (!delivered || time > limit) {
     failures().Add("Ping: {} after {} ms; the limit is {} ms", delivered ? "returned" : "failed",
                    time.count(), limit.count());
@@ -163,11 +164,11 @@ bool Campaign::AtMostBaseline(const ResourceUsage& usage) const {
 
 bool Campaign::NothingLeaks() {
   if (!ReachBaseline()) return false;
-  const Ms lag_before = testbed().lag().Total();
+  const Ms lag_before = testbed().run().lag.Total();
   const auto begin = Clock::now();
   ResourceUsage usage = testbed().processes().DaemonResources();
   while (!AtMostBaseline(usage) &&
-         Clock::now() < begin + kReleaseLimit + testbed().lag().Allowance(lag_before)) {
+         Clock::now() < begin + kReleaseLimit + testbed().run().lag.Allowance(lag_before)) {
     std::this_thread::sleep_for(kPollInterval);
     usage = testbed().processes().DaemonResources();
   }

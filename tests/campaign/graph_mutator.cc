@@ -101,7 +101,11 @@ class GraphMutator : public Worker {
   void ToggleConnection(std::mt19937&) { Connect(Connected() ? kNone : stream_.buffer); }
   void ToggleBinding(std::mt19937&) { Bind(Bound() ? kNone : stream_.buffer); }
   void ToggleIo(std::mt19937&) {
-    IoIsOn() ? client_.StopIo(stream_.buffer) : client_.StartIo(stream_.buffer);
+    if (IoIsOn()) {
+      client_.StopIo(stream_.buffer);
+    } else {
+      client_.StartIo(stream_.buffer);
+    }
   }
   void SetBlockLength(std::mt19937& random) {
     client_.TapSetBlockLength(stream_, kBlockLengths[random() % std::size(kBlockLengths)]);

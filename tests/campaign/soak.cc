@@ -73,12 +73,12 @@ class Soak : public Run {
 /// The clients are paused: no stream is being switched.
 LossSample Soak::TakeSample() {
   testbed().Healthy();  // reads the log
-  return {testbed().sim().Status(), testbed().processes().log()};
+  return {testbed().processes().sim().Status(), testbed().processes().log()};
 }
 
 /// Begins with a restart: the first recovery of all leaves a thread that waits for the next one.
 bool Soak::StartStretch() {
-  const SimStatus before = testbed().sim().Status();
+  const SimStatus before = testbed().processes().sim().Status();
   const unsigned stalls_before = judged_stalls_;
   const auto recovery = testbed().Recover("restart gap=0.2");
   if (!recovery || !testbed().RunFor(kSettlingTime) || !testbed().Pause(PauseMode::kAtBaseline)) {
@@ -87,7 +87,7 @@ bool Soak::StartStretch() {
   stretch_start_ = TakeSample();
   stretch_s_ = Seconds();
   last_row_ = stretch_start_.sim;
-  last_row_stalls_ = testbed().lag().Stalls();
+  last_row_stalls_ = testbed().run().lag.Stalls();
   lost_ = 0;
   const uint64_t lost = MissingBetween(before, last_row_);
   const uint64_t limit = kLostPerRestart * Streams().size();
@@ -108,7 +108,7 @@ bool Soak::PrintRow() {
   const LossReport report = LossesBetween(stretch_start_, now);
   JudgeLosses(LossesBetween(stretch_start_, {last_row_, now.log}), last_row_stalls_);
   last_row_ = now.sim;
-  last_row_stalls_ = testbed().lag().Stalls();
+  last_row_stalls_ = testbed().run().lag.Stalls();
   const ResourceUsage usage = testbed().processes().DaemonResources();
   const double seconds = Seconds();
   trend_.Add(seconds, usage);
@@ -140,7 +140,7 @@ void Soak::JudgeLosses(const LossReport& report, unsigned stalls) {
 bool Soak::EndStretch() {
   if (!testbed().Pause(PauseMode::kAtBaseline)) return false;
   const SimStatus end = TakeSample().sim;
-  const unsigned stalls = testbed().lag().Stalls();
+  const unsigned stalls = testbed().run().lag.Stalls();
   testbed().Resume();
   if (!testbed().RunFor(kSettlingTime)) return false;
   const LossReport report = LossesBetween(stretch_start_, {end, testbed().processes().log()});
@@ -174,7 +174,7 @@ void Soak::PrintSummary() {
   fmt::print("{} packets passed, {} lost because of their timing, {} blocks by slow clients\n",
              total_.passed, total_.timing, total_.slow_clients);
   fmt::print("{} packets lost when the machine stalled {} times\n", lost_in_stalls_,
-             testbed().lag().Stalls());
+             testbed().run().lag.Stalls());
   fmt::print("{} restarts cost {} packets; slowest recovery {} ms\n", restarts_, lost_in_restarts_,
              slowest_recovery_.count());
 }

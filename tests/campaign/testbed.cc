@@ -23,9 +23,9 @@ Testbed::Testbed(unsigned seed, LoadProfile profile)
   workers_.Pause(PauseMode::kAsIs, Ms(0));
   for (const Stream& stream : Streams()) {
     if (stream.control == Control::kMutated) {
-      workers_.Start(MakeGraphMutator(run_, stream, profile, sim()), ++seed);
+      workers_.Start(MakeGraphMutator(run_, stream, profile, processes_.sim()), ++seed);
     } else if (stream.control == Control::kToggled) {
-      workers_.Start(MakeUseCaseToggler(run_, stream, profile, sim()), ++seed);
+      workers_.Start(MakeUseCaseToggler(run_, stream, profile, processes_.sim()), ++seed);
     }
   }
   workers_.Start(MakeObserver(run_), ++seed);
@@ -72,16 +72,16 @@ bool Testbed::RunFor(Ms time) {
 }
 
 bool Testbed::Pause(PauseMode mode) {
-  const Ms lag_before = lag().Total();
+  const Ms lag_before = run_.lag.Total();
   std::string busy = workers_.Pause(mode, kGrantLimit);
-  if (!busy.empty()) busy = workers_.Pause(mode, lag().Allowance(lag_before));
+  if (!busy.empty()) busy = workers_.Pause(mode, run_.lag.Allowance(lag_before));
   if (!busy.empty()) run_.failures.Add("not granted within {} ms: {}", kGrantLimit.count(), busy);
   return Healthy();
 }
 
 bool Testbed::AwaitEndOfFaults(Ms limit) {
   const auto until = Clock::now() + limit;
-  while (sim().Status().active_faults > 0) {
+  while (processes_.sim().Status().active_faults > 0) {
     if (!Healthy()) return false;
     if (Clock::now() > until) {
       run_.failures.Add("a fault does not end within {} ms", limit.count());
@@ -93,7 +93,7 @@ bool Testbed::AwaitEndOfFaults(Ms limit) {
 }
 
 bool Testbed::AwaitRestored(Ms step) {
-  const Ms lag_before = lag().Total();
+  const Ms lag_before = run_.lag.Total();
   const auto begin = Clock::now();
   auto last_step = begin;
   uint64_t steps = processes_.log().restored();
@@ -106,7 +106,7 @@ bool Testbed::AwaitRestored(Ms step) {
     steps = processes_.log().restored();
     if (restoring || !found_all) last_step = now;
     if (now - last_step > step) return true;
-    if (now - begin > kGrantLimit + lag().Allowance(lag_before)) {
+    if (now - begin > kGrantLimit + run_.lag.Allowance(lag_before)) {
       run_.failures.Add(
           "the daemon has not found every device, or does not end its recovery: {} tap-outs, {} "
           "injects of {} each, {} steps",
@@ -137,7 +137,7 @@ std::optional<Ms> Testbed::AwaitAudio(const AudioCheck& audio, const StreamList&
 
 bool Testbed::CheckGraph() {
   for (const std::string& difference :
-       Differences(run_.graph.Copy(), ReadTables(processes_.client()), sim().Status())) {
+       Differences(run_.graph.Copy(), ReadTables(processes_.client()), processes_.sim().Status())) {
     run_.failures.Add("{}", difference);
   }
   return Healthy();
@@ -146,7 +146,7 @@ bool Testbed::CheckGraph() {
 std::optional<Ms> Testbed::Recover(const std::string& fault) {
   constexpr Ms kFaultLimit{30000};
   run_.faults.Enter(FaultState::kActive);
-  sim().Fault(fault);
+  processes_.sim().Fault(fault);
   if (!AwaitEndOfFaults(kFaultLimit)) return std::nullopt;
   const auto recovery =
       AwaitAudio(StartAudioCheck(), StaticStreams(), kRecoveryLimit, "after '" + fault + "'");

@@ -32,8 +32,6 @@ class Testbed {
 
   RunContext& run() { return run_; }
   ProcessPair& processes() { return processes_; }
-  const SimControl& sim() const { return processes_.sim(); }
-  const LagMeter& lag() const { return run_.lag; }
 
   bool Healthy();
   /// Lets `time` pass, as long as all is well.
@@ -55,7 +53,7 @@ class Testbed {
   StreamList StaticStreams() const { return Flowing(false); }
   StreamList AllStreams() const { return Flowing(true); }
 
-  AudioCheck StartAudioCheck() const { return {sim(), run_.lag}; }
+  AudioCheck StartAudioCheck() const { return {processes_.sim(), run_.lag}; }
   /// Returns how long the slowest stream took.
   std::optional<Ms> AwaitAudio(const AudioCheck& audio, const StreamList& streams, Ms limit,
                                const std::string& when);
