@@ -12,7 +12,6 @@
 #include <thread>
 
 #include "interface/service_name.h"
-#include "platform/linux/include/kvox_host/binder_host.h"
 #include "platform/platform.h"
 #include "tests/campaign/streams.h"
 
@@ -69,10 +68,6 @@ ProcessPair::ProcessPair()
       watchdog_(daemon_.pid()),
       client_(service_, watchdog_) {
   if (!service_) throw std::runtime_error("kvoxd does not serve: " + kvox::ServiceError());
-}
-
-ProcessPair::~ProcessPair() {
-  kvox_host::StopBinder();
 }
 
 void ProcessPair::ReplaceSimulator(Ms away) {

@@ -1,6 +1,8 @@
 // Simulator and daemon as children, in directories of their own.
 #pragma once
 
+#include <kvox_host/binder_host.h>
+
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -20,10 +22,6 @@ class ProcessPair {
  public:
   /// Starts both. Throws std::runtime_error when one does not come up.
   ProcessPair();
-  /// Also ends the threads of this process that serve calls.
-  ~ProcessPair();
-  ProcessPair(const ProcessPair&) = delete;
-  ProcessPair& operator=(const ProcessPair&) = delete;
 
   const std::filesystem::path& home() const { return home_.path(); }
   const SimControl& sim() const { return sim_; }
@@ -46,9 +44,15 @@ class ProcessPair {
   void KeepLogs(const std::filesystem::path& directory);
 
  private:
+  /// Ends the threads of this process that serve calls, once nothing refers to the daemon any more.
+  struct BinderThreads {
+    ~BinderThreads() { kvox_host::StopBinder(); }
+  };
+
   HostDirectories home_;
   std::unique_ptr<Process> simulator_;
   Process daemon_;
+  BinderThreads binder_threads_;
   std::shared_ptr<IKvox> service_;
   SimControl sim_;
   LogFollower log_;
