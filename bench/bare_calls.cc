@@ -14,7 +14,7 @@
 namespace kvox::bench {
 namespace {
 
-constexpr auto kConnectPatience = std::chrono::seconds(5);
+constexpr auto kConnectTimeout = std::chrono::seconds(5);
 constexpr auto kConnectPause = std::chrono::milliseconds(5);
 
 sockaddr_un Address(const std::string& path) {
@@ -41,16 +41,16 @@ void ForEachMessage(int socket, size_t size, auto&& handle) {
   }
 }
 
-/// A pool of one thread that answers.
-class Answerer {
+/// A pool of one thread that sends replies.
+class Replier {
  public:
-  Answerer(int socket, size_t reply_size)
+  Replier(int socket, size_t reply_size)
       : socket_(socket), reply_(reply_size), thread_([this] { Run(); }) {}
-  ~Answerer() {
+  ~Replier() {
     Change([this]() REQUIRES(mutex_) { ended_ = true; });
     thread_.join();
   }
-  void Answer() {
+  void Reply() {
     Change([this]() REQUIRES(mutex_) { ++requests_; });
   }
 
@@ -84,7 +84,7 @@ class Answerer {
 
 int Connect(const std::string& path) {
   const sockaddr_un address = Address(path);
-  const auto deadline = std::chrono::steady_clock::now() + kConnectPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kConnectTimeout;
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   while (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     if (std::chrono::steady_clock::now() > deadline) {
@@ -106,8 +106,8 @@ int RunBareServer(const std::string& path, CallSizes sizes) {
     return 1;
   }
   const int client = accept(listener, nullptr, nullptr);
-  Answerer answerer(client, sizes.reply);
-  ForEachMessage(client, sizes.request, [&] { answerer.Answer(); });
+  Replier replier(client, sizes.reply);
+  ForEachMessage(client, sizes.request, [&] { replier.Reply(); });
   return 0;
 }
 
@@ -126,7 +126,7 @@ BareClient::~BareClient() {
 void BareClient::ReadReplies() {
   ForEachMessage(socket_, sizes_.reply, [this] {
     MutexLock lock(mutex_);
-    answered_ = true;
+    replied_ = true;
     changed_.NotifyOne();
   });
   MutexLock lock(mutex_);
@@ -138,9 +138,9 @@ void BareClient::Call() {
   [[maybe_unused]] const ssize_t sent =
       send(socket_, request_.data(), request_.size(), MSG_NOSIGNAL);
   MutexLock lock(mutex_);
-  while (!answered_ && !ended_) changed_.Wait(mutex_);
-  if (!answered_) throw std::runtime_error("the bare server has gone");
-  answered_ = false;
+  while (!replied_ && !ended_) changed_.Wait(mutex_);
+  if (!replied_) throw std::runtime_error("the bare server has gone");
+  replied_ = false;
 }
 
 }  // namespace kvox::bench

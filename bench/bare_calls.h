@@ -1,6 +1,6 @@
-// The least a call between two processes can cost when it takes the way that the transport's calls
-// take: a caller writes, a thread of the server reads and hands over to another one, which answers;
-// a thread of the client reads the answer and wakes the caller.
+// The least a call between two processes can cost on the path of the transport's calls: the caller
+// writes, a thread of the server reads and hands over to another one, which replies; a thread of
+// the client reads the reply and wakes the caller.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ struct CallSizes {
   size_t reply;
 };
 
-/// Role of a child: serves one client on the socket `path`, then ends. Answers an exit status.
+/// Role of a child: serves one client on the socket `path`, then ends. Returns an exit status.
 int RunBareServer(const std::string& path, CallSizes sizes);
 
 /// The caller's end. One calling thread.
@@ -40,7 +40,7 @@ class BareClient {
   const std::vector<std::byte> request_;
   Mutex mutex_;
   CondVar changed_;
-  bool answered_ GUARDED_BY(mutex_) = false;
+  bool replied_ GUARDED_BY(mutex_) = false;
   bool ended_ GUARDED_BY(mutex_) = false;
   std::thread reader_;
 };

@@ -1,4 +1,4 @@
-#include "bench/command_bench.h"
+// The command path.
 
 #include <aidl/kvox/IKvox.h>
 #include <android/binder_manager.h>
@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -16,9 +17,9 @@
 #include <vector>
 
 #include "bench/bare_calls.h"
-#include "bench/child.h"
+#include "bench/benchmarks.h"
 #include "bench/daemon_under_test.h"
-#include "bench/distribution.h"
+#include "bench/scheduling.h"
 #include "interface/service_name.h"
 #include "kvox/common/four_cc.h"
 #include "platform/linux/frames.h"
@@ -27,16 +28,15 @@
 namespace kvox::bench {
 namespace {
 
-using aidl::kvox::IKvox;
 using Clock = std::chrono::steady_clock;
 
 constexpr unsigned kClients = 8;
 constexpr double kRatioAim = 2;
-constexpr double kCallsAim = 20000;  // a second, all clients together
+constexpr double kCallsAim = 20000;  // per second, all clients together
 constexpr auto kClientStart = std::chrono::milliseconds(300);
 constexpr auto kProcessor = static_cast<int32_t>(MakeFourCc("st00"));
 
-/// Commands that the daemon answers without the co-processor.
+/// Commands that need no co-processor.
 struct Command {
   const char* name;
   uint32_t code;
@@ -62,7 +62,7 @@ CallSizes SizesOf(const Command& command, IKvox& kvox) {
   for (const int32_t argument : command.arguments) AParcel_writeInt32(in.get(), argument);
   const size_t request = in.get()->data().size();
   if (AIBinder_transact(binder.get(), command.code, in.getR(), out.getR(), 0) != STATUS_OK) {
-    throw std::runtime_error(std::string("kvoxd does not answer ") + command.name);
+    throw std::runtime_error(std::string("kvoxd does not reply to ") + command.name);
   }
   return {sizeof(binder::FrameHeader) + request,
           sizeof(binder::FrameHeader) + out.get()->data().size()};
@@ -81,13 +81,14 @@ std::vector<double> TimeCalls(unsigned calls, const std::function<void()>& call)
 }
 
 /// The rows of one command, its calls and bare ones in alternation.
-void MeasureCommand(const Command& command, DaemonUnderTest& daemon, const PrivateDirectory& home,
-                    std::optional<int> core, const CommandEffort& effort, Section& section) {
+void MeasureCommand(const Command& command, DaemonUnderTest& daemon, const HostDirectories& home,
+                    const CommandEffort& effort, Section& section) {
   const CallSizes sizes = SizesOf(command, daemon.service());
-  const std::string socket = home.path() / command.name;
-  const Child server({OwnProgram(), "bare-server", socket, std::to_string(sizes.request),
-                      std::to_string(sizes.reply)},
-                     home.path() / "bare-server", core);
+  const std::string socket = home / command.name;
+  const Process server(
+      kOwnProgram,
+      {"bare-server", socket, std::to_string(sizes.request), std::to_string(sizes.reply)},
+      home / "bare-server");
   BareClient client(socket, sizes);
   std::vector<double> bare;
   std::vector<double> measured;
@@ -104,26 +105,22 @@ void MeasureCommand(const Command& command, DaemonUnderTest& daemon, const Priva
     measured.insert(measured.end(), times.begin(), times.end());
   }
   const std::string name = command.name;
-  section.rows.push_back({name + ", median", "us", Median(bare), Median(measured), Median(ratios),
-                          Aim{Aim::Of::kRatio, kRatioAim}});
+  section.rows.push_back({name + ", median", "us", Median(measured), RatioAtMost(kRatioAim),
+                          Median(bare), Median(ratios)});
   section.rows.push_back(
-      {name + ", 99 %", "us", Percentile(bare, 0.99), Percentile(measured, 0.99), {}, {}});
+      {name + ", 99 %", "us", Percentile(measured, 0.99), {}, Percentile(bare, 0.99)});
 }
 
 void MeasureOn(std::optional<int> core, const CommandEffort& effort, Report& report) {
   BindToCore(core);
-  const PrivateDirectory home;
-  DaemonUnderTest daemon(home, core);
+  const HostDirectories home;
+  DaemonUnderTest daemon(home);
   daemon.MakeProcessor(static_cast<FourCc>(kProcessor), MakeFourCc("pass"));
   Section section{fmt::format("Calls of one client, {}, {} rounds of {}",
                               core ? fmt::format("all on core {}", *core) : "on any core",
                               effort.rounds, effort.calls),
-                  "bare socket",
-                  "kvoxd",
-                  {}};
-  for (const Command& command : Commands()) {
-    MeasureCommand(command, daemon, home, core, effort, section);
-  }
+                  "bare socket", "kvoxd"};
+  for (const Command& command : Commands()) MeasureCommand(command, daemon, home, effort, section);
   BindToCore(std::nullopt);
   report.Add(std::move(section));
 }
@@ -140,24 +137,25 @@ void MeasureCommands(const CommandEffort& effort, Report& report) {
 }
 
 uint64_t MeasureParallelClients(const CommandEffort& effort, Report& report) {
-  const PrivateDirectory home;
+  const HostDirectories home;
   const DaemonUnderTest daemon(home);
   const auto from = Clock::now() + kClientStart;
   const auto until = from + std::chrono::milliseconds(effort.client_ms);
-  std::vector<std::unique_ptr<Child>> clients;
+  std::vector<std::unique_ptr<Process>> clients;
   for (unsigned i = 0; i < kClients; ++i) {
-    clients.push_back(std::make_unique<Child>(
-        std::vector<std::string>{OwnProgram(), "caller", std::to_string(SteadyNs(from)),
-                                 std::to_string(SteadyNs(until))},
-        home.path() / ("caller" + std::to_string(i))));
+    clients.push_back(
+        std::make_unique<Process>(kOwnProgram,
+                                  std::vector<std::string>{"client", std::to_string(SteadyNs(from)),
+                                                           std::to_string(SteadyNs(until))},
+                                  home / ("client" + std::to_string(i))));
   }
   uint64_t calls = 0;
   uint64_t errors = 0;
   for (const auto& client : clients) {
-    std::istringstream counts(client->Finish(static_cast<int>(effort.client_ms / 1000) + 10));
+    if (client->Wait() != 0) throw std::runtime_error("a client failed: " + client->Err());
     uint64_t made = 0;
     uint64_t failed = 0;
-    counts >> made >> failed;
+    std::istringstream(client->Out()) >> made >> failed;
     calls += made;
     errors += failed;
   }
@@ -165,17 +163,13 @@ uint64_t MeasureParallelClients(const CommandEffort& effort, Report& report) {
   report.Add({fmt::format("Calls of {} clients in parallel, {:g} s", kClients, seconds),
               "",
               "kvoxd",
-              {{"Ping",
-                "calls a second",
-                {},
-                static_cast<double>(calls) / seconds,
-                {},
+              {{"Ping", "calls a second", static_cast<double>(calls) / seconds,
                 Aim{Aim::Of::kValue, kCallsAim, Aim::Bound::kAtLeast}},
-               {"errors", "", {}, static_cast<double>(errors), {}, Aim{Aim::Of::kValue, 0}}}});
+               {"errors", "", static_cast<double>(errors), AtMost(0)}}});
   return errors;
 }
 
-int RunCaller(int64_t from_ns, int64_t until_ns) {
+int RunClient(int64_t from_ns, int64_t until_ns) {
   const auto kvox =
       IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_getService(KvoxDescriptor())));
   if (!kvox) return 1;

@@ -1,12 +1,10 @@
 #include "bench/daemon_under_test.h"
 
 #include <android/binder_manager.h>
-#include <stdlib.h>
 
-#include <cerrno>
-#include <cstring>
 #include <functional>
 #include <stdexcept>
+#include <string>
 
 #include "interface/service_name.h"
 #include "platform/linux/include/kvox_host/binder_host.h"
@@ -15,41 +13,14 @@
 namespace kvox::bench {
 namespace {
 
-/// Sets the environment for the daemon and for our own client before either looks at it.
-std::vector<std::string> PrepareDaemon(const PrivateDirectory& home) {
-  setenv("KVOX_DEV_DIR", home.Folder("dev").c_str(), 1);
-  setenv("KVOX_RUNTIME_DIR", home.Folder("run").c_str(), 1);
-  setenv("KVOX_WAKE_LOCK_DIR", (home.path() / "no-wake-locks").c_str(), 1);
-  return {KVOXD_PROGRAM};
-}
-
 int32_t Signed(FourCc code) {
   return static_cast<int32_t>(code);
 }
 
 }  // namespace
 
-PrivateDirectory::PrivateDirectory() {
-  std::string name = (std::filesystem::temp_directory_path() / "kvox_bench.XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) {
-    throw std::runtime_error("cannot make a directory like " + name + ": " + std::strerror(errno) +
-                             "; set TMPDIR to a place that can be written");
-  }
-  path_ = name;
-}
-
-PrivateDirectory::~PrivateDirectory() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
-std::filesystem::path PrivateDirectory::Folder(const std::string& name) const {
-  std::filesystem::create_directories(path_ / name);
-  return path_ / name;
-}
-
-DaemonUnderTest::DaemonUnderTest(const PrivateDirectory& home, std::optional<int> core)
-    : child_(PrepareDaemon(home), home.path() / "kvoxd", core),
+DaemonUnderTest::DaemonUnderTest(const HostDirectories& home)
+    : process_(KVOXD_PROGRAM, {}, home / "kvoxd"),
       service_(IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_getService(KvoxDescriptor())))) {
   if (!service_) throw std::runtime_error("kvoxd does not serve: " + kvox::ServiceError());
 }

@@ -6,19 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <functional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "bench/bare_calls.h"
-#include "bench/client_bench.h"
-#include "bench/command_bench.h"
-#include "bench/idle_bench.h"
-#include "bench/packet_bench.h"
+#include "bench/benchmarks.h"
 #include "bench/relay.h"
-#include "bench/top_bench.h"
-#include "bench/traffic.h"
+#include "bench/scheduling.h"
 
 namespace {
 
@@ -50,14 +45,14 @@ constexpr PacketCase kPacketCases[] = {
     {Pattern::kPaced, 38400, 8, 1.10},
 };
 
-/// What children of this program do. Answers false when the words name no role.
+/// What children of this program do. Returns false when the words name no role.
 bool RunRole(const std::vector<std::string>& words, int& status) {
   if (words.size() == 3 && words[0] == "relay") {
     status = RunRelay(words[1], static_cast<unsigned>(std::stoul(words[2])));
   } else if (words.size() == 4 && words[0] == "bare-server") {
     status = RunBareServer(words[1], {std::stoul(words[2]), std::stoul(words[3])});
-  } else if (words.size() == 3 && words[0] == "caller") {
-    status = RunCaller(std::stoll(words[1]), std::stoll(words[2]));
+  } else if (words.size() == 3 && words[0] == "client") {
+    status = RunClient(std::stoll(words[1]), std::stoll(words[2]));
   } else {
     return false;
   }
@@ -70,43 +65,44 @@ struct Options {
   std::string json;
 };
 
-/// Groups of measurements, in the order in which they run. Each answers its count of faults.
-struct Group {
-  const char* name;
-  std::function<uint64_t(const Plan&, Report&)> measure;
-};
-
 uint64_t MeasureCases(Pattern pattern, const Plan& plan, Report& report) {
   uint64_t faults = 0;
   for (const PacketCase& packet_case : kPacketCases) {
-    if (packet_case.pattern != pattern) continue;
-    faults += MeasurePackets(packet_case, plan.packets, report);
+    if (packet_case.pattern == pattern) faults += MeasurePackets(packet_case, plan.packets, report);
   }
   return faults;
 }
 
-std::vector<Group> Groups() {
-  return {
-      {"ping-pong", [](const Plan& plan,
-                       Report& report) { return MeasureCases(Pattern::kPingPong, plan, report); }},
-      {"paced", [](const Plan& plan,
-                   Report& report) { return MeasureCases(Pattern::kPaced, plan, report); }},
-      {"calls",
-       [](const Plan& plan, Report& report) {
-         MeasureCommands(plan.commands, report);
-         return MeasureParallelClients(plan.commands, report);
-       }},
-      {"client",
-       [](const Plan& plan, Report& report) {
-         MeasureClientProcess(plan.client_runs, report);
-         return uint64_t{0};
-       }},
-      {"idle",
-       [](const Plan& plan, Report& report) {
-         MeasureIdle(plan.idle_s, report);
-         return uint64_t{0};
-       }},
-      {"top", [](const Plan& plan, Report& report) { return MeasureTop(plan.top_s, report); }}};
+/// Groups of measurements, in the order in which they run. Each returns its count of faults.
+constexpr struct {
+  const char* name;
+  uint64_t (*measure)(const Plan& plan, Report& report);
+} kGroups[] = {
+    {"ping-pong",
+     [](auto& plan, auto& report) { return MeasureCases(Pattern::kPingPong, plan, report); }},
+    {"paced", [](auto& plan, auto& report) { return MeasureCases(Pattern::kPaced, plan, report); }},
+    {"calls",
+     [](auto& plan, auto& report) {
+       MeasureCommands(plan.commands, report);
+       return MeasureParallelClients(plan.commands, report);
+     }},
+    {"client",
+     [](auto& plan, auto& report) {
+       MeasureClientProcess(plan.client_runs, report);
+       return uint64_t{0};
+     }},
+    {"idle",
+     [](auto& plan, auto& report) {
+       MeasureIdle(plan.idle_s, report);
+       return uint64_t{0};
+     }},
+    {"top", [](auto& plan, auto& report) { return MeasureTop(plan.top_s, report); }},
+};
+
+std::set<std::string> GroupNames() {
+  std::set<std::string> names;
+  for (const auto& group : kGroups) names.insert(group.name);
+  return names;
 }
 
 int Measure(const Options& options) {
@@ -117,7 +113,7 @@ int Measure(const Options& options) {
              realtime ? "is allowed" : "is not allowed: relay and daemon run without it");
   Report report;
   uint64_t faults = 0;
-  for (const Group& group : Groups()) {
+  for (const auto& group : kGroups) {
     if (options.only.empty() || options.only == group.name) faults += group.measure(plan, report);
   }
   if (!options.json.empty()) report.WriteJson(options.json);
@@ -136,8 +132,7 @@ int main(int argc, char** argv) {
                  "kvox_bench"};
     app.add_flag("--quick", options.quick, "Well under a minute instead of a few");
     app.add_option("--only", options.only, "One group of measurements")
-        ->check(CLI::IsMember(
-            std::set<std::string>({"ping-pong", "paced", "calls", "client", "idle", "top"})));
+        ->check(CLI::IsMember(GroupNames()));
     app.add_option("--json", options.json, "Also write the outcome into this file");
     CLI11_PARSE(app, argc, argv);
     return Measure(options);

@@ -1,11 +1,11 @@
-// The least a program can do with packets: the measure that the daemon is held against.
+// The least a program can do with packets: what the daemon is compared with.
 #pragma once
 
 #include <string>
 
 namespace kvox::bench {
 
-/// How the threads of RunRelay are named, a number behind it.
+/// How the names of RunRelay's threads begin; a number follows.
 inline constexpr char kRelayThread[] = "relay";
 
 /// Role of a child: for each stream a thread under SCHED_FIFO that polls the tap-out FIFO, reads,

@@ -1,11 +1,30 @@
-// The outcome: sections of rows that hold a measurement against the least a program can do.
+// The outcome: sections of rows that compare a measurement with the least a program can do.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kvox::bench {
+
+/// The value that `share` (0 to 1) of the values do not exceed; 0 for none.
+template <typename T>
+double Percentile(std::vector<T> values, double share) {
+  if (values.empty()) return 0;
+  const auto last = static_cast<double>(values.size() - 1);
+  const auto rank = static_cast<ptrdiff_t>(std::lround(share * last));
+  std::nth_element(values.begin(), values.begin() + rank, values.end());
+  return static_cast<double>(values[static_cast<size_t>(rank)]);
+}
+
+template <typename T>
+double Median(std::vector<T> values) {
+  return Percentile(std::move(values), 0.5);
+}
 
 struct Aim {
   enum class Of { kRatio, kValue };
@@ -15,17 +34,24 @@ struct Aim {
   Bound bound = Bound::kAtMost;
 };
 
+inline Aim AtMost(double limit) {
+  return {Aim::Of::kValue, limit};
+}
+inline Aim RatioAtMost(double limit) {
+  return {Aim::Of::kRatio, limit};
+}
+
 struct Row {
   std::string what;
   std::string unit;
-  std::optional<double> bare;
   double measured = 0;
-  std::optional<double> ratio;  // where it is not simply measured / bare
-  std::optional<Aim> aim;
+  std::optional<Aim> aim = {};
+  std::optional<double> bare = {};
+  std::optional<double> ratio = {};  // where it is not simply measured / bare
 
   /// None when there is nothing to divide by.
   std::optional<double> Ratio() const;
-  /// True without an aim. Compared as printed, to two digits behind the point.
+  /// True without an aim. Compares what is printed, two digits behind the point.
   bool MeetsAim() const;
 };
 
@@ -33,7 +59,7 @@ struct Section {
   std::string title;
   std::string bare_name;  // empty when nothing is compared
   std::string measured_name;
-  std::vector<Row> rows;
+  std::vector<Row> rows = {};
 };
 
 class Report {

@@ -13,6 +13,12 @@ struct ThreadUsage {
   uint64_t sleeps = 0;       // voluntary context switches: the thread had to wait
   uint64_t preemptions = 0;  // involuntary ones
 
+  ThreadUsage& operator+=(const ThreadUsage& other) {
+    cpu_ns += other.cpu_ns;
+    sleeps += other.sleeps;
+    preemptions += other.preemptions;
+    return *this;
+  }
   ThreadUsage operator-(const ThreadUsage& before) const {
     return {cpu_ns - before.cpu_ns, sleeps - before.sleeps, preemptions - before.preemptions};
   }
@@ -26,8 +32,5 @@ struct ProcessUsage {
 /// CPU times are exact to the nanosecond where the kernel shows them (schedstat or sched), to the
 /// clock tick elsewhere. Threads that have ended are not counted.
 ProcessUsage ReadUsage(pid_t pid, std::string_view prefix);
-
-/// Resident memory of a process in KiB.
-uint64_t ReadResidentKib(pid_t pid);
 
 }  // namespace kvox::bench

@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # Usage: ./dev bench [--quick] [--only GROUP] [--json FILE]
 #
-# Measures kvoxd against the least a program can do for the same work, both in alternation in one
-# run: packets against a bare relay, calls against a bare socket, kvoxctl against a process that
-# does nothing; also what the idle daemon takes, what kvoxctl top takes, and single steps. Prints
-# aims beside the outcome. A missed aim is no failure; a lost or wrong packet or call is.
+# Compares kvoxd with the least a program can do for the same work, both in alternation in one run:
+# packets with a bare relay, calls with a bare socket, kvoxctl with a process that does nothing. Also
+# measures what the idle daemon and kvoxctl top use, and single steps. Prints aims beside the
+# outcome. A missed aim is no failure; a lost or wrong packet or call is.
 #
 #   --quick       well under a minute; without it about two
 #   --only GROUP  one of ping-pong, paced, calls, client, idle, top, micro
-#   --json FILE   write the outcome into FILE as well, all but the single steps
+#   --json FILE   also write the outcome into FILE, except for the single steps
 #
-# Ping-pong on one core repeats well; the other figures want a machine with nothing else to do.
+# Ping-pong on one core is repeatable; the other figures need an idle machine.
 # Everything runs in private directories. As root the threads run at real-time priority.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
@@ -22,7 +22,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --only | --json)
       [ $# -ge 2 ] || {
-        echo "./dev bench: a word is missing behind $1; see --help" >&2
+        echo "./dev bench: $1 needs a value; see --help" >&2
         exit 2
       }
       if [ "$1" = --only ]; then only=$2; fi

@@ -1,4 +1,4 @@
-# Builds and runs a program of bench/campaign; sourced by the scripts of faults and soak.
+# Builds and runs a program of tests/campaign; sourced by the scripts of faults and soak.
 # shellcheck shell=bash disable=SC2154
 
 # run_campaign PROGRAM LOGS [OPTION...]: PROGRAM knows all options but --preset and --help.
@@ -27,13 +27,13 @@ run_campaign() {
     esac
   done
   case "$preset" in
-    release) need_packages build ;;
+    release) need_packages build test ;;
     *)
-      need_packages build check
+      need_packages build test check
       arguments+=(--preset "$preset")
       ;;
   esac
   echo "Building ..."
   build_preset "$preset" "$program" | tail -n 1
-  "build/$preset/bench/campaign/$program" "${arguments[@]}" --logs "$logs"
+  "build/$preset/tests/campaign/$program" "${arguments[@]}" --logs "$logs"
 }

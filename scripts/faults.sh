@@ -3,12 +3,12 @@
 #                     [--preset PRESET]
 #
 # Injects faults into a simulated co-processor while audio flows through kvoxd and clients give it
-# commands all the while; after each the daemon has to be as if nothing had been. docs/reliability.md
-# lists the faults and what is checked. Any failure is one of the daemon: the exit status is then 1,
-# and its log is kept in build/faults.
+# commands. After each fault the daemon has to be as before. docs/testing.md lists the faults and
+# what is checked. A failure is one of the daemon: the exit status is then 1, and the logs are kept
+# in build/faults.
 #
 #   --quick          most of a minute, without the kinds that take long
-#   --seed N         what happens follows from it; random when not given
+#   --seed N         decides what happens; random when not given
 #   --count N        how many faults (100)
 #   --only KIND      one kind of faults
 #   --endurance      10,000 flaps and 300 restarts instead, and what they cost in the long run

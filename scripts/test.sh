@@ -4,6 +4,8 @@
 # Builds the optimised preset and runs the whole suite. --all does the same with clang 16, whose
 # thread-safety analysis makes errors, under AddressSanitizer with UBSan and under ThreadSanitizer,
 # runs the fuzz targets for a moment, and the lint.
+#
+# Each run ends with the sum of the times of its tests, and how much of it they spent waiting.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=(--all)
@@ -11,12 +13,20 @@ parse_options "$@"
 refuse_words
 
 run_suite() {
-  local begin=$SECONDS
+  local begin=$SECONDS log=build/$1/tests.log cpu=build/$1/tests.cpu TIMEFORMAT='%U %S'
   echo "== $1: build"
   build_preset "$1"
   echo "== $1: test"
-  ctest --test-dir "build/$1" --output-on-failure --parallel "$(($(nproc) + 1))" --no-tests=error |
-    grep -vE '^ *(Start +[0-9]+:|[0-9]+/[0-9]+ Test .* Passed )'
+  {
+    time {
+      ctest --test-dir "build/$1" --output-on-failure --parallel "$(($(nproc) + 1))" --no-tests=error |
+        tee "$log" | grep -vE '^ *(Start +[0-9]+:|[0-9]+/[0-9]+ Test .* Passed )'
+    } 2>&3
+  } 3>&2 2>"$cpu"
+  awk 'FNR == NR { cpu = $1 + $2; next }
+    /^ *[0-9]+\/[0-9]+ Test / { sum += $(NF - 1) }
+    END { printf "The tests took %d s in sum; %d s of that was CPU time, the rest waiting.\n", sum, cpu }
+  ' "$cpu" "$log"
   echo "== $1: passed in $((SECONDS - begin)) s"
 }
 

@@ -1,29 +1,36 @@
-// The project's programs as children of a test, and waiting for what they do.
+// Programs as children of a test or a measurement, and waiting for what they do. Standard library
+// only, so that programs without GoogleTest can use it too.
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace kvox {
 
-/// Waits until the condition holds; false after 20 seconds.
+/// How long a test waits for anything.
+inline constexpr std::chrono::seconds kWaitLimit{20};
+
+/// Waits until the condition holds; false after kWaitLimit.
 inline bool WaitFor(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     poll(nullptr, 0, 1);
@@ -48,51 +55,87 @@ inline std::vector<std::string> Words(const std::string& line) {
   return {std::istream_iterator<std::string>(stream), {}};
 }
 
-/// A run of a program with this process's environment. What it prints goes into two files beside
-/// `output`. Killed with the object, if it still runs.
+/// A program that runs with this process's environment. Its output goes to the files OUTPUT.out and
+/// OUTPUT.err. It is killed with the object, and by the kernel when the thread that started it
+/// ends. One thread.
 class Process {
  public:
+  /// `program` is a path or a name to look up in PATH. `in_child` runs in the child before the
+  /// program; it may make system calls only, because this process may have other threads.
+  /// Throws std::runtime_error.
   Process(const std::string& program, std::vector<std::string> arguments,
-          const std::filesystem::path& output)
-      : out_(output.string() + ".out"), err_(output.string() + ".err") {
+          const std::filesystem::path& output, const std::function<void()>& in_child = nullptr)
+      : program_(program), out_(output.string() + ".out"), err_(output.string() + ".err") {
     arguments.insert(arguments.begin(), program);
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    constexpr int kCreate = O_WRONLY | O_CREAT | O_TRUNC;
-    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, out_.c_str(), kCreate, 0600);
-    posix_spawn_file_actions_addopen(&files, STDERR_FILENO, err_.c_str(), kCreate, 0600);
-    EXPECT_EQ(posix_spawn(&pid_, program.c_str(), &files, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&files);
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      const bool ready =
+          getppid() == parent && Redirect(out_, STDOUT_FILENO) && Redirect(err_, STDERR_FILENO);
+      if (ready && in_child) in_child();
+      if (ready) execvp(argv[0], argv.data());
+      _exit(kCannotRun);
+    }
+    if (pid_ < 0) throw std::runtime_error("cannot start " + program + ": " + std::strerror(errno));
   }
   ~Process() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      Wait();
-    }
+    if (Ended()) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
   }
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
   pid_t pid() const { return pid_; }
-  void Signal(int number) { kill(pid_, number); }
 
-  /// The exit status, or minus the signal that ended it.
-  int Wait() {
-    int status = 0;
-    EXPECT_TRUE(WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }));
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  /// Does nothing when the program has ended.
+  void Signal(int number) {
+    if (!Ended()) kill(pid_, number);
   }
+
+  /// The exit status, or minus the signal that ended it; none while it runs.
+  std::optional<int> Ended() {
+    int status = 0;
+    if (!end_ && waitpid(pid_, &status, WNOHANG) == pid_) {
+      end_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    return end_;
+  }
+
+  /// Waits for the end and returns what Ended() does. Throws std::runtime_error when the program
+  /// still runs after kWaitLimit.
+  int Wait() {
+    if (!Ended()) {
+      const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+      pollfd end{.fd = fd, .events = POLLIN, .revents = 0};
+      poll(&end, 1, std::chrono::milliseconds(kWaitLimit).count());
+      close(fd);
+    }
+    if (Ended()) return *end_;
+    throw std::runtime_error(program_ + " still runs after " + std::to_string(kWaitLimit.count()) +
+                             " s; it printed: " + Out() + Err());
+  }
+
   std::string Out() const { return ReadText(out_); }
   std::string Err() const { return ReadText(err_); }
 
  private:
+  static constexpr int kCannotRun = 127;
+
+  static bool Redirect(const std::filesystem::path& file, int to) {
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    return fd >= 0 && dup2(fd, to) == to;
+  }
+
+  const std::string program_;
   const std::filesystem::path out_;
   const std::filesystem::path err_;
   pid_t pid_ = -1;
+  std::optional<int> end_;
 };
 
 }  // namespace kvox

@@ -1,7 +1,6 @@
 // A program on a terminal of its own, as a shell's foreground job, so that it can be stopped.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
@@ -10,8 +9,9 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -19,42 +19,42 @@
 
 namespace kvox {
 
-/// Killed with the object, if it still runs. What it writes to standard error goes to a file beside
-/// `output`.
+/// Killed with the object. What the program writes to standard error goes to the file OUTPUT.err.
+/// One thread.
 class Terminal {
  public:
-  Terminal(const std::string& program, std::vector<std::string> words,
-           const std::filesystem::path& output, winsize size = {30, 120, 0, 0})
-      : err_(output.string() + ".err") {
-    EXPECT_EQ(openpty(&user_, &terminal_, nullptr, nullptr, &size), 0);
-    modes_before_ = Modes();
-    words.insert(words.begin(), program);
+  /// Throws std::runtime_error.
+  Terminal(const std::string& program, const std::vector<std::string>& words,
+           const std::filesystem::path& output, winsize size = {30, 120, 0, 0}) {
     int started[2];
-    EXPECT_EQ(pipe(started), 0);
-    shell_ = fork();
-    if (shell_ == 0) RunShell(words, started[1]);
-    EXPECT_EQ(read(started[0], &pid_, sizeof pid_), static_cast<ssize_t>(sizeof pid_));
+    if (openpty(&user_, &terminal_, nullptr, nullptr, &size) != 0 ||
+        pipe2(started, O_CLOEXEC) != 0) {
+      throw std::runtime_error("cannot open a pseudo-terminal");
+    }
+    modes_before_ = Modes();
+    shell_ = std::make_unique<Process>(program, words, output, [&] { LeadJob(started[1]); });
+    const ssize_t size_read = read(started[0], &job_, sizeof job_);
     close(started[0]);
     close(started[1]);
+    if (size_read != sizeof job_) throw std::runtime_error("cannot start " + program);
   }
   ~Terminal() {
-    if (shell_ > 0) {
-      kill(pid_, SIGKILL);
-      Wait();
-    }
+    if (!shell_->Ended()) kill(job_, SIGKILL);
     close(terminal_);
     close(user_);
   }
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
 
-  void Signal(int number) { kill(pid_, number); }
+  pid_t pid() const { return job_; }
+
+  void Signal(int number) { kill(job_, number); }
   void Press(const std::string& keys) {
-    EXPECT_EQ(write(user_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    static_cast<void>(!write(user_, keys.data(), keys.size()));
   }
   void Resize(unsigned short lines, unsigned short columns) {
     const winsize size = {lines, columns, 0, 0};
-    EXPECT_EQ(ioctl(user_, TIOCSWINSZ, &size), 0);
+    ioctl(user_, TIOCSWINSZ, &size);
   }
 
   /// All that has been shown so far, as bytes.
@@ -77,38 +77,35 @@ class Terminal {
   const termios& modes_before() const { return modes_before_; }
 
   termios Modes() const {
-    termios modes;
-    std::memset(&modes, 0, sizeof modes);
+    termios modes = {};
     tcgetattr(terminal_, &modes);
     return modes;
   }
 
   bool IsStopped() const {
-    const std::string stat = ReadText("/proc/" + std::to_string(pid_) + "/stat");
-    return stat.find(") T ") != stat.npos;
+    return ReadText("/proc/" + std::to_string(job_) + "/stat").find(") T ") != std::string::npos;
   }
 
-  /// The exit status, or minus the signal that ended it.
+  /// The exit status, or minus the signal that ended the program. Throws std::runtime_error when it
+  /// still runs after kWaitLimit.
   int Wait() {
-    int status = 0;
-    EXPECT_TRUE(WaitFor([&] {
-      Shown();  // lest it waits for room
-      return waitpid(shell_, &status, WNOHANG) == shell_;
-    }));
-    shell_ = -1;
+    // A program that waits for room on the terminal never ends.
+    WaitFor([&] { return Shown(), shell_->Ended().has_value(); });
+    const int status = shell_->Wait();
     Shown();
-    return WEXITSTATUS(status) > 128 ? 128 - WEXITSTATUS(status) : WEXITSTATUS(status);
+    return status > 128 ? 128 - status : status;
   }
-  std::string Err() const { return ReadText(err_); }
+  std::string Err() const { return shell_->Err(); }
 
  private:
-  /// Leads the terminal's session while its job runs, and ends as the job does.
-  [[noreturn]] void RunShell(std::vector<std::string>& words, int started) {
+  /// In the child. Returns in the job, a child of its own; what is left leads the terminal's
+  /// session and ends as the job does.
+  void LeadJob(int started) const {
     signal(SIGTTOU, SIG_IGN);
     setsid();
     ioctl(terminal_, TIOCSCTTY, 0);
     const pid_t job = fork();
-    if (job == 0) RunJob(words);
+    if (job == 0) return BecomeJob();
     setpgid(job, job);
     tcsetpgrp(terminal_, job);
     static_cast<void>(!write(started, &job, sizeof job));
@@ -117,28 +114,20 @@ class Terminal {
     _exit(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
   }
 
-  [[noreturn]] void RunJob(std::vector<std::string>& words) {
+  void BecomeJob() const {
     setpgid(0, 0);
     tcsetpgrp(terminal_, getpid());
     signal(SIGTTOU, SIG_DFL);
     signal(SIGPIPE, SIG_DFL);
-    const int err = open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     dup2(terminal_, STDIN_FILENO);
     dup2(terminal_, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
     close(user_);
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
   }
 
-  const std::filesystem::path err_;
   int user_ = -1;      // the user's side
   int terminal_ = -1;  // the program's
-  pid_t shell_ = -1;
-  pid_t pid_ = -1;
+  std::unique_ptr<Process> shell_;
+  pid_t job_ = -1;
   termios modes_before_ = {};
   std::string shown_;
 };

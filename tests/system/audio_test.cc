@@ -1,12 +1,12 @@
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
 
 using ::testing::HasSubstr;
 
-/// The general-purpose tap genp.0, tied through a passthrough processor.
-class AudioTest : public MachineTest {
+/// The general-purpose tap genp.0, connected through a passthrough processor.
+class AudioTest : public SystemTest {
  protected:
   void SetUp() override {
     // Untimed packets: a busy test machine must not make the timing checks drop any.
@@ -38,7 +38,8 @@ TEST_F(AudioTest, ComesBackBitForBit) {
 TEST_F(AudioTest, ComesBackByItselfAfterTheCoprocessorWasAway) {
   ExpectExactAudio();
   for (int restart = 1; restart <= 2; ++restart) {
-    StopSimulator();
+    simulator_->Signal(SIGTERM);
+    EXPECT_EQ(simulator_->Wait(), 0) << simulator_->Err();
     EXPECT_TRUE(DaemonLogs("xdv-kvox_control offline", 2 * restart));
     StartSimulator({"--speed", "1.001"});
     ExpectExactAudio();

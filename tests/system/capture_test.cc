@@ -1,5 +1,5 @@
 #include "tests/buffer/recorded_file.h"
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -13,7 +13,7 @@ std::string HeaderOf(unsigned long samples) {
 }
 
 /// A tap that plays a second of noise in runs of 480 samples, and passes through the daemon.
-class CaptureTest : public MachineTest {
+class CaptureTest : public SystemTest {
  protected:
   void SetUp() override {
     std::string audio(kSamples * 4, '\0');

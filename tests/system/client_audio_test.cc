@@ -1,4 +1,4 @@
-#include "tests/system/client_fixture.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -8,7 +8,7 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 /// The verbs that let audio flow, and watch it.
-class ClientAudioTest : public ClientMachineTest {
+class ClientAudioTest : public SystemTest {
  protected:
   ClientAudioTest() { StartBoth(); }
 

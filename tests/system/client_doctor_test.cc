@@ -1,7 +1,7 @@
 #include <map>
 
-#include "tests/system/client_fixture.h"
 #include "tests/system/mute_service.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -10,7 +10,7 @@ using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class ClientDoctorTest : public ClientMachineTest {
+class ClientDoctorTest : public SystemTest {
  protected:
   /// The findings by their check, and whether the exit status agrees with them.
   std::map<std::string, json> Doctor(const std::string& options = "") {

@@ -1,5 +1,5 @@
 #include "tests/support/terminal.h"
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -14,12 +14,11 @@ constexpr char kGiveBack[] = "\x1b[?1049l";
 constexpr char kCtrlL[] = "\f";
 
 /// `top` and `watch`.
-class ClientLiveTest : public MachineTest {
+class ClientLiveTest : public SystemTest {
  protected:
   ClientLiveTest() {
     setenv("TERM", "xterm", 1);
-    StartSimulator();
-    StartDaemon();
+    StartBoth();
     Call("EnableUseCase MIC_IN true");
   }
 

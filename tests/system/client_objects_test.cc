@@ -1,4 +1,4 @@
-#include "tests/system/client_fixture.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -7,7 +7,7 @@ using nlohmann::json;
 using ::testing::HasSubstr;
 
 /// The verbs about processors, tap points and buffers.
-class ClientObjectsTest : public ClientMachineTest {
+class ClientObjectsTest : public SystemTest {
  protected:
   ClientObjectsTest() { StartBoth(); }
 };

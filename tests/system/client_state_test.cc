@@ -1,6 +1,6 @@
 #include <fstream>
 
-#include "tests/system/client_fixture.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -10,7 +10,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 /// export, apply and the picture of the graph.
-class ClientStateTest : public ClientMachineTest {
+class ClientStateTest : public SystemTest {
  protected:
   ClientStateTest() { StartBoth(); }
 

@@ -1,12 +1,12 @@
-#include "tests/system/machine.h"
 #include "tests/system/mute_service.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
 
 using ::testing::HasSubstr;
 
-class ClientTest : public MachineTest {
+class ClientTest : public SystemTest {
  protected:
   /// kvoxctl as a shell runs it; exits with the shell's status.
   ClientRun Shell(const std::string& arguments_and_more) {
@@ -18,8 +18,7 @@ class ClientTest : public MachineTest {
 };
 
 TEST_F(ClientTest, PrintsAnswersAsLinesAndAsJson) {
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   EXPECT_EQ(Run(Words("--json call Ping")).out, "{\"status\": 0, \"value\": 0.0, \"lines\": []}\n");
   EXPECT_EQ(Run(Words("call Ping")).out, "");
   EXPECT_EQ(Call("NewProcessorWithType ABCD 0x70617373"),

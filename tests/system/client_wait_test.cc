@@ -1,5 +1,5 @@
-#include "tests/system/client_fixture.h"
 #include "tests/system/mute_service.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -7,7 +7,7 @@ namespace {
 using ::testing::HasSubstr;
 
 /// Waiting, and what ends it.
-class ClientWaitTest : public ClientMachineTest {
+class ClientWaitTest : public SystemTest {
  protected:
   std::unique_ptr<Process> Begin(const std::string& line) {
     return std::make_unique<Process>(KVOXCTL_PROGRAM, Words(line), directory_ / "waiting");

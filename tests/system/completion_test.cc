@@ -1,8 +1,8 @@
 // Completion of kvoxctl's words by a real bash.
 
 #include "tests/support/terminal.h"
-#include "tests/system/client_fixture.h"
 #include "tests/system/mute_service.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -14,7 +14,7 @@ using ::testing::IsSupersetOf;
 
 constexpr char kClearLine[] = "\x15";  // Ctrl-U
 
-class CompletionTest : public ClientMachineTest {
+class CompletionTest : public SystemTest {
  protected:
   CompletionTest() { std::ofstream(directory_ / "script") << Do("completion bash"); }
 

@@ -1,4 +1,4 @@
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -6,31 +6,19 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class DaemonTest : public MachineTest {
+class DaemonTest : public SystemTest {
  protected:
-  /// A figure of /proc/PID/status, of one thread when a name is given; -1 when there is none.
-  int64_t ProcFigure(const std::string& key, const std::filesystem::path& status) {
-    std::istringstream lines(ReadText(status));
-    for (std::string line; std::getline(lines, line);) {
-      if (line.starts_with(key + ":")) return std::stoll(line.substr(key.size() + 1));
-    }
-    return -1;
-  }
-
-  std::filesystem::path Proc() const { return "/proc/" + std::to_string(daemon_->pid()); }
-
   int64_t WakeUps() {
     int64_t sum = 0;
-    for (const auto& task : std::filesystem::directory_iterator(Proc() / "task")) {
-      sum += ProcFigure("voluntary_ctxt_switches", task.path() / "status");
+    for (const auto& task : Entries(ProcPath(daemon_->pid()) / "task")) {
+      sum += std::stoll("0" + ProcField(task / "status", "voluntary_ctxt_switches"));
     }
     return sum;
   }
 };
 
 TEST_F(DaemonTest, SignalsEndItsEventsAndTerminationEndsIt) {
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   EXPECT_THAT(daemon_->Out(), HasSubstr("Kvoxd start"));
   ASSERT_TRUE(DaemonLogs("Start EventThread"));
   daemon_->Signal(SIGINT);
@@ -44,8 +32,7 @@ TEST_F(DaemonTest, SignalsEndItsEventsAndTerminationEndsIt) {
 }
 
 TEST_F(DaemonTest, ASecondOneIsRefusedAndADeadOnesPlaceIsFree) {
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   std::ofstream(directory_ / "power/wake_lock") << "kvox";
   Process second(KVOXD_PROGRAM, {}, directory_ / "second");
   EXPECT_TRUE(WaitFor([&] {
@@ -64,8 +51,7 @@ TEST_F(DaemonTest, IsIdleWhenNothingIsEnabled) {
 #if defined(KVOX_SANITIZED)
   GTEST_SKIP() << "a sanitizer has threads and memory of its own";
 #endif
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   // The first scan may still be under way when the daemon answers.
   ASSERT_TRUE(DaemonLogs("Found 8 tap-out buffers, 8 inject buffers"));
   int64_t before = -1;
@@ -74,13 +60,12 @@ TEST_F(DaemonTest, IsIdleWhenNothingIsEnabled) {
     poll(nullptr, 0, 1000);
     return WakeUps() == before;
   })) << "no second passed without a wake-up";
-  EXPECT_LT(ProcFigure("VmRSS", Proc() / "status"), 12 * 1024);
+  EXPECT_LT(DaemonResources().memory_kib, 12 * 1024);
 }
 
 TEST_F(DaemonTest, DropsAWakeLockThatAnEarlierOneLeft) {
   std::ofstream(directory_ / "power/wake_lock") << "other kvox";
-  StartSimulator();
-  StartDaemon();
+  StartBoth();
   EXPECT_EQ(ReadText(directory_ / "power/wake_unlock"), "kvox");
 }
 

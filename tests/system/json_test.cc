@@ -3,7 +3,7 @@
 #include <set>
 
 #include "client/verbs/verb.h"
-#include "tests/system/client_fixture.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -55,7 +55,7 @@ std::string VerbOf(const std::string& line) {
   return longest;
 }
 
-class JsonPageTest : public ClientMachineTest {
+class JsonPageTest : public SystemTest {
  protected:
   JsonPageTest() { StartBoth(); }
 

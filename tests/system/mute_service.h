@@ -1,4 +1,4 @@
-// A service that greets its one client, takes the first call and never answers it.
+// A service that greets its one client, takes the first call and never replies.
 #pragma once
 
 #include <gtest/gtest.h>

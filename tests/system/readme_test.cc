@@ -1,6 +1,6 @@
 #include <regex>
 
-#include "tests/system/client_fixture.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -34,7 +34,7 @@ std::string Steady(std::string text, const std::string& home) {
   return std::regex_replace(text, std::regex(" +\n"), "\n");
 }
 
-class ReadmeTest : public ClientMachineTest {};
+class ReadmeTest : public SystemTest {};
 
 TEST_F(ReadmeTest, ProgramsPrintWhatItShows) {
   StartBoth();

@@ -1,7 +1,7 @@
 // How long it takes until audio flows again once the last device is back.
 #include <chrono>
 
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -29,7 +29,7 @@ void PrintTo(const Return& row, std::ostream* out) {
   *out << row.name;
 }
 
-class ReturnTest : public MachineTest, public ::testing::WithParamInterface<Return> {
+class ReturnTest : public SystemTest, public ::testing::WithParamInterface<Return> {
  protected:
   void Ctl(const std::vector<std::string>& words) {
     Process ctl(KVOSIM_PROGRAM, words, directory_ / "ctl");
@@ -92,7 +92,7 @@ INSTANTIATE_TEST_SUITE_P(Order, ReturnTest, ::testing::ValuesIn(kReturns),
                          [](const auto& row) { return row.param.name; });
 
 /// Nodes without a co-processor behind them.
-class PlainNodesTest : public MachineTest {
+class PlainNodesTest : public SystemTest {
  protected:
   std::string Node(const std::string& name) { return directory_ / ("dev/xdv-kvox_" + name); }
   void Make(const std::string& name) { ASSERT_EQ(mkfifo(Node(name).c_str(), 0600), 0); }

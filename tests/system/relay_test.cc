@@ -2,7 +2,7 @@
 #include <filesystem>
 
 #include "tests/sim/wav_file.h"
-#include "tests/system/machine.h"
+#include "tests/system/system_fixture.h"
 
 namespace kvox {
 namespace {
@@ -19,7 +19,7 @@ std::vector<int16_t> Samples(const std::string& path) {
   return samples;
 }
 
-class RelayMachineTest : public MachineTest {
+class RelayProgramTest : public SystemTest {
  protected:
   /// A call whose down-link is a ramp that tells which sample it is; the up-link goes into a file.
   void StartCall() {
@@ -72,7 +72,7 @@ sink = { kind = "wav", file = "uplink.wav" }
   int64_t Injected() { return Figure("vpdl.0", "received"); }
 };
 
-TEST_F(RelayMachineTest, RecordAndPlayCarryACallAndLeaveItOn) {
+TEST_F(RelayProgramTest, RecordAndPlayCarryACallAndLeaveItOn) {
   StartCall();
   const std::string recorded = (directory_ / "down.wav").string();
   const auto record = Client("record art0 " + recorded + " --seconds 1");
@@ -107,7 +107,7 @@ TEST_F(RelayMachineTest, RecordAndPlayCarryACallAndLeaveItOn) {
   EXPECT_TRUE(CallIsOn());
 }
 
-TEST_F(RelayMachineTest, WhoTakesARelayOverKeepsIt) {
+TEST_F(RelayProgramTest, WhoTakesARelayOverKeepsIt) {
   StartCall();
   const std::string heard = (directory_ / "first.wav").string();
   const auto first = Client("record art0 " + heard);
@@ -124,30 +124,27 @@ TEST_F(RelayMachineTest, WhoTakesARelayOverKeepsIt) {
   EXPECT_TRUE(CallIsOn());
 }
 
-TEST_F(RelayMachineTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
+TEST_F(RelayProgramTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
   StartCall();
-  const auto threads = [&] { return CountEntries("task"); };
-  const auto descriptors = [&] { return CountEntries("fd"); };
   ASSERT_TRUE(CallIsOn());
   const auto client = Listener();
   client->Signal(SIGKILL);
   client->Wait();
   EXPECT_TRUE(WaitFor([&] { return !CallIsOn(); }));
   EXPECT_THAT(Call("ListProcessors"), HasSubstr("none"));
-  const int threads_before = threads();
-  const int descriptors_before = descriptors();
+  const ResourceUsage before = DaemonResources();
   for (int i = 0; i < 3; ++i) {
     Call("EnableUseCase AREL_TELE true");
     EXPECT_EQ(Run(Words("call RegisterReceiveAudioCallback art0 0.3 /dev/null")).exit_status, 2);
     Run(Words("call RegisterReceiveAudioCallback art0 0.3 " + (directory_ / "raw").string()));
     EXPECT_TRUE(WaitFor([&] { return !CallIsOn(); }));
   }
-  EXPECT_TRUE(WaitFor([&] { return threads() <= threads_before; }));
-  EXPECT_TRUE(WaitFor([&] { return descriptors() <= descriptors_before; }))
+  EXPECT_TRUE(WaitFor([&] { return DaemonResources().threads <= before.threads; }));
+  EXPECT_TRUE(WaitFor([&] { return DaemonResources().descriptors <= before.descriptors; }))
       << "fewer when the connection of the last question had yet to go before";
 }
 
-TEST_F(RelayMachineTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
+TEST_F(RelayProgramTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
   StartCall();
   const auto client = Listener();
   client->Signal(SIGSTOP);
@@ -160,7 +157,7 @@ TEST_F(RelayMachineTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
   client->Signal(SIGCONT);
 }
 
-TEST_F(RelayMachineTest, AStoppedDaemonKeepsNoRecorder) {
+TEST_F(RelayProgramTest, AStoppedDaemonKeepsNoRecorder) {
   StartCall();
   const auto heard = directory_ / "heard.wav";
   const auto recorder = Client("record art0 " + heard.string());
@@ -172,7 +169,7 @@ TEST_F(RelayMachineTest, AStoppedDaemonKeepsNoRecorder) {
   daemon_->Signal(SIGCONT);
 }
 
-TEST_F(RelayMachineTest, AStayingClientNoticesThatTheDaemonHasGone) {
+TEST_F(RelayProgramTest, AStayingClientNoticesThatTheDaemonHasGone) {
   StartCall();
   const auto raw = Listener();
   Process record(KVOXCTL_PROGRAM, Words("record art1 " + (directory_ / "r.wav").string()),

@@ -1,4 +1,4 @@
-// What an attack works with: where the daemon is, how long to go on, and dice.
+// What an attack works with: the daemon's socket, the time and random choices.
 #pragma once
 
 #include <sys/socket.h>
@@ -28,31 +28,29 @@ using binder::Wire;
 class Attacker {
  public:
   Attacker(std::string path, uint32_t seed, std::chrono::milliseconds time)
-      : path_(std::move(path)), dice_(seed), end_(std::chrono::steady_clock::now() + time) {}
+      : path_(std::move(path)), random_(seed), end_(std::chrono::steady_clock::now() + time) {}
 
   const std::string& path() const { return path_; }
-  /// Whether to go on; counts the rounds.
+  /// Counts the rounds and returns whether another one is due. The first call tells the test that
+  /// the attack has begun.
   bool more() {
-    ++rounds_;
+    if (++rounds_ == 0) {
+      std::puts("attacking");
+      std::fflush(stdout);
+    }
     return std::chrono::steady_clock::now() < end_;
   }
   int64_t rounds() const { return rounds_; }
-  /// Tells the test that the attack is at its height.
-  static void Announce() {
-    std::puts("attacking");
-    std::fflush(stdout);
-  }
 
-  /// 0 ... limit - 1.
-  uint32_t Roll(uint32_t limit) { return static_cast<uint32_t>(dice_() % limit); }
+  /// From 0 to `count` - 1.
+  uint32_t Below(uint32_t count) { return static_cast<uint32_t>(random_() % count); }
   std::vector<uint8_t> RandomBytes(size_t size) {
     std::vector<uint8_t> bytes(size);
-    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(dice_());
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random_());
     return bytes;
   }
 
-  /// A peer that has greeted, and neither sends nor waits longer than a fifth of a second at a
-  /// time.
+  /// A peer that has greeted. Its sends and receives take a fifth of a second at most.
   RawPeer Peer() const {
     RawPeer peer(path_);
     peer.Greet();
@@ -64,12 +62,12 @@ class Attacker {
 
  private:
   const std::string path_;
-  std::mt19937 dice_;
+  std::mt19937 random_;
   const std::chrono::steady_clock::time_point end_;
   int64_t rounds_ = -1;
 };
 
-/// False when the daemon takes no more: it has closed, or does not read.
+/// False when the daemon has closed the connection or does not read.
 inline bool SendBytes(const RawPeer& peer, const void* bytes, size_t size) {
   const auto* at = static_cast<const uint8_t*>(bytes);
   while (size > 0) {
@@ -81,7 +79,7 @@ inline bool SendBytes(const RawPeer& peer, const void* bytes, size_t size) {
   return true;
 }
 
-/// A request that carries as many elements of `element` as fit.
+/// A request with as many copies of `element` as fit into a frame.
 Frame LargestList(const RawPeer& peer, transaction_code_t code, std::string_view element);
 
 // The attacks, by file.

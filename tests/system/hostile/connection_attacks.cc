@@ -11,10 +11,9 @@ namespace kvox {
 
 /// Thousands, one after the other: some without a word, some with a wrong one.
 void ConnectAndGo(Attacker& attacker) {
-  Attacker::Announce();
   while (attacker.more()) {
     RawPeer peer(attacker.path());
-    if (attacker.Roll(2) == 0) peer.Send(binder::ClientGreeting{.version = 99});
+    if (attacker.Below(2) == 0) peer.Send(binder::ClientGreeting{.version = 99});
   }
 }
 
@@ -22,7 +21,6 @@ void ConnectAndGo(Attacker& attacker) {
 void HoldConnections(Attacker& attacker) {
   std::deque<RawPeer> held;
   for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) held.push_back(attacker.Peer());
-  Attacker::Announce();
   while (attacker.more()) static_cast<void>(attacker.Peer());
 }
 
@@ -40,7 +38,6 @@ void SayNothing(Attacker& attacker) {
     const auto wire = Wire(frame);
     SendBytes(held.back(), wire.data(), wire.size() - 4);
   }
-  Attacker::Announce();
   while (attacker.more()) poll(nullptr, 0, 10);
 }
 
@@ -48,7 +45,8 @@ namespace {
 
 using Step = void (*)(RawPeer& peer);
 
-// What is done before the end. Replies are large, so that most of one is still under way.
+// The last step before the connection ends. Replies are large, so that most of one is still on its
+// way.
 constexpr std::array<Step, 6> kLastSteps = {
     [](RawPeer&) {},
     [](RawPeer& peer) { peer.SendFrame(peer.Request(IKvox::TRANSACTION_ListProcessors)); },
@@ -69,7 +67,6 @@ constexpr std::array<Step, 6> kLastSteps = {
 }  // namespace
 
 void DieInEveryState(Attacker& attacker) {
-  Attacker::Announce();
   for (size_t i = 0; attacker.more(); i = (i + 1) % kLastSteps.size()) {
     RawPeer peer = attacker.Peer();
     if (peer.greeting().result == binder::AdmitResult::kAdmitted) kLastSteps[i](peer);

@@ -1,4 +1,4 @@
-// Bytes that are no frames, and frames that hold nonsense.
+// Bytes that are no frames, and frames with invalid contents.
 
 #include "platform/linux/limits.h"
 #include "tests/system/hostile/attacker.h"
@@ -6,7 +6,7 @@
 namespace kvox {
 namespace {
 
-// Without the commands that use the co-processor or switch anything on: their waits are their own.
+// No commands that use the co-processor or switch something on: these wait for other reasons.
 constexpr transaction_code_t kHarmless[] = {
     IKvox::TRANSACTION_Ping,
     IKvox::TRANSACTION_ListProcessors,
@@ -30,7 +30,7 @@ constexpr transaction_code_t kHarmless[] = {
 };
 
 Frame HarmlessCall(Attacker& attacker, const RawPeer& peer) {
-  return peer.Request(kHarmless[attacker.Roll(std::size(kHarmless))]);
+  return peer.Request(kHarmless[attacker.Below(std::size(kHarmless))]);
 }
 
 /// A request with every kind of argument: text, numbers, lists and a reference.
@@ -44,7 +44,6 @@ Frame RichRequest(const RawPeer& peer) {
 
 /// Every prefix of a conversation, then the end.
 void CutFrames(Attacker& attacker) {
-  Attacker::Announce();
   std::vector<uint8_t> wire = Wire(RichRequest(attacker.Peer()));
   for (size_t size = 0; attacker.more(); size = (size + 1) % wire.size()) {
     SendBytes(attacker.Peer(), wire.data(), size);
@@ -52,23 +51,21 @@ void CutFrames(Attacker& attacker) {
 }
 
 void OversizedFrames(Attacker& attacker) {
-  Attacker::Announce();
   constexpr uint32_t kSizes[] = {binder::kMaxParcelSize + 4, 0x7ffffffc, 0x80000000, 0xfffffffc};
   while (attacker.more()) {
     const RawPeer peer = attacker.Peer();
     Frame frame = peer.Request(IKvox::TRANSACTION_Debug);
-    const uint32_t size = kSizes[attacker.Roll(std::size(kSizes))];
-    (attacker.Roll(2) == 0 ? frame.header.parcel_size : frame.header.object_list_size) = size;
+    const uint32_t size = kSizes[attacker.Below(std::size(kSizes))];
+    (attacker.Below(2) == 0 ? frame.header.parcel_size : frame.header.object_list_size) = size;
     SendBytes(peer, &frame.header, sizeof frame.header);
     SendBytes(peer, frame.parcel.data(), frame.parcel.size());
   }
 }
 
 void RandomBytes(Attacker& attacker) {
-  Attacker::Announce();
   while (attacker.more()) {
     const RawPeer peer = attacker.Peer();
-    const auto bytes = attacker.RandomBytes(1 + attacker.Roll(4096));
+    const auto bytes = attacker.RandomBytes(1 + attacker.Below(4096));
     SendBytes(peer, bytes.data(), bytes.size());
   }
 }
@@ -76,28 +73,27 @@ void RandomBytes(Attacker& attacker) {
 /// Whole frames to real methods, with anything as arguments. The connection stays.
 void RandomCalls(Attacker& attacker) {
   RawPeer peer = attacker.Peer();
-  Attacker::Announce();
   while (attacker.more()) {
     Frame frame = HarmlessCall(attacker, peer);
-    for (uint32_t words = attacker.Roll(32); words > 0; --words) {
+    for (uint32_t words = attacker.Below(32); words > 0; --words) {
       // Small numbers are counts, sizes, tags and the like.
-      const uint32_t word = attacker.Roll(3) == 0 ? attacker.Roll(UINT32_MAX) : attacker.Roll(64);
+      const uint32_t word =
+          attacker.Below(3) == 0 ? attacker.Below(UINT32_MAX) : attacker.Below(64);
       Put(&frame, static_cast<int32_t>(word));
     }
     if (!peer.SendFrame(frame) || !peer.ReceiveFrame()) peer = attacker.Peer();
   }
 }
 
-/// A good request with a few bits turned.
+/// A valid request with a few bits flipped.
 void MutatedCalls(Attacker& attacker) {
   RawPeer peer = attacker.Peer();
   const std::vector<uint8_t> wire = Wire(RichRequest(peer));
-  Attacker::Announce();
   while (attacker.more()) {
     auto bytes = wire;
-    for (uint32_t flips = 1 + attacker.Roll(4); flips > 0; --flips) {
-      bytes[attacker.Roll(static_cast<uint32_t>(bytes.size()))] ^=
-          static_cast<uint8_t>(1u << attacker.Roll(8));
+    for (uint32_t flips = 1 + attacker.Below(4); flips > 0; --flips) {
+      bytes[attacker.Below(static_cast<uint32_t>(bytes.size()))] ^=
+          static_cast<uint8_t>(1u << attacker.Below(8));
     }
     if (!SendBytes(peer, bytes.data(), bytes.size()) || !peer.ReceiveFrame()) {
       peer = attacker.Peer();
@@ -108,13 +104,12 @@ void MutatedCalls(Attacker& attacker) {
 /// Parcelables that say they are shorter or longer than they are, within lists that do.
 void NestedSizes(Attacker& attacker) {
   RawPeer peer = attacker.Peer();
-  Attacker::Announce();
   constexpr int32_t kSizes[] = {INT32_MIN, -1, 0, 3, 4, 5, 8, 12, 1 << 20, INT32_MAX};
   while (attacker.more()) {
     Frame frame = peer.Request(IKvox::TRANSACTION_GetParameterBulk, "41424344");
-    const uint32_t pairs = attacker.Roll(2) == 0 ? 64 : 40'000;
+    const uint32_t pairs = attacker.Below(2) == 0 ? 64 : 40'000;
     Put(&frame, static_cast<int32_t>(pairs));
-    const int32_t size = kSizes[attacker.Roll(std::size(kSizes))];
+    const int32_t size = kSizes[attacker.Below(std::size(kSizes))];
     for (uint32_t i = 0; i < pairs; ++i) {
       for (const int32_t word : {1, size, 3, 0}) Put(&frame, word);
     }

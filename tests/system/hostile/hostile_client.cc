@@ -1,7 +1,7 @@
 // A client that means harm: hostile_client ATTACK SEED MILLISECONDS [USER GROUP].
 //
-// It says "attacking" once it does. "connect" only tries to; its exit status is the cause of a
-// failure.
+// It prints "attacking" once the attack has begun. The attack "connect" only tries to connect; its
+// exit status is 0 or errno.
 #include <grp.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -52,7 +52,7 @@ bool Become(uid_t user, gid_t group) {
 int Main(int argc, char** argv) {
   if (argc != 4 && argc != 6) return EXIT_FAILURE;
   const std::string_view name = argv[1];
-  // Whom it harms is to be seen by what the daemon does, not by who gets the processor.
+  // The test measures what the daemon does, not who gets the processor.
   static_cast<void>(nice(19));
   if (argc == 6 &&
       !Become(static_cast<uid_t>(std::atoi(argv[4])), static_cast<gid_t>(std::atoi(argv[5])))) {

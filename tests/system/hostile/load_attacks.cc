@@ -1,4 +1,4 @@
-// Frames that are right one by one, and too many or too dear.
+// Frames that are valid one by one, but too many or too expensive.
 #include <poll.h>
 
 #include <deque>
@@ -10,19 +10,18 @@
 namespace kvox {
 namespace {
 
-/// The same bytes on every connection that this process gets, without a pause; what the daemon
-/// answers is read now and then, or never.
+/// Sends the same bytes on every connection that this process gets, without a pause. Reads what
+/// comes back all the time, or never.
 void Flood(Attacker& attacker, const std::vector<uint8_t>& wire, bool reads) {
   std::deque<RawPeer> peers;
   for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) peers.push_back(attacker.Peer());
   std::vector<size_t> sent(peers.size(), 0);
-  std::vector<char> rubbish(1 << 20);
-  Attacker::Announce();
+  std::vector<char> ignored(1 << 20);
   while (attacker.more()) {
     size_t busy = 0;
     for (size_t i = 0; i < peers.size(); ++i) {
       if (reads) {
-        while (recv(peers[i].fd(), rubbish.data(), rubbish.size(), MSG_DONTWAIT) > 0) ++busy;
+        while (recv(peers[i].fd(), ignored.data(), ignored.size(), MSG_DONTWAIT) > 0) ++busy;
       }
       const ssize_t size = send(peers[i].fd(), wire.data() + sent[i], wire.size() - sent[i],
                                 MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -36,7 +35,7 @@ void Flood(Attacker& attacker, const std::vector<uint8_t>& wire, bool reads) {
   }
 }
 
-/// The frame again and again, up to a good size for one system call.
+/// The frame repeated, up to a good size for one system call.
 std::vector<uint8_t> Repeated(const Frame& frame) {
   const auto one = Wire(frame);
   std::vector<uint8_t> wire;
@@ -47,25 +46,25 @@ std::vector<uint8_t> Repeated(const Frame& frame) {
 
 }  // namespace
 
-/// The one request that the reactor answers itself.
+/// The one request that the reactor serves itself.
 void FloodQuestions(Attacker& attacker) {
   Flood(attacker, Repeated({.header = {.type = binder::FrameType::kRootRequest, .call = 1}}), true);
 }
 
-/// Answers to nothing, with objects that have to be let go.
+/// Replies to no call, with objects that have to be released.
 void FloodReplies(Attacker& attacker) {
   Frame frame{.header = {.type = binder::FrameType::kReply, .call = 1}};
   PutObject(&frame, 1, "x");
   Flood(attacker, Repeated(frame), true);
 }
 
-/// Large answers that nobody takes.
+/// Large replies that are never read.
 void NeverRead(Attacker& attacker) {
   const RawPeer peer = attacker.Peer();
   Flood(attacker, Wire(LargestList(peer, IKvox::TRANSACTION_Debug, "00000000 00000000")), false);
 }
 
-/// The same, taken: as much work for the pool as a frame can hold.
+/// The same, read: as much work for the pool as a frame can hold.
 void HeavyCalls(Attacker& attacker) {
   const RawPeer peer = attacker.Peer();
   Flood(attacker, Wire(LargestList(peer, IKvox::TRANSACTION_Debug, "00000000 00000000")), true);

@@ -1,4 +1,4 @@
-// References to objects that are not there, not the sender's, too many, dead or deaf.
+// References to objects that do not exist, are not the sender's, are too many, dead or hang.
 #include <poll.h>
 
 #include <deque>
@@ -23,12 +23,11 @@ Frame Register(const RawPeer& peer, std::string_view processor, uint64_t id,
 
 /// Calls of objects that others hold, and references to them.
 void ForeignObjects(Attacker& attacker) {
-  Attacker::Announce();
   while (attacker.more()) {
     RawPeer peer = attacker.Peer();
     Frame frame = Register(peer, kPassthru, 1, IKvox::IReceiveAudioCallback::descriptor);
-    const uint64_t address = (uint64_t{attacker.Roll(64)} << 1) | attacker.Roll(2);
-    if (attacker.Roll(2) == 0) {
+    const uint64_t address = (uint64_t{attacker.Below(64)} << 1) | attacker.Below(2);
+    if (attacker.Below(2) == 0) {
       frame.header.address = address;
     } else {
       std::memcpy(frame.parcel.data() + frame.parcel.size() - 12, &address, sizeof address);
@@ -43,32 +42,29 @@ void ManyObjects(Attacker& attacker) {
   Frame frame = peer.Request(IKvox::TRANSACTION_Ping);
   for (uint64_t id = 1; id <= binder::kMaxObjects; ++id) PutObject(&frame, id, "x");
   const auto wire = Wire(frame);
-  Attacker::Announce();
   while (attacker.more()) {
     if (!SendBytes(peer, wire.data(), wire.size())) peer = attacker.Peer();
-    while (const auto answer = peer.ReceiveFrame()) {
-      if (answer->header.type == binder::FrameType::kReply) break;
+    while (const auto frame_back = peer.ReceiveFrame()) {
+      if (frame_back->header.type == binder::FrameType::kReply) break;
     }
   }
 }
 
 /// Callbacks whose client is gone when they are registered, or of another interface.
 void DeadCallbacks(Attacker& attacker) {
-  Attacker::Announce();
   while (attacker.more()) {
     RawPeer peer = attacker.Peer();
-    const bool own = attacker.Roll(2) == 0;
+    const bool own = attacker.Below(2) == 0;
     peer.SendFrame(Register(peer, "30747261", 1,
                             own ? IKvox::IReceiveAudioCallback::descriptor : "kvox.IKvox"));
-    if (attacker.Roll(2) == 0) peer.ReceiveFrame();
+    if (attacker.Below(2) == 0) peer.ReceiveFrame();
   }
 }
 
-/// New callbacks of a relay whenever the last one was called; none ever answers.
+/// Registers one callback of a relay after the other; none ever returns.
 void HangingCallbacks(Attacker& attacker) {
   std::deque<RawPeer> peers;
   for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) peers.push_back(attacker.Peer());
-  Attacker::Announce();
   for (uint64_t id = 1; attacker.more(); ++id) {
     RawPeer& peer = peers[id % peers.size()];
     peer.SendFrame(Register(peer, "30747261", id, IKvox::IReceiveAudioCallback::descriptor));

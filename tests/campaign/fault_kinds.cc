@@ -1,0 +1,235 @@
+#include "tests/campaign/fault_kinds.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "tests/campaign/streams.h"
+
+namespace kvox::campaign {
+namespace {
+
+Ms FromSeconds(double seconds) {
+  return Ms(static_cast<int64_t>(seconds * 1000));
+}
+
+/// "tapout" of "tapout-gone": the device that a kind is about.
+std::string Target(const std::string& kind) {
+  return kind.substr(0, kind.find('-'));
+}
+
+std::string DeviceOf(RandomSource& random, const std::string& direction) {
+  return fmt::format("{}{}", direction, random.Pick(Streams()).buffer);
+}
+
+std::string AnyDevice(RandomSource& random) {
+  return DeviceOf(random, random.Below(2) == 0 ? "tapout" : "inject");
+}
+
+/// A stream that always flows, so that the fault hits packets.
+const Stream& StaticStream(RandomSource& random) {
+  for (;;) {
+    const Stream& stream = random.Pick(Streams());
+    if (stream.control == Control::kStatic) return stream;
+  }
+}
+
+// Nodes.
+
+Injection RestartWith(const std::string& options, double seconds) {
+  return {{"restart " + options}, FromSeconds(seconds)};
+}
+
+Injection Restart(RandomSource& random, const char* order, double least_spacing,
+                  double most_spacing) {
+  const double gap = random.Seconds(0, 1);
+  const double spacing = random.Seconds(least_spacing, most_spacing);
+  const size_t nodes = 2 * Streams().size() + 2;
+  return RestartWith(fmt::format("gap={:.3f} order={} spacing={:.3f}", gap, order, spacing),
+                     gap + spacing * static_cast<double>(nodes));
+}
+
+Injection RestartWithoutOne(RandomSource& random, const std::string&) {
+  const double gap = random.Seconds(0, 1);
+  const double missing = random.Seconds(0.2, 3);
+  return RestartWith(
+      fmt::format("gap={:.3f} missing={} missing_for={:.3f}", gap, AnyDevice(random), missing),
+      gap + missing);
+}
+
+/// Several nodes go at once and come back with seconds in between, also the control device.
+Injection NodesOneByOne(RandomSource& random, const std::string&) {
+  Injection injection;
+  double away = 0;
+  std::vector<std::string> devices = {"control", AnyDevice(random), AnyDevice(random),
+                                      AnyDevice(random)};
+  std::swap(devices[0], devices[random.Below(devices.size())]);
+  for (const std::string& device : devices) {
+    away += random.Seconds(1, 3);
+    injection.commands.push_back(fmt::format("node-gone device={} for={:.3f}", device, away));
+  }
+  injection.lasts = FromSeconds(away);
+  return injection;
+}
+
+Injection NodeGone(RandomSource& random, const std::string& name) {
+  const std::string target = Target(name);
+  const std::string device = target == "control" ? target : DeviceOf(random, target);
+  const double away = random.Seconds(0.05, 2);
+  return {{fmt::format("node-gone device={} for={:.3f}", device, away)}, FromSeconds(away)};
+}
+
+Injection Flap(RandomSource& random, const std::string&) {
+  const size_t times = 1 + random.Below(20);
+  const double gap = random.Seconds(0.005, 0.1);
+  const std::string device = random.Below(4) == 0 ? "control" : AnyDevice(random);
+  return {{fmt::format("flap device={} times={} gap={:.3f}", device, times, gap)},
+          FromSeconds(2 * gap * static_cast<double>(times))};
+}
+
+/// The nodes stay, but nothing is behind them until another simulator replaces them one by one.
+Injection KillSimulator(RandomSource& random, const std::string&) {
+  return {.commands = {}, .kills = true, .away = FromSeconds(random.Seconds(0, 1))};
+}
+
+// Replies. Clients give commands all the time, so the next ones are hit.
+
+constexpr Ms kCommandsSoon{2000};
+
+Injection SpoilReplies(RandomSource& random, const std::string& fault) {
+  return {{fmt::format("{} count={}", fault, 1 + random.Below(3))}, Ms(0)};
+}
+
+/// After the fault has struck for the last time, the last late reply is still to come.
+Injection ReplyLate(RandomSource& random, const std::string& name) {
+  const double delay = random.Seconds(0.05, 1.2);
+  Injection injection = SpoilReplies(random, fmt::format("{} delay={:.3f}", name, delay));
+  injection.lasts = kCommandsSoon + FromSeconds(delay);
+  return injection;
+}
+
+/// In one of two variants.
+Injection ReplyStale(RandomSource& random, const std::string& name) {
+  return SpoilReplies(random, name + (random.Below(2) == 0 ? "" : " replace=true"));
+}
+
+Injection ReplyShort(RandomSource& random, const std::string& name) {
+  return SpoilReplies(random, name + (random.Below(2) == 0 ? "" : " torn=true"));
+}
+
+Injection ReplyStatus(RandomSource& random, const std::string& name) {
+  return SpoilReplies(random, name + " status=-5");
+}
+
+// Packets, of one stream or of all.
+
+Injection SpoilSome(RandomSource& random, const std::string& fault, size_t most) {
+  std::string text = fmt::format("{} count={}", fault, 1 + random.Below(most));
+  if (random.Below(4) != 0) text += " tap=" + StaticStream(random).TapName();
+  return {{text}, Ms(0)};
+}
+
+Injection SpoilPackets(RandomSource& random, const std::string& fault) {
+  return SpoilSome(random, fault, 5);
+}
+
+Injection PacketLate(RandomSource& random, const std::string& name) {
+  return SpoilPackets(random, fmt::format("{} delay={:.3f}", name, random.Seconds(0.01, 0.2)));
+}
+
+Injection PacketBurst(RandomSource& random, const std::string& name) {
+  return SpoilSome(random, fmt::format("{} packets={}", name, 2 + random.Below(5)), 1);
+}
+
+/// Also sizes that are no multiple of the 8 bytes in which devices deliver.
+Injection PacketJunk(RandomSource& random, const std::string& name) {
+  return SpoilPackets(random, fmt::format("{} bytes={}", name, 1 + random.Below(4096)));
+}
+
+// Devices whose nodes stay. Only where a tap-out cannot be read, a node of another kind takes its
+// place, so nodes go and come.
+
+Injection SpoilDevice(RandomSource& random, const std::string& name) {
+  const double seconds = random.Seconds(0.05, 2);
+  return {{fmt::format("{} device={}{} for={:.3f}", name, Target(name), StaticStream(random).buffer,
+                       seconds)},
+          FromSeconds(seconds)};
+}
+
+using enum FaultGroup;
+
+constexpr FaultKind kKinds[] = {
+    {"restart", kNodes, 6, false, [](auto& r, auto&) { return Restart(r, "usual", 0, 0); }},
+    {"restart-reverse", kNodes, 3, false,
+     [](auto& r, auto&) { return Restart(r, "reverse", 0, 0.02); }},
+    {"restart-shuffled", kNodes, 3, false,
+     [](auto& r, auto&) { return Restart(r, "shuffle", 0, 0.05); }},
+    {"restart-slow", kNodes, 2, true,
+     [](auto& r, auto&) { return Restart(r, "shuffle", 0.05, 0.3); }},
+    {"restart-one-by-one", kNodes, 0, true,
+     [](auto& r, auto&) { return Restart(r, "shuffle", 1, 1.5); }},
+    {"restart-missing", kNodes, 3, false, RestartWithoutOne},
+    {"nodes-one-by-one", kNodes, 1, true, NodesOneByOne},
+    {"flap", kNodes, 4, false, Flap},
+    {"tapout-gone", kNodes, 3, false, NodeGone},
+    {"inject-gone", kNodes, 3, false, NodeGone},
+    {"control-gone", kNodes, 3, false, NodeGone},
+    {"simulator-killed", kNodes, 2, false, KillSimulator},
+    {"reply-late", kReplies, 3, false, ReplyLate},
+    {"reply-lost", kReplies, 2, false, SpoilReplies},
+    {"reply-short", kReplies, 2, false, ReplyShort},
+    {"reply-opcode", kReplies, 2, false, SpoilReplies},
+    {"reply-stale", kReplies, 2, false, ReplyStale},
+    {"reply-status", kReplies, 2, false, ReplyStatus},
+    {"packet-early", kPackets, 2, false, SpoilPackets},
+    {"packet-late", kPackets, 2, false, PacketLate},
+    {"packet-burst", kPackets, 2, false, PacketBurst},
+    {"packet-drop", kPackets, 2, false, SpoilPackets},
+    {"packet-duplicate", kPackets, 2, false, SpoilPackets},
+    {"packet-cut", kPackets, 2, false, SpoilPackets},
+    {"packet-junk", kPackets, 2, false, PacketJunk},
+    {"packet-magic", kPackets, 2, false, SpoilPackets},
+    {"packet-version", kPackets, 2, false, SpoilPackets},
+    {"packet-size", kPackets, 2, false, SpoilPackets},
+    {"packet-number", kPackets, 2, false, SpoilPackets},
+    {"packet-format", kPackets, 2, false, SpoilPackets},
+    {"tapout-hangup", kDevices, 2, false, SpoilDevice},
+    {"tapout-error", kNodes, 2, false, SpoilDevice},
+    {"inject-stall", kDevices, 2, false, SpoilDevice},
+    {"inject-refuse", kDevices, 2, false, SpoilDevice},
+};
+
+}  // namespace
+
+Ms RecoveryLimitAfter(FaultGroup group) {
+  switch (group) {
+    case kNodes:
+      // The daemon waits half a second for more nodes, then sets everything up again.
+      return Ms(1500);
+    case kReplies:
+      // No stream depends on the commands whose replies are spoilt. But both threads that serve
+      // clients may wait half a second for a reply, and then clients of relays that send audio
+      // wait.
+      return Ms(1000);
+    case kPackets:
+      // A spoilt packet may cost the next one, and a resynchronisation what has queued up.
+      return Ms(700);
+    case kDevices:
+      break;
+  }
+  // With every packet the daemon tries a hung-up or stalled device again.
+  return Ms(500);
+}
+
+std::span<const FaultKind> FaultKinds() {
+  return kKinds;
+}
+
+const FaultKind* FindFaultKind(const std::string& name) {
+  const auto found = std::find_if(std::begin(kKinds), std::end(kKinds),
+                                  [&](auto& kind) { return kind.name == name; });
+  return found == std::end(kKinds) ? nullptr : &*found;
+}
+
+}  // namespace kvox::campaign

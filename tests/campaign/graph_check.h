@@ -1,0 +1,33 @@
+// Compares the expected graph with what the daemon lists and what the co-processor has.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/campaign/daemon_client.h"
+#include "tests/campaign/expected_graph.h"
+#include "tests/campaign/sim_control.h"
+
+namespace kvox::campaign {
+
+/// The daemon's tables: a text for each row, by the row's name.
+struct GraphTables {
+  using Table = std::map<std::string, std::string>;
+  Table processors;
+  Table tapouts;
+  Table injects;
+  Table paths;  // by their processor
+};
+
+/// What the daemon has to list.
+GraphTables ExpectedTables(const ExpectedGraph& graph);
+
+/// What it lists.
+GraphTables ReadTables(DaemonClient& daemon);
+
+/// What is wrong, a line each.
+std::vector<std::string> Differences(const ExpectedGraph& graph, const GraphTables& listed,
+                                     const SimStatus& actual);
+
+}  // namespace kvox::campaign

@@ -1,0 +1,33 @@
+// Which packets were lost in a stretch of time, and for which of them there is a cause.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/campaign/log_analyzer.h"
+#include "tests/campaign/sim_control.h"
+
+namespace kvox::campaign {
+
+/// What the simulator counted and the daemon's log said at a moment.
+struct LossSample {
+  SimStatus sim;
+  LogAnalyzer log;
+};
+
+struct LossReport {
+  uint64_t passed = 0;        // packets that came back
+  uint64_t timing = 0;        // dropped because they came at the wrong time, by the daemon's log
+  uint64_t slow_clients = 0;  // blocks to which a relay's client replied too late
+  uint64_t lost = 0;          // without a cause
+  std::vector<std::string> streams = {};  // of the lost ones, a line each
+};
+
+/// Of a stretch of time without a fault in which clients changed streams without loss.
+LossReport LossesBetween(const LossSample& before, const LossSample& after);
+
+/// Packets that have not come back, whatever the cause.
+uint64_t MissingBetween(const SimStatus& before, const SimStatus& after);
+
+}  // namespace kvox::campaign

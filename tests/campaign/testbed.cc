@@ -1,0 +1,167 @@
+#include "tests/campaign/testbed.h"
+
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "tests/campaign/graph_check.h"
+
+namespace kvox::campaign {
+namespace {
+
+/// For a command that has to be granted once no fault is active: the co-processor replies within
+/// 500 ms or never, and several commands may wait for their turn.
+constexpr Ms kGrantLimit{5000};
+constexpr Ms kPollInterval{10};
+constexpr Ms kHealthInterval{50};
+
+}  // namespace
+
+Testbed::Testbed(unsigned seed, LoadProfile profile)
+    : run_{processes_.client()}, loopback_(processes_.service()), workers_(run_) {
+  SetUpGraph();
+  workers_.Pause(PauseMode::kAsIs, Ms(0));
+  for (const Stream& stream : Streams()) {
+    if (stream.control == Control::kMutated) {
+      workers_.Start(MakeGraphMutator(run_, stream, profile, processes_.sim()), ++seed);
+    } else if (stream.control == Control::kToggled) {
+      workers_.Start(MakeUseCaseToggler(run_, stream, profile, processes_.sim()), ++seed);
+    }
+  }
+  workers_.Start(MakeObserver(run_), ++seed);
+  workers_.Start(MakeObserver(run_), ++seed);
+  workers_.Start(MakeCaptureClient(run_, Streams().front(), processes_.home()), ++seed);
+  if (!AwaitAudio(StartAudioCheck(), AllStreams(), kRecoveryLimit, "before the first fault")) {
+    throw std::runtime_error(run_.failures.all().front());
+  }
+}
+
+void Testbed::SetUpGraph() {
+  RetryingClient client(run_, "set-up");
+  for (const Stream& stream : Streams()) {
+    if (stream.use_case) {
+      const bool is_new = !run_.graph.Copy().processors().contains(stream.processor);
+      if (is_new) client.EnableUseCase(*stream.use_case);
+    } else {
+      client.NewProcessor(stream.processor, stream.type);
+      client.Connect(stream.processor, stream.buffer, stream.buffer);
+      // A phone booth cannot be enabled in this build.
+      if (stream.returns != Returns::kSilence) client.ProcessorEnable(stream.processor, true);
+      client.ConnectTap(stream, stream.buffer, stream.buffer);
+      client.StartIo(stream.buffer);
+      client.TapEnable(stream, true);
+    }
+    if (stream.returns == Returns::kEcho) loopback_.Register(stream.processor);
+  }
+  if (run_.failures.any()) throw std::runtime_error("set-up: " + run_.failures.all().front());
+}
+
+bool Testbed::Healthy() {
+  const std::string problem = processes_.Problem();
+  if (!problem.empty()) run_.failures.Add("{}", problem);
+  return !run_.failures.any();
+}
+
+bool Testbed::RunFor(Ms time) {
+  const auto until = Clock::now() + time;
+  while (Clock::now() < until) {
+    if (!Healthy()) return false;
+    std::this_thread::sleep_for(std::min<Clock::duration>(kHealthInterval, until - Clock::now()));
+  }
+  return Healthy();
+}
+
+bool Testbed::Pause(PauseMode mode) {
+  const Ms lag_before = run_.lag.Total();
+  std::string busy = workers_.Pause(mode, kGrantLimit);
+  if (!busy.empty()) busy = workers_.Pause(mode, run_.lag.Allowance(lag_before));
+  if (!busy.empty()) run_.failures.Add("not granted within {} ms: {}", kGrantLimit.count(), busy);
+  return Healthy();
+}
+
+bool Testbed::AwaitEndOfFaults(Ms limit) {
+  const auto until = Clock::now() + limit;
+  while (processes_.sim().Status().active_faults > 0) {
+    if (!Healthy()) return false;
+    if (Clock::now() > until) {
+      run_.failures.Add("a fault does not end within {} ms", limit.count());
+      return false;
+    }
+    std::this_thread::sleep_for(kPollInterval);
+  }
+  return Healthy();
+}
+
+bool Testbed::AwaitRestored(Ms step) {
+  const Ms lag_before = run_.lag.Total();
+  const auto begin = Clock::now();
+  auto last_step = begin;
+  uint64_t steps = processes_.log().restored();
+  const size_t buffers = Streams().size();
+  while (Healthy()) {
+    const auto now = Clock::now();
+    const GraphTables tables = ReadTables(processes_.client());
+    const bool found_all = tables.tapouts.size() == buffers && tables.injects.size() == buffers;
+    const bool restoring = processes_.log().restored() != steps;
+    steps = processes_.log().restored();
+    if (restoring || !found_all) last_step = now;
+    if (now - last_step > step) return true;
+    if (now - begin > kGrantLimit + run_.lag.Allowance(lag_before)) {
+      run_.failures.Add(
+          "the daemon has not found every device, or does not end its recovery: {} tap-outs, {} "
+          "injects of {} each, {} steps",
+          tables.tapouts.size(), tables.injects.size(), buffers, steps);
+    }
+    std::this_thread::sleep_for(kPollInterval);
+  }
+  return false;
+}
+
+StreamList Testbed::Flowing(bool with_changing) const {
+  const ExpectedGraph graph = run_.graph.Copy();
+  StreamList flowing;
+  for (const Stream& stream : Streams()) {
+    const bool flows = stream.returns == Returns::kSilence || graph.Flows(stream);
+    const bool wanted = with_changing || stream.control == Control::kStatic;
+    if (flows && wanted) flowing.push_back(&stream);
+  }
+  return flowing;
+}
+
+std::optional<Ms> Testbed::AwaitAudio(const AudioCheck& audio, const StreamList& streams, Ms limit,
+                                      const std::string& when) {
+  const Recovery recovery = audio.Await(streams, limit);
+  if (!recovery.failure.empty()) run_.failures.Add("audio {}: {}", when, recovery.failure);
+  return Healthy() ? std::optional(recovery.slowest) : std::nullopt;
+}
+
+bool Testbed::CheckGraph() {
+  for (const std::string& difference :
+       Differences(run_.graph.Copy(), ReadTables(processes_.client()), processes_.sim().Status())) {
+    run_.failures.Add("{}", difference);
+  }
+  return Healthy();
+}
+
+std::optional<Ms> Testbed::Recover(const std::string& fault) {
+  constexpr Ms kFaultLimit{30000};
+  run_.faults.Enter(FaultState::kActive);
+  processes_.sim().Fault(fault);
+  if (!AwaitEndOfFaults(kFaultLimit)) return std::nullopt;
+  const auto recovery =
+      AwaitAudio(StartAudioCheck(), StaticStreams(), kRecoveryLimit, "after '" + fault + "'");
+  if (!recovery || !AwaitRestored(kRestoreStep)) return std::nullopt;
+  run_.faults.Enter(FaultState::kSettling);
+  const bool granted = Pause(PauseMode::kAsIs);
+  run_.faults.Enter(FaultState::kNone);
+  Resume();
+  return granted ? recovery : std::nullopt;
+}
+
+void Testbed::KeepLogs(const std::filesystem::path& directory) {
+  run_.stopping = true;
+  processes_.KeepLogs(directory);
+  workers_.Stop();
+}
+
+}  // namespace kvox::campaign

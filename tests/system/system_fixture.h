@@ -1,0 +1,123 @@
+// Daemon, simulator and client as programs, in private directories.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/support/proc.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_directory.h"
+
+namespace kvox {
+
+/// A call of kvoxctl that has ended.
+struct ClientRun {
+  int exit_status;
+  std::string out;
+  std::string err;
+};
+
+class SystemTest : public ::testing::Test {
+ protected:
+  SystemTest() {
+    signal(SIGPIPE, SIG_IGN);
+    // Programs inherit that a signal is ignored.
+    for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
+  }
+
+  void StartSimulator(std::vector<std::string> options = {}) {
+    options.insert(options.end(), {"--stats", (directory_ / "stats.json").string()});
+    simulator_ = std::make_unique<Process>(KVOSIM_PROGRAM, options, directory_ / "kvosim");
+    ASSERT_TRUE(WaitFor([&] { return exists(directory_ / "dev/xdv-kvox_tapout41"); }));
+  }
+  /// Devices for a daemon that has no simulator: without any it searches for seconds before it
+  /// serves.
+  void MakeNodes() {
+    for (const char* name : {"tapout0", "inject0"}) {
+      directory_.MakeFifo(std::string("dev/xdv-kvox_") + name);
+    }
+  }
+  void StartDaemon() {
+    daemon_ =
+        std::make_unique<Process>(KVOXD_PROGRAM, std::vector<std::string>(), directory_ / "kvoxd");
+    ASSERT_TRUE(WaitFor([&] { return Run({"ping"}).exit_status == 0; })) << daemon_->Err();
+  }
+
+  void StartBoth() {
+    StartSimulator();
+    StartDaemon();
+  }
+
+  ClientRun Run(std::vector<std::string> words) {
+    Process client(KVOXCTL_PROGRAM, std::move(words), directory_ / "kvoxctl");
+    const int status = client.Wait();
+    return {status, client.Out(), client.Err()};
+  }
+
+  /// Runs kvoxctl, which must end with status 0. Returns what it prints.
+  std::string Do(const std::string& line) {
+    const ClientRun run = Run(Words(line));
+    EXPECT_EQ(run.exit_status, 0) << line << "\n" << run.out << run.err;
+    return run.out;
+  }
+  std::string Call(const std::string& line) { return Do("call " + line); }
+
+  /// The document that a verb prints as JSON.
+  nlohmann::json Json(const std::string& line) {
+    const std::string out = Do(line + " --json");
+    nlohmann::json document = nlohmann::json::parse(out, nullptr, false);
+    if (!document.is_object()) document = nlohmann::json::object();
+    EXPECT_EQ(document["schema"], 1) << line << "\n" << out;
+    return document;
+  }
+
+  /// The verb must print an error and nothing else.
+  void ExpectRefusal(const std::string& line, int exit_status, const std::string& message) {
+    const ClientRun run = Run(Words(line));
+    EXPECT_EQ(run.exit_status, exit_status) << line << "\n" << run.err;
+    EXPECT_THAT(run.err, ::testing::HasSubstr(message)) << line;
+    EXPECT_EQ(run.out, "") << line;
+  }
+
+  /// One of the simulator's figures for a tap, as of now.
+  int64_t Figure(const std::string& tap, const std::string& key) {
+    const auto path = directory_ / "stats.json";
+    std::filesystem::remove(path);
+    simulator_->Signal(SIGUSR1);
+    nlohmann::json stats;
+    EXPECT_TRUE(WaitFor([&] {
+      stats = nlohmann::json::parse(ReadText(path), nullptr, false);
+      return !stats.is_discarded();
+    }));
+    for (const auto& row : stats["taps"]) {
+      if (row["tap"] == tap) return row[key].get<int64_t>();
+    }
+    ADD_FAILURE() << "no tap " << tap;
+    return -1;
+  }
+
+  ResourceUsage DaemonResources() const { return ReadResources(daemon_->pid()); }
+
+  /// Stops the daemon's process with SIGSTOP.
+  void FreezeDaemon() {
+    daemon_->Signal(SIGSTOP);
+    int status = 0;
+    EXPECT_TRUE(WaitFor([&] { return waitpid(daemon_->pid(), &status, WUNTRACED | WNOHANG) > 0; }));
+  }
+
+  bool DaemonLogs(const std::string& part, int count = 1) {
+    return WaitFor([&] { return CountOf(part, daemon_->Err()) >= count; });
+  }
+
+  HostDirectories directory_;
+  std::unique_ptr<Process> simulator_;
+  std::unique_ptr<Process> daemon_;
+};
+
+}  // namespace kvox
