@@ -2,27 +2,43 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "client/command_line.h"
+#include "client/command_line/command_line.h"
 #include "client/completion/completion.h"
-#include "client/standard_streams.h"
+#include "client/output/standard_streams.h"
+#include "kvox/common/log.h"
+
+namespace kvox {
+
+/// The client logs to standard error: it starts faster without the log library, which it would
+/// hardly ever use.
+LogTarget& SystemLog() {
+  class StandardError : public LogTarget {
+   public:
+    void Write(LogPriority priority, const char*, const char* line) override {
+      if (priority != LogPriority::kInfo) fprintf(stderr, "kvoxctl: %s\n", line);
+    }
+  };
+  static StandardError log;
+  return log;
+}
+
+}  // namespace kvox
 
 namespace {
 
 using namespace kvox::client;
 
-/// Tells what is being caught. Answers the exit status for it.
-int Tell(const Out& out) {
+/// Reports the exception being handled. Returns its exit status.
+int Report(const Out& out) {
   try {
     throw;
   } catch (const Failure& failure) {
     out.Message(failure.what());
     return failure.status();
-  } catch (const UsageError& error) {
-    out.Message(error.what());
-    return kWrongUsage;
   } catch (const std::exception& error) {
     out.Message(error.what());
     return kFailed;
@@ -43,20 +59,20 @@ int Run(const std::vector<std::string>& words) {
   try {
     return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
   } catch (const std::exception&) {
-    return Tell(out);
+    return Report(out);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  HoldStandardStreams();
+  PrepareStandardStreams();
   int status;
   try {
     status = Run({argv + 1, argv + argc});
   } catch (const std::exception&) {
-    status = Tell(Out(Format::kText, Color::kAuto));
+    status = Report(Out(Format::kText, Color::kAuto));
   }
-  // The answer is out: the binder's threads need no orderly end.
+  // Everything is printed: the binder's threads need no orderly end.
   _exit(status);
 }

@@ -1,4 +1,4 @@
-#include "client/help.h"
+#include "client/command_line/help.h"
 #include "interface/service_name.h"
 #include "manual/pages.h"
 #include "platform/linux/runtime_directory.h"

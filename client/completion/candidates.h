@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "client/verbs/verb.h"
+#include "client/command_line/verb.h"
 
 namespace kvox::client {
 

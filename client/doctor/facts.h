@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "client/exit_status.h"
+#include "client/errors.h"
 
 namespace kvox::client {
 

@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "client/daemon.h"
+#include "client/calls/daemon.h"
+#include "client/doctor/probe.h"
 #include "client/doctor/process.h"
-#include "client/doctor/question.h"
 #include "interface/service_name.h"
 #include "kvox/common/device_names.h"
 #include "kvox/common/kvox_utils.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "client/daemon.h"
+#include "client/calls/daemon.h"
 #include "client/model/objects.h"
 #include "client/model/tables.h"
 #include "kvox/common/command_tables.h"

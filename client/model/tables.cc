@@ -6,7 +6,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "client/decimal.h"
+#include "client/calls/arguments.h"
 #include "kvox/common/command_tables.h"
 
 namespace kvox::client {

@@ -1,8 +1,8 @@
 // Plans carried out at a daemon.
 #pragma once
 
-#include "client/daemon.h"
-#include "client/exit_status.h"
+#include "client/calls/daemon.h"
+#include "client/errors.h"
 #include "client/model/snapshot.h"
 #include "client/state/plan.h"
 

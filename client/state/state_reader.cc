@@ -1,7 +1,7 @@
 #include <array>
 #include <optional>
 
-#include "client/lookup.h"
+#include "client/model/lookup.h"
 #include "client/state/state_file.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "client/out.h"
+#include "client/output/printer.h"
 #include "client/state/state_file.h"
 #include "kvox/toml/toml.h"
 

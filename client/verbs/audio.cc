@@ -1,11 +1,11 @@
 #include <utility>
 
-#include "client/arguments.h"
-#include "client/file.h"
-#include "client/lookup.h"
-#include "client/play.h"
-#include "client/record.h"
-#include "client/verbs/verb.h"
+#include "client/audio/play.h"
+#include "client/audio/record.h"
+#include "client/calls/arguments.h"
+#include "client/command_line/verb.h"
+#include "client/model/lookup.h"
+#include "client/system/files.h"
 
 namespace kvox::client {
 namespace {
@@ -46,7 +46,7 @@ int RunRecord(const Context& context) {
   CheckWritable(options.path);  // before the relay is taken from another client
   options.json = context.out.json();
   options.wait = context.daemon.wait();
-  RelaySession::HoldInterrupts();
+  RelaySession::BlockInterrupts();
   const ProcessorId id = LookUpRelay(context.daemon, context.in.Get("PROCESSOR"));
   options.processor = id.id;
   options.name = id.name;
@@ -58,7 +58,7 @@ int RunPlay(const Context& context) {
   options.json = context.out.json();
   options.wait = context.daemon.wait();
   auto file = OpenToPlay(context.in.Get("FILE"));
-  RelaySession::HoldInterrupts();
+  RelaySession::BlockInterrupts();
   const ProcessorId id = LookUpRelay(context.daemon, context.in.Get("PROCESSOR"));
   options.processor = id.id;
   options.name = id.name;

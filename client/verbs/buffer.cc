@@ -1,6 +1,6 @@
+#include "client/command_line/verb.h"
 #include "client/model/snapshot.h"
 #include "client/verbs/records.h"
-#include "client/verbs/verb.h"
 
 namespace kvox::client {
 namespace {

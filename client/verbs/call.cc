@@ -1,9 +1,9 @@
 #include <cstdio>
 
-#include "client/call_table.h"
-#include "client/output.h"
-#include "client/standard_streams.h"
-#include "client/verbs/verb.h"
+#include "client/calls/answer_text.h"
+#include "client/calls/call_table.h"
+#include "client/command_line/verb.h"
+#include "client/output/standard_streams.h"
 
 namespace kvox::client {
 namespace {

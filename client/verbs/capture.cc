@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "client/arguments.h"
-#include "client/lookup.h"
+#include "client/calls/arguments.h"
+#include "client/model/lookup.h"
 #include "client/verbs/report.h"
 
 namespace kvox::client {

@@ -1,6 +1,6 @@
 #include "client/completion/completion.h"
-#include "client/standard_streams.h"
-#include "client/verbs/verb.h"
+#include "client/command_line/verb.h"
+#include "client/output/standard_streams.h"
 
 namespace kvox::client {
 namespace {

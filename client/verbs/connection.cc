@@ -1,5 +1,5 @@
-#include "client/graph_picture.h"
-#include "client/standard_streams.h"
+#include "client/model/graphviz.h"
+#include "client/output/standard_streams.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
 #include "client/verbs/words.h"

@@ -1,7 +1,7 @@
 #include <chrono>
 #include <cmath>
 
-#include "client/verbs/verb.h"
+#include "client/command_line/verb.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {

@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "client/command_line/verb.h"
 #include "client/doctor/findings.h"
 #include "client/doctor/gather.h"
-#include "client/verbs/verb.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {

@@ -1,4 +1,4 @@
-#include "client/lookup.h"
+#include "client/model/lookup.h"
 #include "client/verbs/report.h"
 
 namespace kvox::client {

@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "client/arguments.h"
+#include "client/calls/arguments.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
 #include "client/verbs/words.h"

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "client/model/objects.h"
-#include "client/out.h"
+#include "client/output/printer.h"
 
 namespace kvox::client {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "client/verbs/verb.h"
+#include "client/command_line/verb.h"
 
 namespace kvox::client {
 

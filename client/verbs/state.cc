@@ -5,13 +5,13 @@
 #include <cerrno>
 #include <cstring>
 
-#include "client/file.h"
-#include "client/standard_streams.h"
+#include "client/command_line/verb.h"
+#include "client/output/standard_streams.h"
 #include "client/state/apply.h"
 #include "client/state/state_file.h"
+#include "client/system/files.h"
 #include "client/verbs/records.h"
 #include "client/verbs/report.h"
-#include "client/verbs/verb.h"
 
 namespace kvox::client {
 namespace {

@@ -1,8 +1,8 @@
 // Arguments and options that verbs of several nouns take.
 #pragma once
 
-#include "client/lookup.h"
-#include "client/verbs/verb.h"
+#include "client/command_line/verb.h"
+#include "client/model/lookup.h"
 
 namespace kvox::client {
 

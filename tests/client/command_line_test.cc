@@ -1,4 +1,4 @@
-#include "client/command_line.h"
+#include "client/command_line/command_line.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,8 +6,8 @@
 #include <random>
 #include <sstream>
 
-#include "client/help.h"
-#include "client/lookup.h"
+#include "client/command_line/help.h"
+#include "client/model/lookup.h"
 #include "kvox/common/near_matches.h"
 
 namespace kvox::client {

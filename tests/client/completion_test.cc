@@ -3,9 +3,8 @@
 
 #include <sstream>
 
-#include "client/command_line.h"
+#include "client/command_line/command_line.h"
 #include "client/completion/candidates.h"
-#include "client/completion/names.h"
 
 namespace kvox::client {
 namespace {

@@ -1,10 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client/live/changes.h"
-#include "client/live/frame.h"
-#include "client/live/picture.h"
-#include "client/live/terminal_rescue.h"
+#include "client/monitor/diff.h"
+#include "client/monitor/frame.h"
+#include "client/monitor/terminal_rescue.h"
+#include "client/monitor/top_model.h"
 
 namespace kvox::client {
 namespace {

@@ -5,10 +5,9 @@
 #include <numeric>
 #include <vector>
 
-#include "client/block_clock.h"
-#include "client/block_queue.h"
-#include "client/relay_session.h"
-#include "client/sound_file.h"
+#include "client/audio/block_queue.h"
+#include "client/audio/relay_session.h"
+#include "client/audio/sound_file.h"
 #include "tests/support/temp_directory.h"
 
 namespace kvox::client {

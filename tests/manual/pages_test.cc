@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "client/help.h"
+#include "client/command_line/help.h"
 #include "platform/platform.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_directory.h"

@@ -2,7 +2,7 @@
 #include <regex>
 #include <set>
 
-#include "client/verbs/verb.h"
+#include "client/command_line/verb.h"
 #include "tests/system/client_fixture.h"
 
 namespace kvox {

@@ -1,0 +1,177 @@
+#include "client/monitor/columns.h"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+#include "kvox/common/fixed_text.h"
+
+namespace kvox::client {
+namespace {
+
+using Number = std::optional<double>;
+
+std::string Joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) text += (text.empty() ? "" : ",") + name;
+  return text.empty() ? "-" : text;
+}
+
+std::string Connection(const Row& row) {
+  if (row.from.empty() && row.to.empty()) return "-";
+  return Joined(row.from) + " > " + Joined(row.to);
+}
+
+template <Number Figures::*figure>
+Number Get(const Row& row) {
+  return row.figures ? (*row.figures).*figure : std::nullopt;
+}
+
+template <Number Figures::*figure>
+std::string Milliseconds(const Row& row) {
+  const Number number = Get<figure>(row);
+  return number ? FormatText<32>("%.3f", *number) : "-";
+}
+
+std::string Percent(const Row& row) {
+  const Number share = Get<&Figures::active_share>(row);
+  return share ? FormatText<32>("%.1f%%", *share * 100) : "-";
+}
+
+Number Blocks(const Row& row) {
+  return row.figures ? Number(static_cast<double>(row.figures->blocks)) : std::nullopt;
+}
+
+// The connection stands last: it may be of any length.
+const Column kColumns[] = {
+    {"object", "OBJECT", 9, 'o', false, [](const Row& row) { return std::string(row.object); },
+     nullptr},
+    {"name", "NAME", 9, 'n', false, [](const Row& row) { return row.name; }, nullptr},
+    {"type", "TYPE", 4, 't', false,
+     [](const Row& row) { return row.type.empty() ? "-" : row.type; }, nullptr},
+    {"state", "STATE", 5, 's', false,
+     [](const Row& row) { return std::string(row.enabled ? "on" : "off"); },
+     [](const Row& row) { return Number(row.enabled ? 1 : 0); }},
+    {"period", "PERIOD", 8, 'p', true, Milliseconds<&Figures::period_ms>, Get<&Figures::period_ms>},
+    {"jitter", "JITTER", 7, 'j', true, Milliseconds<&Figures::jitter_ms>, Get<&Figures::jitter_ms>},
+    {"active", "ACTIVE", 7, 'a', true, Milliseconds<&Figures::active_ms>, Get<&Figures::active_ms>},
+    {"max", "MAX", 7, 'm', true, Milliseconds<&Figures::max_active_ms>,
+     Get<&Figures::max_active_ms>},
+    {"share", "SHARE", 6, 'h', true, Percent, Get<&Figures::active_share>},
+    {"blocks", "BLOCKS", 8, 'b', true,
+     [](const Row& row) { return row.figures ? std::to_string(row.figures->blocks) : "-"; },
+     Blocks},
+    {"connection", "CONNECTION", 0, 'c', false, Connection, nullptr},
+};
+
+template <typename Matches>
+const Column* FindIf(const std::vector<const Column*>& columns, Matches matches) {
+  const auto found = std::find_if(columns.begin(), columns.end(), matches);
+  return found == columns.end() ? nullptr : *found;
+}
+
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+/// Takes the digits that `text` begins with; without leading zeros.
+std::string_view TakeDigits(std::string_view& text) {
+  const size_t end = std::min(text.find_first_not_of("0123456789"), text.size());
+  std::string_view digits = text.substr(0, end);
+  text.remove_prefix(end);
+  digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size()));
+  return digits;
+}
+
+/// "tapout9" stands before "tapout10".
+bool StandsBefore(std::string_view a, std::string_view b) {
+  while (!a.empty() && !b.empty()) {
+    if (IsDigit(a.front()) && IsDigit(b.front())) {
+      const auto x = TakeDigits(a);
+      const auto y = TakeDigits(b);
+      if (x != y) return std::make_pair(x.size(), x) < std::make_pair(y.size(), y);
+    } else {
+      if (a.front() != b.front()) return a.front() < b.front();
+      a.remove_prefix(1);
+      b.remove_prefix(1);
+    }
+  }
+  return a.size() < b.size();
+}
+
+std::string Printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  return text;
+}
+
+std::string Trimmed(std::string text) {
+  text.resize(text.find_last_not_of(' ') + 1);
+  return text;
+}
+
+/// Texts to the left, numbers to the right.
+std::string Cell(const Column& column, const std::string& text) {
+  const auto width = static_cast<size_t>(column.width);
+  const std::string fill(width - std::min(width, text.size()), ' ');
+  return (column.measured ? fill + text : text + fill) + " ";
+}
+
+void SortByText(std::vector<Row>& rows, const Order& order) {
+  const auto text = order.column->text;
+  std::stable_sort(rows.begin(), rows.end(), [&](const Row& a, const Row& b) {
+    return order.reversed ? StandsBefore(text(b), text(a)) : StandsBefore(text(a), text(b));
+  });
+}
+
+void SortByNumber(std::vector<Row>& rows, const Order& order) {
+  const auto number = order.column->number;
+  std::stable_sort(rows.begin(), rows.end(), [&](const Row& a, const Row& b) {
+    const Number x = number(a);
+    const Number y = number(b);
+    if (!x || !y) return x.has_value() && !y.has_value();
+    return order.reversed ? *x < *y : *x > *y;
+  });
+}
+
+}  // namespace
+
+std::vector<const Column*> ColumnsOf(bool measured) {
+  std::vector<const Column*> columns;
+  for (const Column& column : kColumns) {
+    if (measured || !column.measured) columns.push_back(&column);
+  }
+  return columns;
+}
+
+const Column* FindColumn(const std::vector<const Column*>& columns, const std::string& name) {
+  return FindIf(columns, [&](const Column* column) { return column->name == name; });
+}
+
+const Column* FindColumn(const std::vector<const Column*>& columns, int key) {
+  return FindIf(columns, [&](const Column* column) { return column->key == key; });
+}
+
+void Sort(std::vector<Row>& rows, const Order& order) {
+  if (order.column == nullptr) {
+    if (order.reversed) std::reverse(rows.begin(), rows.end());
+  } else if (order.column->number == nullptr) {
+    SortByText(rows, order);
+  } else {
+    SortByNumber(rows, order);
+  }
+}
+
+std::string HeaderLine(const std::vector<const Column*>& columns) {
+  std::string line;
+  for (const Column* const column : columns) line += Cell(*column, column->title);
+  return Trimmed(std::move(line));
+}
+
+std::string LineOf(const std::vector<const Column*>& columns, const Row& row) {
+  std::string line;
+  for (const Column* const column : columns) line += Cell(*column, column->text(row));
+  return Trimmed(Printable(std::move(line)));
+}
+
+}  // namespace kvox::client
