@@ -8,7 +8,7 @@
 
 #include "client/command_line/command_line.h"
 #include "client/completion/completion.h"
-#include "client/output/standard_streams.h"
+#include "client/output/printer.h"
 #include "kvox/common/log.h"
 
 namespace kvox {
@@ -33,7 +33,7 @@ namespace {
 using namespace kvox::client;
 
 /// Reports the exception being handled. Returns its exit status.
-int Report(const Out& out) {
+int Report(const Printer& out) {
   try {
     throw;
   } catch (const Failure& failure) {
@@ -46,7 +46,7 @@ int Report(const Out& out) {
 }
 
 int Run(const std::vector<std::string>& words) {
-  if (!words.empty() && words.front() == kCompletionDoor) {
+  if (!words.empty() && words.front() == kCompletionOption) {
     return Complete({words.begin() + 1, words.end()});
   }
   const CommandLine line = ReadCommandLine(words, "kvoxctl " KVOX_VERSION);
@@ -54,8 +54,8 @@ int Run(const std::vector<std::string>& words) {
     PrintOut(line.help);
     return kDone;
   }
-  const Out out(line.format, line.color);
-  Daemon daemon(line.wait, line.verb->manner == Manner::kRaw ? kNoDaemon : kTimedOut);
+  const Printer out(line.format, line.color);
+  Daemon daemon(line.wait, line.verb->kind == VerbKind::kRawCall ? kNoDaemon : kTimedOut);
   try {
     return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
   } catch (const std::exception&) {
@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
   try {
     status = Run({argv + 1, argv + argc});
   } catch (const std::exception&) {
-    status = Report(Out(Format::kText, Color::kAuto));
+    status = Report(Printer(Format::kText, Color::kAuto));
   }
   // Everything is printed: the binder's threads need no orderly end.
   _exit(status);

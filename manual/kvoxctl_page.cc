@@ -37,7 +37,7 @@ void Describe(Page& page, const Verb& verb) {
 void DescribeVerbs(Page& page, const client::Noun& noun) {
   page.Subsection(noun.summary);
   for (const Verb& verb : client::AllVerbs()) {
-    if (std::string_view(verb.noun) == noun.name) Describe(page, verb);
+    if (verb.noun() == noun.name) Describe(page, verb);
   }
 }
 

@@ -1,11 +1,9 @@
-#include "client/audio/play.h"
-
-#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <utility>
 
 #include "client/audio/block_queue.h"
+#include "client/audio/sessions.h"
 
 namespace kvox::client {
 namespace {
@@ -13,14 +11,14 @@ namespace {
 constexpr size_t kBlocksAhead = 16;
 
 /// Reads blocks on the main thread, and sends one on the serving thread whenever a block comes. A
-/// block that is sent before its turn is answered goes out with that very turn. When an answer took
-/// too long the relay has not waited for it, and what was sent goes out with the next turn.
+/// block that is sent before that callback returns goes out in its place. When the callback took
+/// too long the relay has not waited for it, and what was sent goes out with the next one.
 class Player {
  public:
-  Player(std::shared_ptr<IKvox> kvox, SoundReader file, const PlayOptions& options)
+  Player(std::shared_ptr<IKvox> kvox, SoundReader file, const SessionOptions& options)
       : kvox_(std::move(kvox)), options_(options), file_(std::move(file)) {}
 
-  void Turn(const IKvox::AudioPacket& packet) {
+  void OnBlock(const IKvox::AudioPacket& packet) {
     const int64_t begin_ns = NowNs();
     std::unique_lock lock(mutex_);
     if (!shape_) {
@@ -58,8 +56,7 @@ class Player {
   /// Reads ahead. True when everything has gone out, or nothing more can.
   bool ReadAhead() {
     std::unique_lock lock(mutex_);
-    const StayFigures figures = FiguresLocked();
-    ShowProgress(figures.seconds, figures.missed);
+    ShowProgress(StatsLocked());
     if (!shape_) return false;
     if (!format_) {
       format_ = FormatOf(*shape_);
@@ -84,14 +81,14 @@ class Player {
     std::lock_guard lock(mutex_);
     return refused_;
   }
-  /// A turn may still be under way: what it sends is not told any more.
-  StayFigures figures() {
+  /// A callback may still be running: what it sends is not counted any more.
+  SessionStats stats() {
     std::lock_guard lock(mutex_);
-    return FiguresLocked();
+    return StatsLocked();
   }
 
  private:
-  StayFigures FiguresLocked() const {
+  SessionStats StatsLocked() const {
     const size_t frames = format_ ? shape_->data.size() / format_->FrameSize() : 0;
     return {.seconds = format_ ? static_cast<double>(blocks_ * frames) / format_->sample_rate : 0,
             .blocks = blocks_,
@@ -99,9 +96,9 @@ class Player {
   }
 
   const std::shared_ptr<IKvox> kvox_;
-  const PlayOptions options_;
-  SoundReader file_;                    // the main thread's
-  std::optional<StreamFormat> format_;  // the main thread's
+  const SessionOptions options_;
+  SoundReader file_;                   // the main thread's
+  std::optional<SoundFormat> format_;  // the main thread's
 
   std::mutex mutex_;
   std::optional<IKvox::AudioPacket> shape_;  // of every block; set once
@@ -118,22 +115,18 @@ class Player {
 
 }  // namespace
 
-StayEnd Play(const std::shared_ptr<IKvox>& kvox, SoundReader file, const PlayOptions& options) {
+ExitStatus Play(const std::shared_ptr<IKvox>& kvox, const SessionOptions& options,
+                SoundReader file) {
   const auto player = std::make_shared<Player>(kvox, std::move(file), options);
-  RelaySession session(kvox, options.processor, options.name, "playing to " + options.name,
-                       options.wait);
-  StayEnd end = session.Stay([player](const IKvox::AudioPacket& packet) { player->Turn(packet); },
-                             [player] { return player->ReadAhead(); });
+  const ExitStatus end = RelaySession(kvox, options)
+                             .Run(
+                                 "playing to " + options.name,
+                                 [player](const auto& packet) { player->OnBlock(packet); },
+                                 [player] { return player->ReadAhead(); });
   if (player->refused()) {
-    fprintf(stderr, "kvoxctl: %s does not take the audio any more; see kvoxd's log\n",
-            options.name.c_str());
-    return StayEnd::kRefused;
+    throw Failure(kRefused, options.name + " does not accept the audio any more; see kvoxd's log");
   }
-  if (end == StayEnd::kRefused) return end;
-  const StayFigures figures = player->figures();
-  if (end == StayEnd::kDone && figures.missed > 0) end = StayEnd::kMissedBlocks;
-  PrintStay("played", figures, options.json);
-  return end;
+  return Finish("played", end, player->stats(), options.json);
 }
 
 }  // namespace kvox::client

@@ -1,18 +1,18 @@
-#include "client/audio/record.h"
-
 #include <algorithm>
 #include <cmath>
-#include <memory>
+#include <utility>
 
 #include "client/audio/block_queue.h"
+#include "client/audio/sessions.h"
 
 namespace kvox::client {
 namespace {
 
-/// Writes blocks to a file, which ends complete with this object.
+/// Writes blocks to a file, which is closed with this object.
 class Recorder {
  public:
-  Recorder(BlockQueue& queue, const RecordOptions& options) : queue_(queue), options_(options) {}
+  Recorder(BlockQueue& queue, std::string name, std::string path, double seconds)
+      : queue_(queue), name_(std::move(name)), path_(std::move(path)), seconds_(seconds) {}
 
   /// Writes what has come. True when there is enough.
   bool Write() {
@@ -21,11 +21,11 @@ class Recorder {
       if (Enough()) break;
       WriteBlock(block);
     }
-    ShowProgress(figures().seconds, figures().missed);
+    ShowProgress(stats());
     return Enough();
   }
 
-  StayFigures figures() const {
+  SessionStats stats() const {
     return {.seconds = format_ ? static_cast<double>(frames_) / format_->sample_rate : 0,
             .blocks = blocks_,
             .missed = queue_.missed()};
@@ -33,24 +33,24 @@ class Recorder {
 
  private:
   bool Enough() const {
-    return options_.seconds > 0 && format_ &&
-           static_cast<double>(frames_) >= options_.seconds * format_->sample_rate;
+    return seconds_ > 0 && format_ &&
+           static_cast<double>(frames_) >= seconds_ * format_->sample_rate;
   }
 
   void WriteBlock(const IKvox::AudioPacket& block) {
     const auto format = FormatOf(block);
-    if (!format) throw SoundFileError(options_.name + " sends audio of an unknown format");
+    if (!format) throw SoundFileError(name_ + " sends audio of an unknown format");
     if (!file_) {
-      file_ = std::make_unique<SoundWriter>(options_.path, *format);
+      file_ = std::make_unique<SoundWriter>(path_, *format);
       format_ = format;
     }
     if (*format != *format_) {
-      throw SoundFileError(options_.name + " changed from " + Describe(*format_) + " to " +
+      throw SoundFileError(name_ + " changed from " + Describe(*format_) + " to " +
                            Describe(*format) + "; the file ends there");
     }
     auto frames = block.data.size() / format->FrameSize();
-    if (options_.seconds > 0) {
-      const auto wanted = static_cast<uint64_t>(std::ceil(options_.seconds * format->sample_rate));
+    if (seconds_ > 0) {
+      const auto wanted = static_cast<uint64_t>(std::ceil(seconds_ * format->sample_rate));
       frames = std::min<uint64_t>(frames, wanted - frames_);
     }
     file_->Write(std::as_bytes(std::span(block.data)).first(frames * format->FrameSize()));
@@ -59,30 +59,29 @@ class Recorder {
   }
 
   BlockQueue& queue_;
-  const RecordOptions& options_;
+  const std::string name_;
+  const std::string path_;
+  const double seconds_;
   std::unique_ptr<SoundWriter> file_;
-  std::optional<StreamFormat> format_;
+  std::optional<SoundFormat> format_;
   uint64_t frames_ = 0;
   uint64_t blocks_ = 0;
 };
 
 }  // namespace
 
-StayEnd Record(const std::shared_ptr<IKvox>& kvox, const RecordOptions& options) {
-  // The serving thread may keep the queue for longer. The file is this function's own, so that it
-  // is closed however the stay ends.
+ExitStatus Record(const std::shared_ptr<IKvox>& kvox, const SessionOptions& options,
+                  const std::string& path, double seconds) {
+  // The serving thread may keep the queue for longer. The recorder is this function's own, so that
+  // the file is closed however the session ends.
   const auto queue = std::make_shared<BlockQueue>();
-  Recorder recorder(*queue, options);
-  RelaySession session(kvox, options.processor, options.name, "recording from " + options.name,
-                       options.wait);
-  StayEnd end =
-      session.Stay([queue](const IKvox::AudioPacket& packet) { queue->Push(packet, NowNs()); },
-                   [&recorder] { return recorder.Write(); });
-  if (end == StayEnd::kRefused) return end;
-  const StayFigures figures = recorder.figures();
-  if (end == StayEnd::kDone && figures.missed > 0) end = StayEnd::kMissedBlocks;
-  PrintStay("recorded", figures, options.json);
-  return end;
+  Recorder recorder(*queue, options.name, path, seconds);
+  const ExitStatus end = RelaySession(kvox, options)
+                             .Run(
+                                 "recording from " + options.name,
+                                 [queue](const auto& packet) { queue->Push(packet, NowNs()); },
+                                 [&recorder] { return recorder.Write(); });
+  return Finish("recorded", end, recorder.stats(), options.json);
 }
 
 }  // namespace kvox::client

@@ -1,9 +1,8 @@
-// A stay as the client of a relay processor: what record and play have in common.
+// A session as the client of a relay processor: what record and play have in common.
 #pragma once
 
 #include <aidl/kvox/BnKvox.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -11,82 +10,74 @@
 #include <optional>
 #include <string>
 
-#include "client/audio/sound_file.h"
+#include "client/calls/call_deadline.h"
+#include "client/errors.h"
+#include "kvox/sound/sound_file.h"
 
 namespace kvox::client {
 
 using aidl::kvox::IKvox;
 
 /// The format that a packet's codes name; none when they name none.
-std::optional<StreamFormat> FormatOf(const IKvox::AudioPacket& packet);
+std::optional<SoundFormat> FormatOf(const IKvox::AudioPacket& packet);
 
-/// How long a packet's audio lasts, in nanoseconds; 0 when it holds no whole frame or its format is
-/// unknown.
+/// The duration of a packet's audio, in nanoseconds; 0 when it holds no whole frame or its format
+/// is unknown.
 int64_t BlockNs(const IKvox::AudioPacket& packet);
 
-/// What becomes of a stay, and the program's exit status for it.
-enum class StayEnd : int {
-  kDone = 0,
-  kRefused = 1,       // the daemon refused, or no audio came
-  kWrongUsage = 2,    // the file does not fit
-  kNoDaemon = 3,      // it has gone
-  kTimedOut = 6,      // it does not answer
-  kMissedBlocks = 7,  // audio was missed, or ended early
+struct SessionOptions {
+  int32_t processor = 0;
+  std::string name;  // of the processor, as it was typed
+  bool json = false;
+  std::chrono::milliseconds wait = kLongestWait;  // for a reply of the daemon
 };
 
 /// Registers as a relay's client and stays one until the work is done, the user interrupts, the
-/// audio ends, another client takes the relay over or the daemon goes. It unregisters before it
-/// leaves, for to die as a registered client would end the relay's use case; but not once the relay
-/// has let go of it, for that would end the other client's audio.
+/// audio ends, another client takes the relay over or the daemon goes away. It unregisters before
+/// it leaves, because the death of a registered client would end the relay's use case; but not once
+/// the relay has dropped it, because that would end the other client's audio.
 class RelaySession {
  public:
-  /// A block has come; on the thread that serves the daemon, which waits for it half a block's
-  /// time.
+  /// A block has come; on the thread that serves the daemon, which waits for it for half a block.
   using OnBlock = std::function<void(const IKvox::AudioPacket&)>;
   /// Called on the main thread, several times a second. True when the work is done.
-  using OnTurn = std::function<bool()>;
+  using OnTick = std::function<bool()>;
 
-  /// `doing` is said once registered: "recording from art0". `wait` is the longest for the daemon's
-  /// answer to that.
-  RelaySession(std::shared_ptr<IKvox> kvox, int32_t processor, std::string name, std::string doing,
-               std::chrono::milliseconds wait);
+  RelaySession(std::shared_ptr<IKvox> kvox, const SessionOptions& options)
+      : kvox_(std::move(kvox)), options_(options) {}
 
-  /// Keeps interrupts from ending the process at once. To be called before any thread starts. What
-  /// the process was told to ignore, as nohup does, it goes on ignoring.
+  /// Keeps interrupts from ending the process at once. To be called before any thread starts.
+  /// Ignored signals, as under nohup, stay ignored.
   static void BlockInterrupts();
 
-  /// Answers kDone when the work is done or the user has interrupted.
-  StayEnd Stay(OnBlock on_block, const OnTurn& on_turn);
+  /// Prints `doing` once registered: "recording from art0". Returns kDone when the work is done or
+  /// the user has interrupted, kGaps when the audio ended before, kNoDaemon when the daemon has
+  /// gone away. Throws Failure(kRefused) when no audio came.
+  ExitStatus Run(const std::string& doing, OnBlock on_block, const OnTick& on_tick);
 
  private:
   class Callback;
 
   bool Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
                 std::chrono::milliseconds wait, IKvox::CommandResult& result);
-  StayEnd Turns(const std::weak_ptr<Callback>& registered, const OnTurn& on_turn);
+  ExitStatus RunLoop(const std::weak_ptr<Callback>& registered, const OnTick& on_tick);
 
   const std::shared_ptr<IKvox> kvox_;
-  const int32_t processor_;
-  const std::string name_;
-  const std::string doing_;
-  const std::chrono::milliseconds wait_;
+  const SessionOptions options_;
 };
 
-/// How a stay went.
-struct StayFigures {
-  double seconds = 0;
+struct SessionStats {
+  double seconds = 0;  // of audio
   uint64_t blocks = 0;
   uint64_t missed = 0;
 };
 
-/// "recorded 12.300 s in 123 blocks, 0 missed", or the same as a JSON object.
-void PrintStay(const char* verb, const StayFigures& figures, bool json);
+/// Prints "recorded 12.300 s in 123 blocks, 0 missed", or the same as a JSON object. Returns the
+/// exit status for a session that ended with `end`. Throws Failure when the daemon has gone away.
+ExitStatus Finish(const char* verb, ExitStatus end, const SessionStats& stats, bool json);
 
-/// "0:12  3 missed" on a terminal, over itself; nothing elsewhere. Main thread.
-void ShowProgress(double seconds, uint64_t missed);
-
-/// Ends the progress line.
-void EndProgress();
+/// "0:12.3  3 missed" on a terminal, over itself; nothing elsewhere. Main thread.
+void ShowProgress(const SessionStats& stats);
 
 /// Monotonic nanoseconds.
 int64_t NowNs();

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <charconv>
 #include <limits>
-#include <type_traits>
 
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
@@ -63,29 +62,6 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
 
 }  // namespace
 
-template <typename Number>
-std::optional<Number> ParseDecimal(std::string_view word) {
-  static const locale_t kPoint = newlocale(LC_ALL_MASK, "C", nullptr);
-  // The library would skip blanks and a plus sign, and take hexadecimal digits.
-  const bool begins = !word.empty() && (word[0] == '-' || word[0] == '.' ||
-                                        isalnum(static_cast<unsigned char>(word[0])) != 0);
-  if (!begins || word.find_first_of("xX") != word.npos) return std::nullopt;
-  const std::string text(word);
-  char* end = nullptr;
-  errno = 0;
-  Number number;
-  if constexpr (std::is_same_v<Number, float>) {
-    number = strtof_l(text.c_str(), &end, kPoint);
-  } else {
-    number = strtod_l(text.c_str(), &end, kPoint);
-  }
-  if (errno == ERANGE || end != text.c_str() + text.size()) return std::nullopt;
-  return number;
-}
-
-template std::optional<float> ParseDecimal(std::string_view);
-template std::optional<double> ParseDecimal(std::string_view);
-
 std::optional<int32_t> ParseInt(std::string_view word) {
   const auto number = ParseNumber(word);
   const bool hexadecimal = word.size() > 1 && (word[1] == 'x' || word[1] == 'X');
@@ -115,14 +91,31 @@ std::optional<bool> ParseBool(std::string_view word) {
 }
 
 std::optional<float> ParseFloat(std::string_view word) {
+  static const locale_t kPoint = newlocale(LC_ALL_MASK, "C", nullptr);
   if (word.starts_with('+')) word.remove_prefix(1);
-  return ParseDecimal<float>(word);
+  // The library would skip blanks and a plus sign, and take hexadecimal digits.
+  const bool begins = !word.empty() && (word[0] == '-' || word[0] == '.' ||
+                                        isalnum(static_cast<unsigned char>(word[0])) != 0);
+  if (!begins || word.find_first_of("xX") != word.npos) return std::nullopt;
+  const std::string text(word);
+  char* end = nullptr;
+  errno = 0;
+  const float number = strtof_l(text.c_str(), &end, kPoint);
+  if (errno == ERANGE || end != text.c_str() + text.size()) return std::nullopt;
+  return number;
 }
 
 std::optional<int8_t> ParseByte(std::string_view word) {
   const auto number = ParseNumber(word);
   if (!number || *number < -128 || *number > 255) return std::nullopt;
   return static_cast<int8_t>(*number);
+}
+
+std::string Uppercase(std::string word) {
+  for (char& c : word) {
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  }
+  return word;
 }
 
 std::optional<std::string> ParseText(std::string_view word) {

@@ -23,17 +23,15 @@ std::optional<int32_t> ParseCode(std::string_view word);
 /// true, false, 1 or 0.
 std::optional<bool> ParseBool(std::string_view word);
 
-/// The whole word as a float or double with a decimal point, whatever the locale; no plus sign, no
-/// blanks, no hexadecimal digits. None where it is something else or out of range. std::from_chars
-/// would do, but the C++ library of phones lacks it for these types.
-template <typename Number>
-std::optional<Number> ParseDecimal(std::string_view word);
-
-/// The same, with an optional plus sign.
+/// A decimal number with a decimal point, whatever the locale. std::from_chars would do, but the
+/// C++ library of phones lacks it for floats.
 std::optional<float> ParseFloat(std::string_view word);
 
 /// A code of 8 bits, signed or unsigned.
 std::optional<int8_t> ParseByte(std::string_view word);
+
+/// The word with its letters a to z in capitals.
+std::string Uppercase(std::string word);
 
 /// Any text, in UTF-8.
 std::optional<std::string> ParseText(std::string_view word);

@@ -1,7 +1,5 @@
 #include "client/calls/audio_receiver.h"
 
-#include <android/binder_process.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -21,12 +19,7 @@ std::shared_ptr<AudioReceiver> AudioReceiver::Create(const std::string& path, bo
   return ndk::SharedRefBase::make<AudioReceiver>(OpenToAppend(path), reject);
 }
 
-void AudioReceiver::StartServing() {
-  ABinderProcess_setThreadPoolMaxThreadCount(1);
-  ABinderProcess_startThreadPool();
-}
-
-bool AudioReceiver::Stay(const ndk::SpAIBinder& binder, float seconds) {
+bool AudioReceiver::Wait(const ndk::SpAIBinder& binder, float seconds) {
   using Clock = std::chrono::steady_clock;
   const auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                         std::chrono::duration<float>(seconds));

@@ -1,9 +1,8 @@
-// A client's end of a relay's audio: appends what it is handed to a file.
+// A relay's client that appends the audio it is given to a file.
 #pragma once
 
 #include <aidl/kvox/BnKvox.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 #include <utility>
@@ -17,16 +16,13 @@ using aidl::kvox::IKvox;
 class AudioReceiver : public IKvox::BnReceiveAudioCallback {
  public:
   /// Appends to the regular file at `path`; throws UsageError when it cannot be written. A receiver
-  /// that rejects takes the data and refuses every packet.
+  /// that rejects writes the data and refuses every packet.
   static std::shared_ptr<AudioReceiver> Create(const std::string& path, bool reject);
 
   AudioReceiver(UniqueFd file, bool reject) : file_(std::move(file)), reject_(reject) {}
 
-  /// Has a thread serve incoming calls from now on.
-  static void StartServing();
-
   /// Stays a live client for a time; false as soon as the daemon behind `binder` has gone.
-  bool Stay(const ndk::SpAIBinder& binder, float seconds);
+  bool Wait(const ndk::SpAIBinder& binder, float seconds);
 
   ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override;
 

@@ -4,15 +4,15 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
+#include <string>
 
 #include "client/system/signals.h"
+#include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
 namespace {
 
-// What the handler says and answers, made beforehand: it may only make system calls.
+// What the handler prints and returns, prepared: it may only make system calls.
 char message[256];
 size_t message_size = 0;
 int status_at_end = 0;
@@ -32,11 +32,13 @@ void StartTimer(std::chrono::milliseconds wait) {
 }  // namespace
 
 CallDeadline::CallDeadline(const char* method, int exit_status, std::chrono::milliseconds wait) {
-  const int size = snprintf(message, sizeof message,
-                            "kvoxctl: %s was not answered within %g s; see whether kvoxd hangs, "
-                            "and restart it\n",
-                            method, std::chrono::duration<double>(wait).count());
-  message_size = std::min(static_cast<size_t>(size), sizeof message - 1);
+  std::string text;
+  if (method != nullptr) {
+    text = FormatText<sizeof message>(
+        "kvoxctl: %s was not answered within %g s; see whether kvoxd hangs, and restart it\n",
+        method, std::chrono::duration<double>(wait).count());
+  }
+  message_size = text.copy(message, sizeof message);
   status_at_end = exit_status;
   before_ = signal(SIGALRM, OnExpired);
   UnblockAlarm();

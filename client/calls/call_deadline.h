@@ -1,4 +1,4 @@
-// The longest that kvoxctl waits for the answer to a call.
+// The longest that kvoxctl waits for a reply.
 #pragma once
 
 #include <chrono>
@@ -8,8 +8,8 @@ namespace kvox::client {
 /// Far more than any command takes.
 constexpr std::chrono::milliseconds kLongestWait = std::chrono::seconds(300);
 
-/// While one exists, a timer runs that ends the process with `exit_status` and a message. One at a
-/// time, on the main thread.
+/// While one exists, a timer runs that ends the process with `exit_status` and a message that names
+/// the method; silently where that is nullptr. One at a time, on the main thread.
 class CallDeadline {
  public:
   CallDeadline(const char* method, int exit_status, std::chrono::milliseconds wait = kLongestWait);
@@ -18,7 +18,7 @@ class CallDeadline {
   CallDeadline& operator=(const CallDeadline&) = delete;
 
  private:
-  void (*before_)(int);  // what an alarm did
+  void (*before_)(int);  // the handler of SIGALRM to restore
 };
 
 }  // namespace kvox::client

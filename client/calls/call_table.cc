@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 #include "client/calls/arguments.h"
 #include "client/calls/audio_receiver.h"
+#include "client/calls/daemon.h"
+#include "client/errors.h"
 #include "client/system/files.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/near_matches.h"
@@ -21,7 +24,7 @@ constexpr size_t kMaxData = (1u << 20) - 1024;
 
 constexpr float kLongestStay = 366.0f * 24 * 3600;
 
-/// One argument of a method: its name on the command line, and how its word is read.
+/// One input of a method: its name on the command line, and how its word is parsed.
 template <typename T>
 struct Argument {
   const char* name;
@@ -47,13 +50,6 @@ Argument<int8_t> Byte(const char* name) {
 Argument<std::string> Text(const char* name) {
   return {name, ParseText, "a text in UTF-8"};
 }
-Argument<IKvox::UseCase> UseCase(const char* name) {
-  return {name, ParseUseCase, "a use case's name or number"};
-}
-Argument<IKvox::ParameterId> Parameter(const char* name) {
-  return {name, ParseParameterId, "a parameter's name or number"};
-}
-
 template <typename T>
 T Read(const Argument<T>& argument, const std::string& word) {
   const std::optional<T> value = argument.parse(word);
@@ -91,16 +87,40 @@ std::tuple<T...> ReadAll(const Words& words, const Argument<T>&... arguments) {
   return ReadEach(words, std::index_sequence_for<T...>(), arguments...);
 }
 
-/// A method whose arguments are plain words and whose answer is a CommandResult alone.
-template <typename Method, typename... T>
-Row Plain(const char* name, Method method, Argument<T>... arguments) {
+/// Where a method puts an output of this type.
+template <typename Output>
+Output* OutputOf(Answer& answer) {
+  if constexpr (std::is_same_v<Output, IKvox::CommandResult>) return &answer.result;
+  if constexpr (std::is_same_v<Output, IKvox::ParamValue>) return &answer.param.emplace();
+  if constexpr (std::is_same_v<Output, std::vector<IKvox::ParamValue>>) {
+    return &answer.values.emplace();
+  }
+  if constexpr (std::is_same_v<Output, IKvox::ProcessorStats>) return &answer.stats.emplace();
+}
+
+/// A method's first parameters are its inputs; the others, pointers, are its outputs.
+template <typename... Parameters, typename... Inputs, size_t... Output>
+Status Invoke(IKvox& kvox, Status (IKvox::*method)(Parameters...),
+              const std::tuple<Inputs...>& inputs, Answer& answer, std::index_sequence<Output...>) {
+  using All = std::tuple<Parameters...>;
+  return std::apply(
+      [&](const auto&... input) {
+        return (kvox.*method)(
+            input...,
+            OutputOf<std::remove_pointer_t<std::tuple_element_t<sizeof...(Inputs) + Output, All>>>(
+                answer)...);
+      },
+      inputs);
+}
+
+/// A method whose inputs are plain words.
+template <typename... Parameters, typename... T>
+Row Plain(const char* name, Status (IKvox::*method)(Parameters...), Argument<T>... arguments) {
+  using Outputs = std::make_index_sequence<sizeof...(Parameters) - sizeof...(T)>;
   return {name, Names(arguments...), sizeof...(T), sizeof...(T), [=](const Words& words) {
-            return PreparedCall([=, values = ReadAll(words, arguments...)](IKvox& kvox,
-                                                                           Answer& answer) {
-              return std::apply(
-                  [&](const auto&... value) { return (kvox.*method)(value..., &answer.result); },
-                  values);
-            });
+            return [=, inputs = ReadAll(words, arguments...)](IKvox& kvox, Answer& answer) {
+              return Invoke(kvox, method, inputs, answer, Outputs());
+            };
           }};
 }
 
@@ -110,52 +130,20 @@ const auto kTap = Code("TAP");
 const auto kIndex = Int("INDEX");
 const auto kEnable = Bool("ENABLE");
 const auto kElement = Int("ELEMENT");
-const auto kParameter = Parameter("PARAMETER");
+const Argument<IKvox::UseCase> kUseCase = {"USECASE", ParseUseCase, "a use case's name or number"};
+const Argument<IKvox::ParameterId> kParameter = {"PARAMETER", ParseParameterId,
+                                                 "a parameter's name or number"};
 const Argument<IKvox::ParamValue> kValue = {"VALUE", ParseParamValue, "i:960, f:0.5 or v:1,2,3"};
 const Argument<std::vector<IKvox::ParamIdElementPair>> kPairs = {
     "PAIRS", ParsePairs, "a list such as BLOCK_LENGTH:0,9:0"};
 const Argument<std::vector<IKvox::ParamValue>> kValues = {"VALUES", ParseValues,
                                                           "a list such as i:1,f:0.5"};
 
-Row Ping() {
-  return {"Ping", "", 0, 0,
-          [](const Words&) { return [](IKvox& kvox, Answer&) { return kvox.Ping(); }; }};
-}
-
 Row Debug() {
   return {"Debug", "[WORD...]", 0, SIZE_MAX, [](const Words& words) {
             for (const std::string& word : words) Read(Text("WORD"), word);
             return
                 [words](IKvox& kvox, Answer& answer) { return kvox.Debug(words, &answer.result); };
-          }};
-}
-
-Row GetParameter() {
-  return {"GetParameter", Names(kProcessor, kParameter, kElement), 3, 3, [](const Words& words) {
-            return [values = ReadAll(words, kProcessor, kParameter, kElement)](IKvox& kvox,
-                                                                               Answer& answer) {
-              const auto& [processor, parameter, element] = values;
-              return kvox.GetParameter(processor, parameter, element, &answer.param.emplace(),
-                                       &answer.result);
-            };
-          }};
-}
-
-Row GetParameterBulk() {
-  return {"GetParameterBulk", Names(kProcessor, kPairs), 2, 2, [](const Words& words) {
-            return [values = ReadAll(words, kProcessor, kPairs)](IKvox& kvox, Answer& answer) {
-              const auto& [processor, pairs] = values;
-              return kvox.GetParameterBulk(processor, pairs, &answer.result,
-                                           &answer.values.emplace());
-            };
-          }};
-}
-
-Row ProcessorGetStats() {
-  return {"ProcessorGetStats", Names(kProcessor), 1, 1, [](const Words& words) {
-            return [id = Read(kProcessor, words[0])](IKvox& kvox, Answer& answer) {
-              return kvox.ProcessorGetStats(id, &answer.stats.emplace(), &answer.result);
-            };
           }};
 }
 
@@ -191,11 +179,11 @@ Row RegisterReceiveAudioCallback() {
         }
         auto receiver = AudioReceiver::Create(words[2], reject);
         return [=](IKvox& kvox, Answer& answer) {
-          AudioReceiver::StartServing();
+          ServeCallbacks();
           auto status = kvox.RegisterReceiveAudioCallback(id, receiver, &answer.result);
           if (status.isOk() && answer.result.status == IKvox::CommandStatus::OK) {
             answer.afterwards = [binder = kvox.asBinder(), receiver, seconds] {
-              return receiver->Stay(binder, seconds);
+              return receiver->Wait(binder, seconds);
             };
           }
           return status;
@@ -205,7 +193,7 @@ Row RegisterReceiveAudioCallback() {
 
 const std::vector<Row>& Rows() {
   static const std::vector<Row> rows = {
-      Ping(),
+      Plain("Ping", &IKvox::Ping),
       Plain("ShowGraph", &IKvox::ShowGraph),
       Plain("ListProcessors", &IKvox::ListProcessors),
       Plain("ListSupportedProcessors", &IKvox::ListSupportedProcessors),
@@ -229,19 +217,19 @@ const std::vector<Row>& Rows() {
       Plain("StartIo", &IKvox::StartIo, Int("TAPOUT")),
       Plain("StopIo", &IKvox::StopIo, Int("TAPOUT")),
       Debug(),
-      Plain("EnableUseCase", &IKvox::EnableUseCase, UseCase("USECASE"), kEnable),
-      Plain("IsUseCaseEnabled", &IKvox::IsUseCaseEnabled, UseCase("USECASE")),
+      Plain("EnableUseCase", &IKvox::EnableUseCase, kUseCase, kEnable),
+      Plain("IsUseCaseEnabled", &IKvox::IsUseCaseEnabled, kUseCase),
       Plain("SetParameter", &IKvox::SetParameter, kProcessor, kParameter, kElement, kValue),
-      GetParameter(),
+      Plain("GetParameter", &IKvox::GetParameter, kProcessor, kParameter, kElement),
       Plain("SetParameterBulk", &IKvox::SetParameterBulk, kProcessor, kPairs, kValues),
-      GetParameterBulk(),
+      Plain("GetParameterBulk", &IKvox::GetParameterBulk, kProcessor, kPairs),
       Plain("ListParameters", &IKvox::ListParameters),
       SendAudio(),
       RegisterReceiveAudioCallback(),
       Plain("tapSetJitterBuffer", &IKvox::tapSetJitterBuffer, kCore, kTap, kIndex, Int("SIZE")),
       Plain("ProcessorSetStatsMaxBufferEntries", &IKvox::ProcessorSetStatsMaxBufferEntries,
             kProcessor, Int("ENTRIES")),
-      ProcessorGetStats(),
+      Plain("ProcessorGetStats", &IKvox::ProcessorGetStats, kProcessor),
       Plain("ProcessorResetStats", &IKvox::ProcessorResetStats, kProcessor),
       Plain("TapSetGain", &IKvox::TapSetGain, kCore, kTap, kIndex, Float("GAIN"), Int("RAMP_MS")),
       Plain("UseCaseSetGain", &IKvox::UseCaseSetGain, Text("USECASE"), Float("GAIN"),

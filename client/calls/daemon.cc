@@ -1,23 +1,18 @@
 #include "client/calls/daemon.h"
 
 #include <android/binder_manager.h>
+#include <android/binder_process.h>
 
 #include "interface/service_name.h"
 #include "platform/platform.h"
 
 namespace kvox::client {
 
-bool Daemon::Find() {
+const std::shared_ptr<IKvox>& Daemon::kvox() {
   if (!kvox_) {
     kvox_ = IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_checkService(KvoxDescriptor())));
   }
-  return kvox_ != nullptr;
-}
-
-const std::shared_ptr<IKvox>& Daemon::kvox() {
-  if (!Find()) {
-    throw Failure(ServiceDenied() ? kNotAllowed : kNoDaemon, ServiceError());
-  }
+  if (!kvox_) throw Failure(ServiceDenied() ? kNotAllowed : kNoDaemon, ServiceError());
   return kvox_;
 }
 
@@ -30,6 +25,11 @@ void Daemon::Check(const char* method, const ndk::ScopedAStatus& status) {
   }
   throw Failure(kNoDaemon, std::string(method) + " was not answered: " + status.getDescription() +
                                "; see whether kvoxd still runs");
+}
+
+void ServeCallbacks() {
+  ABinderProcess_setThreadPoolMaxThreadCount(1);
+  ABinderProcess_startThreadPool();
 }
 
 }  // namespace kvox::client

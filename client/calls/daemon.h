@@ -15,30 +15,24 @@ namespace kvox::client {
 
 using aidl::kvox::IKvox;
 
-/// In place of the longest wait: the caller sees to it that none lasts for ever.
+/// In place of the longest wait: the caller makes sure that no call lasts forever.
 constexpr std::chrono::milliseconds kNoLimit{0};
 
 /// One thread; the main thread, unless it is made with kNoLimit.
 class Daemon {
  public:
-  /// `wait` is the longest for one answer, after which the program ends with `status_at_timeout`.
-  /// The daemon is looked for at the first use.
+  /// `wait` is the longest for one reply, after which the program ends with `status_at_timeout`.
+  /// Connects at the first use.
   explicit Daemon(std::chrono::milliseconds wait, ExitStatus status_at_timeout = kTimedOut)
       : wait_(wait), status_at_timeout_(status_at_timeout) {}
 
-  /// Talks to this one.
-  explicit Daemon(std::shared_ptr<IKvox> kvox) : kvox_(std::move(kvox)) {}
-
-  /// Throws Failure when there is none, or none that may be used.
+  /// Throws Failure when there is none, or none that this user may call.
   const std::shared_ptr<IKvox>& kvox();
 
-  /// True when there is one; does not throw.
-  bool Find();
+  /// Drops the connection; the next use connects again.
+  void Disconnect() { kvox_.reset(); }
 
-  /// Forgets the present one, so that the next use looks for it again.
-  void Forget() { kvox_.reset(); }
-
-  /// Runs `call(IKvox&)`, which answers a binder status, and ends the program when no answer comes
+  /// Runs `call(IKvox&)`, which returns a binder status, and ends the program when no reply comes
   /// in time. Throws Failure when the connection breaks.
   template <typename Function>
   void Run(const char* method, Function call) {
@@ -47,7 +41,7 @@ class Daemon {
     Check(method, call(*kvox()));
   }
 
-  /// Calls a method whose answer is a CommandResult alone, whatever its status.
+  /// Calls a method whose only output is a CommandResult, and returns it, whatever its status.
   template <typename Method, typename... T>
   IKvox::CommandResult Call(const char* name, Method method, const T&... arguments) {
     IKvox::CommandResult result;
@@ -55,7 +49,7 @@ class Daemon {
     return result;
   }
 
-  /// The longest for one answer.
+  /// The longest for one reply.
   std::chrono::milliseconds wait() const { return wait_; }
   void set_wait(std::chrono::milliseconds wait) { wait_ = wait; }
 
@@ -63,8 +57,11 @@ class Daemon {
   static void Check(const char* method, const ndk::ScopedAStatus& status);
 
   std::shared_ptr<IKvox> kvox_;
-  std::chrono::milliseconds wait_ = kLongestWait;
-  const ExitStatus status_at_timeout_ = kTimedOut;
+  std::chrono::milliseconds wait_;
+  const ExitStatus status_at_timeout_;
 };
+
+/// Starts the thread that serves the daemon's calls to our callbacks.
+void ServeCallbacks();
 
 }  // namespace kvox::client

@@ -1,12 +1,13 @@
 #include "client/command_line/command_line.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cmath>
 #include <optional>
 #include <string_view>
 
-#include "client/calls/arguments.h"
 #include "client/command_line/help.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/near_matches.h"
@@ -24,10 +25,14 @@ struct Common {
   std::optional<std::string> timeout_s;
 };
 
-/// A verb's or the program's parser. Its words are given last first, as CLI11 wants them.
+bool Contains(const Words& words, std::string_view word) {
+  return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+/// The parser of a verb or of the program.
 class Parser {
  public:
-  explicit Parser(const std::string& name, Common& common) : app_("", name) {
+  explicit Parser(const std::string& name, Common& common) : app_("", name), name_(name) {
     app_.add_flag("--json", common.json);
     app_.add_flag("--short", common.short_form)->excludes("--json");
     app_.add_option("--color", common.color)->type_name("WHEN");
@@ -36,30 +41,30 @@ class Parser {
 
   CLI::App& app() { return app_; }
 
-  /// Throws UsageError; false when help was asked for.
-  bool Parse(const Words& words, const std::string& hint) {
+  /// Throws UsageError; false when help is wanted.
+  bool Parse(const Words& words) {
     try {
-      app_.parse(Words(words.rbegin(), words.rend()));
+      app_.parse(Words(words.rbegin(), words.rend()));  // CLI11 takes them last first
     } catch (const CLI::CallForHelp&) {
       return false;
     } catch (const CLI::ExtrasError&) {
-      throw UsageError(UnknownOption(app_.remaining().front(), hint));
+      throw UsageError(UnknownOption(app_.remaining().front()));
     } catch (const CLI::ParseError& error) {
-      throw UsageError(ValidUtf8(WithoutCount(error.what())) + "; '" + hint +
-                       " --help' shows what it takes");
+      throw UsageError(ValidUtf8(WithoutCount(error.what())) + "; " + Hint());
     }
     return true;
   }
 
-  /// What there is instead of the option `word`, which may have a value: "--jsn=1".
-  std::string UnknownOption(const std::string& word, const std::string& hint) const {
+  /// Suggests options for `word`, which may have a value: "--jsn=1".
+  std::string UnknownOption(const std::string& word) const {
     Words names;
     for (const CLI::Option* const option : app_.get_options()) {
       if (!option->get_positional()) names.push_back(option->get_name());
     }
-    return NotFound("option", word.substr(0, word.find('=')), names,
-                    "'" + hint + " --help' shows what it takes");
+    return NotFound("option", word.substr(0, word.find('=')), names, Hint());
   }
+
+  std::string Hint() const { return "'" + name_ + " --help' shows what it takes"; }
 
  private:
   /// "--timeout: 1 required SECONDS missing" without the number.
@@ -70,6 +75,7 @@ class Parser {
   }
 
   CLI::App app_;
+  const std::string name_;
 };
 
 void AddOptions(CLI::App& app, const Verb& verb, Input& in) {
@@ -87,22 +93,19 @@ void AddOptions(CLI::App& app, const Verb& verb, Input& in) {
   }
 }
 
-/// "" is no value: what an option means when it is absent is not what was asked for.
-void RefuseEmpty(const Verb& verb, const Input& in) {
-  for (const Option& option : verb.options) {
-    const Words& words = in.All(option.name);
-    if (option.value == nullptr || std::count(words.begin(), words.end(), "") == 0) continue;
-    throw UsageError(std::string(option.name) +
-                     ": an empty word is no value; leave the option out");
+void CheckChoices(const char* name, const std::vector<const char*>& choices, const Words& words) {
+  for (const std::string& word : words) {
+    if (std::find(choices.begin(), choices.end(), word) != choices.end()) continue;
+    throw UsageError(
+        fmt::format("{}: '{}' is none of {}", name, ValidUtf8(word), fmt::join(choices, ", ")));
   }
 }
 
 /// Gives each argument its words.
-void Distribute(const Words& words, const Verb& verb, Input& in) {
-  const std::string hint = "; 'kvoxctl " + verb.Words() + " --help' shows what it takes";
-  if (std::count(words.begin(), words.end(), "") > 0) {
-    throw UsageError("an empty word names nothing; leave it out, or see what became of a variable" +
-                     hint);
+void AssignArguments(const Words& words, const Verb& verb, const std::string& hint, Input& in) {
+  if (Contains(words, "")) {
+    throw UsageError(
+        "an empty word names nothing; leave it out, or see what became of a variable; " + hint);
   }
   auto word = words.begin();
   for (const Argument& argument : verb.arguments) {
@@ -110,89 +113,65 @@ void Distribute(const Words& words, const Verb& verb, Input& in) {
     const auto end = all || word == words.end() ? words.end() : word + 1;
     in.words[argument.name].assign(word, end);
     if (word == end && argument.arity == Arity::kOnce) {
-      throw UsageError(std::string(argument.name) + " is missing" + hint);
+      throw UsageError(std::string(argument.name) + " is missing; " + hint);
     }
     word = end;
   }
-  if (word != words.end()) throw UsageError("unexpected '" + ValidUtf8(*word) + "'" + hint);
-}
-
-void CheckChoices(const Verb& verb, const Input& in) {
+  if (word != words.end()) throw UsageError("unexpected '" + ValidUtf8(*word) + "'; " + hint);
   for (const Argument& argument : verb.arguments) {
     if (argument.kind != Kind::kChoice) continue;
-    const Words choices(argument.choices.begin(), argument.choices.end());
-    for (const std::string& word : in.All(argument.name)) {
-      if (std::find(choices.begin(), choices.end(), word) != choices.end()) continue;
-      std::string list;
-      for (const std::string& choice : choices) list += (list.empty() ? "" : ", ") + choice;
-      throw UsageError(std::string(argument.name) + ": '" + ValidUtf8(word) + "' is none of " +
-                       list);
-    }
+    CheckChoices(argument.name, argument.choices, in.All(argument.name));
   }
 }
 
-Color ReadColor(const std::string& word) {
-  constexpr struct {
-    std::string_view word;
-    Color color;
-  } kColors[] = {{"auto", Color::kAuto}, {"always", Color::kAlways}, {"never", Color::kNever}};
-  for (const auto& row : kColors) {
-    if (row.word == word) return row.color;
+/// False when help is wanted.
+bool ParseVerb(const Verb& verb, const Words& words, Common& common, Input& in) {
+  Parser parser(std::string("kvoxctl ") + verb.words, common);
+  Words given;
+  parser.app().add_option("WORDS", given);
+  AddOptions(parser.app(), verb, in);
+  if (!parser.Parse(words)) return false;
+  for (const Option& option : verb.options) {
+    // "" is not the same as leaving the option out.
+    if (option.value == nullptr || !Contains(in.All(option.name), "")) continue;
+    throw UsageError(std::string(option.name) +
+                     ": an empty word is no value; leave the option out");
   }
-  throw UsageError("--color: '" + ValidUtf8(word) + "' is none of auto, always, never");
+  AssignArguments(given, verb, parser.Hint(), in);
+  return true;
 }
 
-std::chrono::milliseconds ReadTimeout(const std::string& word) {
-  const auto seconds = ParseFloat(word);
-  if (!seconds || !(*seconds >= 0.001f && *seconds <= 86400)) {
-    throw UsageError("--timeout: '" + ValidUtf8(word) + "' is not a number from 0.001 to 86400");
-  }
-  return std::chrono::milliseconds(std::lround(*seconds * 1000));
-}
-
-void Take(const Common& common, CommandLine& line) {
+void ApplyCommon(const Common& common, CommandLine& line) {
+  static const std::vector<const char*> kColors = {"auto", "always", "never"};  // in Color's order
   if (common.json) line.format = Format::kJson;
   if (common.short_form) line.format = Format::kShort;
-  line.color = ReadColor(common.color);
-  line.wait = common.timeout_s ? ReadTimeout(*common.timeout_s) : kLongestWait;
+  CheckChoices("--color", kColors, {common.color});
+  const auto color = std::find(kColors.begin(), kColors.end(), common.color);
+  line.color = static_cast<Color>(color - kColors.begin());
   if (common.timeout_s) line.in.words["--timeout"] = {*common.timeout_s};
-}
-
-const Noun* FindNoun(const std::string& word) {
-  const auto& nouns = AllNouns();
-  const auto found =
-      std::find_if(nouns.begin(), nouns.end(), [&](const Noun& noun) { return noun.name == word; });
-  return found == nouns.end() ? nullptr : &*found;
-}
-
-Words NamesOfVerbs(std::string_view noun) {
-  Words names;
-  for (const Verb& verb : AllVerbs()) {
-    if (verb.noun == noun) names.emplace_back(verb.name);
-  }
-  return names;
+  line.wait = line.in.Seconds("--timeout", 0.001f, 86400, kLongestWait);
 }
 
 bool AsksForHelp(const std::string& word) {
   return word == "-h" || word == "--help";
 }
 
-/// Finds the verb that `words` begin with, and takes its name off them. nullptr with a help text
+/// Finds the verb that `words` begin with, and removes its name from them. nullptr with a help text
 /// when that is what they ask for.
 const Verb* TakeVerb(const Parser& program, Words& words, std::string& help) {
   if (words.empty()) throw UsageError("a verb is missing; 'kvoxctl --help' lists them");
   const std::string first = words.front();
-  if (first.starts_with('-')) {
-    throw UsageError(program.UnknownOption(first, "kvoxctl"));
-  }
-  const Noun* const noun = FindNoun(first);
+  if (first.starts_with('-')) throw UsageError(program.UnknownOption(first));
   if (const Verb* const verb = FindVerb("", first)) {
     words.erase(words.begin());
     return verb;
   }
-  if (noun == nullptr) {
-    Words names = NamesOfVerbs("");
-    for (const Noun& other : AllNouns()) names.emplace_back(other.name);
+  const auto& nouns = AllNouns();
+  const auto noun =
+      std::find_if(nouns.begin(), nouns.end(), [&](const Noun& it) { return it.name == first; });
+  if (noun == nouns.end()) {
+    Words names = VerbNames("");
+    for (const Noun& other : nouns) names.emplace_back(other.name);
     throw UsageError(NotFound("verb", first, names, "'kvoxctl --help' lists them"));
   }
   const std::string hint = "'kvoxctl " + first + " --help' lists them";
@@ -202,9 +181,7 @@ const Verb* TakeVerb(const Parser& program, Words& words, std::string& help) {
     return nullptr;
   }
   const Verb* const verb = FindVerb(first, words[1]);
-  if (verb == nullptr) {
-    throw UsageError(NotFound("verb", words[1], NamesOfVerbs(first), hint));
-  }
+  if (verb == nullptr) throw UsageError(NotFound("verb", words[1], VerbNames(first), hint));
   words.erase(words.begin(), words.begin() + 2);
   return verb;
 }
@@ -213,43 +190,27 @@ const Verb* TakeVerb(const Parser& program, Words& words, std::string& help) {
 
 CommandLine ReadCommandLine(const Words& words, const std::string& version) {
   CommandLine line;
+  const auto help = [&](std::string text) {
+    line.help = std::move(text);
+    return line;
+  };
   Common common;
   Parser program("kvoxctl", common);
   program.app().prefix_command();
   bool show_version = false;
   program.app().add_flag("--version", show_version);
-  if (!program.Parse(words, "kvoxctl")) {
-    line.help = Help();
-    return line;
-  }
-  if (show_version) {
-    line.help = version + "\n";
-    return line;
-  }
+  if (!program.Parse(words)) return help(Help());
+  if (show_version) return help(version + "\n");
   Words rest = program.app().remaining();
   const Verb* const verb = TakeVerb(program, rest, line.help);
   if (verb == nullptr) return line;
-  if (verb->manner == Manner::kRaw) {
+  if (verb->kind == VerbKind::kRawCall) {
     line.in.words[verb->arguments.front().name] = rest;
-    if (!rest.empty() && AsksForHelp(rest.front())) {
-      line.help = HelpOf(*verb);
-      return line;
-    }
-  } else {
-    const std::string name = "kvoxctl " + verb->Words();
-    Parser parser(name, common);
-    Words given;
-    parser.app().add_option("WORDS", given);
-    AddOptions(parser.app(), *verb, line.in);
-    if (!parser.Parse(rest, name)) {
-      line.help = HelpOf(*verb);
-      return line;
-    }
-    RefuseEmpty(*verb, line.in);
-    Distribute(given, *verb, line.in);
-    CheckChoices(*verb, line.in);
+    if (!rest.empty() && AsksForHelp(rest.front())) return help(HelpOf(*verb));
+  } else if (!ParseVerb(*verb, rest, common, line.in)) {
+    return help(HelpOf(*verb));
   }
-  Take(common, line);
+  ApplyCommon(common, line);
   line.verb = verb;
   return line;
 }

@@ -1,4 +1,4 @@
-// The command line of kvoxctl, read into a verb and its words.
+// The command line of kvoxctl, parsed into a verb and its words.
 #pragma once
 
 #include <chrono>
@@ -7,13 +7,11 @@
 
 #include "client/calls/call_deadline.h"
 #include "client/command_line/verb.h"
-#include "client/output/printer.h"
 
 namespace kvox::client {
 
-/// What was asked for.
 struct CommandLine {
-  const Verb* verb = nullptr;  // nullptr: `help` is all that is wanted
+  const Verb* verb = nullptr;  // nullptr: only print `help`
   std::string help;
   Input in;
   Format format = Format::kText;
@@ -21,7 +19,7 @@ struct CommandLine {
   std::chrono::milliseconds wait = kLongestWait;
 };
 
-/// `words` without the program's name. Throws UsageError.
+/// Parses `words`, which are without the program's name. Throws UsageError.
 CommandLine ReadCommandLine(const std::vector<std::string>& words, const std::string& version);
 
 }  // namespace kvox::client

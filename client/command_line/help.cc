@@ -22,7 +22,7 @@ std::string CommonSection() {
 std::vector<HelpRow> RowsOfVerbs(std::string_view noun) {
   std::vector<HelpRow> rows;
   for (const Verb& verb : AllVerbs()) {
-    if (verb.noun == noun) rows.push_back({verb.Words(), verb.summary});
+    if (verb.noun() == noun) rows.push_back({verb.words, verb.summary});
   }
   return rows;
 }
@@ -36,16 +36,9 @@ std::string ExitSection(const std::vector<ExitRow>& exits) {
 }  // namespace
 
 std::string Shown(const Argument& argument) {
-  std::string name = argument.name;
-  switch (argument.arity) {
-    case Arity::kOptional:
-      return "[" + name + "]";
-    case Arity::kAnyNumber:
-      return "[" + name + "...]";
-    case Arity::kOnce:
-      break;
-  }
-  return name;
+  const std::string name = argument.name;
+  if (argument.arity == Arity::kOnce) return name;
+  return "[" + name + (argument.arity == Arity::kAnyNumber ? "...]" : "]");
 }
 
 std::string Shown(const Option& option) {
@@ -54,13 +47,13 @@ std::string Shown(const Option& option) {
 
 std::vector<HelpRow> Variables() {
   std::vector<HelpRow> rows = ClientVariables();
-  rows.push_back({"NO_COLOR", "When it is set to anything, colors only with --color always"});
-  rows.push_back({"TERM", "Type of the terminal, for top"});
+  rows.push_back({"NO_COLOR", "When set to anything, color only with --color always"});
+  rows.push_back({"TERM", "Terminal type, for top"});
   return rows;
 }
 
 std::string UsageOf(const Verb& verb) {
-  std::string text = verb.Words();
+  std::string text = verb.words;
   for (const Argument& argument : verb.arguments) text += " " + Shown(argument);
   for (const Option& option : verb.options) text += " [" + Shown(option) + "]";
   return text;
@@ -73,7 +66,7 @@ std::string HelpOf(const Verb& verb) {
   }
   return std::string(verb.summary) + "\nUsage: kvoxctl " + UsageOf(verb) + "\n" +
          HelpSection("Arguments", arguments) + HelpSection("Options", RowsOf(verb.options)) +
-         (verb.manner == Manner::kRaw ? "" : CommonSection()) +
+         (verb.kind == VerbKind::kRawCall ? "" : CommonSection()) +
          (verb.notes == nullptr ? "" : std::string("\n") + verb.notes()) +
          ExitSection(ExitsOf(verb)) + "\nExample: kvoxctl " + verb.example + "\n";
 }
@@ -81,7 +74,7 @@ std::string HelpOf(const Verb& verb) {
 std::string HelpOf(const Noun& noun) {
   return std::string(noun.summary) + "\nUsage: kvoxctl " + noun.name + " VERB ...\n" +
          HelpSection("Verbs", RowsOfVerbs(noun.name)) + "\n'kvoxctl " + noun.name +
-         " VERB --help' tells more.\n";
+         " VERB --help' says more.\n";
 }
 
 std::string Help() {

@@ -1,4 +1,4 @@
-// Help, made of the table of verbs. Pure.
+// Help, generated from the table of verbs.
 #pragma once
 
 #include <string>
@@ -12,19 +12,15 @@ namespace kvox::client {
 std::string Shown(const Argument& argument);
 std::string Shown(const Option& option);
 
-/// The variables of the environment that kvoxctl reads.
+/// The environment variables that kvoxctl reads.
 std::vector<HelpRow> Variables();
 
 /// "processor new PROCESSOR [TYPE] [--option VALUE]"
 std::string UsageOf(const Verb& verb);
 
-/// All of `kvoxctl NOUN VERB --help`.
+/// All of `kvoxctl NOUN VERB --help`, of `kvoxctl NOUN --help` and of `kvoxctl --help`.
 std::string HelpOf(const Verb& verb);
-
-/// `kvoxctl NOUN --help`.
 std::string HelpOf(const Noun& noun);
-
-/// `kvoxctl --help`.
 std::string Help();
 
 }  // namespace kvox::client

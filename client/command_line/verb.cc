@@ -2,51 +2,47 @@
 
 #include <algorithm>
 #include <iterator>
-#include <set>
 
 namespace kvox::client {
 namespace {
 
-bool NamesObject(Kind kind) {
-  constexpr Kind kPlain[] = {Kind::kText, Kind::kNumber, Kind::kChoice, Kind::kFile, Kind::kMethod};
-  return std::find(std::begin(kPlain), std::end(kPlain), kind) == std::end(kPlain);
+bool NamesObject(const Argument& argument) {
+  return argument.kind >= Kind::kProcessor;
+}
+
+/// How verbs of a kind may end, beside kDone, kWrongUsage and kFailed.
+const std::vector<int>& StatusesOf(VerbKind kind) {
+  static const std::vector<int> statuses[] = {
+      /*kCommand*/ {kRefused, kNoDaemon, kNoObject, kNotAllowed, kTimedOut},
+      /*kStream*/ {kRefused, kNoDaemon, kNoObject, kNotAllowed, kTimedOut, kGaps},
+      /*kRawCall*/ {kRefused, kNoDaemon},
+      /*kApply*/ {kRefused, kNoDaemon, kNoObject, kNotAllowed, kTimedOut},
+      /*kWait*/ {kNotAllowed, kTimedOut},
+      /*kCheck*/ {kRefused},
+      /*kLocal*/ {},
+  };
+  return statuses[static_cast<size_t>(kind)];
 }
 
 bool MayEndWith(const Verb& verb, int status) {
-  switch (status) {
-    case kRefused:
-      return verb.manner != Manner::kAlone && verb.manner != Manner::kWaits;
-    case kNoDaemon:
-      return verb.manner != Manner::kAlone && verb.manner != Manner::kChecks &&
-             verb.manner != Manner::kWaits;
-    case kNoObject:
-      if (verb.manner == Manner::kWaits) return false;
-      if (verb.manner == Manner::kApplies) return true;
-      return std::any_of(verb.arguments.begin(), verb.arguments.end(),
-                         [](const Argument& argument) { return NamesObject(argument.kind); });
-    case kNotAllowed:
-    case kTimedOut:
-      return verb.manner != Manner::kRaw && verb.manner != Manner::kChecks &&
-             verb.manner != Manner::kAlone;
-    case kGaps:
-      return verb.manner == Manner::kStreams;
-    default:
-      return true;
+  if (status == kDone || status == kWrongUsage || status == kFailed) return true;
+  if (status == kNoObject && verb.kind == VerbKind::kCommand) {
+    return std::any_of(verb.arguments.begin(), verb.arguments.end(), NamesObject);
   }
+  const std::vector<int>& statuses = StatusesOf(verb.kind);
+  return std::find(statuses.begin(), statuses.end(), status) != statuses.end();
 }
 
 }  // namespace
 
-const std::string& Input::Get(std::string_view name) const {
-  static const std::string none;
-  const std::vector<std::string>& all = All(name);
-  return all.empty() ? none : all.front();
+std::string_view Verb::noun() const {
+  const std::string_view text = words;
+  return text.substr(0, text.find(' ') == text.npos ? 0 : text.find(' '));
 }
 
-const std::vector<std::string>& Input::All(std::string_view name) const {
-  static const std::vector<std::string> none;
-  const auto found = words.find(name);
-  return found == words.end() ? none : found->second;
+std::string_view Verb::name() const {
+  const std::string_view text = words;
+  return text.substr(text.find(' ') + 1);  // all of it where there is none: npos + 1 is 0
 }
 
 const std::vector<Noun>& AllNouns() {
@@ -58,7 +54,7 @@ const std::vector<Noun>& AllNouns() {
       {"param", "Parameters of processors"},
       {"io", "Reading and writing of the buffers' devices"},
       {"capture", "Recording of what passes through buffers"},
-      {"wait", "Waiting until something is there"},
+      {"wait", "Waiting until something exists"},
   };
   return nouns;
 }
@@ -67,11 +63,9 @@ const std::vector<Verb>& AllVerbs() {
   static const std::vector<Verb> verbs = [] {
     std::vector<Verb> all;
     for (const auto rows :
-         {ProcessorVerbs, TapVerbs, BufferVerbs, ConnectionVerbs, UseCaseVerbs, ParameterVerbs,
-          IoVerbs, CaptureVerbs, WaitVerbs, StatsVerbs, LiveVerbs, StateVerbs, AudioVerbs,
-          DaemonVerbs, DoctorVerbs, CallVerbs, CompletionVerbs}) {
-      auto some = rows();
-      std::move(some.begin(), some.end(), std::back_inserter(all));
+         {ProcessorVerbs, TapVerbs, BufferVerbs, UseCaseVerbs, ParameterVerbs, CaptureVerbs,
+          WaitVerbs, StatsVerbs, MonitorVerbs, StateVerbs, AudioVerbs, DoctorVerbs, CallVerbs}) {
+      std::ranges::move(rows(), std::back_inserter(all));
     }
     return all;
   }();
@@ -80,14 +74,14 @@ const std::vector<Verb>& AllVerbs() {
 
 const std::vector<Option>& CommonOptions() {
   static const std::vector<Option> options = {
-      {"--json", nullptr, Kind::kText, "Answer with one JSON document on one line"},
-      {"--short", nullptr, Kind::kText, "Answer with columns parted by tabs, for lists"},
+      {"--json", nullptr, Kind::kText, "Print one JSON document on one line"},
+      {"--short", nullptr, Kind::kText, "Print tab-separated columns, for lists"},
       {"--color",
        "WHEN",
        Kind::kChoice,
        "auto, always or never; NO_COLOR means never",
        {"auto", "always", "never"}},
-      {"--timeout", "SECONDS", Kind::kNumber, "Longest wait for an answer, 0.001 to 86400 (300)"},
+      {"--timeout", "SECONDS", Kind::kNumber, "Longest wait for a reply, 0.001 to 86400 (300)"},
   };
   return options;
 }
@@ -95,9 +89,17 @@ const std::vector<Option>& CommonOptions() {
 const Verb* FindVerb(std::string_view noun, std::string_view name) {
   const auto& verbs = AllVerbs();
   const auto found = std::find_if(verbs.begin(), verbs.end(), [&](const Verb& verb) {
-    return verb.noun == noun && verb.name == name;
+    return verb.noun() == noun && verb.name() == name;
   });
   return found == verbs.end() ? nullptr : &*found;
+}
+
+std::vector<std::string> VerbNames(std::string_view noun) {
+  std::vector<std::string> names;
+  for (const Verb& verb : AllVerbs()) {
+    if (verb.noun() == noun) names.emplace_back(verb.name());
+  }
+  return names;
 }
 
 const std::vector<ExitRow>& AllExits() {
@@ -119,8 +121,8 @@ std::vector<ExitRow> ExitsOf(const Verb& verb) {
   std::vector<ExitRow> exits;
   for (const ExitRow& row : AllExits()) {
     if (!MayEndWith(verb, row.status)) continue;
-    const bool tells = verb.manner == Manner::kChecks && row.status == kRefused;
-    exits.push_back(tells ? ExitRow{row.status, "something has failed"} : row);
+    const bool finding = verb.kind == VerbKind::kCheck && row.status == kRefused;
+    exits.push_back(finding ? ExitRow{row.status, "something has failed"} : row);
   }
   return exits;
 }

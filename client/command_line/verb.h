@@ -1,13 +1,13 @@
-// The verbs of kvoxctl as one table, from which the command line is read, and of which help, manual
-// pages and completion are made.
+// The verbs of kvoxctl as one table. The command line is parsed with it; help, manual page and
+// completion are generated from it.
 #pragma once
 
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "client/calls/daemon.h"
+#include "client/command_line/input.h"
 #include "client/errors.h"
 #include "client/output/printer.h"
 
@@ -19,6 +19,8 @@ enum class Kind {
   kNumber,
   kChoice,  // one of the choices
   kFile,
+  kMethod,  // of the interface
+  // From here on, an object that may not exist.
   kProcessor,
   kProcessorType,
   kTap,
@@ -28,7 +30,6 @@ enum class Kind {
   kBuffer,  // of either direction
   kUseCase,
   kParameter,
-  kMethod,  // of the interface
 };
 
 enum class Arity { kOnce, kOptional, kAnyNumber };
@@ -49,49 +50,38 @@ struct Option {
   std::vector<const char*> choices = {};
 };
 
-/// The words that were given for a verb's arguments and options.
-class Input {
- public:
-  std::map<std::string, std::vector<std::string>, std::less<>> words;
-
-  bool Has(std::string_view name) const { return !All(name).empty(); }
-
-  /// The first word; "" when none was given.
-  const std::string& Get(std::string_view name) const;
-  const std::vector<std::string>& All(std::string_view name) const;
-};
-
 struct Context {
   const Input& in;
-  const Out& out;
+  const Printer& out;
   Daemon& daemon;
 };
 
-/// What a verb's run is like; how it may end follows from that.
-enum class Manner {
-  kAsks,     // calls the daemon
-  kStreams,  // carries audio, and may end with kGaps
-  kRaw,      // takes all words behind it as they are, options too
-  kApplies,  // calls the daemon with names from a file
-  kWaits,    // until there is what it names, and no longer than it was told
-  kChecks,   // its status tells what it has found, whatever the daemon does
-  kAlone,    // needs no daemon
+/// How a verb runs; the ways in which it can end follow from that.
+enum class VerbKind {
+  kCommand,  // calls the daemon
+  kStream,   // carries audio, and may end with kGaps
+  kRawCall,  // takes all words after it as they are, options too
+  kApply,    // calls the daemon with names from a file
+  kWait,     // until an object exists, but no longer than --timeout
+  kCheck,    // its status says what it has found, whether or not a daemon runs
+  kLocal,    // needs no daemon
 };
 
 struct Verb {
-  const char* noun;  // "processor"; "" for a verb of one word
-  const char* name;  // "list"
+  const char* words;  // "processor list"; one word for a verb without a noun
   const char* summary;
-  std::vector<Argument> arguments;
-  std::vector<Option> options;
-  const char* example;  // without the program's name: "processor new pass"
-  /// Does the work, and answers the exit status. Throws Failure and UsageError.
+  /// Does the work, and returns the exit status. Throws Failure.
   int (*run)(const Context&);
-  const char* (*notes)() = nullptr;  // for the help, where the above does not tell all
-  Manner manner = Manner::kAsks;
+  const char* example;  // without the program's name: "processor new pass"
+  std::vector<Argument> arguments = {};
+  std::vector<Option> options = {};
+  const char* (*notes)() = nullptr;  // more help
+  VerbKind kind = VerbKind::kCommand;
 
-  /// "processor new"
-  std::string Words() const { return *noun == '\0' ? name : std::string(noun) + " " + name; }
+  /// "processor"; "" for a verb of one word.
+  std::string_view noun() const;
+  /// "list"
+  std::string_view name() const;
 };
 
 struct Noun {
@@ -109,6 +99,9 @@ const std::vector<Option>& CommonOptions();
 /// nullptr when there is none.
 const Verb* FindVerb(std::string_view noun, std::string_view name);
 
+/// The names of a noun's verbs; of those without a noun for "".
+std::vector<std::string> VerbNames(std::string_view noun);
+
 struct ExitRow {
   int status;
   const char* meaning;
@@ -118,23 +111,19 @@ struct ExitRow {
 const std::vector<ExitRow>& AllExits();
 std::vector<ExitRow> ExitsOf(const Verb& verb);
 
-// One function a file of this folder, each with its noun's rows.
-std::vector<Verb> AudioVerbs();
-std::vector<Verb> BufferVerbs();
-std::vector<Verb> CallVerbs();
-std::vector<Verb> CaptureVerbs();
-std::vector<Verb> CompletionVerbs();
-std::vector<Verb> ConnectionVerbs();
-std::vector<Verb> DaemonVerbs();
-std::vector<Verb> DoctorVerbs();
-std::vector<Verb> IoVerbs();
-std::vector<Verb> ParameterVerbs();
-std::vector<Verb> LiveVerbs();
+// The rows of the table; verbs/ has a file for each.
 std::vector<Verb> ProcessorVerbs();
-std::vector<Verb> StateVerbs();
-std::vector<Verb> StatsVerbs();
 std::vector<Verb> TapVerbs();
+std::vector<Verb> BufferVerbs();
 std::vector<Verb> UseCaseVerbs();
+std::vector<Verb> ParameterVerbs();
+std::vector<Verb> CaptureVerbs();
 std::vector<Verb> WaitVerbs();
+std::vector<Verb> StatsVerbs();
+std::vector<Verb> MonitorVerbs();
+std::vector<Verb> StateVerbs();
+std::vector<Verb> AudioVerbs();
+std::vector<Verb> DoctorVerbs();
+std::vector<Verb> CallVerbs();
 
 }  // namespace kvox::client

@@ -18,8 +18,8 @@ bool IsOption(const std::string& word) {
   return word.starts_with('-') && word.size() > 1 && (word[1] < '0' || word[1] > '9');
 }
 
-/// Goes along a command line, a word at a time, as the command line's reader would.
-class Walk {
+/// Parses a command line word by word, as far as the cursor.
+class Cursor {
  public:
   void Take(const std::string& word) {
     if (waiting_ != nullptr) {
@@ -42,7 +42,7 @@ class Walk {
     if (waiting_ != nullptr) return ValuesOf(*waiting_, "", word);
     if (Expects(word == "-" ? "--" : word)) return OptionsAt(word);
     if (verb_ == nullptr) return {.words = Verbs(), .typed = word};
-    if (verb_->manner == Manner::kRaw && position_ > 0) return {};
+    if (verb_->kind == VerbKind::kRawCall && position_ > 0) return {};
     const Argument* const argument = ArgumentHere();
     if (argument == nullptr) return {};
     return {.words = {argument->choices.begin(), argument->choices.end()},
@@ -53,7 +53,8 @@ class Walk {
  private:
   /// Whether the word is an option here.
   bool Expects(const std::string& word) const {
-    return IsOption(word) && !options_ended_ && (verb_ == nullptr || verb_->manner != Manner::kRaw);
+    return IsOption(word) && !options_ended_ &&
+           (verb_ == nullptr || verb_->kind != VerbKind::kRawCall);
   }
 
   std::vector<const Option*> Options() const {
@@ -94,10 +95,7 @@ class Walk {
   }
 
   Words Verbs() const {
-    Words names;
-    for (const Verb& verb : AllVerbs()) {
-      if (verb.noun == noun_) names.emplace_back(verb.name);
-    }
+    Words names = VerbNames(noun_);
     if (!noun_.empty()) return names;
     for (const Noun& noun : AllNouns()) names.emplace_back(noun.name);
     return names;
@@ -106,8 +104,8 @@ class Walk {
   const Argument* ArgumentHere() const {
     const auto& arguments = verb_->arguments;
     if (position_ < arguments.size()) return &arguments[position_];
-    const bool goes_on = !arguments.empty() && arguments.back().arity == Arity::kAnyNumber;
-    return goes_on ? &arguments.back() : nullptr;
+    const bool repeats = !arguments.empty() && arguments.back().arity == Arity::kAnyNumber;
+    return repeats ? &arguments.back() : nullptr;
   }
 
   std::string noun_;
@@ -122,9 +120,9 @@ class Walk {
 
 Candidates CandidatesFor(const Words& words) {
   if (words.empty()) return CandidatesFor({""});
-  Walk walk;
-  for (size_t i = 0; i + 1 < words.size(); ++i) walk.Take(words[i]);
-  return walk.At(words.back());
+  Cursor cursor;
+  for (size_t i = 0; i + 1 < words.size(); ++i) cursor.Take(words[i]);
+  return cursor.At(words.back());
 }
 
 }  // namespace kvox::client

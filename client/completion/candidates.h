@@ -1,4 +1,4 @@
-// What may stand at a place of the command line, as far as the table of verbs tells. Pure.
+// What may follow at a place of the command line, according to the table of verbs.
 #pragma once
 
 #include <string>
@@ -10,13 +10,13 @@ namespace kvox::client {
 
 struct Candidates {
   std::vector<std::string> words = {};
-  Kind kind = Kind::kText;  // names of this kind, too
-  std::string before = {};  // "--color=" where a value stands in one word with its option
-  std::string typed = {};   // what the names and words must begin with
+  Kind kind = Kind::kText;  // names of this kind as well
+  std::string before = {};  // "--color=" where a value follows its option in one word
+  std::string typed = {};   // what the names and words must start with
 };
 
-/// `words` are those behind the program's name; the last is the one to be completed, "" when there
-/// is nothing of it yet.
+/// `words` are those after the program's name; the last is the one to complete, "" when nothing of
+/// it has been typed.
 Candidates CandidatesFor(const std::vector<std::string>& words);
 
 }  // namespace kvox::client

@@ -1,38 +1,33 @@
 #include "client/completion/completion.h"
 
-#include <signal.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cctype>
-#include <iterator>
 #include <string_view>
 
+#include "client/calls/arguments.h"
 #include "client/calls/call_table.h"
 #include "client/completion/candidates.h"
 #include "client/model/snapshot.h"
-#include "client/output/standard_streams.h"
-#include "client/system/signals.h"
 
 namespace kvox::client {
 namespace {
 
 using Names = std::vector<std::string>;
 
+/// Users wait for it at a key; a daemon takes a millisecond.
+constexpr std::chrono::milliseconds kLongestWaitAtKey{250};
+
 Names Processors(Daemon& daemon) {
   Names names;
-  for (const Processor& processor : AskProcessors(daemon).items) names.push_back(processor.id);
+  for (const Processor& processor : QueryProcessors(daemon).rows) names.push_back(processor.id);
   return names;
 }
 
+/// "imic.0"; "2:imic.0" where several cores have one of that name, or where `typed` starts with a
+/// number.
 Names Taps(Daemon& daemon, const std::string& typed) {
-  std::vector<TapPoint> taps;
-  for (const int core : kGraphCores) {
-    auto told = AskTaps(daemon, core);
-    std::move(told.items.begin(), told.items.end(), std::back_inserter(taps));
-  }
-  const bool with_core = !typed.empty() && std::isdigit(static_cast<unsigned char>(typed[0])) != 0;
+  std::vector<int> silent;
+  const std::vector<TapPoint> taps = QueryTaps(daemon, kAllCores, silent).rows;
+  const bool with_core = !typed.empty() && typed[0] >= '0' && typed[0] <= '9';
   Names names;
   for (const TapPoint& tap : taps) {
     const auto namesakes = std::count_if(taps.begin(), taps.end(), [&](const TapPoint& other) {
@@ -43,17 +38,15 @@ Names Taps(Daemon& daemon, const std::string& typed) {
   return names;
 }
 
-Names Buffers(Daemon& daemon, std::initializer_list<Direction> directions) {
+Names Buffers(const TableReply<Buffer>& buffers) {
   Names names;
-  for (const Direction direction : directions) {
-    for (const Buffer& buffer : AskBuffers(daemon, direction).items) names.push_back(buffer.name);
-  }
+  for (const Buffer& buffer : buffers.rows) names.push_back(buffer.name);
   return names;
 }
 
 Names Cores() {
   Names names;
-  for (const int core : kGraphCores) names.push_back(std::to_string(core));
+  for (const int core : kAllCores) names.push_back(std::to_string(core));
   return names;
 }
 
@@ -65,83 +58,56 @@ Names Methods() {
   return names;
 }
 
-std::vector<std::string> AllNames(Kind kind, const std::string& typed, Daemon& daemon) {
+/// The names that the daemon has at the moment for objects of the kind; none for kinds without
+/// names. Throws Failure.
+Names AllNames(Kind kind, const std::string& typed, Daemon& daemon) {
   switch (kind) {
     case Kind::kProcessor:
       return Processors(daemon);
     case Kind::kProcessorType:
-      return AskTypes(daemon).items;
+      return QueryTypes(daemon).rows;
     case Kind::kTap:
       return Taps(daemon, typed);
     case Kind::kCore:
       return Cores();
     case Kind::kTapOut:
-      return Buffers(daemon, {Direction::kTapOut});
+      return Buffers(QueryBuffers(daemon, Direction::kTapOut));
     case Kind::kInject:
-      return Buffers(daemon, {Direction::kInject});
+      return Buffers(QueryBuffers(daemon, Direction::kInject));
     case Kind::kBuffer:
-      return Buffers(daemon, {Direction::kTapOut, Direction::kInject});
+      return Buffers(QueryBuffers(daemon));
     case Kind::kUseCase:
-      return AskUseCases(daemon).items;
+      return QueryUseCases(daemon).rows;
     case Kind::kParameter:
-      return AskParameters(daemon).items;
+      return QueryParameters(daemon).rows;
     case Kind::kMethod:
       return Methods();
-    case Kind::kText:
-    case Kind::kNumber:
-    case Kind::kChoice:
-    case Kind::kFile:
-      break;
+    default:
+      return {};
   }
-  return {};
 }
 
-bool IgnoresCase(Kind kind) {
-  return kind == Kind::kUseCase || kind == Kind::kParameter;
-}
-
-/// People wait for it at a key; a daemon takes a millisecond.
-constexpr suseconds_t kLongestUs = 250'000;
-
-void OnExpired(int) {
-  _exit(kDone);
-}
-
-void EndSoon() {
-  signal(SIGALRM, OnExpired);
-  UnblockAlarm();
-  itimerval timer{};
-  timer.it_value.tv_usec = kLongestUs;
-  setitimer(ITIMER_REAL, &timer, nullptr);
-}
-
-bool BeginsWith(std::string_view word, std::string_view typed, bool ignore_case) {
-  const auto same = [&](unsigned char a, unsigned char b) {
-    return a == b || (ignore_case && std::tolower(a) == std::tolower(b));
-  };
-  return word.size() >= typed.size() && std::equal(typed.begin(), typed.end(), word.begin(), same);
-}
-
-/// A name that would not stand on one line is no word that anybody could type.
+/// False for names that would not fit on one line: nobody could type them.
 bool IsPrintable(std::string_view word) {
   return std::none_of(word.begin(), word.end(),
-                      [](unsigned char c) { return std::iscntrl(c) != 0; });
+                      [](unsigned char c) { return c < ' ' || c == 0x7f; });
 }
 
-void Print(const std::vector<std::string>& words, const Candidates& wanted) {
+void Print(const Names& words, const Candidates& wanted) {
+  const bool any_case = wanted.kind == Kind::kUseCase || wanted.kind == Kind::kParameter;
+  const auto in_case = [&](const std::string& word) { return any_case ? Uppercase(word) : word; };
   std::string text;
   for (const std::string& word : words) {
     if (word.empty() || !IsPrintable(word)) continue;
-    if (!BeginsWith(word, wanted.typed, IgnoresCase(wanted.kind))) continue;
-    text += wanted.before + word + "\n";
+    if (in_case(word).starts_with(in_case(wanted.typed))) text += wanted.before + word + "\n";
   }
   PrintOut(text);
 }
 
 }  // namespace
 
-int Complete(const std::vector<std::string>& words) {
-  EndSoon();
+int Complete(const Names& words) {
+  const CallDeadline deadline(nullptr, kDone, kLongestWaitAtKey);
   const Candidates wanted = CandidatesFor(words);
   if (wanted.kind == Kind::kFile) {
     PrintOut(std::string(kFilesWanted) + "\n");

@@ -1,8 +1,8 @@
-#include "client/doctor/process.h"
-
 #include <fstream>
 #include <iterator>
 #include <sstream>
+
+#include "client/doctor/gather.h"
 
 namespace kvox::client {
 namespace {
@@ -15,8 +15,8 @@ std::string ReadText(const std::string& path) {
   return text.str();
 }
 
-/// The words behind `name` where a line begins with that; none when no line does.
-std::vector<std::string> WordsBehind(const std::string& name, const std::string& text) {
+/// The words after `name` on the line that starts with it; none when no line does.
+std::vector<std::string> WordsAfter(const std::string& name, const std::string& text) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     if (!line.starts_with(name)) continue;
@@ -26,8 +26,8 @@ std::vector<std::string> WordsBehind(const std::string& name, const std::string&
   return {};
 }
 
-std::string WordBehind(const std::string& name, const std::string& text) {
-  const auto words = WordsBehind(name, text);
+std::string WordAfter(const std::string& name, const std::string& text) {
+  const auto words = WordsAfter(name, text);
   return words.empty() ? "" : words.front();
 }
 
@@ -40,28 +40,28 @@ std::optional<uint64_t> ReadNumber(const std::string& word, int base) {
 
 }  // namespace
 
-ProcessFacts ReadProcess(int pid, const std::string& limits, const std::string& status) {
+ProcessFacts ParseProcess(int pid, const std::string& limits, const std::string& status) {
   ProcessFacts facts{.pid = pid};
-  const std::string limit = WordBehind("Max realtime priority", limits);
+  const std::string limit = WordAfter("Max realtime priority", limits);
   facts.rtprio_limit =
       limit == "unlimited" ? std::optional<uint64_t>(UINT64_MAX) : ReadNumber(limit, 10);
-  const std::string state = WordBehind("State:", status);
+  const std::string state = WordAfter("State:", status);
   if (!state.empty()) facts.state = state.front();
   for (const char* const name : {"Gid:", "Groups:"}) {
-    for (const std::string& word : WordsBehind(name, status)) {
+    for (const std::string& word : WordsAfter(name, status)) {
       if (const auto group = ReadNumber(word, 10)) {
         facts.groups.push_back(static_cast<uint32_t>(*group));
       }
     }
   }
-  const uint64_t capabilities = ReadNumber(WordBehind("CapEff:", status), 16).value_or(0);
+  const uint64_t capabilities = ReadNumber(WordAfter("CapEff:", status), 16).value_or(0);
   facts.sys_nice = (capabilities >> kSysNice & 1) != 0;
   return facts;
 }
 
-ProcessFacts LookAtProcess(int pid) {
+ProcessFacts InspectProcess(int pid) {
   const std::string folder = "/proc/" + std::to_string(pid);
-  return ReadProcess(pid, ReadText(folder + "/limits"), ReadText(folder + "/status"));
+  return ParseProcess(pid, ReadText(folder + "/limits"), ReadText(folder + "/status"));
 }
 
 }  // namespace kvox::client

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <map>
 #include <set>
 #include <string_view>
 
@@ -11,7 +10,7 @@
 namespace kvox::client {
 namespace {
 
-/// As a quoted word. Names may hold any byte.
+/// As a quoted string. Names may hold any byte.
 std::string Quoted(const std::string& text) {
   std::string quoted;
   for (const char c : ValidUtf8(text)) {
@@ -27,22 +26,7 @@ const char* Style(bool on) {
 
 constexpr char kLacking[] = "color=red, penwidth=2";
 
-/// Buffers that a tap point is bound to.
-struct Bound {
-  std::set<std::string> tapouts;
-  std::set<std::string> injects;
-};
-
-Bound BoundBuffers(const Snapshot& snapshot) {
-  Bound bound;
-  for (const TapPoint& tap : snapshot.taps) {
-    bound.tapouts.insert(tap.tapout);
-    bound.injects.insert(tap.inject);
-  }
-  return bound;
-}
-
-class Picture {
+class DotWriter {
  public:
   void Node(const std::string& name, const std::string& label, const char* shape, bool on,
             bool lacking) {
@@ -58,37 +42,38 @@ class Picture {
   std::string text_;
 };
 
-/// A tap point is drawn at each end where it is bound: it gives audio on the left and takes it on
-/// the right.
-void DrawTap(const TapPoint& tap, Picture& picture) {
+/// A tap point is drawn at each end where it is bound: it provides audio on the left and receives
+/// it on the right.
+void DrawTap(const TapPoint& tap, DotWriter& dot) {
   if (tap.tapout.empty() && tap.inject.empty()) {
-    if (tap.enabled) picture.Node("tap " + tap.FullName(), tap.FullName(), "box", true, true);
+    if (tap.enabled) dot.Node("tap " + tap.FullName(), tap.FullName(), "box", true, true);
     return;
   }
   if (!tap.tapout.empty()) {
-    picture.Node("from " + tap.FullName(), tap.FullName(), "box", tap.enabled, false);
-    picture.Edge("from " + tap.FullName(), tap.tapout, tap.enabled);
+    dot.Node("from " + tap.FullName(), tap.FullName(), "box", tap.enabled, false);
+    dot.Edge("from " + tap.FullName(), tap.tapout, tap.enabled);
   }
   if (!tap.inject.empty()) {
-    picture.Node("to " + tap.FullName(), tap.FullName(), "box", tap.enabled, false);
-    picture.Edge(tap.inject, "to " + tap.FullName(), tap.enabled);
+    dot.Node("to " + tap.FullName(), tap.FullName(), "box", tap.enabled, false);
+    dot.Edge(tap.inject, "to " + tap.FullName(), tap.enabled);
   }
 }
 
-void DrawBuffer(const Buffer& buffer, const std::set<std::string>& bound, Picture& picture) {
+/// `bound` holds the names of buffers that a tap point is bound to.
+void DrawBuffer(const Buffer& buffer, const std::set<std::string>& bound, DotWriter& dot) {
   const bool served =
       buffer.direction == Direction::kTapOut ? !buffer.consumers.empty() : !buffer.producer.empty();
   const bool has_tap = bound.contains(buffer.name);
   if (!served && !has_tap && !buffer.enabled) return;
-  picture.Node(buffer.name, buffer.name, "cds", buffer.enabled, !served || !has_tap);
+  dot.Node(buffer.name, buffer.name, "cds", buffer.enabled, !served || !has_tap);
 }
 
-void DrawProcessor(const Processor& processor, Picture& picture) {
+void DrawProcessor(const Processor& processor, DotWriter& dot) {
   const std::string name = "processor " + processor.id;
-  picture.Node(name, processor.id + " (" + processor.type + ")", "ellipse", processor.enabled,
-               processor.input.empty());
-  if (!processor.input.empty()) picture.Edge(processor.input, name, processor.enabled);
-  if (!processor.output.empty()) picture.Edge(name, processor.output, processor.enabled);
+  dot.Node(name, processor.id + " (" + processor.type + ")", "ellipse", processor.enabled,
+           processor.input.empty());
+  if (!processor.input.empty()) dot.Edge(processor.input, name, processor.enabled);
+  if (!processor.output.empty()) dot.Edge(name, processor.output, processor.enabled);
 }
 
 std::string Legend() {
@@ -97,24 +82,25 @@ std::string Legend() {
     bool on;
     bool lacking;
   } kRows[] = {{"on", true, false}, {"off", false, false}, {"lacks an end", true, true}};
-  Picture picture;
+  DotWriter dot;
   for (const auto& row : kRows) {
-    picture.Node(std::string("legend ") + row.name, row.name, "box", row.on, row.lacking);
+    dot.Node(std::string("legend ") + row.name, row.name, "box", row.on, row.lacking);
   }
-  return "  subgraph cluster_legend {\n  label=\"legend\"; color=gray;\n" + picture.Take() +
-         "  }\n";
+  return "  subgraph cluster_legend {\n  label=\"legend\"; color=gray;\n" + dot.Take() + "  }\n";
 }
 
 }  // namespace
 
 std::string GraphAsDot(const Snapshot& snapshot) {
-  const Bound bound = BoundBuffers(snapshot);
-  Picture picture;
-  for (const Buffer& buffer : snapshot.tapouts) DrawBuffer(buffer, bound.tapouts, picture);
-  for (const Buffer& buffer : snapshot.injects) DrawBuffer(buffer, bound.injects, picture);
-  for (const TapPoint& tap : snapshot.taps) DrawTap(tap, picture);
-  for (const Processor& processor : snapshot.processors) DrawProcessor(processor, picture);
-  return "digraph kvox {\n  rankdir=LR;\n  node [fontname=\"sans-serif\"];\n" + picture.Take() +
+  std::set<std::string> bound;
+  for (const TapPoint& tap : snapshot.taps) bound.insert({tap.tapout, tap.inject});
+  DotWriter dot;
+  for (const auto* buffers : {&snapshot.tapouts, &snapshot.injects}) {
+    for (const Buffer& buffer : *buffers) DrawBuffer(buffer, bound, dot);
+  }
+  for (const TapPoint& tap : snapshot.taps) DrawTap(tap, dot);
+  for (const Processor& processor : snapshot.processors) DrawProcessor(processor, dot);
+  return "digraph kvox {\n  rankdir=LR;\n  node [fontname=\"sans-serif\"];\n" + dot.Take() +
          Legend() + "}\n";
 }
 

@@ -1,4 +1,4 @@
-// The graph of a daemon as a picture. Pure.
+// The graph of a daemon as a drawing.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 
 namespace kvox::client {
 
-/// A digraph in the language of Graphviz, from left to right: tap points that are on or bound, the
-/// buffers that something uses, and all processors, with edges the way audio goes. Solid green is
-/// on, dashed grey is off, a red border is something that lacks an end; a legend says so.
+/// A digraph in Graphviz's language, from left to right: tap points that are on or bound, buffers
+/// that are in use, and all processors, with edges in the direction of the audio. Solid green is
+/// on, dashed gray is off, a red border marks something that lacks an end; a legend says so.
 std::string GraphAsDot(const Snapshot& snapshot);
 
 }  // namespace kvox::client

@@ -1,8 +1,7 @@
 #include "client/model/lookup.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cmath>
+#include <utility>
 
 #include "client/calls/arguments.h"
 #include "kvox/common/fixed_text.h"
@@ -12,105 +11,104 @@
 namespace kvox::client {
 namespace {
 
-constexpr int kLargestByte = 255;
 constexpr char kRelayType[] = "arel";
 
-bool AllDigits(const std::string& word) {
-  return !word.empty() &&
-         std::all_of(word.begin(), word.end(), [](char c) { return c >= '0' && c <= '9'; });
+bool AllDigits(std::string_view word) {
+  return !word.empty() && word.find_first_not_of("0123456789") == word.npos;
 }
 
-std::optional<int> ReadByte(const std::string& word) {
-  if (!AllDigits(word)) return std::nullopt;
-  const auto number = ParseInt(word);
-  return number && *number <= kLargestByte ? number : std::nullopt;
+/// A number from 0 to 255.
+std::optional<int> ParseSmallNumber(std::string_view word) {
+  const auto number = AllDigits(word) ? ParseInt(word) : std::nullopt;
+  return number && *number <= UINT8_MAX ? number : std::nullopt;
 }
 
 template <typename T, typename Name>
-std::vector<std::string> NamesOf(const std::vector<T>& items, Name name) {
+Failure Missing(const char* what, const std::string& word, const std::vector<T>& items, Name name,
+                const char* hint) {
   std::vector<std::string> names;
   for (const T& item : items) names.push_back(name(item));
-  return names;
+  return Failure(kNoObject, NotFound(what, word, names, hint));
 }
 
-bool EqualButForCase(const std::string& a, const std::string& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](unsigned char x, unsigned char y) {
-    return std::tolower(x) == std::tolower(y);
-  });
+std::string Same(const std::string& name) {
+  return name;
 }
 
-const char* WordFor(Direction direction) {
-  return direction == Direction::kTapOut ? "tap-out buffer" : "inject buffer";
+/// The name of a four-character code as lists show it.
+std::string ShownName(int32_t code) {
+  const std::string name = ToString(static_cast<FourCc>(code));
+  return ValidUtf8(name.substr(0, name.find_last_not_of(' ') + 1));
 }
 
-bool Matches(const TapWord& wanted, const TapPoint& tap) {
-  return tap.code == wanted.code && (!wanted.index || tap.index == *wanted.index);
-}
-
-/// Every tap point of one core, or of all. Throws Failure when none of them answers.
-std::vector<TapPoint> TapsOf(Daemon& daemon, const std::optional<int>& only) {
-  std::vector<int> cores(std::begin(kGraphCores), std::end(kGraphCores));
-  if (only) cores = {*only};
-  std::vector<TapPoint> taps;
-  std::vector<int> silent;
-  for (const int core : cores) {
-    auto told = AskTaps(daemon, core);
-    if (!CoreAnswered(told.lines)) silent.push_back(core);
-    taps.insert(taps.end(), told.items.begin(), told.items.end());
+std::pair<ProcessorId, Processor> Find(Daemon& daemon, const std::string& word) {
+  const auto processors = QueryProcessors(daemon).rows;
+  if (const auto* found = FindProcessor(processors, word)) return {{CodeOf(word), word}, *found};
+  if (const auto code = ParseCode(word)) {
+    const auto* const found = FindProcessor(processors, ShownName(*code));
+    if (found != nullptr) return {{*code, ToString(static_cast<FourCc>(*code))}, *found};
   }
+  throw Missing(
+      "processor", word, processors, [](const Processor& processor) { return processor.id; },
+      "'kvoxctl processor list' shows all");
+}
+
+TapWord RequireTapWord(const std::string& word) {
+  if (auto tap = ParseTapWord(word)) return *tap;
+  throw UsageError("TAP: '" + ValidUtf8(word) +
+                   "' is not a tap point's name such as imic.0 or 2:imic.0");
+}
+
+Failure Ambiguous(const std::string& word, const std::vector<TapPoint>& taps) {
+  std::string candidates;
+  for (const TapPoint& tap : taps) candidates += " " + tap.FullName();
+  return UsageError("TAP: '" + word + "' may be any of" + candidates + "; name one");
+}
+
+/// Every tap point of some cores. Throws Failure when none of them replies.
+std::vector<TapPoint> ListTaps(Daemon& daemon, const std::vector<int>& cores) {
+  std::vector<int> silent;
+  auto taps = QueryTaps(daemon, cores, silent).rows;
   if (taps.empty() && !silent.empty()) throw Failure(kRefused, SilenceOf(silent));
   return taps;
 }
 
-std::vector<Buffer> Named(const std::vector<Buffer>& buffers, const std::string& word) {
-  const auto id = ReadByte(word);
+/// The buffers of a reply, with those whose rows the daemon has truncated.
+std::vector<Buffer> AllOf(TableReply<Buffer> reply) {
+  std::ranges::move(reply.truncated, std::back_inserter(reply.rows));
+  return std::move(reply.rows);
+}
+
+/// Those of the buffers that a word names.
+std::vector<Buffer> Select(const std::vector<Buffer>& buffers, const std::string& word,
+                           const std::string& what) {
+  const auto id = ParseSmallNumber(word);
   std::vector<Buffer> found;
   for (const Buffer& buffer : buffers) {
     if (buffer.name == word || (id && buffer.id == *id)) found.push_back(buffer);
   }
-  return found;
-}
-
-/// With those whose rows the daemon has cut: they are there all the same.
-std::vector<Buffer> BuffersOf(Daemon& daemon, Direction direction) {
-  auto told = AskBuffers(daemon, direction);
-  told.items.insert(told.items.end(), told.cut.begin(), told.cut.end());
-  return std::move(told.items);
-}
-
-std::string NameOf(const Buffer& buffer) {
-  return buffer.name;
-}
-
-struct FoundProcessor {
-  ProcessorId id;
-  std::string type;
-};
-
-FoundProcessor Find(Daemon& daemon, const std::string& word) {
-  const auto told = AskProcessors(daemon);
-  if (const auto* found = FindProcessor(told.items, word)) {
-    return {{CodeOf(word), word}, found->type};
-  }
-  const auto code = ParseCode(word);
-  const std::string name = code ? ToString(static_cast<FourCc>(*code)) : "";
-  const std::string shown = ValidUtf8(name.substr(0, name.find_last_not_of(' ') + 1));
-  if (const auto* found = FindProcessor(told.items, shown)) return {{*code, name}, found->type};
-  throw Failure(kNoObject,
-                NotFound("processor", word, NamesOf(told.items, [](const auto& p) { return p.id; }),
-                         "'kvoxctl processor list' shows all"));
+  if (!found.empty()) return found;
+  throw Missing(
+      what.c_str(), word, buffers, [](const Buffer& buffer) { return buffer.name; },
+      "'kvoxctl buffer list' shows all");
 }
 
 }  // namespace
 
+ProcessorId ProcessorNamed(Daemon& daemon, const std::string& word) {
+  // "5" may be the name of one processor and the number of another.
+  if (CanBeProcessor(word) && !ParseInt(word)) return {CodeOf(word), word};
+  return LookUpProcessor(daemon, word);
+}
+
 ProcessorId LookUpProcessor(Daemon& daemon, const std::string& word) {
-  return Find(daemon, word).id;
+  return Find(daemon, word).first;
 }
 
 ProcessorId LookUpRelay(Daemon& daemon, const std::string& word) {
-  const FoundProcessor found = Find(daemon, word);
-  if (found.type == kRelayType) return found.id;
-  throw UsageError("PROCESSOR: " + found.id.name + " is of type " + found.type +
+  const auto [id, processor] = Find(daemon, word);
+  if (processor.type == kRelayType) return id;
+  throw UsageError("PROCESSOR: " + id.name + " is of type " + processor.type +
                    ", and only relays (type " + kRelayType +
                    ") have clients; 'kvoxctl processor list' shows types");
 }
@@ -123,35 +121,30 @@ bool CanBeProcessor(const std::string& name) {
 ProcessorId NewProcessorId(const std::string& argument, const std::string& word) {
   const auto code = ParseCode(word);
   const std::string name = code ? ToString(static_cast<FourCc>(*code)) : "";
-  if (name.size() != 4 || !CanBeProcessor(name.substr(0, name.find_last_not_of(' ') + 1))) {
-    throw UsageError(argument + ": '" + ValidUtf8(word) +
-                     "' is not four printable characters, the first of them no blank, or their "
-                     "number such as 0x70617373");
-  }
-  return {*code, name};
+  if (name.size() == 4 && CanBeProcessor(ShownName(*code))) return {*code, name};
+  throw UsageError(argument + ": '" + ValidUtf8(word) +
+                   "' is not four printable characters, the first of them no blank, or their "
+                   "number such as 0x70617373");
 }
 
 ProcessorId LookUpType(Daemon& daemon, const std::string& word) {
-  const auto told = AskTypes(daemon);
-  for (const std::string& type : told.items) {
-    if (type == word) return {CodeOf(word), word};
-  }
-  throw Failure(kNoObject, NotFound("processor type", word, told.items,
-                                    "'kvoxctl processor types' shows all"));
+  const auto types = QueryTypes(daemon).rows;
+  if (std::ranges::count(types, word) > 0) return {CodeOf(word), word};
+  throw Missing("processor type", word, types, Same, "'kvoxctl processor types' shows all");
 }
 
-std::optional<TapWord> ReadTapWord(const std::string& word) {
+std::optional<TapWord> ParseTapWord(const std::string& word) {
   TapWord tap;
   std::string rest = word;
   const size_t colon = rest.find(':');
   if (colon != rest.npos && AllDigits(rest.substr(0, colon))) {
-    tap.core = ReadByte(rest.substr(0, colon));
+    tap.core = ParseSmallNumber(rest.substr(0, colon));
     if (!tap.core) return std::nullopt;
     rest.erase(0, colon + 1);
   }
   const size_t dot = rest.rfind('.');
   if (dot != rest.npos && AllDigits(rest.substr(dot + 1))) {
-    tap.index = ReadByte(rest.substr(dot + 1));
+    tap.index = ParseSmallNumber(rest.substr(dot + 1));
     if (!tap.index) return std::nullopt;
     rest.resize(dot);
   }
@@ -160,82 +153,81 @@ std::optional<TapWord> ReadTapWord(const std::string& word) {
   return tap;
 }
 
-TapPoint LookUpTap(Daemon& daemon, const std::string& word) {
-  const auto wanted = ReadTapWord(word);
-  if (!wanted) {
-    throw UsageError("TAP: '" + ValidUtf8(word) +
-                     "' is not a tap point's name such as imic.0 or 2:imic.0");
-  }
-  std::vector<TapPoint> taps = TapsOf(daemon, wanted->core);
+TapPoint TapNamed(Daemon& daemon, const std::string& word) {
+  const TapWord wanted = RequireTapWord(word);
+  if (!wanted.index) return LookUpTap(daemon, word);
+  TapPoint tap{.core = wanted.core.value_or(0), .code = wanted.code, .index = *wanted.index};
+  if (wanted.core) return tap;
   std::vector<TapPoint> found;
-  std::copy_if(taps.begin(), taps.end(), std::back_inserter(found),
-               [&](const TapPoint& tap) { return Matches(*wanted, tap); });
-  if (found.size() == 1) return found.front();
-  if (found.empty()) {
-    if (wanted->core) taps = TapsOf(daemon, std::nullopt);  // it may be on another core
-    throw Failure(kNoObject, NotFound("tap point", word,
-                                      NamesOf(taps,
-                                              [&](const TapPoint& tap) {
-                                                return wanted->core ? tap.FullName() : tap.Name();
-                                              }),
-                                      "'kvoxctl tap list' shows all"));
+  // Most tap points are on the first core: it comes last, so that it need not be queried when no
+  // other core has the name. Whatever is done to the tap point then shows whether it exists.
+  for (auto core = kAllCores.rbegin(); core != kAllCores.rend(); ++core) {
+    tap.core = *core;
+    if (found.empty() && core + 1 == kAllCores.rend()) return tap;
+    const auto info =
+        daemon.Call("TapInfo", &IKvox::TapInfo, tap.core, CodeOf(tap.code), tap.index);
+    if (info.status == IKvox::CommandStatus::OK) found.insert(found.begin(), tap);
   }
-  std::string candidates;
-  for (const TapPoint& tap : found) candidates += " " + tap.FullName();
-  throw Failure(kWrongUsage, "TAP: '" + word + "' may be any of" + candidates + "; name one");
+  if (found.size() > 1) throw Ambiguous(word, found);
+  return found.front();
 }
 
-Buffer LookUpBuffer(Daemon& daemon, Direction direction, const std::string& word) {
-  const std::vector<Buffer> buffers = BuffersOf(daemon, direction);
-  const auto found = Named(buffers, word);
-  if (!found.empty()) return found.front();
-  throw Failure(kNoObject, NotFound(WordFor(direction), word, NamesOf(buffers, NameOf),
-                                    "'kvoxctl buffer list' shows all"));
+TapPoint LookUpTap(Daemon& daemon, const std::string& word) {
+  const TapWord wanted = RequireTapWord(word);
+  std::vector<TapPoint> taps =
+      ListTaps(daemon, wanted.core ? std::vector<int>{*wanted.core} : kAllCores);
+  std::vector<TapPoint> found;
+  std::ranges::copy_if(taps, std::back_inserter(found), [&](const TapPoint& tap) {
+    return tap.code == wanted.code && (!wanted.index || tap.index == *wanted.index);
+  });
+  if (found.size() > 1) throw Ambiguous(word, found);
+  if (found.size() == 1) return found.front();
+  if (wanted.core) taps = ListTaps(daemon, kAllCores);  // it may be on another core
+  throw Missing(
+      "tap point", word, taps,
+      [&](const TapPoint& tap) { return wanted.core ? tap.FullName() : tap.Name(); },
+      "'kvoxctl tap list' shows all");
 }
 
 Buffer LookUpBuffer(Daemon& daemon, const std::string& word) {
-  auto buffers = BuffersOf(daemon, Direction::kTapOut);
-  const auto injects = BuffersOf(daemon, Direction::kInject);
-  buffers.insert(buffers.end(), injects.begin(), injects.end());
-  const auto found = Named(buffers, word);
+  const auto found = Select(AllOf(QueryBuffers(daemon)), word, "buffer");
   if (found.size() == 1) return found.front();
-  if (found.empty()) {
-    throw Failure(kNoObject, NotFound("buffer", word, NamesOf(buffers, NameOf),
-                                      "'kvoxctl buffer list' shows all"));
+  throw UsageError("BUFFER: '" + word + "' may be " + found[0].name + " or " + found[1].name +
+                   "; name one");
+}
+
+int32_t BufferOrNoneNamed(Daemon& daemon, Direction direction, const std::string& word) {
+  std::string_view digits = word;
+  if (digits.starts_with(BufferPrefix(direction))) {
+    digits.remove_prefix(BufferPrefix(direction).size());
   }
-  throw Failure(kWrongUsage, "BUFFER: '" + word + "' may be " + found[0].name + " or " +
-                                 found[1].name + "; name one");
+  // "tapout03" is a name as well, but not that of buffer 3.
+  const auto number = ParseSmallNumber(digits);
+  return number && std::to_string(*number) == digits ? *number
+                                                     : LookUpBufferOrNone(daemon, direction, word);
 }
 
 int32_t LookUpBufferOrNone(Daemon& daemon, Direction direction, const std::string& word) {
-  if (word.empty() || word == "none" || word == "-" || word == "-1") return -1;
-  return LookUpBuffer(daemon, direction, word).id;
+  const bool none = word == "none" || word == "-" || word == "-1";
+  return none ? -1 : LookUpBuffer(daemon, direction, word);
+}
+
+int32_t LookUpBuffer(Daemon& daemon, Direction direction, const std::string& word) {
+  const std::string what = std::string(NameOf(direction)) + " buffer";
+  return Select(AllOf(QueryBuffers(daemon, direction)), word, what).front().id;
+}
+
+std::string UseCaseNamed(Daemon& daemon, const std::string& word) {
+  const std::string name = Uppercase(word);
+  return ParseUseCase(name) && !ParseByte(name) ? name : LookUpUseCase(daemon, word);
 }
 
 std::string LookUpUseCase(Daemon& daemon, const std::string& word) {
-  const auto told = AskUseCases(daemon);
-  for (const std::string& name : told.items) {
-    if (EqualButForCase(name, word)) return name;
+  const auto names = QueryUseCases(daemon).rows;
+  for (const std::string& name : names) {
+    if (Uppercase(name) == Uppercase(word)) return name;
   }
-  throw Failure(kNoObject,
-                NotFound("use case", word, told.items, "'kvoxctl usecase list' shows all"));
-}
-
-int32_t Number(const std::string& argument, const std::string& word, int32_t least, int32_t most) {
-  const auto number = ParseInt(word);
-  if (!number || *number < least || *number > most) {
-    throw UsageError(argument + ": '" + ValidUtf8(word) + "' is not a number from " +
-                     std::to_string(least) + " to " + std::to_string(most));
-  }
-  return *number;
-}
-
-float Gain(const std::string& argument, const std::string& word) {
-  const auto gain = ParseFloat(word);
-  if (!gain || !std::isfinite(*gain)) {
-    throw UsageError(argument + ": '" + ValidUtf8(word) + "' is not a finite number");
-  }
-  return *gain;
+  throw Missing("use case", word, names, Same, "'kvoxctl usecase list' shows all");
 }
 
 }  // namespace kvox::client

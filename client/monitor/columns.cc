@@ -22,27 +22,27 @@ std::string Connection(const Row& row) {
   return Joined(row.from) + " > " + Joined(row.to);
 }
 
-template <Number Figures::*figure>
+template <Number Metrics::*metric>
 Number Get(const Row& row) {
-  return row.figures ? (*row.figures).*figure : std::nullopt;
+  return row.metrics ? (*row.metrics).*metric : std::nullopt;
 }
 
-template <Number Figures::*figure>
+template <Number Metrics::*metric>
 std::string Milliseconds(const Row& row) {
-  const Number number = Get<figure>(row);
+  const Number number = Get<metric>(row);
   return number ? FormatText<32>("%.3f", *number) : "-";
 }
 
 std::string Percent(const Row& row) {
-  const Number share = Get<&Figures::active_share>(row);
+  const Number share = Get<&Metrics::active_share>(row);
   return share ? FormatText<32>("%.1f%%", *share * 100) : "-";
 }
 
 Number Blocks(const Row& row) {
-  return row.figures ? Number(static_cast<double>(row.figures->blocks)) : std::nullopt;
+  return row.metrics ? Number(static_cast<double>(row.metrics->blocks)) : std::nullopt;
 }
 
-// The connection stands last: it may be of any length.
+// The connection comes last: it may be of any length.
 const Column kColumns[] = {
     {"object", "OBJECT", 9, 'o', false, [](const Row& row) { return std::string(row.object); },
      nullptr},
@@ -52,29 +52,23 @@ const Column kColumns[] = {
     {"state", "STATE", 5, 's', false,
      [](const Row& row) { return std::string(row.enabled ? "on" : "off"); },
      [](const Row& row) { return Number(row.enabled ? 1 : 0); }},
-    {"period", "PERIOD", 8, 'p', true, Milliseconds<&Figures::period_ms>, Get<&Figures::period_ms>},
-    {"jitter", "JITTER", 7, 'j', true, Milliseconds<&Figures::jitter_ms>, Get<&Figures::jitter_ms>},
-    {"active", "ACTIVE", 7, 'a', true, Milliseconds<&Figures::active_ms>, Get<&Figures::active_ms>},
-    {"max", "MAX", 7, 'm', true, Milliseconds<&Figures::max_active_ms>,
-     Get<&Figures::max_active_ms>},
-    {"share", "SHARE", 6, 'h', true, Percent, Get<&Figures::active_share>},
+    {"period", "PERIOD", 8, 'p', true, Milliseconds<&Metrics::period_ms>, Get<&Metrics::period_ms>},
+    {"jitter", "JITTER", 7, 'j', true, Milliseconds<&Metrics::jitter_ms>, Get<&Metrics::jitter_ms>},
+    {"active", "ACTIVE", 7, 'a', true, Milliseconds<&Metrics::active_ms>, Get<&Metrics::active_ms>},
+    {"max", "MAX", 7, 'm', true, Milliseconds<&Metrics::max_active_ms>,
+     Get<&Metrics::max_active_ms>},
+    {"share", "SHARE", 6, 'h', true, Percent, Get<&Metrics::active_share>},
     {"blocks", "BLOCKS", 8, 'b', true,
-     [](const Row& row) { return row.figures ? std::to_string(row.figures->blocks) : "-"; },
+     [](const Row& row) { return row.metrics ? std::to_string(row.metrics->blocks) : "-"; },
      Blocks},
     {"connection", "CONNECTION", 0, 'c', false, Connection, nullptr},
 };
-
-template <typename Matches>
-const Column* FindIf(const std::vector<const Column*>& columns, Matches matches) {
-  const auto found = std::find_if(columns.begin(), columns.end(), matches);
-  return found == columns.end() ? nullptr : *found;
-}
 
 bool IsDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-/// Takes the digits that `text` begins with; without leading zeros.
+/// Removes the digits that `text` starts with, and returns them without leading zeros.
 std::string_view TakeDigits(std::string_view& text) {
   const size_t end = std::min(text.find_first_not_of("0123456789"), text.size());
   std::string_view digits = text.substr(0, end);
@@ -83,8 +77,8 @@ std::string_view TakeDigits(std::string_view& text) {
   return digits;
 }
 
-/// "tapout9" stands before "tapout10".
-bool StandsBefore(std::string_view a, std::string_view b) {
+/// Compares numbers in the texts by value: "tapout9" sorts before "tapout10".
+bool SortsBefore(std::string_view a, std::string_view b) {
   while (!a.empty() && !b.empty()) {
     if (IsDigit(a.front()) && IsDigit(b.front())) {
       const auto x = TakeDigits(a);
@@ -110,7 +104,7 @@ std::string Trimmed(std::string text) {
   return text;
 }
 
-/// Texts to the left, numbers to the right.
+/// Texts are left-aligned, numbers right-aligned.
 std::string Cell(const Column& column, const std::string& text) {
   const auto width = static_cast<size_t>(column.width);
   const std::string fill(width - std::min(width, text.size()), ' ');
@@ -120,7 +114,7 @@ std::string Cell(const Column& column, const std::string& text) {
 void SortByText(std::vector<Row>& rows, const Order& order) {
   const auto text = order.column->text;
   std::stable_sort(rows.begin(), rows.end(), [&](const Row& a, const Row& b) {
-    return order.reversed ? StandsBefore(text(b), text(a)) : StandsBefore(text(a), text(b));
+    return order.reversed ? SortsBefore(text(b), text(a)) : SortsBefore(text(a), text(b));
   });
 }
 
@@ -145,11 +139,17 @@ std::vector<const Column*> ColumnsOf(bool measured) {
 }
 
 const Column* FindColumn(const std::vector<const Column*>& columns, const std::string& name) {
-  return FindIf(columns, [&](const Column* column) { return column->name == name; });
+  for (const Column* const column : columns) {
+    if (column->name == name) return column;
+  }
+  return nullptr;
 }
 
 const Column* FindColumn(const std::vector<const Column*>& columns, int key) {
-  return FindIf(columns, [&](const Column* column) { return column->key == key; });
+  for (const Column* const column : columns) {
+    if (column->key == key) return column;
+  }
+  return nullptr;
 }
 
 void Sort(std::vector<Row>& rows, const Order& order) {

@@ -1,11 +1,11 @@
-// The columns of top: what they are called, how they read, and how rows are sorted by them. Pure.
+// The columns of top: their names, their texts, and how rows are sorted by them.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "client/monitor/rows.h"
+#include "client/monitor/top_model.h"
 
 namespace kvox::client {
 
@@ -14,9 +14,9 @@ struct Column {
   const char* title;
   int width;      // of the column, without the blank behind it
   char key;       // a letter of the name, which sorts by it
-  bool measured;  // shown with --measure alone
+  bool measured;  // only shown with --measure
   std::string (*text)(const Row&);
-  std::optional<double> (*number)(const Row&);  // what is sorted by; nullptr: the text
+  std::optional<double> (*number)(const Row&);  // the sort key; nullptr: the text
 };
 
 /// All columns, or those that need no measurements.
@@ -36,8 +36,8 @@ struct Order {
 /// value come last in either direction, and equal ones keep their order.
 void Sort(std::vector<Row>& rows, const Order& order);
 
-/// The columns' titles and a row's texts, lined up; characters that a terminal might not show, or
-/// obey, as '?'.
+/// The columns' titles and a row's texts, aligned; characters that a terminal might not show, or
+/// might interpret, as '?'.
 std::string HeaderLine(const std::vector<const Column*>& columns);
 std::string LineOf(const std::vector<const Column*>& columns, const Row& row);
 

@@ -8,28 +8,22 @@
 
 namespace kvox::client {
 
+#define KVOX_CURSES_FUNCTIONS(F)                                                           \
+  F(newterm)                                                                               \
+  F(endwin)                                                                                \
+  F(cbreak) F(noecho) F(curs_set) F(keypad) F(nodelay) F(set_escdelay) F(wgetch) F(werase) \
+      F(wmove) F(wattrset) F(waddnstr) F(wrefresh) F(resizeterm)
+
 /// The functions we use, with the library's own types.
 struct CursesLibrary {
-  decltype(&::newterm) newterm = nullptr;
-  decltype(&::endwin) endwin = nullptr;
-  decltype(&::cbreak) cbreak = nullptr;
-  decltype(&::noecho) noecho = nullptr;
-  decltype(&::curs_set) curs_set = nullptr;
-  decltype(&::keypad) keypad = nullptr;
-  decltype(&::nodelay) nodelay = nullptr;
-  decltype(&::set_escdelay) set_escdelay = nullptr;
-  decltype(&::wgetch) wgetch = nullptr;
-  decltype(&::werase) werase = nullptr;
-  decltype(&::wmove) wmove = nullptr;
-  decltype(&::wattrset) wattrset = nullptr;
-  decltype(&::waddnstr) waddnstr = nullptr;
-  decltype(&::wrefresh) wrefresh = nullptr;
-  decltype(&::resizeterm) resizeterm = nullptr;
+#define KVOX_DECLARE(function) decltype(&::function) function = nullptr;
+  KVOX_CURSES_FUNCTIONS(KVOX_DECLARE)
+#undef KVOX_DECLARE
   char* (*tigetstr)(const char*) = nullptr;
   WINDOW** screen = nullptr;
 };
 
-/// Throws Failure(kFailed), which names the package and the other way.
+/// Throws Failure(kFailed), which names the package and the alternative.
 const CursesLibrary& Curses();
 
 }  // namespace kvox::client

@@ -1,4 +1,4 @@
-// What differs between two looks at a daemon. Pure.
+// What changed between two samples of a daemon.
 #pragma once
 
 #include <string>
@@ -13,23 +13,21 @@ namespace kvox::client {
 struct Change {
   std::string object;  // "processor", "tap-out", "inject", "tap", "core" or "daemon"
   std::string name;
-  std::string change;  // "appeared", "gone", "enabled", "disabled", "connected", "disconnected",
-                       // "bound", "unbound", "silent", "answers"
-  std::string role;    // of what it was connected with or bound to: "input", "output", "tapout",
-                       // "inject"; for an object that appeared, "type"
-  std::string peer;    // its name
-
-  bool operator==(const Change&) const = default;
+  std::string change;     // "appeared", "gone", "enabled", "disabled", "connected", "disconnected",
+                          // "bound", "unbound", "silent", "answers"
+  std::string role = {};  // of the peer: "input", "output", "tapout", "inject"; for a processor
+                          // that appeared, "type"
+  std::string peer = {};  // what it was connected or bound to
 };
 
-/// In the order processors, buffers, tap points. What appears does so disabled and unconnected, and
-/// changes from there on. The tap points of a core that does not answer now stay as they are: `now`
-/// takes them over from `before`.
-std::vector<Change> ChangesBetween(const Sample& before, Sample& now);
+/// The changes of processors, buffers and tap points, in this order. Objects appear disabled and
+/// unconnected, and change from there on. Tap points of a core that does not reply now stay as they
+/// are: they are copied from `before` to `now`.
+std::vector<Change> Diff(const Sample& before, Sample& now);
 
-/// Its words, parted by blanks.
+/// Its words, separated by blanks.
 std::string LineOf(const Change& change);
 
-Fields FieldsOf(const Change& change);
+Json RecordOf(const Change& change);
 
 }  // namespace kvox::client

@@ -5,12 +5,12 @@
 namespace kvox::client {
 namespace {
 
-// From how many lines on a screen has these.
+// How many lines a screen must have for these.
 constexpr int kLinesForHead = 2;
 constexpr int kLinesForTitles = 3;
 constexpr int kLinesForKeys = 5;
 
-/// Each column's name with its key in capitals.
+/// Each column's name with its key in upper case.
 std::string KeysLine(const std::vector<const Column*>& columns) {
   std::string line = "q quit  sort by";
   for (const Column* const column : columns) {

@@ -1,4 +1,4 @@
-// The screen of top as text. Pure.
+// The screen of top as text.
 #pragma once
 
 #include <string>
@@ -26,20 +26,19 @@ struct View {
   int first = 0;  // the row at the top
 };
 
-/// Keys that are no characters.
+/// Keys that are not characters.
 enum SpecialKey { kKeyUp = 1000, kKeyDown, kKeyPageUp, kKeyPageDown, kKeyHome, kKeyEnd };
 
-/// Does what a key asks for: a column's key, small or capital, sorts by it and, pressed again,
-/// turns the order round; others move through `rows` rows, of which a page shows `page`. Keys that
-/// mean nothing change nothing.
+/// Handles a key: a column's key, in either case, sorts by it and, pressed again, reverses the
+/// order; others scroll through `rows` rows, of which a page shows `page`. Unknown keys do nothing.
 void ApplyKey(int key, const std::vector<const Column*>& columns, int rows, int page, View& view);
 
 /// How many rows a screen of that size shows; at least one.
 int PageOf(const Size& size);
 
-/// At most as many lines as the screen has, none wider than it: what is known of the daemon, the
-/// titles, the rows from view.first on, and the keys. A small screen goes without the latter, then
-/// without the titles, then without the first line. Moves view.first to where there are rows.
+/// At most as many lines as the screen has, none wider than it: the head line, the titles, the rows
+/// from view.first on, and the keys. A small screen omits the keys, then the titles, then the head
+/// line. Clamps view.first to the rows.
 std::vector<FrameLine> DrawFrame(const std::string& head, std::vector<Row> rows,
                                  const std::vector<const Column*>& columns, const Size& size,
                                  View& view);

@@ -2,87 +2,86 @@
 
 #include <utility>
 
-#include "client/calls/call_deadline.h"
 #include "kvox/common/kvox_utils.h"
 
 namespace kvox::client {
 namespace {
 
-constexpr auto kPatienceAtEnd = std::chrono::seconds(2);
+constexpr auto kLongestWaitAtEnd = std::chrono::seconds(2);
 
-Look LookAt(Daemon& daemon, Survey& survey) {
-  const auto begin = Looker::Clock::now();
-  Look look;
+PollResult Poll(Daemon& daemon, Sampler& sampler) {
+  const auto start = Poller::Clock::now();
+  PollResult result;
   try {
-    look.sample = survey.Read(daemon);
+    result.sample = sampler.Read(daemon);
   } catch (const Failure& failure) {
-    look.why_not = failure.what();
+    result.error = failure.what();
     if (failure.status() != kRefused) {
-      daemon.Forget();
-      survey.Forget();
+      daemon.Disconnect();
+      sampler.Forget();
     }
   } catch (const std::exception& error) {
-    look.why_not = error.what();
+    result.error = error.what();
   }
-  look.took_ms = std::chrono::duration<double, std::milli>(Looker::Clock::now() - begin).count();
-  return look;
+  result.took_ms = std::chrono::duration<double, std::milli>(Poller::Clock::now() - start).count();
+  return result;
 }
 
 }  // namespace
 
-Looker::Looker(Survey::Wanted wanted) : survey_(wanted), thread_([this] { Run(); }) {}
+Poller::Poller(Sampler::Wanted wanted) : sampler_(wanted), thread_([this] { Run(); }) {}
 
-Looker::~Looker() {
+Poller::~Poller() {
   {
     const MutexLock lock(mutex_);
     ending_ = true;
     changed_.NotifyOne();
   }
-  const CallDeadline deadline("the last call", kTimedOut, kPatienceAtEnd);
+  const CallDeadline deadline("the last call", kTimedOut, kLongestWaitAtEnd);
   thread_.join();
 }
 
-void Looker::Begin() {
+void Poller::Start() {
   const MutexLock lock(mutex_);
   if (phase_ != Phase::kIdle) return;
-  phase_ = Phase::kAsked;
-  begin_ = Clock::now();
+  phase_ = Phase::kPolling;
+  start_ = Clock::now();
   changed_.NotifyOne();
 }
 
-std::optional<Look> Looker::Take() {
+std::optional<PollResult> Poller::Take() {
   const MutexLock lock(mutex_);
   if (phase_ != Phase::kDone) return std::nullopt;
   phase_ = Phase::kIdle;
   done_.Clear();
-  return std::move(look_);
+  return std::move(result_);
 }
 
-Looker::Clock::duration Looker::UnderWay() {
+Poller::Clock::duration Poller::InFlight() {
   const MutexLock lock(mutex_);
-  return phase_ == Phase::kAsked ? Clock::now() - begin_ : Clock::duration::zero();
+  return phase_ == Phase::kPolling ? Clock::now() - start_ : Clock::duration::zero();
 }
 
-bool Looker::WaitForWork() {
+bool Poller::WaitForWork() {
   MutexLock lock(mutex_);
-  while (phase_ != Phase::kAsked && !ending_) changed_.Wait(mutex_);
+  while (phase_ != Phase::kPolling && !ending_) changed_.Wait(mutex_);
   return !ending_;
 }
 
-void Looker::Run() {
-  SetThreadName("looker");
-  Daemon daemon(kNoLimit);  // the main thread sees to how long a look may last
+void Poller::Run() {
+  SetThreadName("poller");
+  Daemon daemon(kNoLimit);  // the main thread limits how long a poll may take
   while (WaitForWork()) {
-    Look look = LookAt(daemon, survey_);
+    PollResult result = Poll(daemon, sampler_);
     const MutexLock lock(mutex_);
-    look_ = std::move(look);
+    result_ = std::move(result);
     phase_ = Phase::kDone;
     done_.Signal();
   }
   try {
-    survey_.GiveBack(daemon);
+    sampler_.Restore(daemon);
   } catch (const std::exception&) {
-    // Without a daemon there is nothing to give back.
+    // Without a daemon there is nothing to restore.
   }
 }
 

@@ -1,4 +1,4 @@
-// Looks at the daemon on a thread of its own, so that who shows it never waits for an answer.
+// Samples the daemon on a thread of its own, so that a display never waits for a reply.
 #pragma once
 
 #include <chrono>
@@ -6,60 +6,58 @@
 #include <string>
 #include <thread>
 
-#include "client/errors.h"
 #include "client/monitor/sampler.h"
 #include "kvox/common/mutex.h"
 #include "kvox/common/wake_event.h"
 
 namespace kvox::client {
 
-/// What came of a look.
-struct Look {
-  std::optional<Sample> sample;  // none: see why_not
-  std::string why_not;
+struct PollResult {
+  std::optional<Sample> sample;  // none: see error
+  std::string error;
   double took_ms = 0;
 };
 
-/// Main thread, but for the thread "looker" within.
-class Looker {
+/// Main thread, but for the thread "poller" within.
+class Poller {
  public:
   using Clock = std::chrono::steady_clock;
 
   /// Throws std::runtime_error.
-  explicit Looker(Survey::Wanted wanted);
+  explicit Poller(Sampler::Wanted wanted);
 
-  /// Waits two seconds for the call under way; when it is not answered then, the program ends with
+  /// Waits two seconds for the call in flight; without a reply by then the program ends with
   /// kTimedOut and a message.
-  ~Looker();
-  Looker(const Looker&) = delete;
-  Looker& operator=(const Looker&) = delete;
+  ~Poller();
+  Poller(const Poller&) = delete;
+  Poller& operator=(const Poller&) = delete;
 
-  /// Begins a look, unless one is under way or has not been taken.
-  void Begin();
+  /// Starts a poll, unless one is running or its result has not been taken.
+  void Start();
 
-  /// The outcome of the last look, once.
-  std::optional<Look> Take();
+  /// The result of the last poll, once.
+  std::optional<PollResult> Take();
 
-  /// For how long the look under way has lasted; 0 when none is.
-  Clock::duration UnderWay();
+  /// For how long the poll in flight has been running; 0 when none is.
+  Clock::duration InFlight();
 
-  /// Readable while there is something to take.
+  /// Readable while there is a result.
   int fd() const { return done_.fd(); }
 
  private:
-  enum class Phase { kIdle, kAsked, kDone };
+  enum class Phase { kIdle, kPolling, kDone };
 
   void Run();
   bool WaitForWork();
 
-  Survey survey_;  // the thread's
+  Sampler sampler_;  // the thread's
   WakeEvent done_;
   Mutex mutex_;
   CondVar changed_;
   Phase phase_ GUARDED_BY(mutex_) = Phase::kIdle;
   bool ending_ GUARDED_BY(mutex_) = false;
-  Clock::time_point begin_ GUARDED_BY(mutex_);
-  Look look_ GUARDED_BY(mutex_);
+  Clock::time_point start_ GUARDED_BY(mutex_);
+  PollResult result_ GUARDED_BY(mutex_);
   std::thread thread_;
 };
 

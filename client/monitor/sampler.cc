@@ -1,46 +1,36 @@
 #include "client/monitor/sampler.h"
 
-#include <iterator>
+#include <utility>
 
 #include "client/model/snapshot.h"
 
 namespace kvox::client {
 namespace {
 
-// For one second of the shortest blocks there are.
-constexpr int32_t kKeptTimes = 2048;
+// One second of the shortest blocks.
+constexpr int32_t kEntries = 2048;
 
-/// Puts what was told behind `items`.
-template <typename T>
-void Take(Told<T> told, std::vector<T>& items, int& unread) {
-  unread += told.unread;
-  std::move(told.items.begin(), told.items.end(), std::back_inserter(items));
-}
-
-void Keep(Daemon& daemon, const std::string& processor, int32_t entries) {
+void Resize(Daemon& daemon, const std::string& processor, int32_t entries) {
   daemon.Call("ProcessorSetStatsMaxBufferEntries", &IKvox::ProcessorSetStatsMaxBufferEntries,
               CodeOf(processor), entries);
 }
 
 }  // namespace
 
-Sample Survey::Read(Daemon& daemon) {
+Sample Sampler::Read(Daemon& daemon) {
   Sample sample;
-  Take(AskProcessors(daemon), sample.processors, sample.unread);
-  Take(AskBuffers(daemon, Direction::kTapOut), sample.buffers, sample.unread);
-  Take(AskBuffers(daemon, Direction::kInject), sample.buffers, sample.unread);
-  if (wanted_.taps) {
-    for (const int core : kGraphCores) {
-      auto told = AskTaps(daemon, core);
-      if (!CoreAnswered(told.lines)) sample.silent_cores.push_back(core);
-      Take(std::move(told), sample.taps, sample.unread);
-    }
-  }
+  const auto take = [&sample](auto reply) {
+    sample.unparsed += reply.unparsed;
+    return std::move(reply.rows);
+  };
+  sample.processors = take(QueryProcessors(daemon));
+  sample.buffers = take(QueryBuffers(daemon));
+  if (wanted_.taps) sample.taps = take(QueryTaps(daemon, kAllCores, sample.silent_cores));
   if (wanted_.measurements) Measure(daemon, sample);
   return sample;
 }
 
-void Survey::Measure(Daemon& daemon, Sample& sample) {
+void Sampler::Measure(Daemon& daemon, Sample& sample) {
   for (const Processor& processor : sample.processors) {
     IKvox::CommandResult result;
     IKvox::ProcessorStats stats;
@@ -49,23 +39,23 @@ void Survey::Measure(Daemon& daemon, Sample& sample) {
     });
     if (result.status != IKvox::CommandStatus::OK) continue;  // it has gone, or is at work
     if (stats.bufferEntries == 0) {
-      Keep(daemon, processor.id, kKeptTimes);
-      keeping_.insert(processor.id);
-    } else if (stats.bufferEntries != kKeptTimes) {
-      keeping_.erase(processor.id);  // somebody else has decided since
+      Resize(daemon, processor.id, kEntries);
+      resized_.insert(processor.id);
+    } else if (stats.bufferEntries != kEntries) {
+      resized_.erase(processor.id);  // another client has resized it since
     }
     sample.measurements[processor.id] = {.blocks = stats.blockCount,
                                          .average_period_ms = double{stats.averagePeriod},
                                          .active_ms = std::move(stats.measurements)};
   }
-  std::erase_if(keeping_, [&](const std::string& id) {
+  std::erase_if(resized_, [&](const std::string& id) {
     return FindProcessor(sample.processors, id) == nullptr;
   });
 }
 
-void Survey::GiveBack(Daemon& daemon) {
-  for (const std::string& processor : keeping_) Keep(daemon, processor, 0);
-  keeping_.clear();
+void Sampler::Restore(Daemon& daemon) {
+  for (const std::string& processor : resized_) Resize(daemon, processor, 0);
+  resized_.clear();
 }
 
 }  // namespace kvox::client

@@ -18,14 +18,14 @@ namespace kvox::client {
 namespace {
 
 constexpr int kEscapeDelayMs = 25;  // between the bytes of one key
-constexpr char kOtherWay[] = "; 'kvoxctl top --batch' needs no terminal";
+constexpr char kAlternative[] = "; 'kvoxctl top --batch' needs no terminal";
 
 attr_t AttributeOf(Style style) {
-  constexpr attr_t kAttributes[] = {A_NORMAL, A_BOLD, A_REVERSE};
+  constexpr attr_t kAttributes[] = {A_NORMAL, A_BOLD, A_REVERSE};  // in Style's order
   return kAttributes[static_cast<int>(style)];
 }
 
-bool TakesOutput() {
+bool OutputReady() {
   pollfd out = {STDOUT_FILENO, POLLOUT, 0};
   return poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0;
 }
@@ -34,19 +34,19 @@ bool TakesOutput() {
   const char* const type = getenv("TERM");
   throw Failure(kWrongUsage, "top: the terminal type '" + ValidUtf8(type == nullptr ? "" : type) +
                                  "' is unknown or cannot place text; set TERM to the right one" +
-                                 kOtherWay);
+                                 kAlternative);
 }
 
-/// What leaves the screen, shows the cursor and gives the keypad back; terminals lack some.
-std::string CommandsAtEnd(const CursesLibrary& curses) {
-  std::string commands;
+/// Leaves the screen, shows the cursor and resets the keypad; terminals lack some of these.
+std::string EndSequence(const CursesLibrary& curses) {
+  std::string sequence;
   for (const char* const name : {"rmcup", "cnorm", "rmkx"}) {
     const char* const command = curses.tigetstr(name);
-    // The library answers -1 for what is no text.
+    // The library returns -1 for capabilities that are not strings.
     if (command == nullptr || reinterpret_cast<intptr_t>(command) == -1) continue;
-    commands += WithoutDelays(command);
+    sequence += WithoutDelays(command);
   }
-  return commands;
+  return sequence;
 }
 
 }  // namespace
@@ -54,16 +54,16 @@ std::string CommandsAtEnd(const CursesLibrary& curses) {
 void RequireTerminal() {
   if (isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1) return;
   throw Failure(kWrongUsage,
-                std::string("top: standard input and output are not a terminal") + kOtherWay);
+                std::string("top: standard input and output are not a terminal") + kAlternative);
 }
 
 Screen::Screen() : curses_(Curses()) {
   if (curses_.newterm(nullptr, stdout, stdin) == nullptr) RefuseTerminal();
   if (curses_.tigetstr("cup") == nullptr) {
-    GiveBack();
+    Release();
     RefuseTerminal();
   }
-  TerminalRescue::Send(CommandsAtEnd(curses_));
+  TerminalRescue::SetEndSequence(EndSequence(curses_));
   curses_.cbreak();
   curses_.noecho();
   curses_.curs_set(0);
@@ -73,7 +73,7 @@ Screen::Screen() : curses_(Curses()) {
 }
 
 Screen::~Screen() {
-  GiveBack();
+  Release();
 }
 
 Size Screen::size() const {
@@ -85,7 +85,7 @@ Size Screen::size() const {
 }
 
 void Screen::Show(const std::vector<FrameLine>& lines) {
-  if (!TakesOutput()) return;
+  if (!OutputReady()) return;
   WINDOW* const screen = *curses_.screen;
   curses_.werase(screen);
   for (size_t i = 0; i < lines.size(); ++i) {
@@ -120,9 +120,9 @@ void Screen::Resize() {
   curses_.resizeterm(now.lines, now.columns);
 }
 
-void Screen::GiveBack() {
-  // Ctrl-S may have stopped it, and then the output would wait for Ctrl-Q. Only what was stopped by
-  // a program can be let go by one.
+void Screen::Release() {
+  // After Ctrl-S the output would wait for Ctrl-Q. A program can only resume what a program has
+  // suspended.
   tcflow(STDOUT_FILENO, TCOOFF);
   tcflow(STDOUT_FILENO, TCOON);
   curses_.endwin();

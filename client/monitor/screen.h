@@ -1,4 +1,4 @@
-// The terminal, taken over for a full-screen view and given back as it was.
+// The terminal, taken over for a full-screen view and restored afterwards.
 #pragma once
 
 #include <vector>
@@ -13,11 +13,12 @@ struct CursesLibrary;
 /// Throws Failure(kWrongUsage) when standard input or output is no terminal.
 void RequireTerminal();
 
-/// The terminal is given back with the object, at the latest. One at a time, main thread.
+/// Restores the terminal when it is destroyed. One at a time, main thread.
 class Screen {
  public:
-  /// Throws Failure(kWrongUsage) when the terminal cannot do it, and what Curses() throws. SignalFd
-  /// that come from people have to be held, so that none ends the process with the terminal taken.
+  /// Throws Failure(kWrongUsage) when the terminal cannot do it, and what Curses() throws. The
+  /// signals that users send have to be blocked, so that none ends the process before the terminal
+  /// is restored.
   Screen();
   ~Screen();
   Screen(const Screen&) = delete;
@@ -25,22 +26,22 @@ class Screen {
 
   Size size() const;
 
-  /// Shows the lines, unless the terminal takes no output just now.
+  /// Shows the lines, unless the terminal accepts no output at the moment.
   void Show(const std::vector<FrameLine>& lines);
 
-  /// The next key that was pressed: a character or a SpecialKey; -1 when there is none. Others are
-  /// 0.
+  /// The next key that was pressed: a character or a SpecialKey; -1 when there is none, 0 for other
+  /// keys.
   int TakeKey();
 
-  /// Takes note of the terminal's new size.
+  /// To be called when the terminal's size has changed.
   void Resize();
 
-  /// Gives the terminal back, until the next Show().
-  void GiveBack();
+  /// Restores the terminal, until the next Show().
+  void Release();
 
  private:
   const CursesLibrary& curses_;
-  TerminalRescue rescue_;  // before the library changes the terminal
+  TerminalRescue rescue_;  // made before the library changes the terminal
 };
 
 }  // namespace kvox::client

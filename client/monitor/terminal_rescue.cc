@@ -10,35 +10,36 @@
 namespace kvox::client {
 namespace {
 
-/// A signal that ends a program by default, and what was to be done about it.
-struct Deadly {
+/// A signal that ends a program by default, and its action before.
+struct FatalSignal {
   int number;
   struct sigaction before = {};
 };
 
-// Those that can be waited for are, see SignalFd.
-Deadly deadly[] = {{SIGABRT}, {SIGALRM}, {SIGBUS}, {SIGFPE},  {SIGILL},    {SIGIO},  {SIGPROF},
-                   {SIGPWR},  {SIGSEGV}, {SIGSYS}, {SIGTRAP}, {SIGVTALRM}, {SIGXFSZ}};
+// The others are waited for, see SignalFd.
+FatalSignal fatal_signals[] = {{SIGABRT}, {SIGALRM},   {SIGBUS}, {SIGFPE},  {SIGILL},
+                               {SIGIO},   {SIGPROF},   {SIGPWR}, {SIGSEGV}, {SIGSYS},
+                               {SIGTRAP}, {SIGVTALRM}, {SIGXFSZ}};
 
 termios modes_before = {};
-char commands_at_end[256];
-volatile sig_atomic_t commands_size = 0;
+char end_sequence[256];
+volatile sig_atomic_t end_sequence_size = 0;
 
-void GiveBack() {
-  if (tcgetpgrp(STDIN_FILENO) != getpgrp()) return;  // somebody else has it now
+void Restore() {
+  if (tcgetpgrp(STDIN_FILENO) != getpgrp()) return;  // another program has it now
   tcsetattr(STDIN_FILENO, TCSANOW, &modes_before);
-  pollfd out = {STDOUT_FILENO, POLLOUT, 0};  // one that takes nothing must not keep us
+  pollfd out = {STDOUT_FILENO, POLLOUT, 0};  // does not wait for one that accepts no output
   if (poll(&out, 1, 0) == 1) {
-    static_cast<void>(!write(STDOUT_FILENO, commands_at_end, static_cast<size_t>(commands_size)));
+    static_cast<void>(!write(STDOUT_FILENO, end_sequence, static_cast<size_t>(end_sequence_size)));
   }
 }
 
-void OnDeadly(int number) {
-  GiveBack();
-  for (const Deadly& row : deadly) {
+void OnFatal(int number) {
+  Restore();
+  for (const FatalSignal& row : fatal_signals) {
     if (row.number == number) sigaction(number, &row.before, nullptr);
   }
-  raise(number);  // it comes when this has returned
+  raise(number);  // delivered when this has returned
 }
 
 }  // namespace
@@ -52,24 +53,24 @@ std::string WithoutDelays(std::string command) {
 
 TerminalRescue::TerminalRescue() {
   tcgetattr(STDIN_FILENO, &modes_before);
-  commands_size = 0;
-  for (Deadly& row : deadly) {
+  end_sequence_size = 0;
+  for (FatalSignal& row : fatal_signals) {
     sigaction(row.number, nullptr, &row.before);
     if (row.before.sa_handler == SIG_IGN) continue;
     struct sigaction action {};
-    action.sa_handler = OnDeadly;
+    action.sa_handler = OnFatal;
     sigaction(row.number, &action, nullptr);
   }
 }
 
 TerminalRescue::~TerminalRescue() {
-  for (const Deadly& row : deadly) sigaction(row.number, &row.before, nullptr);
+  for (const FatalSignal& row : fatal_signals) sigaction(row.number, &row.before, nullptr);
 }
 
-void TerminalRescue::Send(const std::string& commands) {
-  const size_t size = std::min(commands.size(), sizeof commands_at_end);
-  std::copy_n(commands.begin(), size, commands_at_end);
-  commands_size = static_cast<sig_atomic_t>(size);
+void TerminalRescue::SetEndSequence(const std::string& sequence) {
+  const size_t size = std::min(sequence.size(), sizeof end_sequence);
+  std::copy_n(sequence.begin(), size, end_sequence);
+  end_sequence_size = static_cast<sig_atomic_t>(size);
 }
 
 }  // namespace kvox::client

@@ -1,16 +1,17 @@
-// Gives the terminal back when a signal that nobody waits for ends the program that has taken it.
+// Restores the terminal when a signal that is not waited for ends the program that has taken it
+// over.
 #pragma once
 
 #include <string>
 
 namespace kvox::client {
 
-/// A command as terminfo tells it, without its delays ("$<5/>"), which no terminal of today needs.
+/// A terminfo command without its delays ("$<5/>"), which no terminal of today needs.
 std::string WithoutDelays(std::string command);
 
-/// While one exists, a crash, an alarm or the like first puts the modes of standard input back as
-/// they were when it was made. The signal then does what it does. One at a time, main thread; the
-/// handler makes system calls alone.
+/// While one exists, a crash, an alarm or the like first restores the modes that standard input had
+/// when it was made. The signal then has its usual effect. One at a time, main thread; the handler
+/// only makes system calls.
 class TerminalRescue {
  public:
   TerminalRescue();
@@ -18,8 +19,8 @@ class TerminalRescue {
   TerminalRescue(const TerminalRescue&) = delete;
   TerminalRescue& operator=(const TerminalRescue&) = delete;
 
-  /// Has `commands` sent to standard output as well.
-  static void Send(const std::string& commands);
+  /// Also send `sequence` to standard output.
+  static void SetEndSequence(const std::string& sequence);
 };
 
 }  // namespace kvox::client

@@ -1,13 +1,13 @@
-#include "client/monitor/top.h"
-
 #include <unistd.h>
+
+#include <utility>
 
 #include "client/monitor/columns.h"
 #include "client/monitor/frame.h"
+#include "client/monitor/monitor.h"
 #include "client/monitor/run_loop.h"
 #include "client/monitor/screen.h"
 #include "client/monitor/top_model.h"
-#include "client/output/standard_streams.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
@@ -15,10 +15,9 @@ namespace {
 
 constexpr int kCtrlL = 'L' - '@';
 
-/// What was asked for.
-struct Wish {
+struct TopOptions {
   std::chrono::milliseconds interval;
-  int most = 0;  // refreshes; 0: no end
+  int limit = 0;  // of refreshes; 0 for none
   std::vector<const Column*> columns;
   bool measured = false;
   Order order = {};
@@ -40,19 +39,19 @@ const Column* ReadSort(const std::string& word, const std::vector<const Column*>
                    "; what is measured needs --measure");
 }
 
-Wish ReadWish(const Input& in) {
+TopOptions ReadOptions(const Input& in) {
   const bool measured = in.Has("--measure");
-  Wish wish{.interval = ReadInterval(in),
-            .most = ReadCount(in, "-n"),
-            .columns = ColumnsOf(measured),
-            .measured = measured};
-  wish.order = {ReadSort(in.Get("--sort"), wish.columns), in.Has("--reverse")};
-  return wish;
+  TopOptions options{.interval = IntervalOf(in),
+                     .limit = LimitOf(in, "-n"),
+                     .columns = ColumnsOf(measured),
+                     .measured = measured};
+  options.order = {ReadSort(in.Get("--sort"), options.columns), in.Has("--reverse")};
+  return options;
 }
 
-void CheckAnswer(const Context& context, Live& live) {
+void CheckTimeout(const Context& context, RunLoop& loop) {
   const auto longest = context.daemon.wait();
-  if (live.Unanswered() < longest) return;
+  if (loop.InFlight() < longest) return;
   throw Failure(kTimedOut,
                 "kvoxd did not answer within " +
                     FormatText<32>("%g", std::chrono::duration<double>(longest).count()) +
@@ -60,73 +59,73 @@ void CheckAnswer(const Context& context, Live& live) {
 }
 
 /// One refresh as plain rows.
-void Print(const Context& context, const Wish& wish, const Picture& picture, bool first) {
+void Print(const Context& context, const TopOptions& options, const TopModel& model, bool first) {
   std::vector<Row> rows;
-  if (picture.present()) rows = picture.rows();
-  Sort(rows, wish.order);
+  if (model.present()) rows = model.rows();
+  Sort(rows, options.order);
   std::vector<std::string> lines;
   if (!first) lines.emplace_back();
-  lines.push_back(picture.Head({}));
-  if (picture.present()) lines.push_back(HeaderLine(wish.columns));
-  std::vector<Fields> records;
+  lines.push_back(model.Head({}));
+  if (model.present()) lines.push_back(HeaderLine(options.columns));
+  Json records = Json::array();
   for (const Row& row : rows) {
-    lines.push_back(LineOf(wish.columns, row));
-    records.push_back(FieldsOf(row));
+    lines.push_back(LineOf(options.columns, row));
+    records.push_back(RecordOf(row));
   }
   if (!first && context.out.format() == Format::kShort) PrintOut("\n");
-  context.out.List(lines, "rows", records, picture.unread(),
-                   {{"time", UtcTime()}, {"daemon", picture.present()}});
+  context.out.List(lines, "rows", records, model.unparsed(),
+                   {{"time", UtcTime()}, {"daemon", model.present()}});
 }
 
-End InBatch(const Context& context, const Wish& wish, const SignalFd& signals) {
-  Live live(signals, {.measurements = wish.measured}, wish.interval);
-  Picture picture;
-  for (int count = 0; wish.most == 0 || count < wish.most;) {
-    Turn turn = live.Next(Live::Clock::time_point::max());
-    if (turn.signal != 0) return {.signal = turn.signal};
-    if (turn.closed) return {};
-    CheckAnswer(context, live);
-    if (!turn.look) continue;
-    const bool was_present = picture.present() || count == 0;
-    picture.Take(std::move(*turn.look), LocalTime());
-    if (was_present && !picture.present()) context.out.Message(picture.why_not());
+End InBatch(const Context& context, const TopOptions& options, const SignalFd& signals) {
+  RunLoop loop(signals, {.measurements = options.measured}, options.interval);
+  TopModel model;
+  for (int count = 0; options.limit == 0 || count < options.limit;) {
+    LoopEvent event = loop.Next(RunLoop::Clock::time_point::max());
+    if (event.signal != 0) return {.signal = event.signal};
+    if (event.closed) return {};
+    CheckTimeout(context, loop);
+    if (!event.result) continue;
+    const bool was_present = model.present() || count == 0;
+    model.Update(std::move(*event.result), LocalTime());
+    if (was_present && !model.present()) context.out.Message(model.error());
     const SignalFd::Unblocked scope(signals);
-    Print(context, wish, picture, count == 0);
+    Print(context, options, model, count == 0);
     ++count;
   }
-  return {.status = picture.present() ? kDone : kNoDaemon};
+  return {.status = model.present() ? kDone : kNoDaemon};
 }
 
 /// The view on the whole screen.
 class FullScreen {
  public:
-  FullScreen(const Context& context, const Wish& wish, const SignalFd& signals)
+  FullScreen(const Context& context, const TopOptions& options, const SignalFd& signals)
       : context_(context),
-        wish_(wish),
-        live_(signals, {.measurements = wish.measured}, wish.interval, STDIN_FILENO),
-        view_{.order = wish.order} {}
+        options_(options),
+        loop_(signals, {.measurements = options.measured}, options.interval, STDIN_FILENO),
+        view_{.order = options.order} {}
 
   End Run() {
-    while (wish_.most == 0 || count_ < wish_.most) {
-      Turn turn = live_.Next(Live::Clock::time_point::max());
-      if (turn.closed) return {};
-      if (turn.signal != 0 && !Survive(turn.signal)) return {.signal = turn.signal};
-      if (turn.input && !TakeKeys()) return {};
-      if (turn.look) {
-        picture_.Take(std::move(*turn.look), LocalTime());
+    while (options_.limit == 0 || count_ < options_.limit) {
+      LoopEvent event = loop_.Next(RunLoop::Clock::time_point::max());
+      if (event.closed) return {};
+      if (event.signal != 0 && !HandleSignal(event.signal)) return {.signal = event.signal};
+      if (event.input && !TakeKeys()) return {};
+      if (event.result) {
+        model_.Update(std::move(*event.result), LocalTime());
         ++count_;
       }
-      CheckAnswer(context_, live_);
+      CheckTimeout(context_, loop_);
       Draw();
     }
-    return {.status = picture_.present() ? kDone : kNoDaemon};
+    return {.status = model_.present() ? kDone : kNoDaemon};
   }
 
  private:
-  /// False when the signal is to end the program.
-  bool Survive(int signal) {
+  /// False when the signal ends the program.
+  bool HandleSignal(int signal) {
     if (signal != SIGTSTP && signal != SIGCONT && signal != SIGWINCH) return false;
-    if (signal != SIGWINCH) screen_.GiveBack();  // who else had it may have changed it
+    if (signal != SIGWINCH) screen_.Release();  // another program may have changed it
     if (signal == SIGTSTP) RaiseDefault(signal);
     screen_.Resize();
     return true;
@@ -134,26 +133,26 @@ class FullScreen {
 
   /// False when the user wants to leave.
   bool TakeKeys() {
-    const int rows = static_cast<int>(picture_.rows().size());
+    const int rows = static_cast<int>(model_.rows().size());
     for (int key = screen_.TakeKey(); key != -1; key = screen_.TakeKey()) {
       if (key == 'q') return false;
-      if (key == ' ') live_.Hasten();
-      if (key == kCtrlL) screen_.GiveBack();  // the next frame is drawn from nothing
-      ApplyKey(key, wish_.columns, rows, PageOf(screen_.size()), view_);
+      if (key == ' ') loop_.Refresh();
+      if (key == kCtrlL) screen_.Release();  // the next frame redraws everything
+      ApplyKey(key, options_.columns, rows, PageOf(screen_.size()), view_);
     }
     return true;
   }
 
   void Draw() {
-    screen_.Show(DrawFrame(picture_.Head(live_.Unanswered()), picture_.rows(), wish_.columns,
+    screen_.Show(DrawFrame(model_.Head(loop_.InFlight()), model_.rows(), options_.columns,
                            screen_.size(), view_));
   }
 
   const Context& context_;
-  const Wish& wish_;
-  Live live_;
-  Screen screen_;  // given back before the daemon is waited for
-  Picture picture_;
+  const TopOptions& options_;
+  RunLoop loop_;
+  Screen screen_;  // restored before the daemon is waited for
+  TopModel model_;
   View view_;
   int count_ = 0;
 };
@@ -161,15 +160,15 @@ class FullScreen {
 }  // namespace
 
 int Top(const Context& context) {
-  const Wish wish = ReadWish(context.in);
+  const TopOptions options = ReadOptions(context.in);
   const bool batch = context.in.Has("--batch") || context.out.format() != Format::kText;
   if (!batch) RequireTerminal();
   const SignalFd signals = batch ? SignalFd({SIGINT, SIGTERM, SIGHUP})
                                  : SignalFd({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2,
                                              SIGXCPU, SIGTSTP, SIGCONT, SIGWINCH});
-  context.daemon.kvox();  // which has to be there at first
+  context.daemon.kvox();  // there has to be one at first
   const End end =
-      batch ? InBatch(context, wish, signals) : FullScreen(context, wish, signals).Run();
+      batch ? InBatch(context, options, signals) : FullScreen(context, options, signals).Run();
   return end.signal != 0 ? EndBySignal(end.signal) : end.status;
 }
 

@@ -1,81 +1,82 @@
-#include "client/monitor/watch.h"
+#include <utility>
 
 #include "client/monitor/diff.h"
+#include "client/monitor/monitor.h"
 #include "client/monitor/run_loop.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
 namespace {
 
-using Clock = Live::Clock;
+using Clock = RunLoop::Clock;
 
 constexpr auto kSilence = std::chrono::seconds(5);
 
-/// Turns looks into lines, and counts those.
+/// Turns poll results into lines, and counts those.
 class Watcher {
  public:
-  Watcher(const Context& context, const SignalFd& signals, int most)
-      : context_(context), signals_(signals), most_(most) {}
+  Watcher(const Context& context, const SignalFd& signals, int limit)
+      : context_(context), signals_(signals), limit_(limit) {}
 
-  /// True when as many changes were printed as were asked for.
-  bool Done() const { return most_ > 0 && count_ >= most_; }
+  /// True when as many changes were printed as are wanted.
+  bool Done() const { return limit_ > 0 && count_ >= limit_; }
   int count() const { return count_; }
 
-  void Take(Look look) {
-    if (silent_) Print({"daemon", "kvoxd", "answers", "", ""});
+  void Update(PollResult result) {
+    if (silent_) Print({"daemon", "kvoxd", "answers"});
     silent_ = false;
-    if (!look.sample) {
+    if (!result.sample) {
       if (!present_) return;
       present_ = false;
-      Print({"daemon", "kvoxd", "gone", "", ""});
-      return context_.out.Message(look.why_not);
+      Print({"daemon", "kvoxd", "gone"});
+      return context_.out.Message(result.error);
     }
-    if (!present_) Print({"daemon", "kvoxd", "appeared", "", ""});
+    if (!present_) Print({"daemon", "kvoxd", "appeared"});
     present_ = true;
-    ReportUnread(look.sample->unread);
-    if (known_) {
-      for (const Change& change : ChangesBetween(*known_, *look.sample)) Print(change);
+    ReportUnparsed(result.sample->unparsed);
+    if (sample_) {
+      for (const Change& change : Diff(*sample_, *result.sample)) Print(change);
     }
-    known_ = std::move(look.sample);
+    sample_ = std::move(result.sample);
   }
 
-  void Wait(Clock::duration unanswered) {
-    if (unanswered < kSilence || silent_) return;
+  void CheckSilence(Clock::duration in_flight) {
+    if (in_flight < kSilence || silent_) return;
     silent_ = true;
-    Print({"daemon", "kvoxd", "silent", "", ""});
+    Print({"daemon", "kvoxd", "silent"});
   }
 
  private:
   void Print(const Change& change) {
     if (Done()) return;
     ++count_;
-    Fields fields = FieldsOf(change);
-    fields.emplace(fields.begin(), "time", UtcTime());
+    Json record = {{"time", UtcTime()}};
+    record.update(RecordOf(change));
     const SignalFd::Unblocked scope(signals_);
-    context_.out.One({LocalTime() + " " + LineOf(change)}, fields);
+    context_.out.One({LocalTime() + " " + LineOf(change)}, record);
   }
 
-  void ReportUnread(int unread) {
-    if (unread != unread_ && unread > 0) {
+  void ReportUnparsed(int unparsed) {
+    if (unparsed != unparsed_ && unparsed > 0) {
       context_.out.Message(FormatText<128>(
           "%d row(s) of the daemon's tables cannot be read and are not watched; 'kvoxctl graph' "
           "shows them as they are",
-          unread));
+          unparsed));
     }
-    unread_ = unread;
+    unparsed_ = unparsed;
   }
 
   const Context& context_;
   const SignalFd& signals_;
-  const int most_;
+  const int limit_;
   int count_ = 0;
-  std::optional<Sample> known_;
+  std::optional<Sample> sample_;
   bool present_ = true;
   bool silent_ = false;
-  int unread_ = 0;
+  int unparsed_ = 0;
 };
 
-/// When --timeout says that it is over.
+/// When --timeout ends it.
 Clock::time_point EndOf(const Context& context) {
   if (!context.in.Has("--timeout")) return Clock::time_point::max();
   return Clock::now() + context.daemon.wait();
@@ -84,23 +85,23 @@ Clock::time_point EndOf(const Context& context) {
 }  // namespace
 
 int Watch(const Context& context) {
-  const auto interval = ReadInterval(context.in);
-  const int most = ReadCount(context.in, "--count");
+  const auto interval = IntervalOf(context.in);
+  const int limit = LimitOf(context.in, "--count");
   const auto end = EndOf(context);
   const SignalFd signals({SIGINT, SIGTERM, SIGHUP});
-  context.daemon.kvox();  // which has to be there at first
-  Live live(signals, {.taps = true}, interval);
-  Watcher watcher(context, signals, most);
+  context.daemon.kvox();  // there has to be one at first
+  RunLoop loop(signals, {.taps = true}, interval);
+  Watcher watcher(context, signals, limit);
   while (!watcher.Done()) {
-    Turn turn = live.Next(end);
-    if (turn.signal != 0) return EndBySignal(turn.signal);
-    if (turn.closed) return kDone;
-    if (turn.look) watcher.Take(std::move(*turn.look));
-    watcher.Wait(live.Unanswered());
+    LoopEvent event = loop.Next(end);
+    if (event.signal != 0) return EndBySignal(event.signal);
+    if (event.closed) return kDone;
+    if (event.result) watcher.Update(std::move(*event.result));
+    watcher.CheckSilence(loop.InFlight());
     if (Clock::now() < end) continue;
-    if (most == 0) return kDone;
+    if (limit == 0) return kDone;
     throw Failure(kTimedOut, "watch: " + std::to_string(watcher.count()) + " of " +
-                                 std::to_string(most) +
+                                 std::to_string(limit) +
                                  " changes came in time; give --timeout more seconds");
   }
   return kDone;

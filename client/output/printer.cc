@@ -1,79 +1,46 @@
 #include "client/output/printer.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <nlohmann/json.hpp>
+#include <cstring>
+#include <stdexcept>
 
 #include "client/model/tables.h"
-#include "client/output/standard_streams.h"
+#include "client/system/files.h"
+#include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
 namespace {
 
-constexpr int kSchema = 1;
-
-// The library quotes texts and prints numbers; the spacing between them is ours.
-
-std::string Json(std::nullptr_t) {
-  return "null";
-}
-std::string Json(bool value) {
-  return value ? "true" : "false";
-}
-std::string Json(int64_t value) {
-  return std::to_string(value);
-}
-std::string Json(double value) {
-  return nlohmann::json(value).dump();
-}
-std::string Json(const std::string& value) {
-  return nlohmann::json(value).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-template <typename T>
-std::string Json(const std::vector<T>& values) {
+std::string Column(const Json& value) {
+  if (value.is_boolean()) return value.get<bool>() ? "1" : "0";
+  if (value.is_number()) return value.dump();
   std::string text;
-  for (const T& value : values) text += (text.empty() ? "" : ", ") + Json(value);
-  return "[" + text + "]";
-}
-
-std::string Column(std::nullptr_t) {
-  return "-";
-}
-std::string Column(bool value) {
-  return value ? "1" : "0";
-}
-std::string Column(int64_t value) {
-  return std::to_string(value);
-}
-std::string Column(double value) {
-  return nlohmann::json(value).dump();
-}
-std::string Column(std::string value) {
-  // A tab or a line's end within a column would look like the next one.
-  std::replace_if(
-      value.begin(), value.end(), [](char c) { return c >= '\0' && c < ' '; }, '?');
-  return value.empty() ? "-" : value;
-}
-template <typename T>
-std::string Column(const std::vector<T>& values) {
-  std::string text;
-  for (const T& value : values) text += (text.empty() ? "" : ",") + Column(value);
+  if (value.is_string()) {
+    text = value.get<std::string>();
+    // A tab or newline inside a column would look like the start of the next one.
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c >= '\0' && c < ' '; }, '?');
+  }
+  if (value.is_array()) {
+    for (const Json& element : value) text += (text.empty() ? "" : ",") + Column(element);
+  }
   return text.empty() ? "-" : text;
 }
 
-std::string JoinedFields(const Fields& record) {
-  std::string text;
-  for (const auto& [key, value] : record) {
-    text +=
-        (text.empty() ? "" : ", ") +
-        fmt::format("\"{}\": {}", key, std::visit([](const auto& v) { return Json(v); }, value));
-  }
-  return text;
+Json Document(const Json& fields) {
+  Json document = {{"schema", 1}};
+  document.update(fields);
+  return document;
 }
 
 /// Replaces every byte of a control character, which might steer the terminal, with '?'; tabs and
@@ -91,82 +58,95 @@ std::string SanitizeForTerminal(std::string text) {
   return text;
 }
 
-bool Wanted(Color color, int stream) {
+bool UsesColor(Color color, int stream) {
   if (color != Color::kAuto) return color == Color::kAlways;
-  const char* const refused = getenv("NO_COLOR");
-  return (refused == nullptr || *refused == '\0') && isatty(stream) == 1;
+  const char* const no_color = getenv("NO_COLOR");
+  return (no_color == nullptr || *no_color == '\0') && isatty(stream) == 1;
 }
 
 }  // namespace
 
-std::string AsJson(const Fields& record) {
-  return "{" + JoinedFields(record) + "}";
+void PrepareStandardStreams() {
+  signal(SIGPIPE, SIG_IGN);  // which would end the process; errno says it as well
+  pollfd streams[] = {{STDIN_FILENO, 0, 0}, {STDOUT_FILENO, 0, 0}, {STDERR_FILENO, 0, 0}};
+  poll(streams, std::size(streams), 0);
+  for (const pollfd& stream : streams) {
+    // open() returns the lowest free number, which is this one. It stays open, and cannot be
+    // written.
+    if ((stream.revents & POLLNVAL) != 0) static_cast<void>(open("/dev/null", O_RDONLY));
+  }
 }
 
-std::string AsColumns(const Fields& record) {
+void PrintOut(const std::string& text) {
+  if (text.empty()) return;
+  if (WriteAll(STDOUT_FILENO, text.data(), text.size()) || errno == EPIPE) return;
+  throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno) +
+                           "; send it elsewhere and try again");
+}
+
+std::string AsJson(const Json& value) {
   std::string text;
-  for (const auto& [key, value] : record) {
-    text += (text.empty() ? "" : "\t") + std::visit([](const auto& v) { return Column(v); }, value);
+  // The library's indented form without its newlines, which are structure alone: those in texts
+  // are escaped.
+  for (const char c : value.dump(0, ' ', false, Json::error_handler_t::replace)) {
+    if (c != '\n') {
+      text += c;
+    } else if (text.back() == ',') {
+      text += ' ';
+    }
   }
   return text;
 }
 
-bool Out::colored() const {
-  return Wanted(color_, STDOUT_FILENO);
-}
-
-std::string Out::BoldHeader(const std::string& line) {
-  return line.starts_with("  Id  ") ? "\x1b[1m" + line + "\x1b[0m" : line;
-}
-
-void Out::Text(const std::vector<std::string>& lines, Paint paint) const {
+std::string AsColumns(const Json& record) {
   std::string text;
-  const bool painted = colored();
-  for (const std::string& told : SplitLines(lines)) {
-    const std::string line = SanitizeForTerminal(told);
+  for (const Json& value : record) text += (text.empty() ? "" : "\t") + Column(value);
+  return text;
+}
+
+std::string Printer::BoldHeader(const std::string& line) {
+  return line.starts_with(kTableHeaderStart) ? "\x1b[1m" + line + "\x1b[0m" : line;
+}
+
+void Printer::Text(const std::vector<std::string>& lines, Paint paint) const {
+  std::string text;
+  const bool painted = UsesColor(color_, STDOUT_FILENO);
+  for (const std::string& raw : SplitLines(lines)) {
+    const std::string line = SanitizeForTerminal(raw);
     text += (painted ? paint(line) : line) + "\n";
   }
   PrintOut(text);
 }
 
-void Out::List(const std::vector<std::string>& lines, const char* key,
-               const std::vector<Fields>& records, int unread, const Fields& head,
-               Paint paint) const {
+void Printer::List(const std::vector<std::string>& lines, const char* key, const Json& records,
+                   int unparsed, const Json& head, Paint paint) const {
   if (format_ == Format::kText) return Text(lines, paint);
-  if (unread > 0) {
+  if (unparsed > 0) {
     Message(
-        fmt::format("{} row(s) of the daemon's answer cannot be read and are left out; without "
-                    "--json and --short they are shown as they are",
-                    unread));
+        fmt::format("{} row(s) of the daemon's reply cannot be read and are left out; to see "
+                    "them as they are, omit --json and --short",
+                    unparsed));
   }
   std::string text;
   if (format_ == Format::kJson) {
-    for (const Fields& record : records) text += (text.empty() ? "" : ", ") + AsJson(record);
-    const std::string fields = JoinedFields(head);
-    text = fmt::format("{{\"schema\": {}{}{}, \"{}\": [{}], \"unread_rows\": {}}}\n", kSchema,
-                       fields.empty() ? "" : ", ", fields, key, text, unread);
+    Json document = Document(head);
+    document[key] = records;
+    document["unread_rows"] = unparsed;
+    text = AsJson(document) + "\n";
   } else {
-    for (const Fields& record : records) text += AsColumns(record) + "\n";
+    for (const Json& record : records) text += AsColumns(record) + "\n";
   }
   PrintOut(text);
 }
 
-void Out::One(const std::vector<std::string>& lines, const Fields& record) const {
-  switch (format_) {
-    case Format::kText:
-      return Text(lines);
-    case Format::kJson: {
-      const std::string fields = JoinedFields(record);
-      return PrintOut(
-          fmt::format("{{\"schema\": {}{}{}}}\n", kSchema, fields.empty() ? "" : ", ", fields));
-    }
-    case Format::kShort:
-      return record.empty() ? Text(lines) : PrintOut(AsColumns(record) + "\n");
-  }
+void Printer::One(const std::vector<std::string>& lines, const Json& record) const {
+  if (json()) return PrintOut(AsJson(Document(record)) + "\n");
+  if (format_ == Format::kText || record.empty()) return Text(lines);
+  PrintOut(AsColumns(record) + "\n");
 }
 
-void Out::Message(const std::string& text) const {
-  const bool red = Wanted(color_, STDERR_FILENO);
+void Printer::Message(const std::string& text) const {
+  const bool red = UsesColor(color_, STDERR_FILENO);
   fprintf(stderr, "%skvoxctl:%s %s\n", red ? "\x1b[31m" : "", red ? "\x1b[0m" : "",
           SanitizeForTerminal(ValidUtf8(text)).c_str());
 }

@@ -1,56 +1,52 @@
 // What verbs print: for people, for scripts that read JSON, for scripts that read columns.
 #pragma once
 
-#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
-#include <utility>
-#include <variant>
 #include <vector>
 
 namespace kvox::client {
 
-/// What a field holds; nullptr where there is nothing.
-using Value = std::variant<std::nullptr_t, bool, int64_t, double, std::string,
-                           std::vector<std::string>, std::vector<double>>;
+/// Objects keep the order of their keys, which name their unit: "block_length_frames".
+using Json = nlohmann::ordered_json;
 
-/// A name or nothing.
-inline Value NameOr(const std::string& name) {
-  return name.empty() ? Value(nullptr) : Value(name);
+/// A name; null for "".
+inline Json OrNull(const std::string& name) {
+  return name.empty() ? Json() : Json(name);
 }
-
-/// One object. Keys name their unit: "block_length_frames".
-using Fields = std::vector<std::pair<const char*, Value>>;
+template <typename T>
+Json OrNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json();
+}
 
 enum class Format { kText, kJson, kShort };
 enum class Color { kAuto, kAlways, kNever };
 
-/// Prints each answer once, in the format that was asked for: text for people is what the daemon
-/// said; JSON is one document on one line with "schema" first; short is a line a record, its fields
-/// parted by tabs ("-" for nothing), without a header. Keys and columns are only ever added, at the
-/// end. Main thread. Throws when standard output cannot be written.
-class Out {
+/// Prints each result once, in the chosen format: text is what the daemon said; JSON is one
+/// document on one line with "schema" first; short is a line per record, its fields separated by
+/// tabs ("-" for none), without a header. Keys and columns are only ever added, at the end. Main
+/// thread. Throws std::runtime_error when standard output cannot be written.
+class Printer {
  public:
-  /// Colours a line for people.
+  /// Colors a line for people.
   using Paint = std::string (*)(const std::string& line);
 
-  Out(Format format, Color color) : format_(format), color_(color) {}
+  Printer(Format format, Color color) : format_(format), color_(color) {}
 
-  /// A list; in JSON under `key`, behind the fields of `head`. Lines are painted where there is
-  /// colour, after they have been made harmless.
-  void List(const std::vector<std::string>& lines, const char* key,
-            const std::vector<Fields>& records, int unread = 0, const Fields& head = {},
-            Paint paint = BoldHeader) const;
+  /// A list of `records`, objects; in JSON under `key`, after the fields of `head`. `paint` is
+  /// given lines without control characters.
+  void List(const std::vector<std::string>& lines, const char* key, const Json& records,
+            int unparsed = 0, const Json& head = Json::object(), Paint paint = BoldHeader) const;
 
   /// One object, whose fields stand in the JSON document itself.
-  void One(const std::vector<std::string>& lines, const Fields& record) const;
+  void One(const std::vector<std::string>& lines, const Json& record = Json::object()) const;
 
   /// A message to standard error, which names the object and the next step.
   void Message(const std::string& text) const;
 
   Format format() const { return format_; }
   bool json() const { return format_ == Format::kJson; }
-  /// True when standard output is to be coloured.
-  bool colored() const;
 
  private:
   static std::string BoldHeader(const std::string& line);
@@ -60,10 +56,18 @@ class Out {
   const Color color_;
 };
 
-/// The record as JSON: {"id": "pass", "enabled": true}. Pure.
-std::string AsJson(const Fields& record);
+/// To be called first. Occupies standard descriptors that are closed, so that no socket or file
+/// gets them, and keeps a reader that goes away from ending the process.
+void PrepareStandardStreams();
 
-/// The record as one line of columns, without its end. Pure.
-std::string AsColumns(const Fields& record);
+/// Writes the text to standard output at once. Throws std::runtime_error when that fails; a reader
+/// that has gone away is no failure.
+void PrintOut(const std::string& text);
+
+/// On one line: {"id": "pass", "consumers": ["art0", "art1"]}
+std::string AsJson(const Json& value);
+
+/// The object's values as one line of columns, without the newline.
+std::string AsColumns(const Json& record);
 
 }  // namespace kvox::client

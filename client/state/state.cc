@@ -17,7 +17,7 @@ std::string Text(const std::string& name) {
   return name.empty() ? "none" : name;
 }
 
-/// Collects in which properties one object differs.
+/// Collects the properties in which one object differs.
 class Comparison {
  public:
   /// `absent` stands for settings that the object does not have now.
@@ -77,8 +77,8 @@ void CompareTaps(const State& wanted, const State& actual, std::vector<Differenc
   }
 }
 
-/// The processors of `actual` that `wanted` says nothing of. An inject buffer has one producer: who
-/// loses it to a processor of `wanted` is left without.
+/// Adds the processors of `actual` that `wanted` leaves out. An inject buffer has one producer: a
+/// processor that loses it to one of `wanted` has no output.
 void KeepProcessors(const State& actual, State& wanted) {
   std::set<std::string> taken;
   for (const auto& [id, processor] : wanted.processors) taken.insert(processor.output);
@@ -88,25 +88,21 @@ void KeepProcessors(const State& actual, State& wanted) {
   }
 }
 
-bool IsTapOut(const std::string& buffer) {
-  return buffer.starts_with("tapout");
-}
-
 }  // namespace
 
 State StateOf(const Snapshot& snapshot) {
   State state;
   for (const Processor& processor : snapshot.processors) {
-    ProcessorState& told = state.processors[processor.id];
-    told = {.type = processor.type,
-            .input = processor.input,
-            .output = processor.output,
-            .enabled = processor.enabled};
+    ProcessorState& processor_state = state.processors[processor.id];
+    processor_state = {.type = processor.type,
+                       .input = processor.input,
+                       .output = processor.output,
+                       .enabled = processor.enabled};
     if (const auto& settings = processor.settings) {
-      told.passthrough_mode = settings->passthrough_mode;
-      told.test_mode = settings->test_mode;
-      told.block_length_frames = settings->block_length_frames;
-      told.jitter_buffer_frames = settings->jitter_buffer_frames;
+      processor_state.passthrough_mode = settings->passthrough_mode;
+      processor_state.test_mode = settings->test_mode;
+      processor_state.block_length_frames = settings->block_length_frames;
+      processor_state.jitter_buffer_frames = settings->jitter_buffer_frames;
     }
   }
   for (const TapPoint& tap : snapshot.taps) {

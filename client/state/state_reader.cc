@@ -133,11 +133,11 @@ class Reader {
     }
   }
 
-  /// "imic.0" as the one tap point that is called so.
+  /// The one tap point that is called "imic.0".
   std::optional<std::string> FullName(TableReader& row, const std::string& word) {
     std::vector<std::string> names;
     std::vector<std::string> found;
-    const auto wanted = ReadTapWord(word);
+    const auto wanted = ParseTapWord(word);
     for (const TapPoint& tap : snapshot_.taps) {
       names.push_back(wanted && wanted->core ? tap.FullName() : tap.Name());
       if (word == tap.Name() || word == tap.FullName()) found.push_back(tap.FullName());
@@ -169,9 +169,8 @@ class Reader {
   void ReadBuffer(TableReader& row, const char* key, Direction direction, std::string& name) {
     row.Read(key, name, "a buffer's name");
     if (name.empty()) return;
-    const bool tapout = direction == Direction::kTapOut;
-    IsKnown(row, At(row, key), key, tapout ? "tap-out buffer" : "inject buffer", name,
-            NamesOf(tapout ? snapshot_.tapouts : snapshot_.injects));
+    IsKnown(row, At(row, key), key, (std::string(NameOf(direction)) + " buffer").c_str(), name,
+            NamesOf(direction == Direction::kTapOut ? snapshot_.tapouts : snapshot_.injects));
   }
 
   static void ReadFlag(TableReader& row, const char* key, std::optional<bool>& flag) {

@@ -14,39 +14,49 @@ namespace {
 
 constexpr mode_t kCreateMode = 0666;
 
-[[noreturn]] void Refuse(const char* what, const std::string& path, int cause) {
-  throw UsageError(std::string("FILE: cannot ") + what + " '" + path +
-                   "': " + std::strerror(cause));
+/// `what` is "read" or "write"; `name` is a quoted path or "standard input".
+[[noreturn]] void Refuse(const char* what, const std::string& name, int cause) {
+  throw UsageError(std::string("FILE: cannot ") + what + " " + name + ": " + std::strerror(cause));
 }
 
-/// `what` is "read" or "write".
+std::string Quoted(const std::string& path) {
+  return "'" + path + "'";
+}
+
 UniqueFd OpenRegular(const char* what, const std::string& path, int flags) {
   UniqueFd fd(open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC, kCreateMode));
   struct stat status {};
-  if (!fd.valid() || fstat(fd.get(), &status) != 0) Refuse(what, path, errno);
+  if (!fd.valid() || fstat(fd.get(), &status) != 0) Refuse(what, Quoted(path), errno);
   if (!S_ISREG(status.st_mode)) throw UsageError("FILE: '" + path + "' is not a regular file");
   return fd;
+}
+
+std::vector<uint8_t> ReadAll(int fd, const std::string& name, size_t limit) {
+  std::vector<uint8_t> data(limit + 1);
+  size_t have = 0;
+  while (have < data.size()) {
+    const ssize_t size = read(fd, &data[have], data.size() - have);
+    if (size == 0) break;
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0) Refuse("read", name, errno);
+    have += static_cast<size_t>(size);
+  }
+  if (have > limit) {
+    throw UsageError("FILE: " + name + " is larger than the " + std::to_string(limit) +
+                     " bytes that are read of one");
+  }
+  data.resize(have);
+  return data;
 }
 
 }  // namespace
 
 std::vector<uint8_t> ReadFile(const std::string& path, size_t limit) {
-  const UniqueFd fd = OpenRegular("read", path, O_RDONLY);
-  std::vector<uint8_t> data(limit + 1);
-  size_t have = 0;
-  while (have < data.size()) {
-    const ssize_t size = read(fd.get(), &data[have], data.size() - have);
-    if (size == 0) break;
-    if (size < 0 && errno == EINTR) continue;
-    if (size < 0) Refuse("read", path, errno);
-    have += static_cast<size_t>(size);
-  }
-  if (have > limit) {
-    throw UsageError("FILE: '" + path + "' is larger than the " + std::to_string(limit) +
-                     " bytes that are read of one");
-  }
-  data.resize(have);
-  return data;
+  return ReadAll(OpenRegular("read", path, O_RDONLY).get(), Quoted(path), limit);
+}
+
+std::vector<uint8_t> ReadStandardInput(size_t limit) {
+  return ReadAll(STDIN_FILENO, "standard input", limit);
 }
 
 UniqueFd OpenToAppend(const std::string& path) {

@@ -1,5 +1,5 @@
-// Files that a command line names. Only regular ones are taken: nothing else is sure to end, and
-// some would never let themselves be opened.
+// Files that a command line names. Only regular ones are accepted: reading others might not end,
+// and opening some would block.
 #pragma once
 
 #include <cstddef>
@@ -14,12 +14,15 @@ namespace kvox::client {
 /// All bytes of the file at `path`. Throws UsageError, also when it has more than `limit` bytes.
 std::vector<uint8_t> ReadFile(const std::string& path, size_t limit);
 
+/// The same for standard input.
+std::vector<uint8_t> ReadStandardInput(size_t limit);
+
 /// Opens the file at `path` for appending, and creates it first if it is not there. Throws
 /// UsageError.
 UniqueFd OpenToAppend(const std::string& path);
 
-/// Throws UsageError when no file can be written at `path`. What is there stays as it is, and where
-/// nothing is, nothing stays.
+/// Throws UsageError when no file can be written at `path`. Changes nothing, and leaves no new file
+/// behind.
 void CheckWritable(const std::string& path);
 
 /// False, with errno set, when not everything could be written.

@@ -1,9 +1,8 @@
 #include <algorithm>
 
+#include "client/calls/answer.h"
 #include "client/calls/arguments.h"
-#include "client/verbs/records.h"
-#include "client/verbs/report.h"
-#include "client/verbs/words.h"
+#include "client/verbs/shared.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/near_matches.h"
@@ -43,13 +42,11 @@ const char* MeaningOf(ParameterId id, int32_t element) {
   return "";
 }
 
-/// By name, in any case, or by number.
+/// By name, in any case and with '-' for '_', or by number.
 ParameterId ReadParameter(const std::string& word) {
-  std::string upper = word;
-  std::transform(upper.begin(), upper.end(), upper.begin(),
-                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
-  std::replace(upper.begin(), upper.end(), '-', '_');
-  if (const auto id = ParseParameterId(upper)) return *id;
+  std::string name = Uppercase(word);
+  std::replace(name.begin(), name.end(), '-', '_');
+  if (const auto id = ParseParameterId(name)) return *id;
   if (const auto id = ParseParameterId(word)) return *id;
   std::vector<std::string> names;
   for (const ParameterId id : ndk::enum_range<ParameterId>()) names.push_back(toString(id));
@@ -62,49 +59,29 @@ ParamValue ReadValue(const std::string& word) {
   if (const auto flag = ParseBool(word)) return ParamValue::make<ParamValue::i>(*flag ? 1 : 0);
   if (const auto value = ParseParamValue(word)) return *value;
   if (word.find_first_not_of("-0123456789") == word.npos) {
-    Number("VALUE", word, INT32_MIN, INT32_MAX);  // which tells the range
+    ParseNumber("VALUE", word, INT32_MIN, INT32_MAX);  // which names the range
   }
   throw UsageError("VALUE: '" + ValidUtf8(word) +
                    "' is not a number, true, false, or i:, f:, v: "
                    "and numbers");
 }
 
-Value ValueOf(const ParamValue& value) {
-  switch (value.getTag()) {
-    case ParamValue::i:
-      return int64_t{value.get<ParamValue::i>()};
-    case ParamValue::f:
-      return static_cast<double>(value.get<ParamValue::f>());
-    case ParamValue::v: {
-      const auto& floats = value.get<ParamValue::v>();
-      return std::vector<double>(floats.begin(), floats.end());
-    }
-  }
-  return nullptr;
-}
-
-int32_t ReadElement(const std::string& word) {
-  return word.empty() ? 0 : Number("ELEMENT", word, INT32_MIN, INT32_MAX);
-}
-
 int List(const Context& context) {
-  const auto told = AskParameters(context.daemon);
-  context.out.List(told.lines, "parameters", RecordsOf("name", told.items));
+  const auto names = QueryParameters(context.daemon);
+  context.out.List(names.lines, "parameters", RecordsOf("name", names.rows));
   return kDone;
 }
 
-/// The elements that were asked for; all when none was named.
+/// The elements to show; all where none is named.
 std::vector<Element> Wanted(const Input& in) {
-  const std::string& parameter = in.Get("PARAMETER");
-  const std::string& element = in.Get("ELEMENT");
-  if (parameter.empty()) return {std::begin(kElements), std::end(kElements)};
-  const ParameterId id = ReadParameter(parameter);
+  if (!in.Has("PARAMETER")) return {std::begin(kElements), std::end(kElements)};
+  const ParameterId id = ReadParameter(in.Get("PARAMETER"));
   std::vector<Element> wanted;
   std::copy_if(std::begin(kElements), std::end(kElements), std::back_inserter(wanted),
                [&](const Element& row) { return row.id == id; });
-  if (!element.empty() || wanted.empty()) {
-    const int32_t number = ReadElement(element);
-    wanted = {{id, number, MeaningOf(id, number)}};
+  if (in.Has("ELEMENT") || wanted.empty()) {
+    const int32_t element = in.Number("ELEMENT", INT32_MIN, INT32_MAX, 0);
+    wanted = {{id, element, MeaningOf(id, element)}};
   }
   return wanted;
 }
@@ -112,15 +89,15 @@ std::vector<Element> Wanted(const Input& in) {
 std::string LineOf(const Element& row, const ParamValue& value) {
   std::string name = toString(row.id);
   if (row.id == ParameterId::AUDIO_FORMAT) name += " " + std::to_string(row.element);
-  return FormatText<128>("%-18s %-9s %s", name.c_str(), AsColumns({{"", ValueOf(value)}}).c_str(),
+  return FormatText<128>("%-18s %-9s %s", name.c_str(), AsColumns({{"", ToJson(value)}}).c_str(),
                          row.meaning);
 }
 
 int Get(const Context& context) {
   const std::vector<Element> wanted = Wanted(context.in);
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const ProcessorId id = ProcessorOf(context);
   std::vector<std::string> lines;
-  std::vector<Fields> records;
+  Json records = Json::array();
   for (const Element& row : wanted) {
     IKvox::CommandResult result;
     ParamValue value;
@@ -129,13 +106,12 @@ int Get(const Context& context) {
     });
     if (result.status != IKvox::CommandStatus::OK) {
       const std::string name = toString(row.id) + " " + std::to_string(row.element);
-      return Report(context, name + " of " + id.name, result, {},
+      return Report(context, name + " of " + id.name, result, Json::object(),
                     "'kvoxctl param get " + id.name + "' shows what there is");
     }
     lines.push_back(LineOf(row, value));
-    records.push_back({{"parameter", toString(row.id)},
-                       {"element", int64_t{row.element}},
-                       {"value", ValueOf(value)}});
+    records.push_back(
+        {{"parameter", toString(row.id)}, {"element", row.element}, {"value", ToJson(value)}});
   }
   context.out.List(lines, "parameters", records);
   return kDone;
@@ -144,8 +120,8 @@ int Get(const Context& context) {
 int Set(const Context& context) {
   const ParameterId parameter = ReadParameter(context.in.Get("PARAMETER"));
   const ParamValue value = ReadValue(context.in.Get("VALUE"));
-  const int32_t element = ReadElement(context.in.Get("--element"));
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const int32_t element = context.in.Number("--element", INT32_MIN, INT32_MAX, 0);
+  const ProcessorId id = ProcessorOf(context);
   const auto result =
       context.daemon.Call("SetParameter", &IKvox::SetParameter, id.id, parameter, element, value);
   const std::string meaning = MeaningOf(parameter, element);
@@ -160,25 +136,22 @@ int Set(const Context& context) {
 
 std::vector<Verb> ParameterVerbs() {
   return {
-      {"param", "list", "List the parameters", {}, {}, "param list", List},
-      {"param",
-       "get",
-       "Tell what parameters of a processor hold",
-       {ProcessorArgument(),
-        {"PARAMETER", Kind::kParameter, "Name or number; all when not given", Arity::kOptional},
-        {"ELEMENT", Kind::kNumber, "Which part of it; all when not given", Arity::kOptional}},
-       {},
+      {"param list", "List the parameters", List, "param list"},
+      {"param get",
+       "Show the values of a processor's parameters",
+       Get,
        "param get pass BLOCK_LENGTH",
-       Get},
-      {"param",
-       "set",
+       {kProcessor,
+        {"PARAMETER", Kind::kParameter, "Name or number; all when not given", Arity::kOptional},
+        {"ELEMENT", Kind::kNumber, "Which part of it; all when not given", Arity::kOptional}}},
+      {"param set",
        "Set a parameter of a processor",
-       {ProcessorArgument(),
+       Set,
+       "param set pass BLOCK_LENGTH 960",
+       {kProcessor,
         {"PARAMETER", Kind::kParameter, "Name or number"},
         {"VALUE", Kind::kText, "Number, true or false; or with its kind, as f:0.5"}},
-       {{"--element", "ELEMENT", Kind::kNumber, "Which part of it (0)"}},
-       "param set pass BLOCK_LENGTH 960",
-       Set},
+       {{"--element", "ELEMENT", Kind::kNumber, "Which part of it (0)"}}},
   };
 }
 

@@ -2,20 +2,21 @@
 #include <numeric>
 #include <optional>
 
-#include "client/verbs/report.h"
-#include "client/verbs/words.h"
+#include "client/verbs/shared.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
 namespace {
 
-constexpr int kMostEntries = 261'120;  // that one answer can carry
+using CommandResult = IKvox::CommandResult;
 
+constexpr int kMostEntries = 261'120;  // that one reply can carry
+
+/// The processor that was named, or all.
 std::vector<ProcessorId> Wanted(const Context& context) {
-  const std::string& word = context.in.Get("PROCESSOR");
-  if (!word.empty()) return {LookUpProcessor(context.daemon, word)};
+  if (context.in.Has("PROCESSOR")) return {ProcessorOf(context)};
   std::vector<ProcessorId> ids;
-  for (const Processor& processor : AskProcessors(context.daemon).items) {
+  for (const Processor& processor : QueryProcessors(context.daemon).rows) {
     ids.push_back({CodeOf(processor.id), processor.id});
   }
   return ids;
@@ -34,87 +35,78 @@ std::string LineOf(const std::string& name, const IKvox::ProcessorStats& stats) 
                                 active.size());
 }
 
-Fields FieldsOf(const std::string& name, const IKvox::ProcessorStats& stats) {
-  return {{"id", name},
-          {"blocks", int64_t{stats.blockCount}},
-          {"buffer_entries", int64_t{stats.bufferEntries}},
-          {"average_period_ms", static_cast<double>(stats.averagePeriod)},
-          {"active_ms", std::vector<double>(stats.measurements.begin(), stats.measurements.end())}};
-}
-
-/// How many times each processor keeps from now on, and whether it forgets what was measured.
-struct Changes {
-  std::optional<int32_t> entries;
-  bool reset = false;
-};
-
-int Change(const Context& context, const std::vector<ProcessorId>& ids, const Changes& changes) {
-  std::vector<Fields> records;
+/// Calls `measure(id, lines, records)` for each processor, and prints what it has added. Returns
+/// the exit status.
+template <typename Measure>
+int ForEach(const Context& context, Measure measure) {
+  std::vector<std::string> lines;
+  Json records = Json::array();
   int worst = kDone;
-  for (const ProcessorId& id : ids) {
-    IKvox::CommandResult result;
-    if (changes.entries) {
-      result =
-          context.daemon.Call("ProcessorSetStatsMaxBufferEntries",
-                              &IKvox::ProcessorSetStatsMaxBufferEntries, id.id, *changes.entries);
-    }
-    if (changes.reset && result.status == IKvox::CommandStatus::OK) {
-      result = context.daemon.Call("ProcessorResetStats", &IKvox::ProcessorResetStats, id.id);
-    }
-    records.push_back({{"id", id.name}, {"status", static_cast<int64_t>(result.status)}});
+  for (const ProcessorId& id : Wanted(context)) {
+    const CommandResult result = measure(id, lines, records);
     if (result.status == IKvox::CommandStatus::OK) continue;
+    CheckNames(context, result);
     worst = kRefused;
     context.out.Message("statistics of " + id.name + ": the daemon answers " +
                         toString(result.status) + "; try again");
-  }
-  context.out.List({}, "processors", records);
-  return worst;
-}
-
-int Show(const Context& context, const std::vector<ProcessorId>& ids) {
-  std::vector<std::string> lines;
-  std::vector<Fields> records;
-  int worst = kDone;
-  for (const ProcessorId& id : ids) {
-    IKvox::CommandResult result;
-    IKvox::ProcessorStats stats;
-    context.daemon.Run("ProcessorGetStats",
-                       [&](IKvox& kvox) { return kvox.ProcessorGetStats(id.id, &stats, &result); });
-    if (result.status != IKvox::CommandStatus::OK) {
-      worst = kRefused;
-      context.out.Message("statistics of " + id.name + ": the daemon answers " +
-                          toString(result.status) + "; try again");
-      continue;
-    }
-    lines.push_back(LineOf(id.name, stats));
-    records.push_back(FieldsOf(id.name, stats));
   }
   context.out.List(lines, "processors", records);
   return worst;
 }
 
+int Change(const Context& context, std::optional<int32_t> entries, bool reset) {
+  return ForEach(context, [&](const ProcessorId& id, auto&, Json& records) {
+    CommandResult result;
+    if (entries) {
+      result = context.daemon.Call("ProcessorSetStatsMaxBufferEntries",
+                                   &IKvox::ProcessorSetStatsMaxBufferEntries, id.id, *entries);
+    }
+    if (reset && result.status == IKvox::CommandStatus::OK) {
+      result = context.daemon.Call("ProcessorResetStats", &IKvox::ProcessorResetStats, id.id);
+    }
+    records.push_back({{"id", id.name}, {"status", static_cast<int>(result.status)}});
+    return result;
+  });
+}
+
+int Show(const Context& context) {
+  return ForEach(context, [&](const ProcessorId& id, auto& lines, Json& records) {
+    CommandResult result;
+    IKvox::ProcessorStats stats;
+    context.daemon.Run("ProcessorGetStats",
+                       [&](IKvox& kvox) { return kvox.ProcessorGetStats(id.id, &stats, &result); });
+    if (result.status != IKvox::CommandStatus::OK) return result;
+    lines.push_back(LineOf(id.name, stats));
+    records.push_back({{"id", id.name},
+                       {"blocks", stats.blockCount},
+                       {"buffer_entries", stats.bufferEntries},
+                       {"average_period_ms", stats.averagePeriod},
+                       {"active_ms", stats.measurements}});
+    return result;
+  });
+}
+
 int Stats(const Context& context) {
-  const std::string& entries = context.in.Get("--entries");
-  Changes changes = {.entries = {}, .reset = context.in.Has("--reset")};
-  if (!entries.empty()) changes.entries = Number("--entries", entries, 0, kMostEntries);
-  const std::vector<ProcessorId> ids = Wanted(context);
-  return changes.entries || changes.reset ? Change(context, ids, changes) : Show(context, ids);
+  const bool resize = context.in.Has("--entries");
+  const bool reset = context.in.Has("--reset");
+  if (!resize) return reset ? Change(context, std::nullopt, true) : Show(context);
+  return Change(context, context.in.Number("--entries", 0, kMostEntries), reset);
 }
 
 }  // namespace
 
 std::vector<Verb> StatsVerbs() {
   return {
-      {"",
-       "stats",
-       "Tell how long processors work on their blocks",
-       {ProcessorArgument(Arity::kOptional)},
+      {"stats",
+       "Show how long processors work on their blocks",
+       Stats,
+       "stats pass",
+       {{"PROCESSOR", Kind::kProcessor, "Four characters such as art0; all when not given",
+         Arity::kOptional}},
        {{"--entries", "COUNT", Kind::kNumber, "Keep so many times from now on, 0 to 261120"},
         {"--reset", nullptr, Kind::kText, "Forget what was measured"}},
-       "stats pass",
-       Stats,
        [] {
-         return "Reading takes the times away: the next reading has what was measured since.\n"
+         return "Reading clears the times: the next reading has what was measured since.\n"
                 "Times are kept once --entries has said how many.\n";
        }},
   };

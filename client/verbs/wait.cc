@@ -4,7 +4,7 @@
 #include <cmath>
 #include <thread>
 
-#include "client/verbs/words.h"
+#include "client/verbs/shared.h"
 
 namespace kvox::client {
 namespace {
@@ -13,16 +13,16 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kPause = std::chrono::milliseconds(20);
 
-/// A daemon that is only slow gets to say what is missing, even when time has just run out.
+/// A slow daemon gets the time to say what is missing, even when --timeout has just run out.
 constexpr auto kLeastForAnAnswer = std::chrono::milliseconds(1000);
 
-/// What may still change: everything else is no reason to go on waiting.
+/// Whether waiting may help.
 bool MayChange(const Failure& failure) {
   return failure.status() == kNoDaemon || failure.status() == kNoObject ||
          failure.status() == kRefused;
 }
 
-/// Runs `check` until it throws no Failure, and as long as --timeout says in all.
+/// Runs `check` until it throws no Failure, but no longer than --timeout.
 template <typename Check>
 int WaitFor(const Context& context, const std::string& what, Check check) {
   const auto begin = Clock::now();
@@ -37,7 +37,7 @@ int WaitFor(const Context& context, const std::string& what, Check check) {
       break;
     } catch (const Failure& failure) {
       if (!MayChange(failure)) throw;
-      if (failure.status() == kNoDaemon) context.daemon.Forget();
+      if (failure.status() == kNoDaemon) context.daemon.Disconnect();
       reason = failure.what();
     }
     if (Clock::now() + kPause - begin >= whole) {
@@ -47,7 +47,7 @@ int WaitFor(const Context& context, const std::string& what, Check check) {
     std::this_thread::sleep_for(kPause);
   }
   const double waited_ms = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-  context.out.One({}, {{"waited_ms", std::round(waited_ms * 10) / 10}});
+  context.out.One({}, Json::object({{"waited_ms", std::round(waited_ms * 10) / 10}}));
   return kDone;
 }
 
@@ -84,42 +84,38 @@ int ForProcessor(const Context& context) {
 
 std::vector<Verb> WaitVerbs() {
   return {
-      {"wait",
-       "daemon",
+      {"wait daemon",
        "Wait until the daemon answers",
-       {},
-       {},
-       "--timeout 10 wait daemon",
        ForDaemon,
+       "--timeout 10 wait daemon",
+       {},
+       {},
        nullptr,
-       Manner::kWaits},
-      {"wait",
-       "buffer",
-       "Wait until a buffer is there",
+       VerbKind::kWait},
+      {"wait buffer",
+       "Wait until a buffer exists",
+       ForBuffer,
+       "wait buffer tapout0 --timeout 10",
        {{"BUFFER", Kind::kBuffer, "Buffer by name such as tapout0"}},
        {},
-       "wait buffer tapout0 --timeout 10",
-       ForBuffer,
        nullptr,
-       Manner::kWaits},
-      {"wait",
-       "tap",
+       VerbKind::kWait},
+      {"wait tap",
        "Wait until the co-processor has a tap point",
-       {TapArgument()},
-       {},
-       "wait tap imic.0 --timeout 10",
        ForTap,
+       "wait tap imic.0 --timeout 10",
+       {kTap},
+       {},
        nullptr,
-       Manner::kWaits},
-      {"wait",
-       "processor",
-       "Wait until a processor is there",
-       {ProcessorArgument()},
-       {{"--enabled", nullptr, Kind::kText, "And until it is enabled"}},
-       "wait processor art0 --enabled --timeout 10",
+       VerbKind::kWait},
+      {"wait processor",
+       "Wait until a processor exists",
        ForProcessor,
+       "wait processor art0 --enabled --timeout 10",
+       {kProcessor},
+       {{"--enabled", nullptr, Kind::kText, "And until it is enabled"}},
        nullptr,
-       Manner::kWaits},
+       VerbKind::kWait},
   };
 }
 

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client/calls/answer_text.h"
+#include "client/calls/answer.h"
 
 namespace kvox::client {
 namespace {

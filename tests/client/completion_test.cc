@@ -69,7 +69,7 @@ TEST(Completion, OffersVerbsOptionsAndTheirValues) {
 
 TEST(Completion, WhatItOffersTheCommandLineTakes) {
   for (const Verb& verb : AllVerbs()) {
-    EXPECT_THAT(At(std::string(verb.noun) + " ").words, Contains(std::string(verb.name)));
+    EXPECT_THAT(At(std::string(verb.noun()) + " ").words, Contains(std::string(verb.name())));
   }
   for (const Option& option : CommonOptions()) {
     for (const char* const choice : option.choices) {

@@ -7,7 +7,7 @@
 
 #include "client/audio/block_queue.h"
 #include "client/audio/relay_session.h"
-#include "client/audio/sound_file.h"
+#include "kvox/sound/sound_file.h"
 #include "tests/support/temp_directory.h"
 
 namespace kvox::client {
@@ -74,10 +74,10 @@ TEST(BlockQueue, HoldsSixteenSecondsAndCountsTheRest) {
 
 class SoundFileTest : public ::testing::Test {
  protected:
-  void Write(const std::string& name, const StreamFormat& format, std::vector<std::byte> bytes) {
+  void Write(const std::string& name, const SoundFormat& format, std::vector<std::byte> bytes) {
     SoundWriter(directory_ / name, format).Write(bytes);
   }
-  std::vector<std::byte> Read(const std::string& name, const StreamFormat& format, size_t size) {
+  std::vector<std::byte> Read(const std::string& name, const SoundFormat& format, size_t size) {
     SoundReader reader(directory_ / name);
     reader.ConvertTo(format);
     std::vector<std::byte> bytes(size, std::byte{0x55});
@@ -96,10 +96,10 @@ class SoundFileTest : public ::testing::Test {
 };
 
 TEST_F(SoundFileTest, EveryFormatComesBackAsItWas) {
-  for (const StreamFormat& format : {StreamFormat{48000, 1, 16, Kvox::DataFormat::INT},
-                                     StreamFormat{48000, 2, 24, Kvox::DataFormat::INT},
-                                     StreamFormat{48000, 2, 32, Kvox::DataFormat::INT},
-                                     StreamFormat{48000, 2, 32, Kvox::DataFormat::FLOAT}}) {
+  for (const SoundFormat& format : {SoundFormat{48000, 1, 16, Kvox::DataFormat::INT},
+                                    SoundFormat{48000, 2, 24, Kvox::DataFormat::INT},
+                                    SoundFormat{48000, 2, 32, Kvox::DataFormat::INT},
+                                    SoundFormat{48000, 2, 32, Kvox::DataFormat::FLOAT}}) {
     const auto bytes = Counting(96);
     Write("a.wav", format, bytes);
     EXPECT_EQ(Read("a.wav", format, 96), bytes) << Describe(format);
@@ -108,8 +108,8 @@ TEST_F(SoundFileTest, EveryFormatComesBackAsItWas) {
 }
 
 TEST_F(SoundFileTest, AFileThatEndsIsFilledUpAndMonoGoesEverywhere) {
-  const StreamFormat mono = {48000, 1, 16, Kvox::DataFormat::INT};
-  const StreamFormat stereo = {48000, 2, 16, Kvox::DataFormat::INT};
+  const SoundFormat mono = {48000, 1, 16, Kvox::DataFormat::INT};
+  const SoundFormat stereo = {48000, 2, 16, Kvox::DataFormat::INT};
   Write("mono.wav", mono, {std::byte{1}, std::byte{2}, std::byte{3}, std::byte{4}});
   const auto stereo_bytes = Read("mono.wav", stereo, 12);
   EXPECT_EQ(read_, 8u);
@@ -119,7 +119,7 @@ TEST_F(SoundFileTest, AFileThatEndsIsFilledUpAndMonoGoesEverywhere) {
 }
 
 TEST_F(SoundFileTest, AWavFileIsValidWhileItGrows) {
-  const StreamFormat format = {48000, 1, 16, Kvox::DataFormat::INT};
+  const SoundFormat format = {48000, 1, 16, Kvox::DataFormat::INT};
   SoundWriter writer(directory_ / "a.wav", format);
   for (uint64_t blocks = 1; blocks <= 3; ++blocks) {
     writer.Write(Counting(960));
@@ -128,7 +128,7 @@ TEST_F(SoundFileTest, AWavFileIsValidWhileItGrows) {
 }
 
 TEST_F(SoundFileTest, WhatCannotBeIsNamed) {
-  const StreamFormat stereo = {48000, 2, 16, Kvox::DataFormat::INT};
+  const SoundFormat stereo = {48000, 2, 16, Kvox::DataFormat::INT};
   Write("slow.wav", {16000, 1, 16, Kvox::DataFormat::INT}, Counting(4));
   directory_.MakeFifo("fifo");
   const auto refusal = [&](auto action) -> std::string {
@@ -140,8 +140,8 @@ TEST_F(SoundFileTest, WhatCannotBeIsNamed) {
     return "";
   };
   EXPECT_THAT(refusal([&] { Read("slow.wav", stereo, 4); }),
-              HasSubstr("slow.wav' has 16000 Hz and 1 channels, the processor wants 48000 Hz, 2 "
-                        "channels, int16; convert it first"));
+              HasSubstr("slow.wav has 16000 Hz and 1 channels; expected 48000 Hz, 2 channels, "
+                        "int16; convert it first"));
   EXPECT_THAT(refusal([&] { SoundReader(directory_ / "fifo"); }), HasSubstr("not a regular file"));
   EXPECT_THAT(refusal([&] { SoundReader(directory_ / "none.wav"); }), HasSubstr("No such file"));
   EXPECT_THAT(refusal([&] { SoundWriter("/dev/null", stereo); }), HasSubstr("not a regular file"));

@@ -43,7 +43,7 @@ Sample Measured(double period_ms) {
   return sample;
 }
 
-TEST(Changes, AreToldObjectByObject) {
+TEST(Diff, AreToldObjectByObject) {
   Sample before;
   before.processors = {Pass("gone"), Pass("kept", "tapout0"), Pass("same")};
   before.buffers = {{.name = "tapout0", .producer = "", .consumers = {}, .enabled = true}};
@@ -55,36 +55,35 @@ TEST(Changes, AreToldObjectByObject) {
   now.buffers = {{.name = "tapout0", .producer = "", .consumers = {"came"}}};
   now.taps = {Tap(2, "imic")};
   now.taps[0].inject = "inject3";
-  EXPECT_THAT(LinesOf(ChangesBetween(before, now)),
+  EXPECT_THAT(LinesOf(Diff(before, now)),
               ElementsAre("processor gone gone", "processor same gone",
                           "processor kept disconnected input tapout0",
                           "processor kept connected input tapout1", "processor kept enabled",
                           "processor same appeared type arel", "processor came appeared type pass",
                           "processor came connected input tapout0", "tap-out tapout0 disabled",
                           "tap 2:imic.0 bound inject inject3"));
-  EXPECT_THAT(ChangesBetween(now, now), IsEmpty());
+  EXPECT_THAT(Diff(now, now), IsEmpty());
 }
 
-TEST(Changes, TapPointsOfASilentCoreAreNotGone) {
+TEST(Diff, TapPointsOfASilentCoreAreNotGone) {
   Sample before;
   before.taps = {Tap(2, "imic"), Tap(3, "sspk")};
   Sample silent;
   silent.taps = {Tap(3, "sspk")};
   silent.silent_cores = {2};
-  EXPECT_THAT(LinesOf(ChangesBetween(before, silent)), ElementsAre("core 2 silent"));
+  EXPECT_THAT(LinesOf(Diff(before, silent)), ElementsAre("core 2 silent"));
   Sample after;
   after.taps = {Tap(3, "sspk")};
-  EXPECT_THAT(LinesOf(ChangesBetween(silent, after)),
-              ElementsAre("core 2 answers", "tap 2:imic.0 gone"));
+  EXPECT_THAT(LinesOf(Diff(silent, after)), ElementsAre("core 2 answers", "tap 2:imic.0 gone"));
 }
 
-TEST(Rows, FiguresAreOfTheLastLookAndJitterOfTen) {
-  const Figures figures =
-      FiguresOf({.blocks = 9, .average_period_ms = 10, .active_ms = {1, 4, 1}}, std::nullopt);
-  EXPECT_DOUBLE_EQ(*figures.active_ms, 2);
-  EXPECT_DOUBLE_EQ(*figures.max_active_ms, 4);
-  EXPECT_DOUBLE_EQ(*figures.active_share, 0.2);
-  EXPECT_EQ(FiguresOf({.active_ms = {1}}, std::nullopt).active_share, std::nullopt)
+TEST(Rows, MetricsAreOfTheLastPollAndJitterOfTen) {
+  const Metrics metrics =
+      MetricsOf({.blocks = 9, .average_period_ms = 10, .active_ms = {1, 4, 1}}, std::nullopt);
+  EXPECT_DOUBLE_EQ(*metrics.active_ms, 2);
+  EXPECT_DOUBLE_EQ(*metrics.max_active_ms, 4);
+  EXPECT_DOUBLE_EQ(*metrics.active_share, 0.2);
+  EXPECT_EQ(MetricsOf({.active_ms = {1}}, std::nullopt).active_share, std::nullopt)
       << "there is no period to divide by";
 
   PeriodHistory history;
@@ -92,8 +91,8 @@ TEST(Rows, FiguresAreOfTheLastLookAndJitterOfTen) {
   EXPECT_EQ(history.JitterMs("pass"), std::nullopt);
   for (const double period_ms : {10.0, 10.5, 10.0}) history.Add(Measured(period_ms));
   EXPECT_DOUBLE_EQ(*history.JitterMs("pass"), 10);
-  for (size_t i = 0; i < PeriodHistory::kLooks - 2; ++i) history.Add(Measured(10.25));
-  EXPECT_DOUBLE_EQ(*history.JitterMs("pass"), 0.5) << "the first looks are forgotten";
+  for (size_t i = 0; i < PeriodHistory::kPolls - 2; ++i) history.Add(Measured(10.25));
+  EXPECT_DOUBLE_EQ(*history.JitterMs("pass"), 0.5) << "the first polls are forgotten";
   history.Add(Measured(0));
   EXPECT_EQ(history.JitterMs("pass"), std::nullopt) << "it has paused";
 }
@@ -109,7 +108,7 @@ Row RowNamed(const std::string& name, std::optional<double> share = std::nullopt
   Row row;
   row.object = "tap-out";
   row.name = name;
-  if (share) row.figures = Figures{.active_share = share};
+  if (share) row.metrics = Metrics{.active_share = share};
   return row;
 }
 
@@ -187,17 +186,17 @@ TEST(TerminalRescue, LeavesDelaysOut) {
   EXPECT_EQ(WithoutDelays("$<5"), "");
 }
 
-TEST(Picture, KeepsItsRowsWhenTheDaemonGoes) {
-  Picture picture;
-  EXPECT_EQ(picture.Head(kNoWait), "kvoxd is asked");
-  picture.Take({.sample = Measured(10), .why_not = "", .took_ms = 1.25}, "12:00:00");
-  EXPECT_EQ(picture.Head(kNoWait), "kvoxd answers in 1.2 ms | 1 processor, 0 buffers | 12:00:00");
-  EXPECT_EQ(picture.Head(std::chrono::seconds(3)), "kvoxd has not answered for 3 s");
-  picture.Take({.sample = {}, .why_not = "no socket"}, "12:00:01");
-  picture.Take({.sample = {}, .why_not = "no socket"}, "12:00:02");
-  EXPECT_EQ(picture.Head(kNoWait), "kvoxd is away since 12:00:01: no socket");
-  EXPECT_EQ(picture.rows().size(), 1u);
-  EXPECT_FALSE(picture.present());
+TEST(TopModel, KeepsItsRowsWhenTheDaemonGoes) {
+  TopModel model;
+  EXPECT_EQ(model.Head(kNoWait), "waiting for kvoxd");
+  model.Update({.sample = Measured(10), .error = "", .took_ms = 1.25}, "12:00:00");
+  EXPECT_EQ(model.Head(kNoWait), "kvoxd answers in 1.2 ms | 1 processor, 0 buffers | 12:00:00");
+  EXPECT_EQ(model.Head(std::chrono::seconds(3)), "kvoxd has not answered for 3 s");
+  model.Update({.sample = {}, .error = "no socket"}, "12:00:01");
+  model.Update({.sample = {}, .error = "no socket"}, "12:00:02");
+  EXPECT_EQ(model.Head(kNoWait), "kvoxd is away since 12:00:01: no socket");
+  EXPECT_EQ(model.rows().size(), 1u);
+  EXPECT_FALSE(model.present());
 }
 
 }  // namespace
