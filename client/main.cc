@@ -32,20 +32,8 @@ namespace {
 
 using namespace kvox::client;
 
-/// Reports the exception being handled. Returns its exit status.
-int Report(const Printer& out) {
-  try {
-    throw;
-  } catch (const Failure& failure) {
-    out.Message(failure.what());
-    return failure.status();
-  } catch (const std::exception& error) {
-    out.Message(error.what());
-    return kFailed;
-  }
-}
-
-int Run(const std::vector<std::string>& words) {
+/// `out` prints as the command line says, once that is parsed.
+int Run(const std::vector<std::string>& words, Printer& out) {
   if (!words.empty() && words.front() == kCompletionOption) {
     return Complete({words.begin() + 1, words.end()});
   }
@@ -54,24 +42,24 @@ int Run(const std::vector<std::string>& words) {
     PrintOut(line.help);
     return kDone;
   }
-  const Printer out(line.format, line.color);
+  out = Printer(line.format, line.color);
   Daemon daemon(line.wait, line.verb->kind == VerbKind::kRawCall ? kNoDaemon : kTimedOut);
-  try {
-    return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
-  } catch (const std::exception&) {
-    return Report(out);
-  }
+  return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   PrepareStandardStreams();
-  int status;
+  Printer out(Format::kText, Color::kAuto);
+  int status = kFailed;
   try {
-    status = Run({argv + 1, argv + argc});
-  } catch (const std::exception&) {
-    status = Report(Printer(Format::kText, Color::kAuto));
+    status = Run({argv + 1, argv + argc}, out);
+  } catch (const Failure& failure) {
+    out.Message(failure.what());
+    status = failure.status();
+  } catch (const std::exception& error) {
+    out.Message(error.what());
   }
   // Everything is printed: the binder's threads need no orderly end.
   _exit(status);

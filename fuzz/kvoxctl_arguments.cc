@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "client/calls/call_table.h"
+#include "client/errors.h"
 #include "fuzz/check.h"
 #include "kvox/common/fixed_text.h"
 

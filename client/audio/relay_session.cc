@@ -1,10 +1,10 @@
 #include "client/audio/relay_session.h"
 
+#include <fmt/format.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <initializer_list>
 #include <utility>
@@ -34,14 +34,10 @@ void EndProgress() {
   if (isatty(STDERR_FILENO) == 1) fputs("\r\x1b[K", stderr);
 }
 
-[[gnu::format(printf, 1, 2)]] void Note(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
+template <typename... T>
+void Note(fmt::format_string<const T&...> format, const T&... values) {
   EndProgress();
-  fputs("kvoxctl: ", stderr);
-  vfprintf(stderr, format, args);
-  fputc('\n', stderr);
-  va_end(args);
+  fputs(("kvoxctl: " + fmt::format(format, values...) + "\n").c_str(), stderr);
 }
 
 }  // namespace
@@ -64,24 +60,6 @@ int64_t BlockNs(const IKvox::AudioPacket& packet) {
   return frames * kNsPerSecond / format->sample_rate;
 }
 
-class RelaySession::Callback : public IKvox::BnReceiveAudioCallback {
- public:
-  explicit Callback(OnBlock on_block) : on_block_(std::move(on_block)) {}
-
-  ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override {
-    last_block_ns_ = NowNs();
-    on_block_(packet);
-    return ndk::ScopedAStatus::ok();
-  }
-
-  /// When the last block came; 0 before the first.
-  int64_t last_block_ns() const { return last_block_ns_; }
-
- private:
-  const OnBlock on_block_;
-  std::atomic<int64_t> last_block_ns_ = 0;
-};
-
 void RelaySession::BlockInterrupts() {
   BlockSignals(kInterrupts);
 }
@@ -93,7 +71,12 @@ bool RelaySession::Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>&
 }
 
 ExitStatus RelaySession::Run(const std::string& doing, OnBlock on_block, const OnTick& on_tick) {
-  auto callback = ndk::SharedRefBase::make<Callback>(std::move(on_block));
+  auto callback = ndk::SharedRefBase::make<AudioCallback>(
+      [on_block = std::move(on_block), last_ns = last_block_ns_](const IKvox::AudioPacket& packet) {
+        *last_ns = NowNs();
+        on_block(packet);
+        return true;
+      });
   ServeCallbacks();
   IKvox::CommandResult result;
   if (!Register(callback, options_.wait, result)) return kNoDaemon;
@@ -101,9 +84,9 @@ ExitStatus RelaySession::Run(const std::string& doing, OnBlock on_block, const O
     throw Failure(kRefused, "there is no processor " + options_.name +
                                 "; 'kvoxctl processor list' shows all");
   }
-  Note("%s; Ctrl-C ends it", doing.c_str());
+  Note("{}; Ctrl-C ends it", doing);
   // From here on only the relay holds the callback.
-  const std::weak_ptr<Callback> registered = callback;
+  const std::weak_ptr<AudioCallback> registered = callback;
   callback.reset();
   const auto unregister = [&] {
     EndProgress();
@@ -122,9 +105,10 @@ ExitStatus RelaySession::Run(const std::string& doing, OnBlock on_block, const O
   return end;
 }
 
-ExitStatus RelaySession::RunLoop(const std::weak_ptr<Callback>& registered, const OnTick& on_tick) {
+ExitStatus RelaySession::RunLoop(const std::weak_ptr<AudioCallback>& registered,
+                                 const OnTick& on_tick) {
   const sigset_t signals = NotIgnored(kInterrupts);
-  const char* const name = options_.name.c_str();
+  const std::string& name = options_.name;
   const int64_t begin_ns = NowNs();
   bool hinted = false;
   for (;;) {
@@ -134,16 +118,16 @@ ExitStatus RelaySession::RunLoop(const std::weak_ptr<Callback>& registered, cons
     if (!AIBinder_isAlive(kvox_->asBinder().get())) return kNoDaemon;
     if (!callback) {
       Note(
-          "%s has dropped this client: another one took it over, or it was deleted; 'kvoxctl "
+          "{} has dropped this client: another one took it over, or it was deleted; 'kvoxctl "
           "processor list' shows whether it exists",
           name);
       return kGaps;
     }
     const int64_t now_ns = NowNs();
-    const int64_t last_ns = callback->last_block_ns();
+    const int64_t last_ns = *last_block_ns_;
     if (last_ns != 0 && now_ns - last_ns > kEndAfterNs) {
       Note(
-          "no more audio comes from %s: it was disabled or disconnected, or its tap point or I/O "
+          "no more audio comes from {}: it was disabled or disconnected, or its tap point or I/O "
           "was stopped; 'kvoxctl graph' shows its path",
           name);
       return kGaps;
@@ -151,7 +135,7 @@ ExitStatus RelaySession::RunLoop(const std::weak_ptr<Callback>& registered, cons
     if (last_ns == 0 && !hinted && now_ns - begin_ns > kHintAfterNs) {
       hinted = true;
       Note(
-          "no audio comes from %s yet; it has to be enabled and connected, its tap point and I/O "
+          "no audio comes from {} yet; it has to be enabled and connected, its tap point and I/O "
           "on",
           name);
     }

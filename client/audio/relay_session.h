@@ -1,8 +1,7 @@
 // A session as the client of a relay processor: what record and play have in common.
 #pragma once
 
-#include <aidl/kvox/BnKvox.h>
-
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -10,13 +9,11 @@
 #include <optional>
 #include <string>
 
-#include "client/calls/call_deadline.h"
+#include "client/calls/daemon.h"
 #include "client/errors.h"
 #include "kvox/sound/sound_file.h"
 
 namespace kvox::client {
-
-using aidl::kvox::IKvox;
 
 /// The format that a packet's codes name; none when they name none.
 std::optional<SoundFormat> FormatOf(const IKvox::AudioPacket& packet);
@@ -56,14 +53,15 @@ class RelaySession {
   ExitStatus Run(const std::string& doing, OnBlock on_block, const OnTick& on_tick);
 
  private:
-  class Callback;
-
   bool Register(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
                 std::chrono::milliseconds wait, IKvox::CommandResult& result);
-  ExitStatus RunLoop(const std::weak_ptr<Callback>& registered, const OnTick& on_tick);
+  ExitStatus RunLoop(const std::weak_ptr<AudioCallback>& registered, const OnTick& on_tick);
 
   const std::shared_ptr<IKvox> kvox_;
   const SessionOptions options_;
+  /// When the last block came; 0 before the first. Outlives a callback that is still running.
+  const std::shared_ptr<std::atomic<int64_t>> last_block_ns_ =
+      std::make_shared<std::atomic<int64_t>>(0);
 };
 
 struct SessionStats {

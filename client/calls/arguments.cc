@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <limits>
 
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
@@ -30,30 +29,25 @@ std::optional<Number> ParseWhole(std::string_view word, int base = 10) {
 /// Numbers of up to 32 bits: negative, unsigned, hexadecimal.
 std::optional<int64_t> ParseNumber(std::string_view word) {
   if (word.starts_with("0x") || word.starts_with("0X")) {
-    const auto bits = ParseWhole<uint32_t>(word.substr(2), 16);
-    if (!bits) return std::nullopt;
-    return *bits;
+    return ParseWhole<uint32_t>(word.substr(2), 16);
   }
   const auto number = ParseWhole<int64_t>(word);
-  if (!number || *number < std::numeric_limits<int32_t>::min() ||
-      *number > std::numeric_limits<uint32_t>::max()) {
-    return std::nullopt;
-  }
-  return number;
+  return number && *number >= INT32_MIN && *number <= UINT32_MAX ? number : std::nullopt;
 }
 
-template <typename Enum>
-std::optional<Enum> ParseEnumerator(std::string_view word) {
+/// By name; else by `number`, the word's value, where it has one.
+template <typename Enum, typename Number>
+std::optional<Enum> ParseEnumerator(std::string_view word, std::optional<Number> number) {
   for (const Enum value : ndk::enum_range<Enum>()) {
     if (word == toString(value)) return value;
   }
-  return std::nullopt;
+  return number ? std::optional(static_cast<Enum>(*number)) : std::nullopt;
 }
 
-std::vector<std::string_view> Split(std::string_view text, char separator) {
+std::vector<std::string_view> SplitAtCommas(std::string_view text) {
   std::vector<std::string_view> parts;
   while (!text.empty()) {
-    const size_t end = std::min(text.find(separator), text.size());
+    const size_t end = std::min(text.find(','), text.size());
     parts.push_back(text.substr(0, end));
     text.remove_prefix(std::min(end + 1, text.size()));
   }
@@ -65,9 +59,7 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
 std::optional<int32_t> ParseInt(std::string_view word) {
   const auto number = ParseNumber(word);
   const bool hexadecimal = word.size() > 1 && (word[1] == 'x' || word[1] == 'X');
-  if (!number || (!hexadecimal && *number > std::numeric_limits<int32_t>::max())) {
-    return std::nullopt;
-  }
+  if (!number || (!hexadecimal && *number > INT32_MAX)) return std::nullopt;
   return static_cast<int32_t>(*number);
 }
 
@@ -125,17 +117,11 @@ std::optional<std::string> ParseText(std::string_view word) {
 }
 
 std::optional<IKvox::UseCase> ParseUseCase(std::string_view word) {
-  if (const auto named = ParseEnumerator<IKvox::UseCase>(word)) return named;
-  const auto number = ParseByte(word);
-  if (!number) return std::nullopt;
-  return static_cast<IKvox::UseCase>(*number);
+  return ParseEnumerator<IKvox::UseCase>(word, ParseByte(word));
 }
 
 std::optional<IKvox::ParameterId> ParseParameterId(std::string_view word) {
-  if (const auto named = ParseEnumerator<IKvox::ParameterId>(word)) return named;
-  const auto number = ParseInt(word);
-  if (!number) return std::nullopt;
-  return static_cast<IKvox::ParameterId>(*number);
+  return ParseEnumerator<IKvox::ParameterId>(word, ParseInt(word));
 }
 
 std::optional<Value> ParseParamValue(std::string_view word) {
@@ -146,7 +132,7 @@ std::optional<Value> ParseParamValue(std::string_view word) {
 
 std::optional<std::vector<IKvox::ParamIdElementPair>> ParsePairs(std::string_view word) {
   std::vector<IKvox::ParamIdElementPair> pairs;
-  for (const std::string_view part : Split(word, ',')) {
+  for (const std::string_view part : SplitAtCommas(word)) {
     const size_t colon = part.rfind(':');
     if (colon == std::string_view::npos) return std::nullopt;
     const auto id = ParseParameterId(part.substr(0, colon));
@@ -162,7 +148,7 @@ std::optional<std::vector<IKvox::ParamIdElementPair>> ParsePairs(std::string_vie
 
 std::optional<std::vector<Value>> ParseValues(std::string_view word) {
   std::vector<Value> values;
-  for (std::string_view part : Split(word, ',')) {
+  for (std::string_view part : SplitAtCommas(word)) {
     const char tag = part.size() > 1 && part[1] == ':' ? part[0] : '\0';
     if (tag != '\0') part.remove_prefix(2);
     const bool continues_list =

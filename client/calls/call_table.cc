@@ -1,16 +1,20 @@
 #include "client/calls/call_table.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 
 #include "client/calls/arguments.h"
-#include "client/calls/audio_receiver.h"
 #include "client/calls/daemon.h"
 #include "client/errors.h"
 #include "client/system/files.h"
 #include "kvox/common/fixed_text.h"
+#include "kvox/common/log.h"
 #include "kvox/common/near_matches.h"
 
 namespace kvox::client {
@@ -23,6 +27,7 @@ using Words = std::vector<std::string>;
 constexpr size_t kMaxData = (1u << 20) - 1024;
 
 constexpr float kLongestStay = 366.0f * 24 * 3600;
+constexpr auto kAlivePoll = std::chrono::milliseconds(50);
 
 /// One input of a method: its name on the command line, and how its word is parsed.
 template <typename T>
@@ -164,6 +169,32 @@ Row SendAudio() {
           }};
 }
 
+/// Appends the audio to a file; refuses packets when it cannot, or is told to.
+std::shared_ptr<AudioCallback> MakeReceiver(const std::string& path, bool reject) {
+  return ndk::SharedRefBase::make<AudioCallback>(
+      [file = std::make_shared<UniqueFd>(OpenToAppend(path)), reject,
+       failed = false](const IKvox::AudioPacket& packet) mutable {
+        if (!failed && !WriteAll(file->get(), packet.data.data(), packet.data.size())) {
+          failed = true;
+          LogError("FILE: cannot write on: %s; packets are refused from now on",
+                   std::strerror(errno));
+        }
+        return !reject && !failed;
+      });
+}
+
+/// False as soon as the daemon behind `binder` has gone.
+bool WaitAlive(const ndk::SpAIBinder& binder, float seconds) {
+  using Clock = std::chrono::steady_clock;
+  const auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<float>(seconds));
+  while (Clock::now() < until) {
+    if (!AIBinder_isAlive(binder.get())) return false;
+    std::this_thread::sleep_for(std::min<Clock::duration>(kAlivePoll, until - Clock::now()));
+  }
+  return true;
+}
+
 Row RegisterReceiveAudioCallback() {
   return {
       "RegisterReceiveAudioCallback", "PROCESSOR SECONDS FILE [reject]", 3, 4,
@@ -177,13 +208,13 @@ Row RegisterReceiveAudioCallback() {
         if (reject && words[3] != "reject") {
           throw UsageError("'" + ValidUtf8(words[3]) + "' is not 'reject'");
         }
-        auto receiver = AudioReceiver::Create(words[2], reject);
+        auto receiver = MakeReceiver(words[2], reject);
         return [=](IKvox& kvox, Answer& answer) {
           ServeCallbacks();
           auto status = kvox.RegisterReceiveAudioCallback(id, receiver, &answer.result);
           if (status.isOk() && answer.result.status == IKvox::CommandStatus::OK) {
             answer.afterwards = [binder = kvox.asBinder(), receiver, seconds] {
-              return receiver->Wait(binder, seconds);
+              return WaitAlive(binder, seconds);
             };
           }
           return status;

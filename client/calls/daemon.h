@@ -1,19 +1,36 @@
-// The daemon that kvoxctl talks to.
+// The daemon that kvoxctl talks to, and the longest wait for its replies.
 #pragma once
 
-#include <aidl/kvox/IKvox.h>
+#include <aidl/kvox/BnKvox.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
-#include "client/calls/call_deadline.h"
 #include "client/errors.h"
 
 namespace kvox::client {
 
 using aidl::kvox::IKvox;
+
+/// Far more than any command takes.
+constexpr std::chrono::milliseconds kLongestWait = std::chrono::seconds(300);
+
+/// While one exists, a timer runs that ends the process with `exit_status` and a message that names
+/// the method; silently where that is nullptr. One at a time, on the main thread.
+class CallDeadline {
+ public:
+  CallDeadline(const char* method, int exit_status, std::chrono::milliseconds wait = kLongestWait);
+  ~CallDeadline();
+  CallDeadline(const CallDeadline&) = delete;
+  CallDeadline& operator=(const CallDeadline&) = delete;
+
+ private:
+  void (*before_)(int);  // the handler of SIGALRM to restore
+};
 
 /// In place of the longest wait: the caller makes sure that no call lasts forever.
 constexpr std::chrono::milliseconds kNoLimit{0};
@@ -61,7 +78,23 @@ class Daemon {
   const ExitStatus status_at_timeout_;
 };
 
-/// Starts the thread that serves the daemon's calls to our callbacks.
+/// A client of a relay. Packets for which `on_packet` returns false are refused.
+class AudioCallback : public IKvox::BnReceiveAudioCallback {
+ public:
+  using OnPacket = std::function<bool(const IKvox::AudioPacket&)>;
+
+  explicit AudioCallback(OnPacket on_packet) : on_packet_(std::move(on_packet)) {}
+
+  ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override {
+    return on_packet_(packet) ? ndk::ScopedAStatus::ok()
+                              : ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_STATE);
+  }
+
+ private:
+  const OnPacket on_packet_;
+};
+
+/// Starts the one thread that serves the daemon's calls to our callbacks.
 void ServeCallbacks();
 
 }  // namespace kvox::client

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "client/calls/call_deadline.h"
+#include "client/calls/daemon.h"
 #include "client/command_line/verb.h"
 
 namespace kvox::client {

@@ -63,8 +63,8 @@ const std::vector<Verb>& AllVerbs() {
   static const std::vector<Verb> verbs = [] {
     std::vector<Verb> all;
     for (const auto rows :
-         {ProcessorVerbs, TapVerbs, BufferVerbs, UseCaseVerbs, ParameterVerbs, CaptureVerbs,
-          WaitVerbs, StatsVerbs, MonitorVerbs, StateVerbs, AudioVerbs, DoctorVerbs, CallVerbs}) {
+         {ProcessorVerbs, TapVerbs, BufferVerbs, UseCaseVerbs, ParameterVerbs, WaitVerbs,
+          MonitorVerbs, StateVerbs, AudioVerbs, DoctorVerbs, CallVerbs}) {
       std::ranges::move(rows(), std::back_inserter(all));
     }
     return all;

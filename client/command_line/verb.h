@@ -67,14 +67,17 @@ enum class VerbKind {
   kLocal,    // needs no daemon
 };
 
+using Arguments = std::vector<Argument>;
+using Options = std::vector<Option>;
+
 struct Verb {
   const char* words;  // "processor list"; one word for a verb without a noun
   const char* summary;
   /// Does the work, and returns the exit status. Throws Failure.
   int (*run)(const Context&);
   const char* example;  // without the program's name: "processor new pass"
-  std::vector<Argument> arguments = {};
-  std::vector<Option> options = {};
+  Arguments arguments = {};
+  Options options = {};
   const char* (*notes)() = nullptr;  // more help
   VerbKind kind = VerbKind::kCommand;
 
@@ -117,9 +120,7 @@ std::vector<Verb> TapVerbs();
 std::vector<Verb> BufferVerbs();
 std::vector<Verb> UseCaseVerbs();
 std::vector<Verb> ParameterVerbs();
-std::vector<Verb> CaptureVerbs();
 std::vector<Verb> WaitVerbs();
-std::vector<Verb> StatsVerbs();
 std::vector<Verb> MonitorVerbs();
 std::vector<Verb> StateVerbs();
 std::vector<Verb> AudioVerbs();

@@ -1,20 +1,14 @@
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <optional>
 #include <stdexcept>
 
 #include "client/calls/daemon.h"
 #include "client/doctor/gather.h"
 #include "client/system/files.h"
-#include "client/system/signals.h"
 #include "kvox/common/unique_fd.h"
 
 namespace kvox::client {
@@ -50,48 +44,29 @@ DaemonReply Probe() {
 }
 
 [[noreturn]] void RunChild(int out, std::chrono::milliseconds wait) {
-  // In case the parent is gone by then.
-  const auto seconds = std::chrono::ceil<std::chrono::seconds>(wait).count() + 1;
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  signal(SIGALRM, SIG_DFL);
-  UnblockAlarm();
-  alarm(static_cast<unsigned>(seconds));
+  const CallDeadline deadline(nullptr, kTimedOut, wait);
   const DaemonReply reply = Probe();
   const WireReply wire{reply.status, reply.round_trip_us, reply.version};
   WriteAll(out, &wire, sizeof wire);
   WriteAll(out, reply.error.data(), reply.error.size());
-  _exit(0);
+  _exit(kDone);
 }
 
-/// What comes through the pipe until its other end closes; none when that takes too long.
-std::optional<std::string> ReadToEnd(int in, Clock::time_point deadline) {
+/// What comes through the pipe until its other end closes.
+std::string ReadToEnd(int in) {
   std::string bytes;
+  char part[4096];
   for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    pollfd ready{.fd = in, .events = POLLIN, .revents = 0};
-    const int count = poll(&ready, 1, static_cast<int>(std::max<int64_t>(left, 0)));
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return std::nullopt;
-    char part[4096];
     const ssize_t size = read(in, part, sizeof part);
+    if (size < 0 && errno == EINTR) continue;
     if (size <= 0) return bytes;
     bytes.append(part, static_cast<size_t>(size));
   }
 }
 
-DaemonReply ParseReply(const std::string& bytes) {
-  WireReply wire;
-  if (bytes.size() < sizeof wire) {
-    return {.status = kFailed, .error = "the process that was to ask it has died"};
-  }
-  std::memcpy(&wire, bytes.data(), sizeof wire);
-  return {wire.status, wire.round_trip_us, wire.version, bytes.substr(sizeof wire)};
-}
-
 }  // namespace
 
 DaemonReply ProbeDaemon(std::chrono::milliseconds wait) {
-  const auto deadline = Clock::now() + wait;
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
     throw std::runtime_error(std::string("no pipe: ") + strerror(errno) +
@@ -106,11 +81,17 @@ DaemonReply ProbeDaemon(std::chrono::milliseconds wait) {
                              "; raise the limit of processes");
   }
   out = UniqueFd();
-  const auto bytes = ReadToEnd(in.get(), deadline);
-  kill(child, SIGKILL);
-  while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+  const std::string bytes = ReadToEnd(in.get());
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
-  return bytes ? ParseReply(*bytes) : DaemonReply{.status = kTimedOut};
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kTimedOut) return {.status = kTimedOut};
+  WireReply wire;
+  if (bytes.size() < sizeof wire) {
+    return {.status = kFailed, .error = "the process that was to ask it has died"};
+  }
+  std::memcpy(&wire, bytes.data(), sizeof wire);
+  return {wire.status, wire.round_trip_us, wire.version, bytes.substr(sizeof wire)};
 }
 
 }  // namespace kvox::client

@@ -1,6 +1,8 @@
 #include "client/model/lookup.h"
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
 #include <utility>
 
 #include "client/calls/arguments.h"
@@ -23,16 +25,13 @@ std::optional<int> ParseSmallNumber(std::string_view word) {
   return number && *number <= UINT8_MAX ? number : std::nullopt;
 }
 
+/// Suggests names of `items`; `name` is a member of them.
 template <typename T, typename Name>
-Failure Missing(const char* what, const std::string& word, const std::vector<T>& items, Name name,
-                const char* hint) {
+Failure Missing(const std::string& what, const std::string& word, const std::vector<T>& items,
+                Name name, const char* hint) {
   std::vector<std::string> names;
-  for (const T& item : items) names.push_back(name(item));
+  for (const T& item : items) names.push_back(std::invoke(name, item));
   return Failure(kNoObject, NotFound(what, word, names, hint));
-}
-
-std::string Same(const std::string& name) {
-  return name;
 }
 
 /// The name of a four-character code as lists show it.
@@ -48,9 +47,8 @@ std::pair<ProcessorId, Processor> Find(Daemon& daemon, const std::string& word) 
     const auto* const found = FindProcessor(processors, ShownName(*code));
     if (found != nullptr) return {{*code, ToString(static_cast<FourCc>(*code))}, *found};
   }
-  throw Missing(
-      "processor", word, processors, [](const Processor& processor) { return processor.id; },
-      "'kvoxctl processor list' shows all");
+  throw Missing("processor", word, processors, &Processor::id,
+                "'kvoxctl processor list' shows all");
 }
 
 TapWord RequireTapWord(const std::string& word) {
@@ -62,7 +60,7 @@ TapWord RequireTapWord(const std::string& word) {
 Failure Ambiguous(const std::string& word, const std::vector<TapPoint>& taps) {
   std::string candidates;
   for (const TapPoint& tap : taps) candidates += " " + tap.FullName();
-  return UsageError("TAP: '" + word + "' may be any of" + candidates + "; name one");
+  return Failure(kWrongUsage, "TAP: '" + word + "' may be any of" + candidates + "; name one");
 }
 
 /// Every tap point of some cores. Throws Failure when none of them replies.
@@ -88,9 +86,7 @@ std::vector<Buffer> Select(const std::vector<Buffer>& buffers, const std::string
     if (buffer.name == word || (id && buffer.id == *id)) found.push_back(buffer);
   }
   if (!found.empty()) return found;
-  throw Missing(
-      what.c_str(), word, buffers, [](const Buffer& buffer) { return buffer.name; },
-      "'kvoxctl buffer list' shows all");
+  throw Missing(what, word, buffers, &Buffer::name, "'kvoxctl buffer list' shows all");
 }
 
 }  // namespace
@@ -130,7 +126,8 @@ ProcessorId NewProcessorId(const std::string& argument, const std::string& word)
 ProcessorId LookUpType(Daemon& daemon, const std::string& word) {
   const auto types = QueryTypes(daemon).rows;
   if (std::ranges::count(types, word) > 0) return {CodeOf(word), word};
-  throw Missing("processor type", word, types, Same, "'kvoxctl processor types' shows all");
+  throw Missing("processor type", word, types, std::identity(),
+                "'kvoxctl processor types' shows all");
 }
 
 std::optional<TapWord> ParseTapWord(const std::string& word) {
@@ -183,10 +180,8 @@ TapPoint LookUpTap(Daemon& daemon, const std::string& word) {
   if (found.size() > 1) throw Ambiguous(word, found);
   if (found.size() == 1) return found.front();
   if (wanted.core) taps = ListTaps(daemon, kAllCores);  // it may be on another core
-  throw Missing(
-      "tap point", word, taps,
-      [&](const TapPoint& tap) { return wanted.core ? tap.FullName() : tap.Name(); },
-      "'kvoxctl tap list' shows all");
+  throw Missing("tap point", word, taps, wanted.core ? &TapPoint::FullName : &TapPoint::Name,
+                "'kvoxctl tap list' shows all");
 }
 
 Buffer LookUpBuffer(Daemon& daemon, const std::string& word) {
@@ -227,7 +222,7 @@ std::string LookUpUseCase(Daemon& daemon, const std::string& word) {
   for (const std::string& name : names) {
     if (Uppercase(name) == Uppercase(word)) return name;
   }
-  throw Missing("use case", word, names, Same, "'kvoxctl usecase list' shows all");
+  throw Missing("use case", word, names, std::identity(), "'kvoxctl usecase list' shows all");
 }
 
 }  // namespace kvox::client

@@ -1,14 +1,31 @@
 // The terminal, taken over for a full-screen view and restored afterwards.
 #pragma once
 
+#include <string>
 #include <vector>
 
-#include "client/monitor/frame.h"
-#include "client/monitor/terminal_rescue.h"
+#include "client/monitor/top_text.h"
 
 namespace kvox::client {
 
 struct CursesLibrary;
+
+/// A terminfo command without its delays ("$<5/>"), which no terminal of today needs.
+std::string WithoutDelays(std::string command);
+
+/// While one exists, a crash, an alarm or the like first restores the modes that standard input had
+/// when it was made. The signal then has its usual effect. One at a time, main thread; the handler
+/// only makes system calls.
+class TerminalRescue {
+ public:
+  TerminalRescue();
+  ~TerminalRescue();
+  TerminalRescue(const TerminalRescue&) = delete;
+  TerminalRescue& operator=(const TerminalRescue&) = delete;
+
+  /// Also send `sequence` to standard output.
+  static void SetEndSequence(const std::string& sequence);
+};
 
 /// Throws Failure(kWrongUsage) when standard input or output is no terminal.
 void RequireTerminal();

@@ -2,12 +2,11 @@
 
 #include <utility>
 
-#include "client/monitor/columns.h"
-#include "client/monitor/frame.h"
 #include "client/monitor/monitor.h"
 #include "client/monitor/run_loop.h"
 #include "client/monitor/screen.h"
 #include "client/monitor/top_model.h"
+#include "client/monitor/top_text.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {

@@ -52,8 +52,8 @@ class Printer {
   static std::string BoldHeader(const std::string& line);
   void Text(const std::vector<std::string>& lines, Paint paint = BoldHeader) const;
 
-  const Format format_;
-  const Color color_;
+  Format format_;
+  Color color_;
 };
 
 /// To be called first. Occupies standard descriptors that are closed, so that no socket or file

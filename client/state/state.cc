@@ -1,79 +1,79 @@
 #include "client/state/state.h"
 
 #include <algorithm>
-#include <concepts>
+#include <type_traits>
+#include <utility>
 
 namespace kvox::client {
 namespace {
 
-std::string Text(bool value) {
-  return value ? "true" : "false";
-}
-template <std::integral Number>
-std::string Text(Number value) {
-  return std::to_string(value);
-}
-std::string Text(const std::string& name) {
+using Text = std::optional<std::string>;
+
+/// Names and values for people; a setting that is not given has none.
+using Properties = std::vector<std::pair<const char*, Text>>;
+
+Text TextOf(const std::string& name) {
   return name.empty() ? "none" : name;
 }
+template <typename T>
+Text TextOf(const std::optional<T>& value) {
+  if (!value) return std::nullopt;
+  if constexpr (std::is_same_v<T, bool>) return *value ? "true" : "false";
+  return std::to_string(*value);
+}
 
-/// Collects the properties in which one object differs.
-class Comparison {
- public:
-  /// `absent` stands for settings that the object does not have now.
-  Comparison(std::string object, std::vector<Difference>& found, const char* absent = "unknown")
-      : object_(std::move(object)), found_(found), absent_(absent) {}
+Properties PropertiesOf(const ProcessorState& processor) {
+  return {{"type", TextOf(processor.type)},
+          {"passthrough_mode", TextOf(processor.passthrough_mode)},
+          {"test_mode", TextOf(processor.test_mode)},
+          {"block_length_frames", TextOf(processor.block_length_frames)},
+          {"jitter_buffer_frames", TextOf(processor.jitter_buffer_frames)},
+          {"input", TextOf(processor.input)},
+          {"output", TextOf(processor.output)},
+          {"enabled", TextOf(std::optional(processor.enabled))}};
+}
 
-  template <typename T>
-  void Compare(const char* property, const T& wanted, const T& actual) {
-    if (wanted != actual) found_.push_back({object_, property, Text(wanted), Text(actual)});
+Properties PropertiesOf(const TapState& tap) {
+  return {{"block_length_frames", TextOf(tap.block_length_frames)},
+          {"tapout", TextOf(tap.tapout)},
+          {"inject", TextOf(tap.inject)},
+          {"enabled", TextOf(std::optional(tap.enabled))}};
+}
+
+Properties Enabled(bool enabled) {
+  return {{"enabled", TextOf(std::optional(enabled))}};
+}
+
+/// Adds the properties that differ, of those that are wanted. `unknown` stands for settings that
+/// the object does not have now.
+void Compare(const std::string& object, const Properties& wanted, const Properties& actual,
+             std::vector<Difference>& found, const char* unknown = "unknown") {
+  for (size_t i = 0; i < wanted.size(); ++i) {
+    const auto& [property, value] = wanted[i];
+    const Text& now = actual[i].second;
+    if (value && value != now) found.push_back({object, property, *value, now.value_or(unknown)});
   }
-  template <typename T>
-  void Compare(const char* property, const std::optional<T>& wanted,
-               const std::optional<T>& actual) {
-    if (!wanted || wanted == actual) return;
-    found_.push_back({object_, property, Text(*wanted), actual ? Text(*actual) : absent_});
-  }
-
- private:
-  const std::string object_;
-  std::vector<Difference>& found_;
-  const char* const absent_;
-};
+}
 
 void CompareProcessors(const State& wanted, const State& actual, std::vector<Difference>& found) {
   for (const auto& [id, processor] : wanted.processors) {
-    const auto found_now = actual.processors.find(id);
-    const bool is_there = found_now != actual.processors.end();
-    const ProcessorState now = is_there ? found_now->second : ProcessorState();
-    Comparison comparison("processor " + id, found, is_there ? "unknown" : "none");
-    comparison.Compare("type", processor.type, now.type);
-    comparison.Compare("passthrough_mode", processor.passthrough_mode, now.passthrough_mode);
-    comparison.Compare("test_mode", processor.test_mode, now.test_mode);
-    comparison.Compare("block_length_frames", processor.block_length_frames,
-                       now.block_length_frames);
-    comparison.Compare("jitter_buffer_frames", processor.jitter_buffer_frames,
-                       now.jitter_buffer_frames);
-    comparison.Compare("input", processor.input, now.input);
-    comparison.Compare("output", processor.output, now.output);
-    comparison.Compare("enabled", processor.enabled, now.enabled);
+    const auto now = actual.processors.find(id);
+    const bool exists = now != actual.processors.end();
+    Compare("processor " + id, PropertiesOf(processor),
+            PropertiesOf(exists ? now->second : ProcessorState()), found,
+            exists ? "unknown" : "none");
   }
   for (const auto& [id, processor] : actual.processors) {
     if (wanted.processors.contains(id)) continue;
-    Comparison("processor " + id, found).Compare("type", std::string(), processor.type);
+    found.push_back({"processor " + id, "type", "none", processor.type});
   }
 }
 
 void CompareTaps(const State& wanted, const State& actual, std::vector<Difference>& found) {
   for (const auto& [name, tap] : wanted.taps) {
     const auto now = actual.taps.find(name);
-    const TapState absent;
-    const TapState& there = now == actual.taps.end() ? absent : now->second;
-    Comparison comparison("tap point " + name, found);
-    comparison.Compare("block_length_frames", tap.block_length_frames, there.block_length_frames);
-    comparison.Compare("tapout", tap.tapout, there.tapout);
-    comparison.Compare("inject", tap.inject, there.inject);
-    comparison.Compare("enabled", tap.enabled, there.enabled);
+    Compare("tap point " + name, PropertiesOf(tap),
+            PropertiesOf(now == actual.taps.end() ? TapState() : now->second), found);
   }
 }
 
@@ -148,8 +148,8 @@ State Complete(State wanted, const State& actual, bool keep) {
 
 std::vector<Difference> Differences(const State& wanted, const State& actual) {
   std::vector<Difference> found;
-  Comparison(std::string("use case ") + kTelephony, found)
-      .Compare("enabled", wanted.telephony, actual.telephony);
+  Compare(std::string("use case ") + kTelephony, Enabled(wanted.telephony),
+          Enabled(actual.telephony), found);
   CompareProcessors(wanted, actual, found);
   CompareTaps(wanted, actual, found);
   std::set<std::string> buffers = wanted.running;
@@ -157,8 +157,8 @@ std::vector<Difference> Differences(const State& wanted, const State& actual) {
   for (const std::string& name : buffers) {
     // An inject buffer cannot be stopped alone, and without a producer it does nothing.
     if (!IsTapOut(name) && !wanted.running.contains(name)) continue;
-    Comparison("buffer " + name, found)
-        .Compare("enabled", wanted.running.contains(name), actual.running.contains(name));
+    Compare("buffer " + name, Enabled(wanted.running.contains(name)),
+            Enabled(actual.running.contains(name)), found);
   }
   return found;
 }

@@ -63,24 +63,17 @@ const char* Notes() {
 
 std::vector<Verb> AudioVerbs() {
   return {
-      {"record",
-       "Record the audio that a relay gives its client to a WAV file, until Ctrl-C",
-       RunRecord,
-       "record art0 downlink.wav",
-       {{"PROCESSOR", Kind::kProcessor, "Relay, such as art0"},
-        {"FILE", Kind::kFile, "WAV file to write"}},
-       {{"--seconds", "SECONDS", Kind::kNumber, "End after so much audio"}},
-       Notes,
+      {"record", "Record the audio that a relay gives its client to a WAV file, until Ctrl-C",
+       RunRecord, "record art0 downlink.wav",
+       Arguments{{"PROCESSOR", Kind::kProcessor, "Relay, such as art0"},
+                 {"FILE", Kind::kFile, "WAV file to write"}},
+       Options{{"--seconds", "SECONDS", Kind::kNumber, "End after so much audio"}}, Notes,
        VerbKind::kStream},
-      {"play",
-       "Play a sound file into a relay, to its end or until Ctrl-C",
-       RunPlay,
+      {"play", "Play a sound file into a relay, to its end or until Ctrl-C", RunPlay,
        "play art1 speech.wav",
-       {{"PROCESSOR", Kind::kProcessor, "Relay, such as art1"},
-        {"FILE", Kind::kFile, "Sound file of the relay's sample rate"}},
-       {},
-       Notes,
-       VerbKind::kStream},
+       Arguments{{"PROCESSOR", Kind::kProcessor, "Relay, such as art1"},
+                 {"FILE", Kind::kFile, "Sound file of the relay's sample rate"}},
+       Options{}, Notes, VerbKind::kStream},
   };
 }
 

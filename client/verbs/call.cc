@@ -57,22 +57,12 @@ const char* CompletionNotes() {
 
 std::vector<Verb> CallVerbs() {
   return {
-      {"call",
-       "Call one method of the interface",
-       Call,
-       "call Connect pass 0 0",
-       {{"METHOD", Kind::kMethod, "The method, then its arguments", Arity::kAnyNumber}},
-       {},
-       CallNotes,
-       VerbKind::kRawCall},
-      {"completion",
-       "Print a script that lets a shell complete the words of kvoxctl",
-       Completion,
-       "completion bash",
-       {{"SHELL", Kind::kChoice, "bash", Arity::kOnce, {"bash"}}},
-       {},
-       CompletionNotes,
-       VerbKind::kLocal},
+      {"call", "Call one method of the interface", Call, "call Connect pass 0 0",
+       Arguments{{"METHOD", Kind::kMethod, "The method, then its arguments", Arity::kAnyNumber}},
+       Options{}, CallNotes, VerbKind::kRawCall},
+      {"completion", "Print a script that lets a shell complete the words of kvoxctl", Completion,
+       "completion bash", Arguments{{"SHELL", Kind::kChoice, "bash", Arity::kOnce, {"bash"}}},
+       Options{}, CompletionNotes, VerbKind::kLocal},
   };
 }
 

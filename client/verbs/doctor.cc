@@ -76,13 +76,10 @@ std::vector<Verb> DoctorVerbs() {
       {"ping", "See whether the daemon answers, and how fast", Ping, "ping"},
       {"doctor",
        "Find what keeps the daemon, its devices or its clients from working, and how to fix it",
-       Doctor,
-       "doctor",
-       {},
-       {{"--captures", "DIRECTORY", Kind::kFile,
-         "Where captures are to go (/tmp, or the service's home)"}},
-       Notes,
-       VerbKind::kCheck},
+       Doctor, "doctor", Arguments{},
+       Options{{"--captures", "DIRECTORY", Kind::kFile,
+                "Where captures are to go (/tmp, or the service's home)"}},
+       Notes, VerbKind::kCheck},
   };
 }
 

@@ -1,6 +1,6 @@
 #include "client/monitor/monitor.h"
 
-#include "client/monitor/columns.h"
+#include "client/monitor/top_text.h"
 
 namespace kvox::client {
 namespace {
@@ -35,25 +35,20 @@ std::vector<Verb> MonitorVerbs() {
   const Option interval = {"--interval", "SECONDS", Kind::kNumber,
                            "Time between two refreshes, 0.1 to 3600 (1)"};
   return {
-      {"top",
-       "Show processors and buffers, refreshed continuously",
-       Top,
-       "top --batch -n 1 --measure",
-       {},
-       {{"--measure", nullptr, Kind::kText, "Also show times; this clears them in the daemon"},
-        {"--sort", "COLUMN", Kind::kChoice, "Sort by a column, such as name, state or share",
-         ColumnNames()},
-        {"--reverse", nullptr, Kind::kText, "Reverse the order"},
-        interval,
-        {"--batch", nullptr, Kind::kText, "Print plain rows; needs no terminal"},
-        {"-n", "COUNT", Kind::kNumber, "End after so many refreshes"}},
+      {"top", "Show processors and buffers, refreshed continuously", Top,
+       "top --batch -n 1 --measure", Arguments{},
+       Options{
+           {"--measure", nullptr, Kind::kText, "Also show times; this clears them in the daemon"},
+           {"--sort", "COLUMN", Kind::kChoice, "Sort by a column, such as name, state or share",
+            ColumnNames()},
+           {"--reverse", nullptr, Kind::kText, "Reverse the order"},
+           interval,
+           {"--batch", nullptr, Kind::kText, "Print plain rows; needs no terminal"},
+           {"-n", "COUNT", Kind::kNumber, "End after so many refreshes"}},
        TopNotes},
-      {"watch",
-       "Print a line for every change of processors, buffers, tap points and daemon",
-       Watch,
-       "watch --json --timeout 60",
-       {},
-       {interval, {"--count", "COUNT", Kind::kNumber, "End after so many changes"}},
+      {"watch", "Print a line for every change of processors, buffers, tap points and daemon",
+       Watch, "watch --json --timeout 60", Arguments{},
+       Options{interval, {"--count", "COUNT", Kind::kNumber, "End after so many changes"}},
        WatchNotes},
   };
 }

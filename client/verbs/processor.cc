@@ -47,9 +47,10 @@ int Info(const Context& context) {
   return Report(context, "processor " + id.name, result, record);
 }
 
-int Switch(const Context& context, bool on) {
+template <bool kOn>
+int Switch(const Context& context) {
   const ProcessorId id = ProcessorOf(context);
-  const auto result = context.daemon.Call("ProcessorEnable", &IKvox::ProcessorEnable, id.id, on);
+  const auto result = context.daemon.Call("ProcessorEnable", &IKvox::ProcessorEnable, id.id, kOn);
   return Report(context, "processor " + id.name, result, {{"id", id.name}});
 }
 
@@ -67,32 +68,21 @@ std::vector<Verb> ProcessorVerbs() {
       {"processor list", "List the processors", List, "processor list"},
       {"processor types", "List the types that processors can have", Types, "processor types"},
       {"processor new",
-       "Make a processor, disabled and unconnected; one of the same name is replaced",
-       New,
+       "Make a processor, disabled and unconnected; one of the same name is replaced", New,
        "processor new art0 arel",
-       {{"ID", Kind::kText, "Four printable characters, or their number"},
-        {"TYPE", Kind::kProcessorType, "Its type; the id when not given", Arity::kOptional}}},
-      {"processor delete", "Delete a processor", Delete, "processor delete pass", {kProcessor}},
-      {"processor info",
-       "Show what a processor is and holds",
-       Info,
-       "--json processor info pass",
-       {kProcessor}},
-      {"processor enable",
-       "Let a processor work",
-       [](const Context& context) { return Switch(context, true); },
-       "processor enable pass",
-       {kProcessor}},
-      {"processor disable",
-       "Stop a processor's work",
-       [](const Context& context) { return Switch(context, false); },
-       "processor disable pass",
-       {kProcessor}},
-      {"processor status",
-       "Show whether a processor is enabled",
-       Status,
-       "processor status pass",
-       {kProcessor}},
+       Arguments{
+           {"ID", Kind::kText, "Four printable characters, or their number"},
+           {"TYPE", Kind::kProcessorType, "Its type; the id when not given", Arity::kOptional}}},
+      {"processor delete", "Delete a processor", Delete, "processor delete pass",
+       Arguments{kProcessor}},
+      {"processor info", "Show what a processor is and holds", Info, "--json processor info pass",
+       Arguments{kProcessor}},
+      {"processor enable", "Let a processor work", Switch<true>, "processor enable pass",
+       Arguments{kProcessor}},
+      {"processor disable", "Stop a processor's work", Switch<false>, "processor disable pass",
+       Arguments{kProcessor}},
+      {"processor status", "Show whether a processor is enabled", Status, "processor status pass",
+       Arguments{kProcessor}},
   };
 }
 

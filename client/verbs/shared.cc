@@ -4,15 +4,6 @@ namespace kvox::client {
 
 using Status = IKvox::CommandStatus;
 
-int32_t RampMs(const Input& in) {
-  return in.Number("--ramp", 0, 3'600'000, 0);
-}
-
-const char* GainNotes() {
-  return "kvoxd knows the command, but sets no gain: it refuses for every tap point and use case.\n"
-         "Gains are the co-processor's own business.\n";
-}
-
 Json RecordOf(const Processor& processor) {
   Json record = {{"id", processor.id},
                  {"type", processor.type},

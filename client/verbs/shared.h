@@ -20,9 +20,14 @@ inline const Option kRamp = {"--ramp", "MS", Kind::kNumber,
                              "How long the change takes, 0 to 3600000 ms (0)"};
 
 /// What was given for kRamp. Throws UsageError.
-int32_t RampMs(const Input& in);
+inline int32_t RampMs(const Input& in) {
+  return in.Number("--ramp", 0, 3'600'000, 0);
+}
 
-const char* GainNotes();
+inline const char* GainNotes() {
+  return "kvoxd knows the command, but sets no gain: it refuses for every tap point and use case.\n"
+         "Gains are up to the co-processor.\n";
+}
 
 /// The next step after every refusal of a gain.
 inline constexpr char kNoGains[] = "kvoxd sets no gain; set it where the audio is made or played";

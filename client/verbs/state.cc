@@ -68,13 +68,12 @@ int ReportOutcome(const Context& context, const std::string& origin, const Outco
   context.out.List(lines, "steps", records);
   ReportSilence(context, outcome.silent_cores);
   const std::string next = "; 'kvoxctl apply --dry-run' shows what differs";
-  if (!outcome.left.empty()) {
-    context.out.Message(Describe(outcome.left.front()) + ": " + outcome.cause +
-                        "; the steps before it are done, the others are not" + next);
-    return outcome.status;
-  }
   if (outcome.status != kDone) {
-    context.out.Message(outcome.cause + next);
+    const std::string failed = outcome.left.empty()
+                                   ? outcome.cause
+                                   : Describe(outcome.left.front()) + ": " + outcome.cause +
+                                         "; the steps before it are done, the others are not";
+    context.out.Message(failed + next);
     return outcome.status;
   }
   if (outcome.differences.empty()) return kDone;
@@ -128,23 +127,15 @@ const char* FileNotes() {
 
 std::vector<Verb> StateVerbs() {
   return {
-      {"export",
-       "Write what the daemon is set to do as TOML, for apply",
-       Export,
-       "export",
-       {},
-       {},
-       FileNotes},
-      {"apply",
-       "Make the daemon match a file that export has written",
-       ApplyFile,
+      {"export", "Write what the daemon is set to do as TOML, for apply", Export, "export",
+       Arguments{}, Options{}, FileNotes},
+      {"apply", "Make the daemon match a file that export has written", ApplyFile,
        "apply --dry-run phone.toml",
-       {{"FILE", Kind::kFile, "The file, or - for standard input"}},
-       {{"--dry-run", nullptr, Kind::kText,
-         "Only show what differs, wanted and actual; exit status 1 when something does"},
-        {"--keep", nullptr, Kind::kText, "Leave what the file does not name as it is"}},
-       ApplyNotes,
-       VerbKind::kApply},
+       Arguments{{"FILE", Kind::kFile, "The file, or - for standard input"}},
+       Options{{"--dry-run", nullptr, Kind::kText,
+                "Only show what differs, wanted and actual; exit status 1 when something does"},
+               {"--keep", nullptr, Kind::kText, "Leave what the file does not name as it is"}},
+       ApplyNotes, VerbKind::kApply},
   };
 }
 

@@ -40,8 +40,9 @@ int Info(const Context& context) {
                 rows.empty() ? Json::object() : RecordOf(rows.front()));
 }
 
-int Switch(const Context& context, bool on) {
-  return OnTap(kNextStep, context, "TapEnable", &IKvox::TapEnable, on);
+template <bool kOn>
+int Switch(const Context& context) {
+  return OnTap(kNextStep, context, "TapEnable", &IKvox::TapEnable, kOn);
 }
 
 int Connect(const Context& context) {
@@ -75,50 +76,25 @@ int SetGain(const Context& context) {
 
 std::vector<Verb> TapVerbs() {
   return {
-      {"tap list",
-       "List the tap points, and which buffers they are bound to",
-       List,
-       "tap list 2",
-       {{"CORE", Kind::kCore, "Core of the co-processor; 2, 3 and 4 when not given",
-         Arity::kAnyNumber}}},
-      {"tap info", "Show what a tap point is and is bound to", Info, "tap info imic.0", {kTap}},
-      {"tap enable",
-       "Let audio flow at a tap point",
-       [](const Context& context) { return Switch(context, true); },
-       "tap enable 2:imic.0",
-       {kTap}},
-      {"tap disable",
-       "Stop the audio of a tap point",
-       [](const Context& context) { return Switch(context, false); },
-       "tap disable imic.0",
-       {kTap}},
-      {"tap connect",
-       "Bind a tap point to the buffers it streams into and takes audio from",
-       Connect,
-       "tap connect genp.0 tapout0 inject0",
-       {kTap, kTapOut, kInject}},
-      {"tap disconnect",
-       "Unbind a tap point from all buffers",
-       Disconnect,
-       "tap disconnect genp.0",
-       {kTap}},
-      {"tap block-length",
-       "Set how many frames a packet of a tap point holds",
-       SetBlockLength,
-       "tap block-length imic.0 960",
-       {kTap, {"FRAMES", Kind::kNumber, "At least 1"}}},
-      {"tap jitter-buffer",
-       "Set how many frames a tap point holds back",
-       SetJitterBuffer,
-       "tap jitter-buffer genp.0 960",
-       {kTap, {"FRAMES", Kind::kNumber, "0 to 65534"}}},
-      {"tap gain",
-       "Set a tap point's gain",
-       SetGain,
-       "tap gain imic.0 0.5 --ramp 20",
-       {kTap, kGain},
-       {kRamp},
-       GainNotes},
+      {"tap list", "List the tap points, and which buffers they are bound to", List, "tap list 2",
+       Arguments{{"CORE", Kind::kCore, "Core of the co-processor; 2, 3 and 4 when not given",
+                  Arity::kAnyNumber}}},
+      {"tap info", "Show what a tap point is and is bound to", Info, "tap info imic.0",
+       Arguments{kTap}},
+      {"tap enable", "Let audio flow at a tap point", Switch<true>, "tap enable 2:imic.0",
+       Arguments{kTap}},
+      {"tap disable", "Stop the audio of a tap point", Switch<false>, "tap disable imic.0",
+       Arguments{kTap}},
+      {"tap connect", "Bind a tap point to the buffers it streams into and takes audio from",
+       Connect, "tap connect genp.0 tapout0 inject0", Arguments{kTap, kTapOut, kInject}},
+      {"tap disconnect", "Unbind a tap point from all buffers", Disconnect, "tap disconnect genp.0",
+       Arguments{kTap}},
+      {"tap block-length", "Set how many frames a packet of a tap point holds", SetBlockLength,
+       "tap block-length imic.0 960", Arguments{kTap, {"FRAMES", Kind::kNumber, "At least 1"}}},
+      {"tap jitter-buffer", "Set how many frames a tap point holds back", SetJitterBuffer,
+       "tap jitter-buffer genp.0 960", Arguments{kTap, {"FRAMES", Kind::kNumber, "0 to 65534"}}},
+      {"tap gain", "Set a tap point's gain", SetGain, "tap gain imic.0 0.5 --ramp 20",
+       Arguments{kTap, kGain}, Options{kRamp}, GainNotes},
   };
 }
 

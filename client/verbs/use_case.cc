@@ -16,9 +16,10 @@ int List(const Context& context) {
   return kDone;
 }
 
-int Switch(const Context& context, bool on) {
+template <bool kOn>
+int Switch(const Context& context) {
   const std::string name = UseCaseNamed(context.daemon, context.in.Get("USECASE"));
-  const auto result = context.daemon.Call("Enable", &IKvox::Enable, name, on);
+  const auto result = context.daemon.Call("Enable", &IKvox::Enable, name, kOn);
   return Report(context, "use case " + name, result, {{"name", name}},
                 "'kvoxctl graph' and 'kvoxctl tap list' show what it needs");
 }
@@ -50,28 +51,14 @@ int SetGain(const Context& context) {
 std::vector<Verb> UseCaseVerbs() {
   return {
       {"usecase list", "List the use cases", List, "usecase list"},
-      {"usecase enable",
-       "Set up all that a use case needs",
-       [](const Context& context) { return Switch(context, true); },
-       "usecase enable AREL_TELE",
-       {kUseCase}},
-      {"usecase disable",
-       "Take down what a use case has set up",
-       [](const Context& context) { return Switch(context, false); },
-       "usecase disable AREL_TELE",
-       {kUseCase}},
-      {"usecase status",
-       "Show whether a use case is enabled; not every one knows",
-       Status,
-       "usecase status AREL_TELE",
-       {kUseCase}},
-      {"usecase gain",
-       "Set a use case's gain",
-       SetGain,
-       "usecase gain MIC_IN 0.5 --ramp 20",
-       {kUseCase, kGain},
-       {kRamp},
-       GainNotes},
+      {"usecase enable", "Set up all that a use case needs", Switch<true>,
+       "usecase enable AREL_TELE", Arguments{kUseCase}},
+      {"usecase disable", "Take down what a use case has set up", Switch<false>,
+       "usecase disable AREL_TELE", Arguments{kUseCase}},
+      {"usecase status", "Show whether a use case is enabled; not every one knows", Status,
+       "usecase status AREL_TELE", Arguments{kUseCase}},
+      {"usecase gain", "Set a use case's gain", SetGain, "usecase gain MIC_IN 0.5 --ramp 20",
+       Arguments{kUseCase, kGain}, Options{kRamp}, GainNotes},
   };
 }
 

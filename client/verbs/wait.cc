@@ -83,40 +83,18 @@ int ForProcessor(const Context& context) {
 }  // namespace
 
 std::vector<Verb> WaitVerbs() {
-  return {
-      {"wait daemon",
-       "Wait until the daemon answers",
-       ForDaemon,
-       "--timeout 10 wait daemon",
-       {},
-       {},
-       nullptr,
-       VerbKind::kWait},
-      {"wait buffer",
-       "Wait until a buffer exists",
-       ForBuffer,
-       "wait buffer tapout0 --timeout 10",
-       {{"BUFFER", Kind::kBuffer, "Buffer by name such as tapout0"}},
-       {},
-       nullptr,
-       VerbKind::kWait},
-      {"wait tap",
-       "Wait until the co-processor has a tap point",
-       ForTap,
-       "wait tap imic.0 --timeout 10",
-       {kTap},
-       {},
-       nullptr,
-       VerbKind::kWait},
-      {"wait processor",
-       "Wait until a processor exists",
-       ForProcessor,
-       "wait processor art0 --enabled --timeout 10",
-       {kProcessor},
-       {{"--enabled", nullptr, Kind::kText, "And until it is enabled"}},
-       nullptr,
-       VerbKind::kWait},
+  std::vector<Verb> verbs = {
+      {"wait daemon", "Wait until the daemon answers", ForDaemon, "--timeout 10 wait daemon"},
+      {"wait buffer", "Wait until a buffer exists", ForBuffer, "wait buffer tapout0 --timeout 10",
+       Arguments{{"BUFFER", Kind::kBuffer, "Buffer by name such as tapout0"}}},
+      {"wait tap", "Wait until the co-processor has a tap point", ForTap,
+       "wait tap imic.0 --timeout 10", Arguments{kTap}},
+      {"wait processor", "Wait until a processor exists", ForProcessor,
+       "wait processor art0 --enabled --timeout 10", Arguments{kProcessor},
+       Options{{"--enabled", nullptr, Kind::kText, "And until it is enabled"}}},
   };
+  for (Verb& verb : verbs) verb.kind = VerbKind::kWait;
+  return verbs;
 }
 
 }  // namespace kvox::client

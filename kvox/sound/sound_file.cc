@@ -16,11 +16,11 @@
 namespace kvox {
 namespace {
 
-#define KVOX_SNDFILE_FUNCTIONS(F)                                                     \
-  F(open_fd)                                                                          \
-  F(close)                                                                            \
-  F(command) F(strerror) F(seek) F(write_raw) F(read_raw) F(readf_int) F(readf_float) \
-      F(readf_double)
+// clang-format off
+#define KVOX_SNDFILE_FUNCTIONS(F)                                                       \
+  F(open_fd) F(close) F(command) F(strerror) F(seek) F(write_raw) F(read_raw)           \
+  F(readf_int) F(readf_float) F(readf_double)
+// clang-format on
 
 /// The functions we use, with the library's own types.
 struct Library {
@@ -129,7 +129,7 @@ SoundWriter::SoundWriter(const std::string& path, const SoundFormat& format) : p
   info.channels = static_cast<int>(format.channels);
   info.format = SF_FORMAT_WAV | subtype;
   if (ftruncate(fd, 0) == 0) file_.reset(library.open_fd(fd, SFM_WRITE, &info, SF_TRUE));
-  if (!file_) Fail(path, "cannot be begun", library.strerror(nullptr));
+  if (!file_) Fail(path, "cannot be created", library.strerror(nullptr));
   library.command(file_.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
 }
 

@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "client/command_line/command_line.h"
-#include "client/completion/candidates.h"
+#include "client/completion/completion.h"
 
 namespace kvox::client {
 namespace {

@@ -2,9 +2,9 @@
 #include <gtest/gtest.h>
 
 #include "client/monitor/diff.h"
-#include "client/monitor/frame.h"
-#include "client/monitor/terminal_rescue.h"
+#include "client/monitor/screen.h"
 #include "client/monitor/top_model.h"
+#include "client/monitor/top_text.h"
 
 namespace kvox::client {
 namespace {

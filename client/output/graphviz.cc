@@ -1,4 +1,4 @@
-#include "client/model/graphviz.h"
+#include "client/output/graphviz.h"
 
 #include <fmt/format.h>
 
