@@ -62,6 +62,14 @@ const std::shared_ptr<IKvox>& Daemon::kvox() {
   return kvox_;
 }
 
+double Daemon::Ping() {
+  using Clock = std::chrono::steady_clock;
+  kvox();
+  const auto begin = Clock::now();
+  Run("Ping", [](IKvox& kvox) { return kvox.Ping(); });
+  return std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
+}
+
 void Daemon::Check(const char* method, const ndk::ScopedAStatus& status) {
   if (status.isOk()) return;
   if (status.getStatus() == STATUS_FAILED_TRANSACTION) {

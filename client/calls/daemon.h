@@ -66,6 +66,9 @@ class Daemon {
     return result;
   }
 
+  /// Calls Ping, and returns the round trip in microseconds, without the time to connect.
+  double Ping();
+
   /// The longest for one reply.
   std::chrono::milliseconds wait() const { return wait_; }
   void set_wait(std::chrono::milliseconds wait) { wait_ = wait; }

@@ -14,8 +14,6 @@
 namespace kvox::client {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 /// A DaemonReply as it travels from child to parent; the error text follows.
 struct WireReply {
   int status;
@@ -27,10 +25,7 @@ DaemonReply Probe() {
   DaemonReply reply{.status = kDone};
   try {
     Daemon daemon(kNoLimit);
-    daemon.kvox();  // connects before the clock runs
-    const auto begin = Clock::now();
-    daemon.Run("Ping", [](IKvox& kvox) { return kvox.Ping(); });
-    reply.round_trip_us = std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
+    reply.round_trip_us = daemon.Ping();
     daemon.Run("getInterfaceVersion",
                [&](IKvox& kvox) { return kvox.getInterfaceVersion(&reply.version); });
   } catch (const Failure& failure) {

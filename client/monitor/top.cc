@@ -17,7 +17,7 @@ constexpr int kCtrlL = 'L' - '@';
 struct TopOptions {
   std::chrono::milliseconds interval;
   int limit = 0;  // of refreshes; 0 for none
-  std::vector<const Column*> columns;
+  Columns columns;
   bool measured = false;
   Order order = {};
 };
@@ -28,7 +28,7 @@ struct End {
   int status = kDone;
 };
 
-const Column* ReadSort(const std::string& word, const std::vector<const Column*>& columns) {
+const Column* ReadSort(const std::string& word, const Columns& columns) {
   if (word.empty()) return nullptr;
   const Column* const column = FindColumn(columns, word);
   if (column != nullptr) return column;

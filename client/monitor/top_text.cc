@@ -134,7 +134,7 @@ constexpr int kLinesForTitles = 3;
 constexpr int kLinesForKeys = 5;
 
 /// Each column's name with its key in upper case.
-std::string KeysLine(const std::vector<const Column*>& columns) {
+std::string KeysLine(const Columns& columns) {
   std::string line = "q quit  sort by";
   for (const Column* const column : columns) {
     std::string name = column->name;
@@ -151,22 +151,22 @@ int LastFirst(int rows, int page) {
 
 }  // namespace
 
-std::vector<const Column*> ColumnsOf(bool measured) {
-  std::vector<const Column*> columns;
+Columns ColumnsOf(bool measured) {
+  Columns columns;
   for (const Column& column : kColumns) {
     if (measured || !column.measured) columns.push_back(&column);
   }
   return columns;
 }
 
-const Column* FindColumn(const std::vector<const Column*>& columns, const std::string& name) {
+const Column* FindColumn(const Columns& columns, const std::string& name) {
   for (const Column* const column : columns) {
     if (column->name == name) return column;
   }
   return nullptr;
 }
 
-const Column* FindColumn(const std::vector<const Column*>& columns, int key) {
+const Column* FindColumn(const Columns& columns, int key) {
   for (const Column* const column : columns) {
     if (column->key == key) return column;
   }
@@ -183,13 +183,13 @@ void Sort(std::vector<Row>& rows, const Order& order) {
   }
 }
 
-std::string HeaderLine(const std::vector<const Column*>& columns) {
+std::string HeaderLine(const Columns& columns) {
   std::string line;
   for (const Column* const column : columns) line += Cell(*column, column->title);
   return Trimmed(std::move(line));
 }
 
-std::string LineOf(const std::vector<const Column*>& columns, const Row& row) {
+std::string LineOf(const Columns& columns, const Row& row) {
   std::string line;
   for (const Column* const column : columns) line += Cell(*column, column->text(row));
   return Trimmed(Printable(std::move(line)));
@@ -201,7 +201,7 @@ int PageOf(const Size& size) {
   return std::max(size.lines - others, 1);
 }
 
-void ApplyKey(int key, const std::vector<const Column*>& columns, int rows, int page, View& view) {
+void ApplyKey(int key, const Columns& columns, int rows, int page, View& view) {
   const struct {
     int key;
     int first;
@@ -221,8 +221,7 @@ void ApplyKey(int key, const std::vector<const Column*>& columns, int rows, int 
 }
 
 std::vector<FrameLine> DrawFrame(const std::string& head, std::vector<Row> rows,
-                                 const std::vector<const Column*>& columns, const Size& size,
-                                 View& view) {
+                                 const Columns& columns, const Size& size, View& view) {
   const int page = PageOf(size);
   const auto count = static_cast<int>(rows.size());
   view.first = std::clamp(view.first, 0, LastFirst(count, page));

@@ -19,12 +19,14 @@ struct Column {
   std::optional<double> (*number)(const Row&);  // the sort key; nullptr: the text
 };
 
+using Columns = std::vector<const Column*>;
+
 /// All columns, or those that need no measurements.
-std::vector<const Column*> ColumnsOf(bool measured);
+Columns ColumnsOf(bool measured);
 
 /// The column of that name or key; nullptr when there is none.
-const Column* FindColumn(const std::vector<const Column*>& columns, const std::string& name);
-const Column* FindColumn(const std::vector<const Column*>& columns, int key);
+const Column* FindColumn(const Columns& columns, const std::string& name);
+const Column* FindColumn(const Columns& columns, int key);
 
 /// The order of rows.
 struct Order {
@@ -38,8 +40,8 @@ void Sort(std::vector<Row>& rows, const Order& order);
 
 /// The columns' titles and a row's texts, aligned; characters that a terminal might not show, or
 /// might interpret, as '?'.
-std::string HeaderLine(const std::vector<const Column*>& columns);
-std::string LineOf(const std::vector<const Column*>& columns, const Row& row);
+std::string HeaderLine(const Columns& columns);
+std::string LineOf(const Columns& columns, const Row& row);
 
 // The whole screen.
 
@@ -66,7 +68,7 @@ enum SpecialKey { kKeyUp = 1000, kKeyDown, kKeyPageUp, kKeyPageDown, kKeyHome, k
 
 /// Handles a key: a column's key, in either case, sorts by it and, pressed again, reverses the
 /// order; others scroll through `rows` rows, of which a page shows `page`. Unknown keys do nothing.
-void ApplyKey(int key, const std::vector<const Column*>& columns, int rows, int page, View& view);
+void ApplyKey(int key, const Columns& columns, int rows, int page, View& view);
 
 /// How many rows a screen of that size shows; at least one.
 int PageOf(const Size& size);
@@ -75,7 +77,6 @@ int PageOf(const Size& size);
 /// from view.first on, and the keys. A small screen omits the keys, then the titles, then the head
 /// line. Clamps view.first to the rows.
 std::vector<FrameLine> DrawFrame(const std::string& head, std::vector<Row> rows,
-                                 const std::vector<const Column*>& columns, const Size& size,
-                                 View& view);
+                                 const Columns& columns, const Size& size, View& view);
 
 }  // namespace kvox::client

@@ -20,12 +20,7 @@ double InTenths(double number) {
 }
 
 int Ping(const Context& context) {
-  using Clock = std::chrono::steady_clock;
-  context.daemon.kvox();  // connects before the clock runs
-  const auto begin = Clock::now();
-  context.daemon.Run("Ping", [](IKvox& kvox) { return kvox.Ping(); });
-  const double round_trip_us =
-      std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
+  const double round_trip_us = context.daemon.Ping();
   context.out.One({FormatText<64>("kvoxd answers in %.1f us", round_trip_us)},
                   Json::object({{"round_trip_us", InTenths(round_trip_us)}}));
   return kDone;

@@ -72,9 +72,7 @@ ParamValue ReadValue(const std::string& word) {
 }
 
 int List(const Context& context) {
-  const auto names = QueryParameters(context.daemon);
-  context.out.List(names.lines, "parameters", RecordsOf("name", names.rows));
-  return kDone;
+  return PrintNames(context, "parameters", "name", QueryParameters(context.daemon));
 }
 
 /// The elements to show; all where none is named.

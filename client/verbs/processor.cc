@@ -8,9 +8,7 @@ int List(const Context& context) {
 }
 
 int Types(const Context& context) {
-  const auto types = QueryTypes(context.daemon);
-  context.out.List(types.lines, "types", RecordsOf("type", types.rows));
-  return kDone;
+  return PrintNames(context, "types", "type", QueryTypes(context.daemon));
 }
 
 int New(const Context& context) {

@@ -57,10 +57,12 @@ Json RecordOf(const Path& path) {
           {"sink_enabled", path.sink_enabled}};
 }
 
-Json RecordsOf(const char* key, const std::vector<std::string>& names) {
+int PrintNames(const Context& context, const char* key, const char* field,
+               const TableReply<std::string>& names) {
   Json records = Json::array();
-  for (const std::string& name : names) records.push_back(Json::object({{key, name}}));
-  return records;
+  for (const std::string& name : names.rows) records.push_back(Json::object({{field, name}}));
+  context.out.List(names.lines, key, records);
+  return kDone;
 }
 
 void CheckNames(const Context& context, const IKvox::CommandResult& result) {

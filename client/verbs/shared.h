@@ -46,15 +46,16 @@ Json RecordsOf(const std::vector<T>& items) {
   return records;
 }
 
-/// A list of names as records with one field.
-Json RecordsOf(const char* key, const std::vector<std::string>& names);
-
 /// Prints a table and returns kDone.
 template <typename T>
 int PrintTable(const Context& context, const char* key, const TableReply<T>& table) {
   context.out.List(table.lines, key, RecordsOf(table.rows), table.unparsed);
   return kDone;
 }
+
+/// Prints names as records with one field and returns kDone.
+int PrintNames(const Context& context, const char* key, const char* field,
+               const TableReply<std::string>& names);
 
 /// The processor that the argument PROCESSOR names; it may not exist.
 inline ProcessorId ProcessorOf(const Context& context) {

@@ -52,8 +52,7 @@ int WaitFor(const Context& context, const std::string& what, Check check) {
 }
 
 int ForDaemon(const Context& context) {
-  return WaitFor(context, "an answer of kvoxd",
-                 [&] { context.daemon.Run("Ping", [](IKvox& kvox) { return kvox.Ping(); }); });
+  return WaitFor(context, "an answer of kvoxd", [&] { context.daemon.Ping(); });
 }
 
 int ForBuffer(const Context& context) {

@@ -1,76 +1,17 @@
+#include "kvox/sound/sound_file.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <numeric>
+#include <algorithm>
 #include <vector>
 
-#include "client/audio/block_queue.h"
-#include "client/audio/relay_session.h"
-#include "kvox/sound/sound_file.h"
 #include "tests/support/temp_directory.h"
 
-namespace kvox::client {
+namespace kvox {
 namespace {
 
 using ::testing::HasSubstr;
-
-constexpr int64_t kMs = 1'000'000;
-
-TEST(BlockClock, CountsGapsAndForgivesJitterAndDrift) {
-  BlockClock clock;
-  const auto arrive = [&](std::initializer_list<int> times_ms) {
-    for (const int ms : times_ms) clock.Arrived(ms * kMs, 10 * kMs);
-    return clock.missed();
-  };
-  EXPECT_EQ(arrive({1000, 1010, 1026, 1030, 1036, 1050}), 0u) << "late, then early again";
-  EXPECT_EQ(arrive({1070, 1080}), 1u);
-  EXPECT_EQ(arrive({1120, 1130}), 4u);
-  EXPECT_EQ(arrive({1149, 1150, 1160}), 4u) << "it came after all";
-  int64_t now = 1160 * kMs;
-  for (int i = 0; i < 5000; ++i) clock.Arrived(now += 10 * kMs + 2'000, 10 * kMs);
-  EXPECT_EQ(clock.missed(), 4u) << "a slower clock is no gap";
-  clock.Arrived(now + 1000 * kMs, 0);
-  EXPECT_EQ(clock.missed(), 4u) << "a block without a frame tells nothing";
-}
-
-TEST(FormatOf, ReadsCodesAndRefusesUnknownOnes) {
-  IKvox::AudioPacket packet;
-  packet.sampleRate = 5;
-  packet.format = 1;
-  packet.bitsPerSample = 3;
-  packet.numChannels = 2;
-  const auto format = FormatOf(packet);
-  ASSERT_TRUE(format);
-  EXPECT_EQ(Describe(*format), "48000 Hz, 2 channels, float32");
-  packet.data.resize(7);
-  EXPECT_EQ(BlockNs(packet), 0) << "less than a frame";
-  packet.data.resize(480 * 8);
-  EXPECT_EQ(BlockNs(packet), 10 * kMs);
-  for (int8_t IKvox::AudioPacket::*code :
-       {&IKvox::AudioPacket::sampleRate, &IKvox::AudioPacket::format,
-        &IKvox::AudioPacket::bitsPerSample}) {
-    IKvox::AudioPacket unknown = packet;
-    unknown.*code = -1;
-    EXPECT_FALSE(FormatOf(unknown));
-  }
-}
-
-TEST(BlockQueue, HoldsSixteenSecondsAndCountsTheRest) {
-  BlockQueue queue;
-  BlockQueue::Block block;
-  block.sampleRate = 5;
-  block.numChannels = 1;
-  block.bitsPerSample = 1;
-  for (const size_t frames : {4800u, 0u}) {
-    const size_t fit = frames == 0 ? 1600 : 160;
-    const uint64_t missed_before = queue.missed();
-    block.data.resize(frames * 2);
-    for (size_t i = 0; i < fit + 3; ++i) queue.Push(block, static_cast<int64_t>(i) * 100 * kMs);
-    EXPECT_EQ(queue.missed(), missed_before + 3);
-    EXPECT_EQ(queue.TakeAll().size(), fit);
-  }
-}
 
 class SoundFileTest : public ::testing::Test {
  protected:
@@ -83,6 +24,18 @@ class SoundFileTest : public ::testing::Test {
     std::vector<std::byte> bytes(size, std::byte{0x55});
     read_ = reader.Read(bytes);
     return bytes;
+  }
+
+  /// Samples of one type through a mono file of that type, read as another.
+  template <typename To, typename From>
+  std::vector<To> Convert(const SoundFormat& from, const std::vector<From>& samples,
+                          const SoundFormat& to) {
+    SoundWriter(directory_ / "a.wav", from).Write(std::as_bytes(std::span(samples)));
+    SoundReader reader(directory_ / "a.wav");
+    reader.ConvertTo(to);
+    std::vector<To> converted(samples.size());
+    reader.Read(std::as_writable_bytes(std::span(converted)));
+    return converted;
   }
 
   static std::vector<std::byte> Counting(size_t size) {
@@ -104,6 +57,33 @@ TEST_F(SoundFileTest, EveryFormatComesBackAsItWas) {
     Write("a.wav", format, bytes);
     EXPECT_EQ(Read("a.wav", format, 96), bytes) << Describe(format);
     EXPECT_EQ(read_, 96u);
+  }
+}
+
+TEST_F(SoundFileTest, SamplesAreConvertedByValue) {
+  const SoundFormat int16 = {48000, 1, 16, Kvox::DataFormat::INT};
+  const SoundFormat int32 = {48000, 1, 32, Kvox::DataFormat::INT};
+  const SoundFormat real = {48000, 1, 32, Kvox::DataFormat::FLOAT};
+  EXPECT_EQ(Convert<int16_t>(real, std::vector<float>{0.25f, -0.5f, 1.0f, -9.0f}, int16),
+            (std::vector<int16_t>{8192, -16384, 32767, -32768}));
+  EXPECT_EQ(Convert<int32_t>(int16, std::vector<int16_t>{1, -1}, int32),
+            (std::vector<int32_t>{0x10000, -0x10000}));
+  EXPECT_EQ(Convert<int16_t>(int32, std::vector<int32_t>{0x1ffff, -1}, int16),
+            (std::vector<int16_t>{1, -1}))
+      << "truncated";
+  EXPECT_EQ(Convert<float>(int16, std::vector<int16_t>{16384}, real), (std::vector<float>{0.5f}));
+}
+
+TEST_F(SoundFileTest, ReadingStartsAnywhere) {
+  const SoundFormat mono = {48000, 1, 16, Kvox::DataFormat::INT};
+  Write("a.wav", mono, Counting(8));
+  SoundReader reader(directory_ / "a.wav");
+  reader.ConvertTo(mono);
+  std::vector<std::byte> frame(2);
+  for (const uint64_t at : {2u, 3u, 0u}) {
+    reader.Seek(at);
+    EXPECT_EQ(reader.Read(frame), 2u);
+    EXPECT_EQ(frame[0], std::byte(at * 2));
   }
 }
 
@@ -152,4 +132,4 @@ TEST_F(SoundFileTest, WhatCannotBeIsNamed) {
 }
 
 }  // namespace
-}  // namespace kvox::client
+}  // namespace kvox
