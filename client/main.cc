@@ -2,35 +2,39 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "client/command_line.h"
+#include "client/command_line/command_line.h"
 #include "client/completion/completion.h"
-#include "client/standard_streams.h"
+#include "client/output/printer.h"
+#include "kvox/common/log.h"
+
+namespace kvox {
+
+/// The client logs to standard error: it starts faster without the log library, which it would
+/// hardly ever use.
+LogTarget& SystemLog() {
+  class StandardError : public LogTarget {
+   public:
+    void Write(LogPriority priority, const char*, const char* line) override {
+      if (priority != LogPriority::kInfo) fprintf(stderr, "kvoxctl: %s\n", line);
+    }
+  };
+  static StandardError log;
+  return log;
+}
+
+}  // namespace kvox
 
 namespace {
 
 using namespace kvox::client;
 
-/// Tells what is being caught. Answers the exit status for it.
-int Tell(const Out& out) {
-  try {
-    throw;
-  } catch (const Failure& failure) {
-    out.Message(failure.what());
-    return failure.status();
-  } catch (const UsageError& error) {
-    out.Message(error.what());
-    return kWrongUsage;
-  } catch (const std::exception& error) {
-    out.Message(error.what());
-    return kFailed;
-  }
-}
-
-int Run(const std::vector<std::string>& words) {
-  if (!words.empty() && words.front() == kCompletionDoor) {
+/// `out` prints as the command line says, once that is parsed.
+int Run(const std::vector<std::string>& words, Printer& out) {
+  if (!words.empty() && words.front() == kCompletionOption) {
     return Complete({words.begin() + 1, words.end()});
   }
   const CommandLine line = ReadCommandLine(words, "kvoxctl " KVOX_VERSION);
@@ -38,25 +42,25 @@ int Run(const std::vector<std::string>& words) {
     PrintOut(line.help);
     return kDone;
   }
-  const Out out(line.format, line.color);
-  Daemon daemon(line.wait, line.verb->manner == Manner::kRaw ? kNoDaemon : kTimedOut);
-  try {
-    return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
-  } catch (const std::exception&) {
-    return Tell(out);
-  }
+  out = Printer(line.format, line.color);
+  Daemon daemon(line.wait, line.verb->kind == VerbKind::kRawCall ? kNoDaemon : kTimedOut);
+  return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  HoldStandardStreams();
-  int status;
+  PrepareStandardStreams();
+  Printer out(Format::kText, Color::kAuto);
+  int status = kFailed;
   try {
-    status = Run({argv + 1, argv + argc});
-  } catch (const std::exception&) {
-    status = Tell(Out(Format::kText, Color::kAuto));
+    status = Run({argv + 1, argv + argc}, out);
+  } catch (const Failure& failure) {
+    out.Message(failure.what());
+    status = failure.status();
+  } catch (const std::exception& error) {
+    out.Message(error.what());
   }
-  // The answer is out: the binder's threads need no orderly end.
+  // Everything is printed: the binder's threads need no orderly end.
   _exit(status);
 }

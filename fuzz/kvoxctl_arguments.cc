@@ -2,7 +2,7 @@
 // the parsers accept means one thing and can be written down again; what a prepared call does is a
 // call of the method that was named.
 
-#include "client/arguments.h"
+#include "client/calls/arguments.h"
 
 #include <aidl/kvox/BnKvox.h>
 
@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "client/call_table.h"
+#include "client/calls/call_table.h"
+#include "client/errors.h"
 #include "fuzz/check.h"
 #include "kvox/common/fixed_text.h"
 

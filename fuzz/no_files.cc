@@ -1,10 +1,10 @@
 // Files as kvoxctl's arguments name them, in a process that must not touch any.
 
-#include "client/file.h"
+#include "client/system/files.h"
 
 #include <algorithm>
 
-#include "client/usage_error.h"
+#include "client/errors.h"
 
 namespace kvox::client {
 

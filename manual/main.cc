@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "client/help.h"
+#include "client/command_line/help.h"
 #include "daemon/usage.h"
 #include "interface/service_name.h"
 #include "platform/linux/runtime_directory.h"
@@ -118,7 +118,7 @@ Texts KvoxctlTexts() {
   for (const client::Noun& noun : nouns) {
     verbs += std::string("## ") + noun.summary + "\n\n";
     for (const client::Verb& verb : client::AllVerbs()) {
-      if (std::string_view(verb.noun) == noun.name) verbs += FormatVerb(verb);
+      if (verb.noun() == noun.name) verbs += FormatVerb(verb);
     }
   }
   return {

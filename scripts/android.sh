@@ -37,7 +37,7 @@ compile() {
 }
 
 mapfile -t daemon < <(find kvox/common platform/android processors buffer service daemon -name '*.cc')
-mapfile -t client < <(find client -name '*.cc')
+mapfile -t client < <(find client kvox/sound -name '*.cc')
 tests=(tests/{common,processors,buffer,service,daemon}/*_test.cc)
 tests=("${tests[@]/tests\/buffer\/realtime_test.cc/}") # not for phones, see Android.bp
 

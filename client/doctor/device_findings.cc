@@ -14,12 +14,12 @@ namespace {
 using Findings = std::vector<Finding>;
 using Nodes = std::vector<PathFacts>;
 
-/// What kvoxd wants of the nodes of one kind.
+/// What kvoxd needs of the nodes of one kind.
 struct Wanted {
   const char* check;
   const char* what;
-  const char* name;     // of the node, or what the names begin with
-  uint32_t rights;      // that kvoxd needs
+  const char* name;     // of the node, or the prefix of the names
+  uint32_t rights;      // of kvoxd
   bool takes_fifo;      // as well as a character device
   const char* without;  // what it means when there is none
   Verdict without_verdict;
@@ -35,25 +35,15 @@ constexpr Wanted kInjects = {
     "injects",        "inject devices", kInjectPrefix, kWrite, true, "kvoxd can send no audio back",
     Verdict::kWarning};
 
-/// Makes the co-processor appear, or tells why it does not.
-std::string BringNodes(const Facts& facts) {
+/// A command that makes the co-processor appear, or shows why it does not.
+std::string NodesFix(const Facts& facts) {
   const std::string& directory = facts.devices.path;
   if (directory == "/dev") return Sudo(facts.me) + "dmesg | grep -i kvox";
   return "KVOX_DEV_DIR=" + ShellWord(directory) + " kvosim";
 }
 
-bool IsThere(const PathFacts& path) {
-  return path.error == 0;
-}
-
 bool IsDevice(const PathFacts& node, bool takes_fifo) {
   return node.error == 0 && (S_ISCHR(node.mode) || (takes_fifo && S_ISFIFO(node.mode)));
-}
-
-/// The nodes as words of a shell; `nodes` are some of those that are wanted.
-std::string WordsFor(const Facts& facts, const Wanted& wanted, const Nodes& nodes) {
-  if (nodes.size() == 1) return ShellWord(nodes.front().path);
-  return ShellWord(facts.devices.path + "/" + wanted.name) + "*";
 }
 
 /// "xdv-kvox_tapout4 and 2 more: "; "" for the only node of its kind.
@@ -65,16 +55,14 @@ std::string Named(const Nodes& some, const Wanted& wanted) {
   return path.substr(path.rfind('/') + 1) + more;
 }
 
-void JudgeNodes(const Facts& facts, const Wanted& wanted, const Nodes& nodes, Findings& findings) {
-  std::string object = std::string(wanted.what) + " " + facts.devices.path + "/" + wanted.name;
-  if (wanted.takes_fifo) object += "*";
+void CheckNodes(const Facts& facts, const Wanted& wanted, const Nodes& nodes, Findings& findings) {
+  const std::string path = facts.devices.path + "/" + wanted.name;
+  Subject subject(wanted.check,
+                  std::string(wanted.what) + " " + path + (wanted.takes_fifo ? "*" : ""), findings);
   if (nodes.empty()) {
-    return findings.push_back({wanted.without_verdict, wanted.check, object,
-                               std::string("there is none: ") + wanted.without, BringNodes(facts)});
+    return subject.Add(wanted.without_verdict, std::string("there is none: ") + wanted.without,
+                       NodesFix(facts));
   }
-  const auto report = [&](const Nodes& some, const std::string& cause, const std::string& fix) {
-    findings.push_back({Verdict::kFailed, wanted.check, object, Named(some, wanted) + cause, fix});
-  };
   Nodes others;
   Nodes refused;
   for (const PathFacts& node : nodes) {
@@ -86,70 +74,66 @@ void JudgeNodes(const Facts& facts, const Wanted& wanted, const Nodes& nodes, Fi
   }
   if (!others.empty()) {
     const PathFacts& first = others.front();
-    report(others,
-           WhatIsThere(first) + (wanted.takes_fifo ? ", not a device or FIFO" : ", not a device"),
-           first.error == EACCES ? kAsRoot : "rm -ri " + ShellWord(first.path));
+    subject.Fail(Named(others, wanted) + WhatIsThere(first) +
+                     (wanted.takes_fifo ? ", not a device or FIFO" : ", not a device"),
+                 first.error == EACCES ? kAsRoot : "rm -ri " + ShellWord(first.path));
   }
   const std::string who = UserOf(facts.daemon);
   const std::string rights = NameOf(wanted.rights);
   if (!refused.empty()) {
-    report(refused, "may not be opened: " + who + " has no right to " + rights,
-           Grant(facts.me, facts.daemon, refused.front(), wanted.rights,
-                 WordsFor(facts, wanted, refused)));
+    const std::string words =
+        refused.size() == 1 ? ShellWord(refused.front().path) : ShellWord(path) + "*";
+    subject.Fail(
+        Named(refused, wanted) + "may not be opened: " + who + " has no right to " + rights,
+        Grant(facts.me, facts.daemon, refused.front(), wanted.rights, words));
   }
   if (!others.empty() || !refused.empty()) return;
   const std::string count = wanted.takes_fifo ? std::to_string(nodes.size()) + ", " : "";
-  findings.push_back({Verdict::kOk, wanted.check, object, count + who + " may " + rights});
+  subject.Ok(count + who + " may " + rights);
 }
 
-void JudgeMarker(const Facts& facts, Findings& findings) {
-  const std::string object = "marker device " + facts.marker.path;
-  if (IsThere(facts.marker)) {
-    return findings.push_back({Verdict::kOk, "marker", object, "it is there"});
-  }
-  findings.push_back(
-      {Verdict::kWarning, "marker", object,
-       WhatIsThere(facts.marker) + ": kvoxd opens the control device with the first command only",
-       BringNodes(facts)});
+void CheckMarker(const Facts& facts, Findings& findings) {
+  Subject subject("marker", "marker device " + facts.marker.path, findings);
+  if (facts.marker.error == 0) return subject.Ok("it is there");
+  subject.Warn(
+      WhatIsThere(facts.marker) + ": kvoxd opens the control device with the first command only",
+      NodesFix(facts));
 }
 
-/// False when there is no use in looking at nodes.
-bool JudgeDirectory(const Facts& facts, Findings& findings) {
+/// False when inspecting the nodes is of no use.
+bool CheckDirectory(const Facts& facts, Findings& findings) {
   const PathFacts& directory = facts.devices;
-  const std::string object = "device directory " + directory.path;
+  Subject subject("devices", "device directory " + directory.path, findings);
   const std::string word = ShellWord(directory.path);
-  const auto fail = [&](const std::string& cause, const std::string& fix) {
-    findings.push_back({Verdict::kFailed, "devices", object, cause, fix});
-    return false;
-  };
-  if (!IsThere(directory)) return fail(WhatIsThere(directory), "mkdir -p " + word);
-  if (!S_ISDIR(directory.mode)) return fail(WhatIsThere(directory), "export KVOX_DEV_DIR=/dev");
-  if (!May(facts.daemon, directory, kRead | kSearch)) {
-    return fail(UserOf(facts.daemon) + " has no right to read and search it",
-                Grant(facts.me, facts.daemon, directory, kRead | kSearch, word));
-  }
-  if (!May(facts.me, directory, kRead | kSearch)) {
-    findings.push_back({Verdict::kWarning, "devices", object,
-                        "what is in it cannot be seen by " + UserOf(facts.me), kAsRoot});
-    return false;
-  }
-  const bool any = IsThere(facts.marker) || facts.control.error != ENOENT ||
+  const bool any = facts.marker.error == 0 || facts.control.error != ENOENT ||
                    !facts.tapouts.empty() || !facts.injects.empty();
-  if (!any) return fail("no node of a co-processor is in it", BringNodes(facts));
-  findings.push_back(
-      {Verdict::kOk, "devices", object, UserOf(facts.daemon) + " may read and search it"});
-  return true;
+  if (directory.error != 0) {
+    subject.Fail(WhatIsThere(directory), "mkdir -p " + word);
+  } else if (!S_ISDIR(directory.mode)) {
+    subject.Fail(WhatIsThere(directory), "export KVOX_DEV_DIR=/dev");
+  } else if (!May(facts.daemon, directory, kRead | kSearch)) {
+    subject.Fail(UserOf(facts.daemon) + " has no right to read and search it",
+                 Grant(facts.me, facts.daemon, directory, kRead | kSearch, word));
+  } else if (!May(facts.me, directory, kRead | kSearch)) {
+    subject.Warn("what is in it cannot be seen by " + UserOf(facts.me), kAsRoot);
+  } else if (!any) {
+    subject.Fail("no node of a co-processor is in it", NodesFix(facts));
+  } else {
+    subject.Ok(UserOf(facts.daemon) + " may read and search it");
+    return true;
+  }
+  return false;
 }
 
 }  // namespace
 
-void JudgeDevices(const Facts& facts, Findings& findings) {
-  if (!JudgeDirectory(facts, findings)) return;
-  JudgeMarker(facts, findings);
+void CheckDevices(const Facts& facts, Findings& findings) {
+  if (!CheckDirectory(facts, findings)) return;
+  CheckMarker(facts, findings);
   const bool control = facts.control.error != ENOENT || facts.control.link;
-  JudgeNodes(facts, kControl, control ? Nodes{facts.control} : Nodes(), findings);
-  JudgeNodes(facts, kTapOuts, facts.tapouts, findings);
-  JudgeNodes(facts, kInjects, facts.injects, findings);
+  CheckNodes(facts, kControl, control ? Nodes{facts.control} : Nodes(), findings);
+  CheckNodes(facts, kTapOuts, facts.tapouts, findings);
+  CheckNodes(facts, kInjects, facts.injects, findings);
 }
 
 }  // namespace kvox::client

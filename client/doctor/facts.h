@@ -1,4 +1,4 @@
-// What the doctor has seen, as plain values.
+// What the doctor has found on the machine, as plain values.
 #pragma once
 
 #include <cstdint>
@@ -6,23 +6,23 @@
 #include <string>
 #include <vector>
 
-#include "client/exit_status.h"
+#include "client/errors.h"
 
 namespace kvox::client {
 
-/// Somebody whose rights count.
-struct Person {
+/// A user, with what decides about rights.
+struct User {
   uint32_t uid = 0;
   std::string name;              // a number where there is no name
   std::vector<uint32_t> groups;  // their numbers
-  std::string group;             // the name of the one to which rights are best given
+  std::string group;             // the name of the one to grant rights to
 };
 
-/// What stands at a path.
+/// What is at a path.
 struct PathFacts {
   std::string path;
-  int error = 0;      // errno of looking at it; 0: the rest is known, but for `link`
-  bool link = false;  // a symbolic link stands there
+  int error = 0;      // errno of stat(); 0: the rest is known
+  bool link = false;  // it is a symbolic link; always known
   uint32_t mode = 0;  // type and permissions, as stat() has them
   uint32_t uid = 0;
   uint32_t gid = 0;
@@ -39,23 +39,23 @@ struct ProcessFacts {
   std::vector<uint32_t> groups = {};
 };
 
-/// What the daemon answered.
+/// The daemon's reply to a ping.
 struct DaemonReply {
-  int status = kTimedOut;  // kDone, or why there is no answer
+  int status = kTimedOut;  // kDone, or why there is no reply
   double round_trip_us = 0;
   int32_t version = 0;  // of its interface
   std::string error = {};
 };
 
 /// Where the daemon's socket is, or would be.
-struct Place {
+struct SocketLocation {
   PathFacts directory;
   PathFacts socket;
 };
 
 struct Facts {
-  Person me;
-  Person daemon;                        // the user that kvoxd runs as, or would run as
+  User me;
+  User daemon;                          // the user that kvoxd runs as, or would run as
   std::optional<ProcessFacts> running;  // kvoxd's process; none was found
 
   PathFacts devices;  // their directory
@@ -66,16 +66,16 @@ struct Facts {
 
   int priority = 0;                        // the real-time priority that kvoxd asks for
   ProcessFacts own;                        // this process, for a kvoxd that is started like it
-  std::optional<int64_t> rt_runtime_us{};  // what the kernel grants real-time threads, of a second
+  std::optional<int64_t> rt_runtime_us{};  // of each second, for real-time threads
 
-  std::optional<Place> place;  // none where a service manager knows the daemon
-  DaemonReply answer;
+  std::optional<SocketLocation> location;  // none where a service manager knows the daemon
+  DaemonReply reply;
   double waited_s = 0;      // the longest wait for it
   int32_t own_version = 0;  // of the client's interface
 
-  std::vector<PathFacts> wake_locks;  // files: take, drop; none where the system has another way
-  PathFacts captures;                 // the directory where they go
-  uint64_t free_bytes = 0;            // in there, for kvoxd
+  std::vector<PathFacts> wake_locks;  // to take and to drop; none where the system has another way
+  PathFacts captures;                 // their directory
+  uint64_t free_bytes = 0;            // in it, for kvoxd
 };
 
 }  // namespace kvox::client

@@ -49,22 +49,22 @@ std::string Painted(const std::string& line) {
 
 std::string WhatIsThere(const PathFacts& path) {
   if (path.error == ENOENT) return path.link ? "is a symbolic link to nothing" : "is not there";
-  if (path.error != 0) return std::string("cannot be looked at: ") + strerror(path.error);
+  if (path.error != 0) return std::string("cannot be inspected: ") + strerror(path.error);
   for (const auto& row : kTypes) {
     if ((path.mode & S_IFMT) == row.type) return std::string("is ") + row.name;
   }
   return "is of an unknown kind";
 }
 
-std::string UserOf(const Person& person) {
-  return "user " + person.name;
+std::string UserOf(const User& user) {
+  return "user " + user.name;
 }
 
-std::vector<Finding> Judge(const Facts& facts) {
+std::vector<Finding> Diagnose(const Facts& facts) {
   std::vector<Finding> findings;
-  for (const auto judge : {JudgeDevices, JudgeScheduling, JudgeRuntimeDirectory, JudgeDaemon,
-                           JudgeWakeLocks, JudgeCaptures}) {
-    judge(facts, findings);
+  for (const auto check : {CheckDevices, CheckScheduling, CheckRuntimeDirectory, CheckDaemon,
+                           CheckWakeLocks, CheckCaptures}) {
+    check(facts, findings);
   }
   return findings;
 }

@@ -1,7 +1,8 @@
-// What the facts mean for the daemon's work. Pure.
+// What the facts mean for the daemon's work.
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/doctor/facts.h"
@@ -24,32 +25,52 @@ const char* NameOf(Verdict verdict);
 /// "failed   OBJECT: CAUSE  fix: COMMAND"
 std::string LineOf(const Finding& finding);
 
-/// The same line with its verdict in colour.
+/// The same line with its verdict in color.
 std::string Painted(const std::string& line);
 
-/// A finding for whatever was looked at. A failure keeps audio or clients away; a warning may cost
-/// something, or is nothing to a host without a co-processor.
-std::vector<Finding> Judge(const Facts& facts);
+/// A finding for each fact. A failure keeps audio or clients away; a warning may cost something, or
+/// is harmless on a host without a co-processor.
+std::vector<Finding> Diagnose(const Facts& facts);
 
-// Parts of it, one a subject; each adds its findings.
-void JudgeDevices(const Facts& facts, std::vector<Finding>& findings);
-void JudgeScheduling(const Facts& facts, std::vector<Finding>& findings);
-void JudgeRuntimeDirectory(const Facts& facts, std::vector<Finding>& findings);
-void JudgeDaemon(const Facts& facts, std::vector<Finding>& findings);
-void JudgeWakeLocks(const Facts& facts, std::vector<Finding>& findings);
-void JudgeCaptures(const Facts& facts, std::vector<Finding>& findings);
+/// Adds findings about one object.
+class Subject {
+ public:
+  Subject(const char* check, std::string object, std::vector<Finding>& findings)
+      : check_(check), object_(std::move(object)), findings_(findings) {}
 
-/// Sees what this user does not.
+  void Ok(const std::string& cause) { Add(Verdict::kOk, cause, ""); }
+  void Warn(const std::string& cause, const std::string& fix) {
+    Add(Verdict::kWarning, cause, fix);
+  }
+  void Fail(const std::string& cause, const std::string& fix) { Add(Verdict::kFailed, cause, fix); }
+  void Add(Verdict verdict, const std::string& cause, const std::string& fix) {
+    findings_.push_back({verdict, check_, object_, cause, fix});
+  }
+
+ private:
+  const char* const check_;
+  const std::string object_;
+  std::vector<Finding>& findings_;
+};
+
+// The parts of Diagnose(); each adds its findings.
+void CheckDevices(const Facts& facts, std::vector<Finding>& findings);
+void CheckScheduling(const Facts& facts, std::vector<Finding>& findings);
+void CheckRuntimeDirectory(const Facts& facts, std::vector<Finding>& findings);
+void CheckDaemon(const Facts& facts, std::vector<Finding>& findings);
+void CheckWakeLocks(const Facts& facts, std::vector<Finding>& findings);
+void CheckCaptures(const Facts& facts, std::vector<Finding>& findings);
+
+/// Root sees what this user does not.
 constexpr char kAsRoot[] = "sudo -E kvoxctl doctor";
 
 /// What is wrong with a path where something else is wanted: "is not there", "is a regular file".
 std::string WhatIsThere(const PathFacts& path);
 
 /// "user kvox"
-std::string UserOf(const Person& person);
+std::string UserOf(const User& user);
 
-/// A command that starts the daemon; with a runtime directory of its own where this one is of no
-/// use.
+/// A command that starts the daemon; with a new runtime directory where this one is of no use.
 std::string StartCommand(const Facts& facts);
 
 }  // namespace kvox::client

@@ -11,10 +11,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 
-#include "client/daemon.h"
-#include "client/doctor/process.h"
-#include "client/doctor/question.h"
+#include "client/calls/daemon.h"
 #include "interface/service_name.h"
 #include "kvox/common/device_names.h"
 #include "kvox/common/kvox_utils.h"
@@ -23,7 +23,7 @@
 namespace kvox::client {
 namespace {
 
-/// The user and the group that packages make for the daemon.
+/// The user and the group that packages create for the daemon.
 constexpr char kServiceName[] = "kvox";
 
 std::string UserName(uid_t uid) {
@@ -36,7 +36,7 @@ std::string GroupName(gid_t gid) {
   return entry == nullptr ? std::to_string(gid) : entry->gr_name;
 }
 
-/// The service's own group where the person is in it.
+/// The service's own group where the user is in it.
 std::string GroupOf(const std::vector<uint32_t>& groups) {
   for (const uint32_t number : groups) {
     if (GroupName(number) == kServiceName) return kServiceName;
@@ -44,31 +44,31 @@ std::string GroupOf(const std::vector<uint32_t>& groups) {
   return groups.empty() ? "" : GroupName(groups.front());
 }
 
-Person LookAtMyself() {
-  Person person{.uid = geteuid(), .name = UserName(geteuid()), .groups = {getegid()}, .group = {}};
+User InspectMyself() {
+  User user{.uid = geteuid(), .name = UserName(geteuid()), .groups = {getegid()}, .group = {}};
   std::vector<gid_t> more(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
   const int count = getgroups(static_cast<int>(more.size()), more.data());
   more.resize(static_cast<size_t>(std::max(count, 0)));
-  person.groups.insert(person.groups.end(), more.begin(), more.end());
-  person.group = GroupOf(person.groups);
-  return person;
+  user.groups.insert(user.groups.end(), more.begin(), more.end());
+  user.group = GroupOf(user.groups);
+  return user;
 }
 
-/// Somebody, as the system's tables have him.
-Person LookAtUser(uid_t uid) {
-  Person person{.uid = uid, .name = UserName(uid), .groups = {}, .group = {}};
+/// A user as the system's tables have it.
+User InspectUser(uid_t uid) {
+  User user{.uid = uid, .name = UserName(uid), .groups = {}, .group = {}};
   const passwd* const entry = getpwuid(uid);
-  if (entry == nullptr) return person;
+  if (entry == nullptr) return user;
   int count = 256;
   std::vector<gid_t> groups(static_cast<size_t>(count));
   if (getgrouplist(entry->pw_name, entry->pw_gid, groups.data(), &count) < 0) count = 0;
   groups.resize(static_cast<size_t>(std::clamp(count, 0, 256)));
-  person.groups.assign(groups.begin(), groups.end());
-  person.group = GroupOf(person.groups);
-  return person;
+  user.groups.assign(groups.begin(), groups.end());
+  user.group = GroupOf(user.groups);
+  return user;
 }
 
-PathFacts LookAt(const std::string& path) {
+PathFacts Inspect(const std::string& path) {
   PathFacts facts{.path = path};
   struct stat status {};
   facts.link = lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
@@ -84,8 +84,8 @@ PathFacts LookAt(const std::string& path) {
   return facts;
 }
 
-/// The nodes whose names go on with a number, by that number.
-std::vector<PathFacts> LookAtNodes(const std::string& directory, const std::string& prefix) {
+/// The nodes whose names are the prefix and a number, sorted by that number.
+std::vector<PathFacts> InspectNodes(const std::string& directory, const std::string& prefix) {
   std::vector<std::string> paths;
   std::error_code error;
   for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end;
@@ -98,48 +98,51 @@ std::vector<PathFacts> LookAtNodes(const std::string& directory, const std::stri
     return std::make_pair(a.size(), a) < std::make_pair(b.size(), b);
   });
   std::vector<PathFacts> nodes;
-  for (const std::string& path : paths) nodes.push_back(LookAt(path));
+  for (const std::string& path : paths) nodes.push_back(Inspect(path));
   return nodes;
 }
 
-/// Where the daemon's socket is; else where there is a directory for it; else the first place.
-std::optional<Place> LookForPlace() {
-  std::vector<Place> places;
+/// Where the daemon's socket is; else where there is a directory for it; else the first location.
+std::optional<SocketLocation> FindLocation() {
+  std::vector<SocketLocation> locations;
   for (const std::string& socket : ServiceSockets(KvoxDescriptor())) {
-    places.push_back({LookAt(socket.substr(0, socket.rfind('/'))), LookAt(socket)});
+    locations.push_back({Inspect(socket.substr(0, socket.rfind('/'))), Inspect(socket)});
   }
-  if (places.empty()) return std::nullopt;
-  const auto choose = [&](auto is_it) { return std::find_if(places.begin(), places.end(), is_it); };
-  auto chosen = choose([](const Place& place) { return place.socket.error != ENOENT; });
-  if (chosen == places.end()) {
-    chosen = choose([](const Place& place) { return place.directory.error == 0; });
+  if (locations.empty()) return std::nullopt;
+  const auto choose = [&](auto is_it) {
+    return std::find_if(locations.begin(), locations.end(), is_it);
+  };
+  auto chosen =
+      choose([](const SocketLocation& location) { return location.socket.error != ENOENT; });
+  if (chosen == locations.end()) {
+    chosen = choose([](const SocketLocation& location) { return location.directory.error == 0; });
   }
-  return chosen == places.end() ? places.front() : *chosen;
+  return chosen == locations.end() ? locations.front() : *chosen;
 }
 
-/// Who kvoxd is: the user of its process, or else of its socket, or of a directory in which a
-/// socket cannot be seen; where there is none of these, the user that its package has made, unless
-/// somebody runs a daemon of his own in a directory of his own.
-Person LookForDaemon(const Facts& facts, const std::optional<ServiceProcess>& process) {
+/// The user that kvoxd runs as: that of its process, or else of its socket, or of a directory in
+/// which a socket cannot be seen; where there is none of these, the user that its package creates,
+/// unless KVOX_RUNTIME_DIR says that users run daemons of their own.
+User FindDaemonUser(const Facts& facts, const std::optional<ServiceProcess>& process) {
   std::optional<uid_t> uid;
   const char* const own_directory = getenv("KVOX_RUNTIME_DIR");
   if (process) {
     uid = process->user;
-  } else if (facts.place && facts.place->socket.error == 0) {
-    uid = facts.place->socket.uid;
-  } else if (facts.place && facts.place->directory.error == 0 &&
-             facts.place->socket.error == EACCES) {
-    uid = facts.place->directory.uid;
-  } else if (facts.place && (own_directory == nullptr || *own_directory == '\0')) {
+  } else if (facts.location && facts.location->socket.error == 0) {
+    uid = facts.location->socket.uid;
+  } else if (facts.location && facts.location->directory.error == 0 &&
+             facts.location->socket.error == EACCES) {
+    uid = facts.location->directory.uid;
+  } else if (facts.location && (own_directory == nullptr || *own_directory == '\0')) {
     const passwd* const entry = getpwnam(kServiceName);
     if (entry != nullptr) uid = entry->pw_uid;
   }
-  return uid && *uid != facts.me.uid ? LookAtUser(*uid) : facts.me;
+  return uid && *uid != facts.me.uid ? InspectUser(*uid) : facts.me;
 }
 
-/// The home of the service's user, which may write nowhere else; the daemon's own default for
-/// others.
-std::string DefaultCaptures(const Person& daemon) {
+/// The home of the service's user, which may write nowhere else; the daemon's own default for other
+/// users.
+std::string DefaultCaptures(const User& daemon) {
   const passwd* const entry = getpwnam(kServiceName);
   return entry != nullptr && entry->pw_uid == daemon.uid ? entry->pw_dir : "/tmp";
 }
@@ -156,40 +159,95 @@ uint64_t FreeBytes(const std::string& directory, bool for_root) {
   return uint64_t{for_root ? status.f_bfree : status.f_bavail} * status.f_frsize;
 }
 
-void LookAtDevices(Facts& facts) {
+void InspectDevices(Facts& facts) {
   const std::string& directory = DeviceDirectory();
-  facts.devices = LookAt(directory);
-  facts.marker = LookAt(directory + "/" + kMarkerDevice);
-  facts.control = LookAt(directory + "/" + kControlDevice);
-  facts.tapouts = LookAtNodes(directory, kTapOutPrefix);
-  facts.injects = LookAtNodes(directory, kInjectPrefix);
+  facts.devices = Inspect(directory);
+  facts.marker = Inspect(directory + "/" + kMarkerDevice);
+  facts.control = Inspect(directory + "/" + kControlDevice);
+  facts.tapouts = InspectNodes(directory, kTapOutPrefix);
+  facts.injects = InspectNodes(directory, kInjectPrefix);
+}
+
+constexpr int kSysNice = 23;  // the kernel's number of CAP_SYS_NICE
+
+std::string ReadText(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+/// The words after `name` on the line that starts with it; none when no line does.
+std::vector<std::string> WordsAfter(const std::string& name, const std::string& text) {
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with(name)) continue;
+    std::istringstream words(line.substr(name.size()));
+    return {std::istream_iterator<std::string>(words), {}};
+  }
+  return {};
+}
+
+std::string WordAfter(const std::string& name, const std::string& text) {
+  const auto words = WordsAfter(name, text);
+  return words.empty() ? "" : words.front();
+}
+
+std::optional<uint64_t> ReadNumber(const std::string& word, int base) {
+  std::istringstream stream(word);
+  uint64_t number = 0;
+  if (base == 16) stream >> std::hex;
+  return stream >> number ? std::optional(number) : std::nullopt;
 }
 
 }  // namespace
 
-Facts Gather(const std::string& captures, std::chrono::milliseconds wait) {
+ProcessFacts ParseProcess(int pid, const std::string& limits, const std::string& status) {
+  ProcessFacts facts{.pid = pid};
+  const std::string limit = WordAfter("Max realtime priority", limits);
+  facts.rtprio_limit =
+      limit == "unlimited" ? std::optional<uint64_t>(UINT64_MAX) : ReadNumber(limit, 10);
+  const std::string state = WordAfter("State:", status);
+  if (!state.empty()) facts.state = state.front();
+  for (const char* const name : {"Gid:", "Groups:"}) {
+    for (const std::string& word : WordsAfter(name, status)) {
+      if (const auto group = ReadNumber(word, 10)) {
+        facts.groups.push_back(static_cast<uint32_t>(*group));
+      }
+    }
+  }
+  const uint64_t capabilities = ReadNumber(WordAfter("CapEff:", status), 16).value_or(0);
+  facts.sys_nice = (capabilities >> kSysNice & 1) != 0;
+  return facts;
+}
+
+ProcessFacts InspectProcess(int pid) {
+  const std::string folder = "/proc/" + std::to_string(pid);
+  return ParseProcess(pid, ReadText(folder + "/limits"), ReadText(folder + "/status"));
+}
+
+Facts GatherFacts(const std::string& captures, std::chrono::milliseconds wait) {
   Facts facts;
-  facts.answer = AskDaemon(wait);
+  facts.reply = ProbeDaemon(wait);
   facts.waited_s = std::chrono::duration<double>(wait).count();
   facts.own_version = IKvox::version;
 
-  facts.me = LookAtMyself();
-  facts.place = LookForPlace();
+  facts.me = InspectMyself();
+  facts.location = FindLocation();
   std::optional<ServiceProcess> process;
-  if (facts.place) process = FindServiceProcess(facts.place->socket.path);
-  if (process && process->pid > 0) facts.running = LookAtProcess(process->pid);
-  facts.daemon = LookForDaemon(facts, process);
+  if (facts.location) process = FindServiceProcess(facts.location->socket.path);
+  if (process && process->pid > 0) facts.running = InspectProcess(process->pid);
+  facts.daemon = FindDaemonUser(facts, process);
   if (facts.running) {
     const auto& more = facts.running->groups;
     facts.daemon.groups.insert(facts.daemon.groups.end(), more.begin(), more.end());
   }
 
-  LookAtDevices(facts);
+  InspectDevices(facts);
   facts.priority = RealtimePriority();
-  facts.own = LookAtProcess(getpid());
+  facts.own = InspectProcess(getpid());
   facts.rt_runtime_us = ReadRealtimeRuntime();
-  for (const std::string& path : WakeLockFiles()) facts.wake_locks.push_back(LookAt(path));
-  facts.captures = LookAt(captures.empty() ? DefaultCaptures(facts.daemon) : captures);
+  for (const std::string& path : WakeLockFiles()) facts.wake_locks.push_back(Inspect(path));
+  facts.captures = Inspect(captures.empty() ? DefaultCaptures(facts.daemon) : captures);
   facts.free_bytes = FreeBytes(facts.captures.path, facts.daemon.uid == 0);
   return facts;
 }

@@ -1,4 +1,4 @@
-// Looks at the machine.
+// Inspects the machine.
 #pragma once
 
 #include <chrono>
@@ -8,9 +8,22 @@
 
 namespace kvox::client {
 
-/// Only looks: no device is opened, and nothing is changed. `captures` is the directory where
-/// captures are to go, "" for where they go by default; `wait` is the longest for an answer of the
-/// daemon. To be called before any thread starts. Throws std::runtime_error.
-Facts Gather(const std::string& captures, std::chrono::milliseconds wait);
+/// Only inspects: no device is opened, and nothing is changed. `captures` is the directory where
+/// captures are to go, "" for the default; `wait` is the longest for a reply of the daemon. To be
+/// called before any thread starts. Throws std::runtime_error.
+Facts GatherFacts(const std::string& captures, std::chrono::milliseconds wait);
+
+// Parts of it.
+
+/// Finds the daemon, pings it and asks for its interface's version, and gives up after `wait`. A
+/// child process does that, because a call without a reply only ends with its process. To be called
+/// before any thread starts. Throws std::runtime_error when no child can be started.
+DaemonReply ProbeDaemon(std::chrono::milliseconds wait);
+
+/// A running process; little is known of one that may not be inspected.
+ProcessFacts InspectProcess(int pid);
+
+/// Parses the texts of /proc/PID/limits and /proc/PID/status. What they lack stays unknown.
+ProcessFacts ParseProcess(int pid, const std::string& limits, const std::string& status);
 
 }  // namespace kvox::client

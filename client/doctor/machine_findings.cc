@@ -1,4 +1,4 @@
-// What the machine gives the daemon: real-time priority, wake locks, room on a disk.
+// What the machine offers the daemon: real-time priority, wake locks, disk space.
 
 #include <sys/stat.h>
 
@@ -26,88 +26,76 @@ std::string Duration(double minutes) {
 
 }  // namespace
 
-void JudgeScheduling(const Facts& facts, std::vector<Finding>& findings) {
-  const auto report = [&](Verdict verdict, const std::string& cause, const std::string& fix) {
-    findings.push_back({verdict, "realtime",
-                        FormatText<64>("real-time priority SCHED_FIFO %d", facts.priority), cause,
-                        fix});
-  };
-  const bool of_others = !facts.running && facts.daemon.uid != facts.me.uid;
+void CheckScheduling(const Facts& facts, std::vector<Finding>& findings) {
+  Subject subject("realtime", FormatText<64>("real-time priority SCHED_FIFO %d", facts.priority),
+                  findings);
+  const bool other_user = !facts.running && facts.daemon.uid != facts.me.uid;
   const ProcessFacts& process = facts.running ? *facts.running : facts.own;
   const std::string pid = std::to_string(process.pid);
-  if (of_others || !process.rtprio_limit) {
-    const bool hidden = facts.running || facts.answer.status == kNotAllowed;
-    return report(Verdict::kWarning,
-                  hidden ? "not known: kvoxd's process cannot be seen by " + UserOf(facts.me)
-                         : "not known before kvoxd runs",
-                  hidden ? kAsRoot : StartCommand(facts));
+  if (other_user || !process.rtprio_limit) {
+    const bool hidden = facts.running || facts.reply.status == kNotAllowed;
+    return subject.Warn(hidden ? "not known: kvoxd's process cannot be seen by " + UserOf(facts.me)
+                               : "not known before kvoxd runs",
+                        hidden ? kAsRoot : StartCommand(facts));
   }
   const std::string whose = facts.running ? "kvoxd (process " + pid + ")" : "a kvoxd started here";
   if (process.sys_nice) {
-    report(Verdict::kOk, whose + " gets it by CAP_SYS_NICE", "");
+    subject.Ok(whose + " gets it by CAP_SYS_NICE");
   } else if (*process.rtprio_limit >= static_cast<uint64_t>(facts.priority)) {
-    report(Verdict::kOk, whose + " gets it by its limit of rtprio", "");
+    subject.Ok(whose + " gets it by its limit of rtprio");
   } else {
-    report(Verdict::kWarning,
-           whose + " does not get it, its limit of rtprio is " +
-               std::to_string(*process.rtprio_limit) + ": packets are late on a busy machine",
-           Sudo(facts.me) + "prlimit --rtprio=" + std::to_string(facts.priority) + " --pid " +
-               (facts.running ? pid : "$$"));
+    subject.Warn(whose + " does not get it, its limit of rtprio is " +
+                     std::to_string(*process.rtprio_limit) + ": packets are late on a busy machine",
+                 Sudo(facts.me) + "prlimit --rtprio=" + std::to_string(facts.priority) + " --pid " +
+                     (facts.running ? pid : "$$"));
   }
   if (facts.rt_runtime_us && *facts.rt_runtime_us == 0) {
-    report(Verdict::kWarning, "kernel.sched_rt_runtime_us is 0: such threads get no time",
-           Sudo(facts.me) + "sysctl kernel.sched_rt_runtime_us=950000");
+    subject.Warn("kernel.sched_rt_runtime_us is 0: such threads get no time",
+                 Sudo(facts.me) + "sysctl kernel.sched_rt_runtime_us=950000");
   }
 }
 
-void JudgeWakeLocks(const Facts& facts, std::vector<Finding>& findings) {
+void CheckWakeLocks(const Facts& facts, std::vector<Finding>& findings) {
   for (const PathFacts& file : facts.wake_locks) {
-    const auto report = [&](Verdict verdict, const std::string& cause, const std::string& fix) {
-      findings.push_back({verdict, "wakelock", "wake lock " + file.path, cause, fix});
-    };
+    Subject subject("wakelock", "wake lock " + file.path, findings);
+    const std::string user = UserOf(facts.daemon);
     if (file.error != 0) {
-      return report(Verdict::kWarning,
-                    WhatIsThere(file) +
-                        ": wake locks are counted, but this machine may sleep while audio flows",
-                    "systemd-inhibit --what=sleep:idle --why=audio sleep infinity");
+      return subject.Warn(
+          WhatIsThere(file) +
+              ": wake locks are counted, but this machine may sleep while audio flows",
+          "systemd-inhibit --what=sleep:idle --why=audio sleep infinity");
     }
     if (May(facts.daemon, file, kWrite)) {
-      report(Verdict::kOk, UserOf(facts.daemon) + " may write", "");
+      subject.Ok(user + " may write");
     } else {
-      report(Verdict::kWarning,
-             UserOf(facts.daemon) +
-                 " has no right to write: this machine may sleep while audio "
-                 "flows",
-             Grant(facts.me, facts.daemon, file, kWrite, ShellWord(file.path)));
+      subject.Warn(user + " has no right to write: this machine may sleep while audio flows",
+                   Grant(facts.me, facts.daemon, file, kWrite, ShellWord(file.path)));
     }
   }
 }
 
-void JudgeCaptures(const Facts& facts, std::vector<Finding>& findings) {
+void CheckCaptures(const Facts& facts, std::vector<Finding>& findings) {
   const PathFacts& directory = facts.captures;
   const std::string word = ShellWord(directory.path);
-  const auto report = [&](Verdict verdict, const std::string& cause, const std::string& fix) {
-    findings.push_back({verdict, "captures", "captures in " + directory.path, cause, fix});
-  };
+  Subject subject("captures", "captures in " + directory.path, findings);
   if (directory.error == ENOENT && !directory.link) {
-    return report(Verdict::kWarning, WhatIsThere(directory), "mkdir -p " + word);
+    return subject.Warn(WhatIsThere(directory), "mkdir -p " + word);
   }
   if (directory.error != 0 || !S_ISDIR(directory.mode)) {
     const std::string parent = std::filesystem::path(directory.path).parent_path();
-    return report(Verdict::kWarning,
-                  WhatIsThere(directory) + (directory.error == 0 ? ", not a directory" : ""),
-                  "kvoxctl doctor --captures " + ShellWord(parent.empty() ? "." : parent));
+    return subject.Warn(WhatIsThere(directory) + (directory.error == 0 ? ", not a directory" : ""),
+                        "kvoxctl doctor --captures " + ShellWord(parent.empty() ? "." : parent));
   }
   if (!May(facts.daemon, directory, kWrite | kSearch)) {
-    return report(Verdict::kWarning, UserOf(facts.daemon) + " has no right to write and search it",
-                  Grant(facts.me, facts.daemon, directory, kWrite | kSearch, word));
+    return subject.Warn(UserOf(facts.daemon) + " has no right to write and search it",
+                        Grant(facts.me, facts.daemon, directory, kWrite | kSearch, word));
   }
   const auto bytes = static_cast<double>(facts.free_bytes);
   const double minutes = bytes / kBytesPerMinute;
   const std::string room =
       Gigabytes(bytes) + " free, " + Duration(minutes) + " of one buffer at 48 kHz, 2 x 16 bits";
-  if (minutes >= kLittleMinutes) return report(Verdict::kOk, room, "");
-  report(Verdict::kWarning, "only " + room, "df -h; ls -lhS " + word);
+  if (minutes >= kLittleMinutes) return subject.Ok(room);
+  subject.Warn("only " + room, "df -h; ls -lhS " + word);
 }
 
 }  // namespace kvox::client

@@ -22,8 +22,8 @@ std::string Letters(uint32_t rights) {
   return letters;
 }
 
-bool IsIn(const Person& person, uint32_t group) {
-  return std::find(person.groups.begin(), person.groups.end(), group) != person.groups.end();
+bool IsIn(const User& user, uint32_t group) {
+  return std::find(user.groups.begin(), user.groups.end(), group) != user.groups.end();
 }
 
 bool GroupHas(const PathFacts& path, uint32_t rights) {
@@ -32,10 +32,10 @@ bool GroupHas(const PathFacts& path, uint32_t rights) {
 
 }  // namespace
 
-bool May(const Person& person, const PathFacts& path, uint32_t rights) {
-  if (person.uid == 0) return true;
-  if (person.uid == path.uid) return (path.mode >> 6 & rights) == rights;
-  if (IsIn(person, path.gid)) return GroupHas(path, rights);
+bool May(const User& user, const PathFacts& path, uint32_t rights) {
+  if (user.uid == 0) return true;
+  if (user.uid == path.uid) return (path.mode >> 6 & rights) == rights;
+  if (IsIn(user, path.gid)) return GroupHas(path, rights);
   return (path.mode & rights) == rights;
 }
 
@@ -56,28 +56,28 @@ std::string ShellWord(const std::string& text) {
   return word + "'";
 }
 
-std::string Sudo(const Person& me) {
-  return me.uid == 0 ? "" : "sudo ";
+std::string Sudo(const User& me, uint32_t owner) {
+  return me.uid == 0 || me.uid == owner ? "" : "sudo ";
 }
 
-std::string Grant(const Person& me, const Person& person, const PathFacts& path, uint32_t rights,
+std::string Grant(const User& me, const User& user, const PathFacts& path, uint32_t rights,
                   const std::string& words) {
-  const std::string sudo = me.uid == path.uid ? "" : Sudo(me);
+  const std::string sudo = Sudo(me, path.uid);
   const auto open = [&](const char* whom) {
     return "chmod " + (whom + Letters(rights)) + " " + words;
   };
-  if (person.uid == path.uid) return sudo + open("u+");
-  if (IsIn(person, path.gid)) return sudo + open("g+");
+  if (user.uid == path.uid) return sudo + open("u+");
+  if (IsIn(user, path.gid)) return sudo + open("g+");
   if (S_ISCHR(path.mode) || S_ISFIFO(path.mode)) {
-    const std::string own = "chown " + ShellWord(person.name) + " " + words;
+    const std::string own = "chown " + ShellWord(user.name) + " " + words;
     return Sudo(me) + own + " && " + Sudo(me) + open("u+");
   }
-  const std::string share = "chgrp " + ShellWord(person.group) + " " + words;
+  const std::string share = "chgrp " + ShellWord(user.group) + " " + words;
   return Sudo(me) + share + " && " + sudo + open("g+");
 }
 
-std::string Join(const Person& me, const PathFacts& path, uint32_t rights) {
-  // Nobody should join root's group for the sake of a socket.
+std::string Join(const User& me, const PathFacts& path, uint32_t rights) {
+  // Nobody should join root's group just to use a socket.
   if (me.uid == path.uid || IsIn(me, path.gid) || path.gid == 0 || !GroupHas(path, rights)) {
     return Grant(me, me, path, rights, ShellWord(path.path));
   }

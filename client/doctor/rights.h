@@ -1,4 +1,4 @@
-// Who may do what with a path, and commands that change it. Pure.
+// Who may do what with a path, and commands that change it.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@ constexpr uint32_t kRead = 4;
 constexpr uint32_t kWrite = 2;
 constexpr uint32_t kSearch = 1;
 
-/// Whether the person has all of these rights to what is there, by mode, owner and group alone.
-bool May(const Person& person, const PathFacts& path, uint32_t rights);
+/// Whether the user has all of these rights, by mode, owner and group alone.
+bool May(const User& user, const PathFacts& path, uint32_t rights);
 
 /// "read and write"; "search" of a directory.
 std::string NameOf(uint32_t rights);
@@ -22,16 +22,16 @@ std::string NameOf(uint32_t rights);
 /// The text as one word of a shell's command line.
 std::string ShellWord(const std::string& text);
 
-/// "sudo " unless `me` is root already.
-std::string Sudo(const Person& me);
+/// "sudo " unless `me` is root already, or the owner of what is to be changed.
+std::string Sudo(const User& me, uint32_t owner = 0);
 
-/// A command for `me` that gives the rights to `path`, which `words` name in the shell, to
-/// `person`. A device becomes his: the members of his group talk to the daemon, not to devices.
-std::string Grant(const Person& me, const Person& person, const PathFacts& path, uint32_t rights,
+/// A command for `me` that gives `user` the rights to `path`, which is `words` in the shell.
+/// Devices change their owner: the members of its group talk to the daemon, not to devices.
+std::string Grant(const User& me, const User& user, const PathFacts& path, uint32_t rights,
                   const std::string& words);
 
-/// A command that makes `me` one of those to whom the group's part of the mode gives the rights, or
-/// one that gives the rights where it does not.
-std::string Join(const Person& me, const PathFacts& path, uint32_t rights);
+/// A command that adds `me` to the group that has the rights, or that gives `me` the rights where
+/// the group has none.
+std::string Join(const User& me, const PathFacts& path, uint32_t rights);
 
 }  // namespace kvox::client

@@ -4,7 +4,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "kvox/common/device_names.h"
 
 namespace kvox::client {
 
@@ -16,50 +19,57 @@ struct TapPoint {
   uint32_t sample_rate_hz = 0;
   uint32_t channels = 0;
   char encoding = '?';  // i: integer, f: float, v: mu-law, ?: unknown
-  uint32_t bits = 0;    // a sample
+  uint32_t bits = 0;    // of a sample
   uint32_t block_length_frames = 0;
   uint32_t noninterleaved_samples = 0;
   uint32_t jitter_buffer_frames = 0;
-  std::string tapout = {};  // name of the buffer it streams into
-  std::string inject = {};  // name of the buffer it takes audio from
+  std::string tapout = {};  // the buffer it streams into
+  std::string inject = {};  // the buffer it takes audio from
   bool enabled = false;
 
   /// "imic.0"
   std::string Name() const { return code + "." + std::to_string(index); }
-  /// "2:imic.0", which names no other tap point
+  /// "2:imic.0", which is unique
   std::string FullName() const { return std::to_string(core) + ":" + Name(); }
 };
 
-/// What the parameters of a processor hold.
+/// Parameters of a processor.
 struct Settings {
   bool passthrough_mode = false;
   bool test_mode = false;
   int32_t block_length_frames = 0;
   int32_t jitter_buffer_frames = 0;
-  int32_t sample_rate_code = -1;
-  int32_t sample_size_code = -1;
-  int32_t encoding_code = -1;
   int32_t channels = 0;
-  int32_t noninterleaved_samples = 0;
 };
 
 struct Processor {
   std::string id = {};      // four characters
   std::string type = {};    // four characters
-  std::string input = {};   // name of a tap-out buffer
-  std::string output = {};  // name of an inject buffer
+  std::string input = {};   // a tap-out buffer
+  std::string output = {};  // an inject buffer
   bool enabled = false;
-  std::optional<Settings> settings = {};  // where they were asked for
+  std::optional<Settings> settings = {};  // where they were queried
 };
 
 enum class Direction { kTapOut, kInject };
+
+/// "tap-out" or "inject"
+inline const char* NameOf(Direction direction) {
+  return direction == Direction::kTapOut ? "tap-out" : "inject";
+}
+
+/// What the names of its buffers start with: "tapout" or "inject".
+inline std::string_view BufferPrefix(Direction direction) {
+  const std::string_view device = direction == Direction::kTapOut ? kTapOutPrefix : kInjectPrefix;
+  return device.substr(std::string_view(kDevicePrefix).size());
+}
 
 struct Buffer {
   int id = 0;
   std::string name;
   Direction direction = Direction::kTapOut;
-  std::string producer = {};                // the processor that writes into it
-  std::vector<std::string> consumers = {};  // the processors that read from it
+  std::string producer = {};                // the processor that writes it
+  std::vector<std::string> consumers = {};  // the processors that read it
   bool enabled = false;
 };
 
@@ -77,7 +87,7 @@ struct Path {
 
 struct UseCase {
   std::string name;
-  std::optional<bool> enabled;  // none where the daemon does not tell
+  std::optional<bool> enabled;  // none where the daemon does not say
 };
 
 }  // namespace kvox::client

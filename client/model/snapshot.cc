@@ -2,16 +2,16 @@
 
 #include <algorithm>
 #include <iterator>
-#include <numeric>
+#include <utility>
 
 #include "kvox/common/four_cc.h"
 
 namespace kvox::client {
 namespace {
 
-/// The method's answer. Throws Failure when its status is not OK.
+/// The method's lines. Throws Failure when its status is not OK.
 template <typename Method, typename... T>
-Lines Ask(Daemon& daemon, const char* name, Method method, const T&... arguments) {
+Lines Query(Daemon& daemon, const char* name, Method method, const T&... arguments) {
   IKvox::CommandResult result = daemon.Call(name, method, arguments...);
   if (result.status != IKvox::CommandStatus::OK) {
     const std::string last = result.lines.empty() ? name : SplitLines(result.lines).back();
@@ -22,66 +22,71 @@ Lines Ask(Daemon& daemon, const char* name, Method method, const T&... arguments
   return std::move(result.lines);
 }
 
-template <typename Read>
-auto Tell(Lines lines, Read read) {
-  auto rows = read(lines);
-  return Told<typename decltype(rows.items)::value_type>{std::move(rows.items), rows.unread,
-                                                         std::move(lines), std::move(rows.cut)};
-}
-
-Told<std::string> TellNames(Lines lines) {
-  std::vector<std::string> names = ReadNames(lines);
-  return {std::move(names), 0, std::move(lines)};
+template <typename T, typename Matches>
+const T* FindIf(const std::vector<T>& items, Matches matches) {
+  const auto found = std::find_if(items.begin(), items.end(), matches);
+  return found == items.end() ? nullptr : &*found;
 }
 
 }  // namespace
 
-Told<Processor> AskProcessors(Daemon& daemon) {
-  return Tell(Ask(daemon, "ListProcessors", &IKvox::ListProcessors), ReadProcessors);
+TableReply<Processor> QueryProcessors(Daemon& daemon) {
+  return ParseProcessors(Query(daemon, "ListProcessors", &IKvox::ListProcessors));
 }
 
-Told<TapPoint> AskTaps(Daemon& daemon, int core) {
-  return Tell(Ask(daemon, "TapList", &IKvox::TapList, core),
-              [core](const Lines& lines) { return ReadTaps(core, lines); });
+TableReply<Buffer> QueryBuffers(Daemon& daemon, Direction direction) {
+  return ParseBuffers(direction,
+                      direction == Direction::kTapOut
+                          ? Query(daemon, "ListTapOutBuffers", &IKvox::ListTapOutBuffers)
+                          : Query(daemon, "ListInjectBuffers", &IKvox::ListInjectBuffers));
 }
 
-Told<Buffer> AskBuffers(Daemon& daemon, Direction direction) {
-  Lines lines = direction == Direction::kTapOut
-                    ? Ask(daemon, "ListTapOutBuffers", &IKvox::ListTapOutBuffers)
-                    : Ask(daemon, "ListInjectBuffers", &IKvox::ListInjectBuffers);
-  return Tell(std::move(lines),
-              [direction](const Lines& text) { return ReadBuffers(direction, text); });
+TableReply<Buffer> QueryBuffers(Daemon& daemon) {
+  TableReply<Buffer> buffers = QueryBuffers(daemon, Direction::kTapOut);
+  buffers.Append(QueryBuffers(daemon, Direction::kInject));
+  return buffers;
 }
 
-Told<Path> AskGraph(Daemon& daemon) {
-  return Tell(Ask(daemon, "ShowGraph", &IKvox::ShowGraph), ReadGraph);
+TableReply<Path> QueryGraph(Daemon& daemon) {
+  return ParseGraph(Query(daemon, "ShowGraph", &IKvox::ShowGraph));
 }
 
-Told<std::string> AskTypes(Daemon& daemon) {
-  return TellNames(Ask(daemon, "ListSupportedProcessors", &IKvox::ListSupportedProcessors));
+TableReply<std::string> QueryTypes(Daemon& daemon) {
+  return ParseNames(Query(daemon, "ListSupportedProcessors", &IKvox::ListSupportedProcessors));
 }
 
-Told<std::string> AskUseCases(Daemon& daemon) {
-  return TellNames(Ask(daemon, "ListSupportedUseCases", &IKvox::ListSupportedUseCases));
+TableReply<std::string> QueryUseCases(Daemon& daemon) {
+  return ParseNames(Query(daemon, "ListSupportedUseCases", &IKvox::ListSupportedUseCases));
 }
 
-Told<std::string> AskParameters(Daemon& daemon) {
-  return TellNames(Ask(daemon, "ListParameters", &IKvox::ListParameters));
+TableReply<std::string> QueryParameters(Daemon& daemon) {
+  return ParseNames(Query(daemon, "ListParameters", &IKvox::ListParameters));
 }
 
-std::optional<Settings> AskSettings(Daemon& daemon, const std::string& processor) {
+std::optional<Settings> QuerySettings(Daemon& daemon, const std::string& processor) {
   IKvox::CommandResult result;
   std::vector<IKvox::ParamValue> values;
   daemon.Run("GetParameterBulk", [&](IKvox& kvox) {
     return kvox.GetParameterBulk(CodeOf(processor), SettingsPairs(), &result, &values);
   });
-  return ReadSettings(values);
+  return ParseSettings(values);
 }
 
-std::optional<bool> AskUseCase(Daemon& daemon, const std::string& name) {
+std::optional<bool> QueryUseCase(Daemon& daemon, const std::string& name) {
   const IKvox::CommandResult result = daemon.Call("IsEnabled", &IKvox::IsEnabled, name);
   if (result.status != IKvox::CommandStatus::OK) return std::nullopt;
   return result.value != 0;
+}
+
+TableReply<TapPoint> QueryTaps(Daemon& daemon, const std::vector<int>& cores,
+                               std::vector<int>& silent) {
+  TableReply<TapPoint> taps;
+  for (const int core : cores) {
+    auto reply = ParseTaps(core, Query(daemon, "TapList", &IKvox::TapList, core));
+    if (!CoreReplied(reply.lines)) silent.push_back(core);
+    taps.Append(std::move(reply));
+  }
+  return taps;
 }
 
 int32_t CodeOf(const std::string& name) {
@@ -108,18 +113,19 @@ std::string SilenceOf(const std::vector<int>& cores) {
          (one ? "that core" : "those cores");
 }
 
-int Snapshot::unread() const {
-  return std::accumulate(unread_rows.begin(), unread_rows.end(), 0,
-                         [](int sum, const UnreadRows& rows) { return sum + rows.count; });
+int Snapshot::unparsed_rows() const {
+  int sum = 0;
+  for (const UnparsedRows& rows : unparsed) sum += rows.count;
+  return sum;
 }
 
 bool CanBeTrusted(const Snapshot& snapshot) {
-  return snapshot.unread_rows.empty() && snapshot.silent_cores.size() < std::size(kGraphCores);
+  return snapshot.unparsed.empty() && snapshot.silent_cores.size() < kAllCores.size();
 }
 
 std::string GapsOf(const Snapshot& snapshot) {
   std::string text;
-  for (const UnreadRows& rows : snapshot.unread_rows) {
+  for (const UnparsedRows& rows : snapshot.unparsed) {
     text += (text.empty() ? "" : "; ") + std::to_string(rows.count) +
             (rows.count == 1 ? " row" : " rows") + " of 'kvoxctl " + rows.list +
             "' cannot be read; look there for the reason";
@@ -130,39 +136,34 @@ std::string GapsOf(const Snapshot& snapshot) {
 
 Snapshot ReadSnapshot(Daemon& daemon) {
   Snapshot snapshot;
-  const auto take = [&snapshot](auto told, std::string list) {
-    if (told.unread != 0) snapshot.unread_rows.push_back({std::move(list), told.unread});
-    return std::move(told.items);
+  const auto take = [&snapshot](auto reply, std::string list) {
+    if (reply.unparsed != 0) snapshot.unparsed.push_back({std::move(list), reply.unparsed});
+    return std::move(reply.rows);
   };
-  snapshot.types = take(AskTypes(daemon), "processor types");
-  snapshot.processors = take(AskProcessors(daemon), "processor list");
+  snapshot.types = take(QueryTypes(daemon), "processor types");
+  snapshot.processors = take(QueryProcessors(daemon), "processor list");
   for (Processor& processor : snapshot.processors) {
-    processor.settings = AskSettings(daemon, processor.id);
+    processor.settings = QuerySettings(daemon, processor.id);
   }
-  for (const int core : kGraphCores) {
-    auto told = AskTaps(daemon, core);
-    if (!CoreAnswered(told.lines)) snapshot.silent_cores.push_back(core);
-    const auto taps = take(std::move(told), "tap list " + std::to_string(core));
-    snapshot.taps.insert(snapshot.taps.end(), taps.begin(), taps.end());
+  for (const int core : kAllCores) {
+    std::ranges::move(
+        take(QueryTaps(daemon, {core}, snapshot.silent_cores), "tap list " + std::to_string(core)),
+        std::back_inserter(snapshot.taps));
   }
-  snapshot.tapouts = take(AskBuffers(daemon, Direction::kTapOut), "buffer list tap-out");
-  snapshot.injects = take(AskBuffers(daemon, Direction::kInject), "buffer list inject");
-  for (const std::string& name : take(AskUseCases(daemon), "usecase list")) {
-    snapshot.use_cases.push_back({name, AskUseCase(daemon, name)});
+  snapshot.tapouts = take(QueryBuffers(daemon, Direction::kTapOut), "buffer list tap-out");
+  snapshot.injects = take(QueryBuffers(daemon, Direction::kInject), "buffer list inject");
+  for (const std::string& name : take(QueryUseCases(daemon), "usecase list")) {
+    snapshot.use_cases.push_back({name, QueryUseCase(daemon, name)});
   }
   return snapshot;
 }
 
 const Processor* FindProcessor(const std::vector<Processor>& processors, const std::string& id) {
-  const auto found = std::find_if(processors.begin(), processors.end(),
-                                  [&](const Processor& processor) { return processor.id == id; });
-  return found == processors.end() ? nullptr : &*found;
+  return FindIf(processors, [&](const Processor& processor) { return processor.id == id; });
 }
 
 const Buffer* FindBuffer(const std::vector<Buffer>& buffers, const std::string& name) {
-  const auto found = std::find_if(buffers.begin(), buffers.end(),
-                                  [&](const Buffer& buffer) { return buffer.name == name; });
-  return found == buffers.end() ? nullptr : &*found;
+  return FindIf(buffers, [&](const Buffer& buffer) { return buffer.name == name; });
 }
 
 }  // namespace kvox::client

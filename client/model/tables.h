@@ -1,4 +1,4 @@
-// The texts in which the daemon answers, read into values. Pure; any thread.
+// The daemon's text replies, parsed into values. Any thread.
 #pragma once
 
 #include <aidl/kvox/IKvox.h>
@@ -11,40 +11,47 @@
 
 namespace kvox::client {
 
-/// The lines of a CommandResult; each may be several.
+/// The lines of a CommandResult; each may hold several.
 using Lines = std::vector<std::string>;
 
-/// A table's rows in its order, and how many more could not be read: those with unprintable names,
-/// and those that the daemon has cut.
+/// A reply that is a table, or several of one kind.
 template <typename T>
-struct Rows {
-  std::vector<T> items;
-  int unread = 0;
-  std::vector<T> cut = {};  // of the unread: buffers of which only id and name are to be trusted
+struct TableReply {
+  std::vector<T> rows;  // in the daemon's order
+  int unparsed = 0;     // rows with unprintable names, and those that the daemon truncated
+  std::vector<T> truncated = {};  // of the unparsed: buffers of which only id and name are valid
+  Lines lines = {};               // all of the text
+
+  void Append(TableReply more) {
+    rows.insert(rows.end(), more.rows.begin(), more.rows.end());
+    unparsed += more.unparsed;
+    truncated.insert(truncated.end(), more.truncated.begin(), more.truncated.end());
+    lines.insert(lines.end(), more.lines.begin(), more.lines.end());
+  }
 };
 
 /// ListProcessors.
-Rows<Processor> ReadProcessors(const Lines& lines);
+TableReply<Processor> ParseProcessors(Lines lines);
 
-/// TapList or TapInfo, asked for `core`.
-Rows<TapPoint> ReadTaps(int core, const Lines& lines);
+/// TapList or TapInfo of `core`.
+TableReply<TapPoint> ParseTaps(int core, Lines lines);
 
-/// False when TapList says that it got no answer from the core.
-bool CoreAnswered(const Lines& lines);
+/// False when TapList says that it got no reply from the core.
+bool CoreReplied(const Lines& lines);
 
 /// ListTapOutBuffers or ListInjectBuffers.
-Rows<Buffer> ReadBuffers(Direction direction, const Lines& lines);
+TableReply<Buffer> ParseBuffers(Direction direction, Lines lines);
 
 /// ShowGraph.
-Rows<Path> ReadGraph(const Lines& lines);
+TableReply<Path> ParseGraph(Lines lines);
 
-/// The words behind the colon of ListSupportedProcessors, ListSupportedUseCases, ListParameters.
-std::vector<std::string> ReadNames(const Lines& lines);
+/// The words after the colon of ListSupportedProcessors, ListSupportedUseCases, ListParameters.
+TableReply<std::string> ParseNames(Lines lines);
 
-/// What GetParameterBulk answered for SettingsPairs(); none when it is not that.
-std::optional<Settings> ReadSettings(const std::vector<aidl::kvox::IKvox::ParamValue>& values);
+/// The values of GetParameterBulk for SettingsPairs(); none when it returned something else.
+std::optional<Settings> ParseSettings(const std::vector<aidl::kvox::IKvox::ParamValue>& values);
 
-/// What to ask GetParameterBulk for.
+/// The inputs of GetParameterBulk that ParseSettings() needs.
 std::vector<aidl::kvox::IKvox::ParamIdElementPair> SettingsPairs();
 
 /// Why the daemon refused, in one line: what follows the line that repeats the request.

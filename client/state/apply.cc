@@ -9,12 +9,6 @@ namespace {
 
 using Action = Step::Action;
 
-/// The number of a buffer, -1 for none. The names are those of the snapshot.
-int32_t NumberOf(const std::vector<Buffer>& buffers, const std::string& name) {
-  const Buffer* const buffer = FindBuffer(buffers, name);
-  return buffer == nullptr ? -1 : buffer->id;
-}
-
 const TapPoint& TapOf(const Snapshot& snapshot, const std::string& name) {
   const auto found = std::find_if(snapshot.taps.begin(), snapshot.taps.end(),
                                   [&](const TapPoint& tap) { return tap.FullName() == name; });
@@ -22,53 +16,59 @@ const TapPoint& TapOf(const Snapshot& snapshot, const std::string& name) {
   throw Failure(kNoObject, "tap point " + name + " has gone; run apply again");
 }
 
-IKvox::CommandResult SendToTap(const Step& step, const Snapshot& snapshot, Daemon& daemon) {
-  const TapPoint& tap = TapOf(snapshot, step.object);
-  const auto call = [&](const char* name, auto method, const auto&... more) {
+/// Sends one step. Throws Failure when the daemon is gone; a refusal is in the result.
+IKvox::CommandResult Send(const Step& step, const Snapshot& snapshot, Daemon& daemon) {
+  // The number of a buffer of the snapshot, -1 for none.
+  const auto number = [](const std::vector<Buffer>& buffers, const std::string& name) {
+    const Buffer* const buffer = FindBuffer(buffers, name);
+    return buffer == nullptr ? -1 : buffer->id;
+  };
+  const auto on_processor = [&](const char* name, auto method, const auto&... more) {
+    return daemon.Call(name, method, CodeOf(step.object), more...);
+  };
+  const auto on_tap = [&](const char* name, auto method, const auto&... more) {
+    const TapPoint& tap = TapOf(snapshot, step.object);
     return daemon.Call(name, method, tap.core, CodeOf(tap.code), tap.index, more...);
   };
-  if (step.action == Action::kSwitchTap) return call("TapEnable", &IKvox::TapEnable, step.on);
-  if (step.action == Action::kSetBlockLength) {
-    return call("TapSetBlockLength", &IKvox::TapSetBlockLength, static_cast<int32_t>(step.value));
-  }
-  return call("ConnectTap", &IKvox::ConnectTap, NumberOf(snapshot.tapouts, step.tapout),
-              NumberOf(snapshot.injects, step.inject));
-}
-
-IKvox::CommandResult SendToProcessor(const Step& step, const Snapshot& snapshot, Daemon& daemon) {
-  const int32_t id = CodeOf(step.object);
+  const int32_t tapout = number(snapshot.tapouts, step.tapout);
+  const int32_t inject = number(snapshot.injects, step.inject);
+  const auto value = static_cast<int32_t>(step.value);
   switch (step.action) {
+    case Action::kSwitchUseCase:
+      return daemon.Call("Enable", &IKvox::Enable, step.object, step.on);
+    case Action::kSwitchTap:
+      return on_tap("TapEnable", &IKvox::TapEnable, step.on);
+    case Action::kSetBlockLength:
+      return on_tap("TapSetBlockLength", &IKvox::TapSetBlockLength, value);
+    case Action::kBind:
+      return on_tap("ConnectTap", &IKvox::ConnectTap, tapout, inject);
+    case Action::kSwitchBuffer:
+      return daemon.Call(step.on ? "StartIo" : "StopIo", step.on ? &IKvox::StartIo : &IKvox::StopIo,
+                         number(snapshot.tapouts, step.object));
     case Action::kDelete:
-      return daemon.Call("DeleteProcessor", &IKvox::DeleteProcessor, id);
+      return on_processor("DeleteProcessor", &IKvox::DeleteProcessor);
     case Action::kNew:
-      return daemon.Call("NewProcessorWithType", &IKvox::NewProcessorWithType, id,
-                         CodeOf(step.type));
+      return on_processor("NewProcessorWithType", &IKvox::NewProcessorWithType, CodeOf(step.type));
     case Action::kSetParameter:
-      return daemon.Call(
-          "SetParameter", &IKvox::SetParameter, id, step.parameter, 0,
-          IKvox::ParamValue::make<IKvox::ParamValue::i>(static_cast<int32_t>(step.value)));
+      return on_processor("SetParameter", &IKvox::SetParameter, step.parameter, 0,
+                          IKvox::ParamValue::make<IKvox::ParamValue::i>(value));
     case Action::kConnect:
-      return daemon.Call("Connect", &IKvox::Connect, id, NumberOf(snapshot.tapouts, step.tapout),
-                         NumberOf(snapshot.injects, step.inject));
-    default:
-      return daemon.Call("ProcessorEnable", &IKvox::ProcessorEnable, id, step.on);
+      return on_processor("Connect", &IKvox::Connect, tapout, inject);
+    case Action::kSwitchProcessor:
+      break;
   }
+  return on_processor("ProcessorEnable", &IKvox::ProcessorEnable, step.on);
 }
 
-/// True when the daemon took every step.
+/// True when the daemon accepted every step.
 bool SendAll(std::vector<Step> steps, const Snapshot& snapshot, Daemon& daemon, Outcome& outcome) {
   for (auto step = steps.begin(); step != steps.end(); ++step) {
     try {
       const auto result = Send(*step, snapshot, daemon);
-      if (result.status != IKvox::CommandStatus::OK) {
-        outcome.status = kRefused;
-        outcome.cause = CauseOf(result);
-      }
+      if (result.status != IKvox::CommandStatus::OK) throw Failure(kRefused, CauseOf(result));
     } catch (const Failure& failure) {
       outcome.status = failure.status();
       outcome.cause = failure.what();
-    }
-    if (outcome.status != kDone) {
       outcome.left.assign(step, steps.end());
       return false;
     }
@@ -78,23 +78,6 @@ bool SendAll(std::vector<Step> steps, const Snapshot& snapshot, Daemon& daemon, 
 }
 
 }  // namespace
-
-IKvox::CommandResult Send(const Step& step, const Snapshot& snapshot, Daemon& daemon) {
-  switch (step.action) {
-    case Action::kSwitchUseCase:
-      return daemon.Call("Enable", &IKvox::Enable, step.object, step.on);
-    case Action::kStartBuffer:
-      return daemon.Call("StartIo", &IKvox::StartIo, NumberOf(snapshot.tapouts, step.object));
-    case Action::kStopBuffer:
-      return daemon.Call("StopIo", &IKvox::StopIo, NumberOf(snapshot.tapouts, step.object));
-    case Action::kSwitchTap:
-    case Action::kSetBlockLength:
-    case Action::kBind:
-      return SendToTap(step, snapshot, daemon);
-    default:
-      return SendToProcessor(step, snapshot, daemon);
-  }
-}
 
 Outcome Apply(const std::string& text, const std::string& origin, bool keep, Daemon& daemon) {
   Outcome outcome;
@@ -113,7 +96,7 @@ Outcome Apply(const std::string& text, const std::string& origin, bool keep, Dae
     outcome.differences = Differences(wanted, actual);
     if (finished || outcome.differences.empty()) return outcome;
     std::vector<Step> steps = Plan(wanted, actual);
-    // What a use case sets up is looked at before the rest is planned.
+    // What a use case sets up is queried before the rest is planned.
     finished = steps.empty() || steps.front().action != Action::kSwitchUseCase;
     if (!SendAll(std::move(steps), snapshot, daemon, outcome)) return outcome;
   }

@@ -9,39 +9,38 @@ namespace {
 using Action = Step::Action;
 using ParameterId = aidl::kvox::IKvox::ParameterId;
 
-/// Of a processor that is as the daemon makes it, apart from its type and its block length, which
-/// depends on the kind.
+/// A new processor, apart from its type and its block length, which depends on the type.
 const ProcessorState kFresh = {
     .passthrough_mode = false, .test_mode = false, .jitter_buffer_frames = 0};
 
-/// True when `wanted` asks for something else.
+/// True when `wanted` is given and differs.
 template <typename T>
-bool Asks(const std::optional<T>& wanted, const std::optional<T>& now) {
+bool Differs(const std::optional<T>& wanted, const std::optional<T>& now) {
   return wanted && wanted != now;
 }
 
 /// A jitter buffer cannot be set to 0 again.
-bool HasToBeMadeAnew(const ProcessorState& wanted, const ProcessorState& now) {
+bool MustBeReplaced(const ProcessorState& wanted, const ProcessorState& now) {
   return wanted.type != now.type ||
          (wanted.jitter_buffer_frames == 0 && now.jitter_buffer_frames != 0);
 }
 
-/// Setting these also sets the tap point that the processor hears.
-bool AsksForLengths(const ProcessorState& wanted, const ProcessorState& now) {
-  return Asks(wanted.block_length_frames, now.block_length_frames) ||
-         Asks(wanted.jitter_buffer_frames, now.jitter_buffer_frames);
+/// Setting these also sets the tap point that feeds the processor.
+bool LengthsDiffer(const ProcessorState& wanted, const ProcessorState& now) {
+  return Differs(wanted.block_length_frames, now.block_length_frames) ||
+         Differs(wanted.jitter_buffer_frames, now.jitter_buffer_frames);
 }
 
 bool Changes(const ProcessorState& wanted, const ProcessorState& now) {
-  return HasToBeMadeAnew(wanted, now) || AsksForLengths(wanted, now) ||
-         Asks(wanted.passthrough_mode, now.passthrough_mode) ||
-         Asks(wanted.test_mode, now.test_mode) || wanted.input != now.input ||
+  return MustBeReplaced(wanted, now) || LengthsDiffer(wanted, now) ||
+         Differs(wanted.passthrough_mode, now.passthrough_mode) ||
+         Differs(wanted.test_mode, now.test_mode) || wanted.input != now.input ||
          wanted.output != now.output;
 }
 
 bool Changes(const TapState& wanted, const TapState& now) {
   return wanted.tapout != now.tapout || wanted.inject != now.inject ||
-         Asks(wanted.block_length_frames, now.block_length_frames);
+         Differs(wanted.block_length_frames, now.block_length_frames);
 }
 
 class Planner {
@@ -53,10 +52,10 @@ class Planner {
       Do({.action = Action::kSwitchUseCase, .object = kTelephony, .on = wanted_.telephony});
       return std::move(steps_);
     }
-    QuietTaps();
+    DisableTaps();
     StopBuffers();
-    QuietProcessors();
-    MakeProcessors();
+    DisableProcessors();
+    CreateProcessors();
     SetParameters();
     ConnectProcessors();
     SetTaps();
@@ -72,8 +71,8 @@ class Planner {
     steps_.push_back(std::move(step));
   }
 
-  /// Buffers that a processor leaves, keeps or gets while it changes.
-  std::set<std::string> BuffersInMotion() const {
+  /// Buffers of processors that change, before and after.
+  std::set<std::string> ChangingBuffers() const {
     std::set<std::string> buffers;
     for (const auto& [id, now] : now_.processors) {
       const auto wanted = wanted_.processors.find(id);
@@ -89,13 +88,13 @@ class Planner {
     return buffers;
   }
 
-  void QuietTaps() {
-    const std::set<std::string> in_motion = BuffersInMotion();
+  void DisableTaps() {
+    const std::set<std::string> changing = ChangingBuffers();
     for (const auto& [name, wanted] : wanted_.taps) {
       const TapState now = now_.taps[name];
       if (!now.enabled) continue;
-      if (!wanted.enabled || Changes(wanted, now) || in_motion.contains(now.tapout) ||
-          in_motion.contains(now.inject)) {
+      if (!wanted.enabled || Changes(wanted, now) || changing.contains(now.tapout) ||
+          changing.contains(now.inject)) {
         Do({.action = Action::kSwitchTap, .object = name, .on = false});
       }
     }
@@ -104,13 +103,13 @@ class Planner {
   void StopBuffers() {
     const std::set<std::string> running = now_.running;
     for (const std::string& name : running) {
-      if (name.starts_with("tapout") && !wanted_.running.contains(name)) {
-        Do({.action = Action::kStopBuffer, .object = name});
+      if (IsTapOut(name) && !wanted_.running.contains(name)) {
+        Do({.action = Action::kSwitchBuffer, .object = name, .on = false});
       }
     }
   }
 
-  void QuietProcessors() {
+  void DisableProcessors() {
     const auto processors = now_.processors;
     for (const auto& [id, now] : processors) {
       const auto wanted = wanted_.processors.find(id);
@@ -122,10 +121,10 @@ class Planner {
     }
   }
 
-  void MakeProcessors() {
+  void CreateProcessors() {
     for (const auto& [id, wanted] : wanted_.processors) {
       const auto now = now_.processors.find(id);
-      if (now == now_.processors.end() || HasToBeMadeAnew(wanted, now->second)) {
+      if (now == now_.processors.end() || MustBeReplaced(wanted, now->second)) {
         Do({.action = Action::kNew, .object = id, .type = wanted.type});
       }
     }
@@ -134,7 +133,7 @@ class Planner {
   void SetParameters() {
     for (const auto& [id, wanted] : wanted_.processors) {
       const ProcessorState& now = now_.processors[id];
-      if (AsksForLengths(wanted, now) && !now.input.empty()) {
+      if (LengthsDiffer(wanted, now) && !now.input.empty()) {
         Do({.action = Action::kConnect, .object = id});
       }
       Set(id, ParameterId::PASSTHROUGH_MODE, wanted.passthrough_mode, now.passthrough_mode);
@@ -147,7 +146,7 @@ class Planner {
   template <typename T>
   void Set(const std::string& id, ParameterId parameter, const std::optional<T>& wanted,
            const std::optional<T>& now) {
-    if (!Asks(wanted, now)) return;
+    if (!Differs(wanted, now)) return;
     Do({.action = Action::kSetParameter,
         .object = id,
         .parameter = parameter,
@@ -168,7 +167,7 @@ class Planner {
   void SetTaps() {
     for (const auto& [name, wanted] : wanted_.taps) {
       const TapState& now = now_.taps[name];
-      if (Asks(wanted.block_length_frames, now.block_length_frames)) {
+      if (Differs(wanted.block_length_frames, now.block_length_frames)) {
         Do({.action = Action::kSetBlockLength,
             .object = name,
             .value = int64_t{*wanted.block_length_frames}});
@@ -188,17 +187,17 @@ class Planner {
     }
   }
 
-  /// A tap-out is started again when an inject buffer that it feeds does not run.
+  /// A tap-out is also started when an inject buffer that it feeds is not running.
   void StartBuffers() {
     for (const std::string& name : wanted_.running) {
-      if (!name.starts_with("tapout")) continue;
+      if (!IsTapOut(name)) continue;
       const auto waits = [&](const auto& entry) {
         const std::string& output = entry.second.output;
         return entry.second.input == name && !output.empty() && !now_.running.contains(output);
       };
       if (!now_.running.contains(name) ||
           std::any_of(now_.processors.begin(), now_.processors.end(), waits)) {
-        Do({.action = Action::kStartBuffer, .object = name});
+        Do({.action = Action::kSwitchBuffer, .object = name, .on = true});
       }
     }
   }
@@ -215,45 +214,30 @@ class Planner {
   std::vector<Step> steps_;
 };
 
-std::string Tie(const Step& step) {
-  if (step.tapout.empty() && step.inject.empty()) return "nothing";
-  if (step.tapout.empty()) return step.inject;
+/// The buffers of kConnect and kBind.
+std::string Ends(const Step& step) {
+  if (step.tapout.empty()) return step.inject.empty() ? "nothing" : step.inject;
   return step.tapout + (step.inject.empty() ? "" : " and " + step.inject);
 }
 
-/// Also what goes with it: the tap-out's processors write these.
-void SwitchBuffers(const Step& step, bool on, State& state) {
+/// The inject buffers that the tap-out's processors write are switched with it.
+void SwitchBuffer(const Step& step, State& state) {
   std::set<std::string> buffers = {step.object};
   for (const auto& [id, processor] : state.processors) {
     if (processor.input == step.object && !processor.output.empty()) {
       buffers.insert(processor.output);
     }
   }
-  for (const std::string& name : buffers) {
-    if (on) {
-      state.running.insert(name);
-    } else {
-      state.running.erase(name);
-    }
-  }
+  for (const std::string& name : buffers) state.running.erase(name);
+  if (step.on) state.running.merge(buffers);
 }
 
 void SetParameter(const Step& step, ProcessorState& processor) {
   const auto frames = static_cast<int32_t>(step.value);
-  switch (step.parameter) {
-    case ParameterId::PASSTHROUGH_MODE:
-      processor.passthrough_mode = step.value != 0;
-      break;
-    case ParameterId::TEST_MODE:
-      processor.test_mode = step.value != 0;
-      break;
-    case ParameterId::BLOCK_LENGTH:
-      processor.block_length_frames = frames;
-      break;
-    default:
-      processor.jitter_buffer_frames = frames;
-      break;
-  }
+  if (step.parameter == ParameterId::PASSTHROUGH_MODE) processor.passthrough_mode = frames != 0;
+  if (step.parameter == ParameterId::TEST_MODE) processor.test_mode = frames != 0;
+  if (step.parameter == ParameterId::BLOCK_LENGTH) processor.block_length_frames = frames;
+  if (step.parameter == ParameterId::JITTER_BUFFER) processor.jitter_buffer_frames = frames;
 }
 
 void Connect(const Step& step, State& state) {
@@ -268,70 +252,68 @@ void Connect(const Step& step, State& state) {
 }  // namespace
 
 std::string Describe(const Step& step) {
-  const char* const on = step.on ? "enable" : "disable";
+  const std::string on = step.on ? "enable" : "disable";
+  const std::string value = std::to_string(step.value);
+  const auto describe = [&](const char* noun, const std::string& what) {
+    return std::string(noun) + " " + step.object + ": " + what;
+  };
   switch (step.action) {
     case Action::kSwitchUseCase:
-      return "use case " + step.object + ": " + on;
+      return describe("use case", on);
     case Action::kSwitchTap:
-      return "tap point " + step.object + ": " + on;
-    case Action::kStopBuffer:
-      return "buffer " + step.object + ": stop";
-    case Action::kSwitchProcessor:
-      return "processor " + step.object + ": " + on;
-    case Action::kDelete:
-      return "processor " + step.object + ": delete";
-    case Action::kNew:
-      return "processor " + step.object + ": make, of type " + step.type;
-    case Action::kSetParameter:
-      return "processor " + step.object + ": set " + toString(step.parameter) + " to " +
-             std::to_string(step.value);
-    case Action::kConnect:
-      return "processor " + step.object + ": connect to " + Tie(step);
+      return describe("tap point", on);
     case Action::kSetBlockLength:
-      return "tap point " + step.object + ": set block length to " + std::to_string(step.value);
+      return describe("tap point", "set block length to " + value);
     case Action::kBind:
-      return "tap point " + step.object + ": bind to " + Tie(step);
-    case Action::kStartBuffer:
-      return "buffer " + step.object + ": start";
+      return describe("tap point", "bind to " + Ends(step));
+    case Action::kSwitchBuffer:
+      return describe("buffer", step.on ? "start" : "stop");
+    case Action::kSwitchProcessor:
+      return describe("processor", on);
+    case Action::kDelete:
+      return describe("processor", "delete");
+    case Action::kNew:
+      return describe("processor", "make, of type " + step.type);
+    case Action::kSetParameter:
+      return describe("processor", "set " + toString(step.parameter) + " to " + value);
+    case Action::kConnect:
+      return describe("processor", "connect to " + Ends(step));
   }
   return step.object;
 }
 
 void Perform(const Step& step, State& state) {
+  const std::string& object = step.object;
   switch (step.action) {
     case Action::kSwitchUseCase:
       state.telephony = step.on;
-      break;
+      return;
     case Action::kSwitchTap:
-      state.taps[step.object].enabled = step.on;
-      break;
-    case Action::kSwitchProcessor:
-      state.processors[step.object].enabled = step.on;
-      break;
-    case Action::kDelete:
-      state.processors.erase(step.object);
-      break;
-    case Action::kNew:
-      state.processors[step.object] = kFresh;
-      state.processors[step.object].type = step.type;
-      break;
-    case Action::kSetParameter:
-      SetParameter(step, state.processors[step.object]);
-      break;
-    case Action::kConnect:
-      Connect(step, state);
-      break;
+      state.taps[object].enabled = step.on;
+      return;
     case Action::kSetBlockLength:
-      state.taps[step.object].block_length_frames = static_cast<uint32_t>(step.value);
-      break;
+      state.taps[object].block_length_frames = static_cast<uint32_t>(step.value);
+      return;
     case Action::kBind:
-      state.taps[step.object].tapout = step.tapout;
-      state.taps[step.object].inject = step.inject;
-      break;
-    case Action::kStopBuffer:
-    case Action::kStartBuffer:
-      SwitchBuffers(step, step.action == Action::kStartBuffer, state);
-      break;
+      state.taps[object].tapout = step.tapout;
+      state.taps[object].inject = step.inject;
+      return;
+    case Action::kSwitchBuffer:
+      return SwitchBuffer(step, state);
+    case Action::kSwitchProcessor:
+      state.processors[object].enabled = step.on;
+      return;
+    case Action::kDelete:
+      state.processors.erase(object);
+      return;
+    case Action::kNew:
+      state.processors[object] = kFresh;
+      state.processors[object].type = step.type;
+      return;
+    case Action::kSetParameter:
+      return SetParameter(step, state.processors[object]);
+    case Action::kConnect:
+      return Connect(step, state);
   }
 }
 

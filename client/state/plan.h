@@ -1,4 +1,4 @@
-// How a daemon is brought from one state to another. Pure.
+// How a daemon is brought from one state to another.
 #pragma once
 
 #include <aidl/kvox/IKvox.h>
@@ -15,19 +15,18 @@ struct Step {
   enum class Action {
     kSwitchUseCase,
     kSwitchTap,
-    kStopBuffer,
+    kSetBlockLength,
+    kBind,
+    kSwitchBuffer,
     kSwitchProcessor,
     kDelete,
     kNew,
     kSetParameter,
     kConnect,
-    kSetBlockLength,
-    kBind,
-    kStartBuffer,
   };
   Action action;
   std::string object;     // use case, processor, tap point or buffer
-  bool on = false;        // of the three that switch
+  bool on = false;        // of those that switch
   std::string type = {};  // kNew
   std::string tapout = {};
   std::string inject = {};  // kConnect and kBind, "" for none
@@ -38,13 +37,13 @@ struct Step {
 /// "processor pass: connect to tapout0 and inject0"
 std::string Describe(const Step& step);
 
-/// What the daemon makes of a step that it accepts.
+/// Changes `state` as the daemon does when it accepts the step.
 void Perform(const Step& step, State& state);
 
-/// The commands that lead from `actual` to a complete `wanted`, in this order: taps whose way
-/// changes are switched off, then buffers and processors; everything is made, set and tied; then
-/// processors, buffers and at last taps are switched on, so that nothing plays half-wired. A use
-/// case that has to be switched is the only step then: what it does has to be looked at first.
+/// The commands that lead from `actual` to a complete `wanted`, in this order: taps whose path
+/// changes are disabled, then buffers and processors; everything is created, set and connected;
+/// then processors, buffers and at last taps are enabled, so that nothing plays half-wired. A use
+/// case that has to be switched is the only step: what it changes has to be queried first.
 std::vector<Step> Plan(const State& wanted, const State& actual);
 
 }  // namespace kvox::client

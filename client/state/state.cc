@@ -1,84 +1,84 @@
 #include "client/state/state.h"
 
 #include <algorithm>
-#include <concepts>
+#include <type_traits>
+#include <utility>
 
 namespace kvox::client {
 namespace {
 
-std::string Text(bool value) {
-  return value ? "true" : "false";
-}
-template <std::integral Number>
-std::string Text(Number value) {
-  return std::to_string(value);
-}
-std::string Text(const std::string& name) {
+using Text = std::optional<std::string>;
+
+/// Names and values for people; a setting that is not given has none.
+using Properties = std::vector<std::pair<const char*, Text>>;
+
+Text TextOf(const std::string& name) {
   return name.empty() ? "none" : name;
 }
+template <typename T>
+Text TextOf(const std::optional<T>& value) {
+  if (!value) return std::nullopt;
+  if constexpr (std::is_same_v<T, bool>) return *value ? "true" : "false";
+  return std::to_string(*value);
+}
 
-/// Collects in which properties one object differs.
-class Comparison {
- public:
-  /// `absent` stands for settings that the object does not have now.
-  Comparison(std::string object, std::vector<Difference>& found, const char* absent = "unknown")
-      : object_(std::move(object)), found_(found), absent_(absent) {}
+Properties PropertiesOf(const ProcessorState& processor) {
+  return {{"type", TextOf(processor.type)},
+          {"passthrough_mode", TextOf(processor.passthrough_mode)},
+          {"test_mode", TextOf(processor.test_mode)},
+          {"block_length_frames", TextOf(processor.block_length_frames)},
+          {"jitter_buffer_frames", TextOf(processor.jitter_buffer_frames)},
+          {"input", TextOf(processor.input)},
+          {"output", TextOf(processor.output)},
+          {"enabled", TextOf(std::optional(processor.enabled))}};
+}
 
-  template <typename T>
-  void Compare(const char* property, const T& wanted, const T& actual) {
-    if (wanted != actual) found_.push_back({object_, property, Text(wanted), Text(actual)});
+Properties PropertiesOf(const TapState& tap) {
+  return {{"block_length_frames", TextOf(tap.block_length_frames)},
+          {"tapout", TextOf(tap.tapout)},
+          {"inject", TextOf(tap.inject)},
+          {"enabled", TextOf(std::optional(tap.enabled))}};
+}
+
+Properties Enabled(bool enabled) {
+  return {{"enabled", TextOf(std::optional(enabled))}};
+}
+
+/// Adds the properties that differ, of those that are wanted. `unknown` stands for settings that
+/// the object does not have now.
+void Compare(const std::string& object, const Properties& wanted, const Properties& actual,
+             std::vector<Difference>& found, const char* unknown = "unknown") {
+  for (size_t i = 0; i < wanted.size(); ++i) {
+    const auto& [property, value] = wanted[i];
+    const Text& now = actual[i].second;
+    if (value && value != now) found.push_back({object, property, *value, now.value_or(unknown)});
   }
-  template <typename T>
-  void Compare(const char* property, const std::optional<T>& wanted,
-               const std::optional<T>& actual) {
-    if (!wanted || wanted == actual) return;
-    found_.push_back({object_, property, Text(*wanted), actual ? Text(*actual) : absent_});
-  }
-
- private:
-  const std::string object_;
-  std::vector<Difference>& found_;
-  const char* const absent_;
-};
+}
 
 void CompareProcessors(const State& wanted, const State& actual, std::vector<Difference>& found) {
   for (const auto& [id, processor] : wanted.processors) {
-    const auto found_now = actual.processors.find(id);
-    const bool is_there = found_now != actual.processors.end();
-    const ProcessorState now = is_there ? found_now->second : ProcessorState();
-    Comparison comparison("processor " + id, found, is_there ? "unknown" : "none");
-    comparison.Compare("type", processor.type, now.type);
-    comparison.Compare("passthrough_mode", processor.passthrough_mode, now.passthrough_mode);
-    comparison.Compare("test_mode", processor.test_mode, now.test_mode);
-    comparison.Compare("block_length_frames", processor.block_length_frames,
-                       now.block_length_frames);
-    comparison.Compare("jitter_buffer_frames", processor.jitter_buffer_frames,
-                       now.jitter_buffer_frames);
-    comparison.Compare("input", processor.input, now.input);
-    comparison.Compare("output", processor.output, now.output);
-    comparison.Compare("enabled", processor.enabled, now.enabled);
+    const auto now = actual.processors.find(id);
+    const bool exists = now != actual.processors.end();
+    Compare("processor " + id, PropertiesOf(processor),
+            PropertiesOf(exists ? now->second : ProcessorState()), found,
+            exists ? "unknown" : "none");
   }
   for (const auto& [id, processor] : actual.processors) {
     if (wanted.processors.contains(id)) continue;
-    Comparison("processor " + id, found).Compare("type", std::string(), processor.type);
+    found.push_back({"processor " + id, "type", "none", processor.type});
   }
 }
 
 void CompareTaps(const State& wanted, const State& actual, std::vector<Difference>& found) {
   for (const auto& [name, tap] : wanted.taps) {
     const auto now = actual.taps.find(name);
-    const TapState absent;
-    const TapState& there = now == actual.taps.end() ? absent : now->second;
-    Comparison comparison("tap point " + name, found);
-    comparison.Compare("block_length_frames", tap.block_length_frames, there.block_length_frames);
-    comparison.Compare("tapout", tap.tapout, there.tapout);
-    comparison.Compare("inject", tap.inject, there.inject);
-    comparison.Compare("enabled", tap.enabled, there.enabled);
+    Compare("tap point " + name, PropertiesOf(tap),
+            PropertiesOf(now == actual.taps.end() ? TapState() : now->second), found);
   }
 }
 
-/// The processors of `actual` that `wanted` says nothing of. An inject buffer has one producer: who
-/// loses it to a processor of `wanted` is left without.
+/// Adds the processors of `actual` that `wanted` leaves out. An inject buffer has one producer: a
+/// processor that loses it to one of `wanted` has no output.
 void KeepProcessors(const State& actual, State& wanted) {
   std::set<std::string> taken;
   for (const auto& [id, processor] : wanted.processors) taken.insert(processor.output);
@@ -88,25 +88,21 @@ void KeepProcessors(const State& actual, State& wanted) {
   }
 }
 
-bool IsTapOut(const std::string& buffer) {
-  return buffer.starts_with("tapout");
-}
-
 }  // namespace
 
 State StateOf(const Snapshot& snapshot) {
   State state;
   for (const Processor& processor : snapshot.processors) {
-    ProcessorState& told = state.processors[processor.id];
-    told = {.type = processor.type,
-            .input = processor.input,
-            .output = processor.output,
-            .enabled = processor.enabled};
+    ProcessorState& processor_state = state.processors[processor.id];
+    processor_state = {.type = processor.type,
+                       .input = processor.input,
+                       .output = processor.output,
+                       .enabled = processor.enabled};
     if (const auto& settings = processor.settings) {
-      told.passthrough_mode = settings->passthrough_mode;
-      told.test_mode = settings->test_mode;
-      told.block_length_frames = settings->block_length_frames;
-      told.jitter_buffer_frames = settings->jitter_buffer_frames;
+      processor_state.passthrough_mode = settings->passthrough_mode;
+      processor_state.test_mode = settings->test_mode;
+      processor_state.block_length_frames = settings->block_length_frames;
+      processor_state.jitter_buffer_frames = settings->jitter_buffer_frames;
     }
   }
   for (const TapPoint& tap : snapshot.taps) {
@@ -152,8 +148,8 @@ State Complete(State wanted, const State& actual, bool keep) {
 
 std::vector<Difference> Differences(const State& wanted, const State& actual) {
   std::vector<Difference> found;
-  Comparison(std::string("use case ") + kTelephony, found)
-      .Compare("enabled", wanted.telephony, actual.telephony);
+  Compare(std::string("use case ") + kTelephony, Enabled(wanted.telephony),
+          Enabled(actual.telephony), found);
   CompareProcessors(wanted, actual, found);
   CompareTaps(wanted, actual, found);
   std::set<std::string> buffers = wanted.running;
@@ -161,8 +157,8 @@ std::vector<Difference> Differences(const State& wanted, const State& actual) {
   for (const std::string& name : buffers) {
     // An inject buffer cannot be stopped alone, and without a producer it does nothing.
     if (!IsTapOut(name) && !wanted.running.contains(name)) continue;
-    Comparison("buffer " + name, found)
-        .Compare("enabled", wanted.running.contains(name), actual.running.contains(name));
+    Compare("buffer " + name, Enabled(wanted.running.contains(name)),
+            Enabled(actual.running.contains(name)), found);
   }
   return found;
 }

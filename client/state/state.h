@@ -1,4 +1,4 @@
-// What a daemon is set to do, and what it should be set to do. Pure.
+// What a daemon is set to do, and what it should be set to do.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ struct TapState {
   bool idle() const { return !enabled && tapout.empty() && inject.empty(); }
 };
 
-/// Everything that `apply` can bring about.
+/// Everything that `apply` can set.
 struct State {
   std::map<std::string, ProcessorState> processors;  // by id
   std::map<std::string, TapState> taps;              // by full name, "2:imic.0"
@@ -41,11 +41,16 @@ struct State {
   bool telephony = false;                            // the use case AREL_TELE is on
 };
 
-/// What the snapshot tells, with all of its tap points.
+/// The state of the snapshot, with all of its tap points.
 State StateOf(const Snapshot& snapshot);
 
-/// How the use case of telephony is called.
+/// The name of the telephony use case.
 inline constexpr char kTelephony[] = "AREL_TELE";
+
+/// By its name.
+inline bool IsTapOut(const std::string& buffer) {
+  return buffer.starts_with(BufferPrefix(Direction::kTapOut));
+}
 
 /// One property in which two states differ, as texts for people.
 struct Difference {
@@ -55,15 +60,14 @@ struct Difference {
   std::string actual;    // "none"
 };
 
-/// Inject buffers of processors that run, and which `wanted` therefore has running.
+/// Inject buffers that run because a running tap-out buffer feeds them.
 std::set<std::string> FedInjects(const State& wanted);
 
-/// `wanted` as something `actual` can be compared with: with tap points that it leaves out off and
-/// unbound and with the inject buffers that its tap-outs feed running. With `keep`, what it leaves
-/// out is as it is now.
+/// Fills in what `wanted` leaves out: tap points are off and unbound, and the inject buffers that
+/// its tap-outs feed run. With `keep`, everything that it leaves out is as in `actual`.
 State Complete(State wanted, const State& actual, bool keep);
 
-/// What of a complete wanted state is not so. Empty when the daemon is as it should be.
+/// Where `actual` differs from a complete wanted state.
 std::vector<Difference> Differences(const State& wanted, const State& actual);
 
 }  // namespace kvox::client

@@ -1,7 +1,6 @@
-#include <array>
 #include <optional>
 
-#include "client/lookup.h"
+#include "client/model/lookup.h"
 #include "client/state/state_file.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
@@ -69,10 +68,11 @@ class Reader {
         return;
       }
       if (!IsKnown(table, at, "use_cases", "use case", name, NamesOf(snapshot_.use_cases))) return;
-      table.Fail(at, "use_cases",
-                 fmt::format("the daemon does not tell whether '{}' is on; expected {} or nothing, "
-                             "and what other use cases set up as processors and tap points",
-                             name, kTelephony));
+      table.Fail(
+          at, "use_cases",
+          fmt::format("the daemon does not report whether '{}' is on; expected {} or nothing, "
+                      "and what other use cases set up as processors and tap points",
+                      name, kTelephony));
     });
   }
 
@@ -105,13 +105,12 @@ class Reader {
     ReadLength(row, "jitter_buffer_frames", 0, 1, processor.jitter_buffer_frames);
     for (const auto& [other, there] : state_.processors) {
       if (processor.output.empty() || there.output != processor.output) continue;
-      return row.Fail(
-          At(row, "output"), "output",
-          fmt::format("processor {} writes '{}' already; expected another inject buffer", other,
-                      processor.output));
+      return Fail(row, "output",
+                  fmt::format("processor {} writes '{}' already; expected another inject buffer",
+                              other, processor.output));
     }
     if (!state_.processors.emplace(id, processor).second) {
-      row.Fail(At(row, "id"), "id", fmt::format("'{}' is there twice; expected it once", id));
+      Fail(row, "id", fmt::format("'{}' is there twice; expected it once", id));
     }
   }
 
@@ -127,16 +126,15 @@ class Reader {
       row.Read("block_length_frames", tap.block_length_frames.emplace(), 1, INT32_MAX);
     }
     if (!state_.taps.emplace(*name, tap).second) {
-      row.Fail(At(row, "name"), "name",
-               fmt::format("'{}' is there twice; expected it once", *name));
+      Fail(row, "name", fmt::format("'{}' is there twice; expected it once", *name));
     }
   }
 
-  /// "imic.0" as the one tap point that is called so.
+  /// The one tap point that is called "imic.0".
   std::optional<std::string> FullName(TableReader& row, const std::string& word) {
     std::vector<std::string> names;
     std::vector<std::string> found;
-    const auto wanted = ReadTapWord(word);
+    const auto wanted = ParseTapWord(word);
     for (const TapPoint& tap : snapshot_.taps) {
       names.push_back(wanted && wanted->core ? tap.FullName() : tap.Name());
       if (word == tap.Name() || word == tap.FullName()) found.push_back(tap.FullName());
@@ -144,14 +142,13 @@ class Reader {
     if (found.size() == 1) return found.front();
     if (found.empty() && !snapshot_.silent_cores.empty()) {
       names_unknown_ = true;
-      row.Fail(
-          At(row, "name"), "name",
-          fmt::format("there is no tap point '{}'; {}", word, SilenceOf(snapshot_.silent_cores)));
+      Fail(row, "name",
+           fmt::format("there is no tap point '{}'; {}", word, SilenceOf(snapshot_.silent_cores)));
     } else if (found.empty()) {
       IsKnown(row, At(row, "name"), "name", "tap point", word, names);
     } else {
-      row.Fail(At(row, "name"), "name",
-               fmt::format("'{}' may be any of {}; expected one", word, fmt::join(found, " ")));
+      Fail(row, "name",
+           fmt::format("'{}' may be any of {}; expected one", word, fmt::join(found, " ")));
     }
     return std::nullopt;
   }
@@ -167,9 +164,8 @@ class Reader {
   void ReadBuffer(TableReader& row, const char* key, Direction direction, std::string& name) {
     row.Read(key, name, "a buffer's name");
     if (name.empty()) return;
-    const bool tapout = direction == Direction::kTapOut;
-    IsKnown(row, At(row, key), key, tapout ? "tap-out buffer" : "inject buffer", name,
-            NamesOf(tapout ? snapshot_.tapouts : snapshot_.injects));
+    IsKnown(row, At(row, key), key, (std::string(NameOf(direction)) + " buffer").c_str(), name,
+            NamesOf(direction == Direction::kTapOut ? snapshot_.tapouts : snapshot_.injects));
   }
 
   static void ReadFlag(TableReader& row, const char* key, std::optional<bool>& flag) {
@@ -206,6 +202,9 @@ class Reader {
   }
 
   static const toml::node& At(TableReader& row, const char* key) { return *row.Find(key); }
+  static void Fail(TableReader& row, const char* key, const std::string& problem) {
+    row.Fail(At(row, key), key, problem);
+  }
 
   const toml::table& document_;
   const Snapshot& snapshot_;

@@ -2,82 +2,17 @@
 
 #include <sstream>
 
-#include "client/out.h"
 #include "client/state/state_file.h"
 #include "kvox/toml/toml.h"
 
 namespace kvox::client {
 namespace {
 
-std::string Quoted(const std::string& text) {
-  std::ostringstream stream;
-  stream << toml::toml_formatter(toml::value<std::string>(text));
-  return stream.str();
-}
-
-std::string List(const std::set<std::string>& names) {
-  std::string text;
-  for (const std::string& name : names) text += (text.empty() ? "" : ", ") + Quoted(name);
-  return "[" + text + "]";
-}
-
-void Add(std::string& text, const char* key, const std::string& name) {
-  if (!name.empty()) text += fmt::format("{} = {}\n", key, Quoted(name));
-}
-void Add(std::string& text, const char* key, bool value) {
-  text += fmt::format("{} = {}\n", key, value);
-}
-template <typename T>
-void Add(std::string& text, const char* key, const std::optional<T>& value) {
-  if (value) text += fmt::format("{} = {}\n", key, *value);
-}
-
-std::string Describe(const std::string& id, const ProcessorState& processor) {
-  std::string text = "\n[[processor]]\n";
-  Add(text, "id", id);
-  Add(text, "type", processor.type);
-  Add(text, "input", processor.input);
-  Add(text, "output", processor.output);
-  Add(text, "enabled", processor.enabled);
-  Add(text, "passthrough_mode", processor.passthrough_mode);
-  Add(text, "test_mode", processor.test_mode);
-  Add(text, "block_length_frames", processor.block_length_frames);
-  Add(text, "jitter_buffer_frames", processor.jitter_buffer_frames);
-  return text;
-}
-
-std::string Describe(const std::string& name, const TapState& tap) {
-  std::string text = "\n[[tap]]\n";
-  Add(text, "name", name);
-  Add(text, "tapout", tap.tapout);
-  Add(text, "inject", tap.inject);
-  Add(text, "enabled", tap.enabled);
-  if (tap.block_length_frames.value_or(0) != 0) {
-    Add(text, "block_length_frames", tap.block_length_frames);
-  }
-  return text;
-}
-
-std::set<std::string> RunningTapOuts(const Snapshot& snapshot) {
-  std::set<std::string> names;
-  for (const Buffer& buffer : snapshot.tapouts) {
-    if (buffer.enabled) names.insert(buffer.name);
-  }
-  return names;
-}
-
-template <typename T>
-Value OrNull(const std::optional<T>& value) {
-  if (!value) return nullptr;
-  if constexpr (std::is_same_v<T, bool>) return *value;
-  return static_cast<int64_t>(*value);
-}
-
-Fields FieldsOf(const std::string& id, const ProcessorState& processor) {
+Json RecordOf(const std::string& id, const ProcessorState& processor) {
   return {{"id", id},
           {"type", processor.type},
-          {"input", NameOr(processor.input)},
-          {"output", NameOr(processor.output)},
+          {"input", OrNull(processor.input)},
+          {"output", OrNull(processor.output)},
           {"enabled", processor.enabled},
           {"passthrough_mode", OrNull(processor.passthrough_mode)},
           {"test_mode", OrNull(processor.test_mode)},
@@ -85,24 +20,52 @@ Fields FieldsOf(const std::string& id, const ProcessorState& processor) {
           {"jitter_buffer_frames", OrNull(processor.jitter_buffer_frames)}};
 }
 
-Fields FieldsOf(const std::string& name, const TapState& tap) {
+Json RecordOf(const std::string& name, const TapState& tap) {
   return {{"name", name},
-          {"tapout", NameOr(tap.tapout)},
-          {"inject", NameOr(tap.inject)},
+          {"tapout", OrNull(tap.tapout)},
+          {"inject", OrNull(tap.inject)},
           {"enabled", tap.enabled},
           {"block_length_frames", OrNull(tap.block_length_frames)}};
 }
 
-std::string JsonNames(const std::set<std::string>& names) {
-  std::string text;
-  for (const std::string& name : names)
-    text += fmt::format("{}\"{}\"", text.empty() ? "" : ", ", name);
-  return "[" + text + "]";
+/// All use cases whose state the daemon reports, and which are on.
+Json UseCasesOf(const State& state) {
+  return state.telephony ? Json::array({kTelephony}) : Json::array();
+}
+
+Json RunningTapOuts(const Snapshot& snapshot) {
+  std::set<std::string> names;
+  for (const Buffer& buffer : snapshot.tapouts) {
+    if (buffer.enabled) names.insert(buffer.name);
+  }
+  return names;
+}
+
+/// A value, or a list of texts.
+std::string AsToml(const Json& value) {
+  if (value.is_array()) {
+    std::string text;
+    for (const Json& element : value) text += (text.empty() ? "" : ", ") + AsToml(element);
+    return "[" + text + "]";
+  }
+  if (!value.is_string()) return value.dump();
+  std::ostringstream stream;
+  stream << toml::toml_formatter(toml::value<std::string>(value.get<std::string>()));
+  return stream.str();
+}
+
+/// An element of `[[table]]`, without keys that are null.
+std::string AsToml(const char* table, const Json& record) {
+  std::string text = fmt::format("\n[[{}]]\n", table);
+  for (const auto& [key, value] : record.items()) {
+    if (!value.is_null()) text += fmt::format("{} = {}\n", key, AsToml(value));
+  }
+  return text;
 }
 
 constexpr char kHead[] =
-    R"(# What kvoxd is set to do; 'kvoxctl apply FILE' brings it about again.
-# The daemon does not tell these, so they are not here: jitter buffers and gains of tap points,
+    R"(# What kvoxd is set to do; 'kvoxctl apply FILE' restores it.
+# The daemon does not report these, so they are not here: jitter buffers and gains of tap points,
 # captures, clients of relays, and which use cases are on apart from AREL_TELE. The processors and
 # tap points that use cases have set up are here.
 )";
@@ -113,9 +76,9 @@ std::string Gaps(const Snapshot& snapshot) {
     text += fmt::format("# No answer came from {}, whose tap points are missing here.\n",
                         NamesOfCores(snapshot.silent_cores));
   }
-  if (snapshot.unread() != 0) {
+  if (snapshot.unparsed_rows() != 0) {
     text += fmt::format("# {} of the daemon's rows could not be read and are missing here.\n",
-                        snapshot.unread());
+                        snapshot.unparsed_rows());
   }
   return text;
 }
@@ -125,32 +88,36 @@ std::string Gaps(const Snapshot& snapshot) {
 std::string WriteState(const Snapshot& snapshot) {
   const State state = StateOf(snapshot);
   std::string text = kHead + Gaps(snapshot) + "schema = 1\n";
-  if (state.telephony) text += fmt::format("use_cases = {}\n", List({kTelephony}));
-  text += "# Tap-out buffers that are read; the inject buffers behind them go along.\n";
-  text += fmt::format("running = {}\n", List(RunningTapOuts(snapshot)));
-  for (const auto& [id, processor] : state.processors) text += Describe(id, processor);
-  for (const auto& [name, tap] : state.taps) {
-    if (!tap.idle()) text += Describe(name, tap);
+  if (state.telephony) text += fmt::format("use_cases = {}\n", AsToml(UseCasesOf(state)));
+  text += "# Tap-out buffers that are read; the inject buffers that they feed run with them.\n";
+  text += fmt::format("running = {}\n", AsToml(RunningTapOuts(snapshot)));
+  for (const auto& [id, processor] : state.processors) {
+    text += AsToml("processor", RecordOf(id, processor));
+  }
+  for (auto [name, tap] : state.taps) {
+    if (tap.block_length_frames == 0) tap.block_length_frames.reset();  // which no file may hold
+    if (!tap.idle()) text += AsToml("tap", RecordOf(name, tap));
   }
   return text;
 }
 
-std::string StateAsJson(const Snapshot& snapshot) {
+Json StateAsJson(const Snapshot& snapshot) {
   const State state = StateOf(snapshot);
-  std::string processors;
+  Json processors = Json::array();
   for (const auto& [id, processor] : state.processors) {
-    processors += (processors.empty() ? "" : ", ") + AsJson(FieldsOf(id, processor));
+    processors.push_back(RecordOf(id, processor));
   }
-  std::string taps;
+  Json taps = Json::array();
   for (const auto& [name, tap] : state.taps) {
-    if (!tap.idle()) taps += (taps.empty() ? "" : ", ") + AsJson(FieldsOf(name, tap));
+    if (!tap.idle()) taps.push_back(RecordOf(name, tap));
   }
-  return fmt::format(
-      "{{\"schema\": 1, \"use_cases\": [{}], \"running\": {}, \"processors\": [{}], \"taps\": "
-      "[{}], "
-      "\"silent_cores\": [{}], \"unread_rows\": {}}}\n",
-      state.telephony ? "\"AREL_TELE\"" : "", JsonNames(RunningTapOuts(snapshot)), processors, taps,
-      fmt::join(snapshot.silent_cores, ", "), snapshot.unread());
+  return {{"schema", 1},
+          {"use_cases", UseCasesOf(state)},
+          {"running", RunningTapOuts(snapshot)},
+          {"processors", processors},
+          {"taps", taps},
+          {"silent_cores", snapshot.silent_cores},
+          {"unread_rows", snapshot.unparsed_rows()}};
 }
 
 }  // namespace kvox::client

@@ -1,25 +1,18 @@
 #include <utility>
 
-#include "client/arguments.h"
-#include "client/file.h"
-#include "client/lookup.h"
-#include "client/play.h"
-#include "client/record.h"
-#include "client/verbs/verb.h"
+#include "client/audio/sessions.h"
+#include "client/calls/arguments.h"
+#include "client/system/files.h"
+#include "client/verbs/shared.h"
 
 namespace kvox::client {
 namespace {
 
-/// Turns the outcome of a stay at the daemon into an exit status.
-template <typename Stay>
-int StayAtDaemon(Stay stay) {
-  try {
-    const StayEnd end = stay();
-    if (end == StayEnd::kNoDaemon) throw Failure(kNoDaemon, "kvoxd has gone");
-    return static_cast<int>(end);
-  } catch (const SoundFileError& error) {
-    throw Failure(kRefused, error.what());
-  }
+double Seconds(const std::string& word) {
+  if (word.empty()) return 0;
+  const auto seconds = ParseFloat(word);
+  if (seconds && *seconds > 0 && *seconds <= 1e9f) return static_cast<double>(*seconds);
+  throw UsageError("--seconds: '" + word + "' is not a number from above 0 to 1000000000");
 }
 
 SoundReader OpenToPlay(const std::string& path) {
@@ -30,70 +23,57 @@ SoundReader OpenToPlay(const std::string& path) {
   }
 }
 
-double Seconds(const std::string& word) {
-  if (word.empty()) return 0;
-  const auto seconds = ParseFloat(word);
-  if (!seconds || !(*seconds > 0 && *seconds <= 1e9f)) {
-    throw UsageError("--seconds: '" + word + "' is not a number from above 0 to 1000000000");
+/// Runs `session(kvox, options)` with the relay that was named.
+template <typename Session>
+int RunSession(const Context& context, Session session) {
+  RelaySession::BlockInterrupts();
+  const ProcessorId id = LookUpRelay(context.daemon, context.in.Get("PROCESSOR"));
+  try {
+    return session(context.daemon.kvox(), SessionOptions{.processor = id.id,
+                                                         .name = id.name,
+                                                         .json = context.out.json(),
+                                                         .wait = context.daemon.wait()});
+  } catch (const SoundFileError& error) {
+    throw Failure(kRefused, error.what());
   }
-  return static_cast<double>(*seconds);
 }
 
 int RunRecord(const Context& context) {
-  RecordOptions options;
-  options.seconds = Seconds(context.in.Get("--seconds"));
-  options.path = context.in.Get("FILE");
-  CheckWritable(options.path);  // before the relay is taken from another client
-  options.json = context.out.json();
-  options.wait = context.daemon.wait();
-  RelaySession::HoldInterrupts();
-  const ProcessorId id = LookUpRelay(context.daemon, context.in.Get("PROCESSOR"));
-  options.processor = id.id;
-  options.name = id.name;
-  return StayAtDaemon([&] { return Record(context.daemon.kvox(), options); });
+  const double seconds = Seconds(context.in.Get("--seconds"));
+  const std::string& path = context.in.Get("FILE");
+  CheckWritable(path);  // before the relay is taken from another client
+  return RunSession(context, [&](const auto& kvox, const SessionOptions& options) {
+    return Record(kvox, options, path, seconds);
+  });
 }
 
 int RunPlay(const Context& context) {
-  PlayOptions options;
-  options.json = context.out.json();
-  options.wait = context.daemon.wait();
-  auto file = OpenToPlay(context.in.Get("FILE"));
-  RelaySession::HoldInterrupts();
-  const ProcessorId id = LookUpRelay(context.daemon, context.in.Get("PROCESSOR"));
-  options.processor = id.id;
-  options.name = id.name;
-  return StayAtDaemon([&] { return Play(context.daemon.kvox(), std::move(file), options); });
+  SoundReader file = OpenToPlay(context.in.Get("FILE"));
+  return RunSession(context, [&](const auto& kvox, const SessionOptions& options) {
+    return Play(kvox, options, std::move(file));
+  });
 }
 
 const char* Notes() {
-  return "A relay has one client: who comes later takes the audio over, and ends the earlier "
-         "one.\n";
+  return "A relay has one client: a new one takes the audio over, and ends the session of the "
+         "earlier one.\n";
 }
 
 }  // namespace
 
 std::vector<Verb> AudioVerbs() {
   return {
-      {"",
-       "record",
-       "Keep the audio that a relay hands to its client in a WAV file, until Ctrl-C",
-       {{"PROCESSOR", Kind::kProcessor, "Relay, such as art0"},
-        {"FILE", Kind::kFile, "WAV file to write"}},
-       {{"--seconds", "SECONDS", Kind::kNumber, "End after so much audio"}},
-       "record art0 downlink.wav",
-       RunRecord,
-       Notes,
-       Manner::kStreams},
-      {"",
-       "play",
-       "Feed a relay from a sound file, to its end or until Ctrl-C",
-       {{"PROCESSOR", Kind::kProcessor, "Relay, such as art1"},
-        {"FILE", Kind::kFile, "Sound file of the relay's sample rate"}},
-       {},
+      {"record", "Record the audio that a relay gives its client to a WAV file, until Ctrl-C",
+       RunRecord, "record art0 downlink.wav",
+       Arguments{{"PROCESSOR", Kind::kProcessor, "Relay, such as art0"},
+                 {"FILE", Kind::kFile, "WAV file to write"}},
+       Options{{"--seconds", "SECONDS", Kind::kNumber, "End after so much audio"}}, Notes,
+       VerbKind::kStream},
+      {"play", "Play a sound file into a relay, to its end or until Ctrl-C", RunPlay,
        "play art1 speech.wav",
-       RunPlay,
-       Notes,
-       Manner::kStreams},
+       Arguments{{"PROCESSOR", Kind::kProcessor, "Relay, such as art1"},
+                 {"FILE", Kind::kFile, "Sound file of the relay's sample rate"}},
+       Options{}, Notes, VerbKind::kStream},
   };
 }
 

@@ -1,41 +1,166 @@
-#include "client/model/snapshot.h"
-#include "client/verbs/records.h"
-#include "client/verbs/verb.h"
+// Buffers, what they are connected to, their devices and captures.
+
+#include <algorithm>
+#include <filesystem>
+
+#include "client/calls/arguments.h"
+#include "client/output/graphviz.h"
+#include "client/verbs/shared.h"
 
 namespace kvox::client {
 namespace {
 
 int List(const Context& context) {
   const std::string& wanted = context.in.Get("DIRECTION");
-  Told<Buffer> all;
-  const auto add = [&](const char* name, Direction direction) {
-    if (!wanted.empty() && wanted != name) return;
-    auto told = AskBuffers(context.daemon, direction);
-    all.items.insert(all.items.end(), told.items.begin(), told.items.end());
-    all.lines.insert(all.lines.end(), told.lines.begin(), told.lines.end());
-    all.unread += told.unread;
+  TableReply<Buffer> buffers;
+  for (const Direction direction : {Direction::kTapOut, Direction::kInject}) {
+    if (!wanted.empty() && wanted != NameOf(direction)) continue;
+    buffers.Append(QueryBuffers(context.daemon, direction));
+  }
+  return PrintTable(context, "buffers", buffers);
+}
+
+// Connect, StartIo and StopIo look buffers up first: a Connect that is refused for one buffer has
+// taken the other, and the others succeed without a buffer, and remember it.
+
+/// Also disconnects: buffers that are not given are none.
+int Connect(const Context& context) {
+  const auto look_up = [&](Direction direction, const char* argument) {
+    const std::string& word = context.in.Get(argument);
+    return word.empty() ? -1 : LookUpBufferOrNone(context.daemon, direction, word);
   };
-  add("tap-out", Direction::kTapOut);
-  add("inject", Direction::kInject);
-  context.out.List(all.lines, "buffers", RecordsOf(all.items), all.unread);
-  return kDone;
+  const ProcessorId id = ProcessorOf(context);
+  const int32_t from = look_up(Direction::kTapOut, "TAPOUT");
+  const int32_t to = look_up(Direction::kInject, "INJECT");
+  const auto result = context.daemon.Call("Connect", &IKvox::Connect, id.id, from, to);
+  return Report(context, "processor " + id.name, result, {{"id", id.name}});
+}
+
+int Graph(const Context& context) {
+  if (!context.in.Has("--dot")) return PrintTable(context, "paths", QueryGraph(context.daemon));
+  if (context.out.format() != Format::kText) {
+    throw UsageError("--dot: a drawing has no other form; leave out --json and --short");
+  }
+  const Snapshot snapshot = ReadSnapshot(context.daemon);
+  PrintOut(GraphAsDot(snapshot));
+  const std::string gaps = GapsOf(snapshot);
+  if (gaps.empty()) return kDone;
+  context.out.Message("the drawing is not complete: " + gaps);
+  return kRefused;
+}
+
+template <bool kOn>
+int Switch(const Context& context) {
+  const std::string& word = context.in.Get("TAPOUT");
+  const bool all = word.empty() || word == "all";
+  const int32_t id = all ? -1 : LookUpBuffer(context.daemon, Direction::kTapOut, word);
+  const auto result = kOn ? context.daemon.Call("StartIo", &IKvox::StartIo, id)
+                          : context.daemon.Call("StopIo", &IKvox::StopIo, id);
+  return Report(context, all ? "buffers" : "tap-out buffer " + std::to_string(id), result,
+                Json::object(), "'kvoxctl buffer list' shows which are on");
+}
+
+/// Runs one of the daemon's debug commands.
+int RunDebug(const Context& context, const std::string& object, const Lines& words,
+             const std::string& next_step) {
+  for (const std::string& word : words) {
+    if (!ParseText(word)) throw UsageError("'" + object + "': a word is no text in UTF-8");
+  }
+  auto result = context.daemon.Call("Debug", &IKvox::Debug, words);
+  if (result.status != IKvox::CommandStatus::OK) {
+    // The line that repeats the request comes first in every other reply.
+    std::stable_partition(result.lines.begin(), result.lines.end(),
+                          [](const std::string& line) { return line.starts_with("Debug "); });
+  }
+  return Report(context, object, result, Json::object(), next_step);
+}
+
+/// A path that means the same to the daemon, which has its own working directory.
+std::string AbsolutePath(const std::string& path) {
+  std::error_code error;
+  const auto absolute = std::filesystem::absolute(path, error);
+  return error ? path : absolute.string();
+}
+
+/// The name of the buffer that was given, or all; it may not exist.
+std::string BufferName(const Context& context) {
+  const std::string& word = context.in.Get("BUFFER");
+  if (word.empty()) return "all";
+  return ParseInt(word) ? LookUpBuffer(context.daemon, word).name : word;
+}
+
+int StartCapture(const Context& context) {
+  const std::string& file = context.in.Get("FILE");
+  if (context.in.Get("BUFFER") != "all" && file.empty()) {
+    throw UsageError("FILE is missing; 'kvoxctl capture start --help' shows what it takes");
+  }
+  Lines words = {"capture", "start", BufferName(context)};
+  if (!file.empty()) words.push_back(AbsolutePath(file));
+  return RunDebug(context, "capture of " + words[2], words,
+                  "the daemon must be able to write the file, and none may be running");
+}
+
+int StopCapture(const Context& context) {
+  const std::string name = BufferName(context);
+  return RunDebug(context, "capture of " + name, {"capture", "stop", name},
+                  "'kvoxctl capture start' starts one");
+}
+
+int Debug(const Context& context) {
+  const Lines& words = context.in.All("WORD");
+  return RunDebug(context, words.empty() ? "debug" : words.front(), words,
+                  "'kvoxctl debug help' lists the commands");
 }
 
 }  // namespace
 
 std::vector<Verb> BufferVerbs() {
+  const Argument optional_tapout = {
+      "TAPOUT",
+      Kind::kTapOut,
+      "Tap-out buffer by name or number; every buffer when not given or all",
+      Arity::kOptional,
+      {"all"}};
   return {
-      {"buffer",
-       "list",
-       "List the buffers, and which processors they serve",
-       {{"DIRECTION",
-         Kind::kChoice,
-         "tap-out or inject; both when not given",
-         Arity::kOptional,
-         {"tap-out", "inject"}}},
-       {},
+      {"buffer list", "List the buffers, and which processors use them", List,
        "buffer list tap-out",
-       List},
+       Arguments{{"DIRECTION",
+                  Kind::kChoice,
+                  "tap-out or inject; both when not given",
+                  Arity::kOptional,
+                  {"tap-out", "inject"}}}},
+      {"connect", "Give a processor the buffers that it reads and writes", Connect,
+       "connect pass tapout0 inject0", Arguments{kProcessor, kTapOut, kInject}},
+      {"disconnect", "Take a processor's buffers away", Connect, "disconnect pass",
+       Arguments{kProcessor}},
+      {"graph", "Show the paths of the audio, from tap point to tap point", Graph, "graph --dot",
+       Arguments{},
+       Options{{"--dot", nullptr, Kind::kText,
+                "Draw tap points, buffers and processors for Graphviz"}}},
+      {"io start", "Read a tap-out buffer, and write the inject buffers it feeds", Switch<true>,
+       "io start tapout0", Arguments{optional_tapout}},
+      {"io stop", "Stop reading a tap-out buffer and writing what it feeds", Switch<false>,
+       "io stop all", Arguments{optional_tapout}},
+      {"capture start", "Let the daemon write what passes through a buffer into a WAV file",
+       StartCapture, "capture start tapout0 heard.wav",
+       Arguments{
+           {"BUFFER",
+            Kind::kBuffer,
+            "Buffer by name such as inject3, or all",
+            Arity::kOnce,
+            {"all"}},
+           {"FILE", Kind::kFile, "File; for all, the start of the files' names (/tmp/kvox_capture)",
+            Arity::kOptional}}},
+      {"capture stop", "End a capture; its file is then complete", StopCapture,
+       "capture stop tapout0",
+       Arguments{{"BUFFER",
+                  Kind::kBuffer,
+                  "Buffer by name; every one when not given or all",
+                  Arity::kOptional,
+                  {"all"}}}},
+      {"debug", "Run one of the daemon's debug commands", Debug, "debug buffer_dump tapout 0",
+       Arguments{{"WORD", Kind::kText, "The command's words; help lists the commands",
+                  Arity::kAnyNumber}}},
   };
 }
 

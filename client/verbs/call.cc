@@ -1,20 +1,16 @@
-#include <cstdio>
+#include "client/calls/call_table.h"
 
-#include "client/call_table.h"
-#include "client/output.h"
-#include "client/standard_streams.h"
-#include "client/verbs/verb.h"
+#include "client/command_line/verb.h"
+#include "client/completion/completion.h"
 
 namespace kvox::client {
 namespace {
 
 int RunCall(const Context& context) {
   const std::vector<std::string>& words = context.in.All("METHOD");
-  if (words.empty()) {
-    throw UsageError("METHOD is missing; 'kvoxctl call --help' lists them");
-  }
+  if (words.empty()) throw UsageError("METHOD is missing; 'kvoxctl call --help' lists them");
   const std::string& method = words.front();
-  const auto call = PrepareCall(method, std::vector<std::string>(words.begin() + 1, words.end()));
+  const auto call = PrepareCall(method, {words.begin() + 1, words.end()});
   Answer answer;
   context.daemon.Run(method.c_str(), [&](IKvox& kvox) { return call(kvox, answer); });
   PrintOut(context.out.json() ? AsJson(answer) : AsLines(answer));
@@ -32,7 +28,7 @@ int Call(const Context& context) {
   }
 }
 
-const char* MethodList() {
+const char* CallNotes() {
   static const std::string text = [] {
     std::string list = "Methods and their arguments:\n";
     for (const std::string& method : DescribeMethods()) list += "  " + method + "\n";
@@ -43,19 +39,30 @@ const char* MethodList() {
   return text.c_str();
 }
 
+int Completion(const Context& context) {
+  if (context.out.format() != Format::kText) {
+    throw UsageError("completion: a script has no other form; leave out --json and --short");
+  }
+  PrintOut(BashCompletion());
+  return kDone;
+}
+
+const char* CompletionNotes() {
+  return "In a shell, or in ~/.bashrc for new ones:\n"
+         "  source <(kvoxctl completion bash)\n"
+         "Names of objects are those that the daemon has at that moment.\n";
+}
+
 }  // namespace
 
 std::vector<Verb> CallVerbs() {
   return {
-      {"",
-       "call",
-       "Call one method of the interface",
-       {{"METHOD", Kind::kMethod, "The method, and behind it its arguments", Arity::kAnyNumber}},
-       {},
-       "call Connect pass 0 0",
-       Call,
-       MethodList,
-       Manner::kRaw},
+      {"call", "Call one method of the interface", Call, "call Connect pass 0 0",
+       Arguments{{"METHOD", Kind::kMethod, "The method, then its arguments", Arity::kAnyNumber}},
+       Options{}, CallNotes, VerbKind::kRawCall},
+      {"completion", "Print a script that lets a shell complete the words of kvoxctl", Completion,
+       "completion bash", Arguments{{"SHELL", Kind::kChoice, "bash", Arity::kOnce, {"bash"}}},
+       Options{}, CompletionNotes, VerbKind::kLocal},
   };
 }
 

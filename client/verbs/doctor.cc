@@ -1,60 +1,66 @@
-#include <algorithm>
-#include <cmath>
+// Looking after the daemon: ping and doctor.
 
 #include "client/doctor/findings.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+#include "client/command_line/verb.h"
 #include "client/doctor/gather.h"
-#include "client/verbs/verb.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
 namespace {
 
-constexpr std::chrono::milliseconds kLongestQuestion = std::chrono::seconds(5);
+constexpr std::chrono::milliseconds kLongestProbe = std::chrono::seconds(5);
 
-Fields FieldsOf(const Finding& finding) {
-  return {{"verdict", std::string(NameOf(finding.verdict))},
-          {"check", std::string(finding.check)},
-          {"object", finding.object},
-          {"cause", finding.cause},
-          {"fix", NameOr(finding.fix)}};
+double InTenths(double number) {
+  return std::round(number * 10) / 10;
 }
 
-int64_t CountOf(Verdict verdict, const std::vector<Finding>& findings) {
-  return std::count_if(findings.begin(), findings.end(),
-                       [&](const Finding& finding) { return finding.verdict == verdict; });
+int Ping(const Context& context) {
+  const double round_trip_us = context.daemon.Ping();
+  context.out.One({FormatText<64>("kvoxd answers in %.1f us", round_trip_us)},
+                  Json::object({{"round_trip_us", InTenths(round_trip_us)}}));
+  return kDone;
 }
 
-Value RoundTrip(const DaemonReply& answer) {
-  if (answer.status != kDone) return nullptr;
-  return std::round(answer.round_trip_us * 10) / 10;
+int Count(Verdict verdict, const std::vector<Finding>& findings) {
+  return static_cast<int>(std::ranges::count(findings, verdict, &Finding::verdict));
 }
 
 int Doctor(const Context& context) {
   const Facts facts =
-      Gather(context.in.Get("--captures"),
-             context.in.Has("--timeout") ? context.daemon.wait() : kLongestQuestion);
-  const std::vector<Finding> findings = Judge(facts);
+      GatherFacts(context.in.Get("--captures"),
+                  context.in.Has("--timeout") ? context.daemon.wait() : kLongestProbe);
+  const std::vector<Finding> findings = Diagnose(facts);
   std::vector<std::string> lines;
-  std::vector<Fields> records;
+  Json records = Json::array();
   for (const Finding& finding : findings) {
     lines.push_back(LineOf(finding));
-    records.push_back(FieldsOf(finding));
+    records.push_back({{"verdict", NameOf(finding.verdict)},
+                       {"check", finding.check},
+                       {"object", finding.object},
+                       {"cause", finding.cause},
+                       {"fix", OrNull(finding.fix)}});
   }
-  const int64_t failed = CountOf(Verdict::kFailed, findings);
-  const int64_t warnings = CountOf(Verdict::kWarning, findings);
-  lines.push_back(FormatText<64>("failed: %d, warnings: %d", static_cast<int>(failed),
-                                 static_cast<int>(warnings)));
+  const int failed = Count(Verdict::kFailed, findings);
+  const int warnings = Count(Verdict::kWarning, findings);
+  lines.push_back(FormatText<64>("failed: %d, warnings: %d", failed, warnings));
+  const bool answered = facts.reply.status == kDone;
   context.out.List(
       lines, "findings", records, 0,
-      {{"failed", failed}, {"warnings", warnings}, {"round_trip_us", RoundTrip(facts.answer)}},
+      {{"failed", failed},
+       {"warnings", warnings},
+       {"round_trip_us", answered ? Json(InTenths(facts.reply.round_trip_us)) : Json()}},
       Painted);
   return failed == 0 ? kDone : kRefused;
 }
 
 const char* Notes() {
   return "It only looks: no device is opened and nothing is changed. Rights are those of the user\n"
-         "that kvoxd runs as, by owner, group and mode alone; --timeout is 5 s unless it is "
-         "given.\n"
+         "that kvoxd runs as, by owner, group and mode alone; --timeout is 5 s by default.\n"
          "A failure keeps audio or clients away, a warning may cost something.\n";
 }
 
@@ -62,16 +68,13 @@ const char* Notes() {
 
 std::vector<Verb> DoctorVerbs() {
   return {
-      {"",
-       "doctor",
-       "See what keeps the daemon, its devices or its clients from working, and how to mend it",
-       {},
-       {{"--captures", "DIRECTORY", Kind::kFile,
-         "Where captures are to go (/tmp, or the service's home)"}},
-       "doctor",
-       Doctor,
-       Notes,
-       Manner::kChecks},
+      {"ping", "See whether the daemon answers, and how fast", Ping, "ping"},
+      {"doctor",
+       "Find what keeps the daemon, its devices or its clients from working, and how to fix it",
+       Doctor, "doctor", Arguments{},
+       Options{{"--captures", "DIRECTORY", Kind::kFile,
+                "Where captures are to go (/tmp, or the service's home)"}},
+       Notes, VerbKind::kCheck},
   };
 }
 

@@ -1,9 +1,12 @@
-#include <algorithm>
+// The parameters of processors, and their measurements.
 
-#include "client/arguments.h"
-#include "client/verbs/records.h"
-#include "client/verbs/report.h"
-#include "client/verbs/words.h"
+#include <algorithm>
+#include <numeric>
+#include <optional>
+
+#include "client/calls/answer.h"
+#include "client/calls/arguments.h"
+#include "client/verbs/shared.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/near_matches.h"
@@ -11,6 +14,7 @@
 namespace kvox::client {
 namespace {
 
+using CommandResult = IKvox::CommandResult;
 using ParameterId = IKvox::ParameterId;
 using ParamValue = IKvox::ParamValue;
 
@@ -43,13 +47,11 @@ const char* MeaningOf(ParameterId id, int32_t element) {
   return "";
 }
 
-/// By name, in any case, or by number.
+/// By name, in any case and with '-' for '_', or by number.
 ParameterId ReadParameter(const std::string& word) {
-  std::string upper = word;
-  std::transform(upper.begin(), upper.end(), upper.begin(),
-                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
-  std::replace(upper.begin(), upper.end(), '-', '_');
-  if (const auto id = ParseParameterId(upper)) return *id;
+  std::string name = Uppercase(word);
+  std::replace(name.begin(), name.end(), '-', '_');
+  if (const auto id = ParseParameterId(name)) return *id;
   if (const auto id = ParseParameterId(word)) return *id;
   std::vector<std::string> names;
   for (const ParameterId id : ndk::enum_range<ParameterId>()) names.push_back(toString(id));
@@ -62,49 +64,27 @@ ParamValue ReadValue(const std::string& word) {
   if (const auto flag = ParseBool(word)) return ParamValue::make<ParamValue::i>(*flag ? 1 : 0);
   if (const auto value = ParseParamValue(word)) return *value;
   if (word.find_first_not_of("-0123456789") == word.npos) {
-    Number("VALUE", word, INT32_MIN, INT32_MAX);  // which tells the range
+    ParseNumber("VALUE", word, INT32_MIN, INT32_MAX);  // which names the range
   }
   throw UsageError("VALUE: '" + ValidUtf8(word) +
                    "' is not a number, true, false, or i:, f:, v: "
                    "and numbers");
 }
 
-Value ValueOf(const ParamValue& value) {
-  switch (value.getTag()) {
-    case ParamValue::i:
-      return int64_t{value.get<ParamValue::i>()};
-    case ParamValue::f:
-      return static_cast<double>(value.get<ParamValue::f>());
-    case ParamValue::v: {
-      const auto& floats = value.get<ParamValue::v>();
-      return std::vector<double>(floats.begin(), floats.end());
-    }
-  }
-  return nullptr;
-}
-
-int32_t ReadElement(const std::string& word) {
-  return word.empty() ? 0 : Number("ELEMENT", word, INT32_MIN, INT32_MAX);
-}
-
 int List(const Context& context) {
-  const auto told = AskParameters(context.daemon);
-  context.out.List(told.lines, "parameters", RecordsOf("name", told.items));
-  return kDone;
+  return PrintNames(context, "parameters", "name", QueryParameters(context.daemon));
 }
 
-/// The elements that were asked for; all when none was named.
+/// The elements to show; all where none is named.
 std::vector<Element> Wanted(const Input& in) {
-  const std::string& parameter = in.Get("PARAMETER");
-  const std::string& element = in.Get("ELEMENT");
-  if (parameter.empty()) return {std::begin(kElements), std::end(kElements)};
-  const ParameterId id = ReadParameter(parameter);
+  if (!in.Has("PARAMETER")) return {std::begin(kElements), std::end(kElements)};
+  const ParameterId id = ReadParameter(in.Get("PARAMETER"));
   std::vector<Element> wanted;
   std::copy_if(std::begin(kElements), std::end(kElements), std::back_inserter(wanted),
                [&](const Element& row) { return row.id == id; });
-  if (!element.empty() || wanted.empty()) {
-    const int32_t number = ReadElement(element);
-    wanted = {{id, number, MeaningOf(id, number)}};
+  if (in.Has("ELEMENT") || wanted.empty()) {
+    const int32_t element = in.Number("ELEMENT", INT32_MIN, INT32_MAX, 0);
+    wanted = {{id, element, MeaningOf(id, element)}};
   }
   return wanted;
 }
@@ -112,30 +92,29 @@ std::vector<Element> Wanted(const Input& in) {
 std::string LineOf(const Element& row, const ParamValue& value) {
   std::string name = toString(row.id);
   if (row.id == ParameterId::AUDIO_FORMAT) name += " " + std::to_string(row.element);
-  return FormatText<128>("%-18s %-9s %s", name.c_str(), AsColumns({{"", ValueOf(value)}}).c_str(),
+  return FormatText<128>("%-18s %-9s %s", name.c_str(), AsColumns({{"", ToJson(value)}}).c_str(),
                          row.meaning);
 }
 
 int Get(const Context& context) {
   const std::vector<Element> wanted = Wanted(context.in);
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const ProcessorId id = ProcessorOf(context);
   std::vector<std::string> lines;
-  std::vector<Fields> records;
+  Json records = Json::array();
   for (const Element& row : wanted) {
-    IKvox::CommandResult result;
+    CommandResult result;
     ParamValue value;
     context.daemon.Run("GetParameter", [&](IKvox& kvox) {
       return kvox.GetParameter(id.id, row.id, row.element, &value, &result);
     });
     if (result.status != IKvox::CommandStatus::OK) {
       const std::string name = toString(row.id) + " " + std::to_string(row.element);
-      return Report(context, name + " of " + id.name, result, {},
+      return Report(context, name + " of " + id.name, result, Json::object(),
                     "'kvoxctl param get " + id.name + "' shows what there is");
     }
     lines.push_back(LineOf(row, value));
-    records.push_back({{"parameter", toString(row.id)},
-                       {"element", int64_t{row.element}},
-                       {"value", ValueOf(value)}});
+    records.push_back(
+        {{"parameter", toString(row.id)}, {"element", row.element}, {"value", ToJson(value)}});
   }
   context.out.List(lines, "parameters", records);
   return kDone;
@@ -144,8 +123,8 @@ int Get(const Context& context) {
 int Set(const Context& context) {
   const ParameterId parameter = ReadParameter(context.in.Get("PARAMETER"));
   const ParamValue value = ReadValue(context.in.Get("VALUE"));
-  const int32_t element = ReadElement(context.in.Get("--element"));
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const int32_t element = context.in.Number("--element", INT32_MIN, INT32_MAX, 0);
+  const ProcessorId id = ProcessorOf(context);
   const auto result =
       context.daemon.Call("SetParameter", &IKvox::SetParameter, id.id, parameter, element, value);
   const std::string meaning = MeaningOf(parameter, element);
@@ -156,29 +135,114 @@ int Set(const Context& context) {
   return result.status == IKvox::CommandStatus::INVALID_VALUE ? kWrongUsage : status;
 }
 
+constexpr int kMostEntries = 261'120;  // that one reply can carry
+
+/// The processor that was named, or all.
+std::vector<ProcessorId> Wanted(const Context& context) {
+  if (context.in.Has("PROCESSOR")) return {ProcessorOf(context)};
+  std::vector<ProcessorId> ids;
+  for (const Processor& processor : QueryProcessors(context.daemon).rows) {
+    ids.push_back({CodeOf(processor.id), processor.id});
+  }
+  return ids;
+}
+
+std::string LineOf(const std::string& name, const IKvox::ProcessorStats& stats) {
+  std::string line = FormatText<128>("%-5s %d blocks, one every %.3f ms", name.c_str(),
+                                     stats.blockCount, static_cast<double>(stats.averagePeriod));
+  const auto& active = stats.measurements;
+  if (active.empty()) return line;
+  const auto [least, most] = std::minmax_element(active.begin(), active.end());
+  const double mean =
+      std::accumulate(active.begin(), active.end(), 0.0) / static_cast<double>(active.size());
+  return line + FormatText<128>(", busy min/mean/max %.3f/%.3f/%.3f ms in the last %zu",
+                                static_cast<double>(*least), mean, static_cast<double>(*most),
+                                active.size());
+}
+
+/// Calls `measure(id, lines, records)` for each processor, and prints what it has added. Returns
+/// the exit status.
+template <typename Measure>
+int ForEach(const Context& context, Measure measure) {
+  std::vector<std::string> lines;
+  Json records = Json::array();
+  int worst = kDone;
+  for (const ProcessorId& id : Wanted(context)) {
+    const CommandResult result = measure(id, lines, records);
+    if (result.status == IKvox::CommandStatus::OK) continue;
+    CheckNames(context, result);
+    worst = kRefused;
+    context.out.Message("statistics of " + id.name + ": the daemon answers " +
+                        toString(result.status) + "; try again");
+  }
+  context.out.List(lines, "processors", records);
+  return worst;
+}
+
+int Change(const Context& context, std::optional<int32_t> entries, bool reset) {
+  return ForEach(context, [&](const ProcessorId& id, auto&, Json& records) {
+    CommandResult result;
+    if (entries) {
+      result = context.daemon.Call("ProcessorSetStatsMaxBufferEntries",
+                                   &IKvox::ProcessorSetStatsMaxBufferEntries, id.id, *entries);
+    }
+    if (reset && result.status == IKvox::CommandStatus::OK) {
+      result = context.daemon.Call("ProcessorResetStats", &IKvox::ProcessorResetStats, id.id);
+    }
+    records.push_back({{"id", id.name}, {"status", static_cast<int>(result.status)}});
+    return result;
+  });
+}
+
+int Show(const Context& context) {
+  return ForEach(context, [&](const ProcessorId& id, auto& lines, Json& records) {
+    CommandResult result;
+    IKvox::ProcessorStats stats;
+    context.daemon.Run("ProcessorGetStats",
+                       [&](IKvox& kvox) { return kvox.ProcessorGetStats(id.id, &stats, &result); });
+    if (result.status != IKvox::CommandStatus::OK) return result;
+    lines.push_back(LineOf(id.name, stats));
+    records.push_back({{"id", id.name},
+                       {"blocks", stats.blockCount},
+                       {"buffer_entries", stats.bufferEntries},
+                       {"average_period_ms", stats.averagePeriod},
+                       {"active_ms", stats.measurements}});
+    return result;
+  });
+}
+
+int Stats(const Context& context) {
+  const bool resize = context.in.Has("--entries");
+  const bool reset = context.in.Has("--reset");
+  if (!resize) return reset ? Change(context, std::nullopt, true) : Show(context);
+  return Change(context, context.in.Number("--entries", 0, kMostEntries), reset);
+}
+
 }  // namespace
 
 std::vector<Verb> ParameterVerbs() {
   return {
-      {"param", "list", "List the parameters", {}, {}, "param list", List},
-      {"param",
-       "get",
-       "Tell what parameters of a processor hold",
-       {ProcessorArgument(),
-        {"PARAMETER", Kind::kParameter, "Name or number; all when not given", Arity::kOptional},
-        {"ELEMENT", Kind::kNumber, "Which part of it; all when not given", Arity::kOptional}},
-       {},
+      {"param list", "List the parameters", List, "param list"},
+      {"param get", "Show the values of a processor's parameters", Get,
        "param get pass BLOCK_LENGTH",
-       Get},
-      {"param",
-       "set",
-       "Set a parameter of a processor",
-       {ProcessorArgument(),
-        {"PARAMETER", Kind::kParameter, "Name or number"},
-        {"VALUE", Kind::kText, "Number, true or false; or with its kind, as f:0.5"}},
-       {{"--element", "ELEMENT", Kind::kNumber, "Which part of it (0)"}},
-       "param set pass BLOCK_LENGTH 960",
-       Set},
+       Arguments{
+           kProcessor,
+           {"PARAMETER", Kind::kParameter, "Name or number; all when not given", Arity::kOptional},
+           {"ELEMENT", Kind::kNumber, "Which part of it; all when not given", Arity::kOptional}}},
+      {"param set", "Set a parameter of a processor", Set, "param set pass BLOCK_LENGTH 960",
+       Arguments{kProcessor,
+                 {"PARAMETER", Kind::kParameter, "Name or number"},
+                 {"VALUE", Kind::kText, "Number, true or false; or with its kind, as f:0.5"}},
+       Options{{"--element", "ELEMENT", Kind::kNumber, "Which part of it (0)"}}},
+      {"stats", "Show how long processors work on their blocks", Stats, "stats pass",
+       Arguments{{"PROCESSOR", Kind::kProcessor, "Four characters such as art0; all when not given",
+                  Arity::kOptional}},
+       Options{{"--entries", "COUNT", Kind::kNumber, "Keep so many times from now on, 0 to 261120"},
+               {"--reset", nullptr, Kind::kText, "Forget what was measured"}},
+       [] {
+         return "Reading clears the times: the next reading has what was measured since.\n"
+                "Times are kept once --entries has said how many.\n";
+       }},
   };
 }
 

@@ -1,61 +1,59 @@
-#include "client/verbs/records.h"
-#include "client/verbs/report.h"
-#include "client/verbs/words.h"
+#include "client/verbs/shared.h"
 
 namespace kvox::client {
 namespace {
 
 int List(const Context& context) {
-  const auto told = AskProcessors(context.daemon);
-  context.out.List(told.lines, "processors", RecordsOf(told.items), told.unread);
-  return kDone;
+  return PrintTable(context, "processors", QueryProcessors(context.daemon));
 }
 
 int Types(const Context& context) {
-  const auto told = AskTypes(context.daemon);
-  context.out.List(told.lines, "types", RecordsOf("type", told.items));
-  return kDone;
+  return PrintNames(context, "types", "type", QueryTypes(context.daemon));
 }
 
 int New(const Context& context) {
-  const ProcessorId id = NewProcessorId("ID", context.in.Get("ID"));
-  const std::string& type_word = context.in.Get("TYPE");
+  const std::string& word = context.in.Get("ID");
+  const ProcessorId id = NewProcessorId("ID", word);
+  // Looked up first: with a type that it does not have the daemon would only delete the processor
+  // that has this id now.
   const ProcessorId type =
-      LookUpType(context.daemon, type_word.empty() ? context.in.Get("ID") : type_word);
+      LookUpType(context.daemon, context.in.Has("TYPE") ? context.in.Get("TYPE") : word);
   const auto result =
       context.daemon.Call("NewProcessorWithType", &IKvox::NewProcessorWithType, id.id, type.id);
   return Report(context, "processor " + id.name, result, {{"id", id.name}, {"type", type.name}});
 }
 
 int Delete(const Context& context) {
+  // Looked up first: the daemon is content when there is nothing to delete.
   const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
   const auto result = context.daemon.Call("DeleteProcessor", &IKvox::DeleteProcessor, id.id);
   return Report(context, "processor " + id.name, result, {{"id", id.name}});
 }
 
 int Info(const Context& context) {
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const ProcessorId id = ProcessorOf(context);
   const auto result = context.daemon.Call("ProcessorInfo", &IKvox::ProcessorInfo, id.id);
-  Fields record;
+  Json record = Json::object();
   if (context.out.format() != Format::kText) {
-    const auto told = AskProcessors(context.daemon);
-    if (const Processor* const found = FindProcessor(told.items, id.name)) {
+    const auto processors = QueryProcessors(context.daemon).rows;
+    if (const Processor* const found = FindProcessor(processors, id.name)) {
       Processor processor = *found;
-      processor.settings = AskSettings(context.daemon, processor.id);
-      record = FieldsOf(processor);
+      processor.settings = QuerySettings(context.daemon, processor.id);
+      record = RecordOf(processor);
     }
   }
   return Report(context, "processor " + id.name, result, record);
 }
 
-int Switch(const Context& context, bool on) {
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
-  const auto result = context.daemon.Call("ProcessorEnable", &IKvox::ProcessorEnable, id.id, on);
+template <bool kOn>
+int Switch(const Context& context) {
+  const ProcessorId id = ProcessorOf(context);
+  const auto result = context.daemon.Call("ProcessorEnable", &IKvox::ProcessorEnable, id.id, kOn);
   return Report(context, "processor " + id.name, result, {{"id", id.name}});
 }
 
 int Status(const Context& context) {
-  const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
+  const ProcessorId id = ProcessorOf(context);
   const auto result = context.daemon.Call("ProcessorIsEnabled", &IKvox::ProcessorIsEnabled, id.id);
   return Report(context, "processor " + id.name, result,
                 {{"id", id.name}, {"enabled", result.value != 0}});
@@ -65,57 +63,24 @@ int Status(const Context& context) {
 
 std::vector<Verb> ProcessorVerbs() {
   return {
-      {"processor", "list", "List the processors", {}, {}, "processor list", List},
-      {"processor",
-       "types",
-       "List the types that processors can have",
-       {},
-       {},
-       "processor types",
-       Types},
-      {"processor",
-       "new",
-       "Make a processor, disabled and unconnected; one of the same name is replaced",
-       {{"ID", Kind::kText, "Four printable characters, or their number"},
-        {"TYPE", Kind::kProcessorType, "Its type; the id when not given", Arity::kOptional}},
-       {},
+      {"processor list", "List the processors", List, "processor list"},
+      {"processor types", "List the types that processors can have", Types, "processor types"},
+      {"processor new",
+       "Make a processor, disabled and unconnected; one of the same name is replaced", New,
        "processor new art0 arel",
-       New},
-      {"processor",
-       "delete",
-       "Delete a processor",
-       {ProcessorArgument()},
-       {},
-       "processor delete pass",
-       Delete},
-      {"processor",
-       "info",
-       "Tell what a processor is and holds",
-       {ProcessorArgument()},
-       {},
-       "--json processor info pass",
-       Info},
-      {"processor",
-       "enable",
-       "Let a processor work",
-       {ProcessorArgument()},
-       {},
-       "processor enable pass",
-       [](const Context& context) { return Switch(context, true); }},
-      {"processor",
-       "disable",
-       "Stop a processor's work",
-       {ProcessorArgument()},
-       {},
-       "processor disable pass",
-       [](const Context& context) { return Switch(context, false); }},
-      {"processor",
-       "status",
-       "Tell whether a processor is enabled",
-       {ProcessorArgument()},
-       {},
-       "processor status pass",
-       Status},
+       Arguments{
+           {"ID", Kind::kText, "Four printable characters, or their number"},
+           {"TYPE", Kind::kProcessorType, "Its type; the id when not given", Arity::kOptional}}},
+      {"processor delete", "Delete a processor", Delete, "processor delete pass",
+       Arguments{kProcessor}},
+      {"processor info", "Show what a processor is and holds", Info, "--json processor info pass",
+       Arguments{kProcessor}},
+      {"processor enable", "Let a processor work", Switch<true>, "processor enable pass",
+       Arguments{kProcessor}},
+      {"processor disable", "Stop a processor's work", Switch<false>, "processor disable pass",
+       Arguments{kProcessor}},
+      {"processor status", "Show whether a processor is enabled", Status, "processor status pass",
+       Arguments{kProcessor}},
   };
 }
 

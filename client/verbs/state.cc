@@ -1,17 +1,9 @@
 // export and apply: a daemon's state as a file.
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-
-#include "client/file.h"
-#include "client/standard_streams.h"
+#include "client/command_line/verb.h"
 #include "client/state/apply.h"
 #include "client/state/state_file.h"
-#include "client/verbs/records.h"
-#include "client/verbs/report.h"
-#include "client/verbs/verb.h"
+#include "client/system/files.h"
 
 namespace kvox::client {
 namespace {
@@ -20,29 +12,15 @@ constexpr size_t kLongestFile = 1 << 20;
 
 int Export(const Context& context) {
   const Snapshot snapshot = ReadSnapshot(context.daemon);
-  PrintOut(context.out.json() ? StateAsJson(snapshot) : WriteState(snapshot));
+  PrintOut(context.out.json() ? AsJson(StateAsJson(snapshot)) + "\n" : WriteState(snapshot));
   const std::string gaps = GapsOf(snapshot);
   if (gaps.empty()) return kDone;
-  context.out.Message("the file is not whole: " + gaps);
+  context.out.Message("the file is not complete: " + gaps);
   return kRefused;
 }
 
-std::string ReadStandardInput() {
-  std::string text;
-  char part[4096];
-  for (;;) {
-    const ssize_t size = read(STDIN_FILENO, part, sizeof part);
-    if (size == 0) return text;
-    if (size < 0 && errno == EINTR) continue;
-    if (size < 0) throw UsageError(std::string("FILE: standard input: ") + strerror(errno));
-    text.append(part, static_cast<size_t>(size));
-    if (text.size() > kLongestFile) throw UsageError("FILE: standard input is longer than 1 MiB");
-  }
-}
-
 std::string ReadText(const std::string& path) {
-  if (path == "-") return ReadStandardInput();
-  const std::vector<uint8_t> bytes = ReadFile(path, kLongestFile);
+  const auto bytes = path == "-" ? ReadStandardInput(kLongestFile) : ReadFile(path, kLongestFile);
   return std::string(bytes.begin(), bytes.end());
 }
 
@@ -50,7 +28,7 @@ std::string Origin(const std::string& path) {
   return path == "-" ? "standard input" : path;
 }
 
-void TellSilence(const Context& context, const std::vector<int>& cores) {
+void ReportSilence(const Context& context, const std::vector<int>& cores) {
   if (!cores.empty()) context.out.Message("tap points were left alone: " + SilenceOf(cores));
 }
 
@@ -60,7 +38,7 @@ int Compare(const Context& context, const std::string& path, bool keep) {
   const State actual = StateOf(snapshot);
   const State wanted = Complete(ReadState(ReadText(path), Origin(path), snapshot), actual, keep);
   std::vector<std::string> lines;
-  std::vector<Fields> records;
+  Json records = Json::array();
   for (const Difference& difference : Differences(wanted, actual)) {
     lines.push_back(difference.object + ": " + difference.property + ": wanted " +
                     difference.wanted + ", actual " + difference.actual);
@@ -71,14 +49,14 @@ int Compare(const Context& context, const std::string& path, bool keep) {
   }
   if (lines.empty()) lines.emplace_back("nothing differs");
   context.out.List(lines, "differences", records);
-  TellSilence(context, snapshot.silent_cores);
+  ReportSilence(context, snapshot.silent_cores);
   return records.empty() ? kDone : kRefused;
 }
 
-/// Prints what was done; answers the exit status.
-int Tell(const Context& context, const std::string& origin, const Outcome& outcome) {
+/// Prints what was done; returns the exit status.
+int ReportOutcome(const Context& context, const std::string& origin, const Outcome& outcome) {
   std::vector<std::string> lines;
-  std::vector<Fields> records;
+  Json records = Json::array();
   for (const auto* steps : {&outcome.done, &outcome.left}) {
     const bool done = steps == &outcome.done;
     for (const Step& step : *steps) {
@@ -88,15 +66,14 @@ int Tell(const Context& context, const std::string& origin, const Outcome& outco
   }
   if (lines.empty()) lines.emplace_back("nothing to do");
   context.out.List(lines, "steps", records);
-  TellSilence(context, outcome.silent_cores);
+  ReportSilence(context, outcome.silent_cores);
   const std::string next = "; 'kvoxctl apply --dry-run' shows what differs";
-  if (!outcome.left.empty()) {
-    context.out.Message(Describe(outcome.left.front()) + ": " + outcome.cause +
-                        "; the steps before it are done, the others are not" + next);
-    return outcome.status;
-  }
   if (outcome.status != kDone) {
-    context.out.Message(outcome.cause + next);
+    const std::string failed = outcome.left.empty()
+                                   ? outcome.cause
+                                   : Describe(outcome.left.front()) + ": " + outcome.cause +
+                                         "; the steps before it are done, the others are not";
+    context.out.Message(failed + next);
     return outcome.status;
   }
   if (outcome.differences.empty()) return kDone;
@@ -111,20 +88,23 @@ int ApplyFile(const Context& context) {
   const std::string& path = context.in.Get("FILE");
   const bool keep = context.in.Has("--keep");
   if (context.in.Has("--dry-run")) return Compare(context, path, keep);
-  return Tell(context, Origin(path), Apply(ReadText(path), Origin(path), keep, context.daemon));
+  return ReportOutcome(context, Origin(path),
+                       Apply(ReadText(path), Origin(path), keep, context.daemon));
 }
 
 const char* ApplyNotes() {
-  return "'kvoxctl export --help' tells what a file holds. What is not in it is taken away:\n"
-         "processors are deleted, tap points switched off and unbound, buffers stopped; --keep\n"
-         "leaves them as they are. Nothing is done while no core of the co-processor answers;\n"
-         "while some do not, their tap points are left alone.\n";
+  return "'kvoxctl export --help' describes the file. What is not in it is removed: processors "
+         "are\n"
+         "deleted, tap points disabled and unbound, buffers stopped; --keep leaves them as they "
+         "are.\n"
+         "Nothing is done while no core of the co-processor answers; while some do not, their tap\n"
+         "points are left alone.\n";
 }
 
 const char* FileNotes() {
   return "The file is TOML; keys without a * may be left out:\n"
          "  schema*                1\n"
-         "  use_cases              list of names: AREL_TELE, for no other use case tells its "
+         "  use_cases              list of names: AREL_TELE, the only use case that reports its "
          "state\n"
          "  running                list of names: tap-out buffers that are read\n"
          "  [[processor]]          one for each processor:\n"
@@ -147,25 +127,15 @@ const char* FileNotes() {
 
 std::vector<Verb> StateVerbs() {
   return {
-      {"",
-       "export",
-       "Write what the daemon is set to do as TOML, for apply",
-       {},
-       {},
-       "export",
-       Export,
-       FileNotes},
-      {"",
-       "apply",
-       "Make the daemon match a file that export has written",
-       {{"FILE", Kind::kFile, "The file, or - for standard input"}},
-       {{"--dry-run", nullptr, Kind::kText,
-         "Only show what differs, wanted and actual; exit status 1 when something does"},
-        {"--keep", nullptr, Kind::kText, "Leave what the file does not name as it is"}},
+      {"export", "Write what the daemon is set to do as TOML, for apply", Export, "export",
+       Arguments{}, Options{}, FileNotes},
+      {"apply", "Make the daemon match a file that export has written", ApplyFile,
        "apply --dry-run phone.toml",
-       ApplyFile,
-       ApplyNotes,
-       Manner::kApplies},
+       Arguments{{"FILE", Kind::kFile, "The file, or - for standard input"}},
+       Options{{"--dry-run", nullptr, Kind::kText,
+                "Only show what differs, wanted and actual; exit status 1 when something does"},
+               {"--keep", nullptr, Kind::kText, "Leave what the file does not name as it is"}},
+       ApplyNotes, VerbKind::kApply},
   };
 }
 

@@ -1,49 +1,46 @@
-#include "client/verbs/records.h"
-#include "client/verbs/report.h"
-#include "client/verbs/words.h"
+#include "client/verbs/shared.h"
 
 namespace kvox::client {
 namespace {
 
-const Argument kUseCase = {"USECASE", Kind::kUseCase, "Name such as MIC_IN; case does not count"};
+const Argument kUseCase = {"USECASE", Kind::kUseCase, "Name such as MIC_IN; case does not matter"};
 
 int List(const Context& context) {
-  const auto told = AskUseCases(context.daemon);
-  std::vector<UseCase> use_cases;
-  for (const std::string& name : told.items) {
-    const bool ask = context.out.format() != Format::kText;
-    use_cases.push_back({name, ask ? AskUseCase(context.daemon, name) : std::nullopt});
+  const auto names = QueryUseCases(context.daemon);
+  Json records = Json::array();
+  for (const std::string& name : names.rows) {
+    if (context.out.format() == Format::kText) break;
+    records.push_back({{"name", name}, {"enabled", OrNull(QueryUseCase(context.daemon, name))}});
   }
-  context.out.List(told.lines, "usecases", RecordsOf(use_cases));
+  context.out.List(names.lines, "usecases", records);
   return kDone;
 }
 
-int Switch(const Context& context, bool on) {
-  const std::string name = LookUpUseCase(context.daemon, context.in.Get("USECASE"));
-  const auto result = context.daemon.Call("Enable", &IKvox::Enable, name, on);
+template <bool kOn>
+int Switch(const Context& context) {
+  const std::string name = UseCaseNamed(context.daemon, context.in.Get("USECASE"));
+  const auto result = context.daemon.Call("Enable", &IKvox::Enable, name, kOn);
   return Report(context, "use case " + name, result, {{"name", name}},
                 "'kvoxctl graph' and 'kvoxctl tap list' show what it needs");
 }
 
 int Status(const Context& context) {
-  const std::string name = LookUpUseCase(context.daemon, context.in.Get("USECASE"));
-  const auto result = context.daemon.Call("IsEnabled", &IKvox::IsEnabled, name);
+  const std::string name = UseCaseNamed(context.daemon, context.in.Get("USECASE"));
+  auto result = context.daemon.Call("IsEnabled", &IKvox::IsEnabled, name);
   const bool known = result.status == IKvox::CommandStatus::OK;
-  // The daemon has the state as a value alone.
+  // The daemon returns the state as a value alone.
   if (known && context.out.format() == Format::kText) {
-    context.out.One({"Use case '" + name + "' is " + (result.value != 0 ? "enabled" : "disabled")},
-                    {});
-    return kDone;
+    result.lines = {"Use case '" + name + "' is " + (result.value != 0 ? "enabled" : "disabled")};
   }
   return Report(context, "use case " + name, result,
-                {{"name", name}, {"enabled", known ? Value(result.value != 0) : Value(nullptr)}},
-                "'kvoxctl graph' shows whether its processor is there");
+                {{"name", name}, {"enabled", known ? Json(result.value != 0) : Json()}},
+                "'kvoxctl graph' shows whether its processor exists");
 }
 
 int SetGain(const Context& context) {
-  const float gain = Gain("GAIN", context.in.Get("GAIN"));
+  const float gain = context.in.Decimal("GAIN");
   const int32_t ramp_ms = RampMs(context.in);
-  const std::string name = LookUpUseCase(context.daemon, context.in.Get("USECASE"));
+  const std::string name = UseCaseNamed(context.daemon, context.in.Get("USECASE"));
   const auto result =
       context.daemon.Call("UseCaseSetGain", &IKvox::UseCaseSetGain, name, gain, ramp_ms);
   return Report(context, "use case " + name, result, {{"name", name}}, kNoGains);
@@ -53,36 +50,15 @@ int SetGain(const Context& context) {
 
 std::vector<Verb> UseCaseVerbs() {
   return {
-      {"usecase", "list", "List the use cases", {}, {}, "usecase list", List},
-      {"usecase",
-       "enable",
-       "Set up all that a use case needs",
-       {kUseCase},
-       {},
-       "usecase enable AREL_TELE",
-       [](const Context& context) { return Switch(context, true); }},
-      {"usecase",
-       "disable",
-       "Take down what a use case has set up",
-       {kUseCase},
-       {},
-       "usecase disable AREL_TELE",
-       [](const Context& context) { return Switch(context, false); }},
-      {"usecase",
-       "status",
-       "Tell whether a use case is enabled; not every one knows",
-       {kUseCase},
-       {},
-       "usecase status AREL_TELE",
-       Status},
-      {"usecase",
-       "gain",
-       "Set a use case's gain",
-       {kUseCase, GainArgument()},
-       {RampOption()},
-       "usecase gain MIC_IN 0.5 --ramp 20",
-       SetGain,
-       GainNotes},
+      {"usecase list", "List the use cases", List, "usecase list"},
+      {"usecase enable", "Set up all that a use case needs", Switch<true>,
+       "usecase enable AREL_TELE", Arguments{kUseCase}},
+      {"usecase disable", "Take down what a use case has set up", Switch<false>,
+       "usecase disable AREL_TELE", Arguments{kUseCase}},
+      {"usecase status", "Show whether a use case is enabled; not every one knows", Status,
+       "usecase status AREL_TELE", Arguments{kUseCase}},
+      {"usecase gain", "Set a use case's gain", SetGain, "usecase gain MIC_IN 0.5 --ramp 20",
+       Arguments{kUseCase, kGain}, Options{kRamp}, GainNotes},
   };
 }
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <thread>
 
-#include "client/verbs/words.h"
+#include "client/verbs/shared.h"
 
 namespace kvox::client {
 namespace {
@@ -13,16 +13,16 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kPause = std::chrono::milliseconds(20);
 
-/// A daemon that is only slow gets to say what is missing, even when time has just run out.
+/// A slow daemon gets the time to say what is missing, even when --timeout has just run out.
 constexpr auto kLeastForAnAnswer = std::chrono::milliseconds(1000);
 
-/// What may still change: everything else is no reason to go on waiting.
+/// Whether waiting may help.
 bool MayChange(const Failure& failure) {
   return failure.status() == kNoDaemon || failure.status() == kNoObject ||
          failure.status() == kRefused;
 }
 
-/// Runs `check` until it throws no Failure, and as long as --timeout says in all.
+/// Runs `check` until it throws no Failure, but no longer than --timeout.
 template <typename Check>
 int WaitFor(const Context& context, const std::string& what, Check check) {
   const auto begin = Clock::now();
@@ -37,7 +37,7 @@ int WaitFor(const Context& context, const std::string& what, Check check) {
       break;
     } catch (const Failure& failure) {
       if (!MayChange(failure)) throw;
-      if (failure.status() == kNoDaemon) context.daemon.Forget();
+      if (failure.status() == kNoDaemon) context.daemon.Disconnect();
       reason = failure.what();
     }
     if (Clock::now() + kPause - begin >= whole) {
@@ -47,13 +47,12 @@ int WaitFor(const Context& context, const std::string& what, Check check) {
     std::this_thread::sleep_for(kPause);
   }
   const double waited_ms = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-  context.out.One({}, {{"waited_ms", std::round(waited_ms * 10) / 10}});
+  context.out.One({}, Json::object({{"waited_ms", std::round(waited_ms * 10) / 10}}));
   return kDone;
 }
 
 int ForDaemon(const Context& context) {
-  return WaitFor(context, "an answer of kvoxd",
-                 [&] { context.daemon.Run("Ping", [](IKvox& kvox) { return kvox.Ping(); }); });
+  return WaitFor(context, "an answer of kvoxd", [&] { context.daemon.Ping(); });
 }
 
 int ForBuffer(const Context& context) {
@@ -83,44 +82,18 @@ int ForProcessor(const Context& context) {
 }  // namespace
 
 std::vector<Verb> WaitVerbs() {
-  return {
-      {"wait",
-       "daemon",
-       "Wait until the daemon answers",
-       {},
-       {},
-       "--timeout 10 wait daemon",
-       ForDaemon,
-       nullptr,
-       Manner::kWaits},
-      {"wait",
-       "buffer",
-       "Wait until a buffer is there",
-       {{"BUFFER", Kind::kBuffer, "Buffer by name such as tapout0"}},
-       {},
-       "wait buffer tapout0 --timeout 10",
-       ForBuffer,
-       nullptr,
-       Manner::kWaits},
-      {"wait",
-       "tap",
-       "Wait until the co-processor has a tap point",
-       {TapArgument()},
-       {},
-       "wait tap imic.0 --timeout 10",
-       ForTap,
-       nullptr,
-       Manner::kWaits},
-      {"wait",
-       "processor",
-       "Wait until a processor is there",
-       {ProcessorArgument()},
-       {{"--enabled", nullptr, Kind::kText, "And until it is enabled"}},
-       "wait processor art0 --enabled --timeout 10",
-       ForProcessor,
-       nullptr,
-       Manner::kWaits},
+  std::vector<Verb> verbs = {
+      {"wait daemon", "Wait until the daemon answers", ForDaemon, "--timeout 10 wait daemon"},
+      {"wait buffer", "Wait until a buffer exists", ForBuffer, "wait buffer tapout0 --timeout 10",
+       Arguments{{"BUFFER", Kind::kBuffer, "Buffer by name such as tapout0"}}},
+      {"wait tap", "Wait until the co-processor has a tap point", ForTap,
+       "wait tap imic.0 --timeout 10", Arguments{kTap}},
+      {"wait processor", "Wait until a processor exists", ForProcessor,
+       "wait processor art0 --enabled --timeout 10", Arguments{kProcessor},
+       Options{{"--enabled", nullptr, Kind::kText, "And until it is enabled"}}},
   };
+  for (Verb& verb : verbs) verb.kind = VerbKind::kWait;
+  return verbs;
 }
 
 }  // namespace kvox::client

@@ -11,6 +11,10 @@
 
 namespace kvox {
 
+/// Blanks before a line's first column, and between columns.
+inline constexpr size_t kRowIndent = 2;
+inline constexpr size_t kColumnGap = 1;
+
 /// Width of every column that has no width of its own below.
 inline constexpr size_t kColumnWidth = 9;
 
@@ -35,7 +39,8 @@ inline constexpr char kTapTableHeader[] =
 /// inject buffer, enabled.
 inline constexpr char kTapTableRow[] = "\n  %4s.%-2u   %-19s %-9u %-9u %-9u %-9s %-9s %-9u";
 inline constexpr size_t kTapCodeWidth = 4;
-inline constexpr size_t kTapIndexWidth = 2;  // then three blanks
+inline constexpr size_t kTapIndexWidth = 2;
+inline constexpr size_t kTapNameGap = 3;  // blanks after the index
 inline constexpr size_t kTapFormatWidth = 19;
 /// kHz, channels, letter of the encoding, bits: "48kHz, 2ch, i16".
 inline constexpr char kTapFormat[] = "%gkHz, %uch, %c%u";

@@ -4,58 +4,52 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdint>
 #include <optional>
 #include <utility>
 #include <vector>
 
-#include "sim/audio/sound_file.h"
+#include "kvox/sound/sound_file.h"
 #include "sim/output.h"
 
 namespace kvox::sim {
 namespace {
 
-constexpr sf_count_t kChunkFrames = 16384;
+constexpr int64_t kChunkFrames = 16384;
 
 /// Samples as doubles, in which every integer and float encoding has a value of its own.
 class FrameReader {
  public:
-  bool Open(const std::filesystem::path& path) {
-    std::string error;
-    name_ = path.string();
-    file_ = OpenSoundFile(path, info_, error);
-    if (file_ == nullptr) Print(stderr, "kvosim compare: {}\n", error);
-    return file_ != nullptr;
-  }
+  /// Throws SoundFileError.
+  explicit FrameReader(const std::filesystem::path& path)
+      : name_(path.string()), reader_(path.string()) {}
 
   const std::string& name() const { return name_; }
-  sf_count_t frames() const { return info_.frames; }
-  sf_count_t channels() const { return info_.channels; }
+  int64_t frames() const { return static_cast<int64_t>(reader_.frame_count()); }
+  int64_t channels() const { return reader_.channels(); }
 
-  void Seek(sf_count_t frame) { sf_seek(file_.get(), frame, SEEK_SET); }
+  void Seek(int64_t frame) { reader_.Seek(static_cast<uint64_t>(frame)); }
   /// Up to `count` frames from where the last read ended; empty at the end.
-  const std::vector<double>& Read(sf_count_t count) {
+  const std::vector<double>& Read(int64_t count) {
     samples_.resize(static_cast<size_t>(std::min(count, kChunkFrames) * channels()));
-    const sf_count_t read =
-        sf_readf_double(file_.get(), samples_.data(), std::min(count, kChunkFrames));
-    samples_.resize(static_cast<size_t>(std::max<sf_count_t>(read, 0) * channels()));
+    samples_.resize(reader_.ReadDoubles(samples_) * reader_.channels());
     return samples_;
   }
 
-  std::optional<sf_count_t> FirstSound() {
+  std::optional<int64_t> FirstSound() {
     Seek(0);
-    for (sf_count_t frame = 0;;) {
+    for (int64_t frame = 0;;) {
       const std::vector<double>& samples = Read(kChunkFrames);
       if (samples.empty()) return std::nullopt;
       const auto sound = std::ranges::find_if(samples, [](double sample) { return sample != 0; });
       if (sound != samples.end()) return frame + (sound - samples.begin()) / channels();
-      frame += static_cast<sf_count_t>(samples.size()) / channels();
+      frame += static_cast<int64_t>(samples.size()) / channels();
     }
   }
 
  private:
-  std::string name_;
-  SF_INFO info_{};
-  SoundFile file_;
+  const std::string name_;
+  SoundReader reader_;
   std::vector<double> samples_;
 };
 
@@ -65,19 +59,18 @@ int No(const std::string& reason) {
 }
 
 /// Compares up to `frames` frames from where both readers stand.
-int CompareFrames(FrameReader& source, FrameReader& recorded, sf_count_t frames,
-                  sf_count_t offset) {
-  sf_count_t compared = 0;
+int CompareFrames(FrameReader& source, FrameReader& recorded, int64_t frames, int64_t offset) {
+  int64_t compared = 0;
   while (compared < frames) {
     const std::vector<double>& expected = source.Read(frames - compared);
     const std::vector<double>& found = recorded.Read(frames - compared);
-    const sf_count_t got = std::min(static_cast<sf_count_t>(expected.size()) / source.channels(),
-                                    static_cast<sf_count_t>(found.size()) / recorded.channels());
+    const int64_t got = std::min(static_cast<int64_t>(expected.size()) / source.channels(),
+                                 static_cast<int64_t>(found.size()) / recorded.channels());
     if (got == 0) return No(fmt::format("{} frames agree, then a file cannot be read", compared));
-    for (sf_count_t i = 0; i < got * recorded.channels(); ++i) {
-      const sf_count_t frame = i / recorded.channels();
-      const sf_count_t channel = i % recorded.channels();
-      const sf_count_t from = source.channels() == 1 ? frame : i;
+    for (int64_t i = 0; i < got * recorded.channels(); ++i) {
+      const int64_t frame = i / recorded.channels();
+      const int64_t channel = i % recorded.channels();
+      const int64_t from = source.channels() == 1 ? frame : i;
       const double want = expected[static_cast<size_t>(from)];
       const double have = found[static_cast<size_t>(i)];
       if (std::bit_cast<uint64_t>(want) == std::bit_cast<uint64_t>(have)) continue;
@@ -97,15 +90,14 @@ int CompareFrames(FrameReader& source, FrameReader& recorded, sf_count_t frames,
 }  // namespace
 
 int CompareFiles(const std::filesystem::path& source_path,
-                 const std::filesystem::path& recorded_path, bool skip_silence) {
-  FrameReader source;
-  FrameReader recorded;
-  if (!source.Open(source_path) || !recorded.Open(recorded_path)) return 2;
+                 const std::filesystem::path& recorded_path, bool skip_silence) try {
+  FrameReader source(source_path);
+  FrameReader recorded(recorded_path);
   if (source.channels() != 1 && source.channels() != recorded.channels()) {
     return No(fmt::format("{} has {} channels, {} has {}", source.name(), source.channels(),
                           recorded.name(), recorded.channels()));
   }
-  sf_count_t offset = 0;
+  int64_t offset = 0;
   if (skip_silence) {
     const auto wanted = source.FirstSound();
     const auto found = recorded.FirstSound();
@@ -116,11 +108,14 @@ int CompareFiles(const std::filesystem::path& source_path,
     }
     if (wanted) offset = *found - *wanted;
   }
-  const sf_count_t frames = std::min(source.frames(), recorded.frames() - offset);
+  const int64_t frames = std::min(source.frames(), recorded.frames() - offset);
   if (frames <= 0) return No("there is nothing to compare");
   source.Seek(0);
   recorded.Seek(offset);
   return CompareFrames(source, recorded, frames, offset);
+} catch (const SoundFileError& error) {
+  Print(stderr, "kvosim compare: {}; expected a readable sound file\n", error.what());
+  return 2;
 }
 
 }  // namespace kvox::sim

@@ -132,19 +132,19 @@ GraphTables ReadTables(DaemonClient& daemon) {
   const auto lines = [&](const char* name, auto method) {
     return daemon.Call(name, method).result.lines;
   };
-  const auto read = [](const auto& rows, auto name, GraphTables::Table& table) {
-    for (const auto& row : rows.items) table[row.*name] = Text(row);
+  const auto read = [](const auto& reply, auto name, GraphTables::Table& table) {
+    for (const auto& row : reply.rows) table[row.*name] = Text(row);
   };
   GraphTables tables;
-  read(client::ReadProcessors(lines("ListProcessors", &IKvox::ListProcessors)), &Processor::id,
+  read(client::ParseProcessors(lines("ListProcessors", &IKvox::ListProcessors)), &Processor::id,
        tables.processors);
-  read(client::ReadBuffers(Direction::kTapOut,
-                           lines("ListTapOutBuffers", &IKvox::ListTapOutBuffers)),
+  read(client::ParseBuffers(Direction::kTapOut,
+                            lines("ListTapOutBuffers", &IKvox::ListTapOutBuffers)),
        &Buffer::name, tables.tapouts);
-  read(client::ReadBuffers(Direction::kInject,
-                           lines("ListInjectBuffers", &IKvox::ListInjectBuffers)),
+  read(client::ParseBuffers(Direction::kInject,
+                            lines("ListInjectBuffers", &IKvox::ListInjectBuffers)),
        &Buffer::name, tables.injects);
-  read(client::ReadGraph(lines("ShowGraph", &IKvox::ShowGraph)), &Path::processor, tables.paths);
+  read(client::ParseGraph(lines("ShowGraph", &IKvox::ShowGraph)), &Path::processor, tables.paths);
   return tables;
 }
 

@@ -1,9 +1,9 @@
-#include "client/arguments.h"
+#include "client/calls/arguments.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client/output.h"
+#include "client/calls/answer.h"
 
 namespace kvox::client {
 namespace {

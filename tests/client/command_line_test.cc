@@ -1,4 +1,4 @@
-#include "client/command_line.h"
+#include "client/command_line/command_line.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,8 +6,8 @@
 #include <random>
 #include <sstream>
 
-#include "client/help.h"
-#include "client/lookup.h"
+#include "client/command_line/help.h"
+#include "client/model/lookup.h"
 #include "kvox/common/near_matches.h"
 
 namespace kvox::client {
@@ -40,7 +40,7 @@ TEST(CommandLine, OptionsStandBeforeOrBehindTheVerb) {
                            "--timeout 9 processor new --timeout 1.5 art0 --json arel"}) {
     const CommandLine read = Read(line);
     ASSERT_NE(read.verb, nullptr) << line;
-    EXPECT_EQ(read.verb->Words(), "processor new");
+    EXPECT_EQ(read.verb->words, "processor new");
     EXPECT_EQ(read.in.Get("ID"), "art0");
     EXPECT_EQ(read.in.Get("TYPE"), "arel");
     EXPECT_EQ(read.format, Format::kJson);
@@ -81,11 +81,11 @@ TEST(CommandLine, WhatIsWrongIsNamedWithTheNextStep) {
 
 TEST(CommandLine, EveryVerbHasHelpWithAnExampleThatCanBeRead) {
   for (const Verb& verb : AllVerbs()) {
-    const CommandLine asked = Read(verb.Words() + " --help");
+    const CommandLine asked = Read(std::string(verb.words) + " --help");
     EXPECT_EQ(asked.help, HelpOf(verb));
     EXPECT_THAT(asked.help, HasSubstr(std::string("Example: kvoxctl ") + verb.example));
     EXPECT_EQ(Read(verb.example).verb, &verb) << verb.example;
-    EXPECT_THAT(Help(), HasSubstr("  " + verb.Words() + " "));
+    EXPECT_THAT(Help(), HasSubstr("  " + std::string(verb.words) + " "));
     for (const Argument& argument : verb.arguments) EXPECT_NE(*argument.help, '\0');
   }
   for (const Noun& noun : AllNouns()) {
@@ -114,18 +114,18 @@ TEST(CommandLine, AnyWordsAreReadOrRefused) {
 }
 
 TEST(TapWord, HasCoreAndIndexWhereTheyAreGiven) {
-  const auto full = ReadTapWord("2:imic.0");
+  const auto full = ParseTapWord("2:imic.0");
   ASSERT_TRUE(full);
   EXPECT_EQ(full->core, 2);
   EXPECT_EQ(full->code, "imic");
   EXPECT_EQ(full->index, 0);
-  const auto bare = ReadTapWord("a:.b");
+  const auto bare = ParseTapWord("a:.b");
   ASSERT_TRUE(bare);
   EXPECT_FALSE(bare->core);
   EXPECT_EQ(bare->code, "a:.b");
   EXPECT_FALSE(bare->index);
   for (const char* word : {"", "2:", ".0", "256:imic", "imic.256", "imic5.0", "2:.1"}) {
-    EXPECT_FALSE(ReadTapWord(word)) << word;
+    EXPECT_FALSE(ParseTapWord(word)) << word;
   }
 }
 

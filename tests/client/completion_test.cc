@@ -3,9 +3,8 @@
 
 #include <sstream>
 
-#include "client/command_line.h"
-#include "client/completion/candidates.h"
-#include "client/completion/names.h"
+#include "client/command_line/command_line.h"
+#include "client/completion/completion.h"
 
 namespace kvox::client {
 namespace {
@@ -70,7 +69,7 @@ TEST(Completion, OffersVerbsOptionsAndTheirValues) {
 
 TEST(Completion, WhatItOffersTheCommandLineTakes) {
   for (const Verb& verb : AllVerbs()) {
-    EXPECT_THAT(At(std::string(verb.noun) + " ").words, Contains(std::string(verb.name)));
+    EXPECT_THAT(At(std::string(verb.noun()) + " ").words, Contains(std::string(verb.name())));
   }
   for (const Option& option : CommonOptions()) {
     for (const char* const choice : option.choices) {

@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "client/doctor/findings.h"
-#include "client/doctor/process.h"
+#include "client/doctor/gather.h"
 #include "client/doctor/rights.h"
 
 namespace kvox::client {
@@ -39,9 +39,9 @@ Facts Healthy() {
   facts.injects = {At("/dev/xdv-kvox_inject0", S_IFCHR | 0220)};
   facts.priority = 99;
   facts.own = {.pid = 13, .rtprio_limit = 0};
-  facts.place = Place{At("/run/kvox", S_IFDIR | 0750),
-                      At("/run/kvox/kvox.IKvox:default.sock", S_IFSOCK | 0660)};
-  facts.answer = {.status = kDone, .round_trip_us = 61, .version = 3};
+  facts.location = SocketLocation{At("/run/kvox", S_IFDIR | 0750),
+                                  At("/run/kvox/kvox.IKvox:default.sock", S_IFSOCK | 0660)};
+  facts.reply = {.status = kDone, .round_trip_us = 61, .version = 3};
   facts.own_version = 3;
   facts.wake_locks = {At("/sys/power/wake_lock", S_IFREG | 0660),
                       At("/sys/power/wake_unlock", S_IFREG | 0220)};
@@ -50,7 +50,7 @@ Facts Healthy() {
   return facts;
 }
 
-std::string Told(const std::vector<Finding>& findings) {
+std::string Problems(const std::vector<Finding>& findings) {
   std::string text;
   for (const Finding& finding : findings) {
     if (finding.verdict != Verdict::kOk) text += LineOf(finding) + "\n";
@@ -59,12 +59,12 @@ std::string Told(const std::vector<Finding>& findings) {
 }
 
 TEST(Doctor, HasNothingAgainstAMachineWhereAllIsWell) {
-  const auto findings = Judge(Healthy());
-  EXPECT_EQ(Told(findings), "");
+  const auto findings = Diagnose(Healthy());
+  EXPECT_EQ(Problems(findings), "");
   EXPECT_EQ(findings.size(), 13u);
 }
 
-TEST(Doctor, NamesWhatIsBrokenWithACommandThatMendsIt) {
+TEST(Doctor, NamesWhatIsBrokenWithACommandThatFixesIt) {
   using Break = void (*)(Facts&);
   const struct {
     Break damage;
@@ -100,50 +100,51 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatMendsIt) {
        "--rtprio=99 --pid 12\n"},
       {[](Facts& f) {
          f.running.reset();
-         f.answer = {.status = kNotAllowed, .error = "x"};
+         f.reply = {.status = kNotAllowed, .error = "x"};
        },
        "not known: kvoxd's process cannot be seen by user ann  fix: sudo -E kvoxctl doctor\n"},
       {[](Facts& f) { f.rt_runtime_us = 0; }, "fix: sudo sysctl kernel.sched_rt_runtime_us="},
-      {[](Facts& f) { f.place->socket.path.resize(108, 'x'); },
+      {[](Facts& f) { f.location->socket.path.resize(108, 'x'); },
        "has 108 bytes, 107 is the most  fix: export KVOX_RUNTIME_DIR=$(mktemp -d)\n"},
       {[](Facts& f) {
-         f.place->socket.path.resize(108, 'x');
+         f.location->socket.path.resize(108, 'x');
          f.daemon = f.me;
-         f.answer = {.status = kNoDaemon, .error = "x"};
+         f.reply = {.status = kNoDaemon, .error = "x"};
        },
        "kvoxd: x  fix: export KVOX_RUNTIME_DIR=$(mktemp -d); kvoxd 2>kvoxd.log &\n"},
-      {[](Facts& f) { f.place->directory.uid = 5; },
+      {[](Facts& f) { f.location->directory.uid = 5; },
        "and kvoxd (user kvox) refuses it  fix: sudo chown kvox /run/kvox\n"},
-      {[](Facts& f) { f.place->directory.mode = S_IFDIR | 0777; },
+      {[](Facts& f) { f.location->directory.mode = S_IFDIR | 0777; },
        "everybody may write to it, and kvoxd refuses it  fix: sudo chmod o-w /run/kvox\n"},
       {[](Facts& f) { f.me.groups = {kMe}; },
        "user ann has no right to search it  fix: sudo usermod -aG kvox ann && newgrp kvox\n"},
       {[](Facts& f) {
          f.me = {.uid = kMe, .name = "ann", .groups = {kMe}, .group = "ann"};
-         f.place->directory.gid = 0;
+         f.location->directory.gid = 0;
        },
        "has no right to search it  fix: sudo chgrp ann /run/kvox && sudo chmod g+x /run/kvox\n"},
-      {[](Facts& f) { f.place->socket.mode = S_IFSOCK | 0600; },
+      {[](Facts& f) { f.location->socket.mode = S_IFSOCK | 0600; },
        "user ann has no right to write to it  fix: sudo chmod g+w /run/kvox/kvox.IKvox:"},
-      {[](Facts& f) { f.place->socket.mode = S_IFSOCK | 0666; }, "every user may call the daemon"},
+      {[](Facts& f) { f.location->socket.mode = S_IFSOCK | 0666; },
+       "every user may call the daemon"},
       {[](Facts& f) {
-         f.answer = {.status = kNoDaemon, .error = "x is not in /run/kvox; start the daemon"};
+         f.reply = {.status = kNoDaemon, .error = "x is not in /run/kvox; start the daemon"};
          f.running.reset();
-         f.place->socket = Missing("/run/kvox/s");
+         f.location->socket = Missing("/run/kvox/s");
        },
        "failed   daemon kvoxd: x is not in /run/kvox  fix: sudo systemctl start kvoxd\n"},
       {[](Facts& f) {
-         f.answer = {.status = kTimedOut};
+         f.reply = {.status = kTimedOut};
          f.waited_s = 5;
        },
        "no answer within 5 s  fix: sudo kill -KILL 12\n"},
       {[](Facts& f) {
-         f.answer = {.status = kNoDaemon, .error = "does not answer"};
+         f.reply = {.status = kNoDaemon, .error = "does not answer"};
          f.running->state = 'T';
        },
        "process 12 of user kvox is stopped  fix: sudo kill -CONT 12\n"},
-      {[](Facts& f) { f.answer.round_trip_us = 2e5; }, "very busy  fix: top -H -p 12\n"},
-      {[](Facts& f) { f.answer.version = 2; }, "kvoxd has version 2, kvoxctl version 3"},
+      {[](Facts& f) { f.reply.round_trip_us = 2e5; }, "very busy  fix: top -H -p 12\n"},
+      {[](Facts& f) { f.reply.version = 2; }, "kvoxd has version 2, kvoxctl version 3"},
       {[](Facts& f) { f.wake_locks[0] = Missing("/sys/power/wake_lock"); },
        "warning  wake lock /sys/power/wake_lock: is not there: wake locks are counted"},
       {[](Facts& f) {
@@ -160,12 +161,12 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatMendsIt) {
   for (const auto& row : rows) {
     Facts facts = Healthy();
     row.damage(facts);
-    EXPECT_THAT(Told(Judge(facts)), HasSubstr(row.line));
+    EXPECT_THAT(Problems(Diagnose(facts)), HasSubstr(row.line));
   }
 }
 
-TEST(Doctor, RightsGoByTheFirstClassThatAPersonIsIn) {
-  const Person ann = {.uid = 1, .name = "ann", .groups = {10, 11}, .group = "a"};
+TEST(Doctor, RightsGoByTheFirstClassThatAUserIsIn) {
+  const User ann = {.uid = 1, .name = "ann", .groups = {10, 11}, .group = "a"};
   PathFacts path = {.path = "p", .mode = 0604, .uid = 2, .gid = 11};
   EXPECT_FALSE(May(ann, path, kRead)) << "the group's, not the others'";
   path.gid = 12;
@@ -183,12 +184,12 @@ TEST(Doctor, ReadsWhatTheKernelTellsOfAProcess) {
       "Max realtime priority     99                   0                    \n";
   const std::string status =
       "Name:\tkvoxd\nState:\tT (stopped)\nGid:\t9\t8\nGroups:\t27 \nCapEff:\t0000000000800000\n";
-  const ProcessFacts facts = ReadProcess(7, limits, status);
+  const ProcessFacts facts = ParseProcess(7, limits, status);
   EXPECT_EQ(facts.rtprio_limit, 99u);
   EXPECT_EQ(facts.state, 'T');
   EXPECT_TRUE(facts.sys_nice);
   EXPECT_THAT(facts.groups, ::testing::ElementsAre(9, 8, 27));
-  const ProcessFacts unknown = ReadProcess(7, "", "CapEff:\t0000000000400000\n");
+  const ProcessFacts unknown = ParseProcess(7, "", "CapEff:\t0000000000400000\n");
   EXPECT_FALSE(unknown.rtprio_limit || unknown.sys_nice);
 }
 

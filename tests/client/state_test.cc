@@ -176,7 +176,8 @@ TEST(StateFile, WhatIsWrongIsNamedByLineAndKey) {
       HasSubstr(
           "f:2: runing: unknown key; did you mean 'running'? expected one of schema, use_cases,"));
   EXPECT_THAT(problem("tap = 5"), HasSubstr("f:2: tap: found 5; expected [[tap]]"));
-  EXPECT_THAT(problem("use_cases = ['MIC_IN']"), HasSubstr("does not tell whether 'MIC_IN' is on"));
+  EXPECT_THAT(problem("use_cases = ['MIC_IN']"),
+              HasSubstr("does not report whether 'MIC_IN' is on"));
   EXPECT_THAT(problem("use_cases = ['AREL_TEL']", kNoObject),
               HasSubstr("did you mean 'AREL_TELE'"));
   EXPECT_THAT(problem("running = ['tapout1']", kNoObject),

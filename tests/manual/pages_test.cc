@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "client/help.h"
+#include "client/command_line/help.h"
 #include "daemon/usage.h"
 #include "platform/platform.h"
 #include "sim/command_line.h"

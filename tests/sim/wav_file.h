@@ -2,13 +2,18 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sndfile.h>
 
 #include <filesystem>
+#include <memory>
 #include <vector>
 
-#include "sim/audio/sound_file.h"
-
 namespace kvox::sim {
+
+struct SoundFileCloser {
+  void operator()(SNDFILE* file) const { sf_close(file); }
+};
+using SoundFile = std::unique_ptr<SNDFILE, SoundFileCloser>;
 
 /// `samples` are written as they are.
 template <typename Sample>
@@ -30,11 +35,10 @@ void WriteWav(const std::filesystem::path& path, int subtype, int channels,
 template <typename Sample>
 std::vector<Sample> ReadWav(const std::filesystem::path& path, SF_INFO* info = nullptr) {
   SF_INFO own{};
-  std::string error;
-  const SoundFile file = OpenSoundFile(path, own, error);
+  const SoundFile file(sf_open(path.c_str(), SFM_READ, &own));
   if (info != nullptr) *info = own;
   if (file == nullptr) {
-    ADD_FAILURE() << error;
+    ADD_FAILURE() << sf_strerror(nullptr);
     return {};
   }
   std::vector<Sample> samples(static_cast<size_t>(own.frames * own.channels));

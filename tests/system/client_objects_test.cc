@@ -92,6 +92,37 @@ TEST_F(ClientObjectsTest, TapPointsGoByNameOnWhicheverCore) {
   ExpectRefusal("tap block-length genp.0 2000000", 1, "failed, status -22");
 }
 
+TEST_F(ClientObjectsTest, VerbsForTapPointsCostFewExchangesWithTheCoProcessor) {
+  const auto exchanges = [this] {
+    const json stats = Stats();
+    int64_t sum = 0;
+    for (const json& command : stats["control"]["commands"]) sum += command["count"].get<int64_t>();
+    return sum;
+  };
+  const struct {
+    const char* line;
+    int64_t most;
+  } rows[] = {
+      {"tap enable 2:imic.0", 1},
+      {"tap info 4:vpdl.0", 1},
+      {"tap block-length 2:genp.0 480", 1},
+      {"tap disconnect 3:adet.0", 1},
+      {"tap connect 2:genp.0 none inject0", 1},
+      {"tap connect 2:genp.0 tapout0 inject0", 2},  // kvoxd asks for the format as well
+      {"tap enable imic.0", 3},
+      {"tap info imic.0", 3},
+      {"tap disable vpdl.0", 4},  // that no other core has the name needs an answer of each
+      {"connect pass tapout0 inject0", 0},
+      {"buffer list", 0},
+  };
+  Do("processor new pass");
+  for (const auto& row : rows) {
+    const int64_t before = exchanges();
+    Do(row.line);
+    EXPECT_LE(exchanges() - before, row.most) << row.line;
+  }
+}
+
 TEST_F(ClientObjectsTest, ParametersAreReadAndSet) {
   Do("processor new pass");
   EXPECT_EQ(Do("param list"), Call("ListParameters"));

@@ -99,10 +99,10 @@ TEST_F(ClientStateTest, ASilentCoProcessorIsNoEmptyOne) {
   const std::string silence = " cores 2, 3 and 4 do not answer; see in the daemon's log";
   ExpectRefusal("apply " + file, 1, "nothing was done:" + silence);
   ExpectRefusal("apply --dry-run " + file, 1, "nothing was compared:" + silence);
-  EXPECT_THAT(Run(Words("export")).err, HasSubstr("the file is not whole:" + silence));
+  EXPECT_THAT(Run(Words("export")).err, HasSubstr("the file is not complete:" + silence));
   const ClientRun graph = Run(Words("graph --dot"));
   EXPECT_EQ(graph.exit_status, 1);
-  EXPECT_THAT(graph.err, HasSubstr("the picture is not whole:" + silence));
+  EXPECT_THAT(graph.err, HasSubstr("the drawing is not complete:" + silence));
   simulator_->Signal(SIGCONT);
   EXPECT_EQ(Json("processor list")["processors"].size(), 5u);
 
@@ -116,7 +116,7 @@ TEST_F(ClientStateTest, ASilentCoProcessorIsNoEmptyOne) {
   ExpectRefusal("apply " + file, 1, "1 row of 'kvoxctl buffer list tap-out' cannot be read");
 }
 
-TEST_F(ClientStateTest, ThePictureShowsWhatIsOffAndWhatLacksAnEnd) {
+TEST_F(ClientStateTest, TheDrawingShowsWhatIsOffAndWhatLacksAnEnd) {
   MakeBusy();
   const std::string dot = Do("graph --dot");
   EXPECT_THAT(dot, HasSubstr("\"processor pass\" [label=\"pass (pass)\", shape=ellipse, "

@@ -2,7 +2,7 @@
 #include <regex>
 #include <set>
 
-#include "client/verbs/verb.h"
+#include "client/command_line/verb.h"
 #include "tests/system/system_fixture.h"
 
 namespace kvox {
@@ -49,7 +49,7 @@ void AddKeys(const json& value, Names& keys) {
 std::string VerbOf(const std::string& line) {
   std::string longest;
   for (const client::Verb& verb : client::AllVerbs()) {
-    const std::string words = verb.Words();
+    const std::string words = verb.words;
     if ((line + " ").starts_with(words + " ") && words.size() > longest.size()) longest = words;
   }
   return longest;
@@ -127,8 +127,8 @@ TEST_F(JsonPageTest, NamesTheKeysThatVerbsPrint) {
     EXPECT_EQ(section.keys, printed) << *section.verbs.begin();
   }
   for (const client::Verb& verb : client::AllVerbs()) {
-    if (verb.name == std::string("completion")) continue;
-    EXPECT_EQ(verbs.count(verb.Words()), 1u) << verb.Words();
+    if (verb.words == std::string("completion")) continue;
+    EXPECT_EQ(verbs.count(verb.words), 1u) << verb.words;
   }
 }
 

@@ -118,7 +118,7 @@ TEST_F(RelayProgramTest, WhoTakesARelayOverKeepsIt) {
                  Words("record art0 --seconds 1 " + (directory_ / "second.wav").string()),
                  directory_ / "second");
   EXPECT_EQ(first->Wait(), 7);
-  EXPECT_THAT(first->Err(), HasSubstr("art0 has let go of this client: another one took it over"));
+  EXPECT_THAT(first->Err(), HasSubstr("art0 has dropped this client: another one took it over"));
   EXPECT_THAT(second.Wait(), ::testing::AnyOf(0, 7));
   EXPECT_THAT(second.Out(), HasSubstr("recorded 1.000 s in 10 blocks"));
   EXPECT_TRUE(CallIsOn());

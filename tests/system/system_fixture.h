@@ -85,8 +85,8 @@ class SystemTest : public ::testing::Test {
     EXPECT_EQ(run.out, "") << line;
   }
 
-  /// One of the simulator's figures for a tap, as of now.
-  int64_t Figure(const std::string& tap, const std::string& key) {
+  /// The simulator's counters, as of now.
+  nlohmann::json Stats() {
     const auto path = directory_ / "stats.json";
     std::filesystem::remove(path);
     simulator_->Signal(SIGUSR1);
@@ -95,6 +95,12 @@ class SystemTest : public ::testing::Test {
       stats = nlohmann::json::parse(ReadText(path), nullptr, false);
       return !stats.is_discarded();
     }));
+    return stats;
+  }
+
+  /// One of the simulator's figures for a tap, as of now.
+  int64_t Figure(const std::string& tap, const std::string& key) {
+    const nlohmann::json stats = Stats();
     for (const auto& row : stats["taps"]) {
       if (row["tap"] == tap) return row[key].get<int64_t>();
     }

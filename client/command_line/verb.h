@@ -1,0 +1,130 @@
+// The verbs of kvoxctl as one table. The command line is parsed with it; help, manual page and
+// completion are generated from it.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/calls/daemon.h"
+#include "client/command_line/input.h"
+#include "client/errors.h"
+#include "client/output/printer.h"
+
+namespace kvox::client {
+
+/// What a word on the command line names.
+enum class Kind {
+  kText,
+  kNumber,
+  kChoice,  // one of the choices
+  kFile,
+  kMethod,  // of the interface
+  // From here on, an object that may not exist.
+  kProcessor,
+  kProcessorType,
+  kTap,
+  kCore,
+  kTapOut,  // a tap-out buffer, or none
+  kInject,  // an inject buffer, or none
+  kBuffer,  // of either direction
+  kUseCase,
+  kParameter,
+};
+
+enum class Arity { kOnce, kOptional, kAnyNumber };
+
+struct Argument {
+  const char* name;  // "PROCESSOR"; unique within the verb
+  Kind kind;
+  const char* help;
+  Arity arity = Arity::kOnce;
+  std::vector<const char*> choices = {};  // beside names, for every kind but kChoice
+};
+
+struct Option {
+  const char* name;   // "--seconds"
+  const char* value;  // "SECONDS"; nullptr for a flag
+  Kind kind;          // of the value
+  const char* help;
+  std::vector<const char*> choices = {};
+};
+
+struct Context {
+  const Input& in;
+  const Printer& out;
+  Daemon& daemon;
+};
+
+/// How a verb runs; the ways in which it can end follow from that.
+enum class VerbKind {
+  kCommand,  // calls the daemon
+  kStream,   // carries audio, and may end with kGaps
+  kRawCall,  // takes all words after it as they are, options too
+  kApply,    // calls the daemon with names from a file
+  kWait,     // until an object exists, but no longer than --timeout
+  kCheck,    // its status says what it has found, whether or not a daemon runs
+  kLocal,    // needs no daemon
+};
+
+using Arguments = std::vector<Argument>;
+using Options = std::vector<Option>;
+
+struct Verb {
+  const char* words;  // "processor list"; one word for a verb without a noun
+  const char* summary;
+  /// Does the work, and returns the exit status. Throws Failure.
+  int (*run)(const Context&);
+  const char* example;  // without the program's name: "processor new pass"
+  Arguments arguments = {};
+  Options options = {};
+  const char* (*notes)() = nullptr;  // more help
+  VerbKind kind = VerbKind::kCommand;
+
+  /// "processor"; "" for a verb of one word.
+  std::string_view noun() const;
+  /// "list"
+  std::string_view name() const;
+};
+
+struct Noun {
+  const char* name;
+  const char* summary;
+};
+
+/// In the order in which help shows them.
+const std::vector<Verb>& AllVerbs();
+const std::vector<Noun>& AllNouns();
+
+/// Options that every verb takes.
+const std::vector<Option>& CommonOptions();
+
+/// nullptr when there is none.
+const Verb* FindVerb(std::string_view noun, std::string_view name);
+
+/// The names of a noun's verbs; of those without a noun for "".
+std::vector<std::string> VerbNames(std::string_view noun);
+
+struct ExitRow {
+  int status;
+  const char* meaning;
+};
+
+/// How kvoxctl may end, and how one verb may.
+const std::vector<ExitRow>& AllExits();
+std::vector<ExitRow> ExitsOf(const Verb& verb);
+
+// The rows of the table; verbs/ has a file for each.
+std::vector<Verb> ProcessorVerbs();
+std::vector<Verb> TapVerbs();
+std::vector<Verb> BufferVerbs();
+std::vector<Verb> UseCaseVerbs();
+std::vector<Verb> ParameterVerbs();
+std::vector<Verb> WaitVerbs();
+std::vector<Verb> MonitorVerbs();
+std::vector<Verb> StateVerbs();
+std::vector<Verb> AudioVerbs();
+std::vector<Verb> DoctorVerbs();
+std::vector<Verb> CallVerbs();
+
+}  // namespace kvox::client

@@ -1,0 +1,33 @@
+// What changed between two samples of a daemon.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "client/monitor/sampler.h"
+#include "client/output/printer.h"
+
+namespace kvox::client {
+
+/// "processor pass connected input tapout0"
+struct Change {
+  std::string object;  // "processor", "tap-out", "inject", "tap", "core" or "daemon"
+  std::string name;
+  std::string change;     // "appeared", "gone", "enabled", "disabled", "connected", "disconnected",
+                          // "bound", "unbound", "silent", "answers"
+  std::string role = {};  // of the peer: "input", "output", "tapout", "inject"; for a processor
+                          // that appeared, "type"
+  std::string peer = {};  // what it was connected or bound to
+};
+
+/// The changes of processors, buffers and tap points, in this order. Objects appear disabled and
+/// unconnected, and change from there on. Tap points of a core that does not reply now stay as they
+/// are: they are copied from `before` to `now`.
+std::vector<Change> Diff(const Sample& before, Sample& now);
+
+/// Its words, separated by blanks.
+std::string LineOf(const Change& change);
+
+Json RecordOf(const Change& change);
+
+}  // namespace kvox::client

@@ -1,0 +1,61 @@
+#include "client/monitor/sampler.h"
+
+#include <utility>
+
+#include "client/model/snapshot.h"
+
+namespace kvox::client {
+namespace {
+
+// One second of the shortest blocks.
+constexpr int32_t kEntries = 2048;
+
+void Resize(Daemon& daemon, const std::string& processor, int32_t entries) {
+  daemon.Call("ProcessorSetStatsMaxBufferEntries", &IKvox::ProcessorSetStatsMaxBufferEntries,
+              CodeOf(processor), entries);
+}
+
+}  // namespace
+
+Sample Sampler::Read(Daemon& daemon) {
+  Sample sample;
+  const auto take = [&sample](auto reply) {
+    sample.unparsed += reply.unparsed;
+    return std::move(reply.rows);
+  };
+  sample.processors = take(QueryProcessors(daemon));
+  sample.buffers = take(QueryBuffers(daemon));
+  if (wanted_.taps) sample.taps = take(QueryTaps(daemon, kAllCores, sample.silent_cores));
+  if (wanted_.measurements) Measure(daemon, sample);
+  return sample;
+}
+
+void Sampler::Measure(Daemon& daemon, Sample& sample) {
+  for (const Processor& processor : sample.processors) {
+    IKvox::CommandResult result;
+    IKvox::ProcessorStats stats;
+    daemon.Run("ProcessorGetStats", [&](IKvox& kvox) {
+      return kvox.ProcessorGetStats(CodeOf(processor.id), &stats, &result);
+    });
+    if (result.status != IKvox::CommandStatus::OK) continue;  // it has gone, or is at work
+    if (stats.bufferEntries == 0) {
+      Resize(daemon, processor.id, kEntries);
+      resized_.insert(processor.id);
+    } else if (stats.bufferEntries != kEntries) {
+      resized_.erase(processor.id);  // another client has resized it since
+    }
+    sample.measurements[processor.id] = {.blocks = stats.blockCount,
+                                         .average_period_ms = double{stats.averagePeriod},
+                                         .active_ms = std::move(stats.measurements)};
+  }
+  std::erase_if(resized_, [&](const std::string& id) {
+    return FindProcessor(sample.processors, id) == nullptr;
+  });
+}
+
+void Sampler::Restore(Daemon& daemon) {
+  for (const std::string& processor : resized_) Resize(daemon, processor, 0);
+  resized_.clear();
+}
+
+}  // namespace kvox::client

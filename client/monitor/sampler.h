@@ -1,0 +1,56 @@
+// A daemon's tables and its processors' measurements at one time.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "client/calls/daemon.h"
+#include "client/model/objects.h"
+
+namespace kvox::client {
+
+/// What a processor has measured since the last reading.
+struct Measurement {
+  int64_t blocks = 0;            // since the processor was created
+  double average_period_ms = 0;  // 0 when no period was measured
+  std::vector<float> active_ms;  // of the latest blocks, oldest first
+};
+
+struct Sample {
+  std::vector<Processor> processors;
+  std::vector<Buffer> buffers;                      // tap-out buffers first
+  std::vector<TapPoint> taps;                       // where they are wanted
+  std::vector<int> silent_cores;                    // that returned no tap points
+  std::map<std::string, Measurement> measurements;  // by processor, where they are wanted
+  int unparsed = 0;                                 // rows that could not be parsed
+};
+
+/// Takes samples. One thread at a time.
+class Sampler {
+ public:
+  struct Wanted {
+    bool taps = false;
+    bool measurements = false;  // reading them clears them in the daemon
+  };
+
+  explicit Sampler(Wanted wanted) : wanted_(wanted) {}
+
+  /// Throws Failure. Makes processors that keep no times keep some.
+  Sample Read(Daemon& daemon);
+
+  /// Makes the processors that Read() has changed keep no times again. Throws Failure.
+  void Restore(Daemon& daemon);
+
+  /// To be called when another daemon is there.
+  void Forget() { resized_.clear(); }
+
+ private:
+  void Measure(Daemon& daemon, Sample& sample);
+
+  const Wanted wanted_;
+  std::set<std::string> resized_;
+};
+
+}  // namespace kvox::client

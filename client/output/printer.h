@@ -1,0 +1,73 @@
+// What verbs print: for people, for scripts that read JSON, for scripts that read columns.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kvox::client {
+
+/// Objects keep the order of their keys, which name their unit: "block_length_frames".
+using Json = nlohmann::ordered_json;
+
+/// A name; null for "".
+inline Json OrNull(const std::string& name) {
+  return name.empty() ? Json() : Json(name);
+}
+template <typename T>
+Json OrNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json();
+}
+
+enum class Format { kText, kJson, kShort };
+enum class Color { kAuto, kAlways, kNever };
+
+/// Prints each result once, in the chosen format: text is what the daemon said; JSON is one
+/// document on one line with "schema" first; short is a line per record, its fields separated by
+/// tabs ("-" for none), without a header. Keys and columns are only ever added, at the end. Main
+/// thread. Throws std::runtime_error when standard output cannot be written.
+class Printer {
+ public:
+  /// Colors a line for people.
+  using Paint = std::string (*)(const std::string& line);
+
+  Printer(Format format, Color color) : format_(format), color_(color) {}
+
+  /// A list of `records`, objects; in JSON under `key`, after the fields of `head`. `paint` is
+  /// given lines without control characters.
+  void List(const std::vector<std::string>& lines, const char* key, const Json& records,
+            int unparsed = 0, const Json& head = Json::object(), Paint paint = BoldHeader) const;
+
+  /// One object, whose fields stand in the JSON document itself.
+  void One(const std::vector<std::string>& lines, const Json& record = Json::object()) const;
+
+  /// A message to standard error, which names the object and the next step.
+  void Message(const std::string& text) const;
+
+  Format format() const { return format_; }
+  bool json() const { return format_ == Format::kJson; }
+
+ private:
+  static std::string BoldHeader(const std::string& line);
+  void Text(const std::vector<std::string>& lines, Paint paint = BoldHeader) const;
+
+  Format format_;
+  Color color_;
+};
+
+/// To be called first. Occupies standard descriptors that are closed, so that no socket or file
+/// gets them, and keeps a reader that goes away from ending the process.
+void PrepareStandardStreams();
+
+/// Writes the text to standard output at once. Throws std::runtime_error when that fails; a reader
+/// that has gone away is no failure.
+void PrintOut(const std::string& text);
+
+/// On one line: {"id": "pass", "consumers": ["art0", "art1"]}
+std::string AsJson(const Json& value);
+
+/// The object's values as one line of columns, without the newline.
+std::string AsColumns(const Json& record);
+
+}  // namespace kvox::client

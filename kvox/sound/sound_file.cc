@@ -1,0 +1,222 @@
+#include "kvox/sound/sound_file.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sndfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+
+#include "kvox/common/fixed_text.h"
+
+namespace kvox {
+namespace {
+
+// clang-format off
+#define KVOX_SNDFILE_FUNCTIONS(F)                                                       \
+  F(open_fd) F(close) F(command) F(strerror) F(seek) F(write_raw) F(read_raw)           \
+  F(readf_int) F(readf_float) F(readf_double)
+// clang-format on
+
+/// The functions we use, with the library's own types.
+struct Library {
+#define KVOX_DECLARE(function) decltype(&sf_##function) function = nullptr;
+  KVOX_SNDFILE_FUNCTIONS(KVOX_DECLARE)
+#undef KVOX_DECLARE
+};
+
+template <typename Function>
+bool Load(void* handle, const char* name, Function& function) {
+  function = reinterpret_cast<Function>(dlsym(handle, name));
+  return function != nullptr;
+}
+
+const Library& Sndfile() {
+  static const Library library = [] {
+    Library loaded;
+    void* const handle = dlopen("libsndfile.so.1", RTLD_NOW);
+    bool complete = handle != nullptr;
+#define KVOX_LOAD(function) complete = complete && Load(handle, "sf_" #function, loaded.function);
+    KVOX_SNDFILE_FUNCTIONS(KVOX_LOAD)
+#undef KVOX_LOAD
+    if (complete) return loaded;
+    const char* const cause = dlerror();
+    throw SoundFileError(std::string("libsndfile cannot be used: ") +
+                         (cause != nullptr ? cause : "unknown version") +
+                         "; install the package libsndfile1");
+  }();
+  return library;
+}
+
+struct SubtypeRow {
+  Kvox::DataFormat encoding;
+  uint32_t bits;
+  int subtype;
+};
+constexpr SubtypeRow kSubtypes[] = {
+    {Kvox::DataFormat::INT, 16, SF_FORMAT_PCM_16}, {Kvox::DataFormat::INT, 24, SF_FORMAT_PCM_24},
+    {Kvox::DataFormat::INT, 32, SF_FORMAT_PCM_32}, {Kvox::DataFormat::FLOAT, 32, SF_FORMAT_FLOAT},
+    {Kvox::DataFormat::SULAW, 8, SF_FORMAT_ULAW},
+};
+
+/// 0 for formats that no WAV file has.
+int SubtypeOf(const SoundFormat& format) {
+  for (const SubtypeRow& row : kSubtypes) {
+    if (row.encoding == format.encoding && row.bits == format.bits) return row.subtype;
+  }
+  return 0;
+}
+
+/// Whether the samples of a file are integers, or expand to some.
+bool HasIntegers(int subtype) {
+  constexpr int kSubtypesOfIntegers[] = {SF_FORMAT_PCM_S8, SF_FORMAT_PCM_U8, SF_FORMAT_PCM_16,
+                                         SF_FORMAT_PCM_24, SF_FORMAT_PCM_32, SF_FORMAT_ULAW,
+                                         SF_FORMAT_ALAW};
+  return std::ranges::count(kSubtypesOfIntegers, subtype) > 0;
+}
+
+[[noreturn]] void Fail(const std::string& path, const std::string& problem) {
+  throw SoundFileError(path + " " + problem);
+}
+
+/// "cannot be read (cause)"
+[[noreturn]] void Fail(const std::string& path, const char* problem, const char* cause) {
+  Fail(path, std::string(problem) + " (" + cause + ")");
+}
+
+/// Opens regular files only, and never blocks.
+int OpenRegular(const std::string& path, int flags) {
+  const int fd = open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, 0644);
+  if (fd < 0) Fail(path, "cannot be opened", ErrorText(errno).c_str());
+  struct stat status {};
+  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) return fd;
+  close(fd);
+  Fail(path, "is not a regular file");
+}
+
+/// The nearest integer of so many bits, in the upper bits of 32.
+int Quantize(double value, uint32_t bits) {
+  const double scale = std::ldexp(1.0, static_cast<int>(bits) - 1);
+  const auto number =
+      static_cast<int64_t>(std::llrint(std::clamp(value * scale, -scale, scale - 1)));
+  return static_cast<int>(number * (int64_t{1} << (32 - bits)));
+}
+
+}  // namespace
+
+std::string Describe(const SoundFormat& format) {
+  const char* const name = DataFormatName(format.encoding);
+  return std::to_string(format.sample_rate) + " Hz, " + std::to_string(format.channels) +
+         (format.channels == 1 ? " channel, " : " channels, ") + (name != nullptr ? name : "?") +
+         std::to_string(format.bits);
+}
+
+void SoundFileCloser::operator()(sf_private_tag* file) const {
+  Sndfile().close(file);
+}
+
+SoundWriter::SoundWriter(const std::string& path, const SoundFormat& format) : path_(path) {
+  const int subtype = SubtypeOf(format);
+  if (subtype == 0 || format.channels == 0) Fail(path, "cannot hold " + Describe(format));
+  const Library& library = Sndfile();
+  const int fd = OpenRegular(path, O_RDWR | O_CREAT);
+  SF_INFO info{};
+  info.samplerate = static_cast<int>(format.sample_rate);
+  info.channels = static_cast<int>(format.channels);
+  info.format = SF_FORMAT_WAV | subtype;
+  if (ftruncate(fd, 0) == 0) file_.reset(library.open_fd(fd, SFM_WRITE, &info, SF_TRUE));
+  if (!file_) Fail(path, "cannot be created", library.strerror(nullptr));
+  library.command(file_.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+}
+
+void SoundWriter::Write(std::span<const std::byte> frames) {
+  const auto size = static_cast<sf_count_t>(frames.size());
+  if (Sndfile().write_raw(file_.get(), frames.data(), size) == size) return;
+  Fail(path_, "cannot be written", Sndfile().strerror(file_.get()));
+}
+
+SoundReader::SoundReader(const std::string& path) : path_(path) {
+  const Library& library = Sndfile();
+  SF_INFO info{};
+  file_.reset(library.open_fd(OpenRegular(path, O_RDONLY), SFM_READ, &info, SF_TRUE));
+  if (!file_) Fail(path, "cannot be read", library.strerror(nullptr));
+  if (info.seekable == 0) Fail(path, "cannot be read from any place");
+  subtype_ = info.format & SF_FORMAT_SUBMASK;
+  sample_rate_ = static_cast<uint32_t>(info.samplerate);
+  channels_ = static_cast<uint32_t>(info.channels);
+  frame_count_ = static_cast<uint64_t>(info.frames);
+}
+
+bool SoundReader::CanConvertTo(const SoundFormat& format) const {
+  const int subtype = SubtypeOf(format);
+  return subtype != 0 && (subtype != SF_FORMAT_ULAW || subtype_ == SF_FORMAT_ULAW);
+}
+
+void SoundReader::ConvertTo(const SoundFormat& format) {
+  if (sample_rate_ != format.sample_rate || (channels_ != format.channels && channels_ != 1)) {
+    Fail(path_, "has " + std::to_string(sample_rate_) + " Hz and " + std::to_string(channels_) +
+                    " channels; expected " + Describe(format) + "; convert it first");
+  }
+  if (!CanConvertTo(format)) Fail(path_, "cannot be converted to " + Describe(format));
+  format_ = format;
+}
+
+void SoundReader::Seek(uint64_t frame) {
+  if (frame != position_) Sndfile().seek(file_.get(), static_cast<sf_count_t>(frame), SEEK_SET);
+  position_ = frame;
+}
+
+size_t SoundReader::ReadDoubles(std::span<double> samples) {
+  const auto count = static_cast<sf_count_t>(samples.size() / channels_);
+  const sf_count_t got = Sndfile().readf_double(file_.get(), samples.data(), count);
+  position_ += static_cast<uint64_t>(std::max<sf_count_t>(got, 0));
+  return static_cast<size_t>(std::max<sf_count_t>(got, 0));
+}
+
+/// Fills `samples_` with up to `count` frames, and returns how many there were.
+size_t SoundReader::ReadSamples(size_t count) {
+  const size_t width = format_.bits / 8;
+  const auto frames = static_cast<sf_count_t>(count);
+  sf_count_t got = 0;
+  samples_.resize(count * channels_ * width);
+  if (format_.encoding == Kvox::DataFormat::SULAW) {
+    const auto size = static_cast<sf_count_t>(samples_.size());
+    got = Sndfile().read_raw(file_.get(), samples_.data(), size) / channels_;
+  } else if (format_.encoding == Kvox::DataFormat::FLOAT) {
+    got = Sndfile().readf_float(file_.get(), reinterpret_cast<float*>(samples_.data()), frames);
+  } else {
+    ints_.resize(count * channels_);
+    if (HasIntegers(subtype_)) {
+      got = Sndfile().readf_int(file_.get(), ints_.data(), frames);
+    } else {
+      doubles_.resize(ints_.size());
+      got = Sndfile().readf_double(file_.get(), doubles_.data(), frames);
+      std::ranges::transform(doubles_, ints_.begin(),
+                             [&](double value) { return Quantize(value, format_.bits); });
+    }
+    for (size_t i = 0; i < ints_.size(); ++i) {  // the upper bytes of 32 bits
+      std::memcpy(&samples_[i * width],
+                  reinterpret_cast<const std::byte*>(&ints_[i]) + sizeof(int) - width, width);
+    }
+  }
+  position_ += static_cast<uint64_t>(std::max<sf_count_t>(got, 0));
+  return static_cast<size_t>(std::max<sf_count_t>(got, 0));
+}
+
+size_t SoundReader::Read(std::span<std::byte> frames) {
+  const size_t width = format_.bits / 8;
+  const size_t got = ReadSamples(frames.size() / format_.FrameSize());
+  for (size_t i = 0; i < got * format_.channels; ++i) {
+    const size_t from = channels_ == 1 ? i / format_.channels : i;
+    std::memcpy(&frames[i * width], &samples_[from * width], width);
+  }
+  const std::byte silence{format_.encoding == Kvox::DataFormat::SULAW ? uint8_t{0xff} : uint8_t{0}};
+  std::ranges::fill(frames.subspan(got * format_.FrameSize()), silence);
+  return got * format_.FrameSize();
+}
+
+}  // namespace kvox
