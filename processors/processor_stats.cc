@@ -72,9 +72,9 @@ void KvoxProcessorStats::RecordPeriod(float period_ms) {
   Add(interval_period_sum_, period_ms);
 }
 
-void KvoxProcessorStats::StopMeasurement(uint64_t now_ns) {
+void KvoxProcessorStats::StopMeasurement(uint64_t begin_ns, uint64_t now_ns) {
   if (!flag_.TryAcquire()) return;
-  const float active_ms = ElapsedMs(last_start_.load(kRelaxed), now_ns);
+  const float active_ms = ElapsedMs(begin_ns, now_ns);
   if (!ring_.empty()) {
     ring_[write_index_] = active_ms;
     if (++write_index_ == ring_.size()) {

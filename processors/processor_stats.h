@@ -19,8 +19,9 @@ class KvoxProcessorStats {
   /// RT: the processing of a block begins. Times are those of the packet clock.
   void StartMeasurement(uint64_t now_ns);
 
-  /// RT: it has ended. Logs a line about once a second of blocks.
-  void StopMeasurement(uint64_t now_ns);
+  /// RT: the block that began at `begin_ns` has ended. A reset meanwhile does not change how long
+  /// it took. Logs a line about once a second of blocks.
+  void StopMeasurement(uint64_t begin_ns, uint64_t now_ns);
 
   // Service threads. Each of the three waits at most 50 ms for the flag, then returns false.
 
@@ -88,16 +89,17 @@ class KvoxProcessorStats {
 class MeasuredBlock {
  public:
   MeasuredBlock(KvoxProcessorStats& stats, const Block& block)
-      : stats_(stats), waiter_(block.waiter) {
-    stats_.StartMeasurement(block.begin_ns);
+      : stats_(stats), waiter_(block.waiter), begin_ns_(block.begin_ns) {
+    stats_.StartMeasurement(begin_ns_);
   }
-  ~MeasuredBlock() { stats_.StopMeasurement(waiter_.NowNs()); }
+  ~MeasuredBlock() { stats_.StopMeasurement(begin_ns_, waiter_.NowNs()); }
   MeasuredBlock(const MeasuredBlock&) = delete;
   MeasuredBlock& operator=(const MeasuredBlock&) = delete;
 
  private:
   KvoxProcessorStats& stats_;
   IoWaiter& waiter_;
+  const uint64_t begin_ns_;
 };
 
 }  // namespace kvox

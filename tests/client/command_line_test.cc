@@ -40,7 +40,7 @@ TEST(CommandLine, OptionsStandBeforeOrBehindTheVerb) {
                            "--timeout 9 processor new --timeout 1.5 art0 --json arel"}) {
     const CommandLine read = Read(line);
     ASSERT_NE(read.verb, nullptr) << line;
-    EXPECT_EQ(read.verb->words, "processor new");
+    EXPECT_STREQ(read.verb->words, "processor new");
     EXPECT_EQ(read.in.Get("ID"), "art0");
     EXPECT_EQ(read.in.Get("TYPE"), "arel");
     EXPECT_EQ(read.format, Format::kJson);

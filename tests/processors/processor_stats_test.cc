@@ -14,8 +14,9 @@ class ProcessorStatsTest : public ::testing::Test {
   /// A block that begins `period` after the last one began and takes `active`, in milliseconds.
   void Block(double period, double active) {
     begin_ms_ += period;
-    stats_.StartMeasurement(static_cast<uint64_t>(begin_ms_ * 1e6));
-    stats_.StopMeasurement(static_cast<uint64_t>((begin_ms_ + active) * 1e6));
+    const auto begin_ns = static_cast<uint64_t>(begin_ms_ * 1e6);
+    stats_.StartMeasurement(begin_ns);
+    stats_.StopMeasurement(begin_ns, static_cast<uint64_t>((begin_ms_ + active) * 1e6));
   }
 
   std::vector<float> Read() {
@@ -102,7 +103,7 @@ TEST_F(ProcessorStatsTest, TheIoThreadNeverWaitsForAReader) {
   });
   for (int i = 0; i < 20000; ++i) {
     stats_.StartMeasurement(1);
-    stats_.StopMeasurement(1);
+    stats_.StopMeasurement(1, 1);
   }
   done = true;
   reader.join();
