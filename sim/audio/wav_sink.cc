@@ -5,9 +5,9 @@
 
 #include "kvox/common/kvox_packet.h"
 #include "kvox/sound/sound_file.h"
-#include "sim/output.h"
 #include "sim/audio/samples.h"
 #include "sim/audio/sink.h"
+#include "sim/output.h"
 
 namespace kvox::sim {
 namespace {
