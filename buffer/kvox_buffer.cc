@@ -84,7 +84,7 @@ KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable) {
   changed_.NotifyAll();
   while (switching_) changed_.Wait(mutex_);
   if (!enable) --disables_waiting_;
-  const Switch result = BeginInTurn(enable);
+  const Switch result = BeginLocked(enable);
   opening_ = result == Switch::kGo && enable;
   return result;
 }
@@ -96,14 +96,14 @@ KvoxBuffer::Switch KvoxBuffer::BeginTry(unsigned number) {
     if (opening_) return Switch::kBusy;
     changed_.Wait(mutex_);
   }
-  if (number == 0) return BeginInTurn(true);
+  if (number == 0) return BeginLocked(true);
   if (IsEnabled()) return Switch::kAlreadyThere;
   if (abandoned_) return Switch::kRefused;
   switching_ = true;
   return Switch::kGo;
 }
 
-KvoxBuffer::Switch KvoxBuffer::BeginInTurn(bool enable) {
+KvoxBuffer::Switch KvoxBuffer::BeginLocked(bool enable) {
   if (enable && IsEnabled()) {
     LogInfo("Enable buffer %s: already enabled", name_.c_str());
     return Switch::kAlreadyThere;
@@ -269,13 +269,14 @@ bool KvoxBuffer::Drop() {
   return true;
 }
 
-void KvoxBuffer::DumpBuffer(KvoxBuffer* feed) {
+void KvoxBuffer::DumpBuffer(KvoxBuffer* source) {
   std::vector<std::byte> area;
   bool copied = false;
   if (is_tapout_) {
     copied = CopyWorkArea(nullptr, area);
   } else if (const std::shared_ptr<InjectPort> open_port = port()) {
-    copied = feed != nullptr ? feed->CopyWorkArea(open_port.get(), area) : open_port->CopyTo(area);
+    copied =
+        source != nullptr ? source->CopyWorkArea(open_port.get(), area) : open_port->CopyTo(area);
   }
   if (!copied) {
     LogError("%s buffer is null", name_.c_str());

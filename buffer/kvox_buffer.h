@@ -103,16 +103,16 @@ class KvoxBuffer {
   /// Recording of the packets that pass, whether the buffer is enabled or not yet.
   WavCapture& capture() { return *capture_; }
 
-  /// Logs the work area (64 KiB) as 2048 lines of words. `feed` is the tap-out buffer whose packets
-  /// reach this inject buffer; null for none. The wiring does not change while it runs.
-  void DumpBuffer(KvoxBuffer* feed);
+  /// Logs the work area (64 KiB) as 2048 lines of words. `source` is the tap-out buffer whose
+  /// packets reach this inject buffer; null for none. The wiring does not change while it runs.
+  void DumpBuffer(KvoxBuffer* source);
 
  private:
   enum class Switch { kGo, kAlreadyThere, kBusy, kRefused };
 
   Switch BeginSwitching(bool enable);
   Switch BeginTry(unsigned number);
-  Switch BeginInTurn(bool enable) REQUIRES(mutex_);
+  Switch BeginLocked(bool enable) REQUIRES(mutex_);
   void EndSwitching();
   bool EnableDevice(int fd);
   int OpenWithRetries();

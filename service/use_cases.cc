@@ -14,21 +14,21 @@ bool Failed(const CommandResult& result) {
 }  // namespace
 
 /// One caller at a time switches a use case, so that two cannot mix its steps.
-class UseCases::Turn {
+class UseCases::SwitchLock {
  public:
-  Turn(UseCases& use_cases, UseCase use_case) : use_cases_(use_cases), use_case_(use_case) {
+  SwitchLock(UseCases& use_cases, UseCase use_case) : use_cases_(use_cases), use_case_(use_case) {
     MutexLock lock(use_cases_.mutex_);
     while (!use_cases_.switching_.insert(use_case_).second) {
-      use_cases_.turn_ended_.Wait(use_cases_.mutex_);
+      use_cases_.switch_ended_.Wait(use_cases_.mutex_);
     }
   }
-  ~Turn() {
+  ~SwitchLock() {
     MutexLock lock(use_cases_.mutex_);
     use_cases_.switching_.erase(use_case_);
-    use_cases_.turn_ended_.NotifyAll();
+    use_cases_.switch_ended_.NotifyAll();
   }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
+  SwitchLock(const SwitchLock&) = delete;
+  SwitchLock& operator=(const SwitchLock&) = delete;
 
  private:
   UseCases& use_cases_;
@@ -36,12 +36,12 @@ class UseCases::Turn {
 };
 
 void UseCases::Switch(UseCase use_case, bool enable, CommandResult* result) {
-  const Turn turn(*this, use_case);
-  SwitchInTurn(use_case, enable, result);
+  const SwitchLock lock(*this, use_case);
+  SwitchLocked(use_case, enable, result);
 }
 
 /// Telephony remembers whether it is on.
-void UseCases::SwitchInTurn(UseCase use_case, bool enable, CommandResult* result) {
+void UseCases::SwitchLocked(UseCase use_case, bool enable, CommandResult* result) {
   const bool remembers = use_case == UseCase::AREL_TELE;
   if (remembers && telephony_enabled() == enable) {
     LogInfo(enable ? "Already enabled" : "Already disabled");
@@ -102,11 +102,11 @@ int32_t UseCases::EndUseCaseOf(const KvoxProcessor& relay) {
   if (use_case == UseCase::UNSPECIFIED) {
     return static_cast<int32_t>(IKvox::CommandStatus::INVALID_PROCESSOR);
   }
-  const Turn turn(*this, use_case);
+  const SwitchLock lock(*this, use_case);
   const bool replaced = inventory_.FindProcessor(relay.id()).get() != &relay;
   if (replaced || relay.HasReceiveAudioCallback()) return 0;
   CommandResult result;
-  SwitchInTurn(use_case, false, &result);
+  SwitchLocked(use_case, false, &result);
   return static_cast<int32_t>(result.status);
 }
 

@@ -34,16 +34,16 @@ class UseCases {
   bool telephony_enabled() const;
 
  private:
-  class Turn;
+  class SwitchLock;
 
-  void SwitchInTurn(UseCase use_case, bool enable, IKvox::CommandResult* result) EXCLUDES(mutex_);
+  void SwitchLocked(UseCase use_case, bool enable, IKvox::CommandResult* result) EXCLUDES(mutex_);
   void RunStep(const UseCaseStep& step, IKvox::CommandResult* result);
 
   IKvox& commands_;
   const Inventory& inventory_;
 
   mutable Mutex mutex_;  // a leaf lock
-  CondVar turn_ended_;
+  CondVar switch_ended_;
   std::set<UseCase> switching_ GUARDED_BY(mutex_);
   bool telephony_enabled_ GUARDED_BY(mutex_) = false;
 };

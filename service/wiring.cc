@@ -28,15 +28,15 @@ std::string ConnectRequest(FourCc id, int tapout, int inject) {
 
 void Wiring::Connect(FourCc id, int tapout, int inject, Report& report) {
   report.Begin(ConnectRequest(id, tapout, inject));
-  MutexLock turn(turns_);
-  const Outcome outcome = ConnectInTurn(id, tapout, inject);
+  MutexLock turn(operation_mutex_);
+  const Outcome outcome = ConnectLocked(id, tapout, inject);
   if (outcome.status == StatusCode::kOk) {
     saved_.SaveConnection(id, {.tapout_buffer = tapout, .inject_buffer = inject});
   }
   report.End("Connect", outcome);
 }
 
-Outcome Wiring::ConnectInTurn(FourCc id, int tapout_number, int inject_number) {
+Outcome Wiring::ConnectLocked(FourCc id, int tapout_number, int inject_number) {
   const ProcessorPtr processor = inventory_.FindProcessor(id);
   const BufferPtr tapout = inventory_.FindTapOut(tapout_number);
   const BufferPtr inject = inventory_.FindInject(inject_number);
@@ -45,11 +45,11 @@ Outcome Wiring::ConnectInTurn(FourCc id, int tapout_number, int inject_number) {
     return {StatusCode::kInvalidParameter, "Invalid tap out buffer"};
   }
   if (inject_number != -1 && !inject) {
-    if (!EdgesOf(*processor).feed) SetFeed(processor, tapout, false);
+    if (!EdgesOf(*processor).source) SetSource(processor, tapout, false);
     return {StatusCode::kInvalidParameter, "Invalid inject buffer"};
   }
   std::string text;
-  SetFeed(processor, tapout, true);
+  SetSource(processor, tapout, true);
   SetOutput(processor, inject, text);
   text += FormatText<128>("  Set %s input to %s\n", processor->id_text(), NameOf(tapout));
   text += FormatText<128>("  Set %s output to %s\n", processor->id_text(), NameOf(inject));
@@ -58,7 +58,7 @@ Outcome Wiring::ConnectInTurn(FourCc id, int tapout_number, int inject_number) {
 
 /// A processor is silent while it is connected.
 void Wiring::Restore(FourCc id) {
-  MutexLock turn(turns_);
+  MutexLock turn(operation_mutex_);
   const ProcessorPtr processor = inventory_.FindProcessor(id);
   if (!processor) return;
   const ConnectionState saved = saved_.FindConnection(id);
@@ -67,7 +67,7 @@ void Wiring::Restore(FourCc id) {
   processor->Enable(false);
   Report report;
   report.Begin(ConnectRequest(id, saved.tapout_buffer, saved.inject_buffer));
-  report.End("Connect", ConnectInTurn(id, saved.tapout_buffer, saved.inject_buffer));
+  report.End("Connect", ConnectLocked(id, saved.tapout_buffer, saved.inject_buffer));
   const bool back = report.ok() && (!was_enabled || processor->Enable(true) == 0);
   if (back) {
     to_enable_again_.erase(id);
@@ -77,7 +77,7 @@ void Wiring::Restore(FourCc id) {
 }
 
 std::optional<int32_t> Wiring::EnableProcessor(FourCc id, bool enable) {
-  MutexLock turn(turns_);
+  MutexLock turn(operation_mutex_);
   const ProcessorPtr processor = inventory_.FindProcessor(id);
   if (!processor) return std::nullopt;
   to_enable_again_.erase(id);
@@ -87,7 +87,7 @@ std::optional<int32_t> Wiring::EnableProcessor(FourCc id, bool enable) {
 bool Wiring::ReplaceProcessor(FourCc id, ProcessorPtr created, bool& replaced) {
   ProcessorPtr before;  // released when every lock is
   bool stored = false;
-  MutexLock turn(turns_);
+  MutexLock turn(operation_mutex_);
   to_enable_again_.erase(id);
   before = inventory_.ReplaceProcessor(id, std::move(created), stored);
   replaced = before != nullptr;
@@ -100,7 +100,7 @@ int32_t Wiring::SetRxFormat(const BufferPtr& tapout, const KvoxTapFormat& format
   LogInfo("%s %s set format sr:%u nch:%u Bps:%u noninterleaved:%u", NameOf(tapout), "SetRxFormat",
           format.sample_rate, format.channels, format.bytes_per_sample,
           format.noninterleaved_samples);
-  MutexLock turn(turns_);
+  MutexLock turn(operation_mutex_);
   tapout->SetRxFormat(format);
   for (const ProcessorPtr& processor : ReadersOf(*tapout)) {
     LogInfo("%s %s on processor %s", NameOf(tapout), "SetRxFormat", processor->id_text());
@@ -113,16 +113,16 @@ int32_t Wiring::SetRxFormat(const BufferPtr& tapout, const KvoxTapFormat& format
 }
 
 void Wiring::DumpBuffer(const BufferPtr& buffer) {
-  MutexLock turn(turns_);
+  MutexLock turn(operation_mutex_);
   const ProcessorPtr writer = WriterOf(*buffer);
-  buffer->DumpBuffer(writer ? EdgesOf(*writer).feed.get() : nullptr);
+  buffer->DumpBuffer(writer ? EdgesOf(*writer).source.get() : nullptr);
 }
 
 void Wiring::DropBuffer(const BufferPtr& buffer) {
   if (!buffer->Drop()) return;
   LogInfo("%s %s", NameOf(buffer), "UnregisterAllOutputs");
-  ChangeWhere([&](const Edges& edges) { return edges.feed == buffer; },
-              [](Edges& edges) { edges.feed = nullptr; });
+  ChangeWhere([&](const Edges& edges) { return edges.source == buffer; },
+              [](Edges& edges) { edges.source = nullptr; });
   LogInfo("%s %s", NameOf(buffer), "UnregisterInput");
   ChangeWhere([&](const Edges& edges) { return edges.output == buffer; },
               [](Edges& edges) { edges.output = nullptr; });
@@ -138,21 +138,21 @@ void Wiring::PortChanged(const KvoxBuffer& inject) {
 }
 
 /// The processor leaves the tap-out buffer it had before: no two I/O threads ever feed it.
-void Wiring::SetFeed(const ProcessorPtr& processor, const BufferPtr& tapout, bool shown) {
-  if (const BufferPtr before = EdgesOf(*processor).feed; before && before != tapout) {
+void Wiring::SetSource(const ProcessorPtr& processor, const BufferPtr& tapout, bool shown) {
+  if (const BufferPtr before = EdgesOf(*processor).source; before && before != tapout) {
     LogInfo("%s %s: %p", NameOf(before), "UnregisterOutput", AddressOf(processor));
-    ChangeOf(processor, [](Edges& edges) { edges.feed = nullptr; });
+    ChangeOf(processor, [](Edges& edges) { edges.source = nullptr; });
   }
   if (!tapout) return;
   LogInfo("%s %s %p", NameOf(tapout), "RegisterOutput", AddressOf(processor));
   ChangeOf(processor, [&](Edges& edges) {
-    edges.feed = tapout;
-    edges.feed_shown = shown;
+    edges.source = tapout;
+    edges.source_shown = shown;
   });
-  TellFormat(*processor, *tapout);
+  PropagateFormat(*processor, *tapout);
 }
 
-void Wiring::TellFormat(KvoxProcessor& processor, const KvoxBuffer& tapout) {
+void Wiring::PropagateFormat(KvoxProcessor& processor, const KvoxBuffer& tapout) {
   const KvoxTapFormat format = tapout.RxFormat();
   if (format.sample_rate == 0) return;
   LogInfo("%s %s set format sr:%u nch:%u bps:%u noninterleaved:%u", tapout.name().c_str(),
@@ -184,22 +184,22 @@ void Wiring::SetOutput(const ProcessorPtr& processor, const BufferPtr& inject, s
 
 void Wiring::Disconnect(const ProcessorPtr& processor) {
   std::string text;
-  SetFeed(processor, nullptr, false);
+  SetSource(processor, nullptr, false);
   SetOutput(processor, nullptr, text);
 }
 
 /// Collects the tap-out buffers whose routes change, and what has to be released without a lock.
-class Wiring::Republication {
+class Wiring::RouteUpdate {
  public:
   void Change(Edges& edges, const EdgesChange& change) {
     before_.push_back(edges);
     change(edges);
     // A buffer may have been dropped since it was looked up.
-    if (edges.feed && edges.feed->dropped()) edges.feed = nullptr;
+    if (edges.source && edges.source->dropped()) edges.source = nullptr;
     if (edges.output && edges.output->dropped()) edges.output = nullptr;
-    if (!edges.feed) edges.feed_shown = false;
-    for (const BufferPtr& feed : {before_.back().feed, edges.feed}) {
-      if (feed) tapouts_.insert(feed);
+    if (!edges.source) edges.source_shown = false;
+    for (const BufferPtr& source : {before_.back().source, edges.source}) {
+      if (source) tapouts_.insert(source);
     }
   }
   const std::set<BufferPtr>& tapouts() const { return tapouts_; }
@@ -213,38 +213,38 @@ class Wiring::Republication {
 };
 
 void Wiring::ChangeOf(const ProcessorPtr& processor, const EdgesChange& change) {
-  Republication republication;
+  RouteUpdate update;
   {
     MutexLock lock(edges_mutex_);
     Edges& edges = edges_[processor.get()];
     edges.processor = processor;
-    republication.Change(edges, change);
-    for (const BufferPtr& tapout : republication.tapouts()) Publish(tapout);
-    if (!edges.feed && !edges.output) edges_.erase(processor.get());
+    update.Change(edges, change);
+    for (const BufferPtr& tapout : update.tapouts()) Publish(tapout);
+    if (!edges.source && !edges.output) edges_.erase(processor.get());
   }
-  republication.WaitForGracePeriods();
+  update.WaitForGracePeriods();
 }
 
 void Wiring::ChangeWhere(const std::function<bool(const Edges&)>& concerned,
                          const EdgesChange& change) {
-  Republication republication;
+  RouteUpdate update;
   {
     MutexLock lock(edges_mutex_);
     for (auto& [address, edges] : edges_) {
-      if (concerned(edges)) republication.Change(edges, change);
+      if (concerned(edges)) update.Change(edges, change);
     }
-    for (const BufferPtr& tapout : republication.tapouts()) Publish(tapout);
+    for (const BufferPtr& tapout : update.tapouts()) Publish(tapout);
     std::erase_if(edges_, [](const auto& entry) {
-      return entry.second.feed == nullptr && entry.second.output == nullptr;
+      return entry.second.source == nullptr && entry.second.output == nullptr;
     });
   }
-  republication.WaitForGracePeriods();
+  update.WaitForGracePeriods();
 }
 
 void Wiring::Publish(const BufferPtr& tapout) {
   std::vector<Route> routes;
   for (const auto& [address, edges] : edges_) {
-    if (edges.feed != tapout) continue;
+    if (edges.source != tapout) continue;
     routes.push_back({.processor = edges.processor,
                       .state = edges.processor->block_state(),
                       .connected = edges.output != nullptr,
@@ -261,14 +261,14 @@ Wiring::Edges Wiring::EdgesOf(const KvoxProcessor& processor) const {
 
 Wiring::Ends Wiring::EndsOf(const KvoxProcessor& processor) const {
   const Edges edges = EdgesOf(processor);
-  return {.input = edges.feed_shown ? edges.feed : nullptr, .output = edges.output};
+  return {.input = edges.source_shown ? edges.source : nullptr, .output = edges.output};
 }
 
 std::vector<ProcessorPtr> Wiring::ReadersOf(const KvoxBuffer& tapout) const {
   MutexLock lock(edges_mutex_);
   std::vector<ProcessorPtr> readers;
   for (const auto& [address, edges] : edges_) {
-    if (edges.feed.get() == &tapout) readers.push_back(edges.processor);
+    if (edges.source.get() == &tapout) readers.push_back(edges.processor);
   }
   return readers;
 }
@@ -285,7 +285,7 @@ std::vector<BufferPtr> Wiring::WrittenBy(const KvoxBuffer& tapout) const {
   MutexLock lock(edges_mutex_);
   std::vector<BufferPtr> written;
   for (const auto& [address, edges] : edges_) {
-    if (edges.feed.get() == &tapout && edges.output) written.push_back(edges.output);
+    if (edges.source.get() == &tapout && edges.output) written.push_back(edges.output);
   }
   return written;
 }
@@ -293,7 +293,7 @@ std::vector<BufferPtr> Wiring::WrittenBy(const KvoxBuffer& tapout) const {
 unsigned Wiring::CountProcessors(const KvoxBuffer& buffer) {
   MutexLock lock(edges_mutex_);
   return static_cast<unsigned>(std::count_if(edges_.begin(), edges_.end(), [&](const auto& entry) {
-    return (buffer.is_tapout() ? entry.second.feed : entry.second.output).get() == &buffer;
+    return (buffer.is_tapout() ? entry.second.source : entry.second.output).get() == &buffer;
   }));
 }
 

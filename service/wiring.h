@@ -81,21 +81,23 @@ class Wiring : public BufferWiring {
 
  private:
   /// The buffers of one processor. A Connect that named an unknown inject buffer leaves a processor
-  /// that had no feed with one that is not shown as its input.
+  /// that had no source with one that is not shown as its input.
   struct Edges {
     ProcessorPtr processor;
-    BufferPtr feed = nullptr;
-    bool feed_shown = false;
+    BufferPtr source = nullptr;
+    bool source_shown = false;
     BufferPtr output = nullptr;
   };
   enum class Saving { kYes, kNo };
 
-  Outcome ConnectInTurn(FourCc id, int tapout, int inject) REQUIRES(turns_);
-  void SetFeed(const ProcessorPtr& processor, const BufferPtr& tapout, bool shown) REQUIRES(turns_);
+  Outcome ConnectLocked(FourCc id, int tapout, int inject) REQUIRES(operation_mutex_);
+  void SetSource(const ProcessorPtr& processor, const BufferPtr& tapout, bool shown)
+      REQUIRES(operation_mutex_);
   void SetOutput(const ProcessorPtr& processor, const BufferPtr& inject, std::string& text)
-      REQUIRES(turns_);
-  void TellFormat(KvoxProcessor& processor, const KvoxBuffer& tapout) REQUIRES(turns_);
-  void Disconnect(const ProcessorPtr& processor) REQUIRES(turns_);
+      REQUIRES(operation_mutex_);
+  void PropagateFormat(KvoxProcessor& processor, const KvoxBuffer& tapout)
+      REQUIRES(operation_mutex_);
+  void Disconnect(const ProcessorPtr& processor) REQUIRES(operation_mutex_);
 
   /// Changes the edges of one processor, or those for which `concerned` is true. Publishes the
   /// routes of every tap-out buffer that feeds these processors, before or after, and returns when
@@ -104,17 +106,17 @@ class Wiring : public BufferWiring {
   void ChangeOf(const ProcessorPtr& processor, const EdgesChange& change) EXCLUDES(edges_mutex_);
   void ChangeWhere(const std::function<bool(const Edges&)>& concerned, const EdgesChange& change)
       EXCLUDES(edges_mutex_);
-  class Republication;
+  class RouteUpdate;
   void Publish(const BufferPtr& tapout) REQUIRES(edges_mutex_);
   Edges EdgesOf(const KvoxProcessor& processor) const EXCLUDES(edges_mutex_);
 
   Inventory& inventory_;
   SavedState& saved_;
 
-  Mutex turns_ ACQUIRED_BEFORE(edges_mutex_);
+  Mutex operation_mutex_ ACQUIRED_BEFORE(edges_mutex_);
   /// Processors that a recovery left disabled because their buffers are not back. They stay noted
   /// through further departures: a client that has not disabled its processor wants its audio back.
-  std::set<FourCc> to_enable_again_ GUARDED_BY(turns_);
+  std::set<FourCc> to_enable_again_ GUARDED_BY(operation_mutex_);
 
   mutable Mutex edges_mutex_;  // before leaf locks only
   /// By address, which is the order in which a tap-out buffer's processors get its blocks.

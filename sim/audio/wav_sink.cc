@@ -36,10 +36,10 @@ class WavSink : public Sink {
       writer_->Write(interleaved_);
       return true;
     } catch (const SoundFileError& error) {
-      if (!told_) {
+      if (!reported_) {
         Print(stderr, "kvosim: sink {}; its packets are counted as sink_failed\n", error.what());
       }
-      told_ = true;
+      reported_ = true;
       return false;
     }
   }
@@ -48,7 +48,7 @@ class WavSink : public Sink {
   /// Throws, without a writer, when the format or the disk does not allow a file.
   void Begin() {
     writer_.reset();
-    told_ = false;
+    reported_ = false;
     std::filesystem::path path = path_;
     if (files_ > 0) {
       path.replace_filename(
@@ -60,7 +60,7 @@ class WavSink : public Sink {
 
   const std::filesystem::path path_;
   int files_ = 0;
-  bool told_ = false;
+  bool reported_ = false;
   std::optional<SoundFormat> format_;  // of the file, or of what could not be kept
   std::optional<SoundWriter> writer_;
   std::vector<std::byte> interleaved_;

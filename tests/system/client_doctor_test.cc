@@ -26,7 +26,7 @@ class ClientDoctorTest : public SystemTest {
     return findings;
   }
 
-  static std::string Told(const json& finding) {
+  static std::string TextOf(const json& finding) {
     return finding.value("verdict", "none") + ": " + finding.value("cause", "");
   }
 
@@ -46,9 +46,9 @@ TEST_F(ClientDoctorTest, HasNothingAgainstDaemonAndSimulator) {
     EXPECT_EQ(finding["verdict"], "ok") << finding;
   }
   const std::string pid = std::to_string(daemon_->pid());
-  EXPECT_THAT(Told(findings.at("daemon")), HasSubstr("process " + pid + " of user "));
-  EXPECT_THAT(Told(findings.at("realtime")), HasSubstr("kvoxd (process " + pid + ")"));
-  EXPECT_THAT(Told(findings.at("tapouts")), HasSubstr("8, user "));
+  EXPECT_THAT(TextOf(findings.at("daemon")), HasSubstr("process " + pid + " of user "));
+  EXPECT_THAT(TextOf(findings.at("realtime")), HasSubstr("kvoxd (process " + pid + ")"));
+  EXPECT_THAT(TextOf(findings.at("tapouts")), HasSubstr("8, user "));
   EXPECT_THAT(Do("doctor --short"), HasSubstr("ok\tinterface\tinterface IKvox\tversion 3 on"));
   EXPECT_THAT(Do("doctor --color always"), StartsWith("\x1b[32mok       \x1b[0mdevice directory "));
   EXPECT_EQ(CountOf("cut off", daemon_->Err()), 0) << "it is no nuisance";
@@ -62,16 +62,16 @@ TEST_F(ClientDoctorTest, FindsWhatIsBroken) {
   chmod((directory_ / "run").c_str(), 0777);
   chmod((directory_ / "run/kvox.IKvox:default.sock").c_str(), 0666);
   auto findings = Doctor("--captures " + (directory_ / "none").string());
-  EXPECT_THAT(Told(findings["control"]), "failed: is a regular file, not a device");
-  EXPECT_THAT(Told(findings["tapouts"]), StartsWith("failed: xdv-kvox_tapout0: is a regular"));
-  EXPECT_THAT(Told(findings["wakelock"]), StartsWith("warning: is not there: wake locks are"));
-  EXPECT_EQ(Told(findings["runtime"]), "failed: everybody may write to it, and kvoxd refuses it");
-  EXPECT_EQ(Told(findings["socket"]), "warning: every user may call the daemon");
-  EXPECT_EQ(Told(findings["captures"]), "warning: is not there");
+  EXPECT_THAT(TextOf(findings["control"]), "failed: is a regular file, not a device");
+  EXPECT_THAT(TextOf(findings["tapouts"]), StartsWith("failed: xdv-kvox_tapout0: is a regular"));
+  EXPECT_THAT(TextOf(findings["wakelock"]), StartsWith("warning: is not there: wake locks are"));
+  EXPECT_EQ(TextOf(findings["runtime"]), "failed: everybody may write to it, and kvoxd refuses it");
+  EXPECT_EQ(TextOf(findings["socket"]), "warning: every user may call the daemon");
+  EXPECT_EQ(TextOf(findings["captures"]), "warning: is not there");
 
   FreezeDaemon();
   findings = Doctor("--timeout 0.3");
-  EXPECT_THAT(Told(findings["daemon"]), HasSubstr("is stopped"));
+  EXPECT_THAT(TextOf(findings["daemon"]), HasSubstr("is stopped"));
   EXPECT_EQ(findings["daemon"]["fix"], "kill -CONT " + std::to_string(daemon_->pid()));
   EXPECT_EQ(findings.count("interface"), 0u);
 
@@ -87,10 +87,10 @@ TEST_F(ClientDoctorTest, WorksWithoutAnythingAndWaitsForNothing) {
   setenv("KVOX_DEV_DIR", "/nowhere/dev", 1);
   setenv("KVOX_RUNTIME_DIR", "/nowhere/run", 1);
   auto findings = Doctor();
-  EXPECT_EQ(Told(findings["devices"]), "failed: is not there");
-  EXPECT_EQ(Told(findings["runtime"]), "warning: is not there; kvoxd makes it");
-  EXPECT_THAT(Told(findings["realtime"]), HasSubstr("a kvoxd started here"));
-  EXPECT_EQ(Told(findings["daemon"]), "failed: kvox.IKvox/default is not in /nowhere/run");
+  EXPECT_EQ(TextOf(findings["devices"]), "failed: is not there");
+  EXPECT_EQ(TextOf(findings["runtime"]), "warning: is not there; kvoxd makes it");
+  EXPECT_THAT(TextOf(findings["realtime"]), HasSubstr("a kvoxd started here"));
+  EXPECT_EQ(TextOf(findings["daemon"]), "failed: kvox.IKvox/default is not in /nowhere/run");
 
   setenv("KVOX_RUNTIME_DIR", (directory_ / "run").c_str(), 1);
   MuteService service(directory_ / "run");
