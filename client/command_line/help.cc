@@ -36,7 +36,7 @@ std::string ExitSection(const std::vector<ExitRow>& exits) {
 }  // namespace
 
 std::string Shown(const Argument& argument) {
-  const std::string name = argument.name;
+  std::string name = argument.name;
   if (argument.arity == Arity::kOnce) return name;
   return "[" + name + (argument.arity == Arity::kAnyNumber ? "...]" : "]");
 }

@@ -84,7 +84,7 @@ class Row {
 
 /// Parses each line after the one that starts with `header`.
 template <typename T, typename Parse>
-TableReply<T> ParseTable(Lines lines, std::string_view header, Parse parse) {
+TableReply<T> ParseTable(Lines&& lines, std::string_view header, Parse parse) {
   TableReply<T> reply;
   bool in_table = false;
   for (const std::string& line : SplitLines(lines)) {
