@@ -30,7 +30,7 @@ void IoSwitch::Switch(bool enable, int tapout, Report& report) {
                                    enable ? "enable" : "disable", status);
     outcome.status = StatusCode::kError;
   }
-  for (const BufferPtr& buffer : switched) saved_.SaveRunning(*buffer, enable);
+  saved_.SaveRunning(switched, enable);
   if (!enable) ForgetAbsent(tapout);
   for (const BufferPtr& buffer : switched) SwitchAsSaved(*buffer);
   UpdateWakeLock(buffers.empty() ? nullptr : &report);

@@ -67,16 +67,19 @@ void SavedState::LimitConnections(const std::vector<ProcessorPtr>& existing) {
     return std::none_of(existing.begin(), existing.end(),
                         [&](const auto& processor) { return processor->id() == entry.first; });
   });
+  if (forgotten == 0) return;
   LogWarning("Forgot the connections of %zu deleted processors: %zu are remembered at most",
              forgotten, kMaxProcessors);
 }
 
-void SavedState::SaveRunning(const KvoxBuffer& buffer, bool running) {
+void SavedState::SaveRunning(const std::vector<BufferPtr>& buffers, bool running) {
   MutexLock lock(mutex_);
-  std::erase_if(tables_.running, [&](const auto& entry) { return entry.second.Is(buffer); });
-  if (!running) return;
-  tables_.running[buffer.name()] = {.number = static_cast<int32_t>(buffer.index()),
-                                    .tapout = buffer.is_tapout()};
+  for (const BufferPtr& buffer : buffers) {
+    std::erase_if(tables_.running, [&](const auto& entry) { return entry.second.Is(*buffer); });
+    if (!running) continue;
+    tables_.running[buffer->name()] = {.number = static_cast<int32_t>(buffer->index()),
+                                       .tapout = buffer->is_tapout()};
+  }
 }
 
 bool SavedState::IsRunning(const KvoxBuffer& buffer) const {

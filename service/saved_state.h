@@ -61,7 +61,8 @@ class SavedState {
   /// of processors other than `existing` are forgotten.
   void LimitConnections(const std::vector<ProcessorPtr>& existing);
 
-  void SaveRunning(const KvoxBuffer& buffer, bool running);
+  /// As one change: of two callers the last one's wish holds for every buffer.
+  void SaveRunning(const std::vector<BufferPtr>& buffers, bool running);
   bool IsRunning(const KvoxBuffer& buffer) const;
   std::optional<RunningBuffer> FindRunning(const std::string& name) const;
   /// Forgets running buffers for which `forget` is true.

@@ -39,6 +39,11 @@ int32_t TapPoints::Query(const TapArguments& tap, KvoxTapPointState& state) {
   return 0;
 }
 
+int32_t TapPoints::Info(const TapArguments& tap, KvoxTapPointState& state) {
+  MutexLock lock(service_mutex_);
+  return Query(tap, state);
+}
+
 /// Without the service mutex: a long list at a slow co-processor does not hold up other commands.
 int32_t TapPoints::List(int core, std::vector<KvoxTapPointState>& taps) {
   const auto deadline = std::chrono::steady_clock::now() + kListPatience;
@@ -105,14 +110,7 @@ void TapPoints::Bind(const TapArguments& tap, int tapout, int inject, Report& re
   Binding binding;
   {
     MutexLock lock(service_mutex_);
-    binding = SendBinding(tap, tapout, inject);
-    if (binding.accepted) {
-      saved_.ChangeTap(tap, [&](KvoxTapPointState& state) {
-        state.info.tapout_buffer = static_cast<uint8_t>(tapout);
-        state.info.inject_buffer = static_cast<uint8_t>(inject);
-      });
-      saved_.ForgetTapIfIdle(tap);
-    }
+    binding = SendBinding(tap, tapout, inject, Saving::kYes);
   }
   FinishBinding(std::move(binding), report);
 }
@@ -143,7 +141,16 @@ Outcome TapPoints::SendJitterBuffer(const TapArguments& tap, uint32_t size) {
       link_.SendKvoxCommand(CMD_KVOX_TAP_SET_JITTER_BUFFER_ID, &record.header, sizeof record));
 }
 
-TapPoints::Binding TapPoints::SendBinding(const TapArguments& tap, int tapout, int inject) {
+void TapPoints::SaveBinding(const TapArguments& tap, int tapout, int inject) {
+  saved_.ChangeTap(tap, [&](KvoxTapPointState& state) {
+    state.info.tapout_buffer = static_cast<uint8_t>(tapout);
+    state.info.inject_buffer = static_cast<uint8_t>(inject);
+  });
+  saved_.ForgetTapIfIdle(tap);
+}
+
+TapPoints::Binding TapPoints::SendBinding(const TapArguments& tap, int tapout, int inject,
+                                          Saving saving) {
   Binding binding;
   const auto fail = [&](std::string text) {
     binding.outcome = {StatusCode::kError, std::move(text)};
@@ -161,8 +168,9 @@ TapPoints::Binding TapPoints::SendBinding(const TapArguments& tap, int tapout, i
   binding.outcome =
       OutcomeOf("CMD_KVOX_TAP_BIND_ID",
                 link_.SendKvoxCommand(CMD_KVOX_TAP_BIND_ID, &record.header, sizeof record));
-  binding.accepted = binding.outcome.status == StatusCode::kOk;
-  if (!binding.accepted || tapout < 0) return binding;
+  if (binding.outcome.status != StatusCode::kOk) return binding;
+  if (saving == Saving::kYes) SaveBinding(tap, tapout, inject);
+  if (tapout < 0) return binding;
   KvoxTapPointState state;
   if (Query(tap, state) != 0) return fail(kFormatError);
   binding.tapout = source;
@@ -190,7 +198,7 @@ bool TapPoints::Restore(TapKey key, const std::function<bool()>& stopping) {
     const int tapout = BufferNumber(saved->info.tapout_buffer);
     const int inject = BufferNumber(saved->info.inject_buffer);
     report.Begin(BindingRequest(saved->Arguments(), tapout, inject));
-    binding = SendBinding(saved->Arguments(), tapout, inject);
+    binding = SendBinding(saved->Arguments(), tapout, inject, Saving::kNo);
   }
   FinishBinding(std::move(binding), report);
   if (!report.ok() || stopping()) return false;

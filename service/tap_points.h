@@ -30,7 +30,7 @@ class TapPoints {
   int32_t List(int core, std::vector<KvoxTapPointState>& taps);
 
   /// Returns 0, or the status of the exchange after logging it.
-  int32_t Query(const TapArguments& tap, KvoxTapPointState& state);
+  int32_t Info(const TapArguments& tap, KvoxTapPointState& state);
 
   // Commands, from the request's line to the outcome.
 
@@ -47,16 +47,19 @@ class TapPoints {
  private:
   /// A binding under way.
   struct Binding {
-    bool accepted = false;  // by the co-processor
     Outcome outcome = {};
     BufferPtr tapout = nullptr;  // gets the format; null when there is none to pass on
     KvoxTapFormat format = {};
   };
 
+  int32_t Query(const TapArguments& tap, KvoxTapPointState& state);
   Outcome SendEnable(const TapArguments& tap, bool enable) REQUIRES(service_mutex_);
   Outcome SendBlockLength(const TapArguments& tap, uint32_t frames) REQUIRES(service_mutex_);
   Outcome SendJitterBuffer(const TapArguments& tap, uint32_t size) REQUIRES(service_mutex_);
-  Binding SendBinding(const TapArguments& tap, int tapout, int inject) REQUIRES(service_mutex_);
+  enum class Saving { kYes, kNo };
+  Binding SendBinding(const TapArguments& tap, int tapout, int inject, Saving saving)
+      REQUIRES(service_mutex_);
+  void SaveBinding(const TapArguments& tap, int tapout, int inject) REQUIRES(service_mutex_);
   void FinishBinding(Binding binding, Report& report) EXCLUDES(service_mutex_);
   bool RestoreSettings(const KvoxTapPointState& saved) REQUIRES(service_mutex_);
 

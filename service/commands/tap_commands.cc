@@ -56,7 +56,7 @@ KvoxService::Status KvoxService::TapInfo(int32_t core, int32_t tap, int32_t inde
     report.Begin(TapInfoRequest(arguments));
     Outcome outcome;
     KvoxTapPointState state;
-    if (taps_.Query(arguments, state) == 0) {
+    if (taps_.Info(arguments, state) == 0) {
       AppendRow(state, inventory_, outcome.text);
     } else {
       outcome.status = StatusCode::kError;
