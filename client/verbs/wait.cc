@@ -52,7 +52,8 @@ int WaitFor(const Context& context, const std::string& what, Check check) {
 }
 
 int ForDaemon(const Context& context) {
-  return WaitFor(context, "an answer of kvoxd", [&] { context.daemon.Ping(); });
+  const auto ping = [](IKvox& kvox) { return kvox.Ping(); };
+  return WaitFor(context, "an answer of kvoxd", [&] { context.daemon.Run("Ping", ping); });
 }
 
 int ForBuffer(const Context& context) {

@@ -80,7 +80,7 @@ bool HasIntegers(int subtype) {
 }
 
 [[noreturn]] void Fail(const std::string& path, const std::string& problem) {
-  throw SoundFileError(path + " " + problem);
+  throw SoundFileError("'" + path + "' " + problem);
 }
 
 /// "cannot be read (cause)"
@@ -88,12 +88,17 @@ bool HasIntegers(int subtype) {
   Fail(path, std::string(problem) + " (" + cause + ")");
 }
 
-/// Opens regular files only, and never blocks.
-int OpenRegular(const std::string& path, int flags) {
+/// Opens without blocking: regular files, and pipes where they are wanted.
+int Open(const std::string& path, int flags, SoundReader::Kind kind) {
   const int fd = open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, 0644);
   if (fd < 0) Fail(path, "cannot be opened", ErrorText(errno).c_str());
   struct stat status {};
-  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) return fd;
+  fstat(fd, &status);
+  if (S_ISREG(status.st_mode)) return fd;
+  if (S_ISFIFO(status.st_mode) && kind == SoundReader::Kind::kAlsoPipes) {
+    fcntl(fd, F_SETFL, 0);  // its writer may take its time
+    return fd;
+  }
   close(fd);
   Fail(path, "is not a regular file");
 }
@@ -123,7 +128,7 @@ SoundWriter::SoundWriter(const std::string& path, const SoundFormat& format) : p
   const int subtype = SubtypeOf(format);
   if (subtype == 0 || format.channels == 0) Fail(path, "cannot hold " + Describe(format));
   const Library& library = Sndfile();
-  const int fd = OpenRegular(path, O_RDWR | O_CREAT);
+  const int fd = Open(path, O_RDWR | O_CREAT, SoundReader::Kind::kFile);
   SF_INFO info{};
   info.samplerate = static_cast<int>(format.sample_rate);
   info.channels = static_cast<int>(format.channels);
@@ -139,12 +144,12 @@ void SoundWriter::Write(std::span<const std::byte> frames) {
   Fail(path_, "cannot be written", Sndfile().strerror(file_.get()));
 }
 
-SoundReader::SoundReader(const std::string& path) : path_(path) {
+SoundReader::SoundReader(const std::string& path, Kind kind) : path_(path) {
   const Library& library = Sndfile();
   SF_INFO info{};
-  file_.reset(library.open_fd(OpenRegular(path, O_RDONLY), SFM_READ, &info, SF_TRUE));
-  if (!file_) Fail(path, "cannot be read", library.strerror(nullptr));
-  if (info.seekable == 0) Fail(path, "cannot be read from any place");
+  file_.reset(library.open_fd(Open(path, O_RDONLY, kind), SFM_READ, &info, SF_TRUE));
+  if (!file_) Fail(path, "cannot be read as audio", library.strerror(nullptr));
+  if (info.seekable == 0 && kind == Kind::kFile) Fail(path, "cannot be read from any place");
   subtype_ = info.format & SF_FORMAT_SUBMASK;
   sample_rate_ = static_cast<uint32_t>(info.samplerate);
   channels_ = static_cast<uint32_t>(info.channels);

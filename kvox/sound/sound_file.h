@@ -55,11 +55,16 @@ class SoundWriter {
   SoundFileHandle file_;
 };
 
-/// A regular file of any format that libsndfile reads. One thread at a time.
+/// Audio in any format that libsndfile reads. One thread at a time.
 class SoundReader {
  public:
+  enum class Kind {
+    kFile,       // a regular one, readable from any frame
+    kAlsoPipes,  // which can be read once, from their begin
+  };
+
   /// Throws SoundFileError.
-  explicit SoundReader(const std::string& path);
+  explicit SoundReader(const std::string& path, Kind kind = Kind::kFile);
 
   uint32_t sample_rate() const { return sample_rate_; }
   uint32_t channels() const { return channels_; }

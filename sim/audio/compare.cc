@@ -22,7 +22,7 @@ class FrameReader {
  public:
   /// Throws SoundFileError.
   explicit FrameReader(const std::filesystem::path& path)
-      : name_(path.string()), reader_(path.string()) {}
+      : name_(path.string()), reader_(path.string(), SoundReader::Kind::kAlsoPipes) {}
 
   const std::string& name() const { return name_; }
   int64_t frames() const { return static_cast<int64_t>(reader_.frame_count()); }
@@ -114,7 +114,7 @@ int CompareFiles(const std::filesystem::path& source_path,
   recorded.Seek(offset);
   return CompareFrames(source, recorded, frames, offset);
 } catch (const SoundFileError& error) {
-  Print(stderr, "kvosim compare: {}; expected a readable sound file\n", error.what());
+  Print(stderr, "kvosim compare: {}; expected a readable sound file, such as WAV\n", error.what());
   return 2;
 }
 

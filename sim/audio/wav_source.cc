@@ -82,16 +82,16 @@ std::unique_ptr<Source> MakeWavSource(const TapConfig& tap, std::string& error) 
   try {
     SoundReader reader(path);
     if (reader.sample_rate() != tap.format.sample_rate) {
-      problem = fmt::format("{} has {} Hz; expected {} Hz, the tap's rate", path,
+      problem = fmt::format("'{}' has {} Hz; expected {} Hz, the tap's rate", path,
                             reader.sample_rate(), tap.format.sample_rate);
     } else if (reader.channels() != 1 && reader.channels() != tap.format.channels) {
-      problem = fmt::format("{} has {} channels; expected {}, as the tap, or 1", path,
+      problem = fmt::format("'{}' has {} channels; expected {}, as the tap, or 1", path,
                             reader.channels(), tap.format.channels);
     } else {
       return std::make_unique<WavSource>(std::move(reader), tap);
     }
   } catch (const SoundFileError& refusal) {
-    problem = fmt::format("{}; expected a readable sound file", refusal.what());
+    problem = fmt::format("{}; expected a readable sound file, such as WAV", refusal.what());
   }
   error = fmt::format("{}: {}", tap.source.where, problem);
   return nullptr;

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -82,6 +83,9 @@ TEST_F(ProgramTest, AudioThatIsEchoedComesBackExact) {
   EXPECT_EQ(Run({"compare", "--skip-silence", source, recorded}), 0);
   EXPECT_THAT(out_, StartsWith("yes: 9600 of 48000 frames of "));
   EXPECT_EQ(Run({"compare", source, directory_ / "none.wav"}), 2);
+  const std::string piped =
+      "cat " + source + " | " KVOSIM_PROGRAM " compare /dev/stdin " + source + " >/dev/null";
+  EXPECT_EQ(std::system(piped.c_str()), 0);
 }
 
 TEST_F(ProgramTest, LeftOversAreReplacedButNothingElse) {

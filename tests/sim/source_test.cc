@@ -90,7 +90,7 @@ TEST_F(WavSourceTest, EndsInSilenceOrBeginsAnew) {
 }
 
 TEST_F(WavSourceTest, FilesThatDoNotFitAreRefused) {
-  const std::string head = "s.toml:3: k: " + file_.string();
+  const std::string head = "s.toml:3: k: '" + file_.string() + "'";
   EXPECT_EQ(Open(kInt16Mono), nullptr);
   EXPECT_EQ(error_.find(head + " cannot be opened (No such"), 0u);
   WriteWav(file_, SF_FORMAT_PCM_16, 3, std::vector<int16_t>(6));

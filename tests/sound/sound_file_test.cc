@@ -120,7 +120,7 @@ TEST_F(SoundFileTest, WhatCannotBeIsNamed) {
     return "";
   };
   EXPECT_THAT(refusal([&] { Read("slow.wav", stereo, 4); }),
-              HasSubstr("slow.wav has 16000 Hz and 1 channels; expected 48000 Hz, 2 channels, "
+              HasSubstr("slow.wav' has 16000 Hz and 1 channels; expected 48000 Hz, 2 channels, "
                         "int16; convert it first"));
   EXPECT_THAT(refusal([&] { SoundReader(directory_ / "fifo"); }), HasSubstr("not a regular file"));
   EXPECT_THAT(refusal([&] { SoundReader(directory_ / "none.wav"); }), HasSubstr("No such file"));
