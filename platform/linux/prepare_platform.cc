@@ -1,5 +1,5 @@
-// A host program's libraries, set up before it starts. A file of its own: only a program that calls
-// PreparePlatform() needs the log library.
+// Sets up a host program's libraries. A separate file, so that only programs that call
+// PreparePlatform() need the log library.
 #include <android/log.h>
 #include <event2/thread.h>
 #include <log/logprint.h>
