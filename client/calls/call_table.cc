@@ -23,7 +23,7 @@ namespace {
 using Status = ndk::ScopedAStatus;
 using Words = std::vector<std::string>;
 
-/// A packet has to fit into one transaction with everything around it.
+/// A packet and its envelope must fit into one transaction.
 constexpr size_t kMaxData = (1u << 20) - 1024;
 
 constexpr float kLongestStay = 366.0f * 24 * 3600;

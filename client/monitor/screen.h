@@ -1,4 +1,4 @@
-// The terminal, taken over for a full-screen view and restored afterwards.
+// The terminal in full-screen mode, restored afterwards.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// What verbs print: for people, for scripts that read JSON, for scripts that read columns.
+// Output of verbs: text for people, JSON or columns for scripts.
 #pragma once
 
 #include <nlohmann/json.hpp>

@@ -58,7 +58,7 @@ int No(const std::string& reason) {
   return 1;
 }
 
-/// Compares up to `frames` frames from where both readers stand.
+/// Compares up to `frames` frames from both readers' positions.
 int CompareFrames(FrameReader& source, FrameReader& recorded, int64_t frames, int64_t offset) {
   int64_t compared = 0;
   while (compared < frames) {

@@ -8,7 +8,7 @@
 namespace kvox::sim {
 namespace {
 
-/// What a reply's status says.
+/// The status of a reply.
 enum class Status : int16_t {
   kOk = 0,
   kNoTap = -2,      // no such tap on that core
