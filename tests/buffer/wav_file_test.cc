@@ -26,7 +26,7 @@ class WavFileTest : public ::testing::Test {
     wav_.emplace("tapout0", std::make_unique<RecordedFile>(file_));
     log_.Take();
   }
-  /// What stands behind the header.
+  /// The bytes after the header.
   std::string Data() const { return file_.text.substr(44); }
 
   LogCapture log_;

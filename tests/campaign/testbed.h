@@ -58,7 +58,7 @@ class Testbed {
   std::optional<Ms> AwaitAudio(const AudioCheck& audio, const StreamList& streams, Ms limit,
                                const std::string& when);
 
-  /// Compares what was acknowledged with what is. The clients are paused.
+  /// Compares what was acknowledged with the actual state. The clients are paused.
   bool CheckGraph();
 
   /// A fault of the simulator after which all devices are new, up to exact audio and an idle

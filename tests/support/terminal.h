@@ -1,4 +1,4 @@
-// A program on a terminal of its own, as a shell's foreground job, so that it can be stopped.
+// A program on its own pseudo-terminal, as a shell's foreground job, so that it can be stopped.
 #pragma once
 
 #include <poll.h>
