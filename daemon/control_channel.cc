@@ -22,7 +22,7 @@ constexpr int kOpenTests = 5;
 constexpr auto kOpenPause = std::chrono::milliseconds(100);
 constexpr auto kReplyBudget = std::chrono::milliseconds(500);
 
-/// The rest of a record that has begun follows at once or never.
+/// The rest of a partial record follows at once or never.
 constexpr auto kPartialPatience = std::chrono::milliseconds(20);
 
 /// The pause grows by this after each consecutive read with only stale records: a device that

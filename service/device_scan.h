@@ -15,7 +15,7 @@ struct DataDevice {
 };
 
 /// The number of a data device, from the rest of its name: decimal digits at the front, above 0, or
-/// exactly "0". Other names are no data devices.
+/// exactly "0". Other names are not data devices.
 std::optional<int> DeviceNumber(std::string_view rest);
 
 struct DeviceScan {

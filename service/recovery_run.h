@@ -66,7 +66,7 @@ class RecoveryRun {
   virtual void RequestStop() = 0;
 };
 
-/// Runs the body on a thread of its own, which the destructor joins.
+/// Runs the body on its own thread, which the destructor joins.
 class RecoveryThread : public RecoveryRun, private RecoveryClock {
  public:
   /// Null, after a log line with the cause, when the system has no thread to give.

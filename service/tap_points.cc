@@ -39,7 +39,7 @@ int32_t TapPoints::Query(const TapArguments& tap, KvoxTapPointState& state) {
   return 0;
 }
 
-/// Without the service mutex: a long list from a slow co-processor does not delay other commands.
+/// Without the service mutex: a long list at a slow co-processor does not hold up other commands.
 int32_t TapPoints::List(int core, std::vector<KvoxTapPointState>& taps) {
   const auto deadline = std::chrono::steady_clock::now() + kListPatience;
   for (int page = 0; page < kMaxListPages; ++page) {

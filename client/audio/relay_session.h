@@ -71,7 +71,7 @@ struct SessionStats {
 };
 
 /// Prints "recorded 12.300 s in 123 blocks, 0 missed", or the same as a JSON object. Returns the
-/// exit status for a session that ended with `end`. Throws Failure when the daemon has gone away.
+/// exit status for a session that ended with `end`. Throws Failure when the daemon went away.
 ExitStatus Finish(const char* verb, ExitStatus end, const SessionStats& stats, bool json);
 
 /// "0:12.3  3 missed" on a terminal, over itself; nothing elsewhere. Main thread.

@@ -80,7 +80,7 @@ class TableReader {
     if (Find(key) != nullptr) Read(key, value.emplace(), range...);
   }
 
-  /// A file name, as a path from the document's directory; `where` is told for later messages.
+  /// A file name, as a path from the document's directory; `where` is set for later messages.
   void ReadFile(std::string_view key, std::filesystem::path& file, std::string& where) {
     const toml::node& node = Require(key, "a file name");
     const std::string text = Text(node, key, "a file name");

@@ -94,7 +94,7 @@ bool Channel::UpdateReadingLocked() {
   if (wanted == std::exchange(reading_, wanted)) return wanted;
   if (wanted) {
     bufferevent_enable(stream_, EV_READ);
-    // The buffer may hold whole frames already, for which there is no other event.
+    // The buffer may already contain whole frames, for which no other event comes.
     bufferevent_trigger(stream_, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);
   } else {
     bufferevent_disable(stream_, EV_READ);

@@ -34,7 +34,7 @@ void FilterLog() {
 
 void PreparePlatform() {
   mallopt(M_MMAP_THRESHOLD, binder::kMmapBytes);
-  // The binder's event loop needs it; the program must not create an event loop of its own before.
+  // The binder's event loop needs it; the program must not create its own event loop before.
   evthread_use_pthreads();
   FilterLog();
 }

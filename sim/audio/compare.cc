@@ -17,7 +17,7 @@ namespace {
 
 constexpr int64_t kChunkFrames = 16384;
 
-/// Samples as doubles, in which every integer and float encoding has a value of its own.
+/// Samples as doubles, which represent every integer and float encoding exactly.
 class FrameReader {
  public:
   /// Throws SoundFileError.

@@ -137,7 +137,7 @@ constexpr Row kRows[] = {
 };
 #undef KVOX_ROW
 
-/// Null for codes that are no command.
+/// Null for unknown opcodes.
 const Row* FindRow(uint16_t opcode) {
   const auto* row = std::ranges::find(kRows, opcode, &Row::opcode);
   return row == std::end(kRows) ? nullptr : row;

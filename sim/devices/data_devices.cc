@@ -40,7 +40,7 @@ void TapOutDevice::Run() {
   Watch();
 }
 
-/// The pipe takes bytes again, or its reader has gone. A hang-up is handled in Run(), which does
+/// The pipe takes bytes again, or its reader is gone. A hang-up is handled in Run(), which does
 /// not run inside of the events that are deleted with the pipe.
 void TapOutDevice::OnPipe() {
   if (writer_.HasReader() && writer_.Flush() != PacketPort::Result::kNoReader) return Watch();

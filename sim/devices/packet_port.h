@@ -48,7 +48,7 @@ class FifoWriter : public PacketPort {
   /// -1 while closed.
   int fd() const { return fd_.get(); }
   bool has_rest() const { return !rest_.empty(); }
-  /// The reader has gone; to be closed.
+  /// The reader is gone; to be closed.
   bool hung_up() const { return hung_up_; }
   void Close();
   /// While it is disabled it does not open.

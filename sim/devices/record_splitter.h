@@ -21,7 +21,7 @@ class RecordSplitter {
   explicit RecordSplitter(Callback on_record) : on_record_(std::move(on_record)) {}
 
   void Feed(std::span<const std::byte> bytes);
-  /// True while a record has begun but not ended.
+  /// True while a record is incomplete.
   bool partial() const { return !buffer_.empty(); }
   /// The rest of a record did not follow in time, so its first byte did not begin one: finds the
   /// records after that byte, and counts everything else as junk.

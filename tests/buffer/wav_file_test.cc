@@ -95,7 +95,7 @@ TEST_F(WavFileTest, AFailedWriteEndsItAsItStands) {
     int result;
   } rows[] = {
       {{-1}, "", -1},
-      {{40, 4, 1, 7, 3, -1}, std::string(44, '\0') + "LLRRllrrLLR", -1},  // short ones go on
+      {{40, 4, 1, 7, 3, -1}, std::string(44, '\0') + "LLRRllrrLLR", -1},  // short ones continue
       {{44, 8, 0}, std::string(44, '\0') + "LLRRllrr", 0},
   };
   for (const auto& row : rows) {

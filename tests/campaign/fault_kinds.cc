@@ -142,7 +142,7 @@ Injection PacketBurst(RandomSource& random, const std::string& name) {
   return SpoilSome(random, fmt::format("{} packets={}", name, 2 + random.Below(5)), 1);
 }
 
-/// Also sizes that are no multiple of the 8 bytes in which devices deliver.
+/// Also sizes that are not a multiple of the 8 bytes in which devices deliver.
 Injection PacketJunk(RandomSource& random, const std::string& name) {
   return SpoilPackets(random, fmt::format("{} bytes={}", name, 1 + random.Below(4096)));
 }

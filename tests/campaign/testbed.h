@@ -24,7 +24,7 @@ inline constexpr Ms kRestoreStep{200};
 inline constexpr Ms kUnansweredStep{700};
 
 /// One thread. Where a function returns false or none, something is wrong and has been added to the
-/// run's failures. All throw SimError when the simulator has gone.
+/// run's failures. All throw SimError when the simulator is gone.
 class Testbed {
  public:
   /// Sets the graph up and starts the clients, paused. Throws std::runtime_error.

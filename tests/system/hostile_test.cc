@@ -295,7 +295,7 @@ TEST_F(AccessTest, ADirectoryThatSomebodyElseRulesIsRefused) {
   StartDaemon();
 }
 
-/// The callback of a relay that runs: the others' audio goes on, threads are bounded, and all end
+/// The callback of a running relay: the others' audio continues, threads are bounded, and all end
 /// with the clients.
 TEST_F(HostileTest, CallbacksThatNeverReturnHoldUpNeitherAudioNorCommands) {
   StartSimulator();
