@@ -29,28 +29,30 @@ if(KVOX_SANITIZE)
   target_link_options(kvox_build INTERFACE -fsanitize=${KVOX_SANITIZE})
 endif()
 if(KVOX_LTO)
-  # Optimises the packet path across files; other programs that link the same libraries skip the cost.
+  # Optimises the packet path across files; other programs that link the same libraries skip the
+  # cost.
   target_link_options(kvox_build INTERFACE
     $<IF:$<BOOL:$<TARGET_PROPERTY:KVOX_LTO_LINK>>,-flto=auto,-fno-lto>)
 endif()
 if(KVOX_COVERAGE)
-  # %c maps the counters into the file, so they survive even SIGKILL. %m is one file per program, shared
-  # by all its processes. The path is built in because programs run in private directories and
-  # environments.
+  # %c maps the counters into the file, so they survive even SIGKILL. %m is one file per program,
+  # shared by all its processes. The path is built in because programs run in private directories
+  # and environments.
   set(counting "-fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%m%c.profraw")
   target_compile_options(kvox_build INTERFACE
     ${counting} -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(kvox_build INTERFACE ${counting})
 endif()
 if(KVOX_FUZZ)
-  # Only the code under test gives feedback; instrumenting the targets themselves would only cost time.
+  # Only the code under test gives feedback; instrumenting the targets themselves would only cost
+  # time.
   target_compile_options(kvox_build INTERFACE
     $<$<NOT:$<BOOL:$<TARGET_PROPERTY:KVOX_FUZZER>>>:-fsanitize=fuzzer-no-link>)
 endif()
 
-# Reading standard headers takes as long as compiling most of our files. This hides missing includes; the
-# lint, which does not precompile, finds them. Not with gcc 12, which has false warnings in precompiled
-# headers.
+# Reading standard headers takes as long as compiling most of our files. This hides missing
+# includes; the lint, which does not precompile, finds them. Not with gcc 12, which has false
+# warnings in precompiled headers.
 file(WRITE "${PROJECT_BINARY_DIR}/precompiled.cc" "")
 if(KVOX_PRECOMPILE AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
   add_library(kvox_precompiled OBJECT EXCLUDE_FROM_ALL "${PROJECT_BINARY_DIR}/precompiled.cc")
@@ -93,7 +95,8 @@ if(KVOX_SANITIZE STREQUAL "thread")
   set(KVOX_TEST_ENVIRONMENT ENVIRONMENT "TSAN_OPTIONS=atexit_sleep_ms=50")
 endif()
 
-# kvox_test(NAME SOURCES... [LINK targets...]): a GoogleTest program; each of its tests is a CTest test.
+# kvox_test(NAME SOURCES... [LINK targets...]): a GoogleTest program; each of its tests is a CTest
+# test.
 function(kvox_test name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
@@ -113,8 +116,8 @@ add_library(android_log INTERFACE)
 target_include_directories(android_log SYSTEM INTERFACE "${KVOX_LIBLOG_INCLUDE}")
 target_link_libraries(android_log INTERFACE "${KVOX_LIBLOG}")
 
-# libevent, statically: kvoxctl runs for a millisecond, and loading shared libraries would take a third
-# of that.
+# libevent, statically: kvoxctl runs for a millisecond, and loading shared libraries would take a
+# third of that.
 find_library(KVOX_EVENT_CORE libevent_core.a REQUIRED)
 find_library(KVOX_EVENT_PTHREADS libevent_pthreads.a REQUIRED)
 add_library(kvox_event INTERFACE)

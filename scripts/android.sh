@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Usage: scripts/android.sh
 #
-# Checks the Android side as far as a host can: daemon, client and the device's test compile with only
-# the headers a phone has (stand-ins for binder and wake locks, Android's log and C++ library), the
-# policy compiles, and manifest and matrix are well-formed.
+# Checks the Android side as far as a host can: daemon, client and the device's test compile with
+# only the headers a phone has (stand-ins for binder and wake locks, Android's log and C++ library),
+# the policy compiles, and manifest and matrix are well-formed.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 failed=0

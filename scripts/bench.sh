@@ -2,9 +2,9 @@
 # Usage: ./dev bench [--quick] [--only GROUP] [--json FILE]
 #
 # Compares kvoxd with minimal programs that do the same work, alternating in one run: packets with a
-# bare relay, calls with a bare socket, kvoxctl with an empty process. Also measures the CPU use of the
-# idle daemon and of kvoxctl top, and single steps. Prints targets next to results. A missed target is
-# not a failure; a lost or wrong packet or call is.
+# bare relay, calls with a bare socket, kvoxctl with an empty process. Also measures the CPU use of
+# the idle daemon and of kvoxctl top, and single steps. Prints targets next to results. A missed
+# target is not a failure; a lost or wrong packet or call is.
 #
 #   --quick       well under a minute; otherwise about two
 #   --only GROUP  one of ping-pong, paced, calls, client, idle, top, micro

@@ -2,8 +2,8 @@
 # shellcheck shell=bash
 set -euo pipefail
 
-# parse_options "$@", with the known options in the array `options`: sets `chosen` and `words`. Prints
-# the script's header comment for --help, and refuses unknown options.
+# parse_options "$@", with the known options in the array `options`: sets `chosen` and `words`.
+# Prints the script's header comment for --help, and refuses unknown options.
 parse_options() {
   chosen=" "
   words=()
@@ -37,7 +37,8 @@ refuse_words() {
   fi
 }
 
-# missing_packages GROUP...: packages of these groups in scripts/packages.txt that are not installed.
+# missing_packages GROUP...: packages of these groups in scripts/packages.txt that are not
+# installed.
 missing_packages() {
   local package
   awk -v groups=" $* " '!/^#/ && index(groups, " " $1 " ") { print $2 }' scripts/packages.txt |

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Usage: ./dev coverage [--report]
 #
-# Builds programs and tests with coverage, runs the whole suite, and prints the line coverage of each
-# folder, the files with the most uncovered lines, and the total. Fails if a test fails, or if less than
-# 85 % of all lines ran.
+# Builds programs and tests with coverage, runs the whole suite, and prints the line coverage of
+# each folder, the files with the most uncovered lines, and the total. Fails if a test fails, or if
+# less than 85 % of all lines ran.
 #
 #   --report  print the result of the last run again
 #

@@ -2,10 +2,10 @@
 # Usage: ./dev demo
 #
 # Plays a speech recording into a tap point of the simulated co-processor, through kvoxd and a
-# passthrough processor, and back into the co-processor. Then makes a phone call: one client plays into
-# the uplink while another records the downlink. Compares every recording with what was played, sample
-# for sample. Needs neither root nor devices: everything runs in private directories. The recordings
-# stay in build/demo.
+# passthrough processor, and back into the co-processor. Then makes a phone call: one client plays
+# into the uplink while another records the downlink. Compares every recording with what was played,
+# sample for sample. Needs neither root nor devices: everything runs in private directories. The
+# recordings stay in build/demo.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=()

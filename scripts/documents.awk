@@ -1,5 +1,5 @@
-# Compares docs/troubleshooting.md with the log lines of the sources. The input is the sources, then the
-# document, whose lines are the quotes in the first column of its tables.
+# Compares docs/troubleshooting.md with the log lines of the sources. The input is the sources, then
+# the document, whose lines are the quotes in the first column of its tables.
 #
 # - Every fixed part of a line of the document, between two "…", must be in a source.
 # - Every warning and error with a literal text in a source must be a line of the document.

@@ -3,8 +3,8 @@
 #                     [--preset PRESET]
 #
 # Injects faults into a simulated co-processor while audio flows through kvoxd and clients send
-# commands. After each fault the daemon must recover fully. docs/testing.md lists the faults and what
-# is checked. If the daemon fails, the exit status is 1 and the logs are kept in build/faults.
+# commands. After each fault the daemon must recover fully. docs/testing.md lists the faults and
+# what is checked. If the daemon fails, the exit status is 1 and the logs are kept in build/faults.
 #
 #   --quick          under a minute, without the slow kinds
 #   --seed N         determines what happens (random)

@@ -2,10 +2,10 @@
 # Usage: ./dev fuzz [TARGET] [SECONDS]
 #        ./dev fuzz --check
 #
-# Builds and runs the fuzz targets (libFuzzer with AddressSanitizer and UBSan): all of them or TARGET,
-# for SECONDS (60) each. They start from fuzz/corpus and from inputs of earlier runs, kept in
-# build/fuzz/found. A finding ends the target's run; its cause, its input and the command to replay it
-# are printed.
+# Builds and runs the fuzz targets (libFuzzer with AddressSanitizer and UBSan): all of them or
+# TARGET, for SECONDS (60) each. They start from fuzz/corpus and from inputs of earlier runs, kept
+# in build/fuzz/found. A finding ends the target's run; its cause, its input and the command to
+# replay it are printed.
 #
 #   --check  the corpus and a fixed number of inputs made from it, the same every time; part of
 #            `./dev test --all`

@@ -1,5 +1,5 @@
-# Checks includes against two tables, the first two files: ours, quoted, against scripts/includes.txt;
-# third-party ones, in angle brackets, against scripts/includes_of_others.txt.
+# Checks includes against two tables, the first two files: ours, quoted, against
+# scripts/includes.txt; third-party ones, in angle brackets, against scripts/includes_of_others.txt.
 
 # Headers generated from the interface's contract are included as aidl/kvox/….
 function folder(path) {

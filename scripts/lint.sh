@@ -2,8 +2,8 @@
 # Usage: ./dev lint [--changed] [--fast]
 #
 # Checks formatting, that folders include only what they may, that docs/troubleshooting.md explains
-# every warning and error and quotes no line that does not exist, the scripts (shellcheck), that daemon
-# and client would build for a phone (scripts/android.sh), and clang-tidy.
+# every warning and error and quotes no line that does not exist, the scripts (shellcheck), that
+# daemon and client would build for a phone (scripts/android.sh), and clang-tidy.
 #
 #   --changed  check only files that differ from the branch main, committed or not
 #   --fast     skip the phone build and clang-tidy, which take nearly all the time

@@ -1,5 +1,5 @@
-# Runs simulator and daemon in private directories; sourced by scripts/demo.sh, with the tree's root as
-# working directory. `out` is the directory for logs, `name` the name of the script.
+# Runs simulator and daemon in private directories; sourced by scripts/demo.sh, with the tree's root
+# as working directory. `out` is the directory for logs, `name` the name of the script.
 # shellcheck shell=bash disable=SC2154
 
 kvoxctl=build/bin/kvoxctl

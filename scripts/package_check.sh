@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Usage: scripts/package_check.sh
 #
-# Installs build/packages into a fresh Debian tree and tests there: the service's files, who may use the
-# daemon, a client built with libkvox-dev, removal. As root. The tree is temporary; its mounts and
-# processes end with this script, however it ends.
+# Installs build/packages into a fresh Debian tree and tests there: the service's files, who may use
+# the daemon, a client built with libkvox-dev, removal. As root. The tree is temporary; its mounts
+# and processes end with this script, however it ends.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 logs=$PWD/build/packages/check

@@ -2,8 +2,8 @@
 # Usage: ./dev test [--all]
 #
 # Builds the optimised preset and runs the whole suite. --all also builds it with clang 16, with
-# thread-safety analysis as errors, runs it under AddressSanitizer with UBSan and under ThreadSanitizer,
-# and runs short fuzz checks and the lint.
+# thread-safety analysis as errors, runs it under AddressSanitizer with UBSan and under
+# ThreadSanitizer, and runs short fuzz checks and the lint.
 #
 # Each run ends with the total time of its tests, and how much of it was CPU time.
 cd "$(dirname "$0")/.."
