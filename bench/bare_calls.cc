@@ -24,8 +24,8 @@ sockaddr_un Address(const std::string& path) {
   return address;
 }
 
-/// Reads messages of one size until the peer goes; a loop that could serve several sockets waits
-/// before each read.
+/// Reads messages of one size until the peer closes; waits before each read like a loop that serves
+/// several sockets.
 void ForEachMessage(int socket, size_t size, auto&& handle) {
   std::vector<std::byte> message(size);
   size_t filled = 0;

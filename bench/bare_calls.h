@@ -1,6 +1,6 @@
-// The least a call between two processes can cost on the path of the transport's calls: the caller
-// writes, a thread of the server reads and hands over to another one, which replies; a thread of
-// the client reads the reply and wakes the caller.
+// A minimal call between two processes with the transport's thread hops, as a baseline: the caller
+// writes, a thread of the server reads and passes the request to another one, which replies; a
+// thread of the client reads the reply and wakes the caller.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +29,7 @@ class BareClient {
   BareClient(const BareClient&) = delete;
   BareClient& operator=(const BareClient&) = delete;
 
-  /// One round trip. Throws std::runtime_error when the server has gone.
+  /// One round trip. Throws std::runtime_error when the server is gone.
   void Call();
 
  private:

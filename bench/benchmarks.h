@@ -49,7 +49,7 @@ uint64_t MeasureParallelClients(const CommandEffort& effort, Report& report);
 /// to another. Prints how many calls it made and how many failed. Returns an exit status.
 int RunClient(int64_t from_ns, int64_t until_ns);
 
-// What whole processes use.
+// Resources of whole processes.
 
 /// `kvoxctl call Ping` as a process, and `true`, in alternation.
 void MeasureClientProcess(unsigned runs, Report& report);

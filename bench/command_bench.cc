@@ -183,7 +183,7 @@ int RunClient(int64_t from_ns, int64_t until_ns) {
   printf("%llu %llu\n", static_cast<unsigned long long>(calls),
          static_cast<unsigned long long>(errors));
   fflush(stdout);
-  _exit(0);  // the binder's threads need no orderly end
+  _exit(0);  // the binder's threads need no clean shutdown
 }
 
 }  // namespace kvox::bench

@@ -22,8 +22,8 @@ class DaemonUnderTest {
   /// Starts the daemon and waits until it serves. `home` has its devices, and is the last one that
   /// was made: the environment names it.
   explicit DaemonUnderTest(const HostDirectories& home);
-  /// Also ends this process's binder threads, so that those of the next daemon start on the cores
-  /// of their time.
+  /// Also ends this process's binder threads, so that the next daemon's start on the cores bound
+  /// then.
   ~DaemonUnderTest();
   DaemonUnderTest(const DaemonUnderTest&) = delete;
   DaemonUnderTest& operator=(const DaemonUnderTest&) = delete;

@@ -1,4 +1,4 @@
-// What whole processes use: kvoxctl for one call, the idle daemon, kvoxctl top.
+// Resources of whole processes: kvoxctl for one call, the idle daemon, kvoxctl top.
 
 #include <fmt/format.h>
 #include <stdlib.h>

@@ -28,7 +28,7 @@ class LoopbackStream {
   /// Makes the two FIFOs of stream `stream` in `devices` and opens both. Throws std::runtime_error.
   LoopbackStream(const std::filesystem::path& devices, unsigned stream, uint32_t payload_size);
 
-  /// Sends the next packet. Throws std::runtime_error when nobody takes it within a second.
+  /// Sends the next packet. Throws std::runtime_error when it is not taken within a second.
   void Send();
 
   /// Takes and checks what has come back, without waiting.

@@ -1,4 +1,4 @@
-// Measures kvoxd against the least a program can do for the same work.
+// Compares kvoxd with minimal programs that do the same work.
 
 #include <fmt/format.h>
 
@@ -45,7 +45,7 @@ constexpr PacketCase kPacketCases[] = {
     {Pattern::kPaced, 38400, 8, 1.10},
 };
 
-/// What children of this program do. Returns false when the words name no role.
+/// Runs the role of a child process. Returns false when the words name no role.
 bool RunRole(const std::vector<std::string>& words, int& status) {
   if (words.size() == 3 && words[0] == "relay") {
     status = RunRelay(words[1], static_cast<unsigned>(std::stoul(words[2])));

@@ -1,4 +1,4 @@
-// What single steps cost: finding packets in a stream, writing and reading parcels.
+// Costs of single steps: finding packets in a stream, writing and reading parcels.
 
 #include <aidl/kvox/IKvox.h>
 #include <benchmark/benchmark.h>
@@ -28,7 +28,7 @@ struct ParserUnderTest {
   }
 };
 
-/// A packet that arrives in one read, as every packet does in a stream that runs well.
+/// A packet that arrives in one read, as every packet does in a healthy stream.
 void ParseWholePacket(benchmark::State& state) {
   const auto payload_size = static_cast<uint32_t>(state.range(0));
   ParserUnderTest test(payload_size);

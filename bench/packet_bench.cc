@@ -23,7 +23,7 @@ constexpr std::chrono::milliseconds kPeriod{10};
 constexpr int kStartTimeoutMs = 5000;
 constexpr unsigned kWarmUpPackets = 50;
 
-/// A program that forwards packets, its streams, and what all rounds came to.
+/// A program that forwards packets, its streams, and the totals of all rounds.
 struct Forwarder {
   HostDirectories home;
   LoopbackStreams streams;

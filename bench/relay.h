@@ -1,4 +1,4 @@
-// The least a program can do with packets: what the daemon is compared with.
+// A minimal packet relay, the baseline for the daemon.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// The outcome: sections of rows that compare a measurement with the least a program can do.
+// The results: sections of rows that compare a measurement with that of a minimal program.
 #pragma once
 
 #include <algorithm>
@@ -47,11 +47,11 @@ struct Row {
   double measured = 0;
   std::optional<Aim> aim = {};
   std::optional<double> bare = {};
-  std::optional<double> ratio = {};  // where it is not simply measured / bare
+  std::optional<double> ratio = {};  // if it is not simply measured / bare
 
   /// None when there is nothing to divide by.
   std::optional<double> Ratio() const;
-  /// True without an aim. Compares what is printed, two digits behind the point.
+  /// True without an aim. Compares the printed values, with two decimals.
   bool MeetsAim() const;
 };
 

@@ -1,11 +1,11 @@
-// Where and with which priority threads run while something is measured.
+// Cores and priorities of threads during measurements.
 #pragma once
 
 #include <optional>
 
 namespace kvox::bench {
 
-/// This program, for children that play a role of it.
+/// This program's path, for its child processes.
 inline constexpr char kOwnProgram[] = "/proc/self/exe";
 
 /// The last core that this process may use: the first ones handle the interrupts.

@@ -1,4 +1,4 @@
-// What the threads of another process have used so far, from /proc.
+// CPU usage of another process's threads, from /proc.
 #pragma once
 
 #include <sys/types.h>

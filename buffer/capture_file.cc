@@ -38,7 +38,7 @@ class OpenFile : public CaptureFile {
 
   bool Rewind() override { return lseek(fd_, 0, SEEK_SET) == 0; }
 
-  /// Whether it is a regular file that keeps what is written, and which is empty then.
+  /// Truncates a regular file that stores what is written; false for any other.
   bool EmptyIfRegular() {
     struct stat status;
     return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && !IsKernels() &&
@@ -46,7 +46,7 @@ class OpenFile : public CaptureFile {
   }
 
  private:
-  /// Whether the kernel takes what is written for a command: such files look like regular ones.
+  /// Whether the kernel interprets writes as commands: such files look like regular ones.
   bool IsKernels() {
     constexpr unsigned kKernels[] = {
         PROC_SUPER_MAGIC,    SYSFS_MAGIC,      DEBUGFS_MAGIC, TRACEFS_MAGIC,  CGROUP_SUPER_MAGIC,
@@ -60,7 +60,7 @@ class OpenFile : public CaptureFile {
   const std::string path_;
 };
 
-/// To be asked before opening: opening some devices has effects of its own.
+/// Checked before opening: opening some devices has side effects.
 bool IsSomethingElse(const char* path) {
   struct stat status;
   return lstat(path, &status) == 0 && !S_ISREG(status.st_mode);

@@ -1,4 +1,4 @@
-// The file that a capture writes, as a seam that tests script.
+// The file that a capture writes; an interface that tests replace.
 #pragma once
 
 #include <sys/types.h>
@@ -16,10 +16,10 @@ class CaptureFile {
  public:
   virtual ~CaptureFile() = default;
 
-  /// As write(2): may take fewer bytes than it is given; -1 on failure.
+  /// As write(2): may write fewer bytes than given; -1 on failure.
   virtual ssize_t Write(std::span<const std::byte> bytes) = 0;
 
-  /// The next write goes to the front. False on failure.
+  /// Moves to the start of the file. False on failure.
   virtual bool Rewind() = 0;
 };
 

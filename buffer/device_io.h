@@ -1,4 +1,4 @@
-// The system calls of the packet path, as a seam that tests script.
+// The system calls of the packet path; an interface that tests replace.
 #pragma once
 
 #include <sys/types.h>
@@ -25,9 +25,8 @@ class DeviceIo {
   /// waits for the other two.
   virtual Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) = 0;
 
-  /// A standing watch over reading `fd` and over `wake_fd`, which costs less to wait for than
-  /// naming both each time: a descriptor to be closed before `fd`. -1 where the device cannot be
-  /// watched.
+  /// A persistent watch of `fd` for reading and of `wake_fd`, which is cheaper than passing both to
+  /// each wait: a descriptor to be closed before `fd`. -1 if the device cannot be watched.
   virtual int Watch(int fd, int wake_fd) = 0;
   /// RT: as Wait for reading, with a descriptor from Watch.
   virtual Ready WaitWatched(int watch, int timeout_ms) = 0;

@@ -13,7 +13,7 @@ namespace {
 constexpr uint64_t kUntimedStallMs = 100;
 constexpr uint64_t kMaxStallMs = 1000;
 
-/// A stalled device is waited for no longer than a packet lasts.
+/// A wait for a stalled device is no longer than a packet.
 uint64_t StallNs(const KvoxPacketHeader& header) {
   const KvoxTapFormat& format = header.format;
   uint64_t ms = kUntimedStallMs;
@@ -89,7 +89,7 @@ int32_t InjectPort::Send(const KvoxPacketHeader& header, std::span<const std::by
     if (deadline_ns == 0) deadline_ns = io_.NowNs() + StallNs(header);
     if (!waiter.WaitWritable(fd_, deadline_ns)) break;
   }
-  // The rest of a torn packet would shift all that follows: the device is opened afresh.
+  // A partial packet would misalign all that follow: reopen the device.
   if (rest.size() < packet.size()) Reopen();
   return kPortWriteFailed;
 }

@@ -1,5 +1,5 @@
-// The open device of an enabled inject buffer, as the packet path sees it. It closes with its last
-// owner, so no thread can write to a descriptor that has become another's.
+// The open device of an enabled inject buffer, as the packet path sees it. Its last owner closes
+// it, so no thread can write to a reused descriptor.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@
 
 namespace kvox {
 
-/// Why a packet did not go out; -1 is the failure of the device itself.
+/// Why a packet was not sent; -1 is a failure of the device itself.
 enum PortStatus : int32_t {
   kPortOk = 0,
   kPortWriteFailed = -1,
@@ -36,7 +36,7 @@ class InjectPort {
 
   const std::string& name() const { return name_; }
 
-  /// Where the payload of the next packet may be built; it holds an earlier packet's.
+  /// Where the payload of the next packet may be built; contains an earlier packet's.
   std::span<std::byte> PayloadArea(uint32_t size);
 
   /// Sends `header` and the payload that was built in PayloadArea().
@@ -61,7 +61,7 @@ class InjectPort {
   const std::string device_path_;
   DeviceIo& io_;
   PacketRecorder& recorder_;
-  int fd_;  // -1 while a reopened device refuses
+  int fd_;  // -1 while the device cannot be reopened
   const std::unique_ptr<std::byte[]> area_;
 
   bool sent_in_place_ = false;  // the packet sent last is not in the work area

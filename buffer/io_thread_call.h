@@ -1,5 +1,5 @@
-// Runs functions of service threads on an I/O thread, between two packets: there it can look at
-// what belongs to that thread alone.
+// Runs functions of service threads on an I/O thread, between two packets, where they can access
+// the data that belongs to that thread.
 #pragma once
 
 #include <atomic>
@@ -16,19 +16,19 @@ class IoThreadCall {
   explicit IoThreadCall(WakeEvent& wake) : wake_(wake) {}
 
   /// Runs `function` on the I/O thread and returns when it is done. Once that thread has ended,
-  /// runs it on the calling thread. False when the I/O thread did not get to it within a second; it
-  /// will not run then. Service threads, one at a time.
+  /// runs it on the calling thread. False if the I/O thread did not run it within a second; it will
+  /// then not run at all. Service threads, one at a time.
   bool Run(const std::function<void()>& function);
 
   // The I/O thread.
 
-  /// RT: whether a function waits.
+  /// RT: whether a function is waiting.
   bool wanted() const { return wanted_.load(std::memory_order_relaxed); }
 
-  /// Runs the function that waits, if there is one. Takes a lock: only when wanted() is true.
+  /// Runs the waiting function, if there is one. Takes a lock: call only when wanted() is true.
   void Serve();
 
-  /// The thread's last call.
+  /// The I/O thread calls this last.
   void End();
 
  private:

@@ -167,7 +167,7 @@ int KvoxBuffer::OpenDevice() const {
   return fd;
 }
 
-/// False when the device is not wanted any more.
+/// False when the buffer should no longer open.
 bool KvoxBuffer::WaitBeforeRetry() {
   const auto until = std::chrono::steady_clock::now() + kOpenRetryPause;
   MutexLock lock(mutex_);

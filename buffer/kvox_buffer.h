@@ -1,9 +1,9 @@
 // One data device of the co-processor. A tap-out buffer reads audio and hands every block to the
-// processors on its routes, on an I/O thread of its own; an inject buffer has an open device that
-// routes lead to, and no thread. Which processors read and write it is up to the wiring.
+// processors on its routes, on its own I/O thread; an inject buffer has an open device that routes
+// lead to, and no thread. The wiring decides which processors read and write it.
 //
-// Switching on or off runs without the buffer's mutex: one thread at a time switches a buffer, so a
-// buffer whose device takes seconds to open can still be looked at and switched off.
+// Switching runs without the buffer's mutex: one thread at a time switches a buffer, so a buffer
+// whose device takes seconds to open can still be queried and switched off.
 #pragma once
 
 #include <atomic>
@@ -41,7 +41,7 @@ class BufferWiring {
   virtual void PortChanged(const KvoxBuffer& inject) = 0;
 };
 
-/// What all buffers share. Everything outlives them.
+/// Shared by all buffers. All of it outlives them.
 struct BufferEnvironment {
   DeviceIo& io;
   LogTarget& io_log;  // for I/O threads; never waits
@@ -71,7 +71,7 @@ class KvoxBuffer {
     kOn,
     kAgain,   // the device did not open; the next try is due after the pause
     kBusy,    // another thread is trying; the same try is due after the pause
-    kFailed,  // for good
+    kFailed,  // permanently
   };
   static constexpr auto kOpenRetryPause = std::chrono::seconds(1);
 
@@ -82,7 +82,7 @@ class KvoxBuffer {
   /// Ends an Enable that waits for its device; the buffer cannot be enabled any more.
   void AbandonOpening();
 
-  /// Switches the buffer off for good. False when that has been done before.
+  /// Switches the buffer off permanently. False if that has been done before.
   bool Drop();
   bool dropped() const { return dropped_.load(); }
 

@@ -1,4 +1,4 @@
-// Where a buffer's packets can be recorded as they pass.
+// Interface for recording a buffer's packets.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
-// Passes packets from a thread that must never wait to one that may: a preallocated ring of bytes
-// without locks. One producer and one consumer at a time; a thread that takes over the producer's
-// side has synchronised with the one before it.
+// Passes packets from a thread that must never wait to one that may: a preallocated lock-free byte
+// ring. One producer and one consumer at a time; a thread that takes over as producer has
+// synchronised with the previous one.
 #pragma once
 
 #include <cstddef>
@@ -15,9 +15,8 @@ namespace kvox {
 
 class PacketRing {
  public:
-  /// `capacity` bytes, headers included; a power of two, at most 2^31. The memory is touched here,
-  /// so that the producer meets no page for the first time. `start` is for tests: the position that
-  /// the ring begins with.
+  /// `capacity` bytes, headers included; a power of two, at most 2^31. Touches the memory, so that
+  /// the producer causes no page faults. `start` is for tests: the initial position.
   explicit PacketRing(uint32_t capacity, uint32_t start = 0);
 
   /// Producer, RT: copies a packet in; false when it does not fit now. `payload` is at most

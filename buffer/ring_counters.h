@@ -67,7 +67,7 @@ class RingCounters {
     return {.offset = offset, .first = first, .rest = size - first};
   }
 
-  // On cache lines of their own: avoids false sharing.
+  // On separate cache lines: avoids false sharing.
   alignas(64) std::atomic<uint32_t> written_;
   const uint32_t capacity_;
   alignas(64) std::atomic<uint32_t> read_;

@@ -11,14 +11,14 @@ namespace {
 
 constexpr auto kGracePoll = std::chrono::microseconds(100);
 
-/// The publisher whose table the calling thread is using.
+/// The publisher whose table this thread is using.
 thread_local const RoutePublisher* reading = nullptr;
 
 }  // namespace
 
-// The reader announces the table it is about to use and then looks whether it is still the
-// published one; the publisher replaces it and then looks whether it is announced. Both orders are
-// sequentially consistent, so at least one of the two sees the other.
+// The reader announces the table it is about to use and then checks that it is still the published
+// one; the publisher replaces it and then checks whether it is announced. Both are sequentially
+// consistent, so at least one of the two sees the other.
 
 RoutePublisher::RoutePublisher(std::function<void()> nudge)
     : nudge_(std::move(nudge)), published_(new RouteTable) {}
@@ -62,7 +62,7 @@ RoutePublisher::Use::Use(RoutePublisher& publisher) : publisher_(publisher) {
 
 RoutePublisher::Use::~Use() {
   reading = nullptr;
-  // Release: pairs with the load in DestroyUnused, so destruction comes after our last look.
+  // Release: pairs with the load in DestroyUnused, so destruction comes after our last access.
   publisher_.in_use_.store(nullptr, std::memory_order_release);
 }
 

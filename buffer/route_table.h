@@ -1,4 +1,4 @@
-// Where the packets of a tap-out buffer go: an immutable table that service threads replace as a
+// The routes of a tap-out buffer's packets: an immutable table that service threads replace as a
 // whole and the I/O thread reads without a lock.
 #pragma once
 
@@ -33,7 +33,7 @@ struct RouteTable {
 /// drop the last reference to a processor or a port.
 class RoutePublisher {
  public:
-  /// `nudge` ends a wait of the reader inside a packet; it may be called at any time.
+  /// `nudge` ends the reader's wait inside a packet; it may be called at any time.
   explicit RoutePublisher(std::function<void()> nudge);
   ~RoutePublisher();
 

@@ -1,5 +1,5 @@
-// The RX format of a tap-out buffer: set by commands, and taken over by the I/O thread from the
-// packets it sees. The later one counts.
+// The RX format of a tap-out buffer: set by commands, and by the I/O thread from the packets it
+// sees. The latest one counts.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace kvox {
 
-/// Any thread. The lock is held for a copy of a few bytes only; the I/O thread takes it when the
-/// format of its stream changes, not once a packet.
+/// Any thread. The lock is held only to copy a few bytes; the I/O thread takes it when the format
+/// of its stream changes, not for every packet.
 class RxFormatCell {
  public:
   struct Value {

@@ -1,5 +1,5 @@
-// The log lines about what arrives at a tap-out buffer. RT: formatted on the stack, into the log
-// that the calling thread writes to.
+// Log lines about the packets of a tap-out buffer. RT: formatted on the stack, into the calling
+// thread's log.
 #pragma once
 
 #include <string>
@@ -10,13 +10,13 @@
 
 namespace kvox {
 
-/// One read's findings, in the order in which they were come across.
+/// One read's findings, in the order in which they were found.
 void LogFindings(const char* buffer, const StreamFindings& findings);
 
 /// A packet that came too early or too late.
 void LogTiming(const char* buffer, TimingVerdict::Arrival arrival, float elapsed_ms);
 
-/// The format of the stream, or its block size, is not what it was before.
+/// The format of the stream, or its block size, has changed.
 void LogFormatChange(const char* buffer, const KvoxPacketHeader& before,
                      const KvoxPacketHeader& now);
 

@@ -10,8 +10,8 @@ namespace {
 constexpr uint32_t kReadAlignment = 8;
 constexpr uint32_t kReportedExcess = 8;
 constexpr size_t kWord = sizeof(uint32_t);
-constexpr size_t kTurn = 64;                // bytes that the search compares in one turn
-constexpr size_t kBlocks[] = {512, kTurn};  // and between two looks at the outcome
+constexpr size_t kTurn = 64;                // bytes that the search compares per iteration
+constexpr size_t kBlocks[] = {512, kTurn};  // and between two checks of the result
 
 uint32_t WordAt(const std::byte* at) {
   uint32_t word;
@@ -19,7 +19,7 @@ uint32_t WordAt(const std::byte* at) {
   return word;
 }
 
-/// Four words that the processor compares at once.
+/// Four words that the CPU compares at once.
 using Words = uint32_t __attribute__((vector_size(16)));
 
 Words MagicsAmong(const std::byte* at) {
@@ -28,8 +28,8 @@ Words MagicsAmong(const std::byte* at) {
   return reinterpret_cast<Words>(words == kPacketMagic);
 }
 
-/// Four steps a turn and no early way out: every read is searched whole, so this is the part of the
-/// packet path whose time grows fastest with the packet. `size` is a multiple of kTurn.
+/// Four steps per iteration and no early exit: every read is searched completely, so this is the
+/// part of the packet path whose time grows fastest with the packet. `size` is a multiple of kTurn.
 bool HoldsMagic(const std::byte* bytes, size_t size) {
   constexpr size_t kStep = sizeof(Words);
   Words found = {};
@@ -102,8 +102,8 @@ StreamFindings StreamParser::Consume(size_t read_size) {
   return findings;
 }
 
-/// A packet that begins where the read began stays there: in a stream that runs well every packet
-/// arrives in one read and is never copied. Elsewhere it may lie askew for its 64-bit fields.
+/// A packet at the start of a read stays there: in a healthy stream every packet arrives in one
+/// read and is never copied. Elsewhere it may be misaligned for its 64-bit fields.
 void StreamParser::Begin(uint32_t offset, uint32_t size) {
   front_ = receive_.data() + offset;
   assembled_ = size - offset;

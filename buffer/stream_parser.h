@@ -1,12 +1,12 @@
-// Finds packets in the byte stream of a tap-out device. It knows no device, clock or log: what it
-// finds wrong it returns as findings, which the caller turns into log lines. The packet format is
-// in docs/protocol.md.
+// Finds packets in the byte stream of a tap-out device. It uses no device, clock or log: it returns
+// errors as findings, which the caller turns into log lines. The packet format is in
+// docs/protocol.md.
 //
 // The stream has no framing beyond the magic word that begins a header, so the parser is always in
-// one of two states. Resyncing, it asks for large reads and takes the last magic of a read for the
-// start of a packet, which skips what has queued up. Once a header has passed its checks
-// it asks for exactly the rest of that packet, then for whole packets of that size; one that fails
-// its checks leads back to large reads, since the stream is no longer what it was taken for.
+// one of two states. Resyncing, it asks for large reads and takes the last magic of a read as the
+// start of a packet, which skips what has queued up. Once a header is valid it asks for exactly the
+// rest of that packet, then for whole packets of that size; an invalid one leads back to large
+// reads.
 //
 // One thread at a time, the buffer's I/O thread. RT: nothing here allocates, locks or logs.
 #pragma once
@@ -20,7 +20,7 @@
 
 namespace kvox {
 
-/// What one read held. All byte counts are 0 where nothing was found.
+/// What one read contained. Byte counts are 0 by default.
 struct StreamFindings {
   enum class Next {
     kRead,       // no packet yet: read again
@@ -41,7 +41,7 @@ struct StreamFindings {
 
   bool BadHeader() const { return bad_version || bad_payload_size; }
 
-  /// Whether the read held nothing of a packet.
+  /// Whether the read contained no part of a packet.
   bool Junk() const { return misaligned > 0 || skipped > 0 || BadHeader(); }
 };
 
@@ -62,7 +62,7 @@ class StreamParser {
   /// Drops the packet under assembly.
   void StartOver();
 
-  /// Asks for large reads again. What is assembled stays, as after a passing read error.
+  /// Asks for large reads again. Keeps what is assembled, as after a transient read error.
   void Resync() { resyncing_ = true; }
 
   bool resyncing() const { return resyncing_; }
@@ -79,7 +79,7 @@ class StreamParser {
   bool resyncing_ = true;
   bool header_parsed_ = false;
   uint32_t expected_ = kPacketMaxSize;
-  uint32_t assembled_ = 0;      // may exceed the area: what does is counted, not kept
+  uint32_t assembled_ = 0;      // may exceed the area: the excess is counted, not kept
   std::byte* front_ = nullptr;  // of the packet under assembly: in receive_ or in packet_
 };
 

@@ -143,7 +143,7 @@ bool TapDevice::WaitFor(int fd, DeviceIo::Direction direction, uint64_t deadline
         links_.io.Wait(fd, direction, links_.wake.fd(), WholeMsBetween(now, deadline_ns));
     if (ready == DeviceIo::Ready::kDevice) return !stopping() && !links_.routes.Stale();
     if (ready == DeviceIo::Ready::kFailed) return false;
-    if (ready == DeviceIo::Ready::kWoken) links_.wake.Clear();  // a call that waits stays wanted
+    if (ready == DeviceIo::Ready::kWoken) links_.wake.Clear();  // a waiting call stays wanted
   }
   return false;
 }

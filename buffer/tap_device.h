@@ -1,5 +1,5 @@
-// The device of an enabled tap-out buffer, as its I/O thread uses it: reads, with the waits, pauses
-// and reopenings that come with them, and every other wait of that thread.
+// The device of an enabled tap-out buffer, as its I/O thread uses it: reads, with their waits,
+// pauses and reopening, and every other wait of that thread.
 #pragma once
 
 #include <atomic>
@@ -16,7 +16,7 @@
 
 namespace kvox {
 
-/// What a device works with. All of it outlives the device.
+/// The device's collaborators. All of them outlive it.
 struct TapDeviceLinks {
   const std::string& name;  // of the buffer, for log lines
   const std::string& path;
@@ -31,9 +31,9 @@ class TapDevice final : public IoWaiter {
  public:
   enum class Outcome {
     kBytes,
-    kError,     // a read failed: find the stream again; what is assembled stays
+    kError,     // a read failed: resync; what is assembled stays
     kReopened,  // after ten errors in a row: start over
-    kEnd,       // asked to stop, or the device is beyond repair
+    kEnd,       // asked to stop, or the device cannot be reopened
   };
 
   /// Takes over `fd`.
@@ -42,11 +42,11 @@ class TapDevice final : public IoWaiter {
   TapDevice(const TapDevice&) = delete;
   TapDevice& operator=(const TapDevice&) = delete;
 
-  /// Waits for bytes and reads them into `area`; `size` is how many. Logs what goes wrong, and
-  /// every 4 s that nothing comes.
+  /// Waits for bytes and reads them into `area`; `size` is how many. Logs errors, and every 4 s
+  /// that nothing comes.
   Outcome Read(std::span<std::byte> area, size_t& size);
 
-  /// A packet is complete or given up: waits and errors are counted afresh.
+  /// A packet is complete or dropped: resets the counts of waits and errors.
   void StartOver();
 
   /// Waits 10 ms.
@@ -76,7 +76,7 @@ class TapDevice final : public IoWaiter {
   const char* const name_;
   std::atomic<bool> stopping_ = false;
   int handle_ = -1;
-  int watch_ = -1;  // over handle_ and the wake event; -1 where there can be none
+  int watch_ = -1;  // of handle_ and the wake event; -1 if not possible
   uint32_t waits_ = 0;
   uint32_t read_errors_ = 0;
 };

@@ -10,7 +10,7 @@
 namespace kvox {
 namespace {
 
-/// Far more than it takes to find a stream, which shows in the first large read that ends in it.
+/// Far more than needed to find a stream, which takes one large read that ends in it.
 constexpr uint32_t kJunkReadsBeforePause = 16;
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
@@ -86,7 +86,7 @@ void TapReader::Run() {
   calls_.End();
 }
 
-/// Wait, read, parse. Null when the thread has to end.
+/// Wait, read, parse. Null when the thread must end.
 std::byte* TapReader::NextPacket() {
   if (!StartOver()) return nullptr;
   for (;;) {
@@ -111,7 +111,7 @@ std::byte* TapReader::NextPacket() {
   }
 }
 
-/// Drops what is assembled. False when the thread has to end.
+/// Drops what is assembled. False when the thread must end.
 bool TapReader::StartOver() {
   if (device_.stopping()) return false;
   if (parser_.resyncing()) LogInfo("%s RX resync", name_);
@@ -120,7 +120,7 @@ bool TapReader::StartOver() {
   return true;
 }
 
-/// False when the stream has slipped: this packet is dropped and the stream found again.
+/// False when the stream has slipped: drops this packet and resyncs.
 bool TapReader::JudgeTiming(const KvoxPacketHeader& header, uint64_t now_ns) {
   statistics_.samples_per_packet.store(FrameCount(header.format, header.payload_size), kRelaxed);
   statistics_.sample_rate.store(header.format.sample_rate, kRelaxed);
@@ -210,7 +210,7 @@ void TapReader::Send(const Route& route, const BlockResult& result, OutputArea& 
   }
 }
 
-/// Packets that were sent from our areas go to the ports' own before ours are gone.
+/// Packets that were sent from our areas are copied to the ports' before ours are freed.
 void TapReader::KeepSentPackets() {
   const RoutePublisher::Use table(links_.routes);
   for (const Route& route : table->routes) {

@@ -1,5 +1,5 @@
 // The I/O thread of an enabled tap-out buffer: for each packet it reads, parses, records, judges
-// the timing, routes through the processors and sends what they made.
+// the timing, routes it through the processors and sends their output.
 //
 // docs/realtime.md lists what this thread never does. Service threads reach it through the route
 // table, the wake event and IoThreadCall.
@@ -26,7 +26,7 @@
 
 namespace kvox {
 
-/// What a reader works with. All of it outlives the reader.
+/// The reader's collaborators. All of them outlive it.
 struct TapReaderLinks {
   const std::string& name;  // of the buffer, for log lines
   const std::string& device_path;
@@ -54,18 +54,18 @@ class TapReader {
   TapReader(const TapReaderLinks& links, int fd);
   ~TapReader();
 
-  /// Starts the thread. False, after a log line with the cause, when the system has none to give.
+  /// Starts the thread. False, after a log line with the cause, if the system cannot create it.
   bool Start();
 
   /// Ends the thread at once, wherever it waits, and joins it.
   void Stop();
 
-  /// The thread's body; returns after Stop, or when the device is beyond repair.
+  /// The thread's body; returns after Stop, or when the device cannot be reopened.
   void Run();
 
-  /// Copies the receive area, or what was last sent through `port`, between two packets. False when
-  /// that is no longer there, or the thread did not get to it within a second. Service threads, one
-  /// at a time.
+  /// Copies the receive area, or the packet last sent through `port`, between two packets. False if
+  /// that has been overwritten, or the thread did not get to it within a second. Service threads,
+  /// one at a time.
   bool CopyArea(InjectPort* port, std::vector<std::byte>& copy);
 
   const RxStatistics& statistics() const { return statistics_; }

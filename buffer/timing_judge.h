@@ -1,6 +1,5 @@
-// Judges when packets arrive. Two early or two late packets with nothing else in between mean that
-// the stream has slipped, and the reader should find its place in it again. Arrival times come in,
-// verdicts go out.
+// Judges arrival times of packets. Two early or two late packets with no punctual one in between
+// mean that the stream has slipped, and the reader should resync.
 //
 // One thread at a time, the buffer's I/O thread. RT: nothing here allocates, locks or logs.
 #pragma once
@@ -21,8 +20,8 @@ struct TimingVerdict {
 class TimingJudge {
  public:
   /// Judges the packet that arrived at `now_ns` (GetTimestampNs). The first packet, and packets
-  /// whose header names no sample rate, no frame size or a frame larger than the payload, are not
-  /// timed; their arrival is remembered all the same.
+  /// whose header has no sample rate, no frame size or a frame larger than the payload, are not
+  /// timed; their arrival is still remembered.
   TimingVerdict Judge(uint64_t now_ns, const KvoxTapFormat& format, uint32_t payload_size);
 
   /// Time between the last two packets that were timed, in ms; 0 before.
@@ -44,8 +43,7 @@ class TimingJudge {
 /// Whether packets of this shape have a period: a rate, and a frame that fits into the payload.
 bool IsTimed(const KvoxTapFormat& format, uint32_t payload_size);
 
-/// Packets between two report lines: as many as two seconds hold, at least 1; 100 where packets
-/// are not timed.
+/// Packets between two report lines: two seconds' worth, at least 1; 100 if packets are not timed.
 uint32_t ReportInterval(const KvoxTapFormat& format, uint32_t payload_size);
 
 }  // namespace kvox

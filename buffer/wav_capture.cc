@@ -14,8 +14,8 @@ namespace {
 /// Holds 10 s of 48 kHz stereo in 16 bits, and more than a second of eight channels in 32.
 constexpr uint32_t kRingSize = 2u << 20;
 
-/// How often the writer looks into the ring, unless that fills quickly. So in a stream that runs at
-/// its own pace nobody wakes anybody.
+/// How often the writer checks the ring, unless it fills quickly. So a stream at real-time speed
+/// needs no wake-ups.
 constexpr int kLookIntoRingMs = 50;
 
 constexpr auto kPushPoll = std::chrono::microseconds(100);
@@ -92,8 +92,8 @@ bool WavCapture::StartWriter() {
   return false;
 }
 
-/// Ends the recording, if there is one, and waits for its thread. False when that takes too
-/// long; the session is still the writer's then.
+/// Ends the recording, if there is one, and waits for its thread. False if that takes too long; the
+/// session then still belongs to the writer.
 bool WavCapture::StopWriter() {
   EndRecording();
   const auto deadline = std::chrono::steady_clock::now() + patience_;
@@ -130,7 +130,7 @@ void WavCapture::Record(const KvoxPacketHeader& header, std::span<const std::byt
     if (on_.load(std::memory_order_relaxed)) dropped_.fetch_add(1, std::memory_order_relaxed);
     return;
   }
-  // Looked at again: KeepOthersOut may have come in between. Acquire: pairs with Start.
+  // Checked again: KeepOthersOut may have run in between. Acquire: pairs with Start.
   if (on_.load(std::memory_order_acquire)) {
     PacketRing& ring = *session_->ring;
     const bool was_half_full = ring.HalfFull();
@@ -140,7 +140,7 @@ void WavCapture::Record(const KvoxPacketHeader& header, std::span<const std::byt
   pushing_.store(false, std::memory_order_release);
 }
 
-/// Once recording is off: returns when no thread is in the ring any more, and none comes.
+/// Once recording is off: returns when no thread uses the ring any more.
 void WavCapture::KeepOthersOut() {
   // Acquire and release: pair with Record, which then sees that on_ is off.
   while (pushing_.exchange(true, std::memory_order_acq_rel)) std::this_thread::sleep_for(kPushPoll);

@@ -1,12 +1,12 @@
-// Records the packets of a buffer in a WAV file (wav_file.h) without disturbing them: the packet
-// path copies them into a ring, and a thread of the capture's own brings them into the file.
+// Records the packets of a buffer in a WAV file (wav_file.h) without delaying them: the packet path
+// copies them into a ring, and the capture's own thread writes them to the file.
 //
-// A packet that finds the ring full is missing from the file. Such packets are counted, and one
-// warning has the count when the capture has ended.
+// If the ring is full, the packet is missing from the file. Such packets are counted, and a warning
+// has the count when the capture has ended.
 //
-// A capture ends with a complete file by Stop, or when the stream's format changes. A write that
-// fails, and Abandon, leave the file as it is. Abandon waits for nothing: packets that are not in
-// the file yet are counted as missing, and the header stays 44 zero bytes.
+// Stop, or a change of the stream's format, ends a capture with a complete file. A failed write,
+// and Abandon, leave the file as it is. Abandon does not wait: packets that are not in the file yet
+// are counted as missing, and the header stays 44 zero bytes.
 #pragma once
 
 #include <atomic>
@@ -27,38 +27,36 @@
 
 namespace kvox {
 
-/// Owned by std::shared_ptr; the thread that writes a file is an owner.
+/// Owned by std::shared_ptr; the writer thread is one of the owners.
 class WavCapture final : public PacketRecorder, public std::enable_shared_from_this<WavCapture> {
  public:
-  /// How long a command waits for a file: enough to write a full ring at 35 KB/s.
+  /// How long a command waits for the file: enough to write a full ring at 35 KB/s.
   static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(60);
 
   /// `buffer` is the name of the buffer, for messages. `threads` outlives the object.
   WavCapture(std::string buffer, ThreadGroup& threads, CaptureFileOpener open = OpenCaptureFile,
              std::chrono::milliseconds patience = kPatience);
 
-  /// Starts a capture into the file of that path. 0, or -1 when one runs already, the file cannot
-  /// be opened, there is no thread to write it or the last one's file is not done. Service threads.
+  /// Starts a capture into the file at that path. 0, or -1 if one is running, the file cannot be
+  /// opened, there is no thread to write it or the previous file is not finished. Service threads.
   int32_t Start(const std::string& file, std::string& message);
 
   /// Ends the capture and returns when everything recorded up to now is in the file, with its
-  /// header. 0, or -1 when no capture was on, or a write failed, or the file did not take the rest
-  /// within the patience: then its thread goes on, and another Stop returns the outcome. Service
-  /// threads.
+  /// header. 0, or -1 if no capture was on, a write failed, or the rest was not written in time:
+  /// then the thread continues, and another Stop returns the result. Service threads.
   int32_t Stop(std::string& message);
 
   /// Called when the buffer is destroyed: ends the capture without its header. The thread closes
-  /// the file when the write it is in has returned. No other function may be called any more.
+  /// the file when its current write has returned. No other function may be called afterwards.
   void Abandon();
 
-  // RT. A buffer has one I/O thread at a time. If two ever meet here, a packet is missing from the
-  // file.
+  // RT. A buffer has one I/O thread at a time. If two ever meet here, the file loses a packet.
   void Record(const KvoxPacketHeader& header, std::span<const std::byte> payload) override;
   bool recording() const override { return on_.load(std::memory_order_relaxed); }
   uint32_t samples() const override { return samples_.load(std::memory_order_relaxed); }
 
  private:
-  /// What exists while a capture runs. `wav` is the writer's until writing_ is false.
+  /// The state of a running capture. `wav` belongs to the writer until writing_ is false.
   struct Session {
     Session(const std::string& buffer, const std::string& path, std::unique_ptr<CaptureFile> file);
 
@@ -67,7 +65,7 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
     WavFile wav;
     WakeEvent wake;
     std::atomic<bool> ending = false;
-    bool whole = false;  // it ended as it was asked to; the writer's like `wav`
+    bool whole = false;  // it ended properly; belongs to the writer like `wav`
   };
 
   bool StartWriter() REQUIRES(mutex_);

@@ -62,7 +62,7 @@ bool WavFile::Begin(const KvoxTapFormat& format) {
   return true;
 }
 
-/// Where the payload holds no whole group, the conversion area keeps its earlier contents.
+/// For an incomplete group the conversion area keeps its earlier contents.
 std::span<const std::byte> WavFile::Interleaved(std::span<const std::byte> payload) {
   InterleaveRuns(payload,
                  {.channels = format_->channels,

@@ -1,10 +1,10 @@
-// The recording of a buffer's packets in a WAV file: which packets are taken, how their samples are
+// Records a buffer's packets in a WAV file: decides which packets are taken, how their samples are
 // laid out, and when the header is written.
 //
 // A recording is on from the start. The first packet with a usable format begins the file: 44 bytes
 // of zeros, then the samples. It ends
-// - with a complete header: by End(), or by a packet whose format is another than the first one's;
-// - as it is: by a write that fails, or with the object.
+// - with a complete header: by End(), or by a packet whose format differs from the first one's;
+// - as it is: by a failed write, or with the object.
 #pragma once
 
 #include <cstddef>
@@ -32,8 +32,7 @@ class WavFile {
   /// Samples per channel in the file.
   uint32_t samples() const { return samples_; }
 
-  /// Adds the samples of a packet; channels that stand in runs become interleaved. A payload is a
-  /// multiple of 4 bytes long.
+  /// Adds the samples of a packet, interleaved. A payload is a multiple of 4 bytes long.
   void writeCaptureWav(const KvoxPacketHeader& header, std::span<const std::byte> payload);
 
   /// Ends the recording with a complete header, or as an empty file when no packet was taken.
@@ -52,7 +51,7 @@ class WavFile {
   std::unique_ptr<CaptureFile> file_;
   std::optional<KvoxTapFormat> format_;  // of the first packet, once the file has a header
   uint32_t samples_ = 0;
-  std::vector<std::byte> converted_;  // keeps what it held from packet to packet
+  std::vector<std::byte> converted_;  // keeps its contents between packets
 };
 
 }  // namespace kvox

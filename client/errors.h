@@ -1,4 +1,4 @@
-// How kvoxctl ends, for scripts, and what ends it.
+// Exit statuses of kvoxctl, and the exceptions that end it.
 #pragma once
 
 #include <stdexcept>

@@ -14,7 +14,7 @@
 namespace kvox {
 
 /// The client logs to standard error: it starts faster without the log library, which it would
-/// hardly ever use.
+/// rarely use.
 LogTarget& SystemLog() {
   class StandardError : public LogTarget {
    public:
@@ -61,6 +61,6 @@ int main(int argc, char** argv) {
   } catch (const std::exception& error) {
     out.Message(error.what());
   }
-  // Everything is printed: the binder's threads need no orderly end.
+  // Everything is printed: the binder's threads need no clean shutdown.
   _exit(status);
 }

@@ -29,29 +29,30 @@ if(KVOX_SANITIZE)
   target_link_options(kvox_build INTERFACE -fsanitize=${KVOX_SANITIZE})
 endif()
 if(KVOX_LTO)
-  # The packet path is optimised across its files. What links the same libraries otherwise does not
-  # pay for that.
+  # Optimises the packet path across files; other programs that link the same libraries skip the
+  # cost.
   target_link_options(kvox_build INTERFACE
     $<IF:$<BOOL:$<TARGET_PROPERTY:KVOX_LTO_LINK>>,-flto=auto,-fno-lto>)
 endif()
 if(KVOX_COVERAGE)
-  # %c maps the counters into the file, so that they are there however a process ends, be it by
-  # SIGKILL. %m is one file a program, which all its processes share. The path is built in because
-  # programs run in directories and environments of their own.
+  # %c maps the counters into the file, so they survive even SIGKILL. %m is one file per program,
+  # shared by all its processes. The path is built in because programs run in private directories
+  # and environments.
   set(counting "-fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%m%c.profraw")
   target_compile_options(kvox_build INTERFACE
     ${counting} -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(kvox_build INTERFACE ${counting})
 endif()
 if(KVOX_FUZZ)
-  # The feedback is the code under test's alone; the targets' own code would only cost time.
+  # Only the code under test gives feedback; instrumenting the targets themselves would only cost
+  # time.
   target_compile_options(kvox_build INTERFACE
     $<$<NOT:$<BOOL:$<TARGET_PROPERTY:KVOX_FUZZER>>>:-fsanitize=fuzzer-no-link>)
 endif()
 
-# Reading standard headers takes as long as compiling most of our files. A missing include goes unseen;
-# the lint, which works without, finds it. Not with gcc 12, which warns of faults in precompiled
-# headers that are none.
+# Reading standard headers takes as long as compiling most of our files. This hides missing
+# includes; the lint, which does not precompile, finds them. Not with gcc 12, which has false
+# warnings in precompiled headers.
 file(WRITE "${PROJECT_BINARY_DIR}/precompiled.cc" "")
 if(KVOX_PRECOMPILE AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
   add_library(kvox_precompiled OBJECT EXCLUDE_FROM_ALL "${PROJECT_BINARY_DIR}/precompiled.cc")
@@ -71,7 +72,7 @@ function(kvox_library name)
   endif()
 endfunction()
 
-# kvox_program(NAME SOURCES... [LINK targets...]): a program users run; it lands in KVOX_BIN_DIR.
+# kvox_program(NAME SOURCES... [LINK targets...]): a program for users, built into KVOX_BIN_DIR.
 function(kvox_program name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
@@ -90,11 +91,12 @@ if(KVOX_PRECOMPILE AND GTest_FOUND)
 endif()
 
 if(KVOX_SANITIZE STREQUAL "thread")
-  # Else every program sleeps for a second at its end, and tests start hundreds.
+  # By default every program sleeps for a second at exit, and tests start hundreds.
   set(KVOX_TEST_ENVIRONMENT ENVIRONMENT "TSAN_OPTIONS=atexit_sleep_ms=50")
 endif()
 
-# kvox_test(NAME SOURCES... [LINK targets...]): one GoogleTest program, each test a CTest test of its own.
+# kvox_test(NAME SOURCES... [LINK targets...]): a GoogleTest program; each of its tests is a CTest
+# test.
 function(kvox_test name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
@@ -114,8 +116,8 @@ add_library(android_log INTERFACE)
 target_include_directories(android_log SYSTEM INTERFACE "${KVOX_LIBLOG_INCLUDE}")
 target_link_libraries(android_log INTERFACE "${KVOX_LIBLOG}")
 
-# libevent, statically: kvoxctl runs for a millisecond, and a third of that would go into loading
-# shared libraries.
+# libevent, statically: kvoxctl runs for a millisecond, and loading shared libraries would take a
+# third of that.
 find_library(KVOX_EVENT_CORE libevent_core.a REQUIRED)
 find_library(KVOX_EVENT_PTHREADS libevent_pthreads.a REQUIRED)
 add_library(kvox_event INTERFACE)

@@ -22,10 +22,10 @@ constexpr int kOpenTests = 5;
 constexpr auto kOpenPause = std::chrono::milliseconds(100);
 constexpr auto kReplyBudget = std::chrono::milliseconds(500);
 
-/// The rest of a record that has begun follows at once or never.
+/// The rest of a partial record follows at once or never.
 constexpr auto kPartialPatience = std::chrono::milliseconds(20);
 
-/// After each read in a row that brings only stale records, the pause grows by this: a device that
+/// The pause grows by this after each consecutive read with only stale records: a device that
 /// floods the channel must not flood the log at the same rate.
 constexpr auto kStalePause = std::chrono::milliseconds(1);
 
@@ -38,8 +38,8 @@ void LogWrongSize(ssize_t actual, uint16_t opcode, size_t expected) {
 
 }  // namespace
 
-/// Opening or closing the device, which goes before commands that wait: a mutex that many commands
-/// take in turn would make it wait for all of them.
+/// Opening or closing the device, which takes priority over waiting commands; with a plain mutex it
+/// could wait for all of them.
 class ControlChannel::DeviceChange {
  public:
   explicit DeviceChange(ControlChannel& channel) : channel_(channel) {
@@ -203,9 +203,8 @@ int32_t ControlChannel::ReadReplies(uint16_t opcode, size_t size) {
   return -error;
 }
 
-/// Takes the reply out of those that have been read, the oldest first, and drops the others. A
-/// longer record is cut. A late reply to an earlier command with the same opcode is taken for this
-/// one's.
+/// Finds the reply among the records read, oldest first, and drops the others. A longer record is
+/// truncated. A late reply to an earlier command with the same opcode is accepted as this one's.
 bool ControlChannel::TakeReply(uint16_t opcode, CMD_HDR* record, size_t size) {
   while (!replies_.empty()) {
     const std::vector<std::byte> reply = std::move(replies_.front());

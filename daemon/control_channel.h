@@ -17,7 +17,7 @@ namespace kvox {
 
 class ControlChannel {
  public:
-  /// Closed at first; opened by Open() or by a command that finds it closed.
+  /// Initially closed; opened by Open(), or by a command if it is closed.
   explicit ControlChannel(std::string device_path);
   ~ControlChannel();
   ControlChannel(const ControlChannel&) = delete;
@@ -49,12 +49,12 @@ class ControlChannel {
 
   const std::string device_path_;
   Mutex lock_;  // the control lock: held through the whole wait for a reply
-  std::atomic<int> device_changes_ = 0;  // under way or waiting; they go before commands
+  std::atomic<int> device_changes_ = 0;  // running or waiting; they take priority over commands
   CondVar device_changed_;
   int fd_ GUARDED_BY(lock_) = -1;
   uint32_t commands_sent_ GUARDED_BY(lock_) = 0;
   ReplyStream stream_ GUARDED_BY(lock_);
-  std::deque<std::vector<std::byte>> replies_ GUARDED_BY(lock_);  // read, not looked at yet
+  std::deque<std::vector<std::byte>> replies_ GUARDED_BY(lock_);  // read, not examined yet
 };
 
 }  // namespace kvox

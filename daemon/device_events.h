@@ -1,4 +1,4 @@
-// Turns what the kernel reports about the device directory into device events.
+// Converts the kernel's inotify events of the device directory into device events.
 #pragma once
 
 #include <cstddef>

@@ -110,7 +110,7 @@ void Kvoxd::_setup_events(evutil_socket_t, short, void* daemon) {
         event_new(self->event_base_, signal_number, EV_SIGNAL | EV_PERSIST, _signal_handler, self),
         nullptr);
   }
-  pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);  // on this thread alone
+  pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);  // on this thread only
   self->WatchDevices();
 }
 

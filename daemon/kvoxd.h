@@ -1,5 +1,5 @@
-// The daemon's frame: the process-wide singleton that owns the control channel, the wake lock and
-// two threads. One serves binder calls, one runs the event loop for signals and device changes.
+// The daemon process: the singleton that owns the control channel, the wake lock and two threads.
+// One serves binder calls, one runs the event loop for signals and device changes.
 #pragma once
 
 #include <event2/event.h>
@@ -16,7 +16,7 @@ namespace kvox {
 
 class Kvoxd : public CoprocessorLink {
  public:
-  /// Made at the first call. Any thread.
+  /// Created by the first call. Any thread.
   static Kvoxd& Instance();
 
   /// Body of the binder thread: makes the service, publishes it and serves calls.

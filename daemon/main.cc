@@ -18,8 +18,8 @@ namespace {
 constexpr bool kEnableKvoxProcessing = KVOX_ENABLE_PROCESSING;
 constexpr bool kEnableKvoxPhonebooth = KVOX_ENABLE_PHONEBOOTH;
 
-/// A write to a peer that has gone, or beyond the size that files may have, is an ordinary error,
-/// and only the event thread handles signals.
+/// Makes a write to a closed peer, or beyond the file size limit, an ordinary error, and lets only
+/// the event thread handle signals.
 void PrepareSignals() {
   signal(SIGPIPE, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);

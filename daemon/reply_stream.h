@@ -1,5 +1,5 @@
-// Splits what the control device delivers into records. The device may be a byte stream, so a read
-// can hold several records or end in the middle of one.
+// Splits the control device's bytes into records. The device may be a byte stream, so a read can
+// hold several records or end in the middle of one.
 #pragma once
 
 #include <cstddef>
@@ -11,14 +11,14 @@ namespace kvox {
 
 class ReplyStream {
  public:
-  /// Takes what a read brought. Returns the records that are complete now, in order: each as long
-  /// as its size field says. Where that field makes no sense, everything at hand is one record.
+  /// Takes the bytes of a read. Returns the records that are now complete, in order, each as long
+  /// as its size field says. If that field is invalid, all remaining bytes are one record.
   std::vector<std::vector<std::byte>> Append(std::span<const std::byte> bytes);
 
-  /// Whether a record has begun and not ended.
+  /// Whether a record is incomplete.
   bool partial() const { return !pending_.empty(); }
 
-  /// Drops a record that has begun. Returns how much of it there was.
+  /// Drops an incomplete record. Returns how many bytes of it there were.
   size_t DropPartial();
 
  private:

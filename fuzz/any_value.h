@@ -1,4 +1,4 @@
-// Arguments of the interface's methods: values with a meaning for the service, and any others.
+// Arguments of the interface's methods: values meaningful to the service, and random ones.
 #pragma once
 
 #include <aidl/kvox/BnKvox.h>

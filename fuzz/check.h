@@ -1,4 +1,4 @@
-// What a fuzz target checks.
+// Checks of fuzz targets.
 #pragma once
 
 #include <cstdio>
@@ -6,7 +6,7 @@
 
 namespace kvox::fuzz {
 
-/// Ends the run with a finding unless the property holds. `property` is a sentence that is true of
+/// Ends the run with a finding unless the property holds. `property` is a sentence that is true for
 /// correct code.
 inline void Check(bool holds, const char* property) {
   if (holds) return;

@@ -1,5 +1,5 @@
-// What the control device may answer. The device is a pipe, which gives the channel its own command
-// back behind the answers that the input has put there: so every exchange ends without a wait.
+// Replies of the control device. The device is a pipe, which returns the channel's own command
+// after the replies of the input: so every exchange ends without a wait.
 
 #include <fcntl.h>
 #include <fuzzer/FuzzedDataProvider.h>
@@ -23,7 +23,7 @@ using Bytes = std::vector<std::byte>;
 constexpr size_t kSingleRead = 4096;   // of the channel
 constexpr size_t kMaxAnswers = 16384;  // bytes; a pipe takes four times that
 constexpr size_t kMaxRecord = 1024;
-constexpr int kMostReads = 4;  // the channel pauses longer and longer between useless ones
+constexpr int kMostReads = 4;  // the channel's pauses between useless ones grow
 constexpr uint16_t kOpcodes[] = {CMD_KVOX_TAP_ENABLE_ID,        CMD_KVOX_TAP_BIND_ID,
                                  CMD_KVOX_TAP_LIST_ID,          CMD_TAP_INFO_ID,
                                  CMD_KVOX_TAP_SET_BLOCK_LEN_ID, CMD_KVOX_TAP_SET_JITTER_BUFFER_ID};
@@ -45,7 +45,7 @@ bool PlausibleSize(uint16_t size) {
   return size >= sizeof(CMD_HDR) && size <= kMaxRecord;
 }
 
-/// Splits a stream as it comes, and checks that nothing is lost, added or moved.
+/// Splits a stream as it comes, and checks that nothing is lost, added or reordered.
 class CheckedStream {
  public:
   std::vector<Bytes> Append(std::span<const std::byte> bytes) {
@@ -75,7 +75,7 @@ class CheckedStream {
   size_t at_ = 0;
 };
 
-/// Some answers: good ones, ones of other commands, ones that are cut or have no sense.
+/// Some replies: good ones, ones to other commands, truncated ones and garbage.
 Bytes MakeAnswers(FuzzedDataProvider& input) {
   Bytes bytes;
   for (int i = input.ConsumeIntegralInRange(0, 8); i > 0 && bytes.size() < kMaxAnswers; --i) {
@@ -99,12 +99,12 @@ Bytes MakeAnswers(FuzzedDataProvider& input) {
   return bytes;
 }
 
-/// The channel's side of an exchange, without time: what it will make of what lies in the pipe.
+/// The channel's side of an exchange, without time: predicts its result from the pipe's contents.
 class ChannelModel {
  public:
   void Put(std::span<const std::byte> bytes) { Append(pipe_, bytes); }
 
-  /// The reply that the exchange ends with; none when it would wait for more, or long.
+  /// The reply that ends the exchange; none when it would wait for more, or too long.
   std::optional<Bytes> Reply(uint16_t opcode, size_t size) {
     for (int reads = 0; reads < kMostReads; ++reads) {
       while (!records_.empty()) {

@@ -1,4 +1,4 @@
-// Frames of the transport: valid ones for the tests' small interface, and any others.
+// Frames of the transport: valid ones for the tests' small interface, and random ones.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>

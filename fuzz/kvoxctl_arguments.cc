@@ -1,6 +1,6 @@
-// The words of `kvoxctl call`: the input is one word a line, the first of which is the method. What
-// the parsers accept means one thing and can be written down again; what a prepared call does is a
-// call of the method that was named.
+// The words of `kvoxctl call`: the input is one word per line, the first of which is the method.
+// What the parsers accept is unambiguous and can be written again; a prepared call calls the named
+// method.
 
 #include "client/calls/arguments.h"
 
@@ -107,7 +107,7 @@ void CheckLists(const std::string& word) {
 void CheckCall(const std::string& method, const Words& words) {
   try {
     const client::PreparedCall call = client::PrepareCall(method, words);
-    // This one would begin to serve the daemon.
+    // This one would start to serve the daemon.
     if (method == "RegisterReceiveAudioCallback") return;
     const auto daemon = ndk::SharedRefBase::make<Notebook>();
     client::Answer answer;

@@ -1,4 +1,4 @@
-// Captures of a fuzzed service are dropped: a client could name any file of this machine.
+// Captures of a fuzzed service are dropped: a client could name any file on this machine.
 
 #include "buffer/capture_file.h"
 

@@ -1,4 +1,4 @@
-// Files as kvoxctl's arguments name them, in a process that must not touch any.
+// Replaces kvoxctl's access to files, in a process that must not touch any.
 
 #include "client/system/files.h"
 

@@ -1,5 +1,5 @@
 // Calls of every method of the interface, valid and corrupted ones, to a service whose devices
-// come, go and deliver while it runs.
+// come, go and deliver audio at the same time.
 
 #include <aidl/kvox/BnKvox.h>
 #include <fuzzer/FuzzedDataProvider.h>
@@ -82,7 +82,7 @@ constexpr Method kMethods[] = {
 #undef KVOX_ROW
 static_assert(std::size(kMethods) == 41);
 
-/// Bytes of a request with some of its words changed, cut off or added.
+/// A request's bytes with some words changed, removed or added.
 std::vector<uint8_t> Broken(const AParcel& request, FuzzedDataProvider& input) {
   std::vector<uint8_t> bytes(request.data().begin(), request.data().end());
   constexpr int32_t kWords[] = {-1, 0, 1, 2, 3, 4, 64, 0x10000, INT32_MAX, INT32_MIN};

@@ -1,5 +1,5 @@
-// Scenario files: what is accepted keeps every promise that the simulator relies on, and what is
-// not is told by line, key and expectation.
+// Scenario files: accepted ones satisfy everything that the simulator relies on, and errors name
+// line, key and expectation.
 
 #include "sim/scenario/scenario.h"
 

@@ -1,5 +1,5 @@
-// A KvoxService and what surrounds it: a co-processor that answers as an input says, devices that
-// are FIFOs in a private directory, and a recovery that runs when it is told to.
+// A KvoxService in a fake environment: a co-processor that replies as the input says, devices that
+// are FIFOs in a private directory, and a recovery that runs on request.
 #pragma once
 
 #include <fcntl.h>
@@ -23,8 +23,8 @@
 
 namespace kvox::fuzz {
 
-/// Honest as long as it has no noise: then it knows the tap points of the use cases. Else every
-/// status and every reply's contents are the next bytes of the noise, round and round.
+/// Without noise it replies correctly and has the tap points of the use cases. With noise every
+/// status and reply is made of its bytes, which repeat.
 class NoisyCoprocessor : public FakeCoprocessor {
  public:
   NoisyCoprocessor() { taps = UseCaseTaps(); }
@@ -75,11 +75,11 @@ class DeviceNodes {
   }
   void Remove(size_t device) const { unlink((path_ + "/" + NodeName(device)).c_str()); }
 
-  /// What a tap-out device delivers.
+  /// Delivers bytes through a tap-out device.
   void Deliver(size_t device, std::span<const std::byte> bytes) const {
     [[maybe_unused]] const ssize_t size = write(ends_[device].get(), bytes.data(), bytes.size());
   }
-  /// Takes what lies in every device.
+  /// Empties every device.
   void Drain() const {
     std::array<std::byte, 65536> bytes;
     for (const UniqueFd& end : ends_) {
@@ -105,7 +105,7 @@ class ServiceWorld {
   NoisyCoprocessor& link() { return link_; }
   KvoxService& service() { return *service_; }
 
-  /// The device goes or comes, and the service hears of it.
+  /// Removes or adds the device, and notifies the service.
   void Switch(size_t device, bool present) {
     if (present) {
       nodes_.Make(device);
@@ -116,7 +116,7 @@ class ServiceWorld {
     service_->HandleDeviceEvent({present ? DeviceEvent::Kind::kArrived : DeviceEvent::Kind::kLeft,
                                  DeviceNodes::NodeName(device)});
   }
-  /// Everything is restored that can be when this returns.
+  /// Runs the recovery until everything possible is restored.
   void Recover() {
     if (recovery_ != nullptr) recovery_->Run();
   }

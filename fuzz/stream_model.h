@@ -1,5 +1,5 @@
-// The stream parser as docs/protocol.md describes it, with no thought of speed or memory: every
-// byte is copied, the magic is looked for word by word.
+// A naive stream parser as docs/protocol.md describes it, without regard to speed or memory: it
+// copies every byte and searches for the magic word by word.
 #pragma once
 
 #include <cstring>
@@ -21,7 +21,7 @@ class StreamModel {
   }
   void Resync() { resyncing_ = true; }
 
-  /// The findings of one read, all but `packet`.
+  /// The findings of one read, except `packet`.
   StreamFindings Consume(std::span<const std::byte> read) {
     StreamFindings findings;
     const auto size = static_cast<uint32_t>(read.size());

@@ -1,5 +1,5 @@
-// The bytes of a tap-out device, in reads of any length, against a model of the parser; then a
-// stream that is sound again, which has to be found.
+// The bytes of a tap-out device, in reads of any length, compared with a model of the parser; then
+// a valid stream, which the parser must find.
 
 #include "buffer/stream_parser.h"
 
@@ -19,7 +19,7 @@ using Bytes = std::vector<std::byte>;
 constexpr size_t kMaxPending = 4 * kPacketMaxSize;
 constexpr size_t kAlignment = 8;
 
-/// The header, and filling behind it; cut to `size`.
+/// The header followed by filler, truncated to `size`.
 Bytes MakePacket(KvoxPacketHeader header, size_t size, uint8_t filling) {
   Bytes bytes(std::max(size, sizeof header), std::byte{filling});
   std::memcpy(bytes.data(), &header, sizeof header);
@@ -27,12 +27,12 @@ Bytes MakePacket(KvoxPacketHeader header, size_t size, uint8_t filling) {
   return bytes;
 }
 
-// Each a variable of its own, so that a byte too many is noticed; not allocated for every input,
-// which would take most of the time.
+// Separate variables, so that a byte too many is detected; not allocated for every input, which
+// would take most of the time.
 std::byte receive_area[kPacketMaxSize];
 std::byte packet_area[kPacketMaxSize];
 
-/// A device, the parser that reads it, and the model that has to find the same.
+/// A device, the parser that reads it, and the model that must find the same.
 class Stream {
  public:
   void Add(std::span<const std::byte> bytes) {
@@ -55,7 +55,7 @@ class Stream {
     model_.StartOver();
   }
 
-  /// One read of at most `limit` bytes. Answers what it found.
+  /// One read of at most `limit` bytes. Returns its findings.
   StreamFindings Read(size_t limit) {
     const std::span<std::byte> area = parser_.ReadArea();
     Check(area.data() == receive_area, "every read goes to the front of the area");
@@ -98,7 +98,7 @@ class Stream {
   size_t taken_ = 0;  // of pending_, from its front
 };
 
-/// What any device may bring, and what the reader may do to the parser.
+/// Any device input, and any call that the reader may make to the parser.
 void Disturb(FuzzedDataProvider& input, Stream& stream) {
   KvoxPacketHeader header;
   switch (input.ConsumeIntegralInRange(0, 7)) {
@@ -141,8 +141,8 @@ void ReadAll(Stream& stream) {
   }
 }
 
-/// Packets that come one at a time, as a device in order delivers them, are found one for one once
-/// whatever was begun before is over.
+/// Packets that come one at a time, as from a working device, are all found once an earlier partial
+/// packet is over.
 void ExpectRecovery(FuzzedDataProvider& input, Stream& stream) {
   const uint32_t size = kAlignment * input.ConsumeIntegralInRange(256u, 8192u);
   const size_t chunk = kAlignment * input.ConsumeIntegralInRange<size_t>(1, 8192);

@@ -1,5 +1,5 @@
-// Frames of a hostile peer: to a service, and to a client that waits for a reply. What comes back
-// is well-formed and replies to each call once; other peers are not affected.
+// Frames of a hostile peer, to a service and to a client that waits for a reply. What comes back is
+// well-formed and replies to each call once; other peers are not affected.
 
 #include <fcntl.h>
 #include <fuzzer/FuzzedDataProvider.h>
@@ -65,7 +65,7 @@ struct SocketPair {
   }
 };
 
-/// The peer's end: what it sends, and what it gets.
+/// The peer's end: what it sends and receives.
 class Peer {
  public:
   explicit Peer(int fd) : fd_(fd) {}

@@ -1,5 +1,5 @@
-// What stands in a capture's file, for packets of any format, size and order, and a disk that takes
-// what it likes.
+// The contents of a capture's file, for packets of any format, size and order, and a disk with
+// partial and failing writes.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -21,14 +21,15 @@ using Bytes = std::vector<std::byte>;
 
 constexpr size_t kMaxPayload = 4096;
 
-/// A disk that takes what it likes, and may fail.
+/// A disk whose writes may be partial or fail.
 ssize_t AnyResult(FuzzedDataProvider& input, ssize_t asked) {
   const int choice = input.ConsumeIntegralInRange(0, 40);
   if (choice == 40) return input.ConsumeBool() ? -1 : 0;
   return choice < 36 ? asked : input.ConsumeIntegralInRange<ssize_t>(1, asked);
 }
 
-/// Sample by sample, from the description alone. Answers how many bytes whole groups have.
+/// Sample by sample, from the format description alone. Returns the size of the whole groups in
+/// bytes.
 size_t NaiveInterleave(std::span<const std::byte> in, const ChannelRuns& runs,
                        std::span<std::byte> out) {
   const uint64_t group = uint64_t{runs.channels} * runs.samples * runs.bytes_per_sample;
@@ -84,7 +85,7 @@ bool Usable(const KvoxTapFormat& format) {
          (format.bytes_per_sample == 2 || format.bytes_per_sample == 4);
 }
 
-/// What should stand behind the header.
+/// The expected bytes after the header.
 class FileModel {
  public:
   explicit FileModel(const KvoxTapFormat& format) : format_(format) {}
@@ -115,7 +116,7 @@ class FileModel {
   uint64_t frames_ = 0;
 };
 
-/// tests/common/wav_header_test.cc holds the header's bytes.
+/// tests/common/wav_header_test.cc tests the header's bytes.
 void CheckHeader(const std::string& file, const FileModel& model) {
   const KvoxTapFormat& format = model.format();
   const size_t frame = size_t{format.channels} * format.bytes_per_sample;

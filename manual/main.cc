@@ -1,5 +1,5 @@
 // kvox_manual TEMPLATE VERSION: prints a manual page for scdoc(1) to render. In the template a word
-// such as @OPTIONS@ stands for the rows that the program's own --help has.
+// such as @OPTIONS@ is replaced by the rows of the program's own --help.
 #include <CLI/CLI.hpp>
 #include <cctype>
 #include <cstdio>

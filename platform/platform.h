@@ -1,4 +1,4 @@
-// What daemon and client need of the platform besides its libraries. Each platform has its own
+// What daemon and client need from the platform besides its libraries. Each platform has its own
 // implementation (linux/, android/); callers are the same on both.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace kvox {
 
-/// To be called first by a program with an event loop of its own, before any other thread runs.
+/// Call this first in a program with its own event loop, before any other thread runs.
 void PreparePlatform();
 
 /// The environment variables that this platform reads, for the help of the daemon and its clients.
@@ -35,8 +35,8 @@ bool ServiceDenied();
 
 // For diagnosis; any thread.
 
-/// The sockets at which this process looks for a service, in this order. None where there is a
-/// service manager.
+/// The sockets where this process looks for a service, in this order. None if there is a service
+/// manager.
 std::vector<std::string> ServiceSockets(const char* service);
 
 /// The process that listens at a socket.

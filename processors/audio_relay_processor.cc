@@ -81,8 +81,8 @@ int32_t AudioRelayProcessor::Enable(bool enable) {
   return 0;
 }
 
-/// Format codes as packets carry them. A tap point does not say how its samples are encoded: as
-/// long as they have the size of the role's samples, they are taken to have its encoding.
+/// Format codes as in packets. A tap point does not say how its samples are encoded: if they have
+/// the size of the role's samples, they are assumed to have its encoding.
 IKvox::AudioPacket AudioRelayProcessor::Shape() const {
   const Role& role = RoleOf(id());
   const bool has_role = role.id != 0;
@@ -134,7 +134,7 @@ int32_t AudioRelayProcessor::SetParameter(Id id, int element, const Value& value
     MutexLock lock(processor_mutex_);
     restarting_.store(true, std::memory_order_relaxed);
     status = KvoxProcessor::SetParameter(id, element, value, forward);
-    // A length that the tap point refused is stored, but its blocks keep their size.
+    // A length that the tap point refused is stored, but the blocks keep their size.
     if (status == kParameterStored && IsEnabled() && startProcessor() != 0) {
       SetEnabled(false);
       status = kParameterNotForwarded;
@@ -204,8 +204,8 @@ void AudioRelayProcessor::RegisterReceiveAudioCallback(
   FollowCallback(static_cast<uint64_t>(AIBinder_getCallingPid()));
 }
 
-/// Makes the callback that is registered now the client of the blocks. Its thread belongs to
-/// `share`, the process that registered it.
+/// Makes the currently registered callback the client of the blocks. Its thread belongs to `share`,
+/// the process that registered it.
 void AudioRelayProcessor::FollowCallback(uint64_t share) {
   std::shared_ptr<const RelayState> replaced;  // released without the locks
   {

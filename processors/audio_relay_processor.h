@@ -1,13 +1,13 @@
-// Relays audio between the co-processor and a client: hands the tap's blocks to the client's
-// callback, and passes the blocks that the client sends on to the co-processor.
+// Relays audio between the co-processor and a client: passes the tap's blocks to the client's
+// callback, and the blocks that the client sends to the co-processor.
 //
 // The id selects a role. "art0" and "art1" relay telephony: the client gets and sends mono blocks
 // of 16-bit samples, and what it sent goes out only with a block it has accepted. "armd" relays
 // media playback; this and every other id gives the client interleaved blocks of the tap's format,
 // and takes such blocks from it.
 //
-// Commands prepare a RelayState as a whole; the I/O thread gets it with its routes. No lock is held
-// while the client is called; see RelayClient for who waits for whom.
+// Commands replace a RelayState as a whole; the I/O thread gets it with its routes. No lock is held
+// while the client is called; see RelayClient for which thread waits.
 #pragma once
 
 #include <atomic>
@@ -24,12 +24,12 @@ namespace kvox {
 struct RelayStream;
 struct RelayState;
 
-/// Counts blocks for a report that comes once a second at most. One thread at a time.
+/// Counts blocks for a report at most once a second. One thread at a time.
 class BlockCounter {
  public:
   void Count() { ++count_; }
 
-  /// RT: how many to report now; 0 when there are none or it is too early.
+  /// RT: how many to report now; 0 if there are none or it is too early.
   uint32_t TakeDue(uint64_t now_ns);
 
   /// How many have not been reported.
@@ -57,8 +57,8 @@ class AudioRelayProcessor : public KvoxProcessor {
   int32_t GetParameter(IKvox::ParameterId id, int element, IKvox::ParamValue* value) const override;
   /// A tap of another shape restarts an enabled relay that is not telephony.
   int32_t SetFormat(const KvoxTapFormat& format) override;
-  /// Takes one whole block of the relay's format, which goes out with the next block of the tap.
-  /// One that still waits is replaced.
+  /// Takes one whole block of the relay's format, which is sent with the next block of the tap.
+  /// Replaces a block that still waits.
   int32_t SendAudio(const IKvox::AudioPacket& packet) override;
   void RegisterReceiveAudioCallback(
       const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback) override;
@@ -88,10 +88,10 @@ class AudioRelayProcessor : public KvoxProcessor {
 
   ProcessorHost& host_;
 
-  Mutex processor_mutex_;                 // one switching at a time
-  std::atomic<bool> restarting_ = false;  // enabled, but no block passes
+  Mutex processor_mutex_;                 // serialises switching
+  std::atomic<bool> restarting_ = false;  // enabled, but drops blocks
 
-  Mutex registration_mutex_ ACQUIRED_BEFORE(audio_mutex_);  // one change of the client at a time
+  Mutex registration_mutex_ ACQUIRED_BEFORE(audio_mutex_);  // serialises changes of the client
 
   mutable Mutex audio_mutex_;  // a leaf lock
   std::shared_ptr<const RelayState> state_ GUARDED_BY(audio_mutex_);

@@ -1,4 +1,4 @@
-// What commands prepare for a relay's blocks. Belongs to AudioRelayProcessor alone.
+// The state that commands prepare for a relay's blocks. Private to AudioRelayProcessor.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ inline constexpr uint32_t kRelaySampleRate = 48000;  // Hz, the only one a relay
 /// No transaction can carry a larger block.
 inline constexpr size_t kMaxSentBlock = 1u << 20;
 
-/// A started relay's format, and what its client has sent.
+/// A started relay's format, and the audio that its client has sent.
 struct RelayStream {
   RelayStream(const IKvox::AudioPacket& packet_shape, uint32_t frames, uint32_t bits,
               ByteBudget& room)

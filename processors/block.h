@@ -1,4 +1,4 @@
-// What passes between the I/O thread of a tap-out buffer and the processors that read it.
+// The interface between the I/O thread of a tap-out buffer and the processors that read it.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +23,7 @@ class IoWaiter {
   virtual uint64_t NowNs() = 0;
 };
 
-/// What a kind of processor has prepared for its blocks. It is replaced as a whole, travels to the
+/// State that a kind of processor prepares for its blocks. It is replaced as a whole, reaches the
 /// I/O thread with the routes and lives until no block uses it.
 class BlockState {
  public:
@@ -41,8 +41,8 @@ struct Block {
   IoWaiter& waiter;
 };
 
-/// The block that an inject buffer will send. Zero-filled the first time it is asked for, so that a
-/// processor that leaves it alone costs nothing.
+/// The block that an inject buffer will send. Zero-filled on first use, so a processor that does
+/// not use it costs nothing.
 class OutputArea {
  public:
   explicit OutputArea(std::span<std::byte> area) : area_(area) {}
@@ -56,10 +56,10 @@ class OutputArea {
   bool zeroed_ = false;
 };
 
-/// How a block left a processor.
+/// The result of processing a block.
 struct BlockResult {
   int32_t status = 0;            // 0, or the processor's error
-  bool output_is_input = false;  // send the input as it came; the output area was not touched
+  bool output_is_input = false;  // send the input unchanged; the output area was not used
 };
 
 }  // namespace kvox

@@ -8,7 +8,7 @@
 namespace kvox {
 namespace {
 
-/// The cookie of a death notice: which registration of which processor it is about.
+/// The cookie of a death notice: the processor and the registration.
 struct CallbackLink {
   std::weak_ptr<KvoxProcessor> processor;
   uint64_t serial;

@@ -1,6 +1,6 @@
-// Base of every host-side audio processor. A processor takes blocks from one tap-out buffer and may
-// fill the blocks of one inject buffer; which ones is up to the wiring. The base has
-// what all kinds share and a default for everything but ProcessBlock.
+// Base class of all host-side audio processors. A processor takes blocks from one tap-out buffer
+// and may fill the blocks of one inject buffer; the wiring decides which. The base class has
+// everything that kinds share, and a default for everything except ProcessBlock.
 //
 // Processors are owned by std::shared_ptr: by the service's table, by the routes that lead to them
 // and by commands that use them.
@@ -37,9 +37,8 @@ enum ParameterStatus : int32_t {
   kReadOnlyParameter = 6,
 };
 
-/// Status results are 0 for success and -1 for failure unless something else is said. Any thread
-/// but an I/O thread may call, except where a function is marked RT: those belong to the I/O thread
-/// of the input buffer.
+/// Status results are 0 for success and -1 for failure unless noted otherwise. Any thread except an
+/// I/O thread may call; functions marked RT belong to the I/O thread of the input buffer.
 class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
  public:
   /// The parts of a format, in the order in which SetFormat applies them.
@@ -76,7 +75,7 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   /// RT: processes one block. `out` is null when no enabled inject buffer takes it.
   virtual BlockResult ProcessBlock(const Block& block, OutputArea* out) = 0;
 
-  /// What the kind's blocks work with; null for none. A kind that changes it tells its host.
+  /// The state for the kind's blocks; null for none. A kind that changes it notifies its host.
   virtual std::shared_ptr<const BlockState> block_state() const { return nullptr; }
 
   /// Both return a ParameterStatus.
@@ -91,11 +90,11 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
     return format_[static_cast<size_t>(field)].load(std::memory_order_relaxed);
   }
 
-  /// Takes a block from a client. Kinds that have no use for it ignore it.
+  /// Takes a block from a client. Ignored by default.
   virtual int32_t SendAudio(const IKvox::AudioPacket& packet);
 
-  /// Hands the processor's audio to `callback` from now on, in place of the one before; null ends
-  /// that. So does the callback's death.
+  /// Passes the processor's audio to `callback` from now on, instead of the previous one; null, or
+  /// the callback's death, ends that.
   virtual void RegisterReceiveAudioCallback(
       const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback);
   bool HasReceiveAudioCallback() const { return receive_audio_callback() != nullptr; }
@@ -107,10 +106,10 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   KvoxProcessorStats& stats() { return stats_; }
 
  protected:
-  /// Stores a field; false refuses it. A kind that cannot take every value overrides this.
+  /// Stores a field; false refuses it. A kind that does not support every value overrides this.
   virtual bool SetFormatField(FormatField field, uint32_t value);
 
-  /// After the dead callback has been dropped.
+  /// Called after the dead callback has been dropped.
   virtual void OnCallbackDied() {}
 
   std::shared_ptr<IKvox::IReceiveAudioCallback> receive_audio_callback() const;
@@ -124,7 +123,7 @@ class KvoxProcessor : public std::enable_shared_from_this<KvoxProcessor> {
   const FourCcText id_text_;
   const FourCcText type_text_;
 
-  // Settings: written by commands, read by any thread. Relaxed: each stands for itself.
+  // Settings: written by commands, read by any thread. Relaxed: they publish nothing else.
   std::atomic<bool> enabled_ = false;
   std::atomic<bool> passthrough_mode_ = false;
   std::atomic<bool> test_mode_ = false;

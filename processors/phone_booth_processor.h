@@ -10,7 +10,7 @@ class PhoneBoothProcessor : public KvoxProcessor {
  public:
   static constexpr FourCc kType = MakeFourCc("phbt");
 
-  /// What a client is told that asks for the use case.
+  /// The reply to a client that requests the use case.
   static constexpr char kRefusal[] = "Disabled in build";
 
   using KvoxProcessor::KvoxProcessor;

@@ -1,4 +1,4 @@
-// What processors ask of the service that made them.
+// What processors need from the service that created them.
 #pragma once
 
 #include <cstdint>

@@ -27,7 +27,7 @@ void Add(std::atomic<float>& sum, float value) {
 
 }  // namespace
 
-// Sequentially consistent, paired with Release: what the last holder wrote is seen by the next.
+// Sequentially consistent, paired with Release: the next holder sees what the last one wrote.
 bool KvoxProcessorStats::Flag::TryAcquire() {
   return !taken_.exchange(true);
 }

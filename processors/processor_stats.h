@@ -19,8 +19,8 @@ class KvoxProcessorStats {
   /// RT: the processing of a block begins. Times are those of the packet clock.
   void StartMeasurement(uint64_t now_ns);
 
-  /// RT: the block that began at `begin_ns` has ended. A reset meanwhile does not change how long
-  /// it took. Logs a line about once a second of blocks.
+  /// RT: the block that began at `begin_ns` has ended. A reset in between does not change its
+  /// active time. Logs a line for about every second of blocks.
   void StopMeasurement(uint64_t begin_ns, uint64_t now_ns);
 
   // Service threads. Each of the three waits at most 50 ms for the flag, then returns false.
@@ -32,7 +32,7 @@ class KvoxProcessorStats {
   /// both.
   bool GetMeasurements(float& average_period, std::vector<float>& measurements);
 
-  /// Forgets what was measured, all but the number of blocks.
+  /// Clears all measurements except the number of blocks.
   bool Reset();
 
   /// How many active times are kept at most.
@@ -69,7 +69,7 @@ class KvoxProcessorStats {
   Flag flag_;
 
   // Written without the flag by StartMeasurement, which must not skip a period. Relaxed throughout:
-  // each is a figure of its own, and one that is lost against a concurrent reset is harmless.
+  // the figures are independent, and losing one to a concurrent reset is harmless.
   std::atomic<uint32_t> blocks_ = 0;
   std::atomic<uint64_t> last_start_ = 0;
   std::atomic<float> period_sum_ = 0;

@@ -40,7 +40,7 @@ RelayClient::Answer RelayClient::Deliver(const IKvox::AudioPacket& shape, IoWait
   packet_.format = shape.format;
   packet_.bitsPerSample = shape.bitsPerSample;
   packet_.numChannels = shape.numChannels;
-  answered_.Clear();  // of an answer that came too late
+  answered_.Clear();  // from an answer that came too late
   // Release: the thread sees the packet.
   state_.store(State::kFull, std::memory_order_release);
   work_.Signal();

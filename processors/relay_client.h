@@ -1,6 +1,6 @@
 // A client that receives a relay's audio, and the thread that calls it. The thread waits for the
-// client as long as that takes; the I/O thread waits for the thread for a bounded time only. So a
-// client can be slow, hang or die without delaying the audio.
+// client without limit; the I/O thread waits for the thread only for a bounded time. So a client
+// can be slow, hang or die without delaying the audio.
 #pragma once
 
 #include <aidl/kvox/IKvox.h>
@@ -24,18 +24,18 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
     kAccepted,
     kRefused,  // also by a client that has died
     kLate,     // no answer in time; a later one is ignored
-    kBusy,     // still with an earlier block: this one was not handed over
+    kBusy,     // still busy with an earlier block: this one was not delivered
     kGivenUp,  // the I/O thread was needed elsewhere
   };
 
-  /// The client and its thread, which ends by itself after Stop(). It belongs to `share` in
-  /// `threads`. Null when there is no thread, or no descriptor to wait on.
+  /// The client and its thread, which ends after Stop(). It belongs to `share` in `threads`. Null
+  /// when there is no thread, or no descriptor to wait on.
   static std::shared_ptr<RelayClient> Start(std::shared_ptr<IKvox::IReceiveAudioCallback> callback,
                                             ThreadGroup& threads, uint64_t share);
 
   explicit RelayClient(std::shared_ptr<IKvox::IReceiveAudioCallback> callback);
 
-  /// Ends the thread once the call it is in has returned. Waits for nothing. Any thread.
+  /// Ends the thread once its current call has returned. Does not wait. Any thread.
   void Stop();
 
   bool Calls(const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback) const {
@@ -48,7 +48,7 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
   /// busy.
   std::span<std::byte> Slot(size_t size);
 
-  /// Hands the slot's content over, as a packet with the other fields of `shape`, and waits for the
+  /// Delivers the slot's content, as a packet with the other fields of `shape`, and waits for the
   /// answer until `deadline_ns` at most.
   Answer Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter, uint64_t deadline_ns);
 

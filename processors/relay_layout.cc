@@ -55,7 +55,7 @@ void ToInterleaved(std::span<const std::byte> in, const KvoxTapFormat& tap,
   ConvertRuns(in, tap, group, out);
 }
 
-// The way back is the same transposition: a frame is a run of one sample of each channel.
+// The reverse is the same transposition: a frame is a run of one sample of each channel.
 void FromInterleaved(std::span<const std::byte> in, const KvoxTapFormat& tap,
                      std::span<std::byte> out) {
   const auto group = [&tap](size_t run) {

@@ -1,4 +1,4 @@
-// The block that a client has sent to a relay and that waits for the next block of the tap.
+// The block from a relay's client that waits for the next block of the tap.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@ namespace kvox {
 /// its slot and swaps it for the waiting one, so neither waits for the other.
 class SentAudio {
  public:
-  /// Room that every relay has; enough for a telephone call.
+  /// Memory that every relay has; enough for a phone call.
   static constexpr size_t kOwnRoom = 16 << 10;
 
   /// The slots are charged to `room`, which outlives them, from the first block on. Slots that fit

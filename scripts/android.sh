@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # Usage: scripts/android.sh
 #
-# Checks what a host can of the phone's side: that daemon, client and the device's test compile
-# with nothing but the headers a phone has (stand-ins for binder and wake locks, Android's log and
-# C++ library), that the policy compiles, and that manifest and matrix are well-formed.
+# Checks the Android side as far as a host can: daemon, client and the device's test compile with
+# only the headers a phone has (stand-ins for binder and wake locks, Android's log and C++ library),
+# the policy compiles, and manifest and matrix are well-formed.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 failed=0
 tree=$(mktemp -d)
 trap 'rm -rf "$tree"' EXIT
 
-# A tree without platform/linux but for the headers of the platform itself.
+# A tree without platform/linux, except for the platform's own headers.
 mkdir -p "$tree"/{include,platform}
 for folder in kvox processors buffer service daemon client interface tests; do
   ln -s "$PWD/$folder" "$tree/$folder"
@@ -19,12 +19,12 @@ ln -s "$PWD"/platform/{platform.h,android} "$tree/platform"
 ln -s "$PWD"/platform/linux/include/{android,hardware_legacy} "$PWD/interface/host/include/aidl" \
   "$tree/include"
 
-# No run-time types: the libraries that the platform generates have none to derive from.
+# No RTTI: the libraries that the platform generates are built without it.
 flags=(-std=c++20 -stdlib=libc++ -fno-rtti -Wall -Wextra -Wshadow -Wthread-safety -Werror
   -I. -isystem include -isystem /usr/include/android
   -DKVOX_VERSION='""' -DKVOX_ENABLE_PROCESSING=0 -DKVOX_ENABLE_PHONEBOOTH=0)
 
-# precompile HEADER: what most sources of the next compile include.
+# precompile HEADER: a header that most sources of the next compile include.
 precompile() {
   (cd "$tree" && echo "#include <$1>" >common.h &&
     clang++-16 -x c++-header "${flags[@]}" common.h -o common.pch)

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Usage: ./dev bench [--quick] [--only GROUP] [--json FILE]
 #
-# Compares kvoxd with the least a program can do for the same work, both in alternation in one run:
-# packets with a bare relay, calls with a bare socket, kvoxctl with a process that does nothing. Also
-# measures what the idle daemon and kvoxctl top use, and single steps. Prints aims beside the
-# outcome. A missed aim is no failure; a lost or wrong packet or call is.
+# Compares kvoxd with minimal programs that do the same work, alternating in one run: packets with a
+# bare relay, calls with a bare socket, kvoxctl with an empty process. Also measures the CPU use of
+# the idle daemon and of kvoxctl top, and single steps. Prints targets next to results. A missed
+# target is not a failure; a lost or wrong packet or call is.
 #
-#   --quick       well under a minute; without it about two
+#   --quick       well under a minute; otherwise about two
 #   --only GROUP  one of ping-pong, paced, calls, client, idle, top, micro
-#   --json FILE   also write the outcome into FILE, except for the single steps
+#   --json FILE   also write the results to FILE, except for the single steps
 #
 # Ping-pong on one core is repeatable; the other figures need an idle machine.
 # Everything runs in private directories. As root the threads run at real-time priority.

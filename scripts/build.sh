@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Usage: ./dev build [PRESET]
 #
-# Builds the programs kvoxd, kvosim and kvoxctl: optimised, with symbols, into build/bin. Their manual
-# pages go into build/release/man. With a preset (release, dev, asan, tsan) everything of it is built,
-# the tests too, under build/PRESET.
+# Builds kvoxd, kvosim and kvoxctl, optimised and with symbols, into build/bin, and their manual
+# pages into build/release/man. With a preset (release, dev, asan, tsan) builds everything,
+# including the tests, under build/PRESET.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=()

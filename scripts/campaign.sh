@@ -1,7 +1,7 @@
-# Builds and runs a program of tests/campaign; sourced by the scripts of faults and soak.
+# Builds and runs a program of tests/campaign; sourced by faults.sh and soak.sh.
 # shellcheck shell=bash disable=SC2154
 
-# run_campaign PROGRAM LOGS [OPTION...]: PROGRAM knows all options but --preset and --help.
+# run_campaign PROGRAM LOGS [OPTION...]: all options except --preset and --help go to PROGRAM.
 run_campaign() {
   local program=$1 logs=$PWD/$2 preset=release
   shift 2

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Usage: ./dev clean
 #
-# Removes everything that was built, and what demo and bench left, by removing build/.
+# Removes build/: everything that was built, and the output of demo and bench.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=()

@@ -2,8 +2,8 @@
 # shellcheck shell=bash
 set -euo pipefail
 
-# Answers --help with the script's own header comment, and refuses what it does not know:
-#   parse_options "$@" with the known options in the array `options`; sets `chosen` and `words`.
+# parse_options "$@", with the known options in the array `options`: sets `chosen` and `words`.
+# Prints the script's header comment for --help, and refuses unknown options.
 parse_options() {
   chosen=" "
   words=()
@@ -37,7 +37,8 @@ refuse_words() {
   fi
 }
 
-# The packages of a group in scripts/packages.txt that are not installed.
+# missing_packages GROUP...: packages of these groups in scripts/packages.txt that are not
+# installed.
 missing_packages() {
   local package
   awk -v groups=" $* " '!/^#/ && index(groups, " " $1 " ") { print $2 }' scripts/packages.txt |
@@ -47,12 +48,12 @@ missing_packages() {
     done
 }
 
-# Installs what these groups lack, through setup.
+# need_packages GROUP...: installs the missing ones through setup.
 need_packages() {
   if [ -n "$(missing_packages "$@")" ]; then scripts/setup.sh "$@"; fi
 }
 
-# Configures and builds: preset, then targets.
+# build_preset PRESET [TARGET...]: configures and builds.
 build_preset() {
   local preset=$1
   shift

@@ -1,5 +1,5 @@
-# Sums up which lines ran: the first file names all sources, the second is what llvm-cov exports.
-# `root` is the tree's folder with a slash, `least` the per cent that must have run.
+# Sums up line coverage: the first file lists all sources, the second is the export of llvm-cov.
+# `root` is the tree's folder with a slash, `least` the required percentage.
 
 function group(path) {
   if (path ~ /(^|\/)main\.cc$/) return "main.cc files"

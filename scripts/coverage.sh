@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # Usage: ./dev coverage [--report]
 #
-# Builds programs and tests so that they count which lines run, runs the whole suite, and prints how
-# many lines of each folder ran, the files that miss most, and the total. Fails when a test does, or
-# when less than 85 % of all lines ran.
+# Builds programs and tests with coverage, runs the whole suite, and prints the line coverage of
+# each folder, the files with the most uncovered lines, and the total. Fails if a test fails, or if
+# less than 85 % of all lines ran.
 #
-#   --report  print the outcome of the last run again
+#   --report  print the result of the last run again
 #
-# What the programs do as processes of the system tests counts, also when a signal ends them: their
-# counters are mapped into files. The total leaves out each program's main.cc, which is shown apart,
-# and the tests themselves. bench and fuzz are no part of it, as no test runs them.
+# Programs that the system tests run are counted, even when a signal ends them: their counters are
+# mapped into files. The total excludes each program's main.cc, which is shown separately, the tests
+# themselves, and bench and fuzz, which no test runs.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 # shellcheck disable=SC2034 # parse_options reads it
@@ -23,7 +23,7 @@ need_packages build test check
 failed=0
 if ! is_chosen --report; then
   build_preset coverage programs test_programs | tail -n 1
-  rm -rf "$built/profiles" # what earlier programs counted
+  rm -rf "$built/profiles" # of earlier runs
   ctest --test-dir "$built" --output-on-failure --parallel "$(nproc)" --no-tests=error |
     grep -vE '^ *(Start +[0-9]+:|[0-9]+/[0-9]+ Test .* Passed )' || failed=1
 fi
@@ -37,7 +37,7 @@ programs=()
 while read -r program; do programs+=(--object "$program"); done < <(
   find "$built" -path '*/CMakeFiles' -prune -o -type f -perm -u+x -print
 )
-# Inline functions that a program has but does not use "mismatch" those that another program uses.
+# Unused inline functions of one program "mismatch" the used ones of another.
 llvm-cov-16 export --format=lcov --instr-profile="$built/all.profdata" "${programs[@]}" \
   >"$built/lines.lcov" 2> >(grep -v 'functions have mismatched data' >&2)
 git ls-files '*.cc' >"$built/sources"

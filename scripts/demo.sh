@@ -2,8 +2,8 @@
 # Usage: ./dev demo
 #
 # Plays a speech recording into a tap point of the simulated co-processor, through kvoxd and a
-# passthrough processor, and back into the co-processor. Then makes a telephone call: one client
-# speaks up-link while another records the down-link. Checks that every recording is what was played,
+# passthrough processor, and back into the co-processor. Then makes a phone call: one client plays
+# into the uplink while another records the downlink. Compares every recording with what was played,
 # sample for sample. Needs neither root nor devices: everything runs in private directories. The
 # recordings stay in build/demo.
 cd "$(dirname "$0")/.."
@@ -29,7 +29,7 @@ mkdir -p "$out"
 has_played() { read_counters && [ "$(counter demo.0 received)" -ge "$blocks" ]; }
 has_settled() { read_counters && [ "$(counter "$1" in_flight)" -eq 0 ]; }
 
-# Tap point -> passthrough -> tap point. Sets `same`, and what the summary shows.
+# Tap point -> passthrough -> tap point. Sets `same` and the figures of the summary.
 play_speech() {
   cat >"$private/demo.toml" <<TOML
 cores = [2, 3, 4]
@@ -71,7 +71,7 @@ TOML
   fi
 }
 
-# is_whole PLAYED RECORDED: every sample of what was played is in the recording. Sets `verdict`.
+# is_whole PLAYED RECORDED: whether the recording has every sample of PLAYED. Sets `verdict`.
 is_whole() {
   verdict=$(build/bin/kvosim compare "$1" "$2" --skip-silence) || return 1
   case "$verdict" in
@@ -80,7 +80,7 @@ is_whole() {
   esac
 }
 
-# A call: the speech comes down-link, the caller's recording goes up-link.
+# A call: the speech is the downlink, the caller's recording the uplink.
 make_call() {
   cat >"$private/call.toml" <<TOML
 cores = [2, 3, 4]
@@ -105,7 +105,7 @@ TOML
   start_machine "$private/call.toml"
   echo "Calling: the use case AREL_TELE relays two tap points to clients"
   call EnableUseCase AREL_TELE true
-  call TapEnable 4 vpdl 0 false # until somebody listens
+  call TapEnable 4 vpdl 0 false # until the recording client is ready
   "$kvoxctl" record art0 "$out/downlink.wav" --seconds "$call_s" >"$private/record" \
     2>"$private/record.err" 3>&- &
   local record=$!
@@ -127,7 +127,7 @@ TOML
 }
 has_ended() { ! runs "$1"; }
 
-# try FUNCTION: again when packets came at the wrong time, which is the machine's fault.
+# try FUNCTION: repeats it if packets came at the wrong time, which is the machine's fault.
 try() {
   local attempt
   for ((attempt = 1; attempt <= attempts; attempt++)); do
@@ -145,7 +145,7 @@ try() {
 
 cp "$speech" "$out/original.wav"
 cp "$caller" "$out/caller.wav"
-# 16 bits, one channel: the whole speech and a block of silence behind it.
+# 16 bits, one channel: the whole speech followed by a block of silence.
 blocks=$((($(stat -c %s "$speech") - 44) / 2 / 4800 + 2))
 call_s=$((blocks / 10 + 1))
 verdict=

@@ -1,8 +1,8 @@
-# Holds docs/troubleshooting.md and the log lines of the sources against each other: first the sources,
-# then the document. A line is what the first column of a table quotes.
+# Compares docs/troubleshooting.md with the log lines of the sources. The input is the sources, then
+# the document, whose lines are the quotes in the first column of its tables.
 #
-# - Every fixed part of a line of the document, between two "…", must stand in a source.
-# - Every warning and error whose text is written in a source must be a line of the document.
+# - Every fixed part of a line of the document, between two "…", must be in a source.
+# - Every warning and error with a literal text in a source must be a line of the document.
 
 FILENAME !~ /\.md$/ {
   text = text $0 " "
@@ -10,7 +10,7 @@ FILENAME !~ /\.md$/ {
 }
 
 !joined {
-  gsub(/"[ \t]*"/, "", text) # a literal that goes on in the next line
+  gsub(/"[ \t]*"/, "", text) # a literal that continues on the next line
   joined = 1
 }
 
@@ -28,7 +28,7 @@ FILENAME !~ /\.md$/ {
   }
 }
 
-# Whether the parts of `line` stand in `literal` one after the other.
+# Whether `literal` has the parts of `line` in order.
 function fits(line, literal, parts, part, p, at) {
   parts = split(line, part, "…")
   for (p = 1; p <= parts; ++p) {
@@ -52,7 +52,7 @@ END {
     gsub(/^[^"]*"|\\n|"$/, "", literal)
     words = literal
     gsub(/%[0-9.]*[a-z]+/, "", words)
-    # A line that is made elsewhere ("%s") is also the answer to the client who asked.
+    # A line made elsewhere ("%s") is also in the reply to the client.
     if (words ~ /[a-z]/ && !is_explained(literal)) {
       print "docs/troubleshooting.md: does not explain the log line \"" literal "\""
       failed = 1

@@ -2,16 +2,15 @@
 # Usage: ./dev faults [--quick] [--seed N] [--count N] [--only KIND] [--endurance]
 #                     [--preset PRESET]
 #
-# Injects faults into a simulated co-processor while audio flows through kvoxd and clients give it
-# commands. After each fault the daemon has to be as before. docs/testing.md lists the faults and
-# what is checked. A failure is one of the daemon: the exit status is then 1, and the logs are kept
-# in build/faults.
+# Injects faults into a simulated co-processor while audio flows through kvoxd and clients send
+# commands. After each fault the daemon must recover fully. docs/testing.md lists the faults and
+# what is checked. If the daemon fails, the exit status is 1 and the logs are kept in build/faults.
 #
-#   --quick          most of a minute, without the kinds that take long
-#   --seed N         decides what happens; random when not given
-#   --count N        how many faults (100)
-#   --only KIND      one kind of faults
-#   --endurance      10,000 flaps and 300 restarts instead, and what they cost in the long run
+#   --quick          under a minute, without the slow kinds
+#   --seed N         determines what happens (random)
+#   --count N        number of faults (100)
+#   --only KIND      only this kind of fault
+#   --endurance      10,000 flaps and 300 restarts instead, with a check for leaks
 #   --preset PRESET  the build: release, dev, asan or tsan
 #
 # Needs neither root nor devices; as root the simulator runs at real-time priority.

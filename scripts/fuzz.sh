@@ -2,13 +2,13 @@
 # Usage: ./dev fuzz [TARGET] [SECONDS]
 #        ./dev fuzz --check
 #
-# Builds the fuzz targets (libFuzzer with AddressSanitizer and UBSan) and feeds them: all of them,
-# or the one that is named, for 60 s each or as long as told. They start from fuzz/corpus and from
-# what earlier runs have found, which is kept in build/fuzz/found. A finding ends the run; what it
-# was, where its input lies and how to replay it is printed.
+# Builds and runs the fuzz targets (libFuzzer with AddressSanitizer and UBSan): all of them or
+# TARGET, for SECONDS (60) each. They start from fuzz/corpus and from inputs of earlier runs, kept
+# in build/fuzz/found. A finding ends the target's run; its cause, its input and the command to
+# replay it are printed.
 #
-#   --check  the corpus and a fixed number of inputs made from it, the same every time; what
-#            `./dev test --all` runs
+#   --check  the corpus and a fixed number of inputs made from it, the same every time; part of
+#            `./dev test --all`
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 # shellcheck disable=SC2034 # parse_options reads it
@@ -30,7 +30,7 @@ for word in "${words[@]}"; do
 done
 [ "${#chosen_targets[@]}" -eq 0 ] || targets=("${chosen_targets[@]}")
 
-# Inputs of --check, a few seconds' worth; a corpus counts among them.
+# Number of inputs for --check, a few seconds' worth, including the corpus.
 check_runs() {
   case "$1" in
     scenario) echo 30000 ;;
@@ -48,7 +48,7 @@ out=$PWD/build/fuzz
 private=$(mktemp -d)
 trap 'rm -rf "$private"' EXIT
 export TMPDIR=$private
-# Freed memory is kept for a while, but not so much of it that new memory is all that is ever used.
+# A small quarantine of freed memory, so that memory gets reused.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-quarantine_size_mb=32}
 
 report_failure() {

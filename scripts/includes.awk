@@ -1,7 +1,7 @@
-# Holds includes against two tables, the first two files: ours, quoted, against scripts/includes.txt;
-# those of others, in angle brackets, against scripts/includes_of_others.txt.
+# Checks includes against two tables, the first two files: ours, quoted, against
+# scripts/includes.txt; third-party ones, in angle brackets, against scripts/includes_of_others.txt.
 
-# The headers that the interface's contract stands for are included as aidl/kvox/….
+# Headers generated from the interface's contract are included as aidl/kvox/….
 function folder(path) {
   if (match(path, /^(kvox\/(common|sound|toml)|platform\/(linux|android))\//)) return substr(path, 1, RLENGTH - 1)
   if (path ~ /^aidl\/kvox\//) return "interface"
@@ -9,7 +9,7 @@ function folder(path) {
   return path
 }
 
-# Folders that are built for one platform alone.
+# Folders that are built only for Linux hosts.
 function host_only(room) {
   return room ~ /^(platform\/linux|sim|manual|bench|examples|tests|fuzz)$/
 }
@@ -19,7 +19,7 @@ function complain(room, header) {
   failed = 1
 }
 
-# Whether a row of the second table offers the header to the folder.
+# Whether a row of the second table allows the header in the folder.
 function offered(header, room, row) {
   if (header !~ /\./) return 1
   for (row in offers) {

@@ -1,13 +1,12 @@
 #!/usr/bin/env bash
 # Usage: ./dev lint [--changed] [--fast]
 #
-# Checks that sources are formatted, that folders include only what they may, that
-# docs/troubleshooting.md explains every warning and error and no line that does not exist, that the
-# scripts are sound (shellcheck), that a phone's build would take daemon and client
-# (scripts/android.sh) and that clang-tidy has nothing to say.
+# Checks formatting, that folders include only what they may, that docs/troubleshooting.md explains
+# every warning and error and quotes no line that does not exist, the scripts (shellcheck), that
+# daemon and client would build for a phone (scripts/android.sh), and clang-tidy.
 #
-#   --changed  look only at files that differ from the branch main, committed or not
-#   --fast     leave out what a phone would take and clang-tidy, which need nearly all the time
+#   --changed  check only files that differ from the branch main, committed or not
+#   --fast     skip the phone build and clang-tidy, which take nearly all the time
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 # shellcheck disable=SC2034 # parse_options reads it
@@ -24,7 +23,7 @@ if is_chosen --changed; then
   }
 fi
 
-# The files of these patterns that are to be checked.
+# The files to check that match these patterns.
 files() {
   if [ -n "$base" ]; then
     git diff --name-only --diff-filter=d "$base" -- "$@"

@@ -1,23 +1,23 @@
-# A co-processor simulator and a daemon in private directories; sourced by scripts/demo.sh, with the
-# tree's root as working directory. `out` names the directory for logs, `name` the script.
+# Runs simulator and daemon in private directories; sourced by scripts/demo.sh, with the tree's root
+# as working directory. `out` is the directory for logs, `name` the name of the script.
 # shellcheck shell=bash disable=SC2154
 
 kvoxctl=build/bin/kvoxctl
 private=$(mktemp -d)
 daemon=
 simulator=
-exec 3>&2 # what must be seen even where output is thrown away
+exec 3>&2 # for messages that must be seen even where output is discarded
 
 cleanup() {
   trap '' INT TERM
   trap - EXIT
   local child
-  # The last ones may have been started without their number being noted any more.
+  # A signal may have come before the last ones' process IDs were stored.
   for child in $daemon $simulator $(jobs -p); do end_process "$child"; done
   rm -rf "$private"
 }
 runs() { kill -0 "$1" 2>/dev/null; }
-# Ends a child and waits until it is gone; one that does not go by itself is killed.
+# Terminates a child and waits for it; kills it if it does not exit.
 end_process() {
   local tries=60
   kill -TERM "$1" 2>/dev/null || true
@@ -34,7 +34,7 @@ give_up() {
   exit 1
 }
 
-# wait_for SECONDS WHAT COMMAND...: until the command succeeds.
+# wait_for SECONDS WHAT COMMAND...: waits until the command succeeds.
 wait_for() {
   local until=$((SECONDS + $1)) what=$2
   shift 2
@@ -58,7 +58,7 @@ call() {
   }
 }
 
-# start_machine SCENARIO: standard input is not read.
+# start_machine SCENARIO: starts both, and waits until the daemon has buffers.
 start_machine() {
   mkdir -p "$private/dev" "$private/run"
   export KVOX_DEV_DIR=$private/dev KVOX_RUNTIME_DIR=$private/run
@@ -68,7 +68,7 @@ start_machine() {
     >"$out/kvosim.log" 2>&1 3>&- &
   simulator=$!
   wait_for 5 "the simulator's devices" test -e "$private/dev/xdv-kvox_control"
-  # Its whole log is looked at below, whatever the caller wants to see of it.
+  # stop_machine needs the whole log, whatever filter the caller has set.
   env -u ANDROID_LOG_TAGS build/bin/kvoxd >"$out/kvoxd.log" 2>&1 3>&- &
   daemon=$!
   wait_for 10 "kvoxd" "$kvoxctl" ping
@@ -76,7 +76,7 @@ start_machine() {
 }
 has_buffers() { "$kvoxctl" call ListTapOutBuffers | grep -q tapout; }
 
-# Ends both, and counts the packets that came at the wrong time.
+# Stops both, and counts the packets that came at the wrong time.
 stop_machine() {
   end_process "$daemon"
   daemon=
@@ -85,11 +85,11 @@ stop_machine() {
   local streams
   streams=$(grep -c 'I/O thread start' "$out/kvoxd.log" || true)
   timing_drops=$(grep -c 'RX resync' "$out/kvoxd.log" || true)
-  # Each thread finds its stream first.
+  # Each thread logs one resync at the start of its stream.
   timing_drops=$((timing_drops > streams ? timing_drops - streams : 0))
 }
 
-# counter TAP KEY: one of the figures that the simulator wrote last.
+# counter TAP KEY: a counter of the last ones that the simulator wrote.
 counter() { sed -n "s/.*\"tap\": \"$1\".*\"$2\": \\([0-9]*\\).*/\\1/p" "$private/stats.json"; }
 read_counters() {
   rm -f "$private/stats.json"

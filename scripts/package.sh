@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Usage: ./dev package [--check]
 #
-# Builds the Debian packages kvoxd, kvoxctl, kvosim and libkvox-dev, from what is in the tree, into
-# build/packages, and looks at them with lintian.
+# Builds the Debian packages kvoxd, kvoxctl, kvosim and libkvox-dev from the tree into
+# build/packages, and checks them with lintian.
 #
-#   --check  installs them into a Debian tree of their own, and tries there what they promise. As
-#            root; packages come from where this machine gets its own
+#   --check  installs them into a temporary Debian tree and tests them there. As root; other packages
+#            come from this machine's own apt sources
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 # shellcheck disable=SC2034 # parse_options reads it

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Usage: scripts/package_check.sh
 #
-# Installs what is in build/packages into a fresh Debian tree and tries it there: the service's
-# files, who may use the daemon, a client built with libkvox-dev, removal. As root. The tree is
-# temporary, and what is mounted and started in it ends with this script, however that ends.
+# Installs build/packages into a fresh Debian tree and tests there: the service's files, who may use
+# the daemon, a client built with libkvox-dev, removal. As root. The tree is temporary; its mounts
+# and processes end with this script, however it ends.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 logs=$PWD/build/packages/check
@@ -11,7 +11,7 @@ logs=$PWD/build/packages/check
 if [ "${1-}" != inside ]; then
   tree=$(mktemp -d)
   child=
-  # With the first process of the namespaces all others and all mounts go. unshare ignores SIGTERM.
+  # Killing the namespace's first process ends all others and the mounts. unshare ignores SIGTERM.
   # shellcheck disable=SC2317 # the trap calls it
   cleanup() {
     if [ -n "$child" ]; then kill -KILL "$child" 2>/dev/null || true; fi
@@ -45,7 +45,7 @@ as_user() {
   in_tree setpriv --reuid "$user" --regid "$user" --init-groups "$@"
 }
 
-# step WHAT STATUS COMMAND...: the command, or function, ends with that status.
+# step WHAT STATUS COMMAND...: checks that the command, or function, exits with that status.
 step() {
   local what=$1 expected=$2 status
   shift 2
@@ -61,7 +61,7 @@ step() {
   echo "check: $what"
 }
 
-# Where this machine's apt gets the release from.
+# Uses the mirror of this machine's apt.
 make_tree() {
   local release mirror
   release=$(. /etc/os-release && echo "$VERSION_CODENAME")
@@ -90,7 +90,7 @@ install_packages() {
 }
 
 start_daemon() {
-  # As the service's directories.
+  # As systemd makes the service's directories.
   in_tree install -d -o kvox -g kvox -m 0750 /run/kvox
   in_tree install -d -o kvox -g kvox -m 0770 /var/lib/kvox /var/lib/kvox/phone
   as_user kvox env KVOX_DEV_DIR=/var/lib/kvox/phone kvosim >"$logs/kvosim.log" 2>&1 &

@@ -2,8 +2,8 @@
 # Usage: ./dev setup [GROUP...]
 #
 # Installs the Debian packages that the project needs and this machine lacks. Groups are build,
-# demo, test, bench, format, check (clang, sanitizers, lint) and package; without one, all of them.
-# Uses sudo only when not root.
+# demo, test, bench, format, check (clang, sanitizers, lint) and package; the default is all of
+# them. Uses sudo if not root.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=()

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Usage: ./dev test [--all]
 #
-# Builds the optimised preset and runs the whole suite. --all does the same with clang 16, whose
-# thread-safety analysis makes errors, under AddressSanitizer with UBSan and under ThreadSanitizer,
-# runs the fuzz targets for a moment, and the lint.
+# Builds the optimised preset and runs the whole suite. --all also builds it with clang 16, with
+# thread-safety analysis as errors, runs it under AddressSanitizer with UBSan and under
+# ThreadSanitizer, and runs short fuzz checks and the lint.
 #
-# Each run ends with the sum of the times of its tests, and how much of it they spent waiting.
+# Each run ends with the total time of its tests, and how much of it was CPU time.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=(--all)

@@ -13,8 +13,8 @@ class CoprocessorLink {
   virtual ~CoprocessorLink() = default;
 
   /// Sends the record of `size` bytes and reads its reply into the same memory. Returns 0, the
-  /// co-processor's non-zero status, -1 when it could not be sent or no reply came in time, or
-  /// minus errno. Any thread; one command at a time, in the order of arrival.
+  /// co-processor's non-zero status, -1 if it could not be sent or no reply came in time, or minus
+  /// errno. Any thread; one command at a time, in the order of arrival.
   virtual int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) = 0;
 
   /// Holds or drops the wake lock. Callers take turns.

@@ -1,4 +1,4 @@
-// Changes in the device directory, as what they mean.
+// Changes in the device directory.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@ struct DeviceEvent {
   enum class Kind {
     kArrived,
     kLeft,
-    kAllGone,  // any device may have left unnoticed; those that are there arrive afterwards
+    kAllGone,  // any device may have left unnoticed; existing ones arrive again afterwards
   };
   Kind kind;
   std::string name;  // of the node, without its directory; with kAllGone the control device's

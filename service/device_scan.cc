@@ -11,7 +11,7 @@
 namespace kvox {
 namespace {
 
-/// The text as a pattern that matches only itself.
+/// Escapes the text as a glob pattern.
 std::string Literally(const std::string& text) {
   std::string pattern;
   for (const char c : text) {

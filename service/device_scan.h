@@ -1,4 +1,4 @@
-// Which data devices there are.
+// Finds the data devices.
 #pragma once
 
 #include <optional>
@@ -15,17 +15,17 @@ struct DataDevice {
 };
 
 /// The number of a data device, from the rest of its name: decimal digits at the front, above 0, or
-/// exactly "0". Other names are no data devices.
+/// exactly "0". Other names are not data devices.
 std::optional<int> DeviceNumber(std::string_view rest);
 
 struct DeviceScan {
-  bool any_tapout_path = false;  // whether anything at all looked like a tap-out device
+  bool any_tapout_path = false;  // whether anything looked like a tap-out device
   std::vector<DataDevice> tapouts;
   std::vector<DataDevice> injects;
 };
 
-/// Looks through `directory`. Each list is in the order of the paths and may name a number twice;
-/// the first one counts.
+/// Scans `directory`. Each list is in the order of the paths and may contain a number twice; the
+/// first one counts.
 DeviceScan ScanDataDevices(const std::string& directory);
 
 }  // namespace kvox

@@ -1,5 +1,5 @@
-// What there is: a buffer for each data device of the co-processor, and the processors that clients
-// have created. Its lock is held for a look, a copy or an insertion only: a look-up never waits for
+// All buffers, one for each data device of the co-processor, and all processors that clients have
+// created. Its lock is held only for a look-up, a copy or an insertion: a look-up never waits for
 // an exchange with the co-processor.
 #pragma once
 
@@ -18,7 +18,7 @@ namespace kvox {
 using BufferPtr = std::shared_ptr<KvoxBuffer>;
 using ProcessorPtr = std::shared_ptr<KvoxProcessor>;
 
-/// Any thread. What is returned stays valid, whatever is taken out since.
+/// Any thread. Returned objects stay valid even if they are removed afterwards.
 class Inventory {
  public:
   /// Null when there is none.
@@ -33,14 +33,14 @@ class Inventory {
   std::vector<BufferPtr> TapOuts() const;
   std::vector<BufferPtr> Injects() const;
 
-  /// Puts `created` in place of the processor of that id, in one step; a null one only takes that
-  /// out. Returns the one that was there. False in `stored` when there are too many.
+  /// Replaces the processor of that id with `created`, in one step; null only removes it. Returns
+  /// the previous one. False in `stored` if there are too many.
   ProcessorPtr ReplaceProcessor(FourCc id, ProcessorPtr created, bool& stored);
 
   /// Makes a buffer for each device that has none yet, and returns the new ones.
   std::vector<BufferPtr> AddBuffers(const DeviceScan& scan, const BufferEnvironment& environment);
 
-  /// Takes all buffers out, tap-outs first. The caller drops them.
+  /// Removes all buffers, tap-outs first. The caller drops them.
   std::vector<BufferPtr> TakeBuffers();
 
   /// Whether there are buffers of both kinds.

@@ -8,7 +8,7 @@
 namespace kvox {
 namespace {
 
-/// A hot-word processor that is enabled counts as active wherever its audio comes from.
+/// An enabled hot-word processor counts as active wherever its audio comes from.
 constexpr FourCc kHotwordProcessor = MakeFourCc("hwae");
 
 }  // namespace
@@ -52,7 +52,7 @@ std::vector<BufferPtr> IoSwitch::BuffersFor(int tapout) const {
 }
 
 void IoSwitch::SwitchAsSaved(const KvoxBuffer& buffer) {
-  for (;;) {  // each further round follows another command
+  for (;;) {  // repeats only if another command came in between
     const BufferPtr present = inventory_.FindPresent(buffer);
     if (!present) return;
     const bool wanted = saved_.IsRunning(buffer);
@@ -60,7 +60,7 @@ void IoSwitch::SwitchAsSaved(const KvoxBuffer& buffer) {
   }
 }
 
-/// Buffers that are away cannot be switched off, but must not come back enabled.
+/// Missing buffers cannot be switched off, but must not come back enabled.
 void IoSwitch::ForgetAbsent(int tapout) {
   const auto connections = saved_.Copy().connections;
   saved_.ForgetRunning([&](const RunningBuffer& running) {

@@ -1,4 +1,4 @@
-// Switching buffers on and off, and the wake lock that goes with it.
+// Switches buffers on and off, and the wake lock with them.
 #pragma once
 
 #include <vector>
@@ -31,7 +31,7 @@ class IoSwitch {
   void SwitchAsSaved(const KvoxBuffer& buffer);
 
   /// Holds the wake lock while a tap-out buffer is on: audio between host and co-processor keeps
-  /// the host awake. Counts afresh each time; adds a line with the counts to a report.
+  /// the host awake. Recounts each time; adds a line with the counts to a report.
   void UpdateWakeLock(Report* report = nullptr);
 
   /// All buffers, tap-outs first; or one tap-out and the inject buffers that its processors write.

@@ -11,8 +11,8 @@ namespace {
 constexpr int kReadyChecks = 5;
 constexpr auto kReadyPause = std::chrono::milliseconds(100);
 
-/// The one service of the process. A thread that hands it an event holds the lock while it does, so
-/// that the service cannot go away.
+/// The process's only service. A thread that passes it an event holds the lock, so that the service
+/// cannot go away.
 Mutex instance_mutex;
 KvoxService* instance GUARDED_BY(instance_mutex) = nullptr;
 

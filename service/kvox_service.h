@@ -1,13 +1,13 @@
-// KvoxService implements the IKvox interface. It owns the rooms that do the work and hands each
-// call on to one of them; service/commands/ has a file for each group of calls.
+// KvoxService implements the IKvox interface. It owns the parts that do the work and forwards each
+// call to one of them; service/commands/ has a file for each group of calls.
 //
-//   Inventory   what there is: buffers and processors
-//   SavedState  what clients want, for recoveries
+//   Inventory   existing buffers and processors
+//   SavedState  what clients have set up, for recoveries
 //   Wiring      which processor reads and writes which buffers
 //   TapPoints   exchanges with the co-processor
-//   IoSwitch    buffers on and off, the wake lock
+//   IoSwitch    switching buffers, the wake lock
 //   UseCases    sequences of commands
-//   Recovery    devices that leave and arrive, and what follows
+//   Recovery    departure and arrival of devices
 #pragma once
 
 #include <aidl/kvox/BnKvox.h>
@@ -40,7 +40,7 @@ namespace kvox {
 using CommandResult = IKvox::CommandResult;
 using CommandStatus = IKvox::CommandStatus;
 
-/// What the service works with. Everything outlives it.
+/// The service's collaborators. All of them outlive it.
 struct ServiceEnvironment {
   CoprocessorLink& link;
   DeviceIo& io;
@@ -61,10 +61,10 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   KvoxService(const ServiceEnvironment& environment, RecoveryClock& startup);
   ~KvoxService() override;
 
-  /// Waits at most about 400 ms until a service exists, else logs an error. Returns -1 always.
+  /// Waits at most about 400 ms until a service exists, else logs an error. Always returns -1.
   static int WaitForServiceReady();
 
-  /// Hands a change of the device directory to the service, if there is one. Event thread.
+  /// Passes a change of the device directory to the service, if there is one. Event thread.
   static void DispatchDeviceEvent(const DeviceEvent& event);
 
   void HandleDeviceEvent(const DeviceEvent& event) { recovery_.HandleDeviceEvent(event); }
@@ -161,7 +161,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   template <typename Operation>
   Status OnProcessor(int32_t id, CommandResult* result, Operation operation);
 
-  // What the words of Debug do (debug_commands.cc). `args` holds all of them.
+  // The subcommands of Debug (debug_commands.cc). `args` holds all words.
   using Words = std::vector<std::string>;
   struct DebugWord;
   void DebugBufferInit(const Words& args, Report& report);

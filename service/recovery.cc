@@ -11,7 +11,7 @@ namespace {
 constexpr int kScanAttempts = 5;
 constexpr auto kScanPause = std::chrono::milliseconds(500);
 
-/// One scan at once, whatever it finds.
+/// One immediate scan, whatever it finds.
 class NoPauses : public RecoveryClock {
   TimePoint Now() const override { return std::chrono::steady_clock::now(); }
   bool Pause(std::chrono::milliseconds) override { return false; }
@@ -58,7 +58,7 @@ void Recovery::HandleArrival(const std::string& name) {
   }
 }
 
-/// What the recovery may be waiting for ends before it is waited for, so the wait is short.
+/// Ends the recovery's own waits before joining it, so the join is short.
 void Recovery::HandleDeparture(const std::string& name) {
   LogInfo("%s offline\n", name.c_str());
   EndRun();
@@ -94,13 +94,13 @@ std::vector<BufferPtr> Recovery::TakeBuffers() {
   return links_.inventory.TakeBuffers();
 }
 
-/// Tap-outs go first, so that no packet is under way when injects close.
+/// Tap-outs first, so that no packet is in flight when injects close.
 void Recovery::Drop(const std::vector<BufferPtr>& buffers) {
   for (const BufferPtr& buffer : buffers) links_.wiring.DropBuffer(buffer);
 }
 
-/// First everything, then what later devices complete. A device that does not open is tried again
-/// beside that, so nothing else waits for it.
+/// First everything, then what later devices complete. Devices that do not open are retried in
+/// between, so nothing else waits for them.
 void Recovery::Run(RecoveryClock& clock) {
   Unfinished unfinished;
   if (ScanWithRetries(clock)) RestoreAll(clock, unfinished);
@@ -118,8 +118,8 @@ void Recovery::Run(RecoveryClock& clock) {
   }
 }
 
-/// Up to five scans, each after a pause. False when the last one found no tap-out device at all, or
-/// the recovery has to end.
+/// Up to five scans, each after a pause. False if the last one found no tap-out device, or the
+/// recovery must end.
 bool Recovery::ScanWithRetries(RecoveryClock& clock) {
   bool found = false;
   for (int attempt = 0; attempt < kScanAttempts; ++attempt) {
@@ -135,7 +135,7 @@ bool Recovery::ScanWithRetries(RecoveryClock& clock) {
   return found;
 }
 
-/// Replaces all buffers. False when there is no tap-out device, or the recovery has to end.
+/// Replaces all buffers. False if there is no tap-out device, or the recovery must end.
 bool Recovery::Scan(RecoveryClock& clock) {
   Drop(TakeBuffers());
   if (clock.stopping()) return false;
@@ -143,7 +143,7 @@ bool Recovery::Scan(RecoveryClock& clock) {
   return AddBuffers(clock, added);
 }
 
-/// Adds what is not there yet. False when there is no tap-out device.
+/// Adds missing buffers. False if there is no tap-out device.
 bool Recovery::AddBuffers(RecoveryClock& clock, std::vector<BufferPtr>& added) {
   clock.ScanBegins();
   MutexLock lock(scan_mutex_);
@@ -153,7 +153,7 @@ bool Recovery::AddBuffers(RecoveryClock& clock, std::vector<BufferPtr>& added) {
   return true;
 }
 
-/// What the co-processor refused is tried again once its control device has arrived.
+/// Retries what the co-processor refused once its control device has arrived.
 void Recovery::AddArrivals(RecoveryClock& clock, Unfinished& unfinished) {
   std::vector<BufferPtr> added;
   if (clock.stopping() || !AddBuffers(clock, added)) return;

@@ -1,12 +1,12 @@
-// Finds the co-processor's data devices, notices when they leave and arrive, and brings the
-// co-processor back to what clients had set up.
+// Finds the co-processor's data devices, follows their departures and arrivals, and restores what
+// clients had set up.
 //
 // The first arrival after a departure starts a recovery: a thread that scans until there are
-// devices of both kinds, restores everything, and then goes on with devices that come later and
-// with devices that do not open yet. A departure ends it.
+// devices of both kinds, restores everything, and then continues with devices that arrive later or
+// do not open yet. A departure ends it.
 //
-// Restoring saves nothing, and each step uses what is saved at that moment, under the lock that
-// commands take: a command that comes while it runs is neither lost nor overwritten.
+// Restoring does not change the saved state, and each step uses what is saved at that moment, under
+// the lock that commands take: a command that comes while it runs is neither lost nor overwritten.
 #pragma once
 
 #include <functional>
@@ -28,7 +28,7 @@
 
 namespace kvox {
 
-/// What a recovery works with. All of it outlives the recovery.
+/// The recovery's collaborators. All of them outlive it.
 struct RecoveryLinks {
   std::string device_directory;
   std::function<DeviceScan(const std::string& directory)> scan;
@@ -45,13 +45,13 @@ struct RecoveryLinks {
 class Recovery {
  public:
   explicit Recovery(RecoveryLinks links);
-  /// Ends the recovery under way and drops all buffers.
+  /// Ends a running recovery and drops all buffers.
   ~Recovery();
 
   /// The first scan, on the calling thread.
   void ScanAtStart(RecoveryClock& clock);
 
-  /// Event thread. A departure waits for the step of the recovery that is under way.
+  /// Event thread. A departure waits for the recovery's current step.
   void HandleDeviceEvent(const DeviceEvent& event);
 
   /// For developers: drops the buffers and scans once; or only drops them.
@@ -59,7 +59,7 @@ class Recovery {
   void DropBuffers();
 
  private:
-  /// What a recovery has left to do.
+  /// What a recovery still has to do.
   struct Unfinished {
     struct Opening {
       unsigned number;  // of the next try

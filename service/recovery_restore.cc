@@ -1,4 +1,4 @@
-// The part of a recovery that brings back what clients had set up.
+// The part of a recovery that restores what clients had set up.
 
 #include <algorithm>
 #include <utility>

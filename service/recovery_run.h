@@ -1,4 +1,4 @@
-// One recovery under way: its thread, and the pauses it makes.
+// One running recovery: its thread and its pauses.
 #pragma once
 
 #include <chrono>
@@ -11,14 +11,14 @@
 
 namespace kvox {
 
-/// When devices that arrive one by one are looked for: half a second after the last of them.
+/// When to scan for devices that arrive one by one: half a second after the last of them.
 class ArrivalWatch {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
   void NoteArrival(TimePoint now) { last_ = now; }
 
-  /// The scan that begins now finds the devices that have arrived up to here.
+  /// A scan starts now, which finds all devices that have arrived so far.
   void ScanBegins() { last_.reset(); }
 
   /// When to scan again; TimePoint::max() while nothing has arrived since the last scan.
@@ -28,8 +28,7 @@ class ArrivalWatch {
   std::optional<TimePoint> last_;
 };
 
-/// How a recovery passes its time. It holds no lock when it calls any of these. Tests bring one
-/// with a clock of its own.
+/// The clock and waits of a recovery, which calls them without any lock. Tests have their own.
 class RecoveryClock {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
@@ -39,15 +38,15 @@ class RecoveryClock {
 
   virtual TimePoint Now() const = 0;
 
-  /// Pauses; false when the recovery has to end.
+  /// Pauses; false when the recovery must end.
   virtual bool Pause(std::chrono::milliseconds time) = 0;
   virtual bool stopping() const = 0;
 
-  /// The scan that begins now finds the devices that have arrived up to here.
+  /// A scan starts now, which finds all devices that have arrived so far.
   virtual void ScanBegins() = 0;
 
-  /// Waits until the recovery has to end, or devices have arrived after the last scan and none has
-  /// for half a second, or it is `until`.
+  /// Waits until the recovery must end, or devices have arrived after the last scan and none within
+  /// the last half second, or it is `until`.
   virtual Wake WaitForArrivals(TimePoint until) = 0;
 };
 
@@ -67,7 +66,7 @@ class RecoveryRun {
   virtual void RequestStop() = 0;
 };
 
-/// Runs the body on a thread of its own, which the destructor joins.
+/// Runs the body on its own thread, which the destructor joins.
 class RecoveryThread : public RecoveryRun, private RecoveryClock {
  public:
   /// Null, after a log line with the cause, when the system has no thread to give.

@@ -1,4 +1,4 @@
-// How a command reports: lines for people and a status; the same goes to the log.
+// A command's report: text lines and a status, which also go to the log.
 #pragma once
 
 #include <cstdint>
@@ -16,13 +16,13 @@ enum class StatusCode : int8_t {
   kInvalidValue = 4,
 };
 
-/// What came of a command's work: a status, and a text for people that may be empty.
+/// The outcome of a command's work: a status, and a text that may be empty.
 struct Outcome {
   StatusCode status = StatusCode::kOk;
   std::string text = {};
 };
 
-/// A command under way, or a sequence of commands that share their lines.
+/// The report of a running command, or of a sequence of commands that share their lines.
 struct Report {
   StatusCode status = StatusCode::kOk;
   float value = 0;
@@ -30,14 +30,14 @@ struct Report {
 
   bool ok() const { return status == StatusCode::kOk; }
 
-  /// Logs the request and makes it a line.
+  /// Logs the request and adds it as a line.
   void Begin(const std::string& request);
 
   /// Adds a line. Bytes that are not valid UTF-8 become '?', because no reply could carry them.
   void Push(const std::string& line);
 
-  /// Ends a command: adds the text, if there is any, and for a failure a line of the command's name
-  /// and the status word. Both are logged, as errors when the command failed.
+  /// Ends a command: adds the text, if any, and for a failure a line with the command's name and
+  /// the status word. Both are logged, as errors if the command failed.
   void End(const char* command, const std::string& text);
 
   /// Takes the outcome's status, unless it is OK, and ends with its text.

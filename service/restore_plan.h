@@ -1,4 +1,4 @@
-// What a pass of a recovery brings back.
+// What one pass of a recovery restores.
 #pragma once
 
 #include <set>
@@ -19,7 +19,7 @@ struct RestorePlan {
 /// Everything that is saved, and every processor.
 void PlanEverything(const SavedTables& saved, const Inventory& inventory, RestorePlan& plan);
 
-/// What a buffer that has just been added completes: all that is saved about it and misses no other
+/// What a newly added buffer completes: everything saved about it that needs no other missing
 /// buffer. The rest waits for that one.
 void PlanFor(const KvoxBuffer& added, const SavedTables& saved, const Inventory& inventory,
              RestorePlan& plan);

@@ -1,6 +1,6 @@
-// What clients want, whether its devices are there or not: settings of tap points, connections of
-// processors, and running buffers. It survives the co-processor and is what a recovery restores.
-// Its lock is held for a look, a copy or an insertion only.
+// What clients have set up, whether its devices exist or not: settings of tap points, connections
+// of processors, and running buffers. It survives the co-processor and is what a recovery restores.
+// Its lock is held only for a look-up, a copy or an insertion.
 #pragma once
 
 #include <functional>
@@ -22,8 +22,8 @@ struct ConnectionState {
   int32_t inject_buffer = -1;
 };
 
-/// A buffer that clients have started. Known by its number: a device that comes back may bear it
-/// under another name ("1", "01").
+/// A buffer that clients have started. Identified by its number: a device that comes back may spell
+/// it differently ("1", "01").
 struct RunningBuffer {
   int32_t number;
   bool tapout;
@@ -45,8 +45,8 @@ class SavedState {
  public:
   SavedTables Copy() const;
 
-  /// Changes what is saved of a tap point, from the state of an unset one on. Callers hold the lock
-  /// that serialises exchanges, so that memory and co-processor agree.
+  /// Changes the saved state of a tap point, which is initially unset. Callers hold the lock that
+  /// serialises exchanges, so that saved state and co-processor agree.
   void ChangeTap(const TapArguments& tap, const std::function<void(KvoxTapPointState&)>& change);
   /// Forgets the tap point if it is off and unbound.
   void ForgetTapIfIdle(const TapArguments& tap);
@@ -57,8 +57,8 @@ class SavedState {
   /// A connection to no buffer is forgotten.
   void SaveConnection(FourCc processor, const ConnectionState& connection);
   ConnectionState FindConnection(FourCc processor) const;
-  /// Connections outlive their processors on purpose. When there are kMaxProcessors of them, those
-  /// of processors other than `existing` are forgotten.
+  /// Connections deliberately outlive their processors. When there are kMaxProcessors of them,
+  /// those of processors other than `existing` are forgotten.
   void LimitConnections(const std::vector<ProcessorPtr>& existing);
 
   /// As one change: of two callers the last one's wish holds for every buffer.

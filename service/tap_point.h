@@ -11,7 +11,7 @@
 
 namespace kvox {
 
-/// A tap point as a command names it. Only the low 8 bits of core and index travel.
+/// A tap point as a command names it. Only the low 8 bits of core and index are sent.
 struct TapArguments {
   int core;
   FourCc tap;
@@ -31,8 +31,8 @@ inline constexpr uint32_t kBlockLengthNotSet = 0xFFFFFFFF;
 inline constexpr int16_t kJitterBufferNotSet = -1;
 inline constexpr uint8_t kDataFormatNotSet = 0xFF;
 
-/// State of a tap point: what the co-processor tells of it, and what only the host keeps. By
-/// default nothing is set and no buffer is bound.
+/// State of a tap point: what the co-processor reports, and what only the host keeps. By default
+/// nothing is set and no buffer is bound.
 struct KvoxTapPointState {
   TapInfoState info = {
       .block_length = kBlockLengthNotSet, .tapout_buffer = kNoBuffer, .inject_buffer = kNoBuffer};
@@ -50,7 +50,7 @@ struct KvoxTapPointState {
 };
 static_assert(sizeof(KvoxTapPointState) == 28);
 
-/// The state that a tap-information reply describes; what the reply does not carry is 0.
+/// The state that a tap-information reply describes; what the reply does not contain is 0.
 KvoxTapPointState StateFromReply(const TapInfoState& info);
 
 /// Orders tap points by tap id, then index, then core; an index of 128 or more sets all bits of the

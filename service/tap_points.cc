@@ -9,7 +9,7 @@
 namespace kvox {
 namespace {
 
-/// The page number travels in 8 bits; a list that is longer has no end.
+/// The page number has 8 bits; a longer list is considered endless.
 constexpr int kMaxListPages = 256;
 
 /// For one list; a phone's takes a few milliseconds.
@@ -17,7 +17,7 @@ constexpr auto kListPatience = std::chrono::seconds(5);
 
 constexpr char kFormatError[] = "Error setting audio format from tap point";
 
-/// Of an exchange whose reply carries nothing but a status.
+/// For an exchange whose reply has only a status.
 Outcome OutcomeOf(const char* opcode, int32_t status) {
   if (status == 0) return {};
   return {StatusCode::kError, FormatText<64>("%s failed, status %d", opcode, status)};

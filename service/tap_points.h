@@ -25,14 +25,14 @@ class TapPoints {
   TapPoints(CoprocessorLink& link, Inventory& inventory, SavedState& saved, Wiring& wiring)
       : link_(link), inventory_(inventory), saved_(saved), wiring_(wiring) {}
 
-  /// Appends the tap points of a core. Returns 0, or -1 when an exchange failed or the list has no
-  /// end; those found before stay.
+  /// Appends the tap points of a core. Returns 0, or -1 if an exchange failed or the list is
+  /// endless; those found before stay.
   int32_t List(int core, std::vector<KvoxTapPointState>& taps);
 
   /// Returns 0, or the status of the exchange after logging it.
   int32_t Info(const TapArguments& tap, KvoxTapPointState& state);
 
-  // Commands, from the request's line to the outcome.
+  // Complete commands, from request line to outcome.
 
   void Enable(const TapArguments& tap, bool enable, Report& report);
   void SetBlockLength(const TapArguments& tap, uint32_t frames, Report& report);
@@ -40,12 +40,12 @@ class TapPoints {
   /// -1 stands for no buffer. Then passes the tap point's format on to the tap-out buffer.
   void Bind(const TapArguments& tap, int tapout, int inject, Report& report);
 
-  /// After a departure: brings the tap point to its saved state. Uses what is saved at each step,
-  /// so that a client's newer command is kept. False when the co-processor did not take all of it.
+  /// After a departure: brings the tap point to its saved state. Each step uses what is saved then,
+  /// so that a client's newer command is kept. False if the co-processor refused any of it.
   bool Restore(TapKey key, const std::function<bool()>& stopping);
 
  private:
-  /// A binding under way.
+  /// A binding in progress.
   struct Binding {
     Outcome outcome = {};
     BufferPtr tapout = nullptr;  // gets the format; null when there is none to pass on

@@ -28,8 +28,8 @@ struct UseCaseStep {
   };
   enum class Outcome {
     kStops,    // a failure ends the use case there
-    kCounts,   // goes on after a failure; the last step's status is the use case's
-    kIgnored,  // goes on after a failure, which is not reported
+    kCounts,   // continues after a failure; the last step's status is the use case's
+    kIgnored,  // continues after a failure, which is not reported
   };
 
   Command command;
@@ -41,7 +41,7 @@ struct UseCaseStep {
   Outcome outcome = Outcome::kStops;
 };
 
-/// The steps that switch a use case on or off; empty for one that is not made of steps.
+/// The steps that switch a use case on or off; empty for one without steps.
 std::span<const UseCaseStep> StepsOf(IKvox::UseCase use_case, bool enable);
 
 /// The use case that a relay processor belongs to; UNSPECIFIED for none.
@@ -50,7 +50,7 @@ IKvox::UseCase UseCaseOfRelay(FourCc relay);
 /// A use case by its name, in upper or lower case; UNSPECIFIED for an unknown name.
 IKvox::UseCase stringToUseCase(const std::string& name);
 
-/// Whether there is such a use case, made of steps or not.
+/// Whether there is such a use case, with or without steps.
 bool IsSupported(IKvox::UseCase use_case);
 
 }  // namespace kvox

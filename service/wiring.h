@@ -2,8 +2,8 @@
 // only place that connects and disconnects, and that publishes the routes of tap-out buffers.
 //
 // Two locks. Operations take turns, so that connecting, switching and deleting processors never
-// mix. The edges have a short lock of their own, which every look-up and publication takes. No lock
-// is held while routes that are no longer valid go out of use.
+// mix. The edges have a separate short lock, which every look-up and publication takes. No lock is
+// held while old routes go out of use.
 #pragma once
 
 #include <functional>
@@ -42,17 +42,17 @@ class Wiring : public BufferWiring {
   /// Returns the processor's status, or nothing when there is none.
   std::optional<int32_t> EnableProcessor(FourCc id, bool enable);
 
-  /// Puts `created` in place of the processor of that id, in one step; a null one only deletes
-  /// that. `replaced` is whether there was one. False when there are too many processors.
+  /// Replaces the processor of that id with `created`, in one step; null only deletes it.
+  /// `replaced` is whether there was one. False if there are too many processors.
   bool ReplaceProcessor(FourCc id, ProcessorPtr created, bool& replaced);
 
   /// Passes the format of the arriving audio on to the tap-out buffer and its processors. Returns
-  /// the status of the first processor that refuses it; those after that are not told.
+  /// the status of the first processor that refuses it; those after it do not get the format.
   int32_t SetRxFormat(const BufferPtr& tapout, const KvoxTapFormat& format);
 
   void DumpBuffer(const BufferPtr& buffer);
 
-  /// Switches the buffer off for good and disconnects it. Waits for no other operation.
+  /// Switches the buffer off permanently and disconnects it. Does not wait for other operations.
   void DropBuffer(const BufferPtr& buffer);
 
   /// The processor's block_state() has changed; see ProcessorHost.

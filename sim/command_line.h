@@ -1,4 +1,4 @@
-// The command line of kvosim, and what its help and its manual page say of it.
+// The command line of kvosim, and its texts for help and manual page.
 #pragma once
 
 #include <filesystem>

@@ -1,4 +1,4 @@
-// Commands to a running simulator, over a local stream socket beside the devices. A client sends
+// Commands to a running simulator, over a local stream socket next to the devices. A client sends
 // one line of words and gets one reply.
 #pragma once
 
@@ -29,8 +29,8 @@ struct CtlReply {
   bool exit = false;  // the event loop is to exit once the client has this
 };
 
-/// The simulator's end. The event loop's thread, which no client ever blocks. The process has to
-/// ignore SIGPIPE.
+/// The simulator's end. Event loop's thread; no client can block it. The process must ignore
+/// SIGPIPE.
 class CtlServer {
  public:
   using Handler = std::function<CtlReply(const std::vector<std::string>& words)>;

@@ -28,7 +28,7 @@ class CtlServer::Client {
         socket_(bufferevent_socket_new(server.base_, fd, BEV_OPT_CLOSE_ON_FREE)),
         timeout_(server.base_, -1, 0, [this] { End(); }) {
     bufferevent_setcb(socket_.get(), OnRead, nullptr, OnEvent, this);
-    // Room for one byte more than a line may have, by which a longer one is noticed.
+    // One byte more than the longest line, to detect longer ones.
     bufferevent_setwatermark(socket_.get(), EV_READ, 0, kMaxLine + 1);
     bufferevent_enable(socket_.get(), EV_READ);
     timeout_.AddIn(server.timeout_ns_);
@@ -109,7 +109,7 @@ CtlServer::CtlServer(event_base* base, DeviceDirectory& directory, Handler handl
 
 CtlServer::~CtlServer() = default;
 
-/// Those who connect while there are kMaxClients wait in the listener's queue.
+/// Clients beyond kMaxClients wait in the listener's queue.
 void CtlServer::Accept(int fd) {
   clients_.emplace_back(*this, fd);
   if (clients_.size() == kMaxClients) evconnlistener_disable(listener_.get());

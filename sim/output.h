@@ -1,4 +1,4 @@
-// What the simulator prints for people. Output never fails: a pipe without a reader is ignored.
+// The simulator's printed output. It never fails: a pipe without a reader is ignored.
 #pragma once
 
 #include <fmt/format.h>

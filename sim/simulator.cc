@@ -24,7 +24,7 @@ event_base* NewBase() {
   return base;
 }
 
-/// Writes the counters, so that no reader ever sees half of them. Throws std::runtime_error.
+/// Writes the counters atomically. Throws std::runtime_error.
 void WriteStatsFile(const std::filesystem::path& file, const Stats& stats) {
   std::filesystem::path next = file;
   next += ".new";
@@ -71,8 +71,8 @@ Simulator::Simulator(const RunOptions& options, const Scenario& scenario)
   faults_->Wake();
 }
 
-/// The socket for commands comes first, so that it is there for those who see the devices; commands
-/// wait until the loop runs.
+/// The socket for commands comes first, so that it exists once the devices do; commands wait until
+/// the loop runs.
 void Simulator::CreateDevices() {
   directory_.emplace(options_.device_directory);
   ctl_.emplace(base_.get(), *directory_, [this](const Words& words) { return Command(words); });

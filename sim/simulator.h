@@ -1,5 +1,5 @@
-// The simulator as a whole: one event loop on the calling thread that serves the control device,
-// paces the streams, takes what comes back, makes faults and obeys commands.
+// The simulator: an event loop on the calling thread that serves the control device, paces the
+// streams, receives returning audio, injects faults and executes commands.
 #pragma once
 
 #include <event2/event.h>

@@ -1,4 +1,4 @@
-// The blocks on their way from the thread that serves the daemon to the one that writes.
+// The queue of blocks from the thread that serves the daemon to the one that writes.
 #pragma once
 
 #include <aidl/kvox/BnKvox.h>
@@ -10,9 +10,8 @@
 
 namespace kvox::client {
 
-/// Counts the blocks that a stream should have brought and did not. Blocks jitter and clocks drift,
-/// so a gap counts only when a block comes most of a block late, and is taken back when blocks then
-/// come that much early.
+/// Counts missing blocks of a stream. Blocks jitter and clocks drift, so a gap counts only when a
+/// block comes most of a block late, and is taken back when blocks then come that much early.
 class BlockClock {
  public:
   /// A block of this length arrives now; both in nanoseconds. One of length 0 does not count.

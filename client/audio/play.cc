@@ -11,8 +11,8 @@ namespace {
 constexpr size_t kBlocksAhead = 16;
 
 /// Reads blocks on the main thread, and sends one on the serving thread whenever a block comes. A
-/// block that is sent before that callback returns goes out in its place. When the callback took
-/// too long the relay has not waited for it, and what was sent goes out with the next one.
+/// block sent before that callback returns replaces the received one. If the callback takes too
+/// long the relay does not wait, and the block is sent with the next one.
 class Player {
  public:
   Player(std::shared_ptr<IKvox> kvox, SoundReader file, const SessionOptions& options)
@@ -53,7 +53,7 @@ class Player {
     late_ = NowNs() - begin_ns > block_ns * 9 / 20;
   }
 
-  /// Reads ahead. True when everything has gone out, or nothing more can.
+  /// Reads ahead. True when everything has been sent, or nothing more can be.
   bool ReadAhead() {
     std::unique_lock lock(mutex_);
     ShowProgress(StatsLocked());

@@ -14,7 +14,7 @@ class Recorder {
   Recorder(BlockQueue& queue, std::string name, std::string path, double seconds)
       : queue_(queue), name_(std::move(name)), path_(std::move(path)), seconds_(seconds) {}
 
-  /// Writes what has come. True when there is enough.
+  /// Writes the received blocks. True when there is enough audio.
   bool Write() {
     const auto blocks = queue_.TakeAll();
     for (const auto& block : blocks) {

@@ -1,4 +1,4 @@
-// A session as the client of a relay processor: what record and play have in common.
+// A session as the client of a relay processor, shared by record and play.
 #pragma once
 
 #include <atomic>
@@ -31,11 +31,11 @@ struct SessionOptions {
 
 /// Registers as a relay's client and stays one until the work is done, the user interrupts, the
 /// audio ends, another client takes the relay over or the daemon goes away. It unregisters before
-/// it leaves, because the death of a registered client would end the relay's use case; but not once
+/// it exits, because the death of a registered client would end the relay's use case; but not once
 /// the relay has dropped it, because that would end the other client's audio.
 class RelaySession {
  public:
-  /// A block has come; on the thread that serves the daemon, which waits for it for half a block.
+  /// A block has come. On the thread that serves the daemon, which waits half a block for it.
   using OnBlock = std::function<void(const IKvox::AudioPacket&)>;
   /// Called on the main thread, several times a second. True when the work is done.
   using OnTick = std::function<bool()>;
@@ -71,7 +71,7 @@ struct SessionStats {
 };
 
 /// Prints "recorded 12.300 s in 123 blocks, 0 missed", or the same as a JSON object. Returns the
-/// exit status for a session that ended with `end`. Throws Failure when the daemon has gone away.
+/// exit status for a session that ended with `end`. Throws Failure when the daemon went away.
 ExitStatus Finish(const char* verb, ExitStatus end, const SessionStats& stats, bool json);
 
 /// "0:12.3  3 missed" on a terminal, over itself; nothing elsewhere. Main thread.

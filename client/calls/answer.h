@@ -14,14 +14,14 @@ namespace kvox::client {
 
 using aidl::kvox::IKvox;
 
-/// A method's outputs, beside its binder status.
+/// A method's outputs, except its binder status.
 struct Answer {
   IKvox::CommandResult result;
   std::optional<IKvox::ParamValue> param;
   std::optional<std::vector<IKvox::ParamValue>> values;
   std::optional<IKvox::ProcessorStats> stats;
 
-  /// To be run once the answer is printed; returns false when the daemon went away while it ran.
+  /// Run this once the reply is printed; returns false if the daemon went away while it ran.
   std::function<bool()> afterwards;
 };
 

@@ -30,7 +30,7 @@ std::optional<float> ParseFloat(std::string_view word);
 /// A code of 8 bits, signed or unsigned.
 std::optional<int8_t> ParseByte(std::string_view word);
 
-/// The word with its letters a to z in capitals.
+/// The word with a to z in upper case.
 std::string Uppercase(std::string word);
 
 /// Any text, in UTF-8.
@@ -46,7 +46,7 @@ std::optional<IKvox::ParamValue> ParseParamValue(std::string_view word);
 /// BLOCK_LENGTH:0,9:0
 std::optional<std::vector<IKvox::ParamIdElementPair>> ParsePairs(std::string_view word);
 
-/// i:1,f:0.5; numbers behind a v: belong to it.
+/// i:1,f:0.5; numbers after a v: belong to it.
 std::optional<std::vector<IKvox::ParamValue>> ParseValues(std::string_view word);
 
 }  // namespace kvox::client

@@ -23,7 +23,7 @@ namespace {
 using Status = ndk::ScopedAStatus;
 using Words = std::vector<std::string>;
 
-/// A packet has to fit into one transaction with everything around it.
+/// A packet and its envelope must fit into one transaction.
 constexpr size_t kMaxData = (1u << 20) - 1024;
 
 constexpr float kLongestStay = 366.0f * 24 * 3600;
@@ -169,7 +169,7 @@ Row SendAudio() {
           }};
 }
 
-/// Appends the audio to a file; refuses packets when it cannot, or is told to.
+/// Appends the audio to a file; refuses packets if that fails, or on request.
 std::shared_ptr<AudioCallback> MakeReceiver(const std::string& path, bool reject) {
   return ndk::SharedRefBase::make<AudioCallback>(
       [file = std::make_shared<UniqueFd>(OpenToAppend(path)), reject,
@@ -183,7 +183,7 @@ std::shared_ptr<AudioCallback> MakeReceiver(const std::string& path, bool reject
       });
 }
 
-/// False as soon as the daemon behind `binder` has gone.
+/// False as soon as the daemon behind `binder` is gone.
 bool WaitAlive(const ndk::SpAIBinder& binder, float seconds) {
   using Clock = std::chrono::steady_clock;
   const auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(

@@ -16,7 +16,7 @@
 namespace kvox::client {
 namespace {
 
-// What the handler prints and returns, prepared: it may only make system calls.
+// Prepared for the signal handler, which may only make system calls.
 char message[256];
 size_t message_size = 0;
 int status_at_end = 0;

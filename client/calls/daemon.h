@@ -20,7 +20,7 @@ using aidl::kvox::IKvox;
 constexpr std::chrono::milliseconds kLongestWait = std::chrono::seconds(300);
 
 /// While one exists, a timer runs that ends the process with `exit_status` and a message that names
-/// the method; silently where that is nullptr. One at a time, on the main thread.
+/// the method; no message if that is nullptr. One at a time, on the main thread.
 class CallDeadline {
  public:
   CallDeadline(const char* method, int exit_status, std::chrono::milliseconds wait = kLongestWait);
@@ -32,7 +32,7 @@ class CallDeadline {
   void (*before_)(int);  // the handler of SIGALRM to restore
 };
 
-/// In place of the longest wait: the caller makes sure that no call lasts forever.
+/// Instead of a longest wait: the caller ensures that no call lasts forever.
 constexpr std::chrono::milliseconds kNoLimit{0};
 
 /// One thread; the main thread, unless it is made with kNoLimit.
@@ -69,7 +69,7 @@ class Daemon {
   /// Calls Ping, and returns the round trip in microseconds, without the time to connect.
   double Ping();
 
-  /// The longest for one reply.
+  /// The longest wait for one reply.
   std::chrono::milliseconds wait() const { return wait_; }
   void set_wait(std::chrono::milliseconds wait) { wait_ = wait; }
 

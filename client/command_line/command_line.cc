@@ -101,7 +101,7 @@ void CheckChoices(const char* name, const std::vector<const char*>& choices, con
   }
 }
 
-/// Gives each argument its words.
+/// Assigns the words to the arguments.
 void AssignArguments(const Words& words, const Verb& verb, const std::string& hint, Input& in) {
   if (Contains(words, "")) {
     throw UsageError(

@@ -19,7 +19,7 @@ struct CommandLine {
   std::chrono::milliseconds wait = kLongestWait;
 };
 
-/// Parses `words`, which are without the program's name. Throws UsageError.
+/// Parses `words`, which do not include the program's name. Throws UsageError.
 CommandLine ReadCommandLine(const std::vector<std::string>& words, const std::string& version);
 
 }  // namespace kvox::client

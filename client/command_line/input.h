@@ -1,4 +1,4 @@
-// The words that were given for a verb's arguments and options, and what they mean as numbers.
+// The words given for a verb's arguments and options, and their values as numbers.
 #pragma once
 
 #include <chrono>

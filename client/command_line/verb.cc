@@ -10,7 +10,7 @@ bool NamesObject(const Argument& argument) {
   return argument.kind >= Kind::kProcessor;
 }
 
-/// How verbs of a kind may end, beside kDone, kWrongUsage and kFailed.
+/// Exit statuses of a kind of verb, besides kDone, kWrongUsage and kFailed.
 const std::vector<int>& StatusesOf(VerbKind kind) {
   static const std::vector<int> statuses[] = {
       /*kCommand*/ {kRefused, kNoDaemon, kNoObject, kNotAllowed, kTimedOut},

@@ -39,7 +39,7 @@ struct Argument {
   Kind kind;
   const char* help;
   Arity arity = Arity::kOnce;
-  std::vector<const char*> choices = {};  // beside names, for every kind but kChoice
+  std::vector<const char*> choices = {};  // in addition to names, except for kChoice
 };
 
 struct Option {
@@ -56,14 +56,14 @@ struct Context {
   Daemon& daemon;
 };
 
-/// How a verb runs; the ways in which it can end follow from that.
+/// How a verb runs, which determines its exit statuses.
 enum class VerbKind {
   kCommand,  // calls the daemon
   kStream,   // carries audio, and may end with kGaps
-  kRawCall,  // takes all words after it as they are, options too
+  kRawCall,  // takes all following words unparsed, including options
   kApply,    // calls the daemon with names from a file
   kWait,     // until an object exists, but no longer than --timeout
-  kCheck,    // its status says what it has found, whether or not a daemon runs
+  kCheck,    // its status is the result of the check, whether or not a daemon runs
   kLocal,    // needs no daemon
 };
 

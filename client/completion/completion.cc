@@ -121,7 +121,7 @@ class Cursor {
   bool lost_ = false;  // a word was no verb
 };
 
-/// Users wait for it at a key; a daemon takes a millisecond.
+/// Users wait for it at the keyboard; a daemon takes a millisecond.
 constexpr std::chrono::milliseconds kLongestWaitAtKey{250};
 
 Names Processors(Daemon& daemon) {
@@ -166,8 +166,8 @@ Names Methods() {
   return names;
 }
 
-/// The names that the daemon has at the moment for objects of the kind; none for kinds without
-/// names. Throws Failure.
+/// The names of the daemon's current objects of the kind; none for kinds without names. Throws
+/// Failure.
 Names AllNames(Kind kind, const std::string& typed, Daemon& daemon) {
   switch (kind) {
     case Kind::kProcessor:
@@ -195,7 +195,7 @@ Names AllNames(Kind kind, const std::string& typed, Daemon& daemon) {
   }
 }
 
-/// False for names that would not fit on one line: nobody could type them.
+/// False for names that would not fit on one line.
 bool IsPrintable(std::string_view word) {
   return std::none_of(word.begin(), word.end(),
                       [](unsigned char c) { return c < ' ' || c == 0x7f; });

@@ -1,5 +1,5 @@
-// Completion of kvoxctl's words. The shell's script runs kvoxctl itself, each time, to learn what
-// may follow at the cursor.
+// Completion of kvoxctl's words. The shell's script runs kvoxctl each time to find out what may
+// follow at the cursor.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@
 
 namespace kvox::client {
 
-/// The first word of such a run: kvoxctl --complete tap info im
+/// The option for such a run: kvoxctl --complete tap info im
 constexpr char kCompletionOption[] = "--complete";
 
-/// Printed alone in place of words: a file name is wanted, which the shell can complete itself.
+/// Printed instead of words: a file name is expected, which the shell can complete itself.
 constexpr char kFilesWanted[] = ":files";
 
 /// Prints what the last of the words after the program's name may be, one per line, and returns the

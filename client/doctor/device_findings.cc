@@ -14,14 +14,14 @@ namespace {
 using Findings = std::vector<Finding>;
 using Nodes = std::vector<PathFacts>;
 
-/// What kvoxd needs of the nodes of one kind.
+/// Requirements for the nodes of one kind.
 struct Wanted {
   const char* check;
   const char* what;
   const char* name;     // of the node, or the prefix of the names
   uint32_t rights;      // of kvoxd
   bool takes_fifo;      // as well as a character device
-  const char* without;  // what it means when there is none
+  const char* without;  // the consequence when there is none
   Verdict without_verdict;
 };
 
@@ -35,7 +35,7 @@ constexpr Wanted kInjects = {
     "injects",        "inject devices", kInjectPrefix, kWrite, true, "kvoxd can send no audio back",
     Verdict::kWarning};
 
-/// A command that makes the co-processor appear, or shows why it does not.
+/// A command that starts the co-processor, or shows why it is missing.
 std::string NodesFix(const Facts& facts) {
   const std::string& directory = facts.devices.path;
   if (directory == "/dev") return Sudo(facts.me) + "dmesg | grep -i kvox";
@@ -100,7 +100,7 @@ void CheckMarker(const Facts& facts, Findings& findings) {
       NodesFix(facts));
 }
 
-/// False when inspecting the nodes is of no use.
+/// False when inspecting the nodes is pointless.
 bool CheckDirectory(const Facts& facts, Findings& findings) {
   const PathFacts& directory = facts.devices;
   Subject subject("devices", "device directory " + directory.path, findings);

@@ -1,4 +1,4 @@
-// What the doctor has found on the machine, as plain values.
+// The doctor's observations of the machine, as plain values.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +10,10 @@
 
 namespace kvox::client {
 
-/// A user, with what decides about rights.
+/// A user, with the properties that determine permissions.
 struct User {
   uint32_t uid = 0;
-  std::string name;              // a number where there is no name
+  std::string name;              // a number if there is no name
   std::vector<uint32_t> groups;  // their numbers
   std::string group;             // the name of the one to grant rights to
 };

@@ -1,4 +1,4 @@
-// What the facts mean for the daemon's work.
+// The doctor's findings, derived from the facts.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ struct Finding {
   const char* check = "";  // "control": the same word in every release
   std::string object;      // "control device /dev/xdv-kvox_control"
   std::string cause;       // what is wrong with it, or what it is
-  std::string fix = {};    // a command to type; "" where nothing is to be done
+  std::string fix = {};    // a command; "" if nothing needs to be done
 };
 
 /// "ok", "warning", "failed"
@@ -28,8 +28,8 @@ std::string LineOf(const Finding& finding);
 /// The same line with its verdict in color.
 std::string Painted(const std::string& line);
 
-/// A finding for each fact. A failure keeps audio or clients away; a warning may cost something, or
-/// is harmless on a host without a co-processor.
+/// A finding for each fact. A failure prevents audio or clients from working; a warning may degrade
+/// them, or is harmless on a host without a co-processor.
 std::vector<Finding> Diagnose(const Facts& facts);
 
 /// Adds findings about one object.
@@ -64,13 +64,13 @@ void CheckCaptures(const Facts& facts, std::vector<Finding>& findings);
 /// Root sees what this user does not.
 constexpr char kAsRoot[] = "sudo -E kvoxctl doctor";
 
-/// What is wrong with a path where something else is wanted: "is not there", "is a regular file".
+/// What is wrong with a path if something else is expected: "is not there", "is a regular file".
 std::string WhatIsThere(const PathFacts& path);
 
 /// "user kvox"
 std::string UserOf(const User& user);
 
-/// A command that starts the daemon; with a new runtime directory where this one is of no use.
+/// A command that starts the daemon; with a new runtime directory if this one is unusable.
 std::string StartCommand(const Facts& facts);
 
 }  // namespace kvox::client

@@ -102,7 +102,7 @@ std::vector<PathFacts> InspectNodes(const std::string& directory, const std::str
   return nodes;
 }
 
-/// Where the daemon's socket is; else where there is a directory for it; else the first location.
+/// The location of the daemon's socket; else one whose directory exists; else the first one.
 std::optional<SocketLocation> FindLocation() {
   std::vector<SocketLocation> locations;
   for (const std::string& socket : ServiceSockets(KvoxDescriptor())) {
@@ -120,9 +120,9 @@ std::optional<SocketLocation> FindLocation() {
   return chosen == locations.end() ? locations.front() : *chosen;
 }
 
-/// The user that kvoxd runs as: that of its process, or else of its socket, or of a directory in
-/// which a socket cannot be seen; where there is none of these, the user that its package creates,
-/// unless KVOX_RUNTIME_DIR says that users run daemons of their own.
+/// The user that kvoxd runs as: the owner of its process, or else of its socket, or of a directory
+/// that cannot be searched; otherwise the user that its package creates, unless KVOX_RUNTIME_DIR
+/// shows that users run their own daemons.
 User FindDaemonUser(const Facts& facts, const std::optional<ServiceProcess>& process) {
   std::optional<uid_t> uid;
   const char* const own_directory = getenv("KVOX_RUNTIME_DIR");
@@ -140,8 +140,8 @@ User FindDaemonUser(const Facts& facts, const std::optional<ServiceProcess>& pro
   return uid && *uid != facts.me.uid ? InspectUser(*uid) : facts.me;
 }
 
-/// The home of the service's user, which may write nowhere else; the daemon's own default for other
-/// users.
+/// The home of the service's user, which may not write anywhere else; the daemon's own default for
+/// other users.
 std::string DefaultCaptures(const User& daemon) {
   const passwd* const entry = getpwnam(kServiceName);
   return entry != nullptr && entry->pw_uid == daemon.uid ? entry->pw_dir : "/tmp";

@@ -1,4 +1,4 @@
-// Inspects the machine.
+// Inspects the machine for the doctor.
 #pragma once
 
 #include <chrono>
@@ -8,9 +8,9 @@
 
 namespace kvox::client {
 
-/// Only inspects: no device is opened, and nothing is changed. `captures` is the directory where
-/// captures are to go, "" for the default; `wait` is the longest for a reply of the daemon. To be
-/// called before any thread starts. Throws std::runtime_error.
+/// Opens no device and changes nothing. `captures` is the directory for captures, "" for the
+/// default; `wait` is the longest wait for a reply of the daemon. Call it before any thread starts.
+/// Throws std::runtime_error.
 Facts GatherFacts(const std::string& captures, std::chrono::milliseconds wait);
 
 // Parts of it.
@@ -20,10 +20,10 @@ Facts GatherFacts(const std::string& captures, std::chrono::milliseconds wait);
 /// before any thread starts. Throws std::runtime_error when no child can be started.
 DaemonReply ProbeDaemon(std::chrono::milliseconds wait);
 
-/// A running process; little is known of one that may not be inspected.
+/// A running process; mostly unknown if it may not be inspected.
 ProcessFacts InspectProcess(int pid);
 
-/// Parses the texts of /proc/PID/limits and /proc/PID/status. What they lack stays unknown.
+/// Parses the texts of /proc/PID/limits and /proc/PID/status. Missing values stay unknown.
 ProcessFacts ParseProcess(int pid, const std::string& limits, const std::string& status);
 
 }  // namespace kvox::client

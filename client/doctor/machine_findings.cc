@@ -1,4 +1,4 @@
-// What the machine offers the daemon: real-time priority, wake locks, disk space.
+// Findings about the machine: real-time priority, wake locks, disk space.
 
 #include <sys/stat.h>
 

@@ -14,7 +14,7 @@
 namespace kvox::client {
 namespace {
 
-/// A DaemonReply as it travels from child to parent; the error text follows.
+/// A DaemonReply as sent from child to parent; the error text follows.
 struct WireReply {
   int status;
   double round_trip_us;
@@ -47,7 +47,7 @@ DaemonReply Probe() {
   _exit(kDone);
 }
 
-/// What comes through the pipe until its other end closes.
+/// Reads the pipe until its other end closes.
 std::string ReadToEnd(int in) {
   std::string bytes;
   char part[4096];

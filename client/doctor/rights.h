@@ -1,4 +1,4 @@
-// Who may do what with a path, and commands that change it.
+// Permissions of paths, and commands that change them.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ constexpr uint32_t kRead = 4;
 constexpr uint32_t kWrite = 2;
 constexpr uint32_t kSearch = 1;
 
-/// Whether the user has all of these rights, by mode, owner and group alone.
+/// Whether the user has all of these rights, judging only by mode, owner and group.
 bool May(const User& user, const PathFacts& path, uint32_t rights);
 
 /// "read and write"; "search" of a directory.
@@ -30,8 +30,8 @@ std::string Sudo(const User& me, uint32_t owner = 0);
 std::string Grant(const User& me, const User& user, const PathFacts& path, uint32_t rights,
                   const std::string& words);
 
-/// A command that adds `me` to the group that has the rights, or that gives `me` the rights where
-/// the group has none.
+/// A command that adds `me` to the group that has the rights, or that gives `me` the rights if the
+/// group has none.
 std::string Join(const User& me, const PathFacts& path, uint32_t rights);
 
 }  // namespace kvox::client

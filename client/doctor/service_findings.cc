@@ -1,4 +1,4 @@
-// The way to the daemon: runtime directory, socket, answer, interface.
+// Findings about the connection to the daemon: runtime directory, socket, reply, interface.
 
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -76,7 +76,7 @@ void CheckSocket(const Facts& facts, std::vector<Finding>& findings) {
   subject.Ok(RightsOf(socket));
 }
 
-/// A daemon that does not answer for less may only be slow.
+/// A daemon that does not reply for a shorter time may only be slow.
 constexpr double kFairWait_s = 2;
 
 /// "process 12 of user kvox"; "" when it was not found.
@@ -85,7 +85,7 @@ std::string ProcessOf(const Facts& facts) {
   return "process " + std::to_string(facts.running->pid) + " of " + UserOf(facts.daemon);
 }
 
-/// A command for a daemon that does not answer.
+/// A command for a daemon that does not reply.
 std::string WakeCommand(const Facts& facts) {
   if (!facts.running) return StartCommand(facts);
   const char* const signal = facts.running->state == 'T' ? "CONT " : "KILL ";
@@ -101,7 +101,7 @@ void DiagnoseSilence(const Facts& facts, Subject& subject) {
     return subject.Fail(FormatText<64>("no answer within %g s", facts.waited_s),
                         facts.waited_s < kFairWait_s ? "kvoxctl doctor" : WakeCommand(facts));
   }
-  // Without the error's own next step: the fix is a better one.
+  // Drops the error's own next step, since the fix is better.
   const std::string cause = reply.error.substr(0, reply.error.find("; "));
   if (reply.status == kNotAllowed && facts.location) {
     const bool socket = facts.location->socket.error == 0;

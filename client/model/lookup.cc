@@ -77,7 +77,7 @@ std::vector<Buffer> AllOf(TableReply<Buffer> reply) {
   return std::move(reply.rows);
 }
 
-/// Those of the buffers that a word names.
+/// The buffers that a word names.
 std::vector<Buffer> Select(const std::vector<Buffer>& buffers, const std::string& word,
                            const std::string& what) {
   const auto id = ParseSmallNumber(word);

@@ -1,4 +1,4 @@
-// From the words that people use for objects to the objects themselves.
+// Resolves the words that users type for objects.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +9,9 @@
 
 namespace kvox::client {
 
-// What ends in -Named trusts the word as far as it can, and queries the daemon for the rest: the
-// object may not exist. What starts with LookUp- goes by the daemon's lists: a name that is not in
-// them throws Failure(kNoObject), which suggests similar ones. Words that can be no name throw
+// Functions that end in -Named trust the word as far as possible and query the daemon only for the
+// rest: the object may not exist. Those that start with LookUp- use the daemon's lists: a name that
+// is not in them throws Failure(kNoObject), which suggests similar ones. Invalid names throw
 // UsageError.
 
 /// A processor by its four characters, or by its number.
@@ -38,7 +38,7 @@ ProcessorId LookUpType(Daemon& daemon, const std::string& word);
 /// "2:imic.0" on core 2, "imic.0" on the one core that has it; "imic" when it has one index.
 ///
 /// TapNamed() costs no exchange with the co-processor when core and index are given, and two or
-/// three when the core is not: nothing but the answers of all cores shows that a name is unique.
+/// three without the core: all cores must be asked to know that a name is unique.
 TapPoint TapNamed(Daemon& daemon, const std::string& word);
 TapPoint LookUpTap(Daemon& daemon, const std::string& word);
 

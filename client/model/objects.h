@@ -1,4 +1,4 @@
-// What a daemon holds, as plain values. In every name "" means none.
+// A daemon's objects as plain values. A name of "" means none.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What a daemon says about itself.
+// Queries of a daemon's state.
 #pragma once
 
 #include <string>
@@ -36,7 +36,7 @@ int32_t CodeOf(const std::string& name);
 /// "cores 2, 3 and 4"
 std::string NamesOfCores(const std::vector<int>& cores);
 
-/// That `cores` do not reply, and what to do then: a message or the end of one.
+/// A message, or the end of one: that `cores` do not reply, and what to do.
 std::string SilenceOf(const std::vector<int>& cores);
 
 /// How many rows of one of kvoxctl's lists could not be parsed.
@@ -58,15 +58,15 @@ struct Snapshot {
   int unparsed_rows() const;
 };
 
-/// A snapshot as of now. Nothing is changed in the daemon: the measurements of processors, which
-/// reading clears, are not in it. Processors that are deleted while it is taken have no settings.
+/// Takes a snapshot without changing anything in the daemon: it lacks the measurements of
+/// processors, which reading clears. Processors deleted while it is taken have no settings.
 Snapshot ReadSnapshot(Daemon& daemon);
 
 /// Whether it is complete enough to act upon: all rows were parsed, and some core replied. A
 /// co-processor may lack a core, but not all of them.
 bool CanBeTrusted(const Snapshot& snapshot);
 
-/// What the snapshot lacks, and what to do about it: a message or the end of one. "" when it is
+/// A message, or the end of one: what the snapshot lacks, and what to do about it. "" when it is
 /// complete.
 std::string GapsOf(const Snapshot& snapshot);
 

@@ -24,7 +24,7 @@ Entry EntryOf(const Processor& processor) {
           processor.enabled};
 }
 
-/// What reads and writes a buffer is reported for the processors.
+/// Readers and writers of a buffer are reported for the processors.
 Entry EntryOf(const Buffer& buffer) {
   return {NameOf(buffer.direction), buffer.name, "", {}, buffer.enabled};
 }

@@ -1,4 +1,4 @@
-// What changed between two samples of a daemon.
+// The changes between two samples of a daemon.
 #pragma once
 
 #include <string>
@@ -21,8 +21,8 @@ struct Change {
 };
 
 /// The changes of processors, buffers and tap points, in this order. Objects appear disabled and
-/// unconnected, and change from there on. Tap points of a core that does not reply now stay as they
-/// are: they are copied from `before` to `now`.
+/// unconnected, and change from there on. Tap points of a core that does not reply are kept: they
+/// are copied from `before` to `now`.
 std::vector<Change> Diff(const Sample& before, Sample& now);
 
 /// Its words, separated by blanks.

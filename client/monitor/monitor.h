@@ -5,8 +5,7 @@
 
 namespace kvox::client {
 
-/// Shows every processor and buffer until interrupted, on the whole screen or, with --batch, as
-/// plain rows.
+/// Shows every processor and buffer until interrupted, full-screen or, with --batch, as plain rows.
 int Top(const Context& context);
 
 /// Prints a line for every change until interrupted.

@@ -1,4 +1,4 @@
-// Samples the daemon on a thread of its own, so that a display never waits for a reply.
+// Samples the daemon on a separate thread, so that a display never waits for a reply.
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@ struct PollResult {
   double took_ms = 0;
 };
 
-/// Main thread, but for the thread "poller" within.
+/// Main thread, except for its own thread "poller".
 class Poller {
  public:
   using Clock = std::chrono::steady_clock;
@@ -26,8 +26,7 @@ class Poller {
   /// Throws std::runtime_error.
   explicit Poller(Sampler::Wanted wanted);
 
-  /// Waits two seconds for the call in flight; without a reply by then the program ends with
-  /// kTimedOut and a message.
+  /// Waits two seconds for the call in flight; then ends the program with kTimedOut and a message.
   ~Poller();
   Poller(const Poller&) = delete;
   Poller& operator=(const Poller&) = delete;

@@ -40,7 +40,7 @@ RunLoop::RunLoop(const SignalFd& signals, Sampler::Wanted wanted,
 LoopEvent RunLoop::Next(Clock::time_point until) {
   if (Clock::now() >= due_) {
     poller_.Start();
-    due_ = std::max(due_ + interval_, Clock::now());  // missed polls are not made up for
+    due_ = std::max(due_ + interval_, Clock::now());  // missed polls are skipped
   }
   pollfd events[] = {{signals_.fd(), POLLIN, 0},
                      {poller_.fd(), POLLIN, 0},

@@ -11,12 +11,12 @@
 
 namespace kvox::client {
 
-/// What has happened; several things may have.
+/// What has happened, possibly several things.
 struct LoopEvent {
   int signal = 0;
   std::optional<PollResult> result;
   bool input = false;   // there is something to read
-  bool closed = false;  // the reader of our output, or the terminal, has gone
+  bool closed = false;  // the reader of our output, or the terminal, is gone
 };
 
 /// Polls the daemon once per interval, and waits for the next event. Main thread.
@@ -34,7 +34,7 @@ class RunLoop {
   /// Polls at once.
   void Refresh() { due_ = Clock::now(); }
 
-  /// For how long the daemon has owed a reply.
+  /// How long the current poll has been waiting for a reply.
   Clock::duration InFlight() { return poller_.InFlight(); }
 
  private:

@@ -37,7 +37,7 @@ void Sampler::Measure(Daemon& daemon, Sample& sample) {
     daemon.Run("ProcessorGetStats", [&](IKvox& kvox) {
       return kvox.ProcessorGetStats(CodeOf(processor.id), &stats, &result);
     });
-    if (result.status != IKvox::CommandStatus::OK) continue;  // it has gone, or is at work
+    if (result.status != IKvox::CommandStatus::OK) continue;  // it is gone, or busy
     if (stats.bufferEntries == 0) {
       Resize(daemon, processor.id, kEntries);
       resized_.insert(processor.id);

@@ -37,13 +37,13 @@ class Sampler {
 
   explicit Sampler(Wanted wanted) : wanted_(wanted) {}
 
-  /// Throws Failure. Makes processors that keep no times keep some.
+  /// Throws Failure. Enables statistics of processors that keep no times.
   Sample Read(Daemon& daemon);
 
-  /// Makes the processors that Read() has changed keep no times again. Throws Failure.
+  /// Undoes what Read() has changed in processors. Throws Failure.
   void Restore(Daemon& daemon);
 
-  /// To be called when another daemon is there.
+  /// Call this when the daemon was replaced.
   void Forget() { resized_.clear(); }
 
  private:

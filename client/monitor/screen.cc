@@ -27,8 +27,8 @@ namespace kvox::client {
   F(resizeterm)
 // clang-format on
 
-/// The functions of ncurses that we use, with the library's own types. Loaded when top needs them:
-/// no other verb pays for it.
+/// The functions of ncurses that we use, with the library's own types. Loaded when top needs them,
+/// so that no other verb pays for it.
 struct CursesLibrary {
 #define KVOX_DECLARE(function) decltype(&::function) function = nullptr;
   KVOX_CURSES_FUNCTIONS(KVOX_DECLARE)
@@ -73,7 +73,7 @@ struct FatalSignal {
   struct sigaction before = {};
 };
 
-// The others are waited for, see SignalFd.
+// The others are polled, see SignalFd.
 FatalSignal fatal_signals[] = {{SIGABRT}, {SIGALRM},   {SIGBUS}, {SIGFPE},  {SIGILL},
                                {SIGIO},   {SIGPROF},   {SIGPWR}, {SIGSEGV}, {SIGSYS},
                                {SIGTRAP}, {SIGVTALRM}, {SIGXFSZ}};

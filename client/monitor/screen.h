@@ -1,4 +1,4 @@
-// The terminal, taken over for a full-screen view and restored afterwards.
+// The terminal in full-screen mode, restored afterwards.
 #pragma once
 
 #include <string>
@@ -27,7 +27,7 @@ class TerminalRescue {
   static void SetEndSequence(const std::string& sequence);
 };
 
-/// Throws Failure(kWrongUsage) when standard input or output is no terminal.
+/// Throws Failure(kWrongUsage) when standard input or output is not a terminal.
 void RequireTerminal();
 
 /// Restores the terminal when it is destroyed. One at a time, main thread.

@@ -95,7 +95,7 @@ End InBatch(const Context& context, const TopOptions& options, const SignalFd& s
   return {.status = model.present() ? kDone : kNoDaemon};
 }
 
-/// The view on the whole screen.
+/// The full-screen view.
 class FullScreen {
  public:
   FullScreen(const Context& context, const TopOptions& options, const SignalFd& signals)
@@ -150,7 +150,7 @@ class FullScreen {
   const Context& context_;
   const TopOptions& options_;
   RunLoop loop_;
-  Screen screen_;  // restored before the daemon is waited for
+  Screen screen_;  // restored before waiting for the daemon
   TopModel model_;
   View view_;
   int count_ = 0;
@@ -165,7 +165,7 @@ int Top(const Context& context) {
   const SignalFd signals = batch ? SignalFd({SIGINT, SIGTERM, SIGHUP})
                                  : SignalFd({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2,
                                              SIGXCPU, SIGTSTP, SIGCONT, SIGWINCH});
-  context.daemon.kvox();  // there has to be one at first
+  context.daemon.kvox();  // a daemon must be running at first
   const End end =
       batch ? InBatch(context, options, signals) : FullScreen(context, options, signals).Run();
   return end.signal != 0 ? EndBySignal(end.signal) : end.status;

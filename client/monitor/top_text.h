@@ -12,7 +12,7 @@ namespace kvox::client {
 struct Column {
   const char* name;  // for --sort and the help line
   const char* title;
-  int width;      // of the column, without the blank behind it
+  int width;      // of the column, without the following blank
   char key;       // a letter of the name, which sorts by it
   bool measured;  // only shown with --measure
   std::string (*text)(const Row&);

@@ -76,7 +76,7 @@ class Watcher {
   int unparsed_ = 0;
 };
 
-/// When --timeout ends it.
+/// When --timeout expires.
 Clock::time_point EndOf(const Context& context) {
   if (!context.in.Has("--timeout")) return Clock::time_point::max();
   return Clock::now() + context.daemon.wait();
@@ -89,7 +89,7 @@ int Watch(const Context& context) {
   const int limit = LimitOf(context.in, "--count");
   const auto end = EndOf(context);
   const SignalFd signals({SIGINT, SIGTERM, SIGHUP});
-  context.daemon.kvox();  // there has to be one at first
+  context.daemon.kvox();  // a daemon must be running at first
   RunLoop loop(signals, {.taps = true}, interval);
   Watcher watcher(context, signals, limit);
   while (!watcher.Done()) {

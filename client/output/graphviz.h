@@ -1,4 +1,4 @@
-// The graph of a daemon as a drawing.
+// The graph of a daemon for Graphviz.
 #pragma once
 
 #include <string>

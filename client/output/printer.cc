@@ -67,7 +67,7 @@ bool UsesColor(Color color, int stream) {
 }  // namespace
 
 void PrepareStandardStreams() {
-  signal(SIGPIPE, SIG_IGN);  // which would end the process; errno says it as well
+  signal(SIGPIPE, SIG_IGN);  // which would end the process; errno reports it as well
   pollfd streams[] = {{STDIN_FILENO, 0, 0}, {STDOUT_FILENO, 0, 0}, {STDERR_FILENO, 0, 0}};
   poll(streams, std::size(streams), 0);
   for (const pollfd& stream : streams) {
@@ -86,8 +86,8 @@ void PrintOut(const std::string& text) {
 
 std::string AsJson(const Json& value) {
   std::string text;
-  // The library's indented form without its newlines, which are structure alone: those in texts
-  // are escaped.
+  // The library's indented form without its newlines, which are only formatting: those in texts are
+  // escaped.
   for (const char c : value.dump(0, ' ', false, Json::error_handler_t::replace)) {
     if (c != '\n') {
       text += c;

@@ -1,4 +1,4 @@
-// What verbs print: for people, for scripts that read JSON, for scripts that read columns.
+// Output of verbs: text for people, JSON or columns for scripts.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -39,7 +39,7 @@ class Printer {
   void List(const std::vector<std::string>& lines, const char* key, const Json& records,
             int unparsed = 0, const Json& head = Json::object(), Paint paint = BoldHeader) const;
 
-  /// One object, whose fields stand in the JSON document itself.
+  /// One object, whose fields are top-level in the JSON document.
   void One(const std::vector<std::string>& lines, const Json& record = Json::object()) const;
 
   /// A message to standard error, which names the object and the next step.
@@ -61,7 +61,7 @@ class Printer {
 void PrepareStandardStreams();
 
 /// Writes the text to standard output at once. Throws std::runtime_error when that fails; a reader
-/// that has gone away is no failure.
+/// that has closed is not a failure.
 void PrintOut(const std::string& text);
 
 /// On one line: {"id": "pass", "consumers": ["art0", "art1"]}

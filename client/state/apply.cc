@@ -96,7 +96,7 @@ Outcome Apply(const std::string& text, const std::string& origin, bool keep, Dae
     outcome.differences = Differences(wanted, actual);
     if (finished || outcome.differences.empty()) return outcome;
     std::vector<Step> steps = Plan(wanted, actual);
-    // What a use case sets up is queried before the rest is planned.
+    // Query what a use case sets up before planning the rest.
     finished = steps.empty() || steps.front().action != Action::kSwitchUseCase;
     if (!SendAll(std::move(steps), snapshot, daemon, outcome)) return outcome;
   }

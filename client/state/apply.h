@@ -1,4 +1,4 @@
-// Carrying out plans at a daemon.
+// Executes plans.
 #pragma once
 
 #include "client/calls/daemon.h"
@@ -8,7 +8,7 @@
 
 namespace kvox::client {
 
-/// How far a daemon was brought.
+/// The result of applying a plan.
 struct Outcome {
   std::vector<Step> done;
   std::vector<Step> left;               // the first of them failed, if there are any

@@ -1,4 +1,4 @@
-// How a daemon is brought from one state to another.
+// The commands that bring a daemon from one state to another.
 #pragma once
 
 #include <aidl/kvox/IKvox.h>

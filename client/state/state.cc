@@ -9,7 +9,7 @@ namespace {
 
 using Text = std::optional<std::string>;
 
-/// Names and values for people; a setting that is not given has none.
+/// Names and printed values; none for settings that are not given.
 using Properties = std::vector<std::pair<const char*, Text>>;
 
 Text TextOf(const std::string& name) {

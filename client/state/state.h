@@ -1,4 +1,4 @@
-// What a daemon is set to do, and what it should be set to do.
+// A daemon's configuration, actual or wanted.
 #pragma once
 
 #include <cstdint>
@@ -52,7 +52,7 @@ inline bool IsTapOut(const std::string& buffer) {
   return buffer.starts_with(BufferPrefix(Direction::kTapOut));
 }
 
-/// One property in which two states differ, as texts for people.
+/// One property in which two states differ, as printed.
 struct Difference {
   std::string object;    // "processor pass"
   std::string property;  // "output"

@@ -1,4 +1,4 @@
-// The state of a daemon as a file for people: TOML, whose keys the manual lists.
+// A daemon's configuration as a TOML file; `kvoxctl export --help` lists its keys.
 #pragma once
 
 #include <string>
@@ -10,8 +10,7 @@
 
 namespace kvox::client {
 
-/// The file for a snapshot, in an order that depends on nothing else. Comments say what the daemon
-/// does not report.
+/// The file for a snapshot, always in the same order. Comments say what the daemon does not report.
 std::string WriteState(const Snapshot& snapshot);
 
 /// The same as a JSON document.

@@ -13,7 +13,7 @@ namespace {
 constexpr int64_t kSchema = 1;
 constexpr char kNoName[] = "a name";
 
-/// Reads one document. Throws std::invalid_argument for the first thing that is wrong.
+/// Reads one document. Throws std::invalid_argument for the first error.
 class Reader {
  public:
   Reader(const toml::table& document, const Snapshot& snapshot, const TomlOrigin& origin)

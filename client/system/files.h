@@ -1,4 +1,4 @@
-// Files that a command line names. Only regular ones are accepted: reading others might not end,
+// Files named on the command line. Only regular ones are accepted: reading others might not end,
 // and opening some would block.
 #pragma once
 
@@ -17,8 +17,7 @@ std::vector<uint8_t> ReadFile(const std::string& path, size_t limit);
 /// The same for standard input.
 std::vector<uint8_t> ReadStandardInput(size_t limit);
 
-/// Opens the file at `path` for appending, and creates it first if it is not there. Throws
-/// UsageError.
+/// Opens the file at `path` for appending, creating it if necessary. Throws UsageError.
 UniqueFd OpenToAppend(const std::string& path);
 
 /// Throws UsageError when no file can be written at `path`. Changes nothing, and leaves no new file

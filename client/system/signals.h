@@ -1,4 +1,4 @@
-// Signals that a program takes between its steps, not in the middle of one.
+// Signals that a program handles between its steps, not in the middle of one.
 #pragma once
 
 #include <signal.h>
@@ -7,8 +7,8 @@
 
 namespace kvox::client {
 
-/// Those of the signals that this process does not ignore. An ignored one, as under nohup, has to
-/// stay so: a blocked signal is delivered even when it is ignored.
+/// Those of the signals that this process does not ignore. An ignored one, as under nohup, must
+/// stay ignored: a blocked signal is delivered even when it is ignored.
 sigset_t NotIgnored(std::initializer_list<int> numbers);
 
 /// Blocks NotIgnored() in every thread, and returns them. To be called before any thread starts.

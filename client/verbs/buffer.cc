@@ -1,4 +1,4 @@
-// Buffers, what they are connected to, their devices and captures.
+// Buffers, their connections, devices and captures.
 
 #include <algorithm>
 #include <filesystem>
@@ -20,10 +20,10 @@ int List(const Context& context) {
   return PrintTable(context, "buffers", buffers);
 }
 
-// Connect, StartIo and StopIo look buffers up first: a Connect that is refused for one buffer has
-// taken the other, and the others succeed without a buffer, and remember it.
+// Connect, StartIo and StopIo need a look-up first: a Connect refused for one buffer has still
+// applied the other, and StartIo and StopIo succeed for a missing buffer, and remember it.
 
-/// Also disconnects: buffers that are not given are none.
+/// Also disconnects: buffers that are not given become none.
 int Connect(const Context& context) {
   const auto look_up = [&](Direction direction, const char* argument) {
     const std::string& word = context.in.Get(argument);

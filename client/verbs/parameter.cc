@@ -18,7 +18,7 @@ using CommandResult = IKvox::CommandResult;
 using ParameterId = IKvox::ParameterId;
 using ParamValue = IKvox::ParamValue;
 
-/// What people want to know of an element.
+/// One element of a parameter, and what its value means.
 struct Element {
   ParameterId id;
   int32_t element;

@@ -14,8 +14,8 @@ int Types(const Context& context) {
 int New(const Context& context) {
   const std::string& word = context.in.Get("ID");
   const ProcessorId id = NewProcessorId("ID", word);
-  // Looked up first: with a type that it does not have the daemon would only delete the processor
-  // that has this id now.
+  // Looked up first: for an unknown type the daemon would only delete the processor that now has
+  // this id.
   const ProcessorId type =
       LookUpType(context.daemon, context.in.Has("TYPE") ? context.in.Get("TYPE") : word);
   const auto result =
@@ -24,7 +24,7 @@ int New(const Context& context) {
 }
 
 int Delete(const Context& context) {
-  // Looked up first: the daemon is content when there is nothing to delete.
+  // Looked up first: the daemon reports success even if there is nothing to delete.
   const ProcessorId id = LookUpProcessor(context.daemon, context.in.Get("PROCESSOR"));
   const auto result = context.daemon.Call("DeleteProcessor", &IKvox::DeleteProcessor, id.id);
   return Report(context, "processor " + id.name, result, {{"id", id.name}});

@@ -1,4 +1,4 @@
-// What verbs of several nouns have in common: arguments, records, and reports.
+// Shared by verbs of several nouns: arguments, records, and reports.
 #pragma once
 
 #include <string>
@@ -19,7 +19,7 @@ inline const Argument kGain = {"GAIN", Kind::kNumber, "Factor"};
 inline const Option kRamp = {"--ramp", "MS", Kind::kNumber,
                              "How long the change takes, 0 to 3600000 ms (0)"};
 
-/// What was given for kRamp. Throws UsageError.
+/// The value of kRamp. Throws UsageError.
 inline int32_t RampMs(const Input& in) {
   return in.Number("--ramp", 0, 3'600'000, 0);
 }

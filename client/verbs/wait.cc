@@ -13,7 +13,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kPause = std::chrono::milliseconds(20);
 
-/// A slow daemon gets the time to say what is missing, even when --timeout has just run out.
+/// A slow daemon gets time to report what is missing, even if --timeout has just expired.
 constexpr auto kLeastForAnAnswer = std::chrono::milliseconds(1000);
 
 /// Whether waiting may help.

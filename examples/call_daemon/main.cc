@@ -1,4 +1,4 @@
-// Prints the tap-out buffers of the daemon that runs.
+// Prints the tap-out buffers of the running daemon.
 
 #include <aidl/kvox/IKvox.h>
 #include <android/binder_manager.h>

@@ -26,7 +26,7 @@ Sample Amplify(Sample sample, float gain) {
   return static_cast<Sample>(std::clamp(std::round(sample * gain), kLowest, kHighest));
 }
 
-/// A block is bytes: nothing promises that the samples in it are aligned.
+/// Copies each sample, since those in a block may be unaligned.
 void Amplify(std::span<const std::byte> in, std::byte* out, float gain) {
   for (size_t at = 0; at + sizeof(Sample) <= in.size(); at += sizeof(Sample)) {
     Sample sample;
@@ -57,7 +57,7 @@ int32_t GainProcessor::SetParameter(IKvox::ParameterId id, int element, const Va
   if (id != kGain) return KvoxProcessor::SetParameter(id, element, value, forward);
   if (value.getTag() != Value::f) return kBadParameterValue;
   const float gain = value.get<Value::f>();
-  if (!(gain >= 0 && gain <= kMaxGain)) return kBadParameterValue;  // also for not-a-number
+  if (!(gain >= 0 && gain <= kMaxGain)) return kBadParameterValue;  // also for NaN
   gain_.store(gain, kRelaxed);
   return kParameterStored;
 }

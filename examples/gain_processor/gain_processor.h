@@ -1,5 +1,5 @@
-// Example of a processor kind: makes 16-bit integer audio louder or softer by a factor that clients
-// set. docs/new-processor.md goes through it step by step.
+// Example of a processor kind: scales 16-bit integer audio by a factor that clients set.
+// docs/new-processor.md explains it step by step.
 #pragma once
 
 #include <atomic>
@@ -14,7 +14,7 @@ class GainProcessor : public KvoxProcessor {
  public:
   static constexpr FourCc kType = MakeFourCc("gain");
 
-  /// The factor, a float from 0 to kMaxGain; 1 at first. Being an example, it has a number far from
+  /// The factor, a float from 0 to kMaxGain; initially 1. As an example it has a number far from
   /// those of the contract.
   static constexpr auto kGain = IKvox::ParameterId{1000};
   static constexpr float kMaxGain = 16.0f;
@@ -28,8 +28,8 @@ class GainProcessor : public KvoxProcessor {
                        const TapForward& forward) override;
   int32_t GetParameter(IKvox::ParameterId id, int element, IKvox::ParamValue* value) const override;
 
-  /// RT: louder samples than 16 bits can hold are limited. While disabled, and with status -1 for a
-  /// block of another format, the output stays silent.
+  /// RT: clips samples to 16 bits. The output is silent while disabled, and for a block of another
+  /// format, which returns status -1.
   BlockResult ProcessBlock(const Block& block, OutputArea* out) override;
 
  protected:
@@ -37,7 +37,7 @@ class GainProcessor : public KvoxProcessor {
   bool SetFormatField(FormatField field, uint32_t value) override;
 
  private:
-  std::atomic<float> gain_ = 1.0f;  // relaxed: it stands for itself
+  std::atomic<float> gain_ = 1.0f;  // relaxed: publishes nothing else
 };
 
 }  // namespace kvox

@@ -56,7 +56,7 @@ std::shared_ptr<I> InterfaceOf(const ::ndk::SpAIBinder& binder) {
     }
     return ::ndk::SharedRefBase::make<Proxy>(binder);
   }
-  // Other code of this process may have named the interface first, with a class of its own.
+  // Other code of this process may have defined its own class for the interface first.
   const AIBinder_Class* other = AIBinder_getClass(binder.get());
   const bool same =
       other != nullptr && strcmp(AIBinder_Class_getDescriptor(other), I::descriptor) == 0;

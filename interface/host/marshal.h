@@ -22,7 +22,7 @@ namespace aidl::kvox {
 inline constexpr transaction_code_t kVersionTransaction = FIRST_CALL_TRANSACTION + 16777214;
 inline constexpr transaction_code_t kHashTransaction = FIRST_CALL_TRANSACTION + 16777213;
 
-/// Calls `action` with each argument that is no pointer, until one fails.
+/// Calls `action` with each argument that is not a pointer, until one fails.
 template <typename Action, typename... Args>
 binder_status_t ForEachIn(const Action& action, Args&... args) {
   binder_status_t status = STATUS_OK;

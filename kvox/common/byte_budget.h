@@ -1,4 +1,4 @@
-// A limit on memory that several objects use together.
+// A memory limit shared by several objects.
 #pragma once
 
 #include <atomic>
@@ -12,7 +12,7 @@ class ByteBudget {
  public:
   explicit ByteBudget(size_t bytes) : size_(bytes) {}
 
-  /// False when less than that is left, and then nothing is taken.
+  /// False, without taking anything, when less than that is left.
   bool Take(size_t bytes) {
     size_t taken = taken_.load(std::memory_order_relaxed);
     do {
@@ -26,7 +26,7 @@ class ByteBudget {
 
  private:
   const size_t size_;
-  std::atomic<size_t> taken_ = 0;  // only counts, nothing is published with it
+  std::atomic<size_t> taken_ = 0;  // only a count, publishes nothing
 };
 
 }  // namespace kvox

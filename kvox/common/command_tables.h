@@ -1,5 +1,5 @@
-// The tables that IKvox commands print for people, and that programs read back. The service prints
-// with these formats; kvoxctl and the test campaign read with the same widths and words.
+// The text tables of IKvox commands. The service prints them with these formats; kvoxctl and the
+// test campaign parse them with the same widths and words.
 //
 // A table is a header, then one line per object. A line starts with two blanks; columns are
 // left-aligned with one blank between them. A value that is wider than its column moves the rest of

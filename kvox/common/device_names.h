@@ -4,13 +4,13 @@
 
 namespace kvox {
 
-/// Shows that there is a co-processor; never opened.
+/// Exists while there is a co-processor; never opened.
 inline constexpr char kMarkerDevice[] = "kvo";
 inline constexpr char kControlDevice[] = "xdv-kvox_control";
 /// Followed by the buffer's number.
 inline constexpr char kTapOutPrefix[] = "xdv-kvox_tapout";
 inline constexpr char kInjectPrefix[] = "xdv-kvox_inject";
-/// What control and data devices have in common.
+/// Common prefix of control and data devices.
 inline constexpr char kDevicePrefix[] = "xdv-kvox_";
 
 }  // namespace kvox

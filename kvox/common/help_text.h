@@ -1,4 +1,4 @@
-// What --help of the programs and their manual pages are made of.
+// Building blocks of the programs' --help and manual pages.
 #pragma once
 
 #include <algorithm>

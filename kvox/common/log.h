@@ -16,7 +16,7 @@ class LogTarget {
   virtual ~LogTarget() = default;
   virtual void Write(LogPriority priority, const char* tag, const char* line) = 0;
 
-  /// Waits until all lines so far have reached the log, 200 ms at most.
+  /// Waits until all lines so far are in the log, 200 ms at most.
   virtual void Flush() {}
 };
 
@@ -41,7 +41,7 @@ class ScopedThreadLog {
   LogTarget* previous_;
 };
 
-/// Sends the lines of every thread without a target of its own to `target`. One at a time.
+/// Sends the lines of every thread without its own target to `target`. One at a time.
 class ScopedProcessLog {
  public:
   explicit ScopedProcessLog(LogTarget& target);

@@ -42,7 +42,7 @@ bool LogRing::Push(LogPriority priority, const char* tag, const char* text) {
       return true;
     }
     const uint64_t now = tail_.load(std::memory_order_relaxed);
-    if (now == tail) {  // nobody moved on: the slot still holds an unread line
+    if (now == tail) {  // no thread has moved on: the slot still holds an unread line
       losses_.fetch_add(1, std::memory_order_relaxed);
       return false;
     }

@@ -7,7 +7,7 @@
 
 namespace kvox {
 
-/// How many letters to insert, delete or replace to turn one into the other, ignoring case.
+/// The edit distance between two words, ignoring case.
 size_t EditDistance(std::string_view a, std::string_view b);
 
 /// Up to three of `names` that resemble `word` or begin with it, nearest first.

@@ -1,4 +1,4 @@
-// A file of its own: a program that brings another SystemLog() does without the log library.
+// A separate file, so that a program with its own SystemLog() needs no log library.
 
 #include <android/log.h>
 

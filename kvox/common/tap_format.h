@@ -7,7 +7,7 @@
 #include <type_traits>
 
 struct Kvox {
-  /// How samples are encoded. Other values travel through unchanged and are shown as unsupported.
+  /// How samples are encoded. Other values pass through unchanged and are shown as unsupported.
   enum class DataFormat : uint8_t { INT = 0, FLOAT = 1, SULAW = 2 };
 };
 

@@ -46,7 +46,7 @@ size_t ThreadGroup::running() const {
   return running_.size();
 }
 
-/// On the thread that ends. The one that it joins has nothing left to do.
+/// On the ending thread. The thread that it joins has already finished.
 void ThreadGroup::Finish(size_t number) {
   std::thread before;
   MutexLock lock(mutex_);

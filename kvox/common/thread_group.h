@@ -1,5 +1,5 @@
-// Threads that may be stuck in a foreign call when nobody needs them any more. Each is joined by
-// the one that ends after it, or with the group.
+// Threads that may be stuck in a foreign call when they are no longer needed. Each is joined by the
+// next one that ends, or by the group's destructor.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +23,7 @@ class ThreadGroup {
   ~ThreadGroup();
 
   /// Runs `body` on a new thread of this name (at most 15 characters). False when the group or the
-  /// share is full, or the system has no thread to give.
+  /// share is full, or the system cannot create a thread.
   bool Start(const char* name, std::function<void()> body, uint64_t share = 0);
 
   /// Threads whose body has not returned yet.

@@ -71,7 +71,7 @@ int SubtypeOf(const SoundFormat& format) {
   return 0;
 }
 
-/// Whether the samples of a file are integers, or expand to some.
+/// Whether the samples of a file are integers, or decode to integers.
 bool HasIntegers(int subtype) {
   constexpr int kSubtypesOfIntegers[] = {SF_FORMAT_PCM_S8, SF_FORMAT_PCM_U8, SF_FORMAT_PCM_16,
                                          SF_FORMAT_PCM_24, SF_FORMAT_PCM_32, SF_FORMAT_ULAW,

@@ -1,5 +1,5 @@
-// Sound files, through libsndfile. The library is loaded when the first file is opened: it brings
-// many others along, and most runs of the programs need none.
+// Sound files, through libsndfile. The library is loaded when the first file is opened: it pulls in
+// many others, and most runs of the programs need none.
 #pragma once
 
 #include <cstddef>

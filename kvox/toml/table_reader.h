@@ -1,6 +1,6 @@
-// Reads the tables of a TOML document strictly: every key has a type and a range. The first thing
-// that is wrong is thrown as std::invalid_argument("FILE:LINE: KEY: what is wrong; what is
-// expected"). To be included in source files only, for it brings the whole TOML library.
+// Reads the tables of a TOML document strictly: every key has a type and a range. The first error
+// is thrown as std::invalid_argument("FILE:LINE: KEY: what is wrong; what is expected"). Include it
+// only in source files, since it includes the whole TOML library.
 #pragma once
 
 #include <fmt/format.h>
@@ -34,14 +34,14 @@ struct TomlOrigin {
   }
 };
 
-/// Reads the keys of one table. A key that is not there leaves the value as it is.
+/// Reads the keys of one table. A missing key leaves the value as it is.
 class TableReader {
  public:
   /// `table` and `origin` outlive the reader; `path` is the table's own, "" for the document.
   TableReader(const toml::table& table, std::string path, const TomlOrigin& origin)
       : table_(table), path_(std::move(path)), origin_(origin) {}
 
-  /// The node under `key`; null when it is not there.
+  /// The node under `key`; null when it is missing.
   const toml::node* Find(std::string_view key) {
     if (std::ranges::count(known_, key) == 0) known_.emplace_back(key);
     return table_.get(key);
@@ -74,13 +74,13 @@ class TableReader {
   void Read(std::string_view key, std::string& value, std::string_view expected) {
     if (const toml::node* node = Find(key)) value = Text(*node, key, expected);
   }
-  /// Any of these into a value that is nothing while the key is not there.
+  /// Any of these into an optional value, which stays empty when the key is missing.
   template <typename Value, typename... Range>
   void Read(std::string_view key, std::optional<Value>& value, Range... range) {
     if (Find(key) != nullptr) Read(key, value.emplace(), range...);
   }
 
-  /// A file name, as a path from the document's directory; `where` is told for later messages.
+  /// A file name, as a path from the document's directory; `where` is set for later messages.
   void ReadFile(std::string_view key, std::filesystem::path& file, std::string& where) {
     const toml::node& node = Require(key, "a file name");
     const std::string text = Text(node, key, "a file name");
@@ -89,8 +89,8 @@ class TableReader {
     where = origin_.Where(node, KeyPath(key));
   }
 
-  /// The row whose member `name` the key has; `otherwise` when the key is not there, which is then
-  /// allowed.
+  /// The row whose member `name` equals the key's value; `otherwise` when the key is missing, which
+  /// is then allowed.
   template <typename Rows, typename Row = std::ranges::range_value_t<Rows>>
   const Row& ReadChoice(std::string_view key, const Rows& rows, const Row* otherwise = nullptr) {
     std::string expected = "one of ";
@@ -121,7 +121,7 @@ class TableReader {
     return values;
   }
 
-  /// Null when the key is not there.
+  /// Null when the key is missing.
   const toml::table* ReadTable(std::string_view key) {
     const toml::node* node = Find(key);
     if (node != nullptr && !node->is_table()) Unfit(*node, key, "a table such as { kind = ... }");
@@ -143,7 +143,7 @@ class TableReader {
                          std::string_view problem) const {
     throw std::invalid_argument(fmt::format("{}: {}", origin_.Where(at, KeyPath(key)), problem));
   }
-  /// Says what is there instead of what is expected.
+  /// Throws an error with what was found and what is expected.
   [[noreturn]] void Unfit(const toml::node& node, std::string_view key,
                           std::string_view expected) const {
     std::ostringstream found;

@@ -1,8 +1,7 @@
 // The TOML library, made safe for what is not ASCII. Instead of <toml++/toml.h>.
 //
-// For most characters outside of ASCII the library's test for blanks runs into code that it
-// declares unreachable: undefined behaviour, which any file can cause. Such a character is simply
-// no blank.
+// For most non-ASCII characters the library's test for blanks reaches code that it declares
+// unreachable: undefined behaviour, which any file can cause. Here such a character is not a blank.
 #pragma once
 
 #ifndef TOML_EXCEPTIONS

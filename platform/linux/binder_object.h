@@ -20,8 +20,8 @@ namespace kvox::binder {
 class RemoteObject;
 }  // namespace kvox::binder
 
-/// Created with one strong reference. The last strong reference ends what the object stands for;
-/// its memory lasts until the last weak one is gone. Any thread.
+/// Created with one strong reference. Dropping the last strong reference ends the object's use; its
+/// memory is freed with the last weak one. Any thread.
 struct AIBinder {
  public:
   AIBinder(const AIBinder&) = delete;
@@ -41,7 +41,7 @@ struct AIBinder {
   /// Makes a call and waits for its reply. Sets the addresses of the objects that `in` refers to.
   virtual binder_status_t Transact(transaction_code_t code, AParcel& in, binder_flags_t flags,
                                    std::unique_ptr<AParcel>* out) = 0;
-  /// This object if it is a remote one, else null.
+  /// This object if it is remote, else null.
   virtual kvox::binder::RemoteObject* AsRemote() { return nullptr; }
 
  protected:

@@ -1,4 +1,4 @@
-// The calls of one connection that wait for their replies.
+// Pending calls of one connection.
 #pragma once
 
 #include <android/binder_status.h>
@@ -20,7 +20,7 @@ struct Reply {
   std::unique_ptr<AParcel> parcel = nullptr;  // of a call that succeeded
 };
 
-/// Any thread. A call leaves the table before it is finished, so that it is finished once.
+/// Any thread. A call is removed before it is finished, so that it is finished only once.
 class CallTable {
  public:
   /// Adds a call and sets its number.
@@ -30,7 +30,7 @@ class CallTable {
     return calls_[*number].get_future();
   }
 
-  /// Gives up a call. False when another thread has removed it and finishes it.
+  /// Abandons a call. False when another thread has already removed it and finishes it.
   bool Abandon(uint64_t number) {
     MutexLock lock(mutex_);
     if (calls_.erase(number) == 0) return false;
@@ -38,8 +38,8 @@ class CallTable {
     return true;
   }
 
-  /// Hands a reply over; the reply to an abandoned call is left as it is. False when no unanswered
-  /// call has that number.
+  /// Delivers a reply; leaves the one to an abandoned call untouched. False when no unanswered call
+  /// has that number.
   bool Finish(uint64_t number, Reply* reply) {
     MutexLock lock(mutex_);
     auto call = calls_.extract(number);

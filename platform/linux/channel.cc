@@ -50,8 +50,8 @@ bool Channel::Send(Parts parts) {
   MutexLock lock(mutex_);
   if (stream_ == nullptr || aborted_) return false;
   size_t sent = 0;
-  // Bytes leave the queue only after they were written, and are added only under our lock: if it is
-  // empty, nothing is ahead of us.
+  // Bytes leave the queue only once written, and are added only under our lock: if it is empty,
+  // nothing is ahead of us.
   if (evbuffer_get_length(bufferevent_get_output(stream_)) == 0) {
     msghdr message{};
     message.msg_iov = parts.data();
@@ -94,7 +94,7 @@ bool Channel::UpdateReadingLocked() {
   if (wanted == std::exchange(reading_, wanted)) return wanted;
   if (wanted) {
     bufferevent_enable(stream_, EV_READ);
-    // The buffer may hold whole frames already, for which there is no other event.
+    // The buffer may already contain whole frames, for which no other event comes.
     bufferevent_trigger(stream_, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);
   } else {
     bufferevent_disable(stream_, EV_READ);

@@ -1,4 +1,4 @@
-// The log of programs that link libkvox: warnings and errors of the binder's own, on standard error
+// The log of programs that link libkvox: the binder's own warnings and errors, on standard error
 // under the program's name. Such programs need no log library.
 
 #include <errno.h>

@@ -18,7 +18,7 @@ namespace kvox::binder {
 namespace {
 
 /// Dropping a parcel may drop the last reference to an object, whose code the reactor must not run.
-/// Its bytes are freed at once: it may be long until a pool thread is free.
+/// Its bytes are freed at once: it may take long until a pool thread is free.
 void DropOnPool(std::unique_ptr<AParcel> parcel) {
   if (parcel == nullptr || parcel->objects().empty()) return;
   parcel->DropBytes();
@@ -288,7 +288,7 @@ void Connection::Close(const char* fault) {
   orphans->requests = ThreadPool::Get().Clear(*this);
   for (Request& request : orphans->requests) request.parcel->DropBytes();
   for (const auto& proxy : orphans->objects.proxies) proxy.get()->AsRemote()->Die();
-  // On the pool, as the log may block too. The port holds the service, which may hold proxies of
+  // On the pool, since the log may block. The port holds the service, which may hold proxies of
   // this connection. The peer counts as connected until all of this is freed: otherwise one that
   // connects again and again would fill the memory while the threads are busy.
   ThreadPool::Get().Post(

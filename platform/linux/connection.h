@@ -1,4 +1,4 @@
-// One connection between two processes. Both ends are alike, except for the greeting: either calls
+// One connection between two processes. Except for the greeting it is symmetric: each end calls
 // objects of the other.
 //
 // Locks, in this order: the channel's, then the pool's or the call table's. The object table's is

@@ -1,4 +1,4 @@
-// Who is at the other end of a connection, and whom a thread serves.
+// The peer of a connection, and the caller that a thread serves.
 #pragma once
 
 #include <sys/types.h>
@@ -12,11 +12,11 @@ struct Credentials {
   bool operator==(const Credentials&) const = default;
 };
 
-/// The process at the other end of a connected socket; process 0 of no user when the system does
-/// not tell. Any thread.
+/// The process at the other end of a connected socket; process 0 of no user if the system does not
+/// report it. Any thread.
 Credentials PeerCredentials(int fd);
 
-/// Makes `caller` the one that the calling thread serves, for a scope.
+/// Sets the caller that this thread serves, for a scope.
 class ScopedCallingIdentity {
  public:
   explicit ScopedCallingIdentity(const Credentials& caller);

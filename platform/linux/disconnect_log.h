@@ -1,5 +1,5 @@
-// Rate limit of the log lines about peers that were cut off, so that a peer that provokes it all
-// the time cannot fill the log. Lines beyond the limit are counted.
+// Rate limit for log lines about disconnected peers, so that no peer can flood the log. Lines
+// beyond the limit are counted.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,7 @@
 
 namespace kvox::binder {
 
-/// Makes the lines; no I/O. Any thread.
+/// Formats the lines; no I/O. Any thread.
 class DisconnectLog {
  public:
   using Clock = std::chrono::steady_clock;

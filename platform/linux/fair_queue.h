@@ -1,6 +1,6 @@
 // Fair scheduling: users take turns, within a user its processes, within a process the items that
 // it queued. The user or process with fewer items in flight goes first. So neither many connections
-// nor many processes nor slow calls get anybody more than a share.
+// nor many processes nor slow calls give anyone more than a fair share.
 #pragma once
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// What one peer may take of this process. Every limit of the transport is here.
+// Limits on what one peer may use of this process: all limits of the transport.
 #pragma once
 
 #include <chrono>
@@ -22,8 +22,8 @@ inline constexpr uint32_t kMaxDescriptorSize = 256;
 /// usual ones.
 inline constexpr uint32_t kMaxObjectListSize = 32 * 1024;
 
-/// Connections of one service. With a thousand objects and a few megabytes each, a small machine
-/// can bear no more.
+/// Connections of one service. With a thousand objects and a few megabytes each, more would be too
+/// much for a small machine.
 inline constexpr size_t kMaxConnections = 128;
 
 /// Connections of one process. It needs one, however many threads it has; this leaves room for
@@ -41,8 +41,8 @@ inline constexpr int kListenBacklog = 64;
 inline constexpr size_t kPauseRequests = 64;
 inline constexpr size_t kPauseRequestBytes = 2 * 1024 * 1024;
 
-/// While we wait for a peer's reply, its connection must be read whatever waits. A peer that uses
-/// that to pile up requests is cut off here.
+/// While we wait for a peer's reply, its connection must be read however many requests wait. A peer
+/// that exploits this to pile up requests is disconnected at this limit.
 inline constexpr size_t kMaxRequests = 256;
 inline constexpr size_t kMaxRequestBytes = 4 * 1024 * 1024;
 
@@ -76,8 +76,8 @@ inline constexpr std::chrono::seconds kTrimPause{1};
 /// Log lines about peers that were cut off; more are counted.
 inline constexpr int kDisconnectLinesPerSecond = 8;
 
-/// How long each side waits for the other's greeting. Both greet unasked, so only a stopped process
-/// takes longer.
+/// How long each side waits for the other's greeting. Both send theirs at once, so only a stopped
+/// process takes longer.
 inline constexpr std::chrono::seconds kHandshakeTimeout{2};
 
 /// Pause between two attempts to accept a client when the process has no descriptors left.

@@ -67,7 +67,7 @@ void Listener::AcceptAll() {
     const int error = errno;
     if (error == EINTR || error == ECONNABORTED) continue;
     if (error == EAGAIN) return;
-    // Out of descriptors or memory: the client stays in the queue, so trying on would spin.
+    // Out of descriptors or memory: the client stays in the queue, so retrying at once would spin.
     if (stopping_) return;
     event_del(readable_);
     event_add(pause_, &kPause);

@@ -1,4 +1,4 @@
-// The socket of a registered service, and the connections that come in on it.
+// The listening socket of a registered service.
 #pragma once
 
 #include <event2/event.h>

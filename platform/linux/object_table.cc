@@ -12,7 +12,7 @@ namespace kvox::binder {
 namespace {
 
 std::string_view DescriptorOf(AIBinder& object) {
-  // The peer knows its own objects.
+  // The peer needs no descriptor for its own objects.
   return object.AsRemote() != nullptr ? std::string_view() : object.clazz()->descriptor;
 }
 

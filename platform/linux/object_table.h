@@ -1,9 +1,8 @@
-// Which objects the two ends of a connection hold of each other. No I/O.
+// Objects that the two ends of a connection hold of each other. No I/O.
 //
 // Each end numbers the objects that it exports to the other, and counts how often it sent each. The
-// other end counts how often it received it, and releases the whole count when its last reference
-// goes. So a reference that is on its way while an older one is released never finds its object
-// gone.
+// other end counts how often it received it, and releases the whole count with its last reference.
+// So an object is never released while a reference to it is in flight.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -26,8 +25,8 @@ class RemoteObject;
 /// Any thread.
 class ObjectTable {
  public:
-  /// What a closed connection leaves behind, for the caller to drop where that may run code of the
-  /// objects.
+  /// The objects of a closed connection, for the caller to drop where running their code is
+  /// allowed.
   struct Orphans {
     std::vector<ndk::SpAIBinder> exported;
     std::vector<ndk::SpAIBinder> proxies;  // of the peer's objects that are still referenced
@@ -51,13 +50,13 @@ class ObjectTable {
   /// The exported object that the peer names; null when it does not hold it.
   ndk::SpAIBinder Find(uint64_t address) const;
   /// The peer releases references. False when it does not have that many. `last` is our reference
-  /// once none is left, for the caller to drop where that may run code of the object.
+  /// once none is left, for the caller to drop where running the object's code is allowed.
   bool Release(uint64_t address, uint64_t count, ndk::SpAIBinder* last);
   /// The last reference to a proxy is gone. Returns how many references to release; 0 when a new
   /// proxy has taken them over.
   uint64_t RemoveProxy(const RemoteObject& proxy);
 
-  /// Empties the table for good.
+  /// Empties the table permanently.
   Orphans Close();
 
  private:

@@ -177,7 +177,7 @@ binder_status_t WriteInterfaceToken(AParcel& parcel, const char* descriptor) {
 }
 
 binder_status_t CheckInterfaceToken(const AParcel& parcel, const char* descriptor) {
-  // Compared in place, without a string of its own: this runs for every call.
+  // Compared in place, without a temporary string: this runs for every call.
   const std::string_view expected(descriptor);
   int32_t count = -1;
   if (parcel.Read(&count) != STATUS_OK || count < 0) return STATUS_BAD_TYPE;

@@ -1,5 +1,5 @@
-// A host program's libraries, set up before it starts. A file of its own: only a program that calls
-// PreparePlatform() needs the log library.
+// Sets up a host program's libraries. A separate file, so that only programs that call
+// PreparePlatform() need the log library.
 #include <android/log.h>
 #include <event2/thread.h>
 #include <log/logprint.h>
@@ -34,7 +34,7 @@ void FilterLog() {
 
 void PreparePlatform() {
   mallopt(M_MMAP_THRESHOLD, binder::kMmapBytes);
-  // The binder's event loop needs it; the program must not create an event loop of its own before.
+  // The binder's event loop needs it; the program must not create its own event loop before.
   evthread_use_pthreads();
   FilterLog();
 }

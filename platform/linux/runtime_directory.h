@@ -21,11 +21,11 @@ bool IsServiceName(const std::string& name);
 std::string RuntimeDirectory();
 
 /// Sets the mode of a directory (S_IFDIR) or socket (S_IFSOCK) that was just created, whatever the
-/// umask. Through a descriptor, so that nothing else gets the mode that may be in its place by now.
-/// Returns 0 or errno.
+/// umask. Through a descriptor, so that nothing that has replaced it gets the mode. Returns 0 or
+/// errno.
 int SetMode(const std::string& path, mode_t type, mode_t mode);
 
-/// That directory, created if it is missing. Returns 0, or errno with `error` set.
+/// Creates that directory if it is missing. Returns 0, or errno with `error` set.
 int PrepareRuntimeDirectory(std::string* directory, std::string* error);
 
 /// Where clients look for services, in this order.

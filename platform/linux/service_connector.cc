@@ -71,7 +71,7 @@ std::string ExplainRefusal(AdmitResult reason) {
 std::string Greet(int fd, ServiceGreeting* greeting, std::string* descriptor,
                   Clock::time_point deadline) {
   const ClientGreeting own;
-  // A service that refuses may have closed already; what it said can still be read.
+  // A service that refuses may have closed already; its greeting can still be read.
   send(fd, &own, sizeof own, MSG_NOSIGNAL);
   if (!ReceiveExactly(fd, greeting, sizeof *greeting, deadline)) {
     return "does not answer; is its process stopped, or going down? Try again";

@@ -1,4 +1,4 @@
-// A client's way to a service: connect and exchange greetings.
+// Connects a client to a service and exchanges greetings.
 #pragma once
 
 #include <android/binder_auto_utils.h>

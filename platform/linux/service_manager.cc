@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr mode_t kSocketMode = 0660;
-constexpr mode_t kLockMode = 0600;  // who can open it can lock it
+constexpr mode_t kLockMode = 0600;  // anyone who can open it can lock it
 
 constexpr Clock::duration kLockPause = std::chrono::milliseconds(10);
 
@@ -58,8 +58,8 @@ binder_exception_t LockName(const std::string& path, UniqueFd* lock, std::string
   return EX_ILLEGAL_STATE;
 }
 
-/// A socket at `path`, in place of one that a dead process left. It never has more rights than its
-/// mode, and nobody can connect before it has them all.
+/// Creates a socket at `path`, replacing one that a dead process left. Its permissions never exceed
+/// its final mode, and no client can connect before they are set.
 binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* error) {
   sockaddr_un address;
   if (!MakeAddress(path, &address, error)) return EX_ILLEGAL_ARGUMENT;

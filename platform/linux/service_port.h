@@ -1,4 +1,4 @@
-// What a registered service and its connections share.
+// State shared by a registered service and its connections.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -29,7 +29,7 @@ class ServicePort {
     return std::exchange(root_, std::move(root));
   }
 
-  /// Counts a client, unless its process, its user or all together have as many as they may.
+  /// Admits and counts a client, unless its process, its user or the service is at its limit.
   AdmitResult Admit(const Credentials& client) {
     MutexLock lock(mutex_);
     const auto same_process = [&](const Credentials& other) { return other.pid == client.pid; };

@@ -43,7 +43,7 @@ const char* NameOf(const Name (&names)[N], int32_t value) {
   return found == std::end(names) ? nullptr : found->text;
 }
 
-/// The exception, or EX_TRANSACTION_FAILED for a number that is none.
+/// The exception, or EX_TRANSACTION_FAILED for an invalid number.
 binder_exception_t KnownException(binder_exception_t exception) {
   return NameOf(kExceptions, exception) == nullptr ? EX_TRANSACTION_FAILED : exception;
 }

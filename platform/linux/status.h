@@ -1,4 +1,4 @@
-// The outcome of a method, and how it stands at the head of a reply.
+// The outcome of a method, and its encoding at the start of a reply.
 #pragma once
 
 #include <android/binder_status.h>
@@ -13,7 +13,7 @@ struct AStatus {
 
 namespace kvox::binder {
 
-/// The status, or STATUS_UNKNOWN_ERROR for a number that is none.
+/// The status, or STATUS_UNKNOWN_ERROR for an invalid number.
 binder_status_t KnownStatus(binder_status_t status);
 
 }  // namespace kvox::binder

@@ -1,6 +1,5 @@
-// The threads that serve calls, and what waits for them: requests, scheduled fairly between users,
-// their processes and their connections, and tasks (death notices, last references), which go
-// first.
+// The threads that serve calls, and their work: requests, scheduled fairly between users, their
+// processes and their connections, and tasks (death notices, last references), which go first.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -69,7 +68,7 @@ class ThreadPool {
   void Start();
   /// Serves on the calling thread until Stop.
   void Join();
-  /// Ends all threads after what they are working on, then runs the remaining tasks. Not on a pool
+  /// Ends all threads after their current work, then runs the remaining tasks. Not on a pool
   /// thread.
   void Stop();
 

@@ -40,7 +40,7 @@ int WriteName(const char* file, const char* name) {
   return static_cast<size_t>(written) == size ? 0 : EIO;
 }
 
-/// The locks of a machine without these files, each as often as it was taken.
+/// The locks of a machine without these files, with how often each was taken.
 struct CountedLocks {
   Mutex mutex;
   std::multiset<std::string> held GUARDED_BY(mutex);

@@ -66,7 +66,7 @@ KvoxService::Status KvoxService::ListTapOutBuffers(CommandResult* result) {
   });
 }
 
-// Its header, its ids and its empty text differ from those of the other list; clients see them so.
+// Header, ids and empty text differ from those of the other list; clients depend on that.
 KvoxService::Status KvoxService::ListInjectBuffers(CommandResult* result) {
   return Run(result, [this](Report& report) {
     report.Begin(kInjectTableTitle);

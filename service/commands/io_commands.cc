@@ -1,5 +1,5 @@
 // Commands that start and stop audio I/O, and those that reach one processor directly: a client's
-// audio and the processing statistics. The latter report by their status alone.
+// audio and the processing statistics. The latter report only a status.
 
 #include "kvox/common/log.h"
 #include "service/kvox_service.h"

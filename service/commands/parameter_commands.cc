@@ -75,7 +75,7 @@ KvoxService::Status KvoxService::SetParameter(int32_t id, ParameterId parameter,
   });
 }
 
-// Reports by the status alone: clients rely on getting no lines.
+// Reports only a status: clients rely on getting no lines.
 KvoxService::Status KvoxService::GetParameter(int32_t id, ParameterId parameter, int32_t element,
                                               Value* value, CommandResult* result) {
   return Run(result, [&](Report& report) {
@@ -96,7 +96,7 @@ KvoxService::Status KvoxService::GetParameter(int32_t id, ParameterId parameter,
   });
 }
 
-// Sets nothing: clients set parameters one at a time, and this only checks how many they name.
+// Sets nothing: clients set parameters one at a time; this only checks their number.
 KvoxService::Status KvoxService::SetParameterBulk(int32_t id, const std::vector<Pair>& pairs,
                                                   const std::vector<Value>&,
                                                   CommandResult* result) {

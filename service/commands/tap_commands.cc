@@ -1,4 +1,4 @@
-// Commands that look at tap points and set them up.
+// Commands that list tap points and set them up.
 
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
@@ -85,7 +85,7 @@ KvoxService::Status KvoxService::tapSetJitterBuffer(int32_t core, int32_t tap, i
   });
 }
 
-// Gains are the co-processor's own business; nothing is sent to it.
+// The co-processor controls its own gains; nothing is sent.
 KvoxService::Status KvoxService::TapSetGain(int32_t core, int32_t tap, int32_t index, float gain,
                                             int32_t ramp_ms, CommandResult* result) {
   return Run(result, [&](Report& report) {

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int64_t kChunkFrames = 16384;
 
-/// Samples as doubles, in which every integer and float encoding has a value of its own.
+/// Samples as doubles, which represent every integer and float encoding exactly.
 class FrameReader {
  public:
   /// Throws SoundFileError.
@@ -58,7 +58,7 @@ int No(const std::string& reason) {
   return 1;
 }
 
-/// Compares up to `frames` frames from where both readers stand.
+/// Compares up to `frames` frames from both readers' positions.
 int CompareFrames(FrameReader& source, FrameReader& recorded, int64_t frames, int64_t offset) {
   int64_t compared = 0;
   while (compared < frames) {

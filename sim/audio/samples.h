@@ -28,7 +28,7 @@ uint8_t EncodeUlaw(int16_t sample);
 void LayOut(const KvoxTapFormat& format, std::span<const std::byte> interleaved,
             std::span<std::byte> block);
 
-/// The way back.
+/// The reverse.
 void Interleave(const KvoxTapFormat& format, std::span<const std::byte> block,
                 std::span<std::byte> interleaved);
 

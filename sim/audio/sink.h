@@ -21,8 +21,8 @@ class Sink {
 };
 
 /// A WAV file, created (or replaced) with the first packet and valid at any moment. When the format
-/// changes, the next file begins: "a.wav", "a-2.wav", "a-3.wav" and so on. Null when the file's
-/// directory is not there; `error` then says where the scenario names it.
+/// changes, a new file begins: "a.wav", "a-2.wav", "a-3.wav" and so on. Null when the file's
+/// directory is missing; `error` then says where the scenario names it.
 std::unique_ptr<Sink> MakeWavSink(const SinkConfig& sink, std::string& error);
 
 }  // namespace kvox::sim

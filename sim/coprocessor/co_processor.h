@@ -1,5 +1,4 @@
-// The state of the simulated co-processor: its tap points and what is bound to them. One thread at
-// a time.
+// The state of the simulated co-processor: its tap points and their bindings. One thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +21,7 @@ struct TapCounts {
   uint64_t dropped = 0;   // the device was full
   uint64_t skipped = 0;   // the simulator stalled
   uint64_t withheld = 0;  // by a fault
-  uint64_t unheard = 0;   // nobody had the device open
+  uint64_t unheard = 0;   // no process had the device open
   uint64_t received = 0;
   uint64_t sink_failed = 0;
   uint64_t max_late_ns = 0;  // longest time from due to sent

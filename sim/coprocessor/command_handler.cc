@@ -8,7 +8,7 @@
 namespace kvox::sim {
 namespace {
 
-/// What a reply's status says.
+/// The status of a reply.
 enum class Status : int16_t {
   kOk = 0,
   kNoTap = -2,      // no such tap on that core
@@ -137,7 +137,7 @@ constexpr Row kRows[] = {
 };
 #undef KVOX_ROW
 
-/// Null for codes that are no command.
+/// Null for unknown opcodes.
 const Row* FindRow(uint16_t opcode) {
   const auto* row = std::ranges::find(kRows, opcode, &Row::opcode);
   return row == std::end(kRows) ? nullptr : row;

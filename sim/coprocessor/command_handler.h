@@ -18,7 +18,7 @@ namespace kvox::sim {
 /// Commands by opcode and status; commands that do not exist are counted under opcode 0.
 using CommandCounts = std::map<std::pair<uint16_t, int16_t>, uint64_t>;
 
-/// "CMD_KVOX_TAP_ENABLE_ID"; "unknown" for codes that are no command.
+/// "CMD_KVOX_TAP_ENABLE_ID"; "unknown" for unknown opcodes.
 const char* OpcodeName(uint16_t opcode);
 
 /// The header of a record, which is not aligned.

@@ -8,7 +8,7 @@
 namespace kvox::sim {
 namespace {
 
-/// Packets that a stream sends before others run.
+/// Packets that a stream sends before other streams get a turn.
 constexpr int kBatch = 64;
 
 }  // namespace
@@ -51,8 +51,8 @@ uint64_t TapStream::Run(uint64_t now_ns) {
   return queue_.empty() ? due : std::min(due, queue_.front().send_ns);
 }
 
-/// Starts and ends the stream as readers come and go. The pacer runs on in between, to count
-/// packets that nobody hears.
+/// Starts and ends the stream as readers come and go. The pacer keeps running in between, to count
+/// packets that no process reads.
 bool TapStream::LookForReader(uint64_t now_ns) {
   const bool heard = port_.HasReader();
   if (heard && running_) return true;
@@ -132,7 +132,7 @@ void TapStream::Schedule(OutPacket& packet, uint64_t now_ns) {
   packet.excused = excused_--;
 }
 
-/// False when the reader has gone.
+/// False when the reader is gone.
 bool TapStream::SendQueued(uint64_t now_ns) {
   while (!queue_.empty() && queue_.front().send_ns <= now_ns) {
     OutPacket packet = std::move(queue_.front());

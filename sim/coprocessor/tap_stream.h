@@ -1,4 +1,4 @@
-// The audio of an enabled tap on its way into a tap-out device: a packet for every block, on time
+// Streams the audio of an enabled tap into a tap-out device: a packet for every block, on time
 // unless a fault strikes. The caller has the clock. One thread at a time.
 #pragma once
 
@@ -40,8 +40,8 @@ class TapStream {
 
   Tap& tap() { return tap_; }
 
-  /// Sends what is due at `now_ns`. Returns when to call it again: earlier calls do no harm, and
-  /// after later ones it catches up as far as kCatchUpNs goes.
+  /// Sends what is due at `now_ns`. Returns when to call it again: earlier calls are harmless, and
+  /// late ones catch up by at most kCatchUpNs.
   uint64_t Run(uint64_t now_ns);
 
  private:

@@ -21,7 +21,7 @@ namespace {
 
 /// How long the rest of a record may take; the daemon waits 500 ms for its reply.
 constexpr uint64_t kPartialNs = 100'000'000;
-/// Replies that wait for a daemon that does not read, and as many that are not due yet; more are
+/// Limit of replies that a daemon has not read, and of replies that are not due yet; more are
 /// dropped.
 constexpr ptrdiff_t kMaxReplies = 64;
 
@@ -114,7 +114,8 @@ void ControlChannel::Handle(std::span<std::byte> record) {
   Flush();
 }
 
-/// One write a reply. Where the terminal takes a part only, the rest goes first the next time.
+/// One write per reply. If the terminal takes only part of it, the rest is sent first the next
+/// time.
 void ControlChannel::Flush() {
   const uint64_t now = GetTimestampNs();
   while (!replies_.empty()) {

@@ -40,7 +40,7 @@ void TapOutDevice::Run() {
   Watch();
 }
 
-/// The pipe takes bytes again, or its reader has gone. A hang-up is handled in Run(), which does
+/// The pipe takes bytes again, or its reader is gone. A hang-up is handled in Run(), which does
 /// not run inside of the events that are deleted with the pipe.
 void TapOutDevice::OnPipe() {
   if (writer_.HasReader() && writer_.Flush() != PacketPort::Result::kNoReader) return Watch();
@@ -53,7 +53,7 @@ void TapOutDevice::Watch() {
   if (writer_.hung_up()) Close();
   if (writer_.fd() < 0) return;
   if (hang_up_ == nullptr) {
-    // A write-only descriptor becomes readable only by the error that its reader has gone.
+    // A write-only descriptor becomes readable only when its reader is gone.
     hang_up_ =
         std::make_unique<Event>(base_, writer_.fd(), EV_READ | EV_PERSIST, [this] { OnPipe(); });
     writable_ = std::make_unique<Event>(base_, writer_.fd(), EV_WRITE, [this] { OnPipe(); });

@@ -1,4 +1,4 @@
-// The data devices: FIFOs. The event loop's thread, which they never block.
+// The data devices: FIFOs. Event loop's thread; they never block it.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +22,7 @@ class TapOutDevice {
   TapOutDevice(event_base* base, uint8_t id, const std::filesystem::path& path,
                const StreamOptions& options, FaultPlan& plan, Journal& journal);
 
-  /// Streams `tap` from now on, nothing when null; a stream of that tap that runs goes on.
+  /// Streams `tap` from now on, nothing when null; a running stream of that tap continues.
   void Attach(Tap* tap);
   /// While it is disabled the device is closed, which ends the stream for its reader.
   void SetDisabled(bool disabled);

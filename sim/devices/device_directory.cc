@@ -66,8 +66,8 @@ bool Make(const DeviceNode& node, const std::filesystem::path& path) {
   return UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode)).valid();
 }
 
-/// Opens and locks the lock file of a directory. A holder that ends takes the file away, so what
-/// was locked has to be what is there now.
+/// Opens and locks the lock file of a directory. An exiting holder removes the file, so the locked
+/// file must still be the one in the directory.
 UniqueFd Lock(const std::filesystem::path& directory) {
   const std::filesystem::path path = directory / kLockName;
   for (;;) {
@@ -110,8 +110,8 @@ DeviceDirectory::~DeviceDirectory() {
   unlink(PathOf(kLockName).c_str());
 }
 
-/// Lists the node for the next simulator, should this one die. A node that comes again is listed
-/// once. False with errno.
+/// Records the node for the next simulator, in case this one is killed. A node that returns is
+/// recorded once. False with errno.
 bool DeviceDirectory::Note(const DeviceNode& node) {
   const std::string entry = fmt::format("{} {}\n", RowOf(node.kind).name, node.name);
   if (noted_.contains(entry)) return true;

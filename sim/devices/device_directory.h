@@ -22,8 +22,8 @@ struct DeviceNode {
 
 class DeviceDirectory {
  public:
-  /// Takes a directory for this simulator alone, and removes what a simulator that died in it left
-  /// behind. Throws std::runtime_error when it cannot be used or another simulator runs in it.
+  /// Reserves a directory for this simulator, and removes what a killed simulator left in it.
+  /// Throws std::runtime_error when it cannot be used or another simulator runs in it.
   explicit DeviceDirectory(std::filesystem::path directory);
   /// Removes the nodes, the last one first, and releases the directory.
   ~DeviceDirectory();

@@ -88,8 +88,7 @@ void DeviceSet::Update(Device& device) {
 
 void DeviceSet::SetState(Device& device, NodeState state) {
   if (state == device.state) return;
-  // The departure and arrival of a node, but not of the mere marker, make a daemon set up all data
-  // devices anew.
+  // When any node except the marker leaves or arrives, a daemon sets up all data devices again.
   if (device.node.kind != DeviceNode::Kind::kEmptyFile) {
     for (Tap& tap : context_.co_processor.taps()) {
       tap.round_trip.ExcuseLosses(GetTimestampNs() + kSettleNs);

@@ -1,4 +1,4 @@
-// Between "a packet is due" and "its bytes are in the device". One thread.
+// Writes due packets into a device. One thread.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +23,7 @@ class PacketPort {
   enum class Result {
     kSent,
     kDropped,   // there is no room for a whole packet
-    kNoReader,  // the reader has gone
+    kNoReader,  // the reader is gone
   };
 
   virtual ~PacketPort() = default;
@@ -34,8 +34,8 @@ class PacketPort {
 };
 
 /// The writing end of a FIFO, open only while the other end is. It never blocks. When the pipe
-/// takes a part of a packet only, the rest is kept and goes before anything else. The process has
-/// to ignore SIGPIPE.
+/// takes only part of a packet, the rest is kept and sent before anything else. The process must
+/// ignore SIGPIPE.
 class FifoWriter : public PacketPort {
  public:
   explicit FifoWriter(std::filesystem::path path) : path_(std::move(path)) {}
@@ -48,7 +48,7 @@ class FifoWriter : public PacketPort {
   /// -1 while closed.
   int fd() const { return fd_.get(); }
   bool has_rest() const { return !rest_.empty(); }
-  /// The reader has gone; to be closed.
+  /// The reader is gone; to be closed.
   bool hung_up() const { return hung_up_; }
   void Close();
   /// While it is disabled it does not open.

@@ -31,8 +31,8 @@ KvoxPacketHeader HeaderAt(std::span<const std::byte> bytes) {
   return header;
 }
 
-/// Where another packet begins inside of this one, whose writer then broke off. 0 when the packet
-/// is whole: no audio looks like a header.
+/// Where another packet begins inside this one, which was then cut off by its writer. 0 when the
+/// packet is whole: no audio looks like a header.
 size_t FindTear(std::span<const std::byte> packet) {
   for (size_t at = 4; at + kPacketHeaderSize <= packet.size(); at += 4) {
     if (std::memcmp(&packet[at], &kPacketMagic, sizeof kPacketMagic) == 0 &&

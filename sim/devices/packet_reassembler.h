@@ -1,5 +1,5 @@
-// Cuts the byte stream of an inject device into packets again. It shares no code with the daemon,
-// which writes that stream, so that neither hides a fault of the other. One thread at a time.
+// Splits the byte stream of an inject device into packets. Shares no code with the daemon, which
+// writes that stream, so that neither hides a fault of the other. One thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ namespace kvox::sim {
 
 struct ReassemblyCounts {
   uint64_t packets = 0;
-  uint64_t bad_headers = 0;  // another version or an impossible size behind the magic
+  uint64_t bad_headers = 0;  // wrong version or invalid size after the magic
   uint64_t torn = 0;         // packets that ended where the next one began
   uint64_t junk_bytes = 0;   // outside of whole packets
 };
@@ -28,7 +28,7 @@ class PacketReassembler {
   explicit PacketReassembler(Callback on_packet) : on_packet_(std::move(on_packet)) {}
 
   void Feed(std::span<const std::byte> bytes);
-  /// The writer has gone: what there is of a packet is junk.
+  /// The writer is gone: a partial packet is junk.
   void DropPartial() {
     counts_.junk_bytes += buffer_.size();
     buffer_.clear();

@@ -21,12 +21,12 @@ class RecordSplitter {
   explicit RecordSplitter(Callback on_record) : on_record_(std::move(on_record)) {}
 
   void Feed(std::span<const std::byte> bytes);
-  /// True while a record has begun but not ended.
+  /// True while a record is incomplete.
   bool partial() const { return !buffer_.empty(); }
-  /// The rest of a record did not follow in time, so its first byte began none: finds the records
-  /// behind that byte, and counts everything else as junk.
+  /// The rest of a record did not follow in time, so its first byte did not begin one: finds the
+  /// records after that byte, and counts everything else as junk.
   void GiveUpPartial();
-  /// The writer has gone: what there is of a record is junk.
+  /// The writer is gone: a partial record is junk.
   void DropPartial() {
     junk_bytes_ += buffer_.size();
     buffer_.clear();

@@ -1,5 +1,5 @@
-// The faults that the simulator can make: their kinds, and what a scenario or a command says about
-// one of them. docs/simulator.md lists kinds and keys.
+// The faults that the simulator can inject: kinds and parameters. docs/simulator.md lists kinds and
+// keys.
 #pragma once
 
 #include <cstdint>
@@ -57,7 +57,7 @@ struct FaultKindRow {
   FaultKind kind;
   const char* name;
   FaultGroup group;
-  std::string_view keys;  // beside those of its group, with blanks in between
+  std::string_view keys;  // besides those of its group, separated by blanks
   const char* help;       // what happens, and the keys as users write them
   FaultDefaults defaults = {};
 };
@@ -72,7 +72,7 @@ inline constexpr size_t kMaxFaults = 64;
 /// The order in which nodes come back.
 enum class NodeOrder { kUsual, kReverse, kShuffle };
 
-/// One fault that was asked for. Times are in seconds; which fields are used depends on the kind.
+/// One requested fault. Times are in seconds; which fields are used depends on the kind.
 struct FaultConfig {
   FaultKind kind = FaultKind::kRestart;
 
@@ -105,7 +105,7 @@ struct FaultConfig {
   uint8_t channels = 0;  // 0: any number that the tap does not have
 };
 
-/// Whether a fault runs by the clock once it has begun, rather than strike packets or commands.
+/// Whether a fault runs by the clock once it has begun, rather than striking packets or commands.
 constexpr bool IsTimed(FaultGroup group) {
   return group == FaultGroup::kNodes || group == FaultGroup::kDevices;
 }

@@ -21,7 +21,7 @@ constexpr OrderRow kOrders[] = {{"usual", NodeOrder::kUsual},
                                 {"reverse", NodeOrder::kReverse},
                                 {"shuffle", NodeOrder::kShuffle}};
 
-/// What the rows read from and into.
+/// Source and destination of the rows.
 struct Reading {
   TableReader& table;
   const FaultTargets& targets;

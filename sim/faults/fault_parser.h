@@ -1,4 +1,5 @@
-// Reads faults from the tables of a scenario. Apart from fault.h, for it needs the TOML library.
+// Reads faults from the tables of a scenario. Separate from fault.h, since it needs the TOML
+// library.
 #pragma once
 
 #include <string>
@@ -8,7 +9,7 @@
 
 namespace kvox::sim {
 
-/// Reads one [[fault]] table. Throws std::invalid_argument for the first thing that is wrong.
+/// Reads one [[fault]] table. Throws std::invalid_argument for the first error.
 FaultConfig ReadFault(const toml::table& node, const std::string& path, const FaultTargets& targets,
                       const TomlOrigin& origin);
 

@@ -5,7 +5,7 @@
 namespace kvox::sim {
 namespace {
 
-/// A number from 0 to 1 that follows from these alone, whatever else strikes in between.
+/// A number from 0 to 1 that depends only on these, not on other faults.
 double Chance(uint64_t seed, const std::string& key, uint64_t number) {
   uint64_t hash = seed * 0x9E3779B97F4A7C15u + number;
   for (const char c : key) hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001B3u;
@@ -22,7 +22,7 @@ bool FaultPlan::Entry::Spent() const {
   return hits >= config.count.value_or(lasts ? kNever : 1);
 }
 
-/// Whether nothing more is to come of a fault of packets or commands.
+/// Whether a fault of packets or commands is finished.
 bool FaultPlan::Entry::Over(uint64_t now_ns) const {
   if (timed()) return false;
   const bool out_of_time =
@@ -44,7 +44,7 @@ bool FaultPlan::Add(const FaultConfig& config, uint64_t now_ns) {
   return true;
 }
 
-/// One more packet or command passes. Each has its number, so that two runs strike the same ones.
+/// Counts a packet or command. Each has its number, so that two runs strike the same ones.
 bool FaultPlan::Strikes(Entry& entry, const std::string& key, uint64_t now_ns) const {
   const uint64_t number = ++entry.counted[key];
   if (now_ns < entry.from_ns || number <= entry.config.after.value_or(0)) return false;

@@ -1,6 +1,5 @@
-// Which fault strikes when: the faults that were asked for, against the clock, the packets and the
-// commands that pass. The same faults and the same packets give the same strikes. The caller has
-// the clock; one thread at a time.
+// Decides which fault strikes when, by the clock and by the packets and commands that pass. The
+// same faults and packets give the same strikes. The caller has the clock; one thread at a time.
 #pragma once
 
 #include <array>

@@ -1,4 +1,4 @@
-// Carries out the faults of nodes and devices when their time comes. The event loop's thread.
+// Executes the faults of nodes and devices when their time comes. Event loop's thread.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace kvox::sim {
 
 class FaultRunner {
  public:
-  /// `reset` makes the co-processor forget what it was told. The others outlive the runner.
+  /// `reset` resets the co-processor's state. The others outlive the runner.
   FaultRunner(event_base* base, FaultPlan& plan, DeviceSet& devices, Journal& journal,
               std::function<void()> reset);
 

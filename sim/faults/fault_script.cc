@@ -31,7 +31,7 @@ std::vector<size_t> ReturnOrder(const FaultConfig& config, size_t count) {
   return order;
 }
 
-/// The nodes go at once, the last one first, and come one by one.
+/// The nodes leave at once, last one first, and return one by one.
 Steps Restart(const FaultConfig& config, const Devices& devices) {
   Steps steps;
   for (size_t left = devices.size(); left > 0; --left) steps.push_back({0, kImpair, left - 1});

@@ -1,4 +1,4 @@
-// What a fault of nodes or devices does, step by step.
+// The steps of a fault of nodes or devices.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace kvox::sim {
 /// What can be wrong with a device.
 enum class Impairment {
   kRemoved,     // its node is not there
-  kUnreadable,  // what is under its name can be opened, but not read
+  kUnreadable,  // it can be opened, but not read
   kClosed,      // the simulator has its end closed
   kStalled,     // the simulator does not read
 };
@@ -22,7 +22,7 @@ struct FaultStep {
   enum class Action {
     kImpair,
     kRepair,
-    kReset,  // the co-processor forgets what it was told
+    kReset,  // resets the co-processor's state
   };
   uint64_t at_ns;  // since the fault began
   Action action;
@@ -30,7 +30,7 @@ struct FaultStep {
   Impairment impairment = Impairment::kRemoved;
 };
 
-/// The steps by their times. What no step repairs stays until somebody repairs it.
+/// The steps by their times. What no step repairs stays until `clear` or `restore`.
 std::vector<FaultStep> MakeScript(const FaultConfig& config,
                                   const std::vector<std::string>& devices);
 

@@ -22,8 +22,8 @@ void Put(OutPacket& packet, size_t offset, uint32_t field) {
   std::memcpy(&packet.bytes[packet.at + offset], &field, sizeof field);
 }
 
-/// A reader waits for a wrong size that a packet may have, and takes the packets that follow for
-/// its audio.
+/// A reader waits for a wrong but valid size, and takes the packets that follow as audio of this
+/// one.
 void SetSize(const FaultConfig& fault, OutPacket& packet) {
   Put(packet, offsetof(KvoxPacketHeader, payload_size), fault.bytes);
   const size_t size = packet.bytes.size() - packet.at;
@@ -52,7 +52,7 @@ struct Row {
   FaultKind kind;
   void (*corrupt)(const FaultConfig&, OutPacket&);
 };
-/// In the order in which they are applied to one packet: what moves or cuts it comes last.
+/// In the order in which they are applied to one packet: moving and cutting come last.
 constexpr Row kRows[] = {
     {FaultKind::kPacketMagic,
      [](const FaultConfig&, OutPacket& packet) {

@@ -1,4 +1,4 @@
-// What faults make of a packet on its way into a tap-out device.
+// Applies faults to a packet for a tap-out device.
 #pragma once
 
 #include <cstddef>

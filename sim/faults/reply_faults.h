@@ -1,4 +1,4 @@
-// What faults make of the reply to a command.
+// Applies faults to the reply to a command.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@ struct Reply {
   std::vector<std::byte> bytes;
 };
 
-/// The replies that go out in place of `reply`. `last` is the correct reply before it.
+/// The replies to send instead of `reply`. `last` is the correct reply before it.
 std::vector<Reply> CorruptReply(std::span<const FaultConfig> faults,
                                 std::span<const std::byte> reply, std::span<const std::byte> last);
 

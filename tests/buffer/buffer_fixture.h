@@ -82,7 +82,7 @@ class BufferFixture : public ::testing::Test {
               static_cast<ssize_t>(packet.size()));
   }
 
-  /// The next packet of this size that comes out; empty after five seconds without one.
+  /// The next packet of this size from the inject; empty after five seconds without one.
   Bytes ReceivePacket(size_t size) {
     Bytes packet(size);
     size_t have = 0;

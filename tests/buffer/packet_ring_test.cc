@@ -35,7 +35,7 @@ class PacketRingTest : public ::testing::Test {
     return ring.Push(HeaderOf(packet), AudioOf(packet));
   }
 
-  /// The next packet as it was made; empty when there is none.
+  /// The next packet in full; empty when there is none.
   Bytes Pop(PacketRing& ring) {
     KvoxPacketHeader header;
     std::span<const std::byte> payload;

@@ -1,6 +1,6 @@
-// Proves what the packet path never does: this program counts every allocation and every mutex that
-// the I/O thread takes, while both its buffers are captured. It stands alone because it replaces
-// malloc, which the sanitizers do too.
+// Tests what the packet path never does: counts every allocation of the I/O thread and every mutex
+// that it takes, while both its buffers are captured. A separate program because it replaces
+// malloc, as the sanitizers do.
 
 #include <aidl/kvox/BnKvox.h>
 #include <dlfcn.h>
@@ -59,7 +59,7 @@ class WatchedProcessor : public PassthruProcessor {
   int blocks = 0;
 };
 
-/// A relay to a client that takes every block, as well as its thread can keep up.
+/// A relay to a client that takes every block, as far as its thread can keep up.
 class Relay : public ProcessorHost {
  public:
   Relay() {

@@ -1,4 +1,4 @@
-// A capture's file in memory, whose writes fail, fall short or wait as a test says.
+// A capture's file in memory, whose writes fail, are partial or block as a test says.
 #pragma once
 
 #include <atomic>
@@ -11,9 +11,9 @@
 
 namespace kvox {
 
-/// What a file is to do and what became of it. Outlives the file.
+/// A file's scripted behaviour and its contents. Outlives the file.
 struct FileScript {
-  std::deque<ssize_t> results;  // of the next writes; all that is asked for when there are none
+  std::deque<ssize_t> results;  // of the next writes; when empty, writes are complete
   std::function<ssize_t(ssize_t asked)> decide;  // on the result of every write, where it is set
   std::atomic<bool> blocked = false;
   std::atomic<bool> entered = false;  // a write has begun

@@ -49,7 +49,7 @@ TEST_F(StreamParserTest, ReadsWholePacketsOnceInStep) {
 
 TEST_F(StreamParserTest, LastMagicInAReadWins) {
   ExpectPacket(Read(Bytes(24) + MakePacket(1, 480) + MakePacket(3, 480)), MakePacket(3, 480));
-  // Also in step, and also when the magic lies in what was meant to be audio.
+  // Also in step, and also when the magic is inside the audio.
   const Bytes trap = With(MakePacket(4, 480), 64 + 240, kPacketMagic);
   const StreamFindings findings = Read(trap);
   EXPECT_EQ(findings.next, Next::kRead);

@@ -97,7 +97,7 @@ TEST_F(TapReaderTest, TellsWhatTheFirstPacketBrings) {
 TEST_F(TapReaderTest, PassesAudioOnWithTheStoredHeader) {
   RouteToPassthrough();
   Bytes first = MakePacket(1, kTenMs, kFormat);
-  first[40] = std::byte{0xAB};  // in the part that nobody reads
+  first[40] = std::byte{0xAB};  // in the part that is not interpreted
   Bytes second = MakePacket(2, kTenMs, kFormat);
   second[40] = std::byte{0xCD};
   device_.Deliver(first);

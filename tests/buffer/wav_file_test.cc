@@ -26,7 +26,7 @@ class WavFileTest : public ::testing::Test {
     wav_.emplace("tapout0", std::make_unique<RecordedFile>(file_));
     log_.Take();
   }
-  /// What stands behind the header.
+  /// The bytes after the header.
   std::string Data() const { return file_.text.substr(44); }
 
   LogCapture log_;
@@ -95,7 +95,7 @@ TEST_F(WavFileTest, AFailedWriteEndsItAsItStands) {
     int result;
   } rows[] = {
       {{-1}, "", -1},
-      {{40, 4, 1, 7, 3, -1}, std::string(44, '\0') + "LLRRllrrLLR", -1},  // short ones go on
+      {{40, 4, 1, 7, 3, -1}, std::string(44, '\0') + "LLRRllrrLLR", -1},  // short ones continue
       {{44, 8, 0}, std::string(44, '\0') + "LLRRllrr", 0},
   };
   for (const auto& row : rows) {

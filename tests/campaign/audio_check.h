@@ -1,4 +1,4 @@
-// Whether audio flows bit for bit, and since when.
+// Checks whether audio is bit-exact, and since when.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace kvox::campaign {
 
-/// Packets in a row that have to come back exact.
+/// Consecutive packets that must come back exact.
 inline constexpr uint64_t kExactPackets = 3;
 
 /// How many packets came back as they should, up to the last one that came back, with all of them

@@ -1,4 +1,4 @@
-// Faults, one after the other and together.
+// Faults, one at a time and combined.
 
 #include <fmt/format.h>
 
@@ -12,7 +12,7 @@
 namespace kvox::campaign {
 namespace {
 
-/// A fault that waits for packets or commands finds them within this time.
+/// A fault that waits for packets or commands gets them within this time.
 constexpr Ms kFaultLimit{10000};
 /// For a reply while no other client sends commands.
 constexpr Ms kPingLimit{200};
@@ -23,8 +23,7 @@ constexpr Ms kReleaseLimit{5000};
 constexpr Ms kPollInterval{50};
 constexpr uint64_t kFaultsPerCheckpoint = 25;
 
-/// The allocator keeps parts of what was freed, now more and now less of it. The soak finds what
-/// grows bit by bit.
+/// The allocator keeps a varying part of what was freed. The soak finds slow growth.
 constexpr int64_t kMemorySlackKib = 3072;
 
 class Campaign : public Run {
@@ -109,7 +108,7 @@ bool Campaign::Inject(const FaultEvent& event) {
   return testbed().RunFor(event.Lasts());
 }
 
-/// Audio first, because its time counts; then all that is still with the clients paused.
+/// Audio first, because it is timed; then everything that needs paused clients.
 bool Campaign::Recovers(const FaultEvent& event) {
   const AudioCheck audio = testbed().StartAudioCheck();
   RestoreTaps(event, false);

@@ -1,4 +1,4 @@
-// A client that captures what passes, into files that it checks and removes.
+// A client that captures audio into files, which it checks and removes.
 
 #include <fmt/format.h>
 
@@ -60,7 +60,7 @@ class CaptureClient : public Worker {
     }
   }
 
-  /// Replies and files of a time in which devices came and went prove nothing.
+  /// Replies and files from a time in which devices came and went prove nothing.
   void Stop() {
     for (const Capture& capture : captures_) {
       const auto stop = [&] { return Debug({"capture", "stop", capture.buffer}); };

@@ -1,4 +1,4 @@
-// The daemon as clients see it. No call goes unwatched.
+// A client's access to the daemon. The watchdog watches every call.
 #pragma once
 
 #include <aidl/kvox/IKvox.h>
@@ -20,7 +20,7 @@ struct CommandReply {
   IKvox::CommandResult result = {};
 
   bool ok() const { return delivered && result.status == IKvox::CommandStatus::OK; }
-  /// Status and lines, or why there are none.
+  /// Status and lines, or the reason why there are none.
   std::string Text() const {
     if (!delivered) return "kvoxd was not reached";
     std::string text = "status " + std::to_string(static_cast<int>(result.status));

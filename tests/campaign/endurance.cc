@@ -1,4 +1,4 @@
-// Thousands of flaps and hundreds of recoveries in a row.
+// Endurance: thousands of flaps and hundreds of recoveries in a row.
 
 #include <fmt/format.h>
 
@@ -17,7 +17,7 @@ constexpr unsigned kFlapsPerRound = 100;
 constexpr unsigned kRoundsPerSample = 4;
 constexpr unsigned kRecoveries = 300;
 constexpr unsigned kRecoveriesPerSample = 12;
-/// The allocator finds its size in these.
+/// Rounds in which the allocator reaches its steady size.
 constexpr unsigned kWarmUpRecoveries = 10;
 
 class Endurance : public Run {
@@ -98,7 +98,7 @@ bool Endurance::RestartOften() {
   return JudgePart("recoveries");
 }
 
-/// Each part on its own: what one of them leaves behind once is no trend of the other.
+/// Each part separately: a one-time growth in one of them is not a trend in the other.
 bool Endurance::JudgePart(const char* what) {
   fmt::print("{}:\n", what);
   trend_.Judge(0, failures());

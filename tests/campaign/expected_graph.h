@@ -1,4 +1,4 @@
-// The graph as it has to be: what clients have requested and the daemon has acknowledged.
+// The expected graph: what clients have requested and the daemon has acknowledged.
 #pragma once
 
 #include <cstdint>

@@ -14,7 +14,7 @@ Ms FromSeconds(double seconds) {
   return Ms(static_cast<int64_t>(seconds * 1000));
 }
 
-/// "tapout" of "tapout-gone": the device that a kind is about.
+/// "tapout" for "tapout-gone": the device that a kind affects.
 std::string Target(const std::string& kind) {
   return kind.substr(0, kind.find('-'));
 }
@@ -58,7 +58,7 @@ Injection RestartWithoutOne(RandomSource& random, const std::string&) {
       gap + missing);
 }
 
-/// Several nodes go at once and come back with seconds in between, also the control device.
+/// Several nodes, including the control device, leave at once and return seconds apart.
 Injection NodesOneByOne(RandomSource& random, const std::string&) {
   Injection injection;
   double away = 0;
@@ -88,12 +88,12 @@ Injection Flap(RandomSource& random, const std::string&) {
           FromSeconds(2 * gap * static_cast<double>(times))};
 }
 
-/// The nodes stay, but nothing is behind them until another simulator replaces them one by one.
+/// The nodes stay, but no process serves them until another simulator replaces them one by one.
 Injection KillSimulator(RandomSource& random, const std::string&) {
   return {.commands = {}, .kills = true, .away = FromSeconds(random.Seconds(0, 1))};
 }
 
-// Replies. Clients give commands all the time, so the next ones are hit.
+// Replies. Clients send commands all the time, so the next ones are hit.
 
 constexpr Ms kCommandsSoon{2000};
 
@@ -142,13 +142,13 @@ Injection PacketBurst(RandomSource& random, const std::string& name) {
   return SpoilSome(random, fmt::format("{} packets={}", name, 2 + random.Below(5)), 1);
 }
 
-/// Also sizes that are no multiple of the 8 bytes in which devices deliver.
+/// Also sizes that are not a multiple of the 8 bytes in which devices deliver.
 Injection PacketJunk(RandomSource& random, const std::string& name) {
   return SpoilPackets(random, fmt::format("{} bytes={}", name, 1 + random.Below(4096)));
 }
 
-// Devices whose nodes stay. Only where a tap-out cannot be read, a node of another kind takes its
-// place, so nodes go and come.
+// Devices whose nodes stay, except for a tap-out that cannot be read: it is replaced by a node of
+// another kind, so nodes leave and arrive.
 
 Injection SpoilDevice(RandomSource& random, const std::string& name) {
   const double seconds = random.Seconds(0.05, 2);
@@ -213,7 +213,7 @@ Ms RecoveryLimitAfter(FaultGroup group) {
       // wait.
       return Ms(1000);
     case kPackets:
-      // A spoilt packet may cost the next one, and a resynchronisation what has queued up.
+      // A spoilt packet may cost the next one, and a resynchronisation those that have queued up.
       return Ms(700);
     case kDevices:
       break;

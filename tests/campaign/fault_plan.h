@@ -1,4 +1,4 @@
-// Which fault comes next: first every kind alone, in random order, then random kinds, often several
+// Chooses the next fault: first every kind alone, in random order, then random kinds, often several
 // at once. The same seed gives the same sequence.
 #pragma once
 
@@ -26,8 +26,8 @@ struct FaultEvent {
   Ms RecoveryLimit() const;
   /// Whether the daemon sets a co-processor up again.
   bool TouchesNodes() const { return Has(FaultGroup::kNodes); }
-  /// Whether replies may be spoilt while the daemon sets a co-processor up again. What the
-  /// co-processor refuses then, the daemon does not try again: clients have to.
+  /// Whether replies may be spoilt while the daemon sets a co-processor up again. The daemon does
+  /// not retry what the co-processor refuses then: clients must.
   bool MaySpoilRestore() const { return TouchesNodes() && Has(FaultGroup::kReplies); }
   /// The commands for the simulator.
   std::string Text() const;

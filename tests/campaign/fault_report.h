@@ -1,4 +1,4 @@
-// What was injected, and how soon the daemon recovered.
+// Reports the injected faults, and how soon the daemon recovered.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// kvox_faults: faults against kvoxd while audio flows and clients give commands.
+// kvox_faults: injects faults while audio flows through kvoxd and clients send commands.
 
 #include <fmt/format.h>
 

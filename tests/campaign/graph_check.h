@@ -1,4 +1,4 @@
-// Compares the expected graph with what the daemon lists and what the co-processor has.
+// Compares the expected graph with the daemon's lists and the co-processor's state.
 #pragma once
 
 #include <map>
@@ -20,13 +20,13 @@ struct GraphTables {
   Table paths;  // by their processor
 };
 
-/// What the daemon has to list.
+/// What the daemon must list.
 GraphTables ExpectedTables(const ExpectedGraph& graph);
 
 /// What it lists.
 GraphTables ReadTables(DaemonClient& daemon);
 
-/// What is wrong, a line each.
+/// The differences, one per line.
 std::vector<std::string> Differences(const ExpectedGraph& graph, const GraphTables& listed,
                                      const SimStatus& actual);
 

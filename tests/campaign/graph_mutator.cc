@@ -20,7 +20,7 @@ void AwaitLastPackets(const Stream& stream, const SimControl& sim) {
       std::this_thread::sleep_for(kPollInterval);
     }
   } catch (const SimError&) {
-    // The testbed finds out that the simulator has gone.
+    // The testbed detects that the simulator is gone.
   }
 }
 
@@ -79,7 +79,8 @@ class GraphMutator : public Worker {
   }
   bool Bind(int buffer) { return client_.ConnectTap(stream_, buffer, buffer); }
 
-  /// A lossless change is made while no audio flows, and audio flows only all the way.
+  /// A lossless change is made while no audio flows; audio is started only when its whole path is
+  /// set up.
   bool StopAudio() {
     if (profile_ == LoadProfile::kAggressive || !Now().tap.enabled) return true;
     if (!client_.TapEnable(stream_, false)) return false;

@@ -100,8 +100,8 @@ void LogFollower::Follow() {
   FreeOldPart();
 }
 
-/// A hole at the beginning: the file keeps its length, so the daemon goes on writing as before. A
-/// file system that cannot do that keeps the whole log.
+/// Punches a hole at the beginning: the file keeps its length, so the daemon keeps writing as
+/// before. A file system that does not support that keeps the whole log.
 void LogFollower::FreeOldPart() {
   const int64_t until = (offset_ - kKept) / kFreeStep * kFreeStep;
   if (until <= freed_) return;

@@ -1,4 +1,4 @@
-// What the daemon's log says about packets: which losses have a cause, and whether a sanitizer has
+// Extracts from the daemon's log which packet losses have a cause, and whether a sanitizer has
 // reported something.
 #pragma once
 
@@ -30,7 +30,7 @@ class LogAnalyzer {
   uint64_t SlowBlocks(const std::string& relay) const;
   /// Steps of recoveries so far: tap points, processors and buffers that were set up again.
   uint64_t restored() const { return restored_; }
-  /// Lines that the daemon had no room for. What they said is not known here.
+  /// Log lines that the daemon has dropped, whose contents are unknown.
   uint64_t lost_lines() const { return lost_lines_; }
   /// The first line of a sanitizer's report; empty when there is none.
   const std::string& report() const { return report_; }
@@ -56,7 +56,7 @@ class LogFollower {
  public:
   explicit LogFollower(std::filesystem::path file) : file_(std::move(file)) {}
 
-  /// Reads what has come since the last call.
+  /// Reads what was added since the last call.
   void Follow();
   const LogAnalyzer& log() const { return log_; }
 

@@ -14,7 +14,7 @@ constexpr uint32_t kThreads = 3;
 
 }  // namespace
 
-/// Sends from inside the callback, so that the block goes out in place of the one that came.
+/// Sends from inside the callback, so that the block replaces the received one.
 class LoopbackClients::Client : public IKvox::BnReceiveAudioCallback {
  public:
   explicit Client(std::shared_ptr<IKvox> kvox) : kvox_(std::move(kvox)) {}

@@ -16,7 +16,7 @@ class LoopbackClients {
 
   /// Starts the threads that serve this process's callbacks, if there are none yet.
   explicit LoopbackClients(std::shared_ptr<IKvox> kvox);
-  /// Blocks may go on coming; they are no longer sent back.
+  /// Blocks may still come, but are no longer sent back.
   ~LoopbackClients();
   LoopbackClients(const LoopbackClients&) = delete;
   LoopbackClients& operator=(const LoopbackClients&) = delete;

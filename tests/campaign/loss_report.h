@@ -1,4 +1,4 @@
-// Which packets were lost in a stretch of time, and for which of them there is a cause.
+// Counts the packets lost in a stretch of time, and those of them with a known cause.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace kvox::campaign {
 
-/// What the simulator counted and the daemon's log said at a moment.
+/// The simulator's counters and the figures of the daemon's log at one time.
 struct LossSample {
   SimStatus sim;
   LogAnalyzer log;

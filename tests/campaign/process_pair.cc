@@ -20,8 +20,8 @@ namespace {
 
 constexpr Ms kStartLimit{10000};
 
-/// A co-processor never waits for a processor. Where that is allowed, the simulator gets a priority
-/// that comes close to it.
+/// A real co-processor never waits for a CPU. Where allowed, a real-time priority brings the
+/// simulator close to that.
 void GivePriority(pid_t pid) {
   sched_param param{};
   param.sched_priority = sched_get_priority_min(SCHED_FIFO);

@@ -1,4 +1,4 @@
-// Simulator and daemon as children, in directories of their own.
+// Simulator and daemon as child processes, in private directories.
 #pragma once
 
 #include <kvox_host/binder_host.h>
@@ -17,7 +17,7 @@
 
 namespace kvox::campaign {
 
-/// One thread, but for sim() and client().
+/// One thread, except for sim() and client().
 class ProcessPair {
  public:
   /// Starts both. Throws std::runtime_error when one does not come up.
@@ -35,8 +35,8 @@ class ProcessPair {
   /// does not come up. Until it returns, sim() must not be used.
   void ReplaceSimulator(Ms away);
 
-  /// What is wrong with a process or a call: one has ended, a sanitizer has reported, a call does
-  /// not return. Empty when nothing is. Also updates log().
+  /// An error of a process or call: one has ended, a sanitizer has reported, a call does not
+  /// return. Empty if there is none. Also updates log().
   std::string Problem();
   const LogAnalyzer& log() const { return log_.log(); }
 

@@ -7,13 +7,13 @@
 namespace kvox::campaign {
 namespace {
 
-// What may be added from the end of the warm-up on. Less than one: a descriptor or thread that is
-// lost once at half time shows as one.
+// The allowed growth after the warm-up. Less than one: a descriptor or thread lost once at half
+// time shows as one.
 constexpr double kCountRise = 0.5;
 constexpr double kMemoryRiseKib = 1024;
 constexpr double kMemoryRiseShare = 0.1;
 
-/// With fewer samples, a single one in which the allocator happens to keep more decides.
+/// With fewer samples, a single one in which the allocator happens to keep more would decide.
 constexpr size_t kMemorySamples = 20;
 
 constexpr struct {

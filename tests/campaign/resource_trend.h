@@ -1,4 +1,4 @@
-// Whether a process grows: its resources, sampled again and again in the same state.
+// Detects growth of a process from its resources, sampled repeatedly in the same state.
 #pragma once
 
 #include <utility>
@@ -15,7 +15,7 @@ struct Sample {
 };
 
 /// The rise from the first sample to the last by the robust slope of Theil and Sen: the median of
-/// the slopes between any two samples. Up to a quarter of the samples may be anything. 0 for fewer
+/// the slopes between any two samples. Up to a quarter of the samples may be outliers. 0 for fewer
 /// than two samples.
 double RobustRise(const std::vector<Sample>& samples);
 

@@ -8,8 +8,8 @@ namespace {
 
 constexpr Ms kRetryInterval{50};
 
-/// The co-processor has half a second for a reply. When threads had to wait this long for a
-/// processor, a reply that came too late is not the daemon's fault.
+/// The co-processor has half a second for a reply. When threads had to wait this long for a CPU, a
+/// late reply is not the daemon's fault.
 constexpr Ms kStarved{100};
 
 int32_t Signed(FourCc code) {
@@ -156,8 +156,8 @@ bool RetryingClient::DisableUseCase(UseCase use_case) {
         [&](auto& graph) { graph.EnableUseCase(use_case, false); }, &IKvox::EnableUseCase, use_case,
         false);
     if (!disabled || run_.faults.epoch() == epoch) return disabled;
-    // Some of its steps may have found their buffers away. The use case is off now, so it has to be
-    // on before it can be switched off again.
+    // Some of its steps may have found their buffers missing. The use case is off now, so it must
+    // be switched on before it can be switched off again.
     if (!EnableUseCase(use_case)) return false;
   }
 }

@@ -12,8 +12,8 @@
 
 namespace kvox::campaign {
 
-/// One thread, but for Pending(). Commands return whether they were acknowledged: false only when
-/// the run ends.
+/// One thread, except for Pending(). Commands return whether they were acknowledged: false only
+/// when the run ends.
 class RetryingClient {
  public:
   RetryingClient(RunContext& run, std::string name) : run_(run), name_(std::move(name)) {}
@@ -29,7 +29,7 @@ class RetryingClient {
   bool StartIo(int tapout);
   bool StopIo(int tapout);
   bool EnableUseCase(UseCase use_case);
-  /// Waits for the end of an active fault first: steps whose devices are away are left out.
+  /// Waits for the end of an active fault first: steps whose devices are missing are skipped.
   bool DisableUseCase(UseCase use_case);
 
   /// Requests again what the expected graph says of a tap point. No other client may change that
@@ -47,7 +47,7 @@ class RetryingClient {
  private:
   enum class Accept {
     kAnyTime,
-    /// The command acts on what is there at the moment, so a reply that was given while devices
+    /// The command acts on the buffers that exist at that moment, so a reply given while devices
     /// came and went does not count.
     kUndisturbed,
   };

@@ -1,5 +1,5 @@
-// What the checks of a run depend on: whether a fault is active, and how late this machine wakes
-// threads.
+// Conditions that the checks of a run depend on: whether a fault is active, and how late this
+// machine wakes threads.
 #pragma once
 
 #include <algorithm>
@@ -36,9 +36,9 @@ class FaultClock {
   std::atomic<Epoch> epoch_ = 0;  // Enter() has one caller
 };
 
-/// Measures scheduling delays: a thread that wakes up every few milliseconds sums up by how much it
-/// was late. Time limits grow with that sum, so that they hold on a busy machine and stay tight on
-/// an idle one. Any thread.
+/// Measures scheduling delays: a thread that wakes up every few milliseconds sums up its lateness.
+/// Time limits grow with that sum, so that they hold on a busy machine and stay tight on an idle
+/// one. Any thread.
 class LagMeter {
  public:
   LagMeter() : thread_([this](const std::stop_token& stop) { Run(stop); }) {}
@@ -46,8 +46,8 @@ class LagMeter {
   Ms Total() const { return Ms(total_us_.load() / 1000); }
 
   /// By how much a limit may grow when Total() was `total_before` as its time began: a chain of
-  /// threads waits for a processor several times where this one waits once. Bounded, so that every
-  /// wait ends.
+  /// threads waits for a CPU several times where this one waits once. Bounded, so that every wait
+  /// ends.
   Ms Allowance(Ms total_before) const {
     return std::min(kThreadsInAChain * (Total() - total_before), kMostAllowance);
   }

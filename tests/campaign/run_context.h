@@ -1,4 +1,4 @@
-// What the parts of a run share.
+// State shared by the parts of a run.
 #pragma once
 
 #include <fmt/format.h>
@@ -15,7 +15,7 @@
 
 namespace kvox::campaign {
 
-/// What went wrong. The first failure ends a run. Any thread.
+/// The failures of a run. The first one ends it. Any thread.
 class FailureLog {
  public:
   template <typename... Arguments>

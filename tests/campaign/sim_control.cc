@@ -19,7 +19,7 @@ namespace {
 constexpr timeval kTimeout{.tv_sec = 10, .tv_usec = 0};
 constexpr std::string_view kOk = "ok\n";
 
-/// null stands for no buffer.
+/// null means no buffer.
 int Buffer(const nlohmann::json& value) {
   return value.is_number() ? value.get<int>() : -1;
 }

@@ -1,4 +1,4 @@
-// The simulator while it runs: its counters, and injecting faults.
+// Access to the running simulator: its counters, and injecting faults.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Many streams for a long time.
+// The soak: many streams for a long time.
 
 #include <fmt/format.h>
 

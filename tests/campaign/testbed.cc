@@ -9,8 +9,8 @@
 namespace kvox::campaign {
 namespace {
 
-/// For a command that has to be granted once no fault is active: the co-processor replies within
-/// 500 ms or never, and several commands may wait for their turn.
+/// For a command that must succeed once no fault is active: the co-processor replies within 500 ms
+/// or never, and several commands may be queued.
 constexpr Ms kGrantLimit{5000};
 constexpr Ms kPollInterval{10};
 constexpr Ms kHealthInterval{50};

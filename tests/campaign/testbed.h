@@ -24,7 +24,7 @@ inline constexpr Ms kRestoreStep{200};
 inline constexpr Ms kUnansweredStep{700};
 
 /// One thread. Where a function returns false or none, something is wrong and has been added to the
-/// run's failures. All throw SimError when the simulator has gone.
+/// run's failures. All throw SimError when the simulator is gone.
 class Testbed {
  public:
   /// Sets the graph up and starts the clients, paused. Throws std::runtime_error.
@@ -58,7 +58,7 @@ class Testbed {
   std::optional<Ms> AwaitAudio(const AudioCheck& audio, const StreamList& streams, Ms limit,
                                const std::string& when);
 
-  /// Compares what was acknowledged with what is. The clients are paused.
+  /// Compares what was acknowledged with the actual state. The clients are paused.
   bool CheckGraph();
 
   /// A fault of the simulator after which all devices are new, up to exact audio and an idle

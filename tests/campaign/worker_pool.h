@@ -13,7 +13,7 @@
 
 namespace kvox::campaign {
 
-/// What one thread does. Only that thread calls its functions, but for client().
+/// The work of one thread. Only that thread calls its functions, except client().
 class Worker {
  public:
   Worker(RunContext& run, std::string name) : run_(run), client_(run, std::move(name)) {}
@@ -36,7 +36,7 @@ class Worker {
 };
 
 enum class PauseMode {
-  kAsIs,        // as the last steps left things
+  kAsIs,        // as the last steps left it
   kAtBaseline,  // as they were at the start
 };
 

@@ -15,7 +15,7 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::UnorderedElementsAre;
 
-/// What may stand at the end of the line; a blank there begins a new word.
+/// The completions at the end of the line; a blank there begins a new word.
 Candidates At(const std::string& line) {
   std::istringstream stream(line);
   std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};

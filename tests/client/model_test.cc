@@ -133,7 +133,7 @@ TEST(Tables, SettingsNeedEveryValue) {
   EXPECT_EQ(settings->channels, 50);
 }
 
-// Whatever a daemon answers, reading it ends and holds on to nothing.
+// Parsing any reply of a daemon ends, without leaks.
 TEST(Tables, CutTextsAreNoTrouble) {
   const std::string table =
       "  Id        Format              BlockLen  NonInterl JitterBuf OutBuffer InBuffer  Enabled\n"

@@ -57,7 +57,7 @@ class RandomStates {
   std::mt19937 random_;
 };
 
-/// What must hold of the daemon when a step is about to be sent.
+/// What must be true of the daemon when a step is about to be sent.
 void ExpectNothingHalfWired(const Step& step, const State& wanted, const State& now) {
   const bool on_processor = step.action == Action::kDelete || step.action == Action::kNew ||
                             step.action == Action::kSetParameter || step.action == Action::kConnect;

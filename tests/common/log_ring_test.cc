@@ -28,7 +28,7 @@ TEST(LogRing, KeepsOrderThroughManyLapsAndCutsLongLines) {
   EXPECT_EQ(PopText(ring), "(empty)");
 }
 
-/// Collects lines. Blocked, it is like a log whose reader has stopped reading.
+/// Collects lines. When blocked, it acts like a log whose reader has stopped.
 class SlowLog : public LogCapture {
  public:
   void Write(LogPriority priority, const char* tag, const char* line) override {

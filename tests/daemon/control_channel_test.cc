@@ -43,7 +43,7 @@ class ControlChannelTest : public ::testing::Test {
     slave_ = UniqueFd();
   }
 
-  /// Sends a tap-enable command; `device` plays the other end once the command has come.
+  /// Sends a tap-enable command; `device` plays the other end once the command has arrived.
   int32_t Exchange(const std::function<void(Bytes command)>& device) {
     std::thread player([&] {
       pollfd ready{.fd = master_.get(), .events = POLLIN, .revents = 0};
@@ -61,7 +61,7 @@ class ControlChannelTest : public ::testing::Test {
     return status;
   }
 
-  /// Opens the channel, whose log begins anew.
+  /// Opens the channel and clears the log.
   void Open() {
     channel_.Open();
     EXPECT_EQ(log_.Take(), (std::vector<std::string>{"I Opened " + path_ + "\n"}));

@@ -1,4 +1,4 @@
-// The table behind the C++ side, compared with the interface's own file.
+// Compares the table of the C++ side with the interface's AIDL file.
 #include <aidl/kvox/IKvox.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The service's files against each other, and against what the daemon has in its code.
+// Compares the service's files with each other and with the daemon's code.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>

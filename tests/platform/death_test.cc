@@ -1,4 +1,4 @@
-// Who is told of a process's death, and when.
+// Death notices: who gets them, and when.
 #include <signal.h>
 #include <sys/wait.h>
 

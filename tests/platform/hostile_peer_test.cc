@@ -1,4 +1,4 @@
-// Whatever a peer does wrong, it harms only itself.
+// Protocol violations harm only the peer that commits them.
 #include <android/binder_parcel_utils.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -20,7 +20,7 @@ class HostilePeerTest : public BinderTest {
     Serve(2);
     peer_.emplace(Path());
   }
-  /// Another peer in the place of the last one, once the service has room for it.
+  /// Another peer instead of the last one, once the service has room for it.
   void Reconnect() {
     const auto is_admitted = [&] {
       peer_.emplace(Path());
@@ -33,7 +33,7 @@ class HostilePeerTest : public BinderTest {
     const auto client = Client();
     EXPECT_EQ(Echo(*client, {1, 2, 3}), (std::vector<uint8_t>{1, 2, 3}));
   }
-  /// An entry of an object list: the position of the reference behind the token, the descriptor.
+  /// An entry of an object list: the position of the reference after the token, the descriptor.
   static std::vector<uint8_t> Entry(const Frame& frame, size_t back, std::string_view descriptor) {
     const ObjectEntry entry{static_cast<uint32_t>(frame.parcel.size() - back),
                             static_cast<uint32_t>(descriptor.size())};

@@ -1,4 +1,4 @@
-// Frames made by hand.
+// Hand-made frames.
 #pragma once
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// What the pool serves next.
+// The order in which the pool serves requests.
 #include "platform/linux/thread_pool.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 namespace kvox::binder {
 namespace {
 
-/// What was served, in order.
+/// The served requests, in order.
 struct ServeLog : SharedText {
   Gate gate{true};
 };

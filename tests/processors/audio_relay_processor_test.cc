@@ -22,8 +22,8 @@ using ::testing::IsEmpty;
 using Id = IKvox::ParameterId;
 using Samples = std::vector<int16_t>;
 
-/// Waits in the place of the I/O thread: as long as it is asked to, or, so that a busy machine does
-/// not matter, longer.
+/// Waits instead of the I/O thread: as long as requested, or longer, so that a busy machine does
+/// not matter.
 class Waiter : public IoWaiter {
  public:
   bool WaitWritable(int, uint64_t) override { return false; }
@@ -104,7 +104,7 @@ class RelayTest : public ::testing::Test, public ProcessorHost {
     return Packet(kDownlink, std::vector<uint8_t>(kFrames * 2, fill), 0, 1, 1);
   }
 
-  /// Sends a block through; what the inject buffer gets is in out_.
+  /// Sends a block through the processor; out_ is what the inject buffer gets.
   int32_t Process(AudioRelayProcessor& relay, std::span<const std::byte> in,
                   const KvoxTapFormat& format, bool connected = true) {
     const auto state = relay.block_state();
@@ -333,7 +333,7 @@ TEST_F(RelayTest, RestartsOnANewBlockLengthOrAnotherTap) {
   EXPECT_EQ(SetBlockLength(*relay, 1440, false), 1);
   EXPECT_TRUE(relay->IsEnabled());
   log_.Take();
-  // What a tap tells of itself says nothing about the encoding, which stays the role's.
+  // A tap's information does not include the encoding, which stays the role's.
   relay->SetFormat({.sample_rate = 48000, .channels = 2, .bytes_per_sample = 4});
   EXPECT_THAT(log_.Take(), IsEmpty());
   EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(960 * 8), 1, 3, 2)), 0);

@@ -89,7 +89,7 @@ TEST_F(ProcessorStatsTest, ReportsHealthOnceASecond) {
 }
 
 TEST_F(ProcessorStatsTest, TheIoThreadNeverWaitsForAReader) {
-  // Readers hammer the flag; whatever that costs in measurements, the figures stay possible ones.
+  // Readers hammer the flag; measurements may be lost, but the figures stay plausible.
   ASSERT_TRUE(stats_.SetBufferSize(64));
   std::atomic<bool> done = false;
   std::thread reader([&] {

@@ -17,7 +17,7 @@ TEST(RelayLayout, InterleavesRunsAndBack) {
     std::vector<uint8_t> in_runs;
     std::vector<uint8_t> interleaved;
   } rows[] = {
-      // Three frames in runs of two: the last run is shorter; half a frame behind it is carried.
+      // Three frames in runs of two: the last run is shorter; half a frame after it is copied.
       {{.channels = 2, .bytes_per_sample = 1, .noninterleaved_samples = 2},
        {1, 2, 11, 12, 3, 13, 99},
        {1, 11, 2, 12, 3, 13, 99}},

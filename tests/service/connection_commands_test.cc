@@ -89,7 +89,7 @@ TEST_F(ConnectionCommands, ConnectTapTellsTheBufferTheTapsFormat) {
   EXPECT_EQ(StatusOf(Call(&KvoxService::ConnectTap, 2, Code("imic"), 0, 0, 0)), 0);
   EXPECT_EQ(log_.Count("tapout0 SetRxFormat set format sr:16000 nch:1 Bps:4 noninterleaved:0"), 1u);
   EXPECT_EQ(log_.Count("tapout0 SetRxFormat on processor aaaa"), 1u);
-  // Whoever registers later hears of it too.
+  // A client that registers later is notified too.
   Call(&KvoxService::Connect, Code("bbbb"), 0, -1);
   EXPECT_EQ(log_.Count("tapout0 RegisterOutput set format sr:16000 nch:1 bps:4 noninterleaved:0"),
             1u);

@@ -43,7 +43,7 @@ TEST_F(ParameterCommands, SettingShowsTheValueAndItsRefusal) {
     Id id;
     Value value;
     int status;
-    std::string text;  // behind the processor
+    std::string text;  // after the processor
     const char* outcome;
   } rows[] = {
       {Id::BLOCK_LENGTH, 960, 0, "BLOCK_LENGTH element:0 value.i:960", nullptr},

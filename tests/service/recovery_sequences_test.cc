@@ -1,4 +1,4 @@
-// Devices that come and go in every order, with commands and failures in between: whatever the
+// Devices that come and go in every order, with commands and failures in between: after any
 // sequence, once all devices are back everything is as clients had set it up.
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 namespace kvox {
 namespace {
 
-constexpr uint32_t kParts = 4;  // so that they may run side by side
+constexpr uint32_t kParts = 4;  // so that they can run in parallel
 #if defined(KVOX_SANITIZED)
 constexpr uint32_t kSequences = 2000;
 #else
@@ -38,7 +38,7 @@ class SequenceLog : public LogTarget {
   const bool shown_;
 };
 
-/// What is to be seen of the wiring.
+/// The visible state of the wiring.
 std::string Shown(KvoxService& service) {
   std::string text;
   for (const auto method : {&KvoxService::ListProcessors, &KvoxService::ListTapOutBuffers,
@@ -78,7 +78,7 @@ class Sequence {
     }
     Then(Kind::kCommand, "", [this] { world_.mood = RecoveryWorld::Mood::kAnswers; });
     at_ += Ms(600);  // a command's or recovery's exchange may still be under way
-    if (away_.size() < std::size(kNodes)) Toggle(Present());  // what was refused is due again
+    if (away_.size() < std::size(kNodes)) Toggle(Present());  // what was refused is retried
     while (!away_.empty()) Toggle(*std::next(away_.begin(), Any(away_.size())));
     const Ms back = at_;
     const Ms commands_before = world_.in_commands;
@@ -103,7 +103,7 @@ class Sequence {
         {.at = at_, .kind = kind, .node = node, .command = std::move(command)});
   }
 
-  void Toggle(std::string node) {  // a copy: it may stand in away_
+  void Toggle(std::string node) {  // a copy: it may be an element of away_
     const bool comes = away_.erase(node) > 0;
     if (!comes) away_.insert(node);
     Then(comes ? Kind::kArrival : Kind::kDeparture, node);

@@ -110,7 +110,7 @@ TEST_F(RecoveryTest, SettingsOfAnIdleTapSurviveAnyNumberOfRestarts) {
     Restart();
     EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCE, 0xCF, 0xCA)) << restart;
   }
-  Call(&KvoxService::TapEnable, 2, Code("imic"), 0, false);  // idle for good
+  Call(&KvoxService::TapEnable, 2, Code("imic"), 0, false);  // stays idle
   Restart();
   EXPECT_TRUE(link_.opcodes.empty());
 }
@@ -205,7 +205,7 @@ TEST_F(RecoveryTest, TwoMissingDevicesMayComeOneByOne) {
 TEST_F(RecoveryTest, ADeviceThatDoesNotOpenKeepsNothingElseWaiting) {
   SetUpChain();
   RemoveNodes({"inject0"});
-  directory_.MakeFifo("xdv-kvox_inject0");  // with nobody at its other end
+  directory_.MakeFifo("xdv-kvox_inject0");  // without a reader
   const auto begin = std::chrono::steady_clock::now();
   Restart({[&] {
     EXPECT_THAT(Buffers(), HasSubstr("\n  0         tapout0   -         pass      1"));

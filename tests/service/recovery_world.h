@@ -1,6 +1,6 @@
-// A co-processor, its device nodes and a clock that exist only in a test's head. Everything runs on
-// the test's thread: what happens beside a recovery happens while it pauses, or within the time
-// that its steps take.
+// A simulated co-processor, its device nodes and a clock. Everything runs on the test's thread:
+// events that are concurrent with a recovery happen while it pauses, or within the time of its
+// steps.
 #pragma once
 
 #include <cerrno>
@@ -18,7 +18,7 @@ namespace kvox {
 
 inline constexpr char kControlNode[] = "control";
 
-/// What a tap has been told.
+/// The settings that a tap has received.
 struct TapSetup {
   bool enabled = false;
   uint8_t tapout = kNoBuffer;
@@ -59,8 +59,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
         startup_);
   }
 
-  /// Lets everything happen that is on the list, and what follows from it. False when that does not
-  /// come to an end.
+  /// Runs all listed events and their consequences. False when that does not end.
   bool Run() {
     for (int turn = 0; turn < 1000; ++turn) {
       if (!leaving_.empty()) {
@@ -98,7 +97,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
   std::deque<Happening> happenings;
   Mood mood = Mood::kAnswers;
   TapSetups told;     // the co-processor's memory
-  TapSetups clients;  // what clients have told and the daemon shall remember
+  TapSetups clients;  // what clients have set and the daemon must remember
   std::set<int> open;
   std::shared_ptr<KvoxService> service;
 
@@ -137,7 +136,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
   uint64_t NowNs() override { return 0; }
 
  private:
-  /// Stands for the recovery's thread. It runs when the world comes to it.
+  /// Replaces the recovery's thread. It runs when the world schedules it.
   struct Thread : public RecoveryRun, public RecoveryClock {
     Thread(RecoveryWorld& its_world, Body its_body) : world(its_world), body(std::move(its_body)) {}
     ~Thread() override { world.recovery_ = nullptr; }
@@ -190,7 +189,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     now = std::max(now, until);
   }
 
-  /// The event thread waits for the recovery with a departure, and so with all that comes behind.
+  /// The event thread waits for the recovery with a departure, and with all events after it.
   void HappenUpTo(Ms until) {
     while (leaving_.empty() && !happenings.empty() && happenings.front().at <= until) {
       const Happening happening = std::move(happenings.front());
@@ -203,7 +202,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
           break;
         case Happening::Kind::kDeparture:
           nodes.erase(happening.node);
-          told.clear();  // the co-processor starts anew
+          told.clear();  // the co-processor restarts
           leaving_ = happening.node;
           if (running_ != nullptr) running_->stop = true;
           break;

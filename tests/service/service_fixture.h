@@ -1,4 +1,4 @@
-// A KvoxService on fake surroundings: a co-processor that answers at once, device nodes in a
+// A KvoxService in a fake environment: a co-processor that replies at once, device nodes in a
 // private directory, and recoveries that run when the test says so, without a thread or a pause.
 #pragma once
 
@@ -18,7 +18,7 @@
 
 namespace kvox {
 
-/// The real devices; the next opening of a node can be interrupted for something else.
+/// The real devices; a test can hook into the next opening of a node.
 class InterruptedIo : public DeviceIo {
  public:
   int Open(const char* path, Direction direction) override {
@@ -76,7 +76,7 @@ class ServiceTest : public ::testing::Test {
     service_->HandleDeviceEvent({DeviceEvent::Kind::kLeft, "xdv-kvox_" + node});
   }
 
-  /// The co-processor goes and comes; everything is restored when this returns.
+  /// The co-processor leaves and returns; everything is restored when this returns.
   void Restart(std::vector<std::function<void()>> late_arrivals = {}) {
     Leave("tapout0");
     Arrive("tapout0");

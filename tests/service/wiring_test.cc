@@ -71,7 +71,7 @@ TEST_F(WiringTest, AProcessorLearnsTheFormatOfTheStreamItIsConnectedTo) {
   EXPECT_EQ(processor->format(Field::kSampleRate), 16000u);
 }
 
-/// Meets a command that sets another format while it is being told one.
+/// While it gets a format, a command sets another one.
 class InterruptedProcessor : public PassthruProcessor {
  public:
   using PassthruProcessor::PassthruProcessor;
@@ -108,7 +108,7 @@ TEST_F(WiringTest, ADroppedBufferTakesNoConnection) {
 }
 
 TEST_F(WiringTest, EverythingMayChangeWhileAudioFlows) {
-  // Nothing may be used after its end; the sanitizers watch. In the end audio passes as before.
+  // The sanitizers detect use after free. In the end audio passes as before.
   ASSERT_EQ(inject_->Enable(true), 0);
   ASSERT_EQ(tapout_->Enable(true), 0);
   std::atomic<bool> done = false;

@@ -1,4 +1,4 @@
-// The socket of `kvosim ctl`: clients that misbehave, and a server that does.
+// The socket of `kvosim ctl`: misbehaving clients, and a misbehaving server.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Commands to a simulator that runs, and the faults of its nodes.
+// Commands to a running simulator, and faults of its nodes.
 #include <sys/stat.h>
 
 #include "tests/sim/program.h"

@@ -1,4 +1,4 @@
-// Which fault strikes when, and what it is told by.
+// Which fault strikes when, and how faults are parsed.
 #include "sim/faults/fault_plan.h"
 
 #include <gmock/gmock.h>
@@ -131,7 +131,8 @@ TEST(FaultPlan, TakesNoMoreThanItCanHold) {
   EXPECT_TRUE(plan.Add(Parse({"packet-drop"}), 0)) << "those that struck are gone";
 }
 
-/// "3+" for a device that comes after three milliseconds, "3-" for one that goes, "3!" for a reset.
+/// "3+" for a device that arrives after three milliseconds, "3-" for one that leaves, "3!" for a
+/// reset.
 std::vector<std::string> Script(const std::vector<std::string>& words) {
   std::vector<std::string> texts;
   for (const FaultStep& step : MakeScript(Parse(words), kTargets.devices)) {

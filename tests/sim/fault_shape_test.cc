@@ -1,4 +1,4 @@
-// What faults make of the audio in packets.
+// Effects of faults on the audio in packets.
 #include "sim/faults/packet_faults.h"
 
 #include <gtest/gtest.h>

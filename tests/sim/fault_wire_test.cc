@@ -1,4 +1,4 @@
-// What faults do on the wire: the test reads and writes the devices as a daemon would.
+// Effects of faults on the wire: the test reads and writes the devices as a daemon would.
 #include <cerrno>
 
 #include "tests/sim/program.h"

@@ -1,4 +1,4 @@
-// The real simulator in a directory of its own, and a test that plays the daemon's part.
+// The real simulator in a private directory, and a test that plays the daemon.
 #pragma once
 
 #include <fcntl.h>
@@ -85,7 +85,7 @@ class ProgramTest : public ::testing::Test {
   }
   /// A command to a simulator that runs.
   void Ctl(const std::string& line) { EXPECT_EQ(Run(Words("ctl " + line)), 0) << err_; }
-  /// What a simulator that runs has counted.
+  /// The counters of a running simulator.
   nlohmann::json Status() {
     EXPECT_EQ(Run({"ctl", "status"}), 0) << err_;
     return nlohmann::json::parse(out_);

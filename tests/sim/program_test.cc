@@ -1,4 +1,4 @@
-// Runs the real program in a directory of its own and plays the daemon's part.
+// Runs the real program in a private directory and plays the daemon.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

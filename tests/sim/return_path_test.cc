@@ -1,4 +1,4 @@
-// What comes back: packets cut from the stream of an inject device, the round-trip check, the sink.
+// The return path: packets from the stream of an inject device, the round-trip check, the sink.
 #include <gtest/gtest.h>
 
 #include <vector>

@@ -25,7 +25,7 @@ TEST(Pacer, NeverDrifts) {
   EXPECT_NEAR(static_cast<double>(pacer.NextDue(882)), 3600.02e9 + 5, 2) << "another block length";
 }
 
-/// Keeps what it is given, and answers what it is told.
+/// Keeps the packets written, and returns scripted results.
 class FakePort : public PacketPort {
  public:
   struct Packet {

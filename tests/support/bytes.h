@@ -1,4 +1,4 @@
-// Packets as bytes, and streams that are put together from them.
+// Packets as bytes, and streams composed of them.
 #pragma once
 
 #include <algorithm>
@@ -38,7 +38,7 @@ void FeedInPieces(Consumer& consumer, const Bytes& stream, size_t piece) {
   }
 }
 
-/// A sound packet, whose audio tells its number and place.
+/// A valid packet, whose audio encodes its number and position.
 inline Bytes MakePacket(uint32_t number, uint32_t payload_size, const KvoxTapFormat& format = {}) {
   KvoxPacketHeader header;
   header.stamp = 1000 + number;

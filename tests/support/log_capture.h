@@ -32,7 +32,7 @@ class LogCapture : public LogTarget {
     return CountLocked(part);
   }
 
-  /// Waits until `part` stands in at least `count` lines; false after ten seconds.
+  /// Waits until at least `count` lines contain `part`; false after ten seconds.
   bool WaitFor(const std::string& part, size_t count = 1) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     MutexLock lock(mutex_);

@@ -1,4 +1,4 @@
-// As long as the object lives, the system has no thread to give.
+// While the object lives, the process cannot create threads.
 #pragma once
 
 #include <pthread.h>

@@ -1,4 +1,4 @@
-// What /proc tells of another process.
+// Information about another process from /proc.
 #pragma once
 
 #include <sys/types.h>
@@ -17,7 +17,7 @@ inline std::filesystem::path ProcPath(pid_t pid) {
   return std::filesystem::path("/proc") / std::to_string(pid);
 }
 
-/// The entries of a directory that may change while it is read; none when it is not there.
+/// The entries of a directory that may change while it is read; none if it is missing.
 inline std::vector<std::filesystem::path> Entries(const std::filesystem::path& directory) {
   std::vector<std::filesystem::path> entries;
   std::error_code error;
@@ -28,7 +28,7 @@ inline std::vector<std::filesystem::path> Entries(const std::filesystem::path& d
   return entries;
 }
 
-/// The first word behind `key` and a colon in a file of such lines; "" when there is none.
+/// The first word after `key` and a colon in a file of such lines; "" when there is none.
 inline std::string ProcField(const std::filesystem::path& file, const std::string& key) {
   std::ifstream stream(file);
   for (std::string line; std::getline(stream, line);) {
@@ -63,7 +63,7 @@ inline ResourceUsage ReadResources(pid_t pid) {
           .memory_kib = memory.empty() ? 0 : std::stoll(memory)};
 }
 
-/// What every thread waits in and every descriptor is, a line each.
+/// What every thread waits in and what every descriptor is, one per line.
 inline std::string DescribeProcess(pid_t pid) {
   std::string text;
   for (const auto& thread : Entries(ProcPath(pid) / "task")) {

@@ -1,5 +1,5 @@
-// A device whose reads, errors and times a test writes down beforehand. The script is played by one
-// thread; what was written to injects is kept.
+// A device whose reads, errors and times a test scripts in advance. One thread plays the script;
+// what is written to injects is kept.
 #pragma once
 
 #include <cerrno>

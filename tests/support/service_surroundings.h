@@ -1,5 +1,5 @@
-// What a KvoxService stands on in tests and fuzz targets: a co-processor that answers at once, and
-// recoveries that run when they are told to, without a thread or a pause.
+// The environment of a KvoxService in tests and fuzz targets: a co-processor that replies at once,
+// and recoveries that run on request, without a thread or a pause.
 #pragma once
 
 #include <functional>
@@ -13,7 +13,7 @@
 
 namespace kvox {
 
-/// Keeps what it was sent; answers from a list of tap points, or with a failure.
+/// Keeps the commands it gets; replies from a list of tap points, or with a failure.
 class FakeCoprocessor : public CoprocessorLink {
  public:
   int32_t SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) override {
@@ -74,7 +74,7 @@ inline std::vector<TapInfoState> UseCaseTaps() {
           tap(MakeFourCc("vpul"), 1, 4, 1, 2)};
 }
 
-/// A recovery that runs when told to, through scans and late arrivals. Its clock jumps.
+/// A recovery that runs on request, through scans and late arrivals. Its clock jumps.
 class ManualRecovery : public RecoveryRun, public RecoveryClock {
  public:
   explicit ManualRecovery(Body body) : body_(std::move(body)) {}

@@ -1,4 +1,4 @@
-// A program on a terminal of its own, as a shell's foreground job, so that it can be stopped.
+// A program on its own pseudo-terminal, as a shell's foreground job, so that it can be stopped.
 #pragma once
 
 #include <poll.h>
@@ -98,7 +98,7 @@ class Terminal {
   std::string Err() const { return shell_->Err(); }
 
  private:
-  /// In the child. Returns in the job, a child of its own; what is left leads the terminal's
+  /// In the child. Returns in the job, its own child; the rest leads the terminal's
   /// session and ends as the job does.
   void LeadJob(int started) const {
     signal(SIGTTOU, SIG_IGN);

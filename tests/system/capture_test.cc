@@ -46,7 +46,7 @@ class CaptureTest : public SystemTest {
 
   std::string FileOf(const std::string& buffer) { return directory_ / (buffer + ".wav"); }
 
-  /// Plays the second and what follows, and captures it at both ends.
+  /// Plays the second and all following packets, and captures them at both ends.
   void PlayAndCapture() {
     for (const char* buffer : {"tapout0", "inject0"}) {
       Call(std::string("Debug capture start ") + buffer + " " + FileOf(buffer));
@@ -64,7 +64,7 @@ class CaptureTest : public SystemTest {
 };
 
 TEST_F(CaptureTest, TheFileIsWhatWasPlayed) {
-  // On a busy machine packets come at the wrong time and are dropped: then once more.
+  // On a busy machine packets come at the wrong time and are dropped: then repeat.
   for (int attempt = 1, resyncs = 0; attempt <= 3; ++attempt) {
     PlayAndCapture();
     const int drops = CountOf("tapout0 RX resync", daemon_->Err()) - resyncs - 1;
@@ -90,7 +90,7 @@ TEST_F(CaptureTest, ADaemonThatIsKilledLeavesTheSamples) {
     daemon_->Signal(SIGKILL);
     EXPECT_EQ(daemon_->Wait(), -SIGKILL);
     if (CountOf("tapout0 RX resync", daemon_->Err()) == 1) break;
-    StartDaemon();  // packets came at the wrong time: once more
+    StartDaemon();  // packets came at the wrong time: repeat
     SetUpChain();
   }
   const std::string captured = ReadText(FileOf("tapout0"));

@@ -8,7 +8,7 @@ using nlohmann::json;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-// What an xterm is told when a program takes the whole screen, and when it gives it back.
+// The escape sequences with which a program enters and leaves an xterm's full screen.
 constexpr char kTake[] = "\x1b[?1049h";
 constexpr char kGiveBack[] = "\x1b[?1049l";
 constexpr char kCtrlL[] = "\f";

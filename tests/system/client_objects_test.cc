@@ -111,7 +111,7 @@ TEST_F(ClientObjectsTest, VerbsForTapPointsCostFewExchangesWithTheCoProcessor) {
       {"tap connect 2:genp.0 tapout0 inject0", 2},  // kvoxd asks for the format as well
       {"tap enable imic.0", 3},
       {"tap info imic.0", 3},
-      {"tap disable vpdl.0", 4},  // that no other core has the name needs an answer of each
+      {"tap disable vpdl.0", 4},  // to know that no other core has the name, all are asked
       {"connect pass tapout0 inject0", 0},
       {"buffer list", 0},
   };

@@ -14,7 +14,7 @@ class ClientStateTest : public SystemTest {
  protected:
   ClientStateTest() { StartBoth(); }
 
-  /// A telephone call, a microphone and a processor of one's own, with settings.
+  /// A phone call, a microphone and a separate processor, with settings.
   void MakeBusy() {
     Do("usecase enable AREL_TELE");
     Do("usecase enable MIC_IN");

@@ -87,7 +87,7 @@ TEST_F(ClientTest, OutputThatCannotBeWrittenIsReported) {
     EXPECT_EQ(run.exit_status, 74) << line;
     EXPECT_THAT(run.err, HasSubstr("kvoxctl: cannot write to standard output: ")) << line;
   }
-  // A reader that has gone had what it wanted.
+  // A closed pipe is not an error: the reader had what it wanted.
   const ClientRun piped = Shell("--version | true; (sleep 0.1; " KVOXCTL_PROGRAM
                                 " call ListProcessors; echo status $? >&2) | true");
   EXPECT_EQ(piped.err, "status 0\n");

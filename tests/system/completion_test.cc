@@ -18,7 +18,7 @@ class CompletionTest : public SystemTest {
  protected:
   CompletionTest() { std::ofstream(directory_ / "script") << Do("completion bash"); }
 
-  /// What bash offers at the end of a line whose parts it has made of it: at ':' and '=' too.
+  /// What bash offers at the end of a line, which it splits at ':' and '=' too.
   std::vector<std::string> Offers(const std::string& line, const std::string& parts,
                                   const std::string& typed) {
     const std::string program = R"(

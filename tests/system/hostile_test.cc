@@ -1,5 +1,5 @@
-// What a hostile client does to the daemon as a whole: how long others wait, and what the daemon
-// has given back when the client has gone.
+// Effects of a hostile client on the whole daemon: how long others wait, and what the daemon has
+// released when the client is gone.
 #include <android/binder_manager.h>
 #include <kvox_host/binder_host.h>
 #include <sys/stat.h>
@@ -32,7 +32,7 @@ constexpr auto kMeasureTime = milliseconds(300);
 constexpr auto kCallbackTime = milliseconds(1200);
 /// A few milliseconds.
 constexpr auto kSlack = kSanitized ? milliseconds(50) : milliseconds(10);
-/// Far below what the limits of one user add up to.
+/// Far below the sum of one user's limits.
 constexpr int64_t kMostKib = kSanitized ? INT64_MAX / 2 : 160 * 1024;
 
 /// How long commands of a client took.
@@ -104,7 +104,7 @@ class HostileTest : public SystemTest {
     return {taken[taken.size() / 2], taken[taken.size() * 19 / 20], taken.back(), taken.size()};
   }
 
-  /// Descriptors and threads are given back to the last one, memory but for a rest.
+  /// All descriptors and threads are released, and nearly all memory.
   void ExpectGivenBack(const ResourceUsage& before) {
     ResourceUsage now;
     constexpr int64_t kRest = 6 * 1024;
@@ -176,8 +176,9 @@ class AttackTest : public HostileTest, public ::testing::WithParamInterface<Atta
     }
     ExpectGivenBack(resources);
     const Latency after = Measure(kMeasureTime);
-    // Without the attack the machine itself is late now and then, and what others run holds up a
-    // busy daemon more than an idle one. A command that runs is waited for; not a queue of them.
+    // Even without the attack the machine itself is sometimes late, and other processes delay a
+    // busy daemon more than an idle one. A client may wait for a running command, but not for a
+    // queue.
     const std::string figures = before.Text() + "\n" + during.Text() + "\n" + after.Text();
     EXPECT_LE(during.median, std::max(before.median, after.median) + command + kSlack) << figures;
     EXPECT_LE(during.late, std::max(before.late, after.late) + 2 * command + 6 * kSlack) << figures;
@@ -227,7 +228,7 @@ const AttackGroup kAttackGroups[] = {
 INSTANTIATE_TEST_SUITE_P(By, AttackTest, ::testing::ValuesIn(kAttackGroups),
                          [](const auto& row) { return row.param.name; });
 
-/// A user of its own, a directory that others may pass through.
+/// A separate user, and a directory that others may search.
 class AccessTest : public HostileTest {
  protected:
   void SetUp() override {
@@ -287,14 +288,14 @@ TEST_F(AccessTest, ADirectoryThatSomebodyElseRulesIsRefused) {
   ASSERT_EQ(chmod(directory.c_str(), 0700), 0);
   ASSERT_EQ(chown(directory.c_str(), kStranger, kStranger), 0);
   ExpectRefused(directory, "it belongs to user 65534");
-  // Root's own link to root's own directory is nobody's trap.
+  // Root's own link to root's own directory is not a trap.
   ASSERT_EQ(chown(directory.c_str(), 0, 0), 0);
   ASSERT_EQ(lchown(link.c_str(), 0, 0), 0);
   setenv("KVOX_RUNTIME_DIR", link.c_str(), 1);
   StartDaemon();
 }
 
-/// The callback of a relay that runs: the others' audio goes on, threads are bounded, and all end
+/// The callback of a running relay: the others' audio continues, threads are bounded, and all end
 /// with the clients.
 TEST_F(HostileTest, CallbacksThatNeverReturnHoldUpNeitherAudioNorCommands) {
   StartSimulator();

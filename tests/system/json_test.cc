@@ -1,4 +1,4 @@
-// docs/json.md against what the verbs print.
+// Compares docs/json.md with what the verbs print.
 #include <regex>
 #include <set>
 
@@ -11,7 +11,7 @@ namespace {
 using nlohmann::json;
 using Names = std::set<std::string>;
 
-/// What the page says of the verbs of one heading; of the frame, where there are no verbs.
+/// The verbs of one heading of the page and their keys; without verbs, the common keys.
 struct Section {
   Names verbs;
   Names keys;

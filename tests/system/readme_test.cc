@@ -27,7 +27,7 @@ std::vector<Step> StepsOf(const std::string& document) {
   return steps;
 }
 
-/// Without what differs from one run to the next, and without blanks at the ends of lines.
+/// Without what varies between runs, and without trailing blanks.
 std::string Steady(std::string text, const std::string& home) {
   text = std::regex_replace(text, std::regex("[0-9.]+ (us|samples)"), "N $1");
   for (size_t at; (at = text.find(home)) != text.npos;) text.replace(at, home.size(), "/home/me");

@@ -16,7 +16,7 @@ constexpr auto kLimit = milliseconds(4000);
 constexpr auto kLimit = milliseconds(1500);
 #endif
 
-/// On a busy machine the programs themselves may take long: then once more.
+/// On a busy machine the programs themselves may take long: then repeat.
 constexpr int kAttempts = 3;
 
 struct Return {

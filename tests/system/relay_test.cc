@@ -1,4 +1,4 @@
-// Clients of relays: the real programs, a call under way.
+// Clients of relays: the real programs during a call.
 #include <filesystem>
 
 #include "tests/sim/wav_file.h"
@@ -21,7 +21,8 @@ std::vector<int16_t> Samples(const std::string& path) {
 
 class RelayProgramTest : public SystemTest {
  protected:
-  /// A call whose down-link is a ramp that tells which sample it is; the up-link goes into a file.
+  /// A call whose downlink is a ramp, so that each sample identifies itself; the uplink goes into a
+  /// file.
   void StartCall() {
     WriteRamp("ramp.wav", 48000);
     std::ofstream(directory_ / "call.toml") << R"(
@@ -58,7 +59,7 @@ sink = { kind = "wav", file = "uplink.wav" }
     return std::make_unique<Process>(KVOXCTL_PROGRAM, Words(line), directory_ / "client");
   }
 
-  /// A client of the call's down-link, once it gets blocks.
+  /// A client of the call's downlink, once it gets blocks.
   std::unique_ptr<Process> Listener() {
     const auto raw = directory_ / "raw";
     auto client = Client("call RegisterReceiveAudioCallback art0 60 " + raw.string());

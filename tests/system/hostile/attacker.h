@@ -1,4 +1,4 @@
-// What an attack works with: the daemon's socket, the time and random choices.
+// The means of an attack: the daemon's socket, the time and random choices.
 #pragma once
 
 #include <sys/socket.h>

@@ -17,7 +17,7 @@ void ConnectAndGo(Attacker& attacker) {
   }
 }
 
-/// As many as this process gets, and more attempts all the while.
+/// As many as this process gets, and continuous further attempts.
 void HoldConnections(Attacker& attacker) {
   std::deque<RawPeer> held;
   for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) held.push_back(attacker.Peer());

@@ -1,4 +1,4 @@
-// Bytes that are no frames, and frames with invalid contents.
+// Garbage bytes, and frames with invalid contents.
 
 #include "platform/linux/limits.h"
 #include "tests/system/hostile/attacker.h"
@@ -101,7 +101,7 @@ void MutatedCalls(Attacker& attacker) {
   }
 }
 
-/// Parcelables that say they are shorter or longer than they are, within lists that do.
+/// Parcelables with wrong sizes, within lists with wrong sizes.
 void NestedSizes(Attacker& attacker) {
   RawPeer peer = attacker.Peer();
   constexpr int32_t kSizes[] = {INT32_MIN, -1, 0, 3, 4, 5, 8, 12, 1 << 20, INT32_MAX};

@@ -1,4 +1,4 @@
-// A client that means harm: hostile_client ATTACK SEED MILLISECONDS [USER GROUP].
+// A hostile client: hostile_client ATTACK SEED MILLISECONDS [USER GROUP].
 //
 // It prints "attacking" once the attack has begun. The attack "connect" only tries to connect; its
 // exit status is 0 or errno.
@@ -43,7 +43,7 @@ int Connect(const std::string& path) {
   return connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
 }
 
-/// For good, with no other group.
+/// Permanently, with no other group.
 bool Become(uid_t user, gid_t group) {
   return setgroups(0, nullptr) == 0 && setresgid(group, group, group) == 0 &&
          setresuid(user, user, user) == 0;
@@ -52,7 +52,7 @@ bool Become(uid_t user, gid_t group) {
 int Main(int argc, char** argv) {
   if (argc != 4 && argc != 6) return EXIT_FAILURE;
   const std::string_view name = argv[1];
-  // The test measures what the daemon does, not who gets the processor.
+  // The test measures the daemon, not who gets the CPU.
   static_cast<void>(nice(19));
   if (argc == 6 &&
       !Become(static_cast<uid_t>(std::atoi(argv[4])), static_cast<gid_t>(std::atoi(argv[5])))) {

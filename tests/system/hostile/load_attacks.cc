@@ -85,7 +85,7 @@ void HugeCounts(Attacker& attacker) {
       Frame frame = peer.Request(code);
       if (code != IKvox::TRANSACTION_Debug) Put(&frame, 0);
       const size_t left = size - frame.parcel.size() - 4;
-      Put(&frame, static_cast<int32_t>(left));  // as many elements as bytes, and none is whole
+      Put(&frame, static_cast<int32_t>(left));  // as many elements as bytes, none of them complete
       frame.parcel.resize(size, 0xff);
       const auto one = Wire(frame);
       wire.insert(wire.end(), one.begin(), one.end());

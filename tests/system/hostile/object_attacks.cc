@@ -36,7 +36,7 @@ void ForeignObjects(Attacker& attacker) {
   }
 }
 
-/// As many new objects in every call as one peer may have, all let go again after it.
+/// As many new objects in every call as one peer may have, all released after it.
 void ManyObjects(Attacker& attacker) {
   RawPeer peer = attacker.Peer();
   Frame frame = peer.Request(IKvox::TRANSACTION_Ping);

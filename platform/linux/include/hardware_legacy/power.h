@@ -1,4 +1,4 @@
-// Wake locks. While one is held the machine does not suspend.
+// Wake locks: while one is held the machine does not suspend.
 #pragma once
 
 extern "C" {

@@ -1,4 +1,4 @@
-// What the host's binder has beyond the NDK.
+// Functions of the host's binder beyond the NDK.
 #pragma once
 
 #include <string>

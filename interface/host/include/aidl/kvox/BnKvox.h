@@ -1,4 +1,4 @@
-// The server's side: a service derives from it and implements the methods.
+// The server side: a service derives from it and implements the methods.
 #pragma once
 
 #include <android/binder_ibinder.h>

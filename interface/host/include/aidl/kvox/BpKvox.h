@@ -1,4 +1,4 @@
-// The client's side: every method is a call of the remote object.
+// The client side: every method calls the remote object.
 #pragma once
 
 #include <android/binder_ibinder.h>
