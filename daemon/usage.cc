@@ -21,7 +21,7 @@ std::vector<HelpRow> UsageSignals() {
 
 std::vector<HelpRow> UsageExits() {
   return {
-      {"0", "--help or --version is answered"},
+      {"0", "--help or --version was given"},
       {"2", "wrong usage"},
   };
 }

@@ -16,7 +16,7 @@ std::vector<HelpRow> RowsOf(const std::vector<Option>& options) {
 std::string CommonSection() {
   std::vector<HelpRow> rows = RowsOf(CommonOptions());
   rows.push_back({"-h, --help", "Show this"});
-  return HelpSection("Options of every verb", rows);
+  return HelpSection("Common options", rows);
 }
 
 std::vector<HelpRow> RowsOfVerbs(std::string_view noun) {
@@ -82,7 +82,7 @@ std::string Help() {
       "The command-line client of kvoxd.\nUsage: kvoxctl [OPTIONS] NOUN VERB ...\n"
       "       kvoxctl [OPTIONS] VERB ...\n";
   for (const Noun& noun : AllNouns()) text += HelpSection(noun.summary, RowsOfVerbs(noun.name));
-  text += HelpSection("And", RowsOfVerbs(""));
+  text += HelpSection("Other verbs", RowsOfVerbs(""));
   return text + CommonSection() + HelpSection("Environment", Variables()) +
          ExitSection(AllExits()) +
          "\nEvery verb has a --help of its own, with an example.\n"

@@ -47,13 +47,13 @@ std::string_view Verb::name() const {
 
 const std::vector<Noun>& AllNouns() {
   static const std::vector<Noun> nouns = {
-      {"processor", "Processors, which work on audio"},
+      {"processor", "Audio processors"},
       {"tap", "Tap points of the co-processor"},
       {"buffer", "Tap-out and inject buffers"},
-      {"usecase", "Use cases: whole set-ups by name"},
+      {"usecase", "Use cases: named set-ups"},
       {"param", "Parameters of processors"},
-      {"io", "Reading and writing of the buffers' devices"},
-      {"capture", "Recording of what passes through buffers"},
+      {"io", "Reading and writing the buffers' devices"},
+      {"capture", "Recording what passes through buffers"},
       {"wait", "Waiting until something exists"},
   };
   return nouns;

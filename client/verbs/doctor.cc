@@ -69,9 +69,8 @@ const char* Notes() {
 std::vector<Verb> DoctorVerbs() {
   return {
       {"ping", "See whether the daemon answers, and how fast", Ping, "ping"},
-      {"doctor",
-       "Find what keeps the daemon, its devices or its clients from working, and how to fix it",
-       Doctor, "doctor", Arguments{},
+      {"doctor", "Diagnose the daemon, its devices and its clients, and suggest fixes", Doctor,
+       "doctor", Arguments{},
        Options{{"--captures", "DIRECTORY", Kind::kFile,
                 "Where captures are to go (/tmp, or the service's home)"}},
        Notes, VerbKind::kCheck},

@@ -81,7 +81,7 @@ std::vector<Verb> TapVerbs() {
                   Arity::kAnyNumber}}},
       {"tap info", "Show what a tap point is and is bound to", Info, "tap info imic.0",
        Arguments{kTap}},
-      {"tap enable", "Let audio flow at a tap point", Switch<true>, "tap enable 2:imic.0",
+      {"tap enable", "Start the audio of a tap point", Switch<true>, "tap enable 2:imic.0",
        Arguments{kTap}},
       {"tap disable", "Stop the audio of a tap point", Switch<false>, "tap disable imic.0",
        Arguments{kTap}},
