@@ -5,12 +5,12 @@
 namespace kvox {
 namespace {
 
-constexpr auto kPatience = std::chrono::seconds(1);
+constexpr auto kTimeout = std::chrono::seconds(1);
 
 }  // namespace
 
 bool IoThreadCall::Run(const std::function<void()>& function) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kTimeout;
   MutexLock lock(mutex_);
   function_ = &function;
   wanted_.store(true, std::memory_order_relaxed);

@@ -66,7 +66,7 @@ RoutePublisher::Use::~Use() {
   publisher_.in_use_.store(nullptr, std::memory_order_release);
 }
 
-bool RoutePublisher::Stale() const {
+bool RoutePublisher::Superseded() const {
   // The reader itself wrote in_use_, so a relaxed load sees it.
   return published_.load() != in_use_.load(std::memory_order_relaxed);
 }

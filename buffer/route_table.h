@@ -65,7 +65,7 @@ class RoutePublisher {
   };
 
   /// RT: whether the table in use has been replaced. Inside a Use only.
-  bool Stale() const;
+  bool Superseded() const;
 
  private:
   bool DestroyUnused();

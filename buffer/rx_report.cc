@@ -8,14 +8,14 @@
 namespace kvox {
 namespace {
 
-using FormatText = std::array<char, 64>;
+using Description = std::array<char, 64>;
 
-FormatText Describe(const KvoxPacketHeader& header) {
+Description Describe(const KvoxPacketHeader& header) {
   const KvoxTapFormat& format = header.format;
   const uint32_t frame = FrameSize(format);
   const uint32_t block =
       frame == 0 ? 0 : header.payload_size / format.channels / format.bytes_per_sample;
-  FormatText text;
+  Description text;
   snprintf(text.data(), text.size(), "%gkHz %uch %uBps, block len %u, noninterleaved %u",
            static_cast<double>(static_cast<float>(format.sample_rate) / 1000.0f), format.channels,
            format.bytes_per_sample, block, format.noninterleaved_samples);

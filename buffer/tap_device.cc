@@ -136,12 +136,12 @@ bool TapDevice::WaitReadable(int fd, uint64_t deadline_ns) {
 }
 
 bool TapDevice::WaitFor(int fd, DeviceIo::Direction direction, uint64_t deadline_ns) {
-  while (!stopping() && !links_.routes.Stale()) {
+  while (!stopping() && !links_.routes.Superseded()) {
     const uint64_t now = NowNs();
     if (now >= deadline_ns) return false;
     const DeviceIo::Ready ready =
         links_.io.Wait(fd, direction, links_.wake.fd(), WholeMsBetween(now, deadline_ns));
-    if (ready == DeviceIo::Ready::kDevice) return !stopping() && !links_.routes.Stale();
+    if (ready == DeviceIo::Ready::kDevice) return !stopping() && !links_.routes.Superseded();
     if (ready == DeviceIo::Ready::kFailed) return false;
     if (ready == DeviceIo::Ready::kWoken) links_.wake.Clear();  // a waiting call stays wanted
   }

@@ -29,8 +29,8 @@ WavCapture::Session::Session(const std::string& buffer, const std::string& file_
       wav(buffer, std::move(file)) {}
 
 WavCapture::WavCapture(std::string buffer, ThreadGroup& threads, CaptureFileOpener open,
-                       std::chrono::milliseconds patience)
-    : buffer_(std::move(buffer)), threads_(threads), open_(std::move(open)), patience_(patience) {}
+                       std::chrono::milliseconds timeout)
+    : buffer_(std::move(buffer)), threads_(threads), open_(std::move(open)), timeout_(timeout) {}
 
 int32_t WavCapture::Start(const std::string& file, std::string& message) {
   message = FormatText<256>("%s %s buffer %s", "CaptureStart", buffer_.c_str(), file.c_str());
@@ -96,7 +96,7 @@ bool WavCapture::StartWriter() {
 /// session then still belongs to the writer.
 bool WavCapture::StopWriter() {
   EndRecording();
-  const auto deadline = std::chrono::steady_clock::now() + patience_;
+  const auto deadline = std::chrono::steady_clock::now() + timeout_;
   {
     MutexLock lock(writing_mutex_);
     while (writing_ && writing_changed_.WaitUntil(writing_mutex_, deadline)) {

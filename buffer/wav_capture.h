@@ -31,11 +31,11 @@ namespace kvox {
 class WavCapture final : public PacketRecorder, public std::enable_shared_from_this<WavCapture> {
  public:
   /// How long a command waits for the file: enough to write a full ring at 35 KB/s.
-  static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(60);
+  static constexpr std::chrono::milliseconds kTimeout = std::chrono::seconds(60);
 
   /// `buffer` is the name of the buffer, for messages. `threads` outlives the object.
   WavCapture(std::string buffer, ThreadGroup& threads, CaptureFileOpener open = OpenCaptureFile,
-             std::chrono::milliseconds patience = kPatience);
+             std::chrono::milliseconds timeout = kTimeout);
 
   /// Starts a capture into the file at that path. 0, or -1 if one is running, the file cannot be
   /// opened, there is no thread to write it or the previous file is not finished. Service threads.
@@ -82,7 +82,7 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   const std::string buffer_;
   ThreadGroup& threads_;
   const CaptureFileOpener open_;
-  const std::chrono::milliseconds patience_;
+  const std::chrono::milliseconds timeout_;
 
   std::atomic<bool> on_ = false;
   std::atomic<bool> pushing_ = false;  // a thread is using the ring's producer side

@@ -82,13 +82,24 @@ endfunction()
 
 add_custom_target(test_programs)
 find_package(GTest 1.12 QUIET)
+find_package(nlohmann_json REQUIRED)
 if(KVOX_PRECOMPILE AND GTest_FOUND)
   add_executable(kvox_precompiled_test EXCLUDE_FROM_ALL "${PROJECT_BINARY_DIR}/precompiled.cc")
-  target_link_libraries(kvox_precompiled_test PRIVATE kvox_build GTest::gmock_main)
+  target_link_libraries(kvox_precompiled_test
+    PRIVATE kvox_build GTest::gmock_main nlohmann_json::nlohmann_json)
   target_precompile_headers(kvox_precompiled_test PRIVATE
-    <gmock/gmock.h> <gtest/gtest.h> <filesystem> <thread>)
+    <gmock/gmock.h> <gtest/gtest.h> <filesystem> <nlohmann/json.hpp> <thread>)
   target_compile_options(kvox_precompiled_test PRIVATE -O0)
 endif()
+
+# kvox_compile_as_test(NAME): the target is built quickly, and runs slowly.
+function(kvox_compile_as_test name)
+  if(TARGET kvox_precompiled_test)
+    target_precompile_headers(${name} REUSE_FROM kvox_precompiled_test)
+    # Libraries as well: precompiled headers are for one kind of position-independent code.
+    target_compile_options(${name} PRIVATE -O0 -fPIE)
+  endif()
+endfunction()
 
 if(KVOX_SANITIZE STREQUAL "thread")
   # By default every program sleeps for a second at exit, and tests start hundreds.
@@ -101,10 +112,7 @@ function(kvox_test name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE kvox_build ${ARG_LINK} GTest::gmock_main)
-  if(TARGET kvox_precompiled_test)
-    target_precompile_headers(${name} REUSE_FROM kvox_precompiled_test)
-    target_compile_options(${name} PRIVATE -O0)
-  endif()
+  kvox_compile_as_test(${name})
   add_dependencies(test_programs ${name})
   gtest_discover_tests(${name} PROPERTIES TIMEOUT 120 ${KVOX_TEST_ENVIRONMENT} DISCOVERY_TIMEOUT 60)
 endfunction()

@@ -23,7 +23,7 @@ constexpr auto kOpenPause = std::chrono::milliseconds(100);
 constexpr auto kReplyBudget = std::chrono::milliseconds(500);
 
 /// The rest of a partial record follows at once or never.
-constexpr auto kPartialPatience = std::chrono::milliseconds(20);
+constexpr auto kPartialRecordTimeout = std::chrono::milliseconds(20);
 
 /// The pause grows by this after each consecutive read with only stale records: a device that
 /// floods the channel must not flood the log at the same rate.
@@ -141,8 +141,8 @@ int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t si
       LogWarning("%s: timeout for opcode 0x%x", "waitForKvoxCommandResponse", opcode);
       return -1;
     }
-    switch (
-        WaitReadable(stream_.partial() ? std::min(deadline, now + kPartialPatience) : deadline)) {
+    switch (WaitReadable(stream_.partial() ? std::min(deadline, now + kPartialRecordTimeout)
+                                           : deadline)) {
       case Wait::kReadable:
         result = ReadReplies(opcode, size);
         break;

@@ -24,7 +24,7 @@ using binder::FrameHeader;
 using binder::FrameType;
 
 constexpr size_t kMaxWire = 64 * 1024;  // fits into the socket, with all its replies
-constexpr int kPatienceMs = 20000;
+constexpr int kTimeoutMs = 20000;
 constexpr uint64_t kRootAddress = 1 << 1 | binder::kReceiversObject;
 
 /// Works like the tests' service, and calls the object that it was given.
@@ -86,7 +86,7 @@ class Peer {
     auto* to = static_cast<uint8_t*>(bytes);
     while (size > 0) {
       pollfd readable{.fd = fd_, .events = POLLIN, .revents = 0};
-      const int ready = poll(&readable, 1, kPatienceMs);
+      const int ready = poll(&readable, 1, kTimeoutMs);
       if (ready < 0 && errno == EINTR) continue;
       Check(ready == 1, "a connection answers or ends");
       const ssize_t count = recv(fd_, to, size, MSG_DONTWAIT);

@@ -12,7 +12,7 @@ namespace {
 constexpr float kLongestPeriodMs = 1000.0f;  // longer ones are pauses, not periods
 constexpr float kIntervalMs = 1000.0f;
 constexpr uint32_t kPeriodsPerAverage = 10000;
-constexpr auto kFlagPatience = std::chrono::milliseconds(50);
+constexpr auto kFlagTimeout = std::chrono::milliseconds(50);
 constexpr auto kFlagPoll = std::chrono::milliseconds(1);
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
@@ -33,7 +33,7 @@ bool KvoxProcessorStats::Flag::TryAcquire() {
 }
 
 bool KvoxProcessorStats::Flag::AcquireWithin50Ms() {
-  const auto deadline = std::chrono::steady_clock::now() + kFlagPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kFlagTimeout;
   while (!TryAcquire()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(kFlagPoll);

@@ -3,16 +3,9 @@
 #include <algorithm>
 
 #include "kvox/common/fixed_text.h"
-#include "kvox/common/four_cc.h"
+#include "service/use_case_steps.h"
 
 namespace kvox {
-namespace {
-
-/// An enabled hot-word processor counts as active wherever its audio comes from.
-constexpr FourCc kHotwordProcessor = MakeFourCc("hwae");
-
-}  // namespace
-
 void IoSwitch::Switch(bool enable, int tapout, Report& report) {
   const char* const verb = enable ? "Enable" : "Disable";
   report.Begin(tapout == kAllBuffers ? FormatText<96>("%s all buffers\n", verb)

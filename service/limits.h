@@ -11,9 +11,6 @@ namespace kvox {
 /// same number of connections is remembered.
 inline constexpr size_t kMaxProcessors = 1024;
 
-/// Statistics entries of one processor: more would not fit into one reply of the transport (1 MiB).
-inline constexpr uint32_t kMaxStatsEntries = ((1u << 20) - 4096) / sizeof(float);
-
 /// Statistics entries of all processors together: 16 MiB, enough for a few processors with the
 /// maximum. Otherwise a few small calls could use a gigabyte.
 inline constexpr uint64_t kMaxStatsEntriesOfAll = (16u << 20) / sizeof(float);

@@ -98,7 +98,7 @@ class Recovery {
   /// Held from a scan until its buffers are in the inventory, so that no departure comes between.
   Mutex scan_mutex_;
 
-  Mutex run_mutex_;  // a leaf lock: devices that leave and arrive are noted at once, whatever runs
+  Mutex run_mutex_;  // held briefly: devices that leave and arrive are noted at once, whatever runs
   std::unique_ptr<RecoveryRun> run_ GUARDED_BY(run_mutex_);
   bool control_arrived_ GUARDED_BY(run_mutex_) = false;  // since the last scan
 };

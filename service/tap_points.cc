@@ -13,7 +13,7 @@ namespace {
 constexpr int kMaxListPages = 256;
 
 /// For one list; a phone's takes a few milliseconds.
-constexpr auto kListPatience = std::chrono::seconds(5);
+constexpr auto kListTimeout = std::chrono::seconds(5);
 
 constexpr char kFormatError[] = "Error setting audio format from tap point";
 
@@ -46,7 +46,7 @@ int32_t TapPoints::Info(const TapArguments& tap, KvoxTapPointState& state) {
 
 /// Without the service mutex: a long list at a slow co-processor does not hold up other commands.
 int32_t TapPoints::List(int core, std::vector<KvoxTapPointState>& taps) {
-  const auto deadline = std::chrono::steady_clock::now() + kListPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kListTimeout;
   for (int page = 0; page < kMaxListPages; ++page) {
     if (std::chrono::steady_clock::now() > deadline) {
       LogError("CMD_KVOX_TAP_LIST_ID on KVO core %d: gave up at page %d, the co-processor is slow",

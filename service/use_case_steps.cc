@@ -3,15 +3,17 @@
 #include <algorithm>
 #include <array>
 
+#include "processors/audio_relay_processor.h"
+#include "processors/passthru_processor.h"
+
 namespace kvox {
 namespace {
 
 using Step = UseCaseStep;
 using Command = Step::Command;
-using Outcome = Step::Outcome;
+using OnFailure = Step::OnFailure;
 using UseCase = IKvox::UseCase;
 
-constexpr FourCc kHotword = MakeFourCc("hwae");
 constexpr FourCc kMicrophone = MakeFourCc("pas1");
 constexpr FourCc kSpeaker = MakeFourCc("pas2");
 constexpr FourCc kDownlink = MakeFourCc("art0");
@@ -33,11 +35,11 @@ consteval Step Connect(FourCc processor, int buffer) {
 consteval Step Enable(FourCc processor) {
   return {.command = Command::kProcessorEnable, .processor = processor, .enable = true};
 }
-consteval Step Disable(FourCc processor, Outcome outcome) {
-  return {.command = Command::kProcessorEnable, .processor = processor, .outcome = outcome};
+consteval Step Disable(FourCc processor, OnFailure on_failure) {
+  return {.command = Command::kProcessorEnable, .processor = processor, .on_failure = on_failure};
 }
-consteval Step Delete(FourCc processor, Outcome outcome) {
-  return {.command = Command::kDeleteProcessor, .processor = processor, .outcome = outcome};
+consteval Step Delete(FourCc processor, OnFailure on_failure) {
+  return {.command = Command::kDeleteProcessor, .processor = processor, .on_failure = on_failure};
 }
 consteval Step Bind(TapArguments tap, int buffer) {
   return {.command = Command::kConnectTap, .tap = tap, .buffer = buffer};
@@ -58,27 +60,31 @@ consteval Step Stop(int buffer) {
   return {.command = Command::kStopIo, .buffer = buffer};
 }
 
-constexpr FourCc kPass = MakeFourCc("pass");
-constexpr FourCc kRelay = MakeFourCc("arel");
+constexpr Step kHotwordOn[] = {Enable(kHotwordProcessor)};
+constexpr Step kHotwordOff[] = {Disable(kHotwordProcessor, OnFailure::kStop)};
 
-constexpr Step kHotwordOn[] = {Enable(kHotword)};
-constexpr Step kHotwordOff[] = {Disable(kHotword, Outcome::kStops)};
-
-constexpr Step kMicrophoneOn[] = {New(kMicrophone, kPass),      Connect(kMicrophone, 20),
-                                  Enable(kMicrophone),          Bind(kMicrophoneTap, 20),
-                                  Switch(kMicrophoneTap, true), Start(20)};
+constexpr Step kMicrophoneOn[] = {New(kMicrophone, PassthruProcessor::kType),
+                                  Connect(kMicrophone, 20),
+                                  Enable(kMicrophone),
+                                  Bind(kMicrophoneTap, 20),
+                                  Switch(kMicrophoneTap, true),
+                                  Start(20)};
 constexpr Step kMicrophoneOff[] = {Switch(kMicrophoneTap, false), Stop(20),
-                                   Disable(kMicrophone, Outcome::kCounts),
-                                   Delete(kMicrophone, Outcome::kCounts)};
+                                   Disable(kMicrophone, OnFailure::kReport),
+                                   Delete(kMicrophone, OnFailure::kReport)};
 
-constexpr Step kSpeakerOn[] = {New(kSpeaker, kPass),  Connect(kSpeaker, 21),     Enable(kSpeaker),
-                               Bind(kSpeakerTap, 21), Switch(kSpeakerTap, true), Start(21)};
+constexpr Step kSpeakerOn[] = {New(kSpeaker, PassthruProcessor::kType),
+                               Connect(kSpeaker, 21),
+                               Enable(kSpeaker),
+                               Bind(kSpeakerTap, 21),
+                               Switch(kSpeakerTap, true),
+                               Start(21)};
 constexpr Step kSpeakerOff[] = {Switch(kSpeakerTap, false), Stop(21),
-                                Disable(kSpeaker, Outcome::kCounts),
-                                Delete(kSpeaker, Outcome::kCounts)};
+                                Disable(kSpeaker, OnFailure::kReport),
+                                Delete(kSpeaker, OnFailure::kReport)};
 
-constexpr Step kTelephonyOn[] = {New(kDownlink, kRelay),
-                                 New(kUplink, kRelay),
+constexpr Step kTelephonyOn[] = {New(kDownlink, AudioRelayProcessor::kType),
+                                 New(kUplink, AudioRelayProcessor::kType),
                                  Connect(kDownlink, 40),
                                  Connect(kUplink, 41),
                                  Enable(kDownlink),
@@ -97,12 +103,12 @@ constexpr Step kTelephonyOff[] = {Switch(kDownlinkTap, false),
                                   Unbind(kUplinkTap),
                                   Stop(40),
                                   Stop(41),
-                                  Disable(kDownlink, Outcome::kIgnored),
-                                  Disable(kUplink, Outcome::kIgnored),
-                                  Delete(kDownlink, Outcome::kIgnored),
-                                  Delete(kUplink, Outcome::kIgnored)};
+                                  Disable(kDownlink, OnFailure::kIgnore),
+                                  Disable(kUplink, OnFailure::kIgnore),
+                                  Delete(kDownlink, OnFailure::kIgnore),
+                                  Delete(kUplink, OnFailure::kIgnore)};
 
-constexpr Step kMediaOn[] = {New(kMedia, kRelay),
+constexpr Step kMediaOn[] = {New(kMedia, AudioRelayProcessor::kType),
                              Connect(kMedia, 20),
                              Enable(kMedia),
                              Bind(kMediaTap, 20),
@@ -110,21 +116,22 @@ constexpr Step kMediaOn[] = {New(kMedia, kRelay),
                              Switch(kMediaTap, true),
                              Start(20)};
 constexpr Step kMediaOff[] = {Switch(kMediaTap, false), Unbind(kMediaTap), Stop(20),
-                              Disable(kMedia, Outcome::kIgnored),
-                              Delete(kMedia, Outcome::kIgnored)};
+                              Disable(kMedia, OnFailure::kIgnore),
+                              Delete(kMedia, OnFailure::kIgnore)};
 
 struct Row {
   UseCase use_case;
   std::span<const Step> on;
   std::span<const Step> off;
+  std::optional<TapArguments> gain_tap;
 };
 
 constexpr Row kRows[] = {
-    {UseCase::HOTWORDAEC, kHotwordOn, kHotwordOff},
-    {UseCase::MIC_IN, kMicrophoneOn, kMicrophoneOff},
-    {UseCase::SPEAKER_OUT, kSpeakerOn, kSpeakerOff},
-    {UseCase::AREL_TELE, kTelephonyOn, kTelephonyOff},
-    {UseCase::AREL_MEDIA_PLAYBACK, kMediaOn, kMediaOff},
+    {UseCase::HOTWORDAEC, kHotwordOn, kHotwordOff, {}},
+    {UseCase::MIC_IN, kMicrophoneOn, kMicrophoneOff, kMicrophoneTap},
+    {UseCase::SPEAKER_OUT, kSpeakerOn, kSpeakerOff, kSpeakerTap},
+    {UseCase::AREL_TELE, kTelephonyOn, kTelephonyOff, {}},
+    {UseCase::AREL_MEDIA_PLAYBACK, kMediaOn, kMediaOff, kMediaTap},
 };
 
 char ToUpper(char c) {
@@ -138,6 +145,13 @@ std::span<const UseCaseStep> StepsOf(UseCase use_case, bool enable) {
     if (row.use_case == use_case) return enable ? row.on : row.off;
   }
   return {};
+}
+
+std::optional<TapArguments> GainTapOf(UseCase use_case) {
+  for (const Row& row : kRows) {
+    if (row.use_case == use_case) return row.gain_tap;
+  }
+  return std::nullopt;
 }
 
 UseCase UseCaseOfRelay(FourCc relay) {

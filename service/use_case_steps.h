@@ -4,6 +4,7 @@
 #include <aidl/kvox/IKvox.h>
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -13,6 +14,9 @@
 namespace kvox {
 
 using aidl::kvox::IKvox;
+
+/// The hot-word processor. It has no buffers of ours.
+inline constexpr FourCc kHotwordProcessor = MakeFourCc("hwae");
 
 struct UseCaseStep {
   enum class Command {
@@ -26,10 +30,10 @@ struct UseCaseStep {
     kStartIo,
     kStopIo,
   };
-  enum class Outcome {
-    kStops,    // a failure ends the use case there
-    kCounts,   // continues after a failure; the last step's status is the use case's
-    kIgnored,  // continues after a failure, which is not reported
+  enum class OnFailure {
+    kStop,    // a failure ends the use case there
+    kReport,  // continues after a failure; the last step's status is the use case's
+    kIgnore,  // continues after a failure, which is not reported
   };
 
   Command command;
@@ -38,11 +42,14 @@ struct UseCaseStep {
   TapArguments tap = {};
   int buffer = -1;  // tap-out and inject buffer of the same number; -1 for none
   bool enable = false;
-  Outcome outcome = Outcome::kStops;
+  OnFailure on_failure = OnFailure::kStop;
 };
 
 /// The steps that switch a use case on or off; empty for one without steps.
 std::span<const UseCaseStep> StepsOf(IKvox::UseCase use_case, bool enable);
+
+/// The tap point whose gain is the use case's; none for a use case without a gain.
+std::optional<TapArguments> GainTapOf(IKvox::UseCase use_case);
 
 /// The use case that a relay processor belongs to; UNSPECIFIED for none.
 IKvox::UseCase UseCaseOfRelay(FourCc relay);

@@ -49,9 +49,9 @@ void UseCases::SwitchLocked(UseCase use_case, bool enable, CommandResult* result
   }
   CommandResult ignored;
   for (const UseCaseStep& step : StepsOf(use_case, enable)) {
-    const bool counts = step.outcome != UseCaseStep::Outcome::kIgnored;
+    const bool counts = step.on_failure != UseCaseStep::OnFailure::kIgnore;
     RunStep(step, counts ? result : &ignored);
-    if (step.outcome == UseCaseStep::Outcome::kStops && Failed(*result)) return;
+    if (step.on_failure == UseCaseStep::OnFailure::kStop && Failed(*result)) return;
   }
   if (!remembers || Failed(*result)) return;
   MutexLock lock(mutex_);

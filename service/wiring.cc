@@ -28,7 +28,7 @@ std::string ConnectRequest(FourCc id, int tapout, int inject) {
 
 void Wiring::Connect(FourCc id, int tapout, int inject, Report& report) {
   report.Begin(ConnectRequest(id, tapout, inject));
-  MutexLock turn(operation_mutex_);
+  MutexLock lock(operation_mutex_);
   const Outcome outcome = ConnectLocked(id, tapout, inject);
   if (outcome.status == StatusCode::kOk) {
     saved_.SaveConnection(id, {.tapout_buffer = tapout, .inject_buffer = inject});
@@ -58,7 +58,7 @@ Outcome Wiring::ConnectLocked(FourCc id, int tapout_number, int inject_number) {
 
 /// A processor is silent while it is connected.
 void Wiring::Restore(FourCc id) {
-  MutexLock turn(operation_mutex_);
+  MutexLock lock(operation_mutex_);
   const ProcessorPtr processor = inventory_.FindProcessor(id);
   if (!processor) return;
   const ConnectionState saved = saved_.FindConnection(id);
@@ -77,7 +77,7 @@ void Wiring::Restore(FourCc id) {
 }
 
 std::optional<int32_t> Wiring::EnableProcessor(FourCc id, bool enable) {
-  MutexLock turn(operation_mutex_);
+  MutexLock lock(operation_mutex_);
   const ProcessorPtr processor = inventory_.FindProcessor(id);
   if (!processor) return std::nullopt;
   to_enable_again_.erase(id);
@@ -87,7 +87,7 @@ std::optional<int32_t> Wiring::EnableProcessor(FourCc id, bool enable) {
 bool Wiring::ReplaceProcessor(FourCc id, ProcessorPtr created, bool& replaced) {
   ProcessorPtr before;  // released when every lock is
   bool stored = false;
-  MutexLock turn(operation_mutex_);
+  MutexLock lock(operation_mutex_);
   to_enable_again_.erase(id);
   before = inventory_.ReplaceProcessor(id, std::move(created), stored);
   replaced = before != nullptr;
@@ -100,7 +100,7 @@ int32_t Wiring::SetRxFormat(const BufferPtr& tapout, const KvoxTapFormat& format
   LogInfo("%s %s set format sr:%u nch:%u Bps:%u noninterleaved:%u", NameOf(tapout), "SetRxFormat",
           format.sample_rate, format.channels, format.bytes_per_sample,
           format.noninterleaved_samples);
-  MutexLock turn(operation_mutex_);
+  MutexLock lock(operation_mutex_);
   tapout->SetRxFormat(format);
   for (const ProcessorPtr& processor : ReadersOf(*tapout)) {
     LogInfo("%s %s on processor %s", NameOf(tapout), "SetRxFormat", processor->id_text());
@@ -113,7 +113,7 @@ int32_t Wiring::SetRxFormat(const BufferPtr& tapout, const KvoxTapFormat& format
 }
 
 void Wiring::DumpBuffer(const BufferPtr& buffer) {
-  MutexLock turn(operation_mutex_);
+  MutexLock lock(operation_mutex_);
   const ProcessorPtr writer = WriterOf(*buffer);
   buffer->DumpBuffer(writer ? EdgesOf(*writer).source.get() : nullptr);
 }
@@ -259,7 +259,7 @@ Wiring::Edges Wiring::EdgesOf(const KvoxProcessor& processor) const {
   return found == edges_.end() ? Edges() : found->second;
 }
 
-Wiring::Ends Wiring::EndsOf(const KvoxProcessor& processor) const {
+Wiring::Endpoints Wiring::EndpointsOf(const KvoxProcessor& processor) const {
   const Edges edges = EdgesOf(processor);
   return {.input = edges.source_shown ? edges.source : nullptr, .output = edges.output};
 }

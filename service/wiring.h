@@ -61,11 +61,11 @@ class Wiring : public BufferWiring {
   // Look-ups.
 
   /// The buffers that a Connect has named; null for none.
-  struct Ends {
+  struct Endpoints {
     BufferPtr input;
     BufferPtr output;
   };
-  Ends EndsOf(const KvoxProcessor& processor) const;
+  Endpoints EndpointsOf(const KvoxProcessor& processor) const;
 
   /// The processors that read a tap-out buffer, in the order in which they get its blocks; the one
   /// that writes an inject buffer.

@@ -135,7 +135,7 @@ int Set(const Context& context) {
   return result.status == IKvox::CommandStatus::INVALID_VALUE ? kWrongUsage : status;
 }
 
-constexpr int kMostEntries = 261'120;  // that one reply can carry
+static_assert(kMaxStatsEntries == 261'120, "as the help says");
 
 /// The processor that was named, or all.
 std::vector<ProcessorId> Wanted(const Context& context) {
@@ -215,7 +215,8 @@ int Stats(const Context& context) {
   const bool resize = context.in.Has("--entries");
   const bool reset = context.in.Has("--reset");
   if (!resize) return reset ? Change(context, std::nullopt, true) : Show(context);
-  return Change(context, context.in.Number("--entries", 0, kMostEntries), reset);
+  return Change(context, context.in.Number("--entries", 0, static_cast<int>(kMaxStatsEntries)),
+                reset);
 }
 
 }  // namespace

@@ -81,4 +81,7 @@ inline constexpr uint32_t kDefaultBlockLength = 4800;
 inline constexpr char kBlockLengthRange[] = "480 to 24000 frames in steps of 480";
 inline constexpr char kJitterBufferRange[] = "480 to 24000 frames";
 
+/// Statistics entries of one processor: more would not fit into one reply of the transport (1 MiB).
+inline constexpr uint32_t kMaxStatsEntries = ((1u << 20) - 4096) / sizeof(float);
+
 }  // namespace kvox

@@ -10,7 +10,7 @@ namespace kvox {
 namespace {
 
 /// A log that blocks longer must not delay disabling a buffer.
-constexpr auto kFlushPatience = std::chrono::milliseconds(200);
+constexpr auto kFlushTimeout = std::chrono::milliseconds(200);
 
 template <size_t Size>
 void CopyText(std::array<char, Size>& to, const char* from) {
@@ -85,7 +85,7 @@ void DeferredLog::Write(LogPriority priority, const char* tag, const char* line)
 
 void DeferredLog::Flush() {
   const uint64_t wanted = ring_.pushed();
-  const auto deadline = std::chrono::steady_clock::now() + kFlushPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kFlushTimeout;
   MutexLock lock(drained_mutex_);
   while (drained_ < wanted && drained_changed_.WaitUntil(drained_mutex_, deadline)) {
   }

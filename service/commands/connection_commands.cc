@@ -18,7 +18,7 @@ std::string TapNameOf(const BufferPtr& buffer, const std::vector<KvoxTapPointSta
   return kNotConnected;
 }
 
-std::string GraphLine(const KvoxProcessor& processor, const Wiring::Ends& ends,
+std::string GraphLine(const KvoxProcessor& processor, const Wiring::Endpoints& ends,
                       const std::vector<KvoxTapPointState>& taps) {
   const auto name = [](const BufferPtr& buffer) { return buffer ? buffer->name() : kNotConnected; };
   return "  " + TapNameOf(ends.input, taps) + kGraphArrow + name(ends.input) + kGraphArrow +
@@ -95,7 +95,7 @@ KvoxService::Status KvoxService::ShowGraph(CommandResult* result) {
     std::string text;
     for (const ProcessorPtr& processor : inventory_.Processors()) {
       if (!text.empty()) text += "\n";
-      text += GraphLine(*processor, wiring_.EndsOf(*processor), taps);
+      text += GraphLine(*processor, wiring_.EndpointsOf(*processor), taps);
     }
     report.End("ShowGraph", text.empty() ? kGraphEmpty : text);
   });

@@ -1,6 +1,7 @@
 // Commands that start and stop audio I/O, and those that reach one processor directly: a client's
 // audio and the processing statistics. The latter report only a status.
 
+#include "kvox/common/command_tables.h"
 #include "kvox/common/log.h"
 #include "service/kvox_service.h"
 

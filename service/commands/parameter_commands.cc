@@ -46,7 +46,7 @@ KvoxService::Status KvoxService::SetParameter(int32_t id, ParameterId parameter,
     LogInfo("%s", text.c_str());
     const ProcessorPtr processor = inventory_.FindProcessor(static_cast<FourCc>(id));
     const auto forward = [&](ParameterId setting, uint32_t frames) {
-      const BufferPtr input = wiring_.EndsOf(*processor).input;
+      const BufferPtr input = wiring_.EndpointsOf(*processor).input;
       const auto tap = input ? saved_.TapBoundTo(*input) : std::nullopt;
       if (!tap) return true;
       Report exchange;

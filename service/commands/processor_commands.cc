@@ -64,7 +64,7 @@ KvoxService::Status KvoxService::ListProcessors(CommandResult* result) {
     const auto processors = inventory_.Processors();
     text += processors.empty() ? kNoProcessorsInTable : kProcessorTableHeader;
     for (const ProcessorPtr& processor : processors) {
-      const Wiring::Ends ends = wiring_.EndsOf(*processor);
+      const Wiring::Endpoints ends = wiring_.EndpointsOf(*processor);
       text += FormatText<128>(kProcessorTableRow, processor->id_text(), processor->type_text(),
                               NameOr(ends.input, kNoneInTable).c_str(),
                               NameOr(ends.output, kNoneInTable).c_str(),
@@ -121,7 +121,7 @@ KvoxService::Status KvoxService::ProcessorInfo(int32_t id, CommandResult* result
     report.Begin(FormatText<64>("Processor '%s' info\n", ToString(code).c_str()));
     Outcome outcome;
     if (const ProcessorPtr processor = inventory_.FindProcessor(code)) {
-      const Wiring::Ends ends = wiring_.EndsOf(*processor);
+      const Wiring::Endpoints ends = wiring_.EndpointsOf(*processor);
       std::vector<std::string> lines;
       processor->Info(NameOr(ends.input, "none"), NameOr(ends.output, "none"), lines);
       for (const std::string& line : lines) outcome.text += line + "\n";

@@ -11,15 +11,6 @@ namespace {
 
 using UseCase = IKvox::UseCase;
 
-constexpr struct {
-  UseCase use_case;
-  TapArguments tap;
-} kGainTaps[] = {
-    {UseCase::MIC_IN, {2, MakeFourCc("imic"), 0}},
-    {UseCase::SPEAKER_OUT, {2, MakeFourCc("sspk"), 0}},
-    {UseCase::AREL_MEDIA_PLAYBACK, {2, MakeFourCc("entr"), 5}},
-};
-
 void RefusePhoneBooth(CommandResult* result) {
   result->lines.push_back(PhoneBoothProcessor::kRefusal);
   result->status = CommandStatus::ERROR;
@@ -87,7 +78,7 @@ KvoxService::Status KvoxService::IsUseCaseEnabled(UseCase use_case, CommandResul
     report.Begin(FormatText<64>("Get use case '%s' enabled state", toString(use_case).c_str()));
   });
   if (use_case == UseCase::HOTWORDAEC) {
-    static_cast<void>(ProcessorIsEnabled(static_cast<int32_t>(MakeFourCc("hwae")), result));
+    static_cast<void>(ProcessorIsEnabled(static_cast<int32_t>(kHotwordProcessor), result));
   }
   return Run(result, [&](Report& report) {
     Outcome outcome;
@@ -109,10 +100,8 @@ KvoxService::Status KvoxService::UseCaseSetGain(const std::string& name, float g
                                 static_cast<double>(gain), static_cast<uint32_t>(ramp_ms)));
   });
   const UseCase use_case = stringToUseCase(name);
-  for (const auto& row : kGainTaps) {
-    if (row.use_case != use_case) continue;
-    return TapSetGain(row.tap.core, static_cast<int32_t>(row.tap.tap), row.tap.index, gain, ramp_ms,
-                      result);
+  if (const auto tap = GainTapOf(use_case)) {
+    return TapSetGain(tap->core, static_cast<int32_t>(tap->tap), tap->index, gain, ramp_ms, result);
   }
   if (use_case == UseCase::PHONEBOOTH) {
     RefusePhoneBooth(result);

@@ -27,9 +27,9 @@ TEST(RoutePublisher, KeepsATableInUseUntilTheReaderMovesOn) {
   routes.Publish(TableWith(std::move(processor)));
   {
     const RoutePublisher::Use table(routes);
-    EXPECT_FALSE(routes.Stale());
+    EXPECT_FALSE(routes.Superseded());
     routes.Publish(std::make_unique<RouteTable>());
-    EXPECT_TRUE(routes.Stale());
+    EXPECT_TRUE(routes.Superseded());
     routes.WaitForGracePeriod();  // on the reader's own thread: must not wait
     EXPECT_FALSE(watched.expired());
     EXPECT_EQ(table->routes.size(), 1u);

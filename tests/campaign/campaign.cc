@@ -115,7 +115,7 @@ bool Campaign::Recovers(const FaultEvent& event) {
   const auto recovery = testbed().AwaitAudio(audio, testbed().StaticStreams(),
                                              event.RecoveryLimit(), "after a fault");
   if (!recovery) return false;
-  const Ms step = event.MaySpoilRestore() ? kUnansweredStep : kRestoreStep;
+  const Ms step = event.MayCorruptRestore() ? kUnansweredStep : kRestoreStep;
   if (event.TouchesNodes() && !testbed().AwaitRestored(step)) return false;
   testbed().run().faults.Enter(FaultState::kSettling);
   if (!testbed().Pause(PauseMode::kAsIs)) return false;
@@ -131,7 +131,7 @@ bool Campaign::Recovers(const FaultEvent& event) {
 }
 
 void Campaign::RestoreTaps(const FaultEvent& event, bool all) {
-  if (!event.MaySpoilRestore()) return;
+  if (!event.MayCorruptRestore()) return;
   for (const Stream& stream : Streams()) {
     if (all || stream.control == Control::kStatic) client_.RestoreTap(stream);
   }

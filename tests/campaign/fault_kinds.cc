@@ -97,60 +97,60 @@ Injection KillSimulator(RandomSource& random, const std::string&) {
 
 constexpr Ms kCommandsSoon{2000};
 
-Injection SpoilReplies(RandomSource& random, const std::string& fault) {
+Injection CorruptReplies(RandomSource& random, const std::string& fault) {
   return {{fmt::format("{} count={}", fault, 1 + random.Below(3))}, Ms(0)};
 }
 
 /// After the fault has struck for the last time, the last late reply is still to come.
 Injection ReplyLate(RandomSource& random, const std::string& name) {
   const double delay = random.Seconds(0.05, 1.2);
-  Injection injection = SpoilReplies(random, fmt::format("{} delay={:.3f}", name, delay));
+  Injection injection = CorruptReplies(random, fmt::format("{} delay={:.3f}", name, delay));
   injection.lasts = kCommandsSoon + FromSeconds(delay);
   return injection;
 }
 
 /// In one of two variants.
 Injection ReplyStale(RandomSource& random, const std::string& name) {
-  return SpoilReplies(random, name + (random.Below(2) == 0 ? "" : " replace=true"));
+  return CorruptReplies(random, name + (random.Below(2) == 0 ? "" : " replace=true"));
 }
 
 Injection ReplyShort(RandomSource& random, const std::string& name) {
-  return SpoilReplies(random, name + (random.Below(2) == 0 ? "" : " torn=true"));
+  return CorruptReplies(random, name + (random.Below(2) == 0 ? "" : " torn=true"));
 }
 
 Injection ReplyStatus(RandomSource& random, const std::string& name) {
-  return SpoilReplies(random, name + " status=-5");
+  return CorruptReplies(random, name + " status=-5");
 }
 
 // Packets, of one stream or of all.
 
-Injection SpoilSome(RandomSource& random, const std::string& fault, size_t most) {
+Injection CorruptSome(RandomSource& random, const std::string& fault, size_t most) {
   std::string text = fmt::format("{} count={}", fault, 1 + random.Below(most));
   if (random.Below(4) != 0) text += " tap=" + StaticStream(random).TapName();
   return {{text}, Ms(0)};
 }
 
-Injection SpoilPackets(RandomSource& random, const std::string& fault) {
-  return SpoilSome(random, fault, 5);
+Injection CorruptPackets(RandomSource& random, const std::string& fault) {
+  return CorruptSome(random, fault, 5);
 }
 
 Injection PacketLate(RandomSource& random, const std::string& name) {
-  return SpoilPackets(random, fmt::format("{} delay={:.3f}", name, random.Seconds(0.01, 0.2)));
+  return CorruptPackets(random, fmt::format("{} delay={:.3f}", name, random.Seconds(0.01, 0.2)));
 }
 
 Injection PacketBurst(RandomSource& random, const std::string& name) {
-  return SpoilSome(random, fmt::format("{} packets={}", name, 2 + random.Below(5)), 1);
+  return CorruptSome(random, fmt::format("{} packets={}", name, 2 + random.Below(5)), 1);
 }
 
 /// Also sizes that are not a multiple of the 8 bytes in which devices deliver.
 Injection PacketJunk(RandomSource& random, const std::string& name) {
-  return SpoilPackets(random, fmt::format("{} bytes={}", name, 1 + random.Below(4096)));
+  return CorruptPackets(random, fmt::format("{} bytes={}", name, 1 + random.Below(4096)));
 }
 
 // Devices whose nodes stay, except for a tap-out that cannot be read: it is replaced by a node of
 // another kind, so nodes leave and arrive.
 
-Injection SpoilDevice(RandomSource& random, const std::string& name) {
+Injection CorruptDevice(RandomSource& random, const std::string& name) {
   const double seconds = random.Seconds(0.05, 2);
   return {{fmt::format("{} device={}{} for={:.3f}", name, Target(name), StaticStream(random).buffer,
                        seconds)},
@@ -177,27 +177,27 @@ constexpr FaultKind kKinds[] = {
     {"control-gone", kNodes, 3, false, NodeGone},
     {"simulator-killed", kNodes, 2, false, KillSimulator},
     {"reply-late", kReplies, 3, false, ReplyLate},
-    {"reply-lost", kReplies, 2, false, SpoilReplies},
+    {"reply-lost", kReplies, 2, false, CorruptReplies},
     {"reply-short", kReplies, 2, false, ReplyShort},
-    {"reply-opcode", kReplies, 2, false, SpoilReplies},
+    {"reply-opcode", kReplies, 2, false, CorruptReplies},
     {"reply-stale", kReplies, 2, false, ReplyStale},
     {"reply-status", kReplies, 2, false, ReplyStatus},
-    {"packet-early", kPackets, 2, false, SpoilPackets},
+    {"packet-early", kPackets, 2, false, CorruptPackets},
     {"packet-late", kPackets, 2, false, PacketLate},
     {"packet-burst", kPackets, 2, false, PacketBurst},
-    {"packet-drop", kPackets, 2, false, SpoilPackets},
-    {"packet-duplicate", kPackets, 2, false, SpoilPackets},
-    {"packet-cut", kPackets, 2, false, SpoilPackets},
+    {"packet-drop", kPackets, 2, false, CorruptPackets},
+    {"packet-duplicate", kPackets, 2, false, CorruptPackets},
+    {"packet-cut", kPackets, 2, false, CorruptPackets},
     {"packet-junk", kPackets, 2, false, PacketJunk},
-    {"packet-magic", kPackets, 2, false, SpoilPackets},
-    {"packet-version", kPackets, 2, false, SpoilPackets},
-    {"packet-size", kPackets, 2, false, SpoilPackets},
-    {"packet-number", kPackets, 2, false, SpoilPackets},
-    {"packet-format", kPackets, 2, false, SpoilPackets},
-    {"tapout-hangup", kDevices, 2, false, SpoilDevice},
-    {"tapout-error", kNodes, 2, false, SpoilDevice},
-    {"inject-stall", kDevices, 2, false, SpoilDevice},
-    {"inject-refuse", kDevices, 2, false, SpoilDevice},
+    {"packet-magic", kPackets, 2, false, CorruptPackets},
+    {"packet-version", kPackets, 2, false, CorruptPackets},
+    {"packet-size", kPackets, 2, false, CorruptPackets},
+    {"packet-number", kPackets, 2, false, CorruptPackets},
+    {"packet-format", kPackets, 2, false, CorruptPackets},
+    {"tapout-hangup", kDevices, 2, false, CorruptDevice},
+    {"tapout-error", kNodes, 2, false, CorruptDevice},
+    {"inject-stall", kDevices, 2, false, CorruptDevice},
+    {"inject-refuse", kDevices, 2, false, CorruptDevice},
 };
 
 }  // namespace
@@ -208,12 +208,13 @@ Ms RecoveryLimitAfter(FaultGroup group) {
       // The daemon waits half a second for more nodes, then sets everything up again.
       return Ms(1500);
     case kReplies:
-      // No stream depends on the commands whose replies are spoilt. But both threads that serve
+      // No stream depends on the commands whose replies are corrupted. But both threads that serve
       // clients may wait half a second for a reply, and then clients of relays that send audio
       // wait.
       return Ms(1000);
     case kPackets:
-      // A spoilt packet may cost the next one, and a resynchronisation those that have queued up.
+      // A corrupted packet may cost the next one, and a resynchronisation those that have queued
+      // up.
       return Ms(700);
     case kDevices:
       break;

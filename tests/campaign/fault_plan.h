@@ -26,9 +26,9 @@ struct FaultEvent {
   Ms RecoveryLimit() const;
   /// Whether the daemon sets a co-processor up again.
   bool TouchesNodes() const { return Has(FaultGroup::kNodes); }
-  /// Whether replies may be spoilt while the daemon sets a co-processor up again. The daemon does
-  /// not retry what the co-processor refuses then: clients must.
-  bool MaySpoilRestore() const { return TouchesNodes() && Has(FaultGroup::kReplies); }
+  /// Whether replies may be corrupted while the daemon sets a co-processor up again. The daemon
+  /// does not retry what the co-processor refuses then: clients must.
+  bool MayCorruptRestore() const { return TouchesNodes() && Has(FaultGroup::kReplies); }
   /// The commands for the simulator.
   std::string Text() const;
 

@@ -103,7 +103,7 @@ TEST_F(WiringTest, ADroppedBufferTakesNoConnection) {
   Put(MakePassthrough());
   for (const BufferPtr& buffer : {tapout_, inject_}) wiring_.DropBuffer(buffer);
   EXPECT_EQ(Connect(0, 0), StatusCode::kOk) << "it was found before it was dropped";
-  const Wiring::Ends ends = wiring_.EndsOf(*inventory_.FindProcessor(kPass));
+  const Wiring::Endpoints ends = wiring_.EndpointsOf(*inventory_.FindProcessor(kPass));
   EXPECT_FALSE(ends.input || ends.output);
 }
 
@@ -123,7 +123,7 @@ TEST_F(WiringTest, EverythingMayChangeWhileAudioFlows) {
   });
   std::thread looker([&] {
     while (!done) {
-      for (const ProcessorPtr& processor : inventory_.Processors()) wiring_.EndsOf(*processor);
+      for (const ProcessorPtr& processor : inventory_.Processors()) wiring_.EndpointsOf(*processor);
       EXPECT_LE(wiring_.ReadersOf(*tapout_).size(), 1u);
     }
   });
