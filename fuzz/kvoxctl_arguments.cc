@@ -110,8 +110,8 @@ void CheckCall(const std::string& method, const Words& words) {
     // This one would start to serve the daemon.
     if (method == "RegisterReceiveAudioCallback") return;
     const auto daemon = ndk::SharedRefBase::make<Notebook>();
-    client::Answer answer;
-    Check(call(*daemon, answer).isOk(), "the call's outcome is the daemon's");
+    client::MethodOutputs outputs;
+    Check(call(*daemon, outputs).isOk(), "the call's outcome is the daemon's");
     Check(daemon->called == method, "the method that was named is called");
   } catch (const client::UsageError& error) {
     const std::string text = error.what();

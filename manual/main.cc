@@ -1,6 +1,6 @@
 // kvox_manual TEMPLATE VERSION: prints a manual page for scdoc(1) to render. In the template a word
 // such as @OPTIONS@ is replaced by the rows of the program's own --help.
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <fstream>
@@ -131,38 +131,15 @@ Texts KvoxctlTexts() {
   };
 }
 
-/// "-h, --help", "--seconds N", "SOURCE"
-std::string UsageOf(const CLI::Option& option) {
-  if (option.get_positional()) return option.get_name(true);
-  std::string usage;
-  for (const char c : option.get_name(false, true)) usage += c == ',' ? ", " : std::string(1, c);
-  const bool flag = option.get_items_expected_max() == 0;
-  return flag ? usage : usage + " " + option.get_type_name();
-}
-
-/// Of a command without its --help, which is the same everywhere.
-Rows RowsOf(const CLI::App& app) {
-  Rows rows;
-  for (const CLI::Option* const option : app.get_options()) {
-    if (app.get_parent() != nullptr && option == app.get_help_ptr()) continue;
-    rows.push_back({UsageOf(*option), option->get_description()});
-  }
-  return rows;
-}
-
 Texts KvosimTexts() {
-  CLI::App app("", "kvosim");
-  sim::CommandLine line;
-  sim::Describe(app, line);
   std::string commands;
-  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
-    commands += Format({{command->get_name(), command->get_description()}});
-    commands += Format(RowsOf(*command), 1) + "\n";
+  for (const sim::CommandHelp& help : sim::Commands()) {
+    commands += Format({help.command}) + Format(help.options, 1) + "\n";
   }
   Rows faults;
   for (const sim::FaultKindRow& row : sim::FaultKinds()) faults.push_back({row.name, row.help});
   return {
-      {"OPTIONS", Format(RowsOf(app))},        {"COMMANDS", commands},
+      {"OPTIONS", Format(sim::Options())},     {"COMMANDS", commands},
       {"CTL", Format(sim::CtlCommands())},     {"FAULTS", Format(faults)},
       {"SIGNALS", Format(sim::Signals())},     {"EXITS", Format(sim::Exits())},
       {"VARIABLES", Format(sim::Variables())},

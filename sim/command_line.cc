@@ -3,13 +3,18 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 
 #include "sim/coprocessor/pacer.h"
+#include "sim/output.h"
 
 namespace kvox::sim {
 namespace {
+
+constexpr char kSummary[] =
+    "Simulates the audio co-processor: its control device, tap-outs and injects.";
 
 constexpr char kExample[] = R"(
 Example: a phone in a directory of its own, for ten seconds
@@ -33,8 +38,7 @@ std::string Footer(const std::string& text) {
   return text.substr(1);
 }
 
-}  // namespace
-
+/// Gives the parser all options and commands; what it reads goes into `line`.
 void Describe(CLI::App& app, CommandLine& line) {
   app.set_version_flag("--version", "kvosim " KVOX_VERSION, "Show the version");
   app.set_help_flag("-h,--help", "Show this help");
@@ -58,13 +62,66 @@ void Describe(CLI::App& app, CommandLine& line) {
   compare->add_option("RECORDED", line.recorded, "What arrived")->required();
   compare->add_flag("--skip-silence", line.skip_silence, "Skip silence before the recording");
   CLI::App* ctl = app.add_subcommand("ctl", "Send a command to the running simulator");
-  ctl->add_option("COMMAND", line.command, "The command and its arguments")
+  ctl->add_option("COMMAND", line.ctl_words, "The command and its arguments")
       ->required()
       ->expected(1, -1);
   ctl->footer(Footer(HelpSection("Commands", CtlCommands())));
   // Last, for commands would inherit it.
   app.footer(Footer(HelpSection("Environment", Variables()) + HelpSection("Signals", Signals()) +
                     HelpSection("Exit status", Exits()) + kExample));
+}
+
+/// "-h, --help", "--seconds N", "SOURCE"
+std::string UsageOf(const CLI::Option& option) {
+  if (option.get_positional()) return option.get_name(true);
+  std::string usage;
+  for (const char c : option.get_name(false, true)) usage += c == ',' ? ", " : std::string(1, c);
+  const bool flag = option.get_items_expected_max() == 0;
+  return flag ? usage : usage + " " + option.get_type_name();
+}
+
+/// Of a command without its --help, which is the same everywhere.
+std::vector<HelpRow> OptionsOf(const CLI::App& app) {
+  std::vector<HelpRow> rows;
+  for (const CLI::Option* const option : app.get_options()) {
+    if (app.get_parent() != nullptr && option == app.get_help_ptr()) continue;
+    rows.push_back({UsageOf(*option), option->get_description()});
+  }
+  return rows;
+}
+
+}  // namespace
+
+std::optional<int> ReadCommandLine(int argc, char** argv, CommandLine& line) {
+  CLI::App app(kSummary, "kvosim");
+  Describe(app, line);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& result) {
+    if (result.get_exit_code() == 0) return app.exit(result);
+    Print(stderr, "kvosim: {}; see kvosim --help\n", result.what());
+    return kUsage;
+  }
+  for (const CLI::App* command : app.get_subcommands()) line.command = command->get_name();
+  return std::nullopt;
+}
+
+std::vector<HelpRow> Options() {
+  CLI::App app;
+  CommandLine line;
+  Describe(app, line);
+  return OptionsOf(app);
+}
+
+std::vector<CommandHelp> Commands() {
+  CLI::App app;
+  CommandLine line;
+  Describe(app, line);
+  std::vector<CommandHelp> commands;
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    commands.push_back({{command->get_name(), command->get_description()}, OptionsOf(*command)});
+  }
+  return commands;
 }
 
 std::vector<HelpRow> CtlCommands() {

@@ -2,30 +2,44 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "kvox/common/help_text.h"
 #include "sim/simulator.h"
 
-namespace CLI {
-class App;
-}
-
 namespace kvox::sim {
 
 struct CommandLine {
+  std::string command;  // "compare" or "ctl"; empty to simulate
   RunOptions run;
   std::filesystem::path scenario;
   std::filesystem::path write_default;
   std::filesystem::path source;
   std::filesystem::path recorded;
   bool skip_silence = false;
-  std::vector<std::string> command;
+  std::vector<std::string> ctl_words;
 };
 
-/// Gives the parser all options and commands; what it reads goes into `line`.
-void Describe(CLI::App& app, CommandLine& line);
+/// Reads the program's arguments into `line`. With --help, --version or a mistake it prints what is
+/// to be printed, and returns the exit status.
+std::optional<int> ReadCommandLine(int argc, char** argv, CommandLine& line);
+
+/// Exit statuses of the program.
+inline constexpr int kFailed = 1;
+inline constexpr int kUsage = 2;
+
+// What --help shows, for the manual page as well.
+
+struct CommandHelp {
+  HelpRow command;
+  std::vector<HelpRow> options;
+};
+
+/// The options of the program itself.
+std::vector<HelpRow> Options();
+std::vector<CommandHelp> Commands();
 
 /// The commands of `kvosim ctl`, the signals, variables of the environment and exit statuses.
 std::vector<HelpRow> CtlCommands();

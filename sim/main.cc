@@ -1,7 +1,6 @@
 // kvosim: simulates the co-processor on a machine without one. docs/simulator.md is its manual.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -17,9 +16,6 @@
 
 namespace kvox::sim {
 namespace {
-
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
 
 int Fail(int status, std::string_view problem) {
   Print(stderr, "kvosim: {}\n", problem);
@@ -60,19 +56,11 @@ int Simulate(CommandLine& line) {
 int Main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   CommandLine line;
-  CLI::App app("Simulates the audio co-processor: its control device, tap-outs and injects.",
-               "kvosim");
-  Describe(app, line);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& result) {
-    if (result.get_exit_code() == 0) return app.exit(result);
-    return Fail(kUsage, fmt::format("{}; see kvosim --help", result.what()));
-  }
-  if (app.got_subcommand("compare")) {
+  if (const std::optional<int> status = ReadCommandLine(argc, argv, line)) return *status;
+  if (line.command == "compare") {
     return CompareFiles(line.source, line.recorded, line.skip_silence);
   }
-  if (app.got_subcommand("ctl")) return RunCtl(DeviceDirectoryPath(), line.command);
+  if (line.command == "ctl") return RunCtl(DeviceDirectoryPath(), line.ctl_words);
   if (!line.write_default.empty()) return WriteDefault(line.write_default);
   return Simulate(line);
 }

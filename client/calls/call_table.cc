@@ -94,26 +94,27 @@ std::tuple<T...> ReadAll(const Words& words, const Argument<T>&... arguments) {
 
 /// Where a method puts an output of this type.
 template <typename Output>
-Output* OutputOf(Answer& answer) {
-  if constexpr (std::is_same_v<Output, IKvox::CommandResult>) return &answer.result;
-  if constexpr (std::is_same_v<Output, IKvox::ParamValue>) return &answer.param.emplace();
+Output* OutputOf(MethodOutputs& outputs) {
+  if constexpr (std::is_same_v<Output, IKvox::CommandResult>) return &outputs.result;
+  if constexpr (std::is_same_v<Output, IKvox::ParamValue>) return &outputs.param.emplace();
   if constexpr (std::is_same_v<Output, std::vector<IKvox::ParamValue>>) {
-    return &answer.values.emplace();
+    return &outputs.values.emplace();
   }
-  if constexpr (std::is_same_v<Output, IKvox::ProcessorStats>) return &answer.stats.emplace();
+  if constexpr (std::is_same_v<Output, IKvox::ProcessorStats>) return &outputs.stats.emplace();
 }
 
 /// A method's first parameters are its inputs; the others, pointers, are its outputs.
 template <typename... Parameters, typename... Inputs, size_t... Output>
 Status Invoke(IKvox& kvox, Status (IKvox::*method)(Parameters...),
-              const std::tuple<Inputs...>& inputs, Answer& answer, std::index_sequence<Output...>) {
+              const std::tuple<Inputs...>& inputs, MethodOutputs& outputs,
+              std::index_sequence<Output...>) {
   using All = std::tuple<Parameters...>;
   return std::apply(
       [&](const auto&... input) {
         return (kvox.*method)(
             input...,
             OutputOf<std::remove_pointer_t<std::tuple_element_t<sizeof...(Inputs) + Output, All>>>(
-                answer)...);
+                outputs)...);
       },
       inputs);
 }
@@ -123,8 +124,8 @@ template <typename... Parameters, typename... T>
 Row Plain(const char* name, Status (IKvox::*method)(Parameters...), Argument<T>... arguments) {
   using Outputs = std::make_index_sequence<sizeof...(Parameters) - sizeof...(T)>;
   return {name, Names(arguments...), sizeof...(T), sizeof...(T), [=](const Words& words) {
-            return [=, inputs = ReadAll(words, arguments...)](IKvox& kvox, Answer& answer) {
-              return Invoke(kvox, method, inputs, answer, Outputs());
+            return [=, inputs = ReadAll(words, arguments...)](IKvox& kvox, MethodOutputs& outputs) {
+              return Invoke(kvox, method, inputs, outputs, Outputs());
             };
           }};
 }
@@ -147,8 +148,9 @@ const Argument<std::vector<IKvox::ParamValue>> kValues = {"VALUES", ParseValues,
 Row Debug() {
   return {"Debug", "[WORD...]", 0, SIZE_MAX, [](const Words& words) {
             for (const std::string& word : words) Read(Text("WORD"), word);
-            return
-                [words](IKvox& kvox, Answer& answer) { return kvox.Debug(words, &answer.result); };
+            return [words](IKvox& kvox, MethodOutputs& outputs) {
+              return kvox.Debug(words, &outputs.result);
+            };
           }};
 }
 
@@ -163,8 +165,8 @@ Row SendAudio() {
             packet.numChannels = Read(Byte("CHANNELS"), words[4]);
             packet.data = ReadFile(words[5], kMaxData);
             packet.processor_id = words.size() > 6 ? Read(Code("PACKET_ID"), words[6]) : id;
-            return [id, packet = std::move(packet)](IKvox& kvox, Answer& answer) {
-              return kvox.SendAudio(id, packet, &answer.result);
+            return [id, packet = std::move(packet)](IKvox& kvox, MethodOutputs& outputs) {
+              return kvox.SendAudio(id, packet, &outputs.result);
             };
           }};
 }
@@ -209,11 +211,11 @@ Row RegisterReceiveAudioCallback() {
           throw UsageError("'" + ValidUtf8(words[3]) + "' is not 'reject'");
         }
         auto receiver = MakeReceiver(words[2], reject);
-        return [=](IKvox& kvox, Answer& answer) {
+        return [=](IKvox& kvox, MethodOutputs& outputs) {
           ServeCallbacks();
-          auto status = kvox.RegisterReceiveAudioCallback(id, receiver, &answer.result);
-          if (status.isOk() && answer.result.status == IKvox::CommandStatus::OK) {
-            answer.afterwards = [binder = kvox.asBinder(), receiver, seconds] {
+          auto status = kvox.RegisterReceiveAudioCallback(id, receiver, &outputs.result);
+          if (status.isOk() && outputs.result.status == IKvox::CommandStatus::OK) {
+            outputs.afterwards = [binder = kvox.asBinder(), receiver, seconds] {
               return WaitAlive(binder, seconds);
             };
           }

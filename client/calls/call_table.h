@@ -5,12 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "client/calls/answer.h"
+#include "client/calls/method_outputs.h"
 
 namespace kvox::client {
 
 /// A call whose arguments have been checked, ready to be made.
-using PreparedCall = std::function<ndk::ScopedAStatus(IKvox&, Answer&)>;
+using PreparedCall = std::function<ndk::ScopedAStatus(IKvox&, MethodOutputs&)>;
 
 /// Parses the arguments of `method`. Throws UsageError.
 PreparedCall PrepareCall(const std::string& method, const std::vector<std::string>& words);

@@ -60,8 +60,7 @@ inline const char* NameOf(Direction direction) {
 
 /// What the names of its buffers start with: "tapout" or "inject".
 inline std::string_view BufferPrefix(Direction direction) {
-  const std::string_view device = direction == Direction::kTapOut ? kTapOutPrefix : kInjectPrefix;
-  return device.substr(std::string_view(kDevicePrefix).size());
+  return direction == Direction::kTapOut ? kTapOutBufferPrefix : kInjectBufferPrefix;
 }
 
 struct Buffer {

@@ -1,4 +1,5 @@
 #include "client/monitor/diff.h"
+#include "client/output/json.h"
 
 #include <algorithm>
 #include <iterator>

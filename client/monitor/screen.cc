@@ -140,7 +140,7 @@ std::string WithoutDelays(std::string command) {
   return command;
 }
 
-TerminalRescue::TerminalRescue() {
+TerminalReset::TerminalReset() {
   tcgetattr(STDIN_FILENO, &modes_before);
   end_sequence_size = 0;
   for (FatalSignal& row : fatal_signals) {
@@ -152,11 +152,11 @@ TerminalRescue::TerminalRescue() {
   }
 }
 
-TerminalRescue::~TerminalRescue() {
+TerminalReset::~TerminalReset() {
   for (const FatalSignal& row : fatal_signals) sigaction(row.number, &row.before, nullptr);
 }
 
-void TerminalRescue::SetEndSequence(const std::string& sequence) {
+void TerminalReset::SetEndSequence(const std::string& sequence) {
   const size_t size = std::min(sequence.size(), sizeof end_sequence);
   std::copy_n(sequence.begin(), size, end_sequence);
   end_sequence_size = static_cast<sig_atomic_t>(size);
@@ -174,7 +174,7 @@ Screen::Screen() : curses_(Curses()) {
     Release();
     RefuseTerminal();
   }
-  TerminalRescue::SetEndSequence(EndSequence(curses_));
+  TerminalReset::SetEndSequence(EndSequence(curses_));
   curses_.cbreak();
   curses_.noecho();
   curses_.curs_set(0);

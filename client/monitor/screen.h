@@ -16,12 +16,12 @@ std::string WithoutDelays(std::string command);
 /// While one exists, a crash, an alarm or the like first restores the modes that standard input had
 /// when it was made. The signal then has its usual effect. One at a time, main thread; the handler
 /// only makes system calls.
-class TerminalRescue {
+class TerminalReset {
  public:
-  TerminalRescue();
-  ~TerminalRescue();
-  TerminalRescue(const TerminalRescue&) = delete;
-  TerminalRescue& operator=(const TerminalRescue&) = delete;
+  TerminalReset();
+  ~TerminalReset();
+  TerminalReset(const TerminalReset&) = delete;
+  TerminalReset& operator=(const TerminalReset&) = delete;
 
   /// Also send `sequence` to standard output.
   static void SetEndSequence(const std::string& sequence);
@@ -58,7 +58,7 @@ class Screen {
 
  private:
   const CursesLibrary& curses_;
-  TerminalRescue rescue_;  // made before the library changes the terminal
+  TerminalReset reset_;  // made before the library changes the terminal
 };
 
 }  // namespace kvox::client

@@ -7,6 +7,7 @@
 #include "client/monitor/screen.h"
 #include "client/monitor/top_model.h"
 #include "client/monitor/top_text.h"
+#include "client/output/json.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <numeric>
 
+#include "client/output/json.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {

@@ -3,6 +3,7 @@
 #include "client/monitor/diff.h"
 #include "client/monitor/monitor.h"
 #include "client/monitor/run_loop.h"
+#include "client/output/json.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {

@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "client/model/tables.h"
+#include "client/output/json.h"
 #include "client/system/files.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
@@ -137,6 +138,11 @@ void Printer::List(const std::vector<std::string>& lines, const char* key, const
     for (const Json& record : records) text += AsColumns(record) + "\n";
   }
   PrintOut(text);
+}
+
+void Printer::List(const std::vector<std::string>& lines, const char* key, const Json& records,
+                   int unparsed) const {
+  List(lines, key, records, unparsed, Json::object());
 }
 
 void Printer::One(const std::vector<std::string>& lines, const Json& record) const {

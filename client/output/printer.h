@@ -1,24 +1,15 @@
 // Output of verbs: text for people, JSON or columns for scripts.
 #pragma once
 
-#include <nlohmann/json.hpp>
-#include <optional>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
 namespace kvox::client {
 
-/// Objects keep the order of their keys, which name their unit: "block_length_frames".
+/// Objects keep the order of their keys, which name their unit: "block_length_frames". To make one,
+/// include client/output/json.h.
 using Json = nlohmann::ordered_json;
-
-/// A name; null for "".
-inline Json OrNull(const std::string& name) {
-  return name.empty() ? Json() : Json(name);
-}
-template <typename T>
-Json OrNull(const std::optional<T>& value) {
-  return value ? Json(*value) : Json();
-}
 
 enum class Format { kText, kJson, kShort };
 enum class Color { kAuto, kAlways, kNever };
@@ -37,10 +28,12 @@ class Printer {
   /// A list of `records`, objects; in JSON under `key`, after the fields of `head`. `paint` is
   /// given lines without control characters.
   void List(const std::vector<std::string>& lines, const char* key, const Json& records,
-            int unparsed = 0, const Json& head = Json::object(), Paint paint = BoldHeader) const;
+            int unparsed, const Json& head, Paint paint = BoldHeader) const;
+  void List(const std::vector<std::string>& lines, const char* key, const Json& records,
+            int unparsed = 0) const;
 
   /// One object, whose fields are top-level in the JSON document.
-  void One(const std::vector<std::string>& lines, const Json& record = Json::object()) const;
+  void One(const std::vector<std::string>& lines, const Json& record) const;
 
   /// A message to standard error, which names the object and the next step.
   void Message(const std::string& text) const;

@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "client/output/json.h"
 #include "client/state/state_file.h"
 #include "kvox/toml/toml.h"
 

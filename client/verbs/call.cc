@@ -11,11 +11,11 @@ int RunCall(const Context& context) {
   if (words.empty()) throw UsageError("METHOD is missing; 'kvoxctl call --help' lists them");
   const std::string& method = words.front();
   const auto call = PrepareCall(method, {words.begin() + 1, words.end()});
-  Answer answer;
-  context.daemon.Run(method.c_str(), [&](IKvox& kvox) { return call(kvox, answer); });
-  PrintOut(context.out.json() ? AsJson(answer) : AsLines(answer));
-  if (answer.afterwards && !answer.afterwards()) throw Failure(kNoDaemon, "kvoxd has gone");
-  return answer.result.status == IKvox::CommandStatus::OK ? kDone : kRefused;
+  MethodOutputs outputs;
+  context.daemon.Run(method.c_str(), [&](IKvox& kvox) { return call(kvox, outputs); });
+  PrintOut(context.out.json() ? AsJson(outputs) : AsLines(outputs));
+  if (outputs.afterwards && !outputs.afterwards()) throw Failure(kNoDaemon, "kvoxd has gone");
+  return outputs.result.status == IKvox::CommandStatus::OK ? kDone : kRefused;
 }
 
 /// Every failure to reach the daemon is kNoDaemon here.

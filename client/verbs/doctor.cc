@@ -8,6 +8,7 @@
 
 #include "client/command_line/verb.h"
 #include "client/doctor/gather.h"
+#include "client/output/json.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {

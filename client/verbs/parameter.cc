@@ -4,8 +4,8 @@
 #include <numeric>
 #include <optional>
 
-#include "client/calls/answer.h"
 #include "client/calls/arguments.h"
+#include "client/calls/method_outputs.h"
 #include "client/verbs/shared.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"

@@ -6,6 +6,7 @@
 
 #include "client/command_line/verb.h"
 #include "client/model/lookup.h"
+#include "client/output/json.h"
 
 namespace kvox::client {
 

@@ -1,9 +1,11 @@
 // export and apply: a daemon's state as a file.
 
 #include "client/command_line/verb.h"
+#include "client/output/json.h"
 #include "client/state/apply.h"
 #include "client/state/state_file.h"
 #include "client/system/files.h"
+#include "kvox/common/command_tables.h"
 
 namespace kvox::client {
 namespace {
@@ -102,25 +104,31 @@ const char* ApplyNotes() {
 }
 
 const char* FileNotes() {
-  return "The file is TOML; keys without a * may be left out:\n"
-         "  schema*                1\n"
-         "  use_cases              list of names: AREL_TELE, the only use case that reports its "
-         "state\n"
-         "  running                list of names: tap-out buffers that are read\n"
-         "  [[processor]]          one for each processor:\n"
-         "    id*, type*           texts of up to four characters\n"
-         "    input, output        texts: names of a tap-out buffer and of an inject buffer\n"
-         "    enabled              true or false (false)\n"
-         "    passthrough_mode     true or false\n"
-         "    test_mode            true or false\n"
-         "    block_length_frames  480 to 24000 in steps of 480\n"
-         "    jitter_buffer_frames 0, or 480 to 24000\n"
-         "  [[tap]]                one for each tap point that is bound or enabled:\n"
-         "    name*                text: imic.0, or 2:imic.0 for core 2\n"
-         "    tapout, inject       texts: names of buffers\n"
-         "    enabled              true or false (false)\n"
-         "    block_length_frames  1 to 2147483647\n"
-         "A setting that is left out stays as it is; a buffer that is left out means none.\n";
+  static const std::string notes =
+      "The file is TOML; keys without a * may be left out:\n"
+      "  schema*                1\n"
+      "  use_cases              list of names: AREL_TELE, the only use case that reports its "
+      "state\n"
+      "  running                list of names: tap-out buffers that are read\n"
+      "  [[processor]]          one for each processor:\n"
+      "    id*, type*           texts of up to four characters\n"
+      "    input, output        texts: names of a tap-out buffer and of an inject buffer\n"
+      "    enabled              true or false (false)\n"
+      "    passthrough_mode     true or false\n"
+      "    test_mode            true or false\n"
+      "    block_length_frames  " +
+      std::string(kBlockLengthRange) +
+      "\n"
+      "    jitter_buffer_frames 0, or " +
+      kJitterBufferRange +
+      "\n"
+      "  [[tap]]                one for each tap point that is bound or enabled:\n"
+      "    name*                text: imic.0, or 2:imic.0 for core 2\n"
+      "    tapout, inject       texts: names of buffers\n"
+      "    enabled              true or false (false)\n"
+      "    block_length_frames  1 to 2147483647\n"
+      "A setting that is left out stays as it is; a buffer that is left out means none.\n";
+  return notes.c_str();
 }
 
 }  // namespace

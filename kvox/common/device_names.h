@@ -12,5 +12,8 @@ inline constexpr char kTapOutPrefix[] = "xdv-kvox_tapout";
 inline constexpr char kInjectPrefix[] = "xdv-kvox_inject";
 /// Common prefix of control and data devices.
 inline constexpr char kDevicePrefix[] = "xdv-kvox_";
+/// What is left is the buffer's name: "tapout" or "inject", and its number.
+inline constexpr const char* kTapOutBufferPrefix = kTapOutPrefix + sizeof(kDevicePrefix) - 1;
+inline constexpr const char* kInjectBufferPrefix = kInjectPrefix + sizeof(kDevicePrefix) - 1;
 
 }  // namespace kvox

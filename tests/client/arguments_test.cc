@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client/calls/answer.h"
+#include "client/calls/method_outputs.h"
 
 namespace kvox::client {
 namespace {
@@ -78,20 +78,20 @@ TEST(Arguments, ListsAreOneWord) {
 }
 
 TEST(Output, JsonHoldsWhatTheMethodAnswered) {
-  Answer answer;
-  answer.result.status = IKvox::CommandStatus::INVALID_VALUE;
-  answer.result.value = 0.1f;
-  answer.result.lines = {"a \"quoted\"\n", "h\xc3\xa9"};
-  answer.param = Value::make<Value::v>(std::vector<float>{1, -0.5});
-  answer.values = {Value::make<Value::i>(1), Value::make<Value::f>(0.5f)};
-  answer.stats.emplace().measurements = {2.5};
+  MethodOutputs outputs;
+  outputs.result.status = IKvox::CommandStatus::INVALID_VALUE;
+  outputs.result.value = 0.1f;
+  outputs.result.lines = {"a \"quoted\"\n", "h\xc3\xa9"};
+  outputs.param = Value::make<Value::v>(std::vector<float>{1, -0.5});
+  outputs.values = {Value::make<Value::i>(1), Value::make<Value::f>(0.5f)};
+  outputs.stats.emplace().measurements = {2.5};
   EXPECT_EQ(
-      AsJson(answer),
+      AsJson(outputs),
       "{\"status\": 4, \"value\": 0.10000000149011612, \"lines\": [\"a \\\"quoted\\\"\\n\", "
       "\"h\xc3\xa9\"], \"param\": {\"v\": [1.0, -0.5]}, \"values\": [{\"i\": 1}, {\"f\": "
       "0.5}], \"stats\": {\"block_count\": 0, \"buffer_entries\": 0, \"average_period\": 0.0, "
       "\"measurements\": [2.5]}}\n");
-  EXPECT_EQ(AsLines(answer), "a \"quoted\"\n\nh\xc3\xa9\n");
+  EXPECT_EQ(AsLines(outputs), "a \"quoted\"\n\nh\xc3\xa9\n");
 }
 
 }  // namespace

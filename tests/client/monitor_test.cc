@@ -180,7 +180,7 @@ TEST(Frame, KeysSortAndMove) {
   EXPECT_EQ(view.first, 0) << "fewer rows than a page";
 }
 
-TEST(TerminalRescue, LeavesDelaysOut) {
+TEST(TerminalReset, LeavesDelaysOut) {
   EXPECT_EQ(WithoutDelays("\x1b[?25h"), "\x1b[?25h");
   EXPECT_EQ(WithoutDelays("$<5/>a$<20*>b$"), "ab$");
   EXPECT_EQ(WithoutDelays("$<5"), "");

@@ -1,4 +1,5 @@
 #include <map>
+#include <nlohmann/json.hpp>
 
 #include "tests/system/mute_service.h"
 #include "tests/system/system_fixture.h"

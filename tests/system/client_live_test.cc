@@ -1,3 +1,5 @@
+#include <nlohmann/json.hpp>
+
 #include "tests/support/terminal.h"
 #include "tests/system/system_fixture.h"
 

@@ -1,4 +1,5 @@
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 #include "tests/system/system_fixture.h"
 

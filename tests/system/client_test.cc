@@ -1,3 +1,5 @@
+#include <nlohmann/json.hpp>
+
 #include "tests/system/mute_service.h"
 #include "tests/system/system_fixture.h"
 

@@ -1,4 +1,5 @@
 // Compares docs/json.md with what the verbs print.
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
 

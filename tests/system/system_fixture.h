@@ -6,7 +6,7 @@
 #include <signal.h>
 
 #include <memory>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -69,13 +69,7 @@ class SystemTest : public ::testing::Test {
   std::string Call(const std::string& line) { return Do("call " + line); }
 
   /// The document that a verb prints as JSON.
-  nlohmann::json Json(const std::string& line) {
-    const std::string out = Do(line + " --json");
-    nlohmann::json document = nlohmann::json::parse(out, nullptr, false);
-    if (!document.is_object()) document = nlohmann::json::object();
-    EXPECT_EQ(document["schema"], 1) << line << "\n" << out;
-    return document;
-  }
+  nlohmann::json Json(const std::string& line);
 
   /// The verb must print an error and nothing else.
   void ExpectRefusal(const std::string& line, int exit_status, const std::string& message) {
@@ -86,27 +80,10 @@ class SystemTest : public ::testing::Test {
   }
 
   /// The simulator's counters, as of now.
-  nlohmann::json Stats() {
-    const auto path = directory_ / "stats.json";
-    std::filesystem::remove(path);
-    simulator_->Signal(SIGUSR1);
-    nlohmann::json stats;
-    EXPECT_TRUE(WaitFor([&] {
-      stats = nlohmann::json::parse(ReadText(path), nullptr, false);
-      return !stats.is_discarded();
-    }));
-    return stats;
-  }
+  nlohmann::json Stats();
 
   /// One of the simulator's figures for a tap, as of now.
-  int64_t Figure(const std::string& tap, const std::string& key) {
-    const nlohmann::json stats = Stats();
-    for (const auto& row : stats["taps"]) {
-      if (row["tap"] == tap) return row[key].get<int64_t>();
-    }
-    ADD_FAILURE() << "no tap " << tap;
-    return -1;
-  }
+  int64_t Figure(const std::string& tap, const std::string& key);
 
   ResourceUsage DaemonResources() const { return ReadResources(daemon_->pid()); }
 

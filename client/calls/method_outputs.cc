@@ -1,4 +1,5 @@
-#include "client/calls/answer.h"
+#include "client/calls/method_outputs.h"
+#include "client/output/json.h"
 
 namespace kvox::client {
 
@@ -26,22 +27,22 @@ Json Tagged(const Value& value) {
 
 }  // namespace
 
-std::string AsLines(const Answer& answer) {
+std::string AsLines(const MethodOutputs& outputs) {
   std::string text;
-  for (const std::string& line : answer.result.lines) text += line + "\n";
+  for (const std::string& line : outputs.result.lines) text += line + "\n";
   return text;
 }
 
-std::string AsJson(const Answer& answer) {
-  Json json = {{"status", static_cast<int>(answer.result.status)},
-               {"value", answer.result.value},
-               {"lines", answer.result.lines}};
-  if (answer.param) json["param"] = Tagged(*answer.param);
-  if (answer.values) {
+std::string AsJson(const MethodOutputs& outputs) {
+  Json json = {{"status", static_cast<int>(outputs.result.status)},
+               {"value", outputs.result.value},
+               {"lines", outputs.result.lines}};
+  if (outputs.param) json["param"] = Tagged(*outputs.param);
+  if (outputs.values) {
     json["values"] = Json::array();
-    for (const Value& value : *answer.values) json["values"].push_back(Tagged(value));
+    for (const Value& value : *outputs.values) json["values"].push_back(Tagged(value));
   }
-  if (const auto& stats = answer.stats) {
+  if (const auto& stats = outputs.stats) {
     json["stats"] = {{"block_count", stats->blockCount},
                      {"buffer_entries", stats->bufferEntries},
                      {"average_period", stats->averagePeriod},

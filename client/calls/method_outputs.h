@@ -15,7 +15,7 @@ namespace kvox::client {
 using aidl::kvox::IKvox;
 
 /// A method's outputs, except its binder status.
-struct Answer {
+struct MethodOutputs {
   IKvox::CommandResult result;
   std::optional<IKvox::ParamValue> param;
   std::optional<std::vector<IKvox::ParamValue>> values;
@@ -29,9 +29,9 @@ struct Answer {
 Json ToJson(const IKvox::ParamValue& value);
 
 /// The result's lines as they are.
-std::string AsLines(const Answer& answer);
+std::string AsLines(const MethodOutputs& outputs);
 
 /// One JSON object on one line: status, value, lines, and the method's other outputs.
-std::string AsJson(const Answer& answer);
+std::string AsJson(const MethodOutputs& outputs);
 
 }  // namespace kvox::client
