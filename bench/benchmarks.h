@@ -22,28 +22,29 @@ struct PacketCase {
   double cpu_aim;  // CPU time per packet against the relay's
 };
 
-struct PacketEffort {
+struct PacketWorkload {
   unsigned rounds;
   unsigned ping_pongs;  // packets per round, all streams together
   unsigned periods;     // of a paced round
 };
 
 /// Relay and daemon in alternation. Returns how many packets were lost or came back wrong.
-uint64_t MeasurePackets(const PacketCase& packet_case, const PacketEffort& effort, Report& report);
+uint64_t MeasurePackets(const PacketCase& packet_case, const PacketWorkload& workload,
+                        Report& report);
 
 // The command path: calls of kvoxd against bare ones of the same size with the same thread hops.
 
-struct CommandEffort {
+struct CommandWorkload {
   unsigned rounds;
   unsigned calls;      // per round
   unsigned client_ms;  // how long clients call in parallel
 };
 
 /// Round trips of one client.
-void MeasureCommands(const CommandEffort& effort, Report& report);
+void MeasureCommands(const CommandWorkload& workload, Report& report);
 
 /// Eight client processes at once. Returns how many calls failed.
-uint64_t MeasureParallelClients(const CommandEffort& effort, Report& report);
+uint64_t MeasureParallelClients(const CommandWorkload& workload, Report& report);
 
 /// Role of a child: one of those clients, calling from one time of the steady clock (nanoseconds)
 /// to another. Prints how many calls it made and how many failed. Returns an exit status.

@@ -82,7 +82,7 @@ std::vector<double> TimeCalls(unsigned calls, const std::function<void()>& call)
 
 /// The rows of one command, its calls and bare ones in alternation.
 void MeasureCommand(const Command& command, DaemonUnderTest& daemon, const HostDirectories& home,
-                    const CommandEffort& effort, Section& section) {
+                    const CommandWorkload& workload, Section& section) {
   const CallSizes sizes = SizesOf(command, daemon.service());
   const std::string socket = home / command.name;
   const Process server(
@@ -93,9 +93,9 @@ void MeasureCommand(const Command& command, DaemonUnderTest& daemon, const HostD
   std::vector<double> bare;
   std::vector<double> measured;
   std::vector<double> ratios;
-  for (unsigned round = 0; round < effort.rounds; ++round) {
-    const auto bare_times = TimeCalls(effort.calls, [&] { client.Call(); });
-    const auto times = TimeCalls(effort.calls, [&] {
+  for (unsigned round = 0; round < workload.rounds; ++round) {
+    const auto bare_times = TimeCalls(workload.calls, [&] { client.Call(); });
+    const auto times = TimeCalls(workload.calls, [&] {
       if (!command.call(daemon.service()).isOk()) {
         throw std::runtime_error(std::string(command.name) + " failed; has kvoxd stopped?");
       }
@@ -111,16 +111,17 @@ void MeasureCommand(const Command& command, DaemonUnderTest& daemon, const HostD
       {name + ", 99 %", "us", Percentile(measured, 0.99), {}, Percentile(bare, 0.99)});
 }
 
-void MeasureOn(std::optional<int> core, const CommandEffort& effort, Report& report) {
+void MeasureOn(std::optional<int> core, const CommandWorkload& workload, Report& report) {
   BindToCore(core);
   const HostDirectories home;
   DaemonUnderTest daemon(home);
   daemon.MakeProcessor(static_cast<FourCc>(kProcessor), MakeFourCc("pass"));
   Section section{fmt::format("Calls of one client, {}, {} rounds of {}",
                               core ? fmt::format("all on core {}", *core) : "on any core",
-                              effort.rounds, effort.calls),
+                              workload.rounds, workload.calls),
                   "bare socket", "kvoxd"};
-  for (const Command& command : Commands()) MeasureCommand(command, daemon, home, effort, section);
+  for (const Command& command : Commands())
+    MeasureCommand(command, daemon, home, workload, section);
   BindToCore(std::nullopt);
   report.Add(std::move(section));
 }
@@ -131,16 +132,16 @@ int64_t SteadyNs(Clock::time_point time) {
 
 }  // namespace
 
-void MeasureCommands(const CommandEffort& effort, Report& report) {
-  MeasureOn(MeasuringCore(), effort, report);
-  MeasureOn(std::nullopt, effort, report);
+void MeasureCommands(const CommandWorkload& workload, Report& report) {
+  MeasureOn(MeasuringCore(), workload, report);
+  MeasureOn(std::nullopt, workload, report);
 }
 
-uint64_t MeasureParallelClients(const CommandEffort& effort, Report& report) {
+uint64_t MeasureParallelClients(const CommandWorkload& workload, Report& report) {
   const HostDirectories home;
   const DaemonUnderTest daemon(home);
   const auto from = Clock::now() + kClientStart;
-  const auto until = from + std::chrono::milliseconds(effort.client_ms);
+  const auto until = from + std::chrono::milliseconds(workload.client_ms);
   std::vector<std::unique_ptr<Process>> clients;
   for (unsigned i = 0; i < kClients; ++i) {
     clients.push_back(
@@ -159,7 +160,7 @@ uint64_t MeasureParallelClients(const CommandEffort& effort, Report& report) {
     calls += made;
     errors += failed;
   }
-  const double seconds = effort.client_ms / 1000.0;
+  const double seconds = workload.client_ms / 1000.0;
   report.Add({fmt::format("Calls of {} clients in parallel, {:g} s", kClients, seconds),
               "",
               "kvoxd",

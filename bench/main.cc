@@ -21,8 +21,8 @@ using namespace kvox::bench;
 
 /// How much is measured.
 struct Plan {
-  PacketEffort packets;
-  CommandEffort commands;
+  PacketWorkload packets;
+  CommandWorkload commands;
   unsigned client_runs;
   unsigned idle_s;
   unsigned top_s;

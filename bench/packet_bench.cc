@@ -76,16 +76,17 @@ std::unique_ptr<Forwarder> StartDaemon(const PacketCase& packet_case) {
   return daemon;
 }
 
-void PlayRound(Forwarder& forwarder, const PacketCase& packet_case, const PacketEffort& effort) {
+void PlayRound(Forwarder& forwarder, const PacketCase& packet_case,
+               const PacketWorkload& workload) {
   if (packet_case.pattern == Pattern::kPaced) RaisePriority();
   PlayPingPong(forwarder.streams, kWarmUpPackets);
   for (const auto& stream : forwarder.streams) stream->TakeRoundTripsNs();
   const uint64_t sent_before = Sum(forwarder.streams).sent;
   const ProcessUsage before = ReadUsage(forwarder.pid, forwarder.io_threads);
   if (packet_case.pattern == Pattern::kPingPong) {
-    PlayPingPong(forwarder.streams, effort.ping_pongs / packet_case.streams);
+    PlayPingPong(forwarder.streams, workload.ping_pongs / packet_case.streams);
   } else {
-    PlayPaced(forwarder.streams, effort.periods, kPeriod);
+    PlayPaced(forwarder.streams, workload.periods, kPeriod);
   }
   const ProcessUsage after = ReadUsage(forwarder.pid, forwarder.io_threads);
   DropPriority();
@@ -103,23 +104,24 @@ void PlayRound(Forwarder& forwarder, const PacketCase& packet_case, const Packet
   }
 }
 
-std::string Title(const PacketCase& packet_case, const PacketEffort& effort) {
+std::string Title(const PacketCase& packet_case, const PacketWorkload& workload) {
   if (packet_case.pattern == Pattern::kPingPong) {
     return fmt::format("Packets of {} bytes in ping-pong, all on core {}, {} rounds of {}",
-                       packet_case.payload_size, MeasuringCore(), effort.rounds, effort.ping_pongs);
+                       packet_case.payload_size, MeasuringCore(), workload.rounds,
+                       workload.ping_pongs);
   }
   return fmt::format("Packets of {} bytes, {} streams, one every {} ms, {} rounds of {} periods",
-                     packet_case.payload_size, packet_case.streams, kPeriod.count(), effort.rounds,
-                     effort.periods);
+                     packet_case.payload_size, packet_case.streams, kPeriod.count(),
+                     workload.rounds, workload.periods);
 }
 
-Section Compare(const PacketCase& packet_case, const PacketEffort& effort, const Forwarder& relay,
-                const Forwarder& daemon) {
+Section Compare(const PacketCase& packet_case, const PacketWorkload& workload,
+                const Forwarder& relay, const Forwarder& daemon) {
   std::vector<double> ratios;
   for (size_t i = 0; i < relay.cpu_us.size(); ++i) {
     ratios.push_back(daemon.cpu_us[i] / relay.cpu_us[i]);
   }
-  Section section{Title(packet_case, effort), "bare relay", "kvoxd"};
+  Section section{Title(packet_case, workload), "bare relay", "kvoxd"};
   section.rows.push_back({"CPU a packet", "us", Median(daemon.cpu_us),
                           RatioAtMost(packet_case.cpu_aim), Median(relay.cpu_us), Median(ratios)});
   const auto add = [&](const char* what, const char* unit, std::optional<Aim> aim, auto value_of) {
@@ -148,16 +150,17 @@ Section Compare(const PacketCase& packet_case, const PacketEffort& effort, const
 
 }  // namespace
 
-uint64_t MeasurePackets(const PacketCase& packet_case, const PacketEffort& effort, Report& report) {
+uint64_t MeasurePackets(const PacketCase& packet_case, const PacketWorkload& workload,
+                        Report& report) {
   if (packet_case.pattern == Pattern::kPingPong) BindToCore(MeasuringCore());
   const auto relay = StartRelay(packet_case);
   const auto daemon = StartDaemon(packet_case);
-  for (unsigned round = 0; round < effort.rounds; ++round) {
-    PlayRound(*relay, packet_case, effort);
-    PlayRound(*daemon, packet_case, effort);
+  for (unsigned round = 0; round < workload.rounds; ++round) {
+    PlayRound(*relay, packet_case, workload);
+    PlayRound(*daemon, packet_case, workload);
   }
   BindToCore(std::nullopt);
-  report.Add(Compare(packet_case, effort, *relay, *daemon));
+  report.Add(Compare(packet_case, workload, *relay, *daemon));
   return Sum(relay->streams).faults() + Sum(daemon->streams).faults();
 }
 

@@ -34,7 +34,7 @@ struct Call<method> {
   static void CheckReply(const AParcel* reply) {
     ndk::ScopedAStatus status;
     Check(AParcel_readStatusHeader(reply, status.getR()) == STATUS_OK && status.isOk(),
-          "a sound call is answered by its result");
+          "a valid call returns its result");
     constexpr size_t kCount = sizeof...(Args);
     if constexpr (kCount > 0) {
       using Last = std::tuple_element_t<kCount - 1, std::tuple<Args...>>;
@@ -109,7 +109,7 @@ void Transact(FuzzedDataProvider& input, KvoxService& service) {
   std::unique_ptr<AParcel> reply;
   if (sound) {
     Check(binder.get()->Transact(method.code, *request.get(), 0, &reply) == STATUS_OK,
-          "a sound call is served");
+          "a valid call is served");
     method.check_reply(reply.get());
     return;
   }

@@ -48,13 +48,13 @@ int32_t AudioRelayProcessor::ProcessBlockForTelephony(const Block& block, const 
     return -1;
   }
   if (!state.client) return 0;
-  auto answer = RelayClient::Answer::kBusy;
+  auto delivery = RelayClient::Delivery::kBusy;
   if (const auto slot = state.client->Slot(mono_size); !slot.empty()) {
     TakeFirstChannel(block.audio, tap.channels, slot);
-    answer = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
+    delivery = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
   }
-  CountMissed(answer, block.waiter.NowNs());
-  if (answer != RelayClient::Answer::kAccepted || out == nullptr) return 0;
+  CountMissed(delivery, block.waiter.NowNs());
+  if (delivery != RelayClient::Delivery::kAccepted || out == nullptr) return 0;
   const std::span<const std::byte> sent = state.stream->sent.Take();
   if (sent.empty()) return 0;
   SpreadOverChannels(sent.first(mono_size), tap.channels, {out->Data(), out->size()});
@@ -81,14 +81,14 @@ int32_t AudioRelayProcessor::ProcessBlockGeneric(const Block& block, const Relay
     return -1;
   }
   if (state.client) {
-    auto answer = RelayClient::Answer::kBusy;
+    auto delivery = RelayClient::Delivery::kBusy;
     if (const auto slot = state.client->Slot(block.audio.size()); !slot.empty()) {
       ToInterleaved(block.audio, tap, slot);
       const uint32_t frames = FrameCount(tap, static_cast<uint32_t>(block.audio.size()));
-      answer = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
+      delivery = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
     }
-    CountMissed(answer, block.waiter.NowNs());
-    if (answer == RelayClient::Answer::kRefused) {
+    CountMissed(delivery, block.waiter.NowNs());
+    if (delivery == RelayClient::Delivery::kRefused) {
       LogError("%s %s: receive_audio_callback_->ReceiveAudio fail", kName, id_text());
     }
   }
@@ -101,8 +101,9 @@ int32_t AudioRelayProcessor::ProcessBlockGeneric(const Block& block, const Relay
   return 0;
 }
 
-void AudioRelayProcessor::CountMissed(RelayClient::Answer answer, uint64_t now_ns) {
-  const bool missed = answer == RelayClient::Answer::kLate || answer == RelayClient::Answer::kBusy;
+void AudioRelayProcessor::CountMissed(RelayClient::Delivery delivery, uint64_t now_ns) {
+  const bool missed =
+      delivery == RelayClient::Delivery::kLate || delivery == RelayClient::Delivery::kBusy;
   if (missed) missed_.Count();
   if (const uint32_t blocks = missed_.TakeDue(now_ns)) ReportMissed(blocks);
 }

@@ -112,7 +112,7 @@ int32_t AudioRelayProcessor::startProcessor() {
     return -1;
   }
   const IKvox::AudioPacket shape = Shape();
-  SetStream(std::make_shared<RelayStream>(shape, block_length(), bits, host_.sent_audio_room()));
+  SetStream(std::make_shared<RelayStream>(shape, block_length(), bits, host_.sent_audio_budget()));
   LogInfo("startProcessor sr %u, format %s%u, ch %u, little_endian_ %u", rate,
           DataFormatName(static_cast<Kvox::DataFormat>(shape.format)), bits,
           format(FormatField::kChannels), 1u);
@@ -194,7 +194,7 @@ int32_t AudioRelayProcessor::SendAudio(const IKvox::AudioPacket& packet) {
   }
   if (current->stream->sent.Put(packet.data)) return 0;
   LogError("%s %s: no room for blocks of %zu bytes, other relays have most of %zu; delete some",
-           "SendAudio", id_text(), packet.data.size(), host_.sent_audio_room().size());
+           "SendAudio", id_text(), packet.data.size(), host_.sent_audio_budget().size());
   return -1;
 }
 
@@ -204,9 +204,9 @@ void AudioRelayProcessor::RegisterReceiveAudioCallback(
   FollowCallback(static_cast<uint64_t>(AIBinder_getCallingPid()));
 }
 
-/// Makes the currently registered callback the client of the blocks. Its thread belongs to `share`,
+/// Makes the currently registered callback the client of the blocks. Its thread belongs to `owner`,
 /// the process that registered it.
-void AudioRelayProcessor::FollowCallback(uint64_t share) {
+void AudioRelayProcessor::FollowCallback(uint64_t owner) {
   std::shared_ptr<const RelayState> replaced;  // released without the locks
   {
     MutexLock registration(registration_mutex_);
@@ -214,7 +214,7 @@ void AudioRelayProcessor::FollowCallback(uint64_t share) {
     const auto before = state();
     if (before->client ? before->client->Calls(callback) : callback == nullptr) return;
     std::shared_ptr<RelayClient> client;
-    if (callback) client = RelayClient::Start(callback, host_.client_threads(), share);
+    if (callback) client = RelayClient::Start(callback, host_.client_threads(), owner);
     if (callback && !client) {
       LogError("%s: no thread to call the client with, it gets no audio; end other clients first",
                id_text());

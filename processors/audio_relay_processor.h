@@ -77,12 +77,12 @@ class AudioRelayProcessor : public KvoxProcessor {
   int32_t startProcessor() REQUIRES(processor_mutex_);
   void SetStream(std::shared_ptr<RelayStream> stream);
   void StateChanged() { host_.BlockStateChanged(*this); }
-  void FollowCallback(uint64_t share);
+  void FollowCallback(uint64_t owner);
 
   // RT.
   int32_t ProcessBlockForTelephony(const Block& block, const RelayState& state, OutputArea* out);
   int32_t ProcessBlockGeneric(const Block& block, const RelayState& state, OutputArea* out);
-  void CountMissed(RelayClient::Answer answer, uint64_t now_ns);
+  void CountMissed(RelayClient::Delivery delivery, uint64_t now_ns);
   void ReportMissed(uint32_t blocks) const;
   void ReportCut(uint32_t blocks) const;
 

@@ -21,12 +21,12 @@ inline constexpr size_t kMaxSentBlock = 1u << 20;
 /// A started relay's format, and the audio that its client has sent.
 struct RelayStream {
   RelayStream(const IKvox::AudioPacket& packet_shape, uint32_t frames, uint32_t bits,
-              ByteBudget& room)
+              ByteBudget& budget)
       : shape(packet_shape),
         block_length(frames),
         bytes_per_sample(bits / 8),
         block_size(size_t{frames} * bytes_per_sample * channels()),
-        sent(block_size <= kMaxSentBlock ? block_size : 0, room) {}
+        sent(block_size <= kMaxSentBlock ? block_size : 0, budget) {}
 
   uint32_t channels() const { return static_cast<uint8_t>(shape.numChannels); }
 

@@ -27,7 +27,7 @@ class ProcessorHost {
   virtual ThreadGroup& client_threads() = 0;
 
   /// Memory for what clients have sent. Outlives the blocks too.
-  virtual ByteBudget& sent_audio_room() = 0;
+  virtual ByteBudget& sent_audio_budget() = 0;
 };
 
 }  // namespace kvox

@@ -7,11 +7,11 @@
 namespace kvox {
 
 std::shared_ptr<RelayClient> RelayClient::Start(
-    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadGroup& threads, uint64_t share) {
+    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadGroup& threads, uint64_t owner) {
   auto client = std::make_shared<RelayClient>(std::move(callback));
-  if (client->work_.fd() < 0 || client->answered_.fd() < 0) return nullptr;
+  if (client->work_.fd() < 0 || client->returned_.fd() < 0) return nullptr;
   const bool started = threads.Start(
-      "kvox-client", [client] { client->Serve(); }, share);
+      "kvox-client", [client] { client->Serve(); }, owner);
   return started ? client : nullptr;
 }
 
@@ -32,30 +32,30 @@ std::span<std::byte> RelayClient::Slot(size_t size) {
   return std::as_writable_bytes(std::span<uint8_t>(packet_.data));
 }
 
-RelayClient::Answer RelayClient::Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter,
-                                         uint64_t deadline_ns) {
-  if (state_.load(std::memory_order_acquire) == State::kFull) return Answer::kBusy;
+RelayClient::Delivery RelayClient::Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter,
+                                           uint64_t deadline_ns) {
+  if (state_.load(std::memory_order_acquire) == State::kFull) return Delivery::kBusy;
   packet_.processor_id = shape.processor_id;
   packet_.sampleRate = shape.sampleRate;
   packet_.format = shape.format;
   packet_.bitsPerSample = shape.bitsPerSample;
   packet_.numChannels = shape.numChannels;
-  answered_.Clear();  // from an answer that came too late
+  returned_.Clear();  // from a reply that came too late
   // Release: the thread sees the packet.
   state_.store(State::kFull, std::memory_order_release);
   work_.Signal();
-  // The signal may still be that of a late answer: what counts is the state.
+  // The signal may still be that of a late reply: what counts is the state.
   while (state_.load(std::memory_order_acquire) == State::kFull &&
-         waiter.WaitReadable(answered_.fd(), deadline_ns)) {
-    answered_.Clear();
+         waiter.WaitReadable(returned_.fd(), deadline_ns)) {
+    returned_.Clear();
   }
   switch (state_.load(std::memory_order_acquire)) {
     case State::kAccepted:
-      return Answer::kAccepted;
+      return Delivery::kAccepted;
     case State::kRefused:
-      return Answer::kRefused;
+      return Delivery::kRefused;
     default:
-      return waiter.NowNs() >= deadline_ns ? Answer::kLate : Answer::kGivenUp;
+      return waiter.NowNs() >= deadline_ns ? Delivery::kLate : Delivery::kInterrupted;
   }
 }
 
@@ -69,7 +69,7 @@ void RelayClient::Serve() {
     const bool accepted = callback_->ReceiveAudio(packet_).isOk();
     // Release: the I/O thread may fill the packet again.
     state_.store(accepted ? State::kAccepted : State::kRefused, std::memory_order_release);
-    answered_.Signal();
+    returned_.Signal();
   }
 }
 

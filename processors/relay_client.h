@@ -20,18 +20,18 @@ using aidl::kvox::IKvox;
 
 class RelayClient : public std::enable_shared_from_this<RelayClient> {
  public:
-  enum class Answer {
+  enum class Delivery {
     kAccepted,
-    kRefused,  // also by a client that has died
-    kLate,     // no answer in time; a later one is ignored
-    kBusy,     // still busy with an earlier block: this one was not delivered
-    kGivenUp,  // the I/O thread was needed elsewhere
+    kRefused,      // also by a client that has died
+    kLate,         // no reply in time; a later one is ignored
+    kBusy,         // still busy with an earlier block: this one was not delivered
+    kInterrupted,  // the I/O thread was needed elsewhere
   };
 
-  /// The client and its thread, which ends after Stop(). It belongs to `share` in `threads`. Null
+  /// The client and its thread, which ends after Stop(). `owner` is its owner in `threads`. Null
   /// when there is no thread, or no descriptor to wait on.
   static std::shared_ptr<RelayClient> Start(std::shared_ptr<IKvox::IReceiveAudioCallback> callback,
-                                            ThreadGroup& threads, uint64_t share);
+                                            ThreadGroup& threads, uint64_t owner);
 
   explicit RelayClient(std::shared_ptr<IKvox::IReceiveAudioCallback> callback);
 
@@ -49,8 +49,8 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
   std::span<std::byte> Slot(size_t size);
 
   /// Delivers the slot's content, as a packet with the other fields of `shape`, and waits for the
-  /// answer until `deadline_ns` at most.
-  Answer Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter, uint64_t deadline_ns);
+  /// reply until `deadline_ns` at most.
+  Delivery Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter, uint64_t deadline_ns);
 
  private:
   enum class State : uint8_t { kEmpty, kFull, kAccepted, kRefused };
@@ -59,7 +59,7 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
 
   const std::shared_ptr<IKvox::IReceiveAudioCallback> callback_;
   WakeEvent work_;      // for the thread: there is a packet, or it has to end
-  WakeEvent answered_;  // for the I/O thread
+  WakeEvent returned_;  // for the I/O thread: the client has replied
 
   std::atomic<bool> stopping_ = false;
 

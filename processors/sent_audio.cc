@@ -4,13 +4,13 @@ namespace kvox {
 
 SentAudio::~SentAudio() {
   MutexLock lock(writers_);
-  if (has_room_) room_.GiveBack(Charge());
+  if (has_memory_) budget_.GiveBack(Charge());
 }
 
 bool SentAudio::Put(std::span<const uint8_t> block) {
   MutexLock lock(writers_);
-  if (!has_room_ && !room_.Take(Charge())) return false;
-  has_room_ = true;
+  if (!has_memory_ && !budget_.Take(Charge())) return false;
+  has_memory_ = true;
   slots_[writing_].assign(block.begin(), block.end());
   // Release: the reader sees the block we wrote. Acquire: it is done with the slot we get.
   const auto unread = static_cast<uint8_t>(writing_ | kUnread);

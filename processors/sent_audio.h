@@ -19,11 +19,11 @@ namespace kvox {
 class SentAudio {
  public:
   /// Memory that every relay has; enough for a phone call.
-  static constexpr size_t kOwnRoom = 16 << 10;
+  static constexpr size_t kFreeBytes = 16 << 10;
 
-  /// The slots are charged to `room`, which outlives them, from the first block on. Slots that fit
-  /// into kOwnRoom are free.
-  SentAudio(size_t block_size, ByteBudget& room) : block_size_(block_size), room_(room) {}
+  /// The slots are charged to `budget`, which outlives them, from the first block on. Slots that
+  /// fit into kFreeBytes are free.
+  SentAudio(size_t block_size, ByteBudget& budget) : block_size_(block_size), budget_(budget) {}
   ~SentAudio();
   SentAudio(const SentAudio&) = delete;
   SentAudio& operator=(const SentAudio&) = delete;
@@ -31,7 +31,7 @@ class SentAudio {
   size_t block_size() const { return block_size_; }
 
   /// Service threads: copies a block of block_size() bytes; it is pending from then on. False
-  /// when there is no room for the slots.
+  /// when the budget is used up.
   bool Put(std::span<const uint8_t> block);
 
   /// RT: takes the pending block, which is the reader's until its next Take. Empty when none has
@@ -45,15 +45,15 @@ class SentAudio {
 
   size_t Charge() const {
     const size_t size = slots_.size() * block_size_;
-    return size <= kOwnRoom ? 0 : size;
+    return size <= kFreeBytes ? 0 : size;
   }
 
   const size_t block_size_;
-  ByteBudget& room_;
+  ByteBudget& budget_;
   std::array<std::vector<uint8_t>, 3> slots_;  // allocated by the writers when first used
   std::atomic<uint8_t> waiting_ = 1;
   Mutex writers_;  // a leaf lock; never the reader's
-  bool has_room_ GUARDED_BY(writers_) = false;
+  bool has_memory_ GUARDED_BY(writers_) = false;
   uint8_t writing_ GUARDED_BY(writers_) = 0;
   uint8_t reading_ = 2;  // the reader's own
 };

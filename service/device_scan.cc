@@ -32,13 +32,14 @@ class Glob {
 
   bool matched() const { return matched_; }
 
-  std::vector<DataDevice> Devices(const std::string& prefix, const std::string& buffer_kind) const {
+  std::vector<DataDevice> Devices(const std::string& prefix,
+                                  const std::string& buffer_prefix) const {
     std::vector<DataDevice> devices;
     for (size_t i = 0; matched_ && i < paths_.gl_pathc; ++i) {
       const std::string path = paths_.gl_pathv[i];
       const std::string rest = path.substr(prefix.size());
       const std::optional<int> number = DeviceNumber(rest);
-      if (number) devices.push_back({*number, buffer_kind + rest, path});
+      if (number) devices.push_back({*number, buffer_prefix + rest, path});
     }
     return devices;
   }
@@ -68,8 +69,8 @@ DeviceScan ScanDataDevices(const std::string& directory) {
     LogInfo("Note: No Kvox buffers");
     return scan;
   }
-  scan.tapouts = tapouts.Devices(tapout_prefix, "tapout");
-  scan.injects = Glob(inject_prefix).Devices(inject_prefix, "inject");
+  scan.tapouts = tapouts.Devices(tapout_prefix, kTapOutBufferPrefix);
+  scan.injects = Glob(inject_prefix).Devices(inject_prefix, kInjectBufferPrefix);
   return scan;
 }
 

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "kvox/common/byte_budget.h"
+#include "kvox/common/mutex.h"
 #include "kvox/common/thread_group.h"
 #include "processors/processor_host.h"
 #include "service/coprocessor_link.h"
@@ -177,12 +178,14 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
     return use_cases_.EndUseCaseOf(relay);
   }
   ThreadGroup& client_threads() override { return client_threads_; }
-  ByteBudget& sent_audio_room() override { return sent_audio_room_; }
+  ByteBudget& sent_audio_budget() override { return sent_audio_budget_; }
 
   // Outlive buffers and processors.
   ThreadGroup capture_threads_{kMaxCaptureThreads};
   ThreadGroup client_threads_{kMaxClientThreads, kMaxThreadsOfClient};
-  ByteBudget sent_audio_room_{kMaxSentAudioBytes};
+  ByteBudget sent_audio_budget_{kMaxSentAudioBytes};
+
+  Mutex stats_limit_mutex_;  // one request for statistics entries at a time
 
   Inventory inventory_;
   SavedState saved_;

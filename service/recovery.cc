@@ -40,10 +40,12 @@ void Recovery::ScanAtStart(RecoveryClock& clock) {
 
 void Recovery::HandleDeviceEvent(const DeviceEvent& event) {
   if (!event.name.starts_with(kDevicePrefix)) return;
-  if (event.kind == DeviceEvent::Kind::kArrived) {
-    HandleArrival(event.name);
-  } else {
-    HandleDeparture(event.name);
+  switch (event.kind) {
+    case DeviceEvent::Kind::kArrived:
+      return HandleArrival(event.name);
+    case DeviceEvent::Kind::kLeft:
+    case DeviceEvent::Kind::kAllGone:
+      return HandleDeparture(event.name);
   }
 }
 

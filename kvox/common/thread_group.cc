@@ -19,12 +19,12 @@ ThreadGroup::~ThreadGroup() {
   if (last.joinable()) last.join();
 }
 
-bool ThreadGroup::Start(const char* name, std::function<void()> body, uint64_t share) {
+bool ThreadGroup::Start(const char* name, std::function<void()> body, uint64_t owner) {
   MutexLock lock(mutex_);
-  const auto of_share = std::count_if(running_.begin(), running_.end(), [share](const auto& entry) {
-    return entry.second.share == share;
+  const auto of_owner = std::count_if(running_.begin(), running_.end(), [owner](const auto& entry) {
+    return entry.second.owner == owner;
   });
-  if (running_.size() >= limit_ || static_cast<size_t>(of_share) >= share_limit_) return false;
+  if (running_.size() >= limit_ || static_cast<size_t>(of_owner) >= owner_limit_) return false;
   const size_t number = next_number_++;
   try {
     // Finish() takes the lock, so the thread is in the table before it ends.
@@ -34,7 +34,7 @@ bool ThreadGroup::Start(const char* name, std::function<void()> body, uint64_t s
       run = nullptr;
       Finish(number);
     });
-    running_.emplace(number, Running{std::move(thread), share});
+    running_.emplace(number, Running{std::move(thread), owner});
   } catch (const std::system_error&) {
     return false;
   }

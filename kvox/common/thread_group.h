@@ -15,16 +15,16 @@ namespace kvox {
 /// Any thread may call.
 class ThreadGroup {
  public:
-  /// At most `limit` threads at a time, `share_limit` of them with the same share.
-  explicit ThreadGroup(size_t limit, size_t share_limit = SIZE_MAX)
-      : limit_(limit), share_limit_(share_limit) {}
+  /// At most `limit` threads at a time, `owner_limit` of them of the same owner.
+  explicit ThreadGroup(size_t limit, size_t owner_limit = SIZE_MAX)
+      : limit_(limit), owner_limit_(owner_limit) {}
 
   /// Waits for all threads; their bodies must be about to return.
   ~ThreadGroup();
 
   /// Runs `body` on a new thread of this name (at most 15 characters). False when the group or the
-  /// share is full, or the system cannot create a thread.
-  bool Start(const char* name, std::function<void()> body, uint64_t share = 0);
+  /// owner has its limit, or the system cannot create a thread.
+  bool Start(const char* name, std::function<void()> body, uint64_t owner = 0);
 
   /// Threads whose body has not returned yet.
   size_t running() const;
@@ -34,11 +34,11 @@ class ThreadGroup {
 
   struct Running {
     std::thread thread;
-    uint64_t share;
+    uint64_t owner;
   };
 
   const size_t limit_;
-  const size_t share_limit_;
+  const size_t owner_limit_;
   mutable Mutex mutex_;  // a leaf lock
   CondVar finished_one_;
   size_t next_number_ GUARDED_BY(mutex_) = 0;

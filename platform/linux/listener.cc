@@ -40,17 +40,19 @@ Listener::~Listener() {
 }
 
 bool Listener::Start(event_base* base) {
-  const auto accept_all = [](int, short, void* self) { static_cast<Listener*>(self)->AcceptAll(); };
+  const auto accept_pending = [](int, short, void* self) {
+    static_cast<Listener*>(self)->AcceptPending();
+  };
   const auto end_pause = [](int, short, void* listener) {
     auto* self = static_cast<Listener*>(listener);
     if (!self->stopping_) event_add(self->readable_, nullptr);
   };
-  readable_ = event_new(base, socket_.get(), EV_READ | EV_PERSIST, accept_all, this);
+  readable_ = event_new(base, socket_.get(), EV_READ | EV_PERSIST, accept_pending, this);
   pause_ = event_new(base, -1, 0, end_pause, this);
   return readable_ != nullptr && pause_ != nullptr && event_add(readable_, nullptr) == 0;
 }
 
-void Listener::AcceptAll() {
+void Listener::AcceptPending() {
   // The rest are accepted after other events.
   for (int i = 0; i < kMaxAcceptsAtOnce; ++i) {
     UniqueFd client(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));

@@ -24,7 +24,7 @@ class Listener {
   bool Start(event_base* base);
 
  private:
-  void AcceptAll();
+  void AcceptPending();
 
   const UniqueFd socket_;  // non-blocking
   const std::shared_ptr<ServicePort> port_;

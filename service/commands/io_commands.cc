@@ -46,6 +46,7 @@ KvoxService::Status KvoxService::RegisterReceiveAudioCallback(
 
 KvoxService::Status KvoxService::ProcessorSetStatsMaxBufferEntries(int32_t id, int32_t entries,
                                                                    CommandResult* result) {
+  MutexLock lock(stats_limit_mutex_);
   uint64_t others = 0;
   for (const ProcessorPtr& processor : inventory_.Processors()) {
     if (processor->id() != static_cast<FourCc>(id)) others += processor->stats().buffer_size();

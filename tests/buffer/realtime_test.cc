@@ -79,10 +79,10 @@ class Relay : public ProcessorHost {
   void BlockStateChanged(const KvoxProcessor&) override {}
   int32_t EndUseCaseOf(const KvoxProcessor&) override { return 0; }
   ThreadGroup& client_threads() override { return threads_; }
-  ByteBudget& sent_audio_room() override { return room_; }
+  ByteBudget& sent_audio_budget() override { return budget_; }
 
   ThreadGroup threads_{1};
-  ByteBudget room_{1u << 20};
+  ByteBudget budget_{1u << 20};
 
  public:
   const std::shared_ptr<Client> client = ndk::SharedRefBase::make<Client>();

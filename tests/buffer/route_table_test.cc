@@ -74,9 +74,9 @@ TEST(RoutePublisher, ReaderAndPublisherNeverMeetOnADeadTable) {
 }
 
 /// A waiter that counts down the waits it grants.
-class Patience : public IoWaiter {
+class CountedWaiter : public IoWaiter {
  public:
-  explicit Patience(int waits) : waits_(waits) {}
+  explicit CountedWaiter(int waits) : waits_(waits) {}
   bool WaitWritable(int, uint64_t) override { return waits_-- > 0; }
   bool WaitReadable(int, uint64_t) override { return false; }
   uint64_t NowNs() override { return 0; }
@@ -94,7 +94,7 @@ class InjectPortTest : public ::testing::Test {
   };
 
   int32_t Send(int patience) {
-    Patience waiter(patience);
+    CountedWaiter waiter(patience);
     Bytes packet = packet_;
     KvoxPacketHeader header = HeaderOf(packet);
     header.stamp = 5;

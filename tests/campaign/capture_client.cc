@@ -5,6 +5,7 @@
 #include <fstream>
 #include <vector>
 
+#include "kvox/common/device_names.h"
 #include "kvox/common/wav_header.h"
 #include "tests/campaign/workers.h"
 
@@ -17,7 +18,7 @@ class CaptureClient : public Worker {
  public:
   CaptureClient(RunContext& run, const Stream& stream, const std::filesystem::path& directory)
       : Worker(run, "capture of " + stream.TapName()) {
-    for (const char* kind : {"tapout", "inject"}) {
+    for (const char* kind : {kTapOutBufferPrefix, kInjectBufferPrefix}) {
       const std::string buffer = fmt::format("{}{}", kind, stream.buffer);
       captures_.push_back({buffer, directory / (buffer + ".wav")});
     }

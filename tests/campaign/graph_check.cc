@@ -7,6 +7,7 @@
 
 #include "client/model/tables.h"
 #include "kvox/common/command_tables.h"
+#include "kvox/common/device_names.h"
 #include "tests/campaign/streams.h"
 
 namespace kvox::campaign {
@@ -40,9 +41,11 @@ std::string Text(const Path& row) {
     if (name.empty()) return std::string(kNotConnected);
     return name + (enabled ? "" : kGraphDisabled);
   };
-  return fmt::format("{} --> {} --> {} --> {} --> {}", station(row.source, row.source_enabled),
-                     station(row.tapout, true), station(row.processor, row.processor_enabled),
-                     station(row.inject, true), station(row.sink, row.sink_enabled));
+  const std::string stations[] = {station(row.source, row.source_enabled),
+                                  station(row.tapout, true),
+                                  station(row.processor, row.processor_enabled),
+                                  station(row.inject, true), station(row.sink, row.sink_enabled)};
+  return fmt::format("{}", fmt::join(stations, kGraphArrow));
 }
 
 std::string Text(const ExpectedTap& tap) {
@@ -109,8 +112,8 @@ GraphTables ExpectedTables(const ExpectedGraph& graph) {
   for (const auto& [code, processor] : graph.processors()) {
     const Processor row{.id = ToString(code),
                         .type = ToString(processor.type),
-                        .input = NameOf("tapout", processor.tapout),
-                        .output = NameOf("inject", processor.inject),
+                        .input = NameOf(kTapOutBufferPrefix, processor.tapout),
+                        .output = NameOf(kInjectBufferPrefix, processor.inject),
                         .enabled = processor.enabled};
     tables.processors[row.id] = Text(row);
     tables.paths[row.id] = Text(ExpectedPath(graph, row, processor));
@@ -122,8 +125,8 @@ GraphTables ExpectedTables(const ExpectedGraph& graph) {
     Buffer& inject = injects[stream.buffer];
     tapout.enabled = graph.tapouts().contains(stream.buffer);
     inject.enabled = graph.injects().contains(stream.buffer);
-    tables.tapouts[NameOf("tapout", stream.buffer)] = Text(tapout);
-    tables.injects[NameOf("inject", stream.buffer)] = Text(inject);
+    tables.tapouts[NameOf(kTapOutBufferPrefix, stream.buffer)] = Text(tapout);
+    tables.injects[NameOf(kInjectBufferPrefix, stream.buffer)] = Text(inject);
   }
   return tables;
 }

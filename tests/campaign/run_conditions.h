@@ -56,13 +56,29 @@ class LagMeter {
   unsigned Stalls() const { return stalls_; }
 
   /// Total() as a share of the time since the start.
-  double Share() const;
+  double Share() const {
+    return std::chrono::duration<double>(Total()) /
+           std::chrono::duration<double>(Clock::now() - begin_);
+  }
 
  private:
   static constexpr int kThreadsInAChain = 4;
   static constexpr Ms kMostAllowance{20000};
 
-  void Run(const std::stop_token& stop);
+  static constexpr Ms kInterval{5};
+  static constexpr std::chrono::microseconds kOrdinaryLag{1000};  // not worth counting
+  static constexpr Ms kStall{200};
+
+  void Run(const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      const auto begin = Clock::now();
+      std::this_thread::sleep_for(kInterval);
+      const auto lag =
+          std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin - kInterval);
+      if (lag > kOrdinaryLag) total_us_ += lag.count();
+      if (lag > kStall) ++stalls_;
+    }
+  }
 
   const Clock::time_point begin_ = Clock::now();
   std::atomic<int64_t> total_us_ = 0;

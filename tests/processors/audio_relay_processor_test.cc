@@ -138,7 +138,7 @@ class RelayTest : public ::testing::Test, public ProcessorHost {
   std::vector<FourCc> disabled_;
   int32_t disable_status_ = 0;
   uint64_t age_ns_ = 0;  // of a block when its turn comes
-  ByteBudget room_{1u << 20};
+  ByteBudget budget_{1u << 20};
 
  private:
   void BlockStateChanged(const KvoxProcessor&) override {}
@@ -147,7 +147,7 @@ class RelayTest : public ::testing::Test, public ProcessorHost {
     return disable_status_;
   }
   ThreadGroup& client_threads() override { return threads_; }
-  ByteBudget& sent_audio_room() override { return room_; }
+  ByteBudget& sent_audio_budget() override { return budget_; }
 
   ThreadGroup threads_{8};
 };
@@ -295,10 +295,10 @@ TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
   SetBlockLength(*large, 24000);
   large->Enable(true);
   log_.Take();
-  ASSERT_TRUE(room_.Take(room_.size()));
+  ASSERT_TRUE(budget_.Take(budget_.size()));
   EXPECT_EQ(large->SendAudio(Packet(kDownlink, std::vector<uint8_t>(48000), 0, 1, 1)), -1);
   EXPECT_THAT(log_.Take(), ElementsAre(HasSubstr("SendAudio art0: no room for blocks of 48000 ")));
-  room_.GiveBack(room_.size());
+  budget_.GiveBack(budget_.size());
 }
 
 TEST_F(RelayTest, StartsWithWhatItCanRelayOnly) {
