@@ -6,6 +6,7 @@
 
 #include <functional>
 
+#include "kvox/common/log.h"
 #include "platform/linux/limits.h"
 #include "tests/platform/binder_fixture.h"
 #include "tests/platform/raw_peer.h"
@@ -213,6 +214,7 @@ TEST_F(HostilePeerTest, CallsToAPeerThatDoesNotReadEndWithIt) {
 }
 
 TEST_F(HostilePeerTest, AClientWaitsWhileTheServiceIsOutOfDescriptors) {
+  LogInfo("the first line needs descriptors: of the log, and of sanitizers");
   peer_->Greet();
   rlimit limit{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
