@@ -29,7 +29,11 @@ if(KVOX_SANITIZE)
   target_link_options(kvox_build INTERFACE -fsanitize=${KVOX_SANITIZE})
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
-  target_link_options(kvox_build INTERFACE -fuse-ld=lld)  # links in a third of the time
+  include(CheckLinkerFlag)
+  check_linker_flag(CXX -fuse-ld=lld KVOX_HAS_LLD)
+  if(KVOX_HAS_LLD)
+    target_link_options(kvox_build INTERFACE -fuse-ld=lld)  # links faster
+  endif()
 endif()
 if(KVOX_LTO)
   # Optimises the packet path across files; other programs that link the same libraries skip the
@@ -46,6 +50,7 @@ if(KVOX_COVERAGE)
     ${counting} -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(kvox_build INTERFACE ${counting})
 endif()
+
 # Reading standard headers takes as long as compiling most of our files. This hides missing
 # includes; the lint, which does not precompile, finds them. Not with gcc 12, which has false
 # warnings in precompiled headers.

@@ -6,6 +6,7 @@
 #include "service/use_case_steps.h"
 
 namespace kvox {
+
 void IoSwitch::Switch(bool enable, int tapout, Report& report) {
   const char* const verb = enable ? "Enable" : "Disable";
   report.Begin(tapout == kAllBuffers ? FormatText<96>("%s all buffers\n", verb)

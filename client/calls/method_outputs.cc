@@ -1,4 +1,5 @@
 #include "client/calls/method_outputs.h"
+
 #include "client/output/json.h"
 
 namespace kvox::client {

@@ -1,9 +1,10 @@
 #include "client/monitor/diff.h"
-#include "client/output/json.h"
 
 #include <algorithm>
 #include <iterator>
 #include <utility>
+
+#include "client/output/json.h"
 
 namespace kvox::client {
 namespace {
