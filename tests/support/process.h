@@ -97,6 +97,16 @@ class Process {
     if (!Ended()) kill(pid_, number);
   }
 
+  /// Stops the program until Signal(SIGCONT). Returns when all of its threads stand still: some may
+  /// run on for a moment after the signal. Throws std::runtime_error after kWaitLimit.
+  void Freeze() {
+    Signal(SIGSTOP);
+    int status = 0;
+    const bool stopped = WaitFor(
+        [&] { return waitpid(pid_, &status, WUNTRACED | WNOHANG) == pid_ && WIFSTOPPED(status); });
+    if (!stopped) throw std::runtime_error(program_ + " did not stop");
+  }
+
   /// The exit status, or minus the signal that ended it; none while it runs.
   std::optional<int> Ended() {
     int status = 0;

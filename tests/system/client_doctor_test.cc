@@ -70,7 +70,7 @@ TEST_F(ClientDoctorTest, FindsWhatIsBroken) {
   EXPECT_EQ(TextOf(findings["socket"]), "warning: every user may call the daemon");
   EXPECT_EQ(TextOf(findings["captures"]), "warning: is not there");
 
-  FreezeDaemon();
+  daemon_->Freeze();
   findings = Doctor("--timeout 0.3");
   EXPECT_THAT(TextOf(findings["daemon"]), HasSubstr("is stopped"));
   EXPECT_EQ(findings["daemon"]["fix"], "kill -CONT " + std::to_string(daemon_->pid()));

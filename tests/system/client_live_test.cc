@@ -137,7 +137,7 @@ TEST_F(ClientLiveTest, TopOutlivesTheDaemon) {
   StartDaemon();
   EXPECT_TRUE(WaitFor([&] { return CountOf("kvoxd answers in", Redrawn(*terminal)) > 0; }));
 
-  daemon_->Signal(SIGSTOP);
+  daemon_->Freeze();
   EXPECT_TRUE(terminal->Shows("not answered for"));
   terminal->Press("q");
   EXPECT_EQ(terminal->Wait(), 6) << "the call under way has no answer";

@@ -96,7 +96,7 @@ TEST_F(ClientStateTest, ARefusalStopsAndTellsHowFarItCame) {
 TEST_F(ClientStateTest, ASilentCoProcessorIsNoEmptyOne) {
   MakeBusy();
   const std::string file = Write("schema = 1\n");
-  simulator_->Signal(SIGSTOP);
+  simulator_->Freeze();
   const std::string silence = " cores 2, 3 and 4 do not answer; see in the daemon's log";
   ExpectRefusal("apply " + file, 1, "nothing was done:" + silence);
   ExpectRefusal("apply --dry-run " + file, 1, "nothing was compared:" + silence);

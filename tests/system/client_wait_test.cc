@@ -35,7 +35,7 @@ TEST_F(ClientWaitTest, GivesUpInTimeAndSaysWhy) {
   ExpectRefusal("wait processor pasx --timeout 0.1", 6, "did you mean 'pass'?");
   ExpectRefusal("wait processor pass --enabled --timeout 0.1", 6, "it is not enabled");
   ExpectRefusal("wait tap 300:imic.0 --timeout 60", 2, "is not a tap point's name");
-  daemon_->Signal(SIGSTOP);
+  daemon_->Freeze();
   ExpectRefusal("wait daemon --timeout 0.3", 6, "Ping was not answered within 1 s");
   daemon_->Signal(SIGCONT);
 }

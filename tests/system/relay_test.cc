@@ -148,7 +148,7 @@ TEST_F(RelayProgramTest, AClientThatDiesEndsTheCallAndLeavesNothingBehind) {
 TEST_F(RelayProgramTest, AClientThatStopsDelaysNeitherAudioNorCommands) {
   StartCall();
   const auto client = Listener();
-  client->Signal(SIGSTOP);
+  client->Freeze();
   EXPECT_TRUE(DaemonLogs("art0: the client was too slow"));
   const int64_t before = Injected();
   EXPECT_TRUE(WaitFor([&] { return Injected() > before + 3; })) << "audio goes on";
@@ -163,7 +163,7 @@ TEST_F(RelayProgramTest, AStoppedDaemonKeepsNoRecorder) {
   const auto heard = directory_ / "heard.wav";
   const auto recorder = Client("record art0 " + heard.string());
   ASSERT_TRUE(WaitFor([&] { return exists(heard) && std::filesystem::file_size(heard) > 44; }));
-  FreezeDaemon();
+  daemon_->Freeze();
   recorder->Signal(SIGTERM);
   EXPECT_EQ(recorder->Wait(), 6);
   EXPECT_THAT(recorder->Err(), HasSubstr("was not answered within 2 s"));

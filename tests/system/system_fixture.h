@@ -87,13 +87,6 @@ class SystemTest : public ::testing::Test {
 
   ResourceUsage DaemonResources() const { return ReadResources(daemon_->pid()); }
 
-  /// Stops the daemon's process with SIGSTOP.
-  void FreezeDaemon() {
-    daemon_->Signal(SIGSTOP);
-    int status = 0;
-    EXPECT_TRUE(WaitFor([&] { return waitpid(daemon_->pid(), &status, WUNTRACED | WNOHANG) > 0; }));
-  }
-
   bool DaemonLogs(const std::string& part, int count = 1) {
     return WaitFor([&] { return CountOf(part, daemon_->Err()) >= count; });
   }
