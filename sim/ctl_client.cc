@@ -3,8 +3,10 @@
 #include <fmt/ranges.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
 
@@ -16,8 +18,9 @@ namespace {
 
 constexpr int kRefused = 1;
 constexpr int kNoReply = 3;
-/// How long a simulator may take for each step of the exchange.
-constexpr timeval kTimeout{.tv_sec = 5, .tv_usec = 0};
+/// How long a simulator may take for the exchange.
+constexpr auto kTimeout = std::chrono::seconds(5);
+constexpr char kTooSlow[] = "it takes too long";
 /// The counters of a tap take less than a kilobyte.
 constexpr size_t kMaxReply = 16 << 20;
 
@@ -25,21 +28,34 @@ constexpr size_t kMaxReply = 16 << 20;
 std::string Exchange(const std::filesystem::path& directory, const std::string& line) {
   const auto require = [](bool good) {
     if (good) return;
-    throw std::runtime_error(errno == EAGAIN ? "it takes too long" : std::strerror(errno));
+    throw std::runtime_error(errno == EAGAIN ? kTooSlow : std::strerror(errno));
   };
   const UniqueFd parent(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   require(parent.valid());
   const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   require(fd.valid());
-  setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &kTimeout, sizeof kTimeout);
-  setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kTimeout, sizeof kTimeout);
+  const auto deadline = std::chrono::steady_clock::now() + kTimeout;
+  const auto limit_wait = [&](int option) {
+    using std::chrono::microseconds;
+    const auto left =
+        std::chrono::duration_cast<microseconds>(deadline - std::chrono::steady_clock::now());
+    const int64_t us = std::max<int64_t>(left.count(), 1);  // 0 would be no limit
+    const timeval wait{.tv_sec = us / 1'000'000, .tv_usec = us % 1'000'000};
+    setsockopt(fd.get(), SOL_SOCKET, option, &wait, sizeof wait);
+  };
+  limit_wait(SO_SNDTIMEO);  // for connecting, too
   const sockaddr_un address = SocketAddress(parent, kCtlName);
   require(connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0);
   require(send(fd.get(), line.data(), line.size(), MSG_NOSIGNAL) >= 0);
   std::string reply;
   std::array<char, 4096> bytes;
   ssize_t size = 0;
-  while ((size = read(fd.get(), bytes.data(), bytes.size())) > 0) {
+  const auto receive = [&] {
+    limit_wait(SO_RCVTIMEO);
+    return read(fd.get(), bytes.data(), bytes.size());
+  };
+  while ((size = receive()) > 0) {
+    if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error(kTooSlow);
     reply.append(bytes.data(), static_cast<size_t>(size));
     if (reply.size() > kMaxReply) {
       throw std::runtime_error(fmt::format("its reply is longer than {} bytes", kMaxReply));

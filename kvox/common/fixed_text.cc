@@ -1,7 +1,7 @@
 #include "kvox/common/fixed_text.h"
 
+#include <algorithm>
 #include <cstdint>
-#include <string_view>
 
 namespace kvox {
 namespace {
@@ -36,6 +36,29 @@ std::string ValidUtf8(std::string text) {
     at += length == 0 ? 1 : length;
   }
   return text;
+}
+
+std::string EscapeControls(std::string_view text) {
+  while (text.ends_with('\n')) text.remove_suffix(1);
+  std::string escaped;
+  escaped.reserve(text.size());
+  while (!text.empty()) {
+    const size_t length = SequenceLength(text);
+    const auto first = static_cast<uint8_t>(text[0]);
+    const bool c1 = length == 2 && first == 0xc2 && static_cast<uint8_t>(text[1]) < 0xa0;
+    const bool plain = length > 1 ? !c1 : length == 1 && first >= ' ' && first != 0x7f;
+    if (plain) {
+      escaped += text.substr(0, length);
+    } else if (first == '\n' || first == '\t') {
+      escaped += first == '\n' ? "\\n" : "\\t";
+    } else {
+      for (const char byte : text.substr(0, std::max<size_t>(length, 1))) {
+        escaped += FormatText<8>("\\x%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+      }
+    }
+    text.remove_prefix(std::max<size_t>(length, 1));
+  }
+  return escaped;
 }
 
 }  // namespace kvox

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 namespace kvox {
 
@@ -36,5 +37,9 @@ class ErrorText {
 
 /// The text with every byte that is not part of a well-formed UTF-8 sequence replaced by '?'.
 std::string ValidUtf8(std::string text);
+
+/// The text on one line that steers no terminal: newlines at its end are dropped, every other
+/// control character and every byte that is not UTF-8 becomes an escape, such as "\n" or "\x1b".
+std::string EscapeControls(std::string_view text);
 
 }  // namespace kvox

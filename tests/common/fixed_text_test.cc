@@ -30,6 +30,23 @@ TEST(ValidUtf8, ReplacesEachByteThatIsNotWellFormed) {
   for (const auto& row : rows) EXPECT_EQ(ValidUtf8(row.text), row.valid);
 }
 
+TEST(EscapeControls, LeavesNothingThatEndsALineOrSteersATerminal) {
+  const struct {
+    const char* text;
+    const char* escaped;
+  } rows[] = {
+      {"plain text \xc3\xa9\n\n", "plain text \xc3\xa9"},
+      {"a\nE kvox: forged\tb", "a\\nE kvox: forged\\tb"},
+      {"\x1b[2J\r\x7f", "\\x1b[2J\\x0d\\x7f"},
+      {"\xc2\x9b"
+       "2J \xc2\xa0",
+       "\\xc2\\x9b"
+       "2J \xc2\xa0"},
+      {"cut \xe2\x82", "cut \\xe2\\x82"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(EscapeControls(row.text), row.escaped);
+}
+
 TEST(FourCc, TextEndsAtTheFirstNul) {
   EXPECT_EQ(ToString(0x70617373), "pass");
   EXPECT_EQ(MakeFourCc("arel"), 0x6172656cu);

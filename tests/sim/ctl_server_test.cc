@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 
@@ -94,6 +95,23 @@ TEST_F(CtlServerTest, AnEndlessReplyIsRefused) {
   EXPECT_EQ(RunCtl(path_, {"long"}), 3);
   EXPECT_THAT(::testing::internal::GetCapturedStderr(),
               HasSubstr("(its reply is longer than 16777216 bytes)"));
+}
+
+TEST(CtlClientTest, AReplyThatTricklesHasAnEnd) {
+  const TempDirectory directory;
+  const UniqueFd parent(open(directory.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const sockaddr_un address = SocketAddress(parent, kCtlName);
+  const UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+  ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener.get(), 1), 0);
+  std::thread trickle([&] {
+    const UniqueFd client(accept(listener.get(), nullptr, nullptr));
+    while (send(client.get(), "o", 1, MSG_NOSIGNAL) == 1) poll(nullptr, 0, 100);
+  });
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(RunCtl(directory.path(), {"stat"}), 3);
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("(it takes too long)"));
+  trickle.join();
 }
 
 }  // namespace

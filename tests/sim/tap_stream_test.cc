@@ -71,7 +71,7 @@ class TapStreamTest : public ::testing::Test {
   }
   /// Runs whenever the stream asks for it, up to `until` and no later.
   void RunUntil(TapStream& stream, uint64_t until) {
-    while (next_ <= until) next_ = stream.Run(now_ = next_);
+    for (int runs = 0; next_ <= until && runs < 10'000; ++runs) next_ = stream.Run(now_ = next_);
     now_ = until;
   }
 
@@ -147,7 +147,7 @@ TEST(FifoWriter, NeverPutsHalfAPacket) {
     if (result == Result::kSent) sent.push_back(number);
     return result;
   };
-  while (offer() == Result::kSent) {
+  while (number < 100 && offer() == Result::kSent) {
   }
   EXPECT_EQ(offer(), Result::kDropped);
   std::vector<uint8_t> received;
