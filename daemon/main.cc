@@ -8,7 +8,6 @@
 
 #include "daemon/kvoxd.h"
 #include "daemon/usage.h"
-#include "interface/service_name.h"
 #include "kvox/common/log.h"
 #include "platform/platform.h"
 #include "service/kvox_service.h"
@@ -48,7 +47,7 @@ int main(int argc, char** argv) {
   if (argc > 1) return PrintUsage(argv[1]);
   PrepareSignals();
   kvox::PreparePlatform();
-  kvox::ReleaseStaleWakeLock("kvox", kvox::KvoxDescriptor());
+  kvox::ReleaseStaleWakeLock("kvox");
   kvox::Kvoxd& daemon = kvox::Kvoxd::Instance();
   kvox::LogInfo("Start %s\n", "Main");
   kvox::LogInfo("enable_kvox_processing: %u", kEnableKvoxProcessing ? 1u : 0u);

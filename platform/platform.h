@@ -21,9 +21,13 @@ std::vector<HelpRow> ClientVariables();
 /// Where the co-processor's devices are, without a slash at the end. Any thread.
 const std::string& DeviceDirectory();
 
+/// A call that waits for a device rather than works says so, on its thread: until it waits no
+/// longer, the platform may serve another call in its place. Nested pairs count as one. Any thread.
+void CallWaits(bool waits);
+
 /// Releases a wake lock of this name that an earlier process left, where locks outlive their
-/// process; not while a live process serves `service`, as it is that one's lock.
-void ReleaseStaleWakeLock(const char* name, const char* service);
+/// process. For the one process that has registered the service and holds no lock yet.
+void ReleaseStaleWakeLock(const char* name);
 
 /// Why this thread's last registration or look-up of a service failed, with the cause, if the
 /// platform reports it, and the next step. Undefined after one that succeeded.

@@ -61,6 +61,7 @@ call() {
 # start_machine SCENARIO: starts both, and waits until the daemon has buffers.
 start_machine() {
   mkdir -p "$private/dev" "$private/run"
+  chmod 700 "$private/run" # the daemon refuses one that others may write to
   export KVOX_DEV_DIR=$private/dev KVOX_RUNTIME_DIR=$private/run
   export KVOX_WAKE_LOCK_DIR=$private/no-wake-locks
   rm -f "$private/stats.json"

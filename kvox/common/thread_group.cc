@@ -19,26 +19,33 @@ ThreadGroup::~ThreadGroup() {
   if (last.joinable()) last.join();
 }
 
-bool ThreadGroup::Start(const char* name, std::function<void()> body, uint64_t owner) {
+size_t ThreadGroup::Start(const char* name, std::function<void()> body, uint64_t owner,
+                          size_t after) {
+  std::function<void()> replaced;  // what it owns goes after the lock
   MutexLock lock(mutex_);
-  const auto of_owner = std::count_if(running_.begin(), running_.end(), [owner](const auto& entry) {
-    return entry.second.owner == owner;
-  });
-  if (running_.size() >= limit_ || static_cast<size_t>(of_owner) >= owner_limit_) return false;
-  const size_t number = next_number_++;
-  try {
-    // Finish() takes the lock, so the thread is in the table before it ends.
-    std::thread thread([this, number, text = std::string(name), run = std::move(body)]() mutable {
-      SetThreadName(text.c_str());
-      run();
-      run = nullptr;
-      Finish(number);
-    });
-    running_.emplace(number, Running{std::move(thread), owner});
-  } catch (const std::system_error&) {
-    return false;
+  const auto share = static_cast<size_t>(
+      std::count_if(running_.begin(), running_.end(),
+                    [owner](const auto& entry) { return entry.second.IsOf(owner); }));
+  if (running_.size() < limit_ && share < owner_limit_) {
+    const size_t number = ++last_number_;
+    Running& entry = running_[number];
+    entry = {.thread = {}, .owner = owner, .next = std::move(body), .next_owner = owner};
+    try {
+      entry.thread = std::thread([this, number, text = std::string(name)] {
+        SetThreadName(text.c_str());
+        while (const auto work = Next(number)) work();
+      });
+      return number;
+    } catch (const std::system_error&) {
+      body = std::move(entry.next);
+      running_.erase(number);
+    }
   }
-  return true;
+  const auto heir = running_.find(after);
+  if (heir == running_.end() || (!heir->second.IsOf(owner) && share >= owner_limit_)) return 0;
+  replaced = std::exchange(heir->second.next, std::move(body));
+  heir->second.next_owner = owner;
+  return after;
 }
 
 size_t ThreadGroup::running() const {
@@ -46,16 +53,23 @@ size_t ThreadGroup::running() const {
   return running_.size();
 }
 
-/// On the ending thread. The thread that it joins has already finished.
-void ThreadGroup::Finish(size_t number) {
+/// What the thread runs next. After none the thread has left the table; the one that it joins has
+/// left it before.
+std::function<void()> ThreadGroup::Next(size_t number) {
   std::thread before;
   MutexLock lock(mutex_);
-  before = std::exchange(finished_, std::move(running_.at(number).thread));
+  Running& entry = running_.at(number);
+  if (entry.next) {
+    entry.owner = entry.next_owner;
+    return std::exchange(entry.next, nullptr);
+  }
+  before = std::exchange(finished_, std::move(entry.thread));
   running_.erase(number);
   lock.Unlock();
   if (before.joinable()) before.join();
   lock.Lock();
   finished_one_.NotifyAll();
+  return nullptr;
 }
 
 }  // namespace kvox

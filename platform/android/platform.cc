@@ -19,8 +19,11 @@ const std::string& DeviceDirectory() {
   return *directory;
 }
 
+/// The platform's pool has no places to lend.
+void CallWaits(bool) {}
+
 /// The suspend service releases the locks of a process that ends.
-void ReleaseStaleWakeLock(const char*, const char*) {}
+void ReleaseStaleWakeLock(const char*) {}
 
 /// The service manager gives no more than a code.
 const std::string& ServiceError() {

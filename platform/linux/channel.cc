@@ -1,7 +1,6 @@
 #include "platform/linux/channel.h"
 
 #include <errno.h>
-#include <event2/buffer.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -17,49 +16,75 @@ size_t SizeOf(const Channel::Parts& parts) {
   return parts[0].iov_len + parts[1].iov_len + parts[2].iov_len;
 }
 
+bool MayWorkLater(int error) {
+  return error == EAGAIN || error == EINTR || error == ENOBUFS;
+}
+
+timeval TimeOf(std::chrono::seconds time) {
+  return {.tv_sec = time.count(), .tv_usec = 0};
+}
+
 }  // namespace
 
 bool Channel::Open(event_base* base, UniqueFd fd, size_t first_bytes) {
-  // Callbacks are deferred and run without libevent's lock, so that they may take ours.
-  constexpr int kOptions = BEV_OPT_CLOSE_ON_FREE | BEV_OPT_THREADSAFE | BEV_OPT_DEFER_CALLBACKS |
-                           BEV_OPT_UNLOCK_CALLBACKS;
-  bufferevent* stream = bufferevent_socket_new(base, fd.get(), kOptions);
-  if (stream == nullptr) return false;
-  fd.Release();
-  needed_ = first_bytes;
-  const auto on_event = [](bufferevent*, short, void* channel) {
-    static_cast<Channel*>(channel)->owner_.OnBroken();
+  auto stream = std::make_unique<Stream>();
+  stream->fd = std::move(fd);
+  const auto make = [&](int of, short what, event_callback_fn run) {
+    return Event(event_new(base, of, static_cast<short>(what | EV_PERSIST), run, this));
   };
-  bufferevent_setcb(stream, OnReadable, OnDrained, on_event, this);
-  bufferevent_setwatermark(stream, EV_READ, first_bytes, kMaxFrameSize);
-  bufferevent_setwatermark(stream, EV_WRITE, kPauseUnsentBytes / 2, 0);
-  bufferevent_set_max_single_read(stream, kMaxSingleRead);
-  const timeval handshake{.tv_sec = kHandshakeTimeout.count(), .tv_usec = 0};
-  bufferevent_set_timeouts(stream, &handshake, nullptr);
+  const int socket = stream->fd.get();
+  const int in_line = 1;
+  setsockopt(socket, SOL_SOCKET, SO_OOBINLINE, &in_line, sizeof in_line);
+  stream->readable = make(socket, EV_READ, [](int, short, void* channel) {
+    static_cast<Channel*>(channel)->OnReadable();
+  });
+  stream->writable = make(socket, EV_WRITE, [](int, short what, void* channel) {
+    static_cast<Channel*>(channel)->OnWritable(what);
+  });
+  stream->more =
+      make(-1, 0, [](int, short, void* channel) { static_cast<Channel*>(channel)->OnMore(); });
+  stream->deadline =
+      make(-1, 0, [](int, short, void* channel) { static_cast<Channel*>(channel)->OnDeadline(); });
+  stream->input.reset(evbuffer_new());
+  stream->output.reset(evbuffer_new());
+  input_ = stream->input.get();
+  needed_ = first_bytes;
+  const bool complete = stream->readable && stream->writable && stream->more && stream->deadline &&
+                        stream->input && stream->output;
+  const timeval handshake = TimeOf(kHandshakeTimeout);
   MutexLock lock(mutex_);
-  stream_ = stream;
-  return bufferevent_enable(stream, EV_READ) == 0;  // writing is enabled from the start
+  stream_ = std::move(stream);
+  return complete && event_add(stream_->deadline.get(), &handshake) == 0 &&
+         event_add(stream_->readable.get(), nullptr) == 0;
 }
 
-void Channel::EndHandshake() {
+void Channel::LimitTime(std::chrono::seconds limit) {
+  const timeval time = TimeOf(limit);
   MutexLock lock(mutex_);
-  if (stream_ != nullptr) bufferevent_set_timeouts(stream_, nullptr, nullptr);
+  if (!stream_ || aborted_) return;
+  event_del_noblock(stream_->deadline.get());
+  if (limit.count() > 0 && event_add(stream_->deadline.get(), &time) != 0) Abort();
+}
+
+void Channel::Break(const char* fault) {
+  MutexLock lock(mutex_);
+  if (stream_) Abort(fault);
 }
 
 bool Channel::Send(Parts parts) {
   MutexLock lock(mutex_);
-  if (stream_ == nullptr || aborted_) return false;
+  if (!stream_ || aborted_) return false;
   size_t sent = 0;
   // Bytes leave the queue only once written, and are added only under our lock: if it is empty,
   // nothing is ahead of us.
-  if (evbuffer_get_length(bufferevent_get_output(stream_)) == 0) {
+  if (evbuffer_get_length(stream_->output.get()) == 0) {
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();
-    const ssize_t size = sendmsg(bufferevent_getfd(stream_), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t size = sendmsg(stream_->fd.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (size >= 0) {
       sent = static_cast<size_t>(size);
-    } else if (errno != EAGAIN && errno != EINTR && errno != ENOBUFS) {
+    } else if (!MayWorkLater(errno)) {
       Abort();
       return false;
     }
@@ -68,7 +93,7 @@ bool Channel::Send(Parts parts) {
 }
 
 bool Channel::Queue(const Parts& parts, size_t sent) {
-  evbuffer* output = bufferevent_get_output(stream_);
+  evbuffer* const output = stream_->output.get();
   bool queued = evbuffer_get_length(output) + SizeOf(parts) - sent <= kMaxUnsentBytes;
   for (const iovec& part : parts) {
     const size_t skipped = std::min(sent, part.iov_len);
@@ -77,10 +102,35 @@ bool Channel::Queue(const Parts& parts, size_t sent) {
     const auto* rest = static_cast<const char*>(part.iov_base) + skipped;
     queued = evbuffer_add(output, rest, part.iov_len - skipped) == 0;
   }
-  if (!queued) Abort();
-  owner_.OnUnsent(evbuffer_get_length(output));
+  const size_t unsent = evbuffer_get_length(output);
+  if (!queued || !AwaitWritable(unsent)) Abort();
+  owner_.OnUnsent(unsent);
   UpdateReadingLocked();
-  return queued;
+  return !aborted_;
+}
+
+/// A peer has its time from the moment at which it leaves too much, and again whenever it takes
+/// some.
+bool Channel::AwaitWritable(size_t unsent) {
+  event* const writable = stream_->writable.get();
+  const timeval limit = TimeOf(unread_limit_);
+  const bool limited = unread_limit_.count() > 0 && unsent > kPauseUnsentBytes &&
+                       event_pending(writable, EV_TIMEOUT, nullptr) == 0;
+  return event_add(writable, limited ? &limit : nullptr) == 0;
+}
+
+void Channel::OnWritable(short what) {
+  MutexLock lock(mutex_);
+  if (!stream_ || aborted_) return;
+  if ((what & EV_TIMEOUT) != 0) return Abort("calls, and did not read the replies");
+  evbuffer* const output = stream_->output.get();
+  if (evbuffer_write(output, stream_->fd.get()) < 0 && !MayWorkLater(errno)) return Abort();
+  const size_t left = evbuffer_get_length(output);
+  if (left > kPauseUnsentBytes / 2) return;
+  event_remove_timer(stream_->writable.get());
+  if (left == 0) event_del(stream_->writable.get());
+  owner_.OnUnsent(left);
+  UpdateReadingLocked();
 }
 
 bool Channel::UpdateReading() {
@@ -89,31 +139,40 @@ bool Channel::UpdateReading() {
 }
 
 bool Channel::UpdateReadingLocked() {
-  if (stream_ == nullptr || aborted_) return false;
+  if (!stream_ || aborted_) return false;
   const bool wanted = owner_.WantsInput();
   if (wanted == std::exchange(reading_, wanted)) return wanted;
   if (wanted) {
-    bufferevent_enable(stream_, EV_READ);
+    event_add(stream_->readable.get(), nullptr);
     // The buffer may already contain whole frames, for which no other event comes.
-    bufferevent_trigger(stream_, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);
+    event_active(stream_->more.get(), 0, 0);
   } else {
-    bufferevent_disable(stream_, EV_READ);
+    event_del_noblock(stream_->readable.get());
   }
   return wanted;
 }
 
-void Channel::Abort() {
+void Channel::Abort(const char* fault) {
   if (std::exchange(aborted_, true)) return;
-  bufferevent_trigger_event(stream_, BEV_EVENT_ERROR, 0);
+  fault_ = fault;
+  event_del_noblock(stream_->readable.get());
+  event_del_noblock(stream_->writable.get());
+  event_active(stream_->more.get(), 0, 0);
 }
 
-void Channel::Close() {
-  bufferevent* stream = nullptr;
+UniqueFd Channel::Close() {
+  std::unique_ptr<Stream> stream;
   {
     MutexLock lock(mutex_);
-    stream = std::exchange(stream_, nullptr);
+    stream = std::move(stream_);
   }
-  if (stream != nullptr) bufferevent_free(stream);
+  return stream ? std::move(stream->fd) : UniqueFd();
+}
+
+bool Channel::IsBroken(const char** fault) const {
+  MutexLock lock(mutex_);
+  *fault = fault_;
+  return stream_ == nullptr || aborted_;
 }
 
 bool Channel::open() const {
@@ -121,24 +180,55 @@ bool Channel::open() const {
   return stream_ != nullptr && !aborted_;
 }
 
-void Channel::OnReadable(bufferevent* stream, void* channel) {
-  auto* self = static_cast<Channel*>(channel);
-  evbuffer* const input = bufferevent_get_input(stream);
-  const size_t needed = self->owner_.OnInput(input);
-  if (needed == 0) return;
-  if (needed != std::exchange(self->needed_, needed)) {
-    bufferevent_setwatermark(stream, EV_READ, needed, kMaxFrameSize);
-  }
-  MutexLock lock(self->mutex_);
-  if (!self->reading_ || self->aborted_ || evbuffer_get_length(input) < needed) return;
-  bufferevent_trigger(stream, EV_READ, BEV_TRIG_IGNORE_WATERMARKS);  // deferred
+void Channel::OnDeadline() {
+  owner_.OnBroken("only a part of what was due");
 }
 
-void Channel::OnDrained(bufferevent* stream, void* channel) {
-  auto* self = static_cast<Channel*>(channel);
-  MutexLock lock(self->mutex_);
-  self->owner_.OnUnsent(evbuffer_get_length(bufferevent_get_output(stream)));
-  self->UpdateReadingLocked();
+void Channel::OnReadable() {
+  const char* fault = nullptr;
+  if (!Read(fault)) return owner_.OnBroken(fault);
+  if (evbuffer_get_length(input_) >= needed_) GiveInput();
+}
+
+/// False when the stream has ended, or must end because of `fault`.
+bool Channel::Read(const char*& fault) {
+  static std::array<std::byte, kMaxSingleRead> bytes;  // there is one reactor
+  // No more than the next frame, unless that is small.
+  const size_t most = std::max(needed_, bytes.size());
+  const size_t room = most - std::min(most, evbuffer_get_length(input_));
+  if (room == 0) return true;
+  int fd = -1;
+  {
+    MutexLock lock(mutex_);
+    fd = stream_->fd.get();
+  }
+  iovec part{.iov_base = bytes.data(), .iov_len = std::min(room, bytes.size())};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  ssize_t size = recvmsg(fd, &message, MSG_PEEK | MSG_DONTWAIT);
+  if (size > 0 && (message.msg_flags & MSG_CTRUNC) != 0) {  // a descriptor would have come with it
+    fault = "descriptors";
+    return false;
+  }
+  if (size > 0) size = recv(fd, bytes.data(), static_cast<size_t>(size), MSG_DONTWAIT);
+  if (size < 0) return MayWorkLater(errno);
+  return size > 0 && evbuffer_add(input_, bytes.data(), static_cast<size_t>(size)) == 0;
+}
+
+void Channel::GiveInput() {
+  const size_t needed = owner_.OnInput(input_);
+  if (needed == 0) return;  // this object may be gone
+  needed_ = needed;
+  MutexLock lock(mutex_);
+  if (!reading_ || aborted_ || evbuffer_get_length(input_) < needed) return;
+  event_active(stream_->more.get(), 0, 0);  // after other connections
+}
+
+void Channel::OnMore() {
+  const char* fault = nullptr;
+  if (IsBroken(&fault)) return owner_.OnBroken(fault);
+  if (evbuffer_get_length(input_) >= needed_) GiveInput();
 }
 
 }  // namespace kvox::binder

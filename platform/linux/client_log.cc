@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "kvox/common/fixed_text.h"
 #include "kvox/common/log.h"
 
 namespace kvox {
@@ -14,7 +15,7 @@ class StandardError : public LogTarget {
  public:
   void Write(LogPriority priority, const char*, const char* line) override {
     if (priority == LogPriority::kInfo) return;
-    fprintf(stderr, "%s: %s\n", program_invocation_short_name, line);
+    fprintf(stderr, "%s: %s\n", program_invocation_short_name, EscapeControls(line).c_str());
   }
 };
 

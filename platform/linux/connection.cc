@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "kvox/common/log.h"
+#include "platform/linux/closer.h"
 #include "platform/linux/disconnect_log.h"
 #include "platform/linux/local_object.h"
 #include "platform/linux/parcel.h"
@@ -23,25 +24,6 @@ void DropOnPool(std::unique_ptr<AParcel> parcel) {
   if (parcel == nullptr || parcel->objects().empty()) return;
   parcel->DropBytes();
   ThreadPool::Get().Post([held = std::shared_ptr<AParcel>(std::move(parcel))] {});
-}
-
-/// What is wrong with a header, or null.
-const char* CheckHeader(const FrameHeader& header) {
-  const bool bare = header.parcel_size == 0 && header.object_count == 0;
-  if (header.parcel_size > kMaxParcelSize || header.parcel_size % 4 != 0 ||
-      header.object_list_size > kMaxObjectListSize) {
-    return "a frame of impossible size";
-  }
-  switch (header.type) {
-    case FrameType::kRequest:
-      return (header.flags & ~uint32_t{FLAG_ONEWAY}) == 0 ? nullptr : "a request of unknown kind";
-    case FrameType::kReply:
-      return header.code == STATUS_OK || bare ? nullptr : "a failed reply with a parcel";
-    case FrameType::kRelease:
-    case FrameType::kRootRequest:
-      return bare && header.object_list_size == 0 ? nullptr : "a frame with needless contents";
-  }
-  return "a frame of unknown type";
 }
 
 /// Returns free memory to the system once all of a connection's memory is free.
@@ -61,7 +43,12 @@ iovec Part(const void* bytes, size_t size) {
 }  // namespace
 
 Connection::Connection(const Credentials& peer, std::shared_ptr<ServicePort> port)
-    : RequestQueue(peer), peer_(peer), port_(std::move(port)), greeted_(port_ == nullptr) {}
+    : RequestQueue(peer, port != nullptr),
+      peer_(peer),
+      load_(port ? port->load() : nullptr),
+      port_(std::move(port)),
+      greeted_(port_ == nullptr),
+      channel_(*this, load_ ? kUnreadTimeout : std::chrono::seconds(0)) {}
 
 void Connection::Accept(UniqueFd fd, const Credentials& peer, std::shared_ptr<ServicePort> port) {
   const ndk::SpAIBinder root = port->root();
@@ -85,14 +72,19 @@ std::shared_ptr<Connection> Connection::Join(UniqueFd fd, uint64_t root_address,
 
 bool Connection::Open(UniqueFd fd, size_t first_bytes) {
   // The reactor knows the connection before anything can happen to it.
+  if (load_) load_member_ = load_->Add(peer_.uid, std::shared_ptr<LoadMember>(Self(), this));
   event_base* base = Reactor::Get().Start();
-  if (base != nullptr) Reactor::Get().Keep(Self());
-  if (base == nullptr || !channel_.Open(base, std::move(fd), first_bytes)) {
-    Close();  // no callback will do it
-    return false;
+  if (base == nullptr) {
+    Closer::Get().Close(std::move(fd), peer_);
+  } else {
+    Reactor::Get().Keep(Self());
+    if (channel_.Open(base, std::move(fd), first_bytes)) {
+      if (greeted_) channel_.LimitTime({});
+      return true;
+    }
   }
-  if (greeted_) channel_.EndHandshake();
-  return true;
+  Close();  // no callback will do it
+  return false;
 }
 
 binder_status_t Connection::Transact(uint64_t id, transaction_code_t code, AParcel& in,
@@ -149,9 +141,11 @@ bool Connection::Send(FrameHeader header, const AParcel& parcel,
   header.object_count = static_cast<uint32_t>(parcel.objects().size());
   header.parcel_size = static_cast<uint32_t>(parcel.data().size());
   header.object_list_size = static_cast<uint32_t>(object_list.size());
-  return channel_.Send({Part(&header, sizeof header),
-                        Part(parcel.data().data(), parcel.data().size()),
-                        Part(object_list.data(), object_list.size())});
+  const bool sent =
+      channel_.Send({Part(&header, sizeof header), Part(parcel.data().data(), parcel.data().size()),
+                     Part(object_list.data(), object_list.size())});
+  if (load_) load_->Relieve();
+  return sent;
 }
 
 void Connection::SendReply(uint64_t call, binder_status_t status, AParcel& reply) {
@@ -195,9 +189,14 @@ size_t Connection::OnInput(evbuffer* input) {
     if (paused && !channel_.UpdateReading()) return sizeof header;
     evbuffer_copyout(input, &header, sizeof header);
     const char* fault = CheckHeader(header);
-    if (fault == nullptr && size < header.FrameSize()) return header.FrameSize();
+    if (fault == nullptr && size < header.FrameSize()) {
+      return MayReceive(header) ? header.FrameSize() : sizeof header;
+    }
     // It is only read to get at a reply; replies of ours would pile up.
-    if (paused && header.type == FrameType::kRootRequest && ThreadPool::Get().Blocked(*this)) {
+    const bool unread = paused && ThreadPool::Get().Blocked(*this);
+    if (!unread) unread_questions_ = 0;
+    if (unread && header.type == FrameType::kRootRequest &&
+        ++unread_questions_ > kMaxUnreadQuestions) {
       fault = "questions, and does not read the answers";
     }
     if (fault == nullptr) fault = TakeFrame(header, input);
@@ -209,12 +208,28 @@ size_t Connection::OnInput(evbuffer* input) {
   return sizeof header;
 }
 
+/// A large frame waits in the socket until there is room. Until then nothing more is read.
+bool Connection::MayReceive(const FrameHeader& header) {
+  if (load_ == nullptr || memory_) return true;
+  awaits_room_ = true;  // before another thread may say that there is some
+  memory_ = load_->TakeFrame(load_member_, header.FrameSize());
+  if (memory_) awaits_room_ = false;
+  channel_.UpdateReading();  // another thread may have turned it off because of the flag
+  if (memory_ && header.FrameSize() > kLargeFrame) channel_.LimitTime(kLargeFrameTimeout);
+  return memory_ != nullptr;
+}
+
+void Connection::OnLargeFrameMayFit() {
+  awaits_room_ = false;
+  channel_.UpdateReading();
+}
+
 const char* Connection::TakeGreeting(evbuffer* input) {
   ClientGreeting greeting;
   if (greeted_ || evbuffer_get_length(input) < sizeof greeting) return nullptr;
   evbuffer_remove(input, &greeting, sizeof greeting);
   greeted_ = true;
-  channel_.EndHandshake();
+  channel_.LimitTime({});
   if (greeting.magic != kTransportMagic) return "a foreign greeting";
   return greeting.version == kTransportVersion ? nullptr : "a greeting of another version";
 }
@@ -222,6 +237,8 @@ const char* Connection::TakeGreeting(evbuffer* input) {
 const char* Connection::TakeFrame(const FrameHeader& header, evbuffer* input) {
   evbuffer_drain(input, sizeof header);
   received_ += header.FrameSize();
+  auto memory = std::move(memory_);
+  if (memory) channel_.LimitTime({});
   if (header.type == FrameType::kRelease) {
     ndk::SpAIBinder last;
     if (!objects_.Release(header.address, header.call, &last)) return "a false release";
@@ -246,36 +263,47 @@ const char* Connection::TakeFrame(const FrameHeader& header, evbuffer* input) {
     DropOnPool(std::move(parcel));
     return fault;
   }
-  if (header.type == FrameType::kRequest) return TakeRequest(header, std::move(parcel));
+  if (header.type == FrameType::kRequest) {
+    if (load_ && !memory) memory = load_->TakeFrame(load_member_, header.FrameSize());
+    return TakeRequest(header, std::move(parcel), std::move(memory));
+  }
   Reply reply{KnownStatus(static_cast<binder_status_t>(header.code)), std::move(parcel)};
   const bool expected = calls_.Finish(header.call, &reply);
   DropOnPool(std::move(reply.parcel));
   return expected ? nullptr : "a reply to no call";
 }
 
-const char* Connection::TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel) {
+const char* Connection::TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel,
+                                    std::unique_ptr<ServiceLoad::Hold> memory) {
   ndk::SpAIBinder target = objects_.Find(header.address);
   if (target.get() == nullptr) {
     DropOnPool(std::move(parcel));
     return "a call of an object that it was never given";
   }
-  Request request{std::move(target), header.call, header.code, header.flags, std::move(parcel)};
+  Request request{.target = std::move(target),
+                  .call = header.call,
+                  .code = header.code,
+                  .flags = header.flags,
+                  .parcel = std::move(parcel),
+                  .memory = std::move(memory)};
   const bool fits = ThreadPool::Get().Enqueue(*this, std::move(request));
   return fits ? nullptr : "too many calls at once";
 }
 
 bool Connection::WantsInput() const {
-  return !ThreadPool::Get().Paused(*this) || !calls_.empty();
+  return !awaits_room_ && (!ThreadPool::Get().Paused(*this) || !calls_.empty());
 }
 
 void Connection::OnUnsent(size_t bytes) {
   ThreadPool::Get().SetBlocked(*this, bytes > kPauseUnsentBytes);
+  if (load_) load_->SetUnread(load_member_, bytes);
 }
 
 void Connection::Close(const char* fault) {
   if (std::exchange(closed_, true)) return;
   const auto self = Self();
-  channel_.Close();
+  UniqueFd socket = channel_.Close();
+  memory_ = nullptr;
   calls_.FinishAll(STATUS_DEAD_OBJECT);
   Reactor::Get().Forget(self);
 
@@ -286,17 +314,26 @@ void Connection::Close(const char* fault) {
   auto orphans = std::make_shared<Orphans>();
   orphans->objects = objects_.Close();
   orphans->requests = ThreadPool::Get().Clear(*this);
-  for (Request& request : orphans->requests) request.parcel->DropBytes();
+  for (Request& request : orphans->requests) {
+    request.parcel->DropBytes();
+    request.memory = nullptr;
+  }
+  if (load_) load_->Remove(load_member_);
   for (const auto& proxy : orphans->objects.proxies) proxy.get()->AsRemote()->Die();
+  // The peer counts as connected until all of this is freed: otherwise one that connects again and
+  // again would fill the memory while the threads are busy.
+  std::shared_ptr<ClientPlace> place;
+  if (port_ != nullptr) {
+    place = std::make_shared<ClientPlace>(std::exchange(port_, nullptr), peer_);
+    Closer::Get().Close(std::move(socket), peer_, place);
+  }
   // On the pool, since the log may block. The port holds the service, which may hold proxies of
-  // this connection. The peer counts as connected until all of this is freed: otherwise one that
-  // connects again and again would fill the memory while the threads are busy.
+  // this connection.
   ThreadPool::Get().Post(
-      [held = std::move(orphans), fault, peer = peer_, port = std::exchange(port_, nullptr)] {
+      [held = std::move(orphans), fault, peer = peer_, place = std::move(place)] {
         if (fault != nullptr) LogDisconnect(peer, fault);
         for (const auto& proxy : held->objects.proxies) ReportDeath(*proxy.get()->AsRemote());
         *held = {};
-        if (port != nullptr) port->Leave(peer);
       });
   if (received_ >= kTrimBytes) TrimSoon();
 }

@@ -5,6 +5,7 @@
 // taken under none of them, and no code of an object runs under any.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string_view>
@@ -14,13 +15,14 @@
 #include "platform/linux/credentials.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/object_table.h"
+#include "platform/linux/service_load.h"
 #include "platform/linux/service_port.h"
 #include "platform/linux/thread_pool.h"
 
 namespace kvox::binder {
 
 /// Owned by the reactor until it is closed, and by the proxies of the peer's objects.
-class Connection final : public RequestQueue, private ChannelOwner {
+class Connection final : public RequestQueue, private ChannelOwner, private LoadMember {
  public:
   /// The service's end: greets the client with the port's object. The port has admitted `peer`.
   static void Accept(UniqueFd fd, const Credentials& peer, std::shared_ptr<ServicePort> port);
@@ -59,22 +61,33 @@ class Connection final : public RequestQueue, private ChannelOwner {
 
   // ChannelOwner
   size_t OnInput(evbuffer* input) override;
-  void OnBroken() override { Close(); }
+  void OnBroken(const char* fault) override { Close(fault); }
   bool WantsInput() const override;
   void OnUnsent(size_t bytes) override;
+
+  // LoadMember
+  void OnLargeFrameMayFit() override;
+  void OnOverload() override { channel_.Break("more than others leave room for"); }
 
   /// These return what is wrong, or null.
   const char* TakeGreeting(evbuffer* input);
   const char* TakeFrame(const FrameHeader& header, evbuffer* input);
-  const char* TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel);
+  const char* TakeRequest(const FrameHeader& header, std::unique_ptr<AParcel> parcel,
+                          std::unique_ptr<ServiceLoad::Hold> memory);
+  bool MayReceive(const FrameHeader& header);
 
   const Credentials peer_;
-  // The next four are the reactor's.
+  const std::shared_ptr<ServiceLoad> load_;  // null: the client's end
+  // The next six are the reactor's.
   std::shared_ptr<ServicePort> port_;  // null: the client's end, or closed
   bool greeted_;
   bool closed_ = false;
   size_t received_ = 0;
-  Channel channel_{*this};
+  int unread_questions_ = 0;
+  std::unique_ptr<ServiceLoad::Hold> memory_;  // of the frame that is arriving
+  uint64_t load_member_ = 0;                   // constant once it is open
+  std::atomic<bool> awaits_room_ = false;      // for a large frame
+  Channel channel_;
   ObjectTable objects_;
   CallTable calls_;
 };

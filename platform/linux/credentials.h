@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 namespace kvox::binder {
 
@@ -11,6 +12,11 @@ struct Credentials {
 
   bool operator==(const Credentials&) const = default;
 };
+
+/// Root, or the user that this process runs as.
+inline bool IsPrivileged(uid_t user) {
+  return user == 0 || user == geteuid();
+}
 
 /// The process at the other end of a connected socket; process 0 of no user if the system does not
 /// report it. Any thread.

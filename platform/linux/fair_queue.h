@@ -1,48 +1,70 @@
 // Fair scheduling: users take turns, within a user its processes, within a process the items that
-// it queued. The user or process with fewer items in flight goes first. So neither many connections
-// nor many processes nor slow calls give anyone more than a fair share.
+// it queued. The user or process with fewer items in flight goes first, and nobody has more than a
+// share of them. So neither many connections nor many processes nor slow calls give anyone more
+// than a fair share.
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <utility>
 
 #include "platform/linux/credentials.h"
+#include "platform/linux/fair_share.h"
 
 namespace kvox::binder {
+
+/// Whose item it is.
+struct WorkOwner {
+  uid_t user;
+  uint64_t process;     // tells the user's processes apart
+  bool limited = true;  // by the shares
+};
+
+struct WorkLimits {
+  Places users;  // in flight
+  int process;   // items of one process in flight
+};
 
 /// One thread at a time.
 template <typename Item>
 class FairQueue {
  public:
-  bool empty() const { return waiting_ == 0; }
+  explicit FairQueue(const WorkLimits& limits) : limits_(limits) {}
 
-  /// Appends an item to its process's queue.
-  void Push(const Credentials& owner, Item item) {
-    User& user = FindOrAdd(users_, &User::uid, owner.uid);
-    FindOrAdd(user.processes, &Process::pid, owner.pid).items.push_back(std::move(item));
-    ++user.waiting;
-    ++waiting_;
+  /// Whether there is an item whose user and process are below their shares.
+  bool HasNext() const {
+    return std::ranges::any_of(users_, [this](const User& user) { return MayRun(user); });
   }
 
-  /// Removes the item that is next; it is in flight until Finish. The queue must not be empty.
-  Item Pop() {
-    User& user = PickNext(users_, [](const User& each) { return each.waiting > 0; });
-    Process& process =
-        PickNext(user.processes, [](const Process& each) { return !each.items.empty(); });
+  /// Appends an item to its process's queue.
+  void Push(const WorkOwner& owner, Item item) { Find(owner).items.push_back(std::move(item)); }
+
+  /// Removes the item that is next; it is in flight until Finish. HasNext() must be true. For the
+  /// last thread, processes that already occupy one go last.
+  Item Pop(bool last_thread = false) {
+    only_idle_ = last_thread && std::ranges::any_of(users_, [this](const User& user) {
+                   return MayRun(user) &&
+                          std::ranges::any_of(user.processes, [this](const Process& process) {
+                            return MayRun(process) && process.occupied() == 0;
+                          });
+                 });
+    User& user = PickNext(users_);
+    Process& process = PickNext(user.processes);
+    only_idle_ = false;
     Item item = std::move(process.items.front());
     process.items.pop_front();
-    --user.waiting;
-    --waiting_;
     return item;
   }
 
+  /// An item of `owner` in flight occupies no thread, or does so again.
+  void SetLent(const WorkOwner& owner, bool lent) { Find(owner).lent += lent ? 1 : -1; }
+
   /// An item of `owner` is no longer in flight.
-  void Finish(const Credentials& owner) {
-    User& user = FindOrAdd(users_, &User::uid, owner.uid);
+  void Finish(const WorkOwner& owner) {
+    User& user = FindUser(owner);
     --user.in_flight;
-    --FindOrAdd(user.processes, &Process::pid, owner.pid).in_flight;
+    --Find(owner).in_flight;
     std::erase_if(user.processes,
                   [](const Process& each) { return each.items.empty() && each.in_flight == 0; });
     std::erase_if(users_, [](const User& each) { return each.processes.empty(); });
@@ -50,36 +72,66 @@ class FairQueue {
 
  private:
   struct Process {
-    pid_t pid;
+    uint64_t key;
+    bool limited;
     int in_flight = 0;
+    int lent = 0;
     std::deque<Item> items = {};
+
+    int occupied() const { return in_flight - lent; }
   };
   struct User {
-    uid_t uid;
+    std::pair<uid_t, bool> key;  // and whether it is limited
     int in_flight = 0;
-    size_t waiting = 0;
     std::deque<Process> processes = {};
   };
 
   // Both lists are short: connections are limited.
 
-  template <typename Entry, typename Id>
-  static Entry& FindOrAdd(std::deque<Entry>& entries, Id Entry::*id, Id wanted) {
-    const auto found = std::ranges::find(entries, wanted, id);
-    return found == entries.end() ? entries.emplace_back(Entry{wanted}) : *found;
+  User& FindUser(const WorkOwner& owner) {
+    const std::pair key(owner.user, owner.limited);
+    const auto found = std::ranges::find(users_, key, &User::key);
+    return found == users_.end() ? users_.emplace_back(User{key}) : *found;
+  }
+  Process& Find(const WorkOwner& owner) {
+    std::deque<Process>& processes = FindUser(owner).processes;
+    const auto found = std::ranges::find(processes, owner.process, &Process::key);
+    if (found != processes.end()) return *found;
+    return processes.emplace_back(Process{owner.process, owner.limited});
   }
 
-  /// Picks the waiting entry with the fewest items in flight and moves it to the back.
-  template <typename Entry, typename Waits>
-  static Entry& PickNext(std::deque<Entry>& entries, const Waits& waits) {
+  bool MayRun(const Process& process) const {
+    return !process.items.empty() && (!process.limited || process.in_flight < limits_.process) &&
+           !(only_idle_ && process.occupied() > 0);
+  }
+  bool MayRun(const User& user) const {
+    return IsBelowShare(user) &&
+           std::ranges::any_of(user.processes,
+                               [this](const Process& process) { return MayRun(process); });
+  }
+  bool IsBelowShare(const User& user) const {
+    const auto [uid, limited] = user.key;
+    if (!limited) return true;
+    PlaceCount count;
+    for (const User& other : users_) {
+      if (!other.key.second) continue;
+      count.Add(&other == &user, IsPrivileged(other.key.first), other.in_flight);
+    }
+    return count.MayTake(limits_.users, IsPrivileged(uid));
+  }
+
+  /// Picks the entry that may run with the fewest items in flight and moves it to the back.
+  template <typename Entry>
+  Entry& PickNext(std::deque<Entry>& entries) {
     const auto next = std::ranges::min_element(
-        entries, {}, [&](const Entry& each) { return std::pair(!waits(each), each.in_flight); });
+        entries, {}, [&](const Entry& each) { return std::pair(!MayRun(each), each.in_flight); });
     std::rotate(next, next + 1, entries.end());
     ++entries.back().in_flight;
     return entries.back();
   }
 
-  size_t waiting_ = 0;
+  const WorkLimits limits_;
+  bool only_idle_ = false;  // while one is picked for the last thread
   std::deque<User> users_;
 };
 

@@ -61,6 +61,9 @@ struct FrameHeader {
 static_assert(sizeof(FrameHeader) == 40 && offsetof(FrameHeader, call) == 8 &&
               offsetof(FrameHeader, flags) == 24 && offsetof(FrameHeader, parcel_size) == 32);
 
+/// What is wrong with a header, or null. Any thread.
+const char* CheckHeader(const FrameHeader& header);
+
 inline constexpr size_t kMaxFrameSize = sizeof(FrameHeader) + kMaxParcelSize + kMaxObjectListSize;
 
 /// One reference of the parcel, followed by its object's descriptor, padded to 4 bytes.

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "kvox/common/log.h"
+#include "platform/linux/closer.h"
 #include "platform/linux/connection.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/limits.h"
@@ -15,14 +16,10 @@
 namespace kvox::binder {
 namespace {
 
-constexpr timeval kPause{
-    .tv_sec = 0,
-    .tv_usec = std::chrono::duration_cast<std::chrono::microseconds>(kAcceptPause).count(),
-};
-
-void Refuse(const UniqueFd& client, AdmitResult reason) {
+void Refuse(UniqueFd client, const Credentials& peer, AdmitResult reason) {
   const ServiceGreeting greeting{.result = reason};
   send(client.get(), &greeting, sizeof greeting, MSG_DONTWAIT | MSG_NOSIGNAL);
+  Closer::Get().Close(std::move(client), peer);
 }
 
 }  // namespace
@@ -49,12 +46,14 @@ bool Listener::Start(event_base* base) {
   };
   readable_ = event_new(base, socket_.get(), EV_READ | EV_PERSIST, accept_pending, this);
   pause_ = event_new(base, -1, 0, end_pause, this);
-  return readable_ != nullptr && pause_ != nullptr && event_add(readable_, nullptr) == 0;
+  return Closer::Get().Start() && readable_ != nullptr && pause_ != nullptr &&
+         event_add(readable_, nullptr) == 0;
 }
 
 void Listener::AcceptPending() {
   // The rest are accepted after other events.
   for (int i = 0; i < kMaxAcceptsAtOnce; ++i) {
+    if (Closer::Get().behind()) return Pause(kClosingPause);
     UniqueFd client(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client.valid()) {
       const Credentials peer = PeerCredentials(client.get());
@@ -62,7 +61,7 @@ void Listener::AcceptPending() {
       if (result == AdmitResult::kAdmitted) {
         Connection::Accept(std::move(client), peer, port_);
       } else {
-        Refuse(client, result);
+        Refuse(std::move(client), peer, result);
       }
       continue;
     }
@@ -70,14 +69,19 @@ void Listener::AcceptPending() {
     if (error == EINTR || error == ECONNABORTED) continue;
     if (error == EAGAIN) return;
     // Out of descriptors or memory: the client stays in the queue, so retrying at once would spin.
-    if (stopping_) return;
-    event_del(readable_);
-    event_add(pause_, &kPause);
+    Pause(kAcceptPause);
     ThreadPool::Get().Post([error] {
       LogWarning("binder: cannot accept a client: %s; trying again", std::strerror(error));
     });
     return;
   }
+}
+
+void Listener::Pause(std::chrono::microseconds time) {
+  if (stopping_) return;
+  const timeval pause{.tv_sec = 0, .tv_usec = time.count()};
+  event_del(readable_);
+  event_add(pause_, &pause);
 }
 
 }  // namespace kvox::binder

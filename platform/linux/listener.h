@@ -4,6 +4,7 @@
 #include <event2/event.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 
 #include "kvox/common/unique_fd.h"
@@ -25,6 +26,7 @@ class Listener {
 
  private:
   void AcceptPending();
+  void Pause(std::chrono::microseconds time);
 
   const UniqueFd socket_;  // non-blocking
   const std::shared_ptr<ServicePort> port_;

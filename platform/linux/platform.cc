@@ -19,6 +19,7 @@ std::vector<HelpRow> ClientVariables() {
   return {
       {"KVOX_RUNTIME_DIR",
        "Directory of kvoxd's socket (where there is one: $XDG_RUNTIME_DIR/kvox, /run/kvox)"},
+      {"KVOX_DAEMON_USER", "User that kvoxd runs as, besides root and you (kvox)"},
   };
 }
 

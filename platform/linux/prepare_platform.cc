@@ -6,28 +6,31 @@
 #include <malloc.h>
 #include <stdlib.h>
 
+#include "kvox/common/fixed_text.h"
 #include "platform/linux/limits.h"
 #include "platform/platform.h"
 
 namespace kvox {
 namespace {
 
-AndroidLogFormat* tag_filter = nullptr;  // set before any other thread runs
+AndroidLogFormat* tag_filter = nullptr;  // set before any other thread runs; null: all is kept
 
-void WriteIfKept(const __android_logger_data* line, const char* text) {
+/// One line of text for one of the log, whatever clients have put into names and paths.
+void WriteLine(const __android_logger_data* line, const char* text) {
   const auto priority = static_cast<android_LogPriority>(line->priority);
-  if (android_log_shouldPrintLine(tag_filter, line->tag, priority) == 0) return;
-  __android_log_stderr_logger(line, text);
+  if (tag_filter != nullptr && android_log_shouldPrintLine(tag_filter, line->tag, priority) == 0) {
+    return;
+  }
+  __android_log_stderr_logger(line, EscapeControls(text).c_str());
 }
 
-/// Makes the log library filter what it writes by ANDROID_LOG_TAGS. By itself it does so only for
-/// what it reads.
-void FilterLog() {
-  const char* tags = getenv("ANDROID_LOG_TAGS");
-  if (tags == nullptr) return;
-  tag_filter = android_log_format_new();
-  android_log_addFilterString(tag_filter, tags);
-  __android_log_set_logger(WriteIfKept);
+/// By itself the log library filters by ANDROID_LOG_TAGS only what it reads, not what it writes.
+void PrepareLog() {
+  if (const char* const tags = getenv("ANDROID_LOG_TAGS"); tags != nullptr) {
+    tag_filter = android_log_format_new();
+    android_log_addFilterString(tag_filter, tags);
+  }
+  __android_log_set_logger(WriteLine);
 }
 
 }  // namespace
@@ -36,7 +39,7 @@ void PreparePlatform() {
   mallopt(M_MMAP_THRESHOLD, binder::kMmapBytes);
   // The binder's event loop needs it; the program must not create its own event loop before.
   evthread_use_pthreads();
-  FilterLog();
+  PrepareLog();
 }
 
 }  // namespace kvox

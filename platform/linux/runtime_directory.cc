@@ -56,8 +56,10 @@ std::string WhoElseRules(const std::string& path) {
   }
   if (stat(path.c_str(), &status) != 0) return strerror(errno);
   if (foreign(status)) return "it belongs to user " + std::to_string(status.st_uid);
-  const bool open_to_all = (status.st_mode & S_IWOTH) != 0 && (status.st_mode & S_ISVTX) == 0;
-  return open_to_all ? "everybody may write to it" : "";
+  // In a sticky directory of our own others may make files, but not replace ours.
+  const bool shared = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+  const bool keeps_ours = (status.st_mode & S_ISVTX) != 0 && status.st_uid == geteuid();
+  return shared && !keeps_ours ? "others may write to it" : "";
 }
 
 std::string PathOf(const std::string& directory, const std::string& name, const char* suffix) {

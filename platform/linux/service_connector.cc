@@ -1,14 +1,19 @@
 #include "platform/linux/service_connector.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <charconv>
 #include <chrono>
 #include <cstring>
-#include <thread>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "kvox/common/unique_fd.h"
 #include "platform/linux/connection.h"
@@ -22,19 +27,27 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kBacklogPause{10};
-
-/// Connects a new socket; tries again until `deadline` while the service's queue is full. Returns 0
-/// or errno.
+/// Connects a new socket, which is non-blocking then. While the service's queue is full, waits in
+/// turn until `deadline`. Returns 0 or errno.
 int Connect(const sockaddr_un& address, Clock::time_point deadline, UniqueFd* fd) {
-  *fd = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  *fd = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const auto* name = reinterpret_cast<const sockaddr*>(&address);
-  while (!fd->valid() || connect(fd->get(), name, sizeof address) != 0) {
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN || Clock::now() >= deadline) return errno;
-    std::this_thread::sleep_for(kBacklogPause);
+  for (bool waits = true; waits;) {
+    const auto now = Clock::now();
+    waits = now < deadline;
+    const auto left =
+        std::chrono::ceil<std::chrono::microseconds>(waits ? deadline - now : Clock::duration());
+    const timeval patience{.tv_sec = left.count() / 1'000'000, .tv_usec = left.count() % 1'000'000};
+    const int result =
+        waits ? setsockopt(fd->get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience)
+              : fcntl(fd->get(), F_SETFL, O_NONBLOCK);
+    if (result != 0) return errno;
+    if (connect(fd->get(), name, sizeof address) == 0) {
+      return fcntl(fd->get(), F_SETFL, O_NONBLOCK) == 0 ? 0 : errno;
+    }
+    if (errno != EINTR && errno != EAGAIN) return errno;
   }
-  return 0;
+  return EAGAIN;
 }
 
 /// Reads exactly `size` bytes. False when the peer closes or the deadline passes first.
@@ -60,10 +73,9 @@ std::string ExplainRefusal(AdmitResult reason) {
       return "takes " + std::to_string(kMaxConnectionsOfProcess) +
              " clients of one process, and this one has as many; end one";
     case AdmitResult::kTooManyOfUser:
-      return "takes " + std::to_string(kMaxConnectionsOfUser) +
-             " clients of one user, and this one has as many; end one";
+      return "takes no more clients of this user; end one";
     default:
-      return "has all the " + std::to_string(kMaxConnections) + " clients that it takes; end one";
+      return "has all the " + std::to_string(kConnections.all) + " clients that it takes; end one";
   }
 }
 
@@ -106,6 +118,29 @@ std::string ExplainConnect(int error) {
   return std::string("cannot be connected to: ") + std::strerror(error);
 }
 
+/// The number of the user that the daemon runs as: KVOX_DAEMON_USER, a name or a number, else the
+/// one that the packages create. None where there is no such user.
+std::optional<uid_t> ConfiguredOwner() {
+  const char* const configured = getenv("KVOX_DAEMON_USER");
+  const std::string name = configured != nullptr && *configured != '\0' ? configured : "kvox";
+  uid_t number = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+  if (error == std::errc() && end == name.data() + name.size()) return number;
+  std::vector<char> strings(1 << 14);
+  passwd entry;
+  passwd* found = nullptr;
+  getpwnam_r(name.c_str(), &entry, strings.data(), strings.size(), &found);
+  return found != nullptr ? std::optional(found->pw_uid) : std::nullopt;
+}
+
+/// Why not to talk to a service of this user, or "".
+std::string Distrust(uid_t owner) {
+  if (owner == 0 || owner == geteuid() || owner == ConfiguredOwner()) return "";
+  return "belongs to user " + std::to_string(owner) +
+         ", who is neither root nor you nor the daemon's user; end that process, or name the "
+         "daemon's user in KVOX_DAEMON_USER";
+}
+
 }  // namespace
 
 ServiceLink ConnectToService(const std::string& path) {
@@ -118,6 +153,11 @@ ServiceLink ConnectToService(const std::string& path) {
     link.absent = error == ENOENT || error == ENOTDIR;
     link.denied = error == EACCES;
     link.error = path + " " + ExplainConnect(link.absent ? ENOENT : error);
+    return link;
+  }
+  if (const std::string fault = Distrust(PeerCredentials(fd.get()).uid); !fault.empty()) {
+    link.denied = true;
+    link.error = path + " " + fault;
     return link;
   }
   ServiceGreeting greeting;

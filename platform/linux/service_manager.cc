@@ -15,6 +15,7 @@
 
 #include "kvox/common/log.h"
 #include "platform/linux/binder_object.h"
+#include "platform/linux/closer.h"
 #include "platform/linux/reactor.h"
 #include "platform/linux/runtime_directory.h"
 #include "platform/platform.h"
@@ -26,8 +27,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr mode_t kSocketMode = 0660;
 constexpr mode_t kLockMode = 0600;  // anyone who can open it can lock it
-
-constexpr Clock::duration kLockPause = std::chrono::milliseconds(10);
 
 thread_local std::string error_of_thread;
 thread_local bool denied_of_thread = false;
@@ -46,12 +45,7 @@ binder_exception_t Refusal(const std::string& what, int cause, std::string* erro
 binder_exception_t LockName(const std::string& path, UniqueFd* lock, std::string* error) {
   *lock = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
   if (!lock->valid()) return Refusal("cannot open " + path, errno, error);
-  const auto take = [&] { return flock(lock->get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno; };
-  int cause = take();
-  if (cause == EWOULDBLOCK) {  // perhaps a process is just testing it with IsServed()
-    std::this_thread::sleep_for(kLockPause);
-    cause = take();
-  }
+  const int cause = flock(lock->get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
   if (cause == 0) return EX_NONE;
   if (cause != EWOULDBLOCK) return Refusal("cannot lock " + path, cause, error);
   *error = path + " is locked: another process serves that name; stop it first";
@@ -75,6 +69,10 @@ binder_exception_t Listen(const std::string& path, UniqueFd* fd, std::string* er
   if (const int cause = SetMode(path, S_IFSOCK, kSocketMode); cause != 0) {
     return Refusal("cannot give its mode to " + path, cause, error);
   }
+  // Where the system can, it refuses to send descriptors to us.
+  constexpr int kPassRights = 83;  // SO_PASSRIGHTS
+  const int off = 0;
+  setsockopt(fd->get(), SOL_SOCKET, kPassRights, &off, sizeof off);
   if (listen(fd->get(), kListenBacklog) == 0) return EX_NONE;
   return Refusal("cannot listen on " + path, errno, error);
 }
@@ -91,13 +89,6 @@ AIBinder* Await(const char* instance, Clock::time_point deadline) {
 }
 
 }  // namespace
-
-bool IsServed(const std::string& name) {
-  const std::string path = LockPath(RuntimeDirectory(), name);
-  const UniqueFd lock(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  if (!lock.valid()) return errno != ENOENT;
-  return flock(lock.get(), LOCK_SH | LOCK_NB) != 0;
-}
 
 ServiceManager& ServiceManager::Get() {
   static ServiceManager* const manager = new ServiceManager;  // outlives every thread, also at exit
@@ -235,6 +226,7 @@ const std::string& ServiceError() {
 void StopBinder() {
   kvox::binder::ServiceManager::Get().Clear();
   kvox::binder::Reactor::Get().Stop();
+  kvox::binder::Closer::Get().Stop();
   kvox::binder::ThreadPool::Get().Stop();
 }
 

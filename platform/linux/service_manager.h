@@ -15,10 +15,6 @@
 
 namespace kvox::binder {
 
-/// Whether a live process, this one included, serves the name. Tests the name's lock for an
-/// instant; true when it cannot be tested.
-bool IsServed(const std::string& name);
-
 /// One per process. Any thread; each function sets the thread's error text.
 class ServiceManager {
  public:

@@ -4,19 +4,24 @@
 #include <android/binder_auto_utils.h>
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 #include <vector>
 
 #include "kvox/common/mutex.h"
 #include "platform/linux/credentials.h"
+#include "platform/linux/fair_share.h"
 #include "platform/linux/frames.h"
 #include "platform/linux/limits.h"
+#include "platform/linux/service_load.h"
 
 namespace kvox::binder {
 
 class ServicePort {
  public:
   explicit ServicePort(ndk::SpAIBinder root) : root_(std::move(root)) {}
+
+  const std::shared_ptr<ServiceLoad>& load() const { return load_; }
 
   /// The service's object.
   ndk::SpAIBinder root() const {
@@ -29,20 +34,23 @@ class ServicePort {
     return std::exchange(root_, std::move(root));
   }
 
-  /// Admits and counts a client, unless its process, its user or the service is at its limit.
+  /// Admits and counts a client, unless its process, its user or the service is at its limit. Root
+  /// and the service's own user find places that others do not get.
   AdmitResult Admit(const Credentials& client) {
     MutexLock lock(mutex_);
-    const auto same_process = [&](const Credentials& other) { return other.pid == client.pid; };
-    const auto same_user = [&](const Credentials& other) { return other.uid == client.uid; };
+    PlaceCount count;
+    int of_process = 0;
+    for (const Credentials& other : clients_) {
+      count.Add(other.uid == client.uid, IsPrivileged(other.uid), 1);
+      of_process += other.pid == client.pid ? 1 : 0;
+    }
     // All processes outside this one's pid namespace have number 0.
-    if (client.pid != 0 &&
-        std::ranges::count_if(clients_, same_process) >= kMaxConnectionsOfProcess) {
+    if (client.pid != 0 && of_process >= kMaxConnectionsOfProcess) {
       return AdmitResult::kTooManyOfProcess;
     }
-    if (std::ranges::count_if(clients_, same_user) >= kMaxConnectionsOfUser) {
-      return AdmitResult::kTooManyOfUser;
-    }
-    if (clients_.size() >= kMaxConnections) return AdmitResult::kTooManyClients;
+    const int share = count.Share(kConnections, IsPrivileged(client.uid));
+    if (share <= 0 || count.all() >= kConnections.all) return AdmitResult::kTooManyClients;
+    if (count.of_user() >= share) return AdmitResult::kTooManyOfUser;
     clients_.push_back(client);
     return AdmitResult::kAdmitted;
   }
@@ -54,9 +62,24 @@ class ServicePort {
   }
 
  private:
+  const std::shared_ptr<ServiceLoad> load_ = std::make_shared<ServiceLoad>();
   mutable Mutex mutex_;
   ndk::SpAIBinder root_ GUARDED_BY(mutex_);
   std::vector<Credentials> clients_ GUARDED_BY(mutex_);
+};
+
+/// An admitted client's place in the service.
+class ClientPlace {
+ public:
+  ClientPlace(std::shared_ptr<ServicePort> port, const Credentials& client)
+      : port_(std::move(port)), client_(client) {}
+  ~ClientPlace() { port_->Leave(client_); }
+  ClientPlace(const ClientPlace&) = delete;
+  ClientPlace& operator=(const ClientPlace&) = delete;
+
+ private:
+  const std::shared_ptr<ServicePort> port_;
+  const Credentials client_;
 };
 
 }  // namespace kvox::binder

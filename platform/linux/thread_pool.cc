@@ -5,14 +5,26 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <system_error>
 #include <utility>
 
 #include "kvox/common/kvox_utils.h"
 #include "kvox/common/log.h"
-#include "platform/linux/limits.h"
+#include "platform/platform.h"
 
 namespace kvox::binder {
+namespace {
+
+/// What this thread serves.
+struct Serving {
+  const WorkOwner* owner = nullptr;  // of the request, if it serves one
+  int waits = 0;
+  bool lent = false;  // its place is another's
+};
+thread_local Serving serving;
+
+}  // namespace
 
 ThreadPool& ThreadPool::Get() {
   static ThreadPool* const pool = new ThreadPool;  // outlives every thread, also at exit
@@ -31,13 +43,19 @@ void ThreadPool::Start() {
   if (std::exchange(started_, true)) return;
   try {
     while (threads_.size() < thread_count_) {
-      threads_.push_back(
-          StartThread("binder:" + std::to_string(threads_.size() + 1), [this] { Join(); }));
+      threads_.push_back(StartThread("binder:" + std::to_string(threads_.size() + 1), [this] {
+        MutexLock own_lock(mutex_);
+        Run(Stay::kUntilStop);
+      }));
     }
   } catch (const std::system_error& error) {
     LogError("binder: only %zu of %u pool threads could be started: %s", threads_.size(),
              thread_count_, error.what());
   }
+}
+
+size_t ThreadPool::places() const {
+  return threads_.size() + joined_;
 }
 
 void ThreadPool::Stop() {
@@ -46,8 +64,10 @@ void ThreadPool::Stop() {
   work_.NotifyAll();
   while (running_ > 0) idle_.Wait(mutex_);
   std::vector<std::thread> threads = std::exchange(threads_, {});
+  std::unique_ptr<ThreadGroup> spare_threads = std::move(spare_threads_);
   lock.Unlock();
   for (std::thread& thread : threads) thread.join();
+  spare_threads.reset();
   lock.Lock();
   while (!tasks_.empty()) RunTask();
   started_ = false;
@@ -107,17 +127,58 @@ size_t ThreadPool::FirstRunnable(const RequestQueue& queue) {
 
 void ThreadPool::Join() {
   MutexLock lock(mutex_);
+  ++joined_;
+  Run(Stay::kUntilStop);
+  --joined_;
+}
+
+void ThreadPool::Run(Stay stay) {
   ++running_;
   while (!stopping_) {
     if (!tasks_.empty()) {
       RunTask();
-    } else if (!ready_.empty()) {
+    } else if (active_ < places() && ready_.HasNext()) {
       ServeNext();
-    } else {
+    } else if (stay == Stay::kUntilStop) {
       work_.Wait(mutex_);
+    } else {
+      const Clock::time_point now = Clock::now();
+      if (now >= spare_until_ && running_ > places() + waiting_) break;
+      work_.WaitUntil(mutex_, now + kSpareThreadPause);
     }
   }
   if (--running_ == 0) idle_.NotifyAll();
+}
+
+void ThreadPool::SetWaiting(bool waits) {
+  if (serving.owner == nullptr) return;
+  serving.waits += waits ? 1 : -1;
+  if (serving.waits != (waits ? 1 : 0)) return;
+  MutexLock lock(mutex_);
+  if (!waits) {
+    if (!std::exchange(serving.lent, false)) return;
+    ready_.SetLent(*serving.owner, false);
+    --waiting_;
+    spare_until_ = Clock::now() + kSpareThreadPause;
+    ++active_;  // for a moment there may be one more than places
+    return;
+  }
+  if (waiting_ == kMaxWaitingCalls || !HasThreadToSpare()) return;
+  serving.lent = true;
+  ready_.SetLent(*serving.owner, true);
+  ++waiting_;
+  --active_;
+  work_.NotifyOne();
+}
+
+/// Starts one where there is none.
+bool ThreadPool::HasThreadToSpare() {
+  if (running_ > places() + waiting_) return true;
+  if (!spare_threads_) spare_threads_ = std::make_unique<ThreadGroup>(kMaxWaitingCalls);
+  return spare_threads_->Start("binder:spare", [this] {
+    MutexLock lock(mutex_);
+    Run(Stay::kWhileNeeded);
+  }) != 0;
 }
 
 void ThreadPool::RunTask() {
@@ -130,7 +191,8 @@ void ThreadPool::RunTask() {
 }
 
 void ThreadPool::ServeNext() {
-  const std::shared_ptr<RequestQueue> queue = ready_.Pop();
+  const bool last_thread = places() > 1 && active_ + 1 == places();
+  const std::shared_ptr<RequestQueue> queue = ready_.Pop(last_thread);
   queue->scheduled_ = false;
   const size_t index = FirstRunnable(*queue);
   if (queue->blocked_ || index == queue->pending_.size()) return ready_.Finish(queue->owner_);
@@ -143,10 +205,14 @@ void ThreadPool::ServeNext() {
                        queue->pending_bytes_ <= kPauseRequestBytes / 2;
   if (resumes) queue->full_ = false;
   Schedule(*queue);  // the others go before this one's next request
+  ++active_;
   mutex_.Unlock();
   if (resumes) queue->OnResume();
+  serving.owner = &queue->owner_;
   queue->Serve(std::move(request));
+  serving.owner = nullptr;
   mutex_.Lock();
+  --active_;
   ready_.Finish(queue->owner_);
   if (!oneway) return;
   queue->oneway_running_ = false;
@@ -181,4 +247,8 @@ void ABinderProcess_startThreadPool() {
 }
 void ABinderProcess_joinThreadPool() {
   kvox::binder::ThreadPool::Get().Join();
+}
+
+void kvox::CallWaits(bool waits) {
+  binder::ThreadPool::Get().SetWaiting(waits);
 }

@@ -15,7 +15,6 @@
 #include "kvox/common/log.h"
 #include "kvox/common/mutex.h"
 #include "kvox/common/unique_fd.h"
-#include "platform/linux/service_manager.h"
 #include "platform/platform.h"
 
 namespace kvox {
@@ -73,8 +72,8 @@ std::vector<std::string> WakeLockFiles() {
   return {PathOf(kTakeFile), PathOf(kDropFile)};
 }
 
-void ReleaseStaleWakeLock(const char* name, const char* service) {
-  if (!KernelHasLocks() || binder::IsServed(service)) return;
+void ReleaseStaleWakeLock(const char* name) {
+  if (!KernelHasLocks()) return;
   const UniqueFd fd(open(PathOf(kTakeFile).c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   char held[4096];  // the kernel lists a page at most
   const ssize_t size = fd.valid() ? read(fd.get(), held, sizeof held) : -1;

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "kvox/common/unique_fd.h"
@@ -26,9 +27,10 @@ class RawPeer {
     std::string error;
     EXPECT_TRUE(MakeAddress(path, &address, &error)) << error;
     EXPECT_EQ(connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const timeval patience{.tv_sec = 30, .tv_usec = 0};
-    EXPECT_EQ(setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
+    LimitWaits();
   }
+  /// On a connected socket.
+  explicit RawPeer(UniqueFd socket) : fd_(std::move(socket)) { LimitWaits(); }
 
   /// Exchanges greetings; greeting() then has the address of the service's object.
   void Greet() {
@@ -79,6 +81,10 @@ class RawPeer {
   int fd() const { return fd_.get(); }
 
  private:
+  void LimitWaits() const {
+    const timeval patience{.tv_sec = 30, .tv_usec = 0};
+    EXPECT_EQ(setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
+  }
   bool SendBytes(const void* bytes, size_t size) {
     return send(fd_.get(), bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
   }

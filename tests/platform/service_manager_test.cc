@@ -1,7 +1,9 @@
 // How services are registered and found.
 #include <sys/stat.h>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "platform/linux/limits.h"
 #include "platform/linux/service_manager.h"
@@ -104,20 +106,66 @@ TEST_F(ServiceManagerTest, ClientsLookInTheUsersDirectoryThenInTheSystems) {
 
 TEST(ServicePort, NobodyCanShutTheOthersOut) {
   ServicePort port(nullptr);
-  const auto admit = [&](uid_t uid, pid_t first, int count) {
-    for (pid_t pid = first; pid < first + count; ++pid) {
-      EXPECT_EQ(port.Admit({uid, pid}), AdmitResult::kAdmitted) << uid << " " << pid;
-    }
+  pid_t pid = 1000;
+  const auto fill = [&](uid_t uid) {
+    int admitted = 0;
+    while (port.Admit({uid, ++pid}) == AdmitResult::kAdmitted) ++admitted;
+    return admitted;
   };
-  for (int i = 0; i < kMaxConnectionsOfProcess; ++i) admit(1, 7, 1);
-  EXPECT_EQ(port.Admit({1, 7}), AdmitResult::kTooManyOfProcess);
-  admit(1, 1000, kMaxConnectionsOfUser - kMaxConnectionsOfProcess);
-  EXPECT_EQ(port.Admit({1, 8}), AdmitResult::kTooManyOfUser);
-  for (int i = 0; i < kMaxConnectionsOfUser; ++i) admit(2, 0, 1);  // of another pid namespace
-  EXPECT_EQ(port.Admit({3, 9}), AdmitResult::kTooManyClients);
-  port.Leave({1, 7});
-  EXPECT_EQ(port.Admit({2, 9}), AdmitResult::kTooManyOfUser);
-  admit(3, 9, 1);
+  const uid_t own = geteuid();
+  for (int i = 0; i < kMaxConnectionsOfProcess; ++i) {
+    EXPECT_EQ(port.Admit({own + 1, 7}), AdmitResult::kAdmitted);
+  }
+  EXPECT_EQ(port.Admit({own + 1, 7}), AdmitResult::kTooManyOfProcess);
+  EXPECT_EQ(port.Admit({own + 1, 0}), AdmitResult::kAdmitted) << "of another pid namespace";
+  EXPECT_EQ(fill(own + 1), 56 - 9) << "half of 112";
+  EXPECT_EQ(port.Admit({own + 1, 8}), AdmitResult::kTooManyOfUser);
+  std::vector<int> shares;
+  for (uid_t uid = own + 2; uid < own + 9; ++uid) shares.push_back(fill(uid));
+  EXPECT_EQ(shares, (std::vector{28, 14, 7, 3, 2, 1, 1}));
+  EXPECT_EQ(port.Admit({own + 9, 9}), AdmitResult::kTooManyClients);
+  EXPECT_EQ(fill(own), kConnections.kept);
+  EXPECT_EQ(port.Admit({0, 9}), AdmitResult::kTooManyClients);
+  port.Leave({own + 1, 7});
+  EXPECT_EQ(port.Admit({own + 9, 9}), AdmitResult::kAdmitted);
+}
+
+/// Others that connect all the time do not keep a client out, however full the queue is.
+TEST_F(ServiceManagerTest, ClientsThatWaitToBeAcceptedTakeTurns) {
+  sockaddr_un address;
+  std::string error;
+  ASSERT_TRUE(MakeAddress(Path(), &address, &error)) << error;
+  const auto* name = reinterpret_cast<const sockaddr*>(&address);
+  UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+  ASSERT_EQ(bind(listener.get(), name, sizeof address), 0);
+  ASSERT_EQ(listen(listener.get(), 2), 0);
+  std::atomic<bool> ends = false;
+  std::atomic<int> connected = 0;
+  std::vector<std::thread> others;
+  for (int i = 0; i < 3; ++i) {
+    others.emplace_back([&] {
+      while (!ends) {
+        const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+        const sa_family_t unnamed = AF_UNIX;  // the system gives it a name
+        bind(fd.get(), reinterpret_cast<const sockaddr*>(&unnamed), sizeof unnamed);
+        if (connect(fd.get(), name, sizeof address) == 0) ++connected;
+      }
+    });
+  }
+  ASSERT_TRUE(WaitFor([&] { return connected >= 3; }));
+  std::thread client([&] { EXPECT_NE(ConnectToService(Path()).error, ""); });
+  int accepted = 0;
+  for (socklen_t size = 0; size != sizeof(sa_family_t) && accepted < 100; ++accepted) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    sockaddr_un peer;
+    size = sizeof peer;
+    const UniqueFd fd(accept(listener.get(), reinterpret_cast<sockaddr*>(&peer), &size));
+  }
+  EXPECT_LT(accepted, 50);
+  ends = true;
+  listener = UniqueFd();
+  for (std::thread& other : others) other.join();
+  client.join();
 }
 
 TEST_F(ServiceManagerTest, ClientsBeyondTheLimitAreToldSo) {

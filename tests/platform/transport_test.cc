@@ -186,5 +186,23 @@ TEST_F(TransportTest, AStubMakesANewObjectOnceTheOldOneIsGone) {
   EXPECT_NE(local->asBinder().get(), nullptr);
 }
 
+/// The daemon's share of a client's threads is all that the client has.
+TEST_F(TransportTest, AsManyCallbacksRunAsTheClientHasThreads) {
+  constexpr int kThreads = kMaxCallsOfProcess + 2;
+  Serve(kThreads);
+  const auto callback = ndk::SharedRefBase::make<EchoService>();
+  std::shared_ptr<IEcho> none;
+  const auto client = Client();
+  ASSERT_TRUE(client->Swap(callback, &none).isOk());
+  callback->gate.Close();
+  std::vector<std::thread> calls;
+  for (int i = 0; i < kThreads; ++i) {
+    calls.emplace_back([&] { EXPECT_EQ(Echo(*service_->held(), {1}), std::vector<uint8_t>{1}); });
+  }
+  EXPECT_TRUE(WaitFor([&] { return callback->gate.waiting() == kThreads; }));
+  callback->gate.Open();
+  for (std::thread& call : calls) call.join();
+}
+
 }  // namespace
 }  // namespace kvox::binder

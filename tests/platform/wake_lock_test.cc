@@ -11,8 +11,6 @@
 namespace kvox {
 namespace {
 
-constexpr char kService[] = "kvox.IKvox/default";
-
 class WakeLockTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -32,10 +30,10 @@ class WakeLockTest : public ::testing::Test {
 
 TEST_F(WakeLockTest, OnlyAStaleLockOfThatNameIsReleased) {
   MakeFiles("modem kvox2 display\n");
-  ReleaseStaleWakeLock("kvox", kService);
+  ReleaseStaleWakeLock("kvox");
   EXPECT_EQ(Contents("wake_unlock"), "");
   MakeFiles("modem kvox display\n");
-  ReleaseStaleWakeLock("kvox", kService);
+  ReleaseStaleWakeLock("kvox");
   EXPECT_EQ(Contents("wake_unlock"), "kvox");
 }
 

@@ -63,6 +63,15 @@ inline ResourceUsage ReadResources(pid_t pid) {
           .memory_kib = memory.empty() ? 0 : std::stoll(memory)};
 }
 
+/// The most that was resident since the start or ForgetPeakMemory; 0 when there is no such process.
+inline int64_t PeakMemoryKib(pid_t pid) {
+  const std::string memory = ProcField(ProcPath(pid) / "status", "VmHWM");
+  return memory.empty() ? 0 : std::stoll(memory);
+}
+inline void ForgetPeakMemory(pid_t pid) {
+  std::ofstream(ProcPath(pid) / "clear_refs") << "5";
+}
+
 /// What every thread waits in and what every descriptor is, one per line.
 inline std::string DescribeProcess(pid_t pid) {
   std::string text;

@@ -21,6 +21,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kvox {
@@ -34,6 +35,16 @@ inline bool WaitFor(const std::function<bool()>& condition) {
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     poll(nullptr, 0, 1);
+  }
+  return true;
+}
+
+/// The same for what takes microseconds.
+inline bool YieldUntil(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::yield();
   }
   return true;
 }

@@ -48,7 +48,8 @@ class TempDirectory {
 };
 
 /// The directories that daemon, simulator and client use on a host: dev, run and power (with the
-/// wake lock files). The environment of this process names them, for itself and for its children.
+/// wake lock files), closed to others whatever the umask. The environment of this process names
+/// them, for itself and for its children.
 class HostDirectories : public TempDirectory {
  public:
   HostDirectories() {
@@ -56,6 +57,7 @@ class HostDirectories : public TempDirectory {
                                          {"run", "KVOX_RUNTIME_DIR"},
                                          {"power", "KVOX_WAKE_LOCK_DIR"}}) {
       std::filesystem::create_directory(*this / name);
+      std::filesystem::permissions(*this / name, std::filesystem::perms::owner_all);
       setenv(variable, (*this / name).c_str(), 1);
     }
     for (const char* name : {"power/wake_lock", "power/wake_unlock"}) {

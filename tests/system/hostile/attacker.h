@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <random>
 #include <string>
 #include <string_view>
@@ -82,6 +83,11 @@ inline bool SendBytes(const RawPeer& peer, const void* bytes, size_t size) {
 /// A request with as many copies of `element` as fit into a frame.
 Frame LargestList(const RawPeer& peer, transaction_code_t code, std::string_view element);
 
+/// Sends the same bytes on all of these connections, without a pause. Reads what comes back all the
+/// time, or never.
+void Flood(Attacker& attacker, std::deque<RawPeer>& peers, const std::vector<uint8_t>& wire,
+           bool reads);
+
 // The attacks, by file.
 
 void CutFrames(Attacker& attacker);
@@ -95,6 +101,7 @@ void ConnectAndGo(Attacker& attacker);
 void HoldConnections(Attacker& attacker);
 void SayNothing(Attacker& attacker);
 void DieInEveryState(Attacker& attacker);
+void PassDescriptors(Attacker& attacker);
 
 void FloodQuestions(Attacker& attacker);
 void FloodReplies(Attacker& attacker);
@@ -107,5 +114,6 @@ void ForeignObjects(Attacker& attacker);
 void ManyObjects(Attacker& attacker);
 void DeadCallbacks(Attacker& attacker);
 void HangingCallbacks(Attacker& attacker);
+void FloodBehindCallbacks(Attacker& attacker);
 
 }  // namespace kvox

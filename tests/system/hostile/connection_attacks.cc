@@ -5,6 +5,7 @@
 #include <deque>
 
 #include "platform/linux/limits.h"
+#include "tests/platform/lingering_socket.h"
 #include "tests/system/hostile/attacker.h"
 
 namespace kvox {
@@ -70,6 +71,23 @@ void DieInEveryState(Attacker& attacker) {
   for (size_t i = 0; attacker.more(); i = (i + 1) % kLastSteps.size()) {
     RawPeer peer = attacker.Peer();
     if (peer.greeting().result == binder::AdmitResult::kAdmitted) kLastSteps[i](peer);
+  }
+}
+
+/// Sockets whose closing takes seconds, urgent or not, at every point of a conversation; and
+/// urgent bytes that stay.
+void PassDescriptors(Attacker& attacker) {
+  const RawPeer urgent = attacker.Peer();
+  send(urgent.fd(), "\1", 1, MSG_OOB | MSG_NOSIGNAL);
+  std::deque<binder::LingeringSocket> sockets;
+  while (attacker.more()) {
+    if (sockets.size() == 16) sockets.pop_front();
+    const RawPeer peer = attacker.Below(2) == 0 ? RawPeer(attacker.path()) : attacker.Peer();
+    // Where the system does not pass descriptors, at least the bytes come.
+    const int flags = attacker.Below(2) == 0 ? MSG_OOB : 0;
+    const bool passed = sockets.emplace_back().SendThrough(peer.fd(), flags);
+    if (!passed) send(peer.fd(), "\1", 1, flags | MSG_NOSIGNAL);
+    SendBytes(peer, "abc", 3);
   }
 }
 

@@ -22,16 +22,28 @@ constexpr struct {
   std::string_view name;
   void (*run)(Attacker& attacker);
 } kAttacks[] = {
-    {"cut_frames", CutFrames},           {"oversized_frames", OversizedFrames},
-    {"random_bytes", RandomBytes},       {"random_calls", RandomCalls},
-    {"mutated_calls", MutatedCalls},     {"nested_sizes", NestedSizes},
-    {"connect_and_go", ConnectAndGo},    {"hold_connections", HoldConnections},
-    {"say_nothing", SayNothing},         {"die_in_every_state", DieInEveryState},
-    {"flood_questions", FloodQuestions}, {"flood_replies", FloodReplies},
-    {"never_read", NeverRead},           {"heavy_calls", HeavyCalls},
-    {"slow_calls", SlowCalls},           {"huge_counts", HugeCounts},
-    {"foreign_objects", ForeignObjects}, {"many_objects", ManyObjects},
-    {"dead_callbacks", DeadCallbacks},   {"hanging_callbacks", HangingCallbacks},
+    {"cut_frames", CutFrames},
+    {"oversized_frames", OversizedFrames},
+    {"random_bytes", RandomBytes},
+    {"random_calls", RandomCalls},
+    {"mutated_calls", MutatedCalls},
+    {"nested_sizes", NestedSizes},
+    {"connect_and_go", ConnectAndGo},
+    {"hold_connections", HoldConnections},
+    {"say_nothing", SayNothing},
+    {"die_in_every_state", DieInEveryState},
+    {"flood_questions", FloodQuestions},
+    {"flood_replies", FloodReplies},
+    {"never_read", NeverRead},
+    {"heavy_calls", HeavyCalls},
+    {"slow_calls", SlowCalls},
+    {"huge_counts", HugeCounts},
+    {"foreign_objects", ForeignObjects},
+    {"many_objects", ManyObjects},
+    {"dead_callbacks", DeadCallbacks},
+    {"hanging_callbacks", HangingCallbacks},
+    {"pass_descriptors", PassDescriptors},
+    {"flood_behind_callbacks", FloodBehindCallbacks},
 };
 
 /// 0, or errno.

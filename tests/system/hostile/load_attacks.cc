@@ -10,11 +10,26 @@
 namespace kvox {
 namespace {
 
-/// Sends the same bytes on every connection that this process gets, without a pause. Reads what
-/// comes back all the time, or never.
+/// On every connection that this process gets.
 void Flood(Attacker& attacker, const std::vector<uint8_t>& wire, bool reads) {
   std::deque<RawPeer> peers;
   for (int i = 0; i < binder::kMaxConnectionsOfProcess; ++i) peers.push_back(attacker.Peer());
+  Flood(attacker, peers, wire, reads);
+}
+
+/// The frame repeated, up to a good size for one system call.
+std::vector<uint8_t> Repeated(const Frame& frame) {
+  const auto one = Wire(frame);
+  std::vector<uint8_t> wire;
+  do wire.insert(wire.end(), one.begin(), one.end());
+  while (wire.size() < 256 * 1024);
+  return wire;
+}
+
+}  // namespace
+
+void Flood(Attacker& attacker, std::deque<RawPeer>& peers, const std::vector<uint8_t>& wire,
+           bool reads) {
   std::vector<size_t> sent(peers.size(), 0);
   std::vector<char> ignored(1 << 20);
   while (attacker.more()) {
@@ -34,17 +49,6 @@ void Flood(Attacker& attacker, const std::vector<uint8_t>& wire, bool reads) {
     if (busy == 0) poll(nullptr, 0, 1);
   }
 }
-
-/// The frame repeated, up to a good size for one system call.
-std::vector<uint8_t> Repeated(const Frame& frame) {
-  const auto one = Wire(frame);
-  std::vector<uint8_t> wire;
-  do wire.insert(wire.end(), one.begin(), one.end());
-  while (wire.size() < 256 * 1024);
-  return wire;
-}
-
-}  // namespace
 
 /// The one request that the reactor serves itself.
 void FloodQuestions(Attacker& attacker) {

