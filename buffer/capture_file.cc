@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -36,13 +37,27 @@ class OpenFile : public CaptureFile {
     return written;
   }
 
-  bool Rewind() override { return lseek(fd_, 0, SEEK_SET) == 0; }
+  bool WriteStart(std::span<const std::byte> bytes) override {
+    return pwrite(fd_, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
+  }
 
-  /// Truncates a regular file that stores what is written; false for any other.
-  bool EmptyIfRegular() {
+  bool CutTo(uint64_t size) override {
+    return ftruncate(fd_, static_cast<off_t>(size)) == 0 && lseek(fd_, 0, SEEK_END) >= 0;
+  }
+
+  /// Why nothing may be written here; null when it may. Takes the file for this capture.
+  const char* Objection() {
     struct stat status;
-    return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && !IsKernels() &&
-           ftruncate(fd_, 0) == 0;
+    if (fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode) || IsKernels()) {
+      return "not a regular file";
+    }
+    if (status.st_uid != geteuid()) return "it belongs to another user";
+    if (status.st_nlink > 1) return "it has a second name";
+    // Of the open file: captures of one process exclude each other as well.
+    if (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      return errno == EWOULDBLOCK ? "another capture writes it" : "it cannot be locked";
+    }
+    return nullptr;
   }
 
  private:
@@ -79,7 +94,7 @@ std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path) {
   const int fd = open(path.c_str(), kOpenFlags, kMode);
   if (fd < 0) return Refuse(path, ErrorText(errno).c_str());
   auto file = std::make_unique<OpenFile>(fd, path);
-  if (!file->EmptyIfRegular()) return Refuse(path, "not a regular file that can be emptied");
+  if (const char* const objection = file->Objection()) return Refuse(path, objection);
   return file;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
@@ -11,7 +12,8 @@
 
 namespace kvox {
 
-/// An open file; it closes with the object. One thread at a time, never the packet path.
+/// An open file, which no other capture can open; it closes with the object. One thread at a time,
+/// never the packet path.
 class CaptureFile {
  public:
   virtual ~CaptureFile() = default;
@@ -19,15 +21,19 @@ class CaptureFile {
   /// As write(2): may write fewer bytes than given; -1 on failure.
   virtual ssize_t Write(std::span<const std::byte> bytes) = 0;
 
-  /// Moves to the start of the file. False on failure.
-  virtual bool Rewind() = 0;
+  /// Overwrites the start of the file, which needs no room on the disk. False on failure.
+  virtual bool WriteStart(std::span<const std::byte> bytes) = 0;
+
+  /// Cuts off what is behind the first `size` bytes. False on failure.
+  virtual bool CutTo(uint64_t size) = 0;
 };
 
 /// Opens the file of that path; null, after a log line with the cause, when that fails.
 using CaptureFileOpener = std::function<std::unique_ptr<CaptureFile>(const std::string& path)>;
 
-/// Creates the file (mode 0640), or empties the one that is there. Only regular files: links,
-/// devices, FIFOs and directories are refused untouched.
+/// Creates the file (mode 0640), or opens the one that is there as it is. Only regular files of
+/// this user that have one name and that nobody else captures into: everything else is refused
+/// untouched.
 std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path);
 
 }  // namespace kvox

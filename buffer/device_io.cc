@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +12,8 @@
 
 namespace kvox {
 namespace {
+
+constexpr int64_t kNsPerSecond = 1'000'000'000;
 
 class System : public DeviceIo {
  public:
@@ -23,11 +26,13 @@ class System : public DeviceIo {
 
   void Close(int fd) override { close(fd); }
 
-  Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) override {
+  Ready Wait(int fd, Direction direction, int wake_fd, std::chrono::nanoseconds timeout) override {
     const short events = direction == Direction::kRead ? POLLIN : POLLOUT;
     pollfd fds[] = {{.fd = fd, .events = events, .revents = 0},
                     {.fd = wake_fd, .events = POLLIN, .revents = 0}};
-    const int count = poll(fds, 2, timeout_ms);
+    const timespec time = {.tv_sec = timeout.count() / kNsPerSecond,
+                           .tv_nsec = timeout.count() % kNsPerSecond};
+    const int count = ppoll(fds, 2, &time, nullptr);
     if (count < 0) return errno == EINTR ? Ready::kWoken : Ready::kFailed;
     if (count == 0) return Ready::kTimeout;
     return fds[1].revents != 0 ? Ready::kWoken : Ready::kDevice;

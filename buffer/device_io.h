@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -21,9 +22,10 @@ class DeviceIo {
   virtual void Close(int fd) = 0;
 
   /// RT: waits until `fd` can be read (or written; also when it hung up or failed), or until
-  /// `wake_fd` can be read, which comes first when both can, or for `timeout_ms`. A negative `fd`
+  /// `wake_fd` can be read, which comes first when both can, or for `timeout`. A negative `fd`
   /// waits for the other two.
-  virtual Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) = 0;
+  virtual Ready Wait(int fd, Direction direction, int wake_fd,
+                     std::chrono::nanoseconds timeout) = 0;
 
   /// A persistent watch of `fd` for reading and of `wake_fd`, which is cheaper than passing both to
   /// each wait: a descriptor to be closed before `fd`. -1 if the device cannot be watched.

@@ -10,20 +10,30 @@
 namespace kvox {
 namespace {
 
-constexpr uint64_t kUntimedStallMs = 100;
-constexpr uint64_t kMaxStallMs = 1000;
+constexpr uint64_t kUntimedPatienceNs = 5'000'000;
+constexpr uint64_t kMaxPatienceNs = 250'000'000;
+constexpr int kMostTriesInVain = 4;
+constexpr uint64_t kNsPerSecond = 1'000'000'000;
 
-/// A wait for a stalled device is no longer than a packet.
-uint64_t StallNs(const KvoxPacketHeader& header) {
+uint64_t PatienceNs(const KvoxPacketHeader& header) {
   const KvoxTapFormat& format = header.format;
-  uint64_t ms = kUntimedStallMs;
-  if (IsTimed(format, header.payload_size)) {
-    ms = uint64_t{FrameCount(format, header.payload_size)} * 1000 / format.sample_rate;
-  }
-  return std::min(ms, kMaxStallMs) * 1'000'000;
+  if (!IsTimed(format, header.payload_size)) return kUntimedPatienceNs;
+  const uint64_t frames = FrameCount(format, header.payload_size);
+  return std::min(frames * kNsPerSecond / format.sample_rate / 4, kMaxPatienceNs);
 }
 
 }  // namespace
+
+bool SendPatience::WaitWritable(int fd) {
+  const uint64_t now_ns = waiter_.NowNs();
+  if (!begun_) left_ns_ = PatienceNs(header_);
+  begun_ = true;
+  if (left_ns_ == 0) return false;
+  const uint64_t deadline_ns = now_ns + left_ns_;
+  const bool writable = waiter_.WaitWritable(fd, deadline_ns);
+  left_ns_ = deadline_ns - std::min(waiter_.NowNs(), deadline_ns);
+  return writable;
+}
 
 InjectPort::InjectPort(std::string name, std::string device_path, DeviceIo& io,
                        PacketRecorder& recorder, int fd)
@@ -42,56 +52,91 @@ std::span<std::byte> InjectPort::PayloadArea(uint32_t size) {
   return {area_.get() + kPacketHeaderSize, std::min(size, kPacketMaxPayload)};
 }
 
-int32_t InjectPort::SendBuilt(const KvoxPacketHeader& header, IoWaiter& waiter) {
+int32_t InjectPort::SendBuilt(const KvoxPacketHeader& header, SendPatience& patience) {
   if (header.payload_size > kPacketMaxPayload) return kPortPayloadTooLarge;
-  sent_in_place_ = false;
+  last_sent_ = LastSent::kGone;
   std::memcpy(area_.get(), &header, sizeof header);
-  return Send(header, {area_.get(), kPacketHeaderSize + header.payload_size}, waiter);
+  const int32_t status =
+      Send(header, {area_.get(), kPacketHeaderSize + header.payload_size}, patience);
+  if (status == kPortOk) last_sent_ = LastSent::kInWorkArea;
+  return status;
 }
 
 int32_t InjectPort::SendInPlace(const KvoxPacketHeader& header, std::byte* packet,
-                                IoWaiter& waiter) {
+                                SendPatience& patience) {
   if (header.payload_size > kPacketMaxPayload) return kPortPayloadTooLarge;
-  in_place_header_ = header;
-  sent_in_place_ = true;
   KvoxPacketHeader received;
   std::memcpy(&received, packet, sizeof received);
   std::memcpy(packet, &header, sizeof header);
-  const int32_t status = Send(header, {packet, kPacketHeaderSize + header.payload_size}, waiter);
+  const int32_t status = Send(header, {packet, kPacketHeaderSize + header.payload_size}, patience);
   std::memcpy(packet, &received, sizeof received);
+  if (status == kPortOk) {
+    in_place_header_ = header;
+    in_place_payload_ = packet + kPacketHeaderSize;
+    last_sent_ = LastSent::kInPlace;
+  }
   return status;
 }
 
 void InjectPort::KeepSentPacket(const std::byte* payload) {
-  if (!sent_in_place_ || payload == nullptr) return;
+  if (last_sent_ != LastSent::kInPlace || payload == nullptr || payload != in_place_payload_) {
+    return;
+  }
+  // Another packet may be there by now, which was not sent through this port.
+  KvoxPacketHeader present;
+  std::memcpy(&present, payload - kPacketHeaderSize, sizeof present);
+  if (present.stamp != in_place_header_.stamp ||
+      present.packet_num != in_place_header_.packet_num ||
+      present.payload_size != in_place_header_.payload_size) {
+    return;
+  }
   std::memcpy(area_.get(), &in_place_header_, sizeof in_place_header_);
   std::memcpy(area_.get() + kPacketHeaderSize, payload, in_place_header_.payload_size);
-  sent_in_place_ = false;
+  last_sent_ = LastSent::kInWorkArea;
 }
 
 bool InjectPort::CopyTo(std::vector<std::byte>& copy) const {
-  copy.assign(area_.get(), area_.get() + kPacketMaxSize);
-  return !sent_in_place_;
+  copy.assign(kPacketMaxSize, std::byte{});
+  if (last_sent_ != LastSent::kInWorkArea) return last_sent_ == LastSent::kNothing;
+  KvoxPacketHeader sent;
+  std::memcpy(&sent, area_.get(), sizeof sent);
+  std::copy_n(area_.get(), kPacketHeaderSize + sent.payload_size, copy.begin());
+  return true;
 }
 
 int32_t InjectPort::Send(const KvoxPacketHeader& header, std::span<const std::byte> packet,
-                         IoWaiter& waiter) {
+                         SendPatience& patience) {
   if (fd_ < 0) Reopen();
   if (fd_ < 0) return kPortClosed;
   recorder_.Record(header, packet.subspan(kPacketHeaderSize));
-  std::span<const std::byte> rest = packet;
-  uint64_t deadline_ns = 0;
-  for (;;) {
-    const ssize_t written = io_.Write(fd_, rest);
-    if (written < 0 && errno != EAGAIN) break;
-    if (written > 0) rest = rest.subspan(static_cast<size_t>(written));
-    if (rest.empty()) return kPortOk;
-    if (deadline_ns == 0) deadline_ns = io_.NowNs() + StallNs(header);
-    if (!waiter.WaitWritable(fd_, deadline_ns)) break;
+  const bool whole_patience = patience.untouched();
+  const std::span<const std::byte> rest = Write(packet, patience);
+  if (rest.empty()) {
+    stalled_ = false;
+    return kPortOk;
   }
-  // A partial packet would misalign all that follow: reopen the device.
-  if (rest.size() < packet.size()) Reopen();
+  if (rest.size() < packet.size()) {
+    // A partial packet would misalign all that follow: reopen the device.
+    Reopen();
+  } else if (whole_patience && patience.used_up()) {
+    stalled_ = true;
+  }
   return kPortWriteFailed;
+}
+
+/// Returns what the device did not take.
+std::span<const std::byte> InjectPort::Write(std::span<const std::byte> packet,
+                                             SendPatience& patience) {
+  std::span<const std::byte> rest = packet;
+  for (int tries_in_vain = 0;;) {
+    const ssize_t written = io_.Write(fd_, rest);
+    if (written < 0 && errno != EAGAIN && errno != EINTR) return rest;
+    if (written > 0) rest = rest.subspan(static_cast<size_t>(written));
+    if (rest.empty() || stalled_) return rest;
+    // A device that always says that it can be written, and takes nothing, would keep us busy.
+    if (written <= 0 && ++tries_in_vain > kMostTriesInVain) return rest;
+    if (!patience.WaitWritable(fd_)) return rest;
+  }
 }
 
 void InjectPort::Reopen() {

@@ -24,7 +24,31 @@ enum PortStatus : int32_t {
   kPortPayloadTooLarge = -5,
 };
 
+/// How long the inject devices of one packet may hold up its I/O thread, all together: a quarter of
+/// the packet's period, 5 ms if it has none. RT.
+class SendPatience {
+ public:
+  SendPatience(const KvoxPacketHeader& header, IoWaiter& waiter)
+      : header_(header), waiter_(waiter) {}
+
+  /// Waits until `fd` can be written. False when no time is left, or the thread is needed
+  /// elsewhere.
+  bool WaitWritable(int fd);
+
+  bool untouched() const { return !begun_; }
+  bool used_up() const { return begun_ && left_ns_ == 0; }
+
+ private:
+  const KvoxPacketHeader& header_;
+  IoWaiter& waiter_;
+  bool begun_ = false;
+  uint64_t left_ns_ = 0;
+};
+
 /// One I/O thread at a time, RT throughout, except construction and destruction.
+///
+/// A device that takes nothing for a whole patience is stalled. Until it takes a packet again, each
+/// packet is offered to it once, without a wait: it costs the other devices nothing.
 class InjectPort {
  public:
   /// Takes over `fd`. `io` and `recorder` outlive the port.
@@ -40,21 +64,24 @@ class InjectPort {
   std::span<std::byte> PayloadArea(uint32_t size);
 
   /// Sends `header` and the payload that was built in PayloadArea().
-  int32_t SendBuilt(const KvoxPacketHeader& header, IoWaiter& waiter);
+  int32_t SendBuilt(const KvoxPacketHeader& header, SendPatience& patience);
 
   /// Sends `header` and the payload of `packet`, without copying it. The header of `packet` is
   /// replaced for the write and restored.
-  int32_t SendInPlace(const KvoxPacketHeader& header, std::byte* packet, IoWaiter& waiter);
+  int32_t SendInPlace(const KvoxPacketHeader& header, std::byte* packet, SendPatience& patience);
 
-  /// For dumps: copies the packet that SendInPlace sent last into the work area. `payload` is where
-  /// its payload still is, null when it has been overwritten.
+  /// For dumps: copies the packet that SendInPlace sent last into the work area, if that is the
+  /// packet, header and all, whose payload is at `payload`; null for none.
   void KeepSentPacket(const std::byte* payload);
 
-  /// Copies the work area. False when the packet sent last is not in it. Not RT.
+  /// Copies the packet that was sent last, with zeros behind it. False when it is gone: its place
+  /// was needed for one that could not be sent. Not RT.
   bool CopyTo(std::vector<std::byte>& copy) const;
 
  private:
-  int32_t Send(const KvoxPacketHeader& header, std::span<const std::byte> packet, IoWaiter& waiter);
+  int32_t Send(const KvoxPacketHeader& header, std::span<const std::byte> packet,
+               SendPatience& patience);
+  std::span<const std::byte> Write(std::span<const std::byte> packet, SendPatience& patience);
   void Reopen();
 
   const std::string name_;
@@ -62,9 +89,12 @@ class InjectPort {
   DeviceIo& io_;
   PacketRecorder& recorder_;
   int fd_;  // -1 while the device cannot be reopened
+  bool stalled_ = false;
   const std::unique_ptr<std::byte[]> area_;
 
-  bool sent_in_place_ = false;  // the packet sent last is not in the work area
+  enum class LastSent { kNothing, kInWorkArea, kInPlace, kGone };
+  LastSent last_sent_ = LastSent::kNothing;
+  const std::byte* in_place_payload_ = nullptr;
   KvoxPacketHeader in_place_header_;
 };
 

@@ -32,8 +32,8 @@ KvoxBuffer::~KvoxBuffer() {
   capture_->Abandon();
 }
 
-int32_t KvoxBuffer::Enable(bool enable) {
-  switch (BeginSwitching(enable)) {
+int32_t KvoxBuffer::Enable(bool enable, const StillWanted& still_wanted) {
+  switch (BeginSwitching(enable, still_wanted)) {
     case Switch::kGo:
       break;
     case Switch::kAlreadyThere:
@@ -44,6 +44,7 @@ int32_t KvoxBuffer::Enable(bool enable) {
   }
   bool switched = true;
   if (enable) {
+    EndReader();
     const int fd = OpenWithRetries();
     switched = fd >= 0 && EnableDevice(fd);
   } else {
@@ -53,8 +54,8 @@ int32_t KvoxBuffer::Enable(bool enable) {
   return switched ? 0 : -1;
 }
 
-KvoxBuffer::Try KvoxBuffer::TryEnable(unsigned number) {
-  switch (BeginTry(number)) {
+KvoxBuffer::Try KvoxBuffer::TryEnable(unsigned number, const StillWanted& still_wanted) {
+  switch (BeginTry(number, still_wanted)) {
     case Switch::kGo:
       break;
     case Switch::kAlreadyThere:
@@ -64,6 +65,7 @@ KvoxBuffer::Try KvoxBuffer::TryEnable(unsigned number) {
     case Switch::kRefused:
       return Try::kFailed;
   }
+  EndReader();
   const int fd = OpenDevice();
   const int error = errno;
   Try outcome = Try::kFailed;
@@ -78,33 +80,35 @@ KvoxBuffer::Try KvoxBuffer::TryEnable(unsigned number) {
 
 /// Waits for the turn to switch and looks whether there is anything to do. A thread that comes to
 /// disable ends the wait of one that is opening.
-KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable) {
+KvoxBuffer::Switch KvoxBuffer::BeginSwitching(bool enable, const StillWanted& still_wanted) {
   MutexLock lock(mutex_);
   if (!enable) ++disables_waiting_;
   changed_.NotifyAll();
   while (switching_) changed_.Wait(mutex_);
   if (!enable) --disables_waiting_;
+  if (enable && still_wanted && !still_wanted()) return Switch::kRefused;
   const Switch result = BeginLocked(enable);
   opening_ = result == Switch::kGo && enable;
   return result;
 }
 
 /// Waits for its turn, but not for a thread that pauses between its tries.
-KvoxBuffer::Switch KvoxBuffer::BeginTry(unsigned number) {
+KvoxBuffer::Switch KvoxBuffer::BeginTry(unsigned number, const StillWanted& still_wanted) {
   MutexLock lock(mutex_);
   while (switching_) {
     if (opening_) return Switch::kBusy;
     changed_.Wait(mutex_);
   }
+  if (!still_wanted()) return Switch::kRefused;
   if (number == 0) return BeginLocked(true);
-  if (IsEnabled()) return Switch::kAlreadyThere;
+  if (IsEnabled() && !gave_up()) return Switch::kAlreadyThere;
   if (abandoned_) return Switch::kRefused;
   switching_ = true;
   return Switch::kGo;
 }
 
 KvoxBuffer::Switch KvoxBuffer::BeginLocked(bool enable) {
-  if (enable && IsEnabled()) {
+  if (enable && IsEnabled() && !gave_up()) {
     LogInfo("Enable buffer %s: already enabled", name_.c_str());
     return Switch::kAlreadyThere;
   }
@@ -188,7 +192,8 @@ bool KvoxBuffer::EnableDevice(int fd) {
                                                          .rx_format = rx_format_,
                                                          .recorder = *capture_,
                                                          .log = environment_.io_log,
-                                                         .wake = wake_},
+                                                         .wake = wake_,
+                                                         .gave_up = gave_up_},
                                           fd);
     if (!reader_->Start()) {
       reader_.reset();
@@ -202,11 +207,19 @@ bool KvoxBuffer::EnableDevice(int fd) {
   return true;
 }
 
+/// Ends the I/O thread, or what is left of one that gave up.
+void KvoxBuffer::EndReader() {
+  if (!reader_) return;
+  enabled_.store(false, std::memory_order_relaxed);
+  reader_->Stop();
+  reader_.reset();
+  gave_up_.store(false, std::memory_order_relaxed);
+}
+
 void KvoxBuffer::DisableDevice() {
   enabled_.store(false, std::memory_order_relaxed);
   if (is_tapout_) {
-    reader_->Stop();
-    reader_.reset();
+    EndReader();
     environment_.io_log.Flush();
     LogInfo("Buffer %s disabled, I/O thread end", name_.c_str());
   } else {
@@ -279,7 +292,12 @@ void KvoxBuffer::DumpBuffer(KvoxBuffer* source) {
         source != nullptr ? source->CopyWorkArea(open_port.get(), area) : open_port->CopyTo(area);
   }
   if (!copied) {
-    LogError("%s buffer is null", name_.c_str());
+    if (!is_tapout_ && port()) {
+      LogError("%s: the packet that was sent last is no longer there; dump again while audio flows",
+               name_.c_str());
+    } else {
+      LogError("%s buffer is null", name_.c_str());
+    }
     return;
   }
   constexpr size_t kWordsPerLine = 8;
@@ -292,11 +310,15 @@ void KvoxBuffer::DumpBuffer(KvoxBuffer* source) {
 }
 
 /// The receive area, or what was last sent through a port that this buffer feeds: between two
-/// packets while the I/O thread runs; while there is none, none can start.
+/// packets while the I/O thread runs; while there is none, none can start. False while the device
+/// is being opened, which takes seconds.
 bool KvoxBuffer::CopyWorkArea(InjectPort* port, std::vector<std::byte>& area) {
   {
     MutexLock lock(mutex_);
-    while (switching_) changed_.Wait(mutex_);
+    while (switching_) {
+      if (opening_) return false;
+      changed_.Wait(mutex_);
+    }
     switching_ = true;
   }
   bool copied = false;

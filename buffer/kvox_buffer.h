@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -63,9 +64,17 @@ class KvoxBuffer {
   uint32_t index() const { return index_; }
   bool IsEnabled() const { return enabled_.load(std::memory_order_relaxed); }
 
+  /// Whether it is enabled, but its I/O thread has ended: the device could not be reopened.
+  /// Enabling it again starts it anew.
+  bool gave_up() const { return IsEnabled() && gave_up_.load(std::memory_order_relaxed); }
+
+  /// Whether the buffer is still to be enabled when its turn to switch comes. Takes leaf locks
+  /// only.
+  using StillWanted = std::function<bool()>;
+
   /// Opens or closes the device and starts or ends the I/O thread. Opening is tried five times, a
   /// second apart; disabling or dropping the buffer ends that.
-  int32_t Enable(bool enable);
+  int32_t Enable(bool enable, const StillWanted& still_wanted = nullptr);
 
   enum class Try {
     kOn,
@@ -77,7 +86,7 @@ class KvoxBuffer {
 
   /// One of the tries that Enable(true) makes, for callers that have more to do than to wait for
   /// the next one. The first is number 0.
-  Try TryEnable(unsigned number);
+  Try TryEnable(unsigned number, const StillWanted& still_wanted);
 
   /// Ends an Enable that waits for its device; the buffer cannot be enabled any more.
   void AbandonOpening();
@@ -85,6 +94,9 @@ class KvoxBuffer {
   /// Switches the buffer off permanently. False if that has been done before.
   bool Drop();
   bool dropped() const { return dropped_.load(); }
+
+  /// Whether its device is leaving or has left: it cannot be enabled any more.
+  bool leaving() const { return abandoned_.load(); }
 
   /// Tap-out: replaces the routes. Callers take turns.
   void SetRoutes(std::vector<Route> routes);
@@ -110,8 +122,8 @@ class KvoxBuffer {
  private:
   enum class Switch { kGo, kAlreadyThere, kBusy, kRefused };
 
-  Switch BeginSwitching(bool enable);
-  Switch BeginTry(unsigned number);
+  Switch BeginSwitching(bool enable, const StillWanted& still_wanted);
+  Switch BeginTry(unsigned number, const StillWanted& still_wanted);
   Switch BeginLocked(bool enable) REQUIRES(mutex_);
   void EndSwitching();
   bool EnableDevice(int fd);
@@ -119,6 +131,7 @@ class KvoxBuffer {
   int OpenDevice() const;
   bool AnotherTry(unsigned number, int fd, int error) const;
   bool WaitBeforeRetry();
+  void EndReader();
   void DisableDevice();
   void SwapPort(std::shared_ptr<InjectPort> port);
   void PublishRoutes(std::vector<Route> routes) REQUIRES(routes_mutex_);
@@ -134,6 +147,7 @@ class KvoxBuffer {
   RxFormatCell rx_format_;
   RoutePublisher publisher_;
   std::atomic<bool> enabled_ = false;
+  std::atomic<bool> gave_up_ = false;
   std::atomic<bool> dropped_ = false;
 
   Mutex mutex_;
@@ -141,7 +155,7 @@ class KvoxBuffer {
   bool switching_ GUARDED_BY(mutex_) = false;    // one thread has reader_ to itself
   bool opening_ GUARDED_BY(mutex_) = false;      // and that may take seconds
   int disables_waiting_ GUARDED_BY(mutex_) = 0;  // for their turn to switch
-  bool abandoned_ GUARDED_BY(mutex_) = false;    // cannot be enabled any more
+  std::atomic<bool> abandoned_ = false;          // cannot be enabled; changes under the mutex
 
   std::unique_ptr<TapReader> reader_;  // belongs to the thread that is switching
 

@@ -1,6 +1,7 @@
 #include "buffer/tap_device.h"
 
 #include <cerrno>
+#include <chrono>
 
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/log.h"
@@ -14,10 +15,6 @@ constexpr uint32_t kErrorsBeforeReopening = 10;
 constexpr int kReopenings = 5;
 constexpr int kReopenPauseMs = 500;
 constexpr uint64_t kNsPerMs = 1'000'000;
-
-int WholeMsBetween(uint64_t now_ns, uint64_t until_ns) {
-  return static_cast<int>((until_ns - now_ns + kNsPerMs - 1) / kNsPerMs);
-}
 
 }  // namespace
 
@@ -65,6 +62,11 @@ TapDevice::Outcome TapDevice::Read(std::span<std::byte> area, size_t& size) {
         return Outcome::kEnd;
     }
     const ssize_t count = links_.io.Read(handle_, area);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {  // ready, but for nothing
+      if (++wakes_in_vain_ > 1) Pause();
+      continue;
+    }
+    wakes_in_vain_ = 0;
     if (count < 0) return HandleError(errno, area.size());
     if (count > 0) {
       size = static_cast<size_t>(count);
@@ -77,7 +79,8 @@ TapDevice::Outcome TapDevice::Read(std::span<std::byte> area, size_t& size) {
 
 DeviceIo::Ready TapDevice::WaitForInput() {
   if (watch_ >= 0) return links_.io.WaitWatched(watch_, kWaitMs);
-  return links_.io.Wait(handle_, DeviceIo::Direction::kRead, links_.wake.fd(), kWaitMs);
+  return links_.io.Wait(handle_, DeviceIo::Direction::kRead, links_.wake.fd(),
+                        std::chrono::milliseconds(kWaitMs));
 }
 
 TapDevice::Outcome TapDevice::HandleError(int error, size_t requested) {
@@ -116,7 +119,7 @@ void TapDevice::Pause(int ms) {
     const uint64_t now = NowNs();
     if (now >= until) return;
     const DeviceIo::Ready ready = links_.io.Wait(-1, DeviceIo::Direction::kRead, links_.wake.fd(),
-                                                 WholeMsBetween(now, until));
+                                                 std::chrono::nanoseconds(until - now));
     if (ready == DeviceIo::Ready::kWoken) OnWake();
     if (ready == DeviceIo::Ready::kFailed) return;
   }
@@ -139,8 +142,8 @@ bool TapDevice::WaitFor(int fd, DeviceIo::Direction direction, uint64_t deadline
   while (!stopping() && !links_.routes.Superseded()) {
     const uint64_t now = NowNs();
     if (now >= deadline_ns) return false;
-    const DeviceIo::Ready ready =
-        links_.io.Wait(fd, direction, links_.wake.fd(), WholeMsBetween(now, deadline_ns));
+    const DeviceIo::Ready ready = links_.io.Wait(fd, direction, links_.wake.fd(),
+                                                 std::chrono::nanoseconds(deadline_ns - now));
     if (ready == DeviceIo::Ready::kDevice) return !stopping() && !links_.routes.Superseded();
     if (ready == DeviceIo::Ready::kFailed) return false;
     if (ready == DeviceIo::Ready::kWoken) links_.wake.Clear();  // a waiting call stays wanted

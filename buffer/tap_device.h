@@ -79,6 +79,7 @@ class TapDevice final : public IoWaiter {
   int watch_ = -1;  // of handle_ and the wake event; -1 if not possible
   uint32_t waits_ = 0;
   uint32_t read_errors_ = 0;
+  uint32_t wakes_in_vain_ = 0;  // in a row
 };
 
 }  // namespace kvox

@@ -83,6 +83,7 @@ void TapReader::Run() {
   }
   KeepSentPackets();
   LogInfo("%s %s end", name_, "ioProcess");
+  if (!device_.stopping()) links_.gave_up.store(true, kRelaxed);
   calls_.End();
 }
 
@@ -170,6 +171,7 @@ void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header
   const std::span<const std::byte> payload(packet + kPacketHeaderSize, header.payload_size);
   last_payload_ = payload.data();
   uint64_t begin_ns = arrived_ns;
+  SendPatience patience(header, device_);
   for (const Route& route : table.routes) {
     if (begin_ns == 0) begin_ns = device_.NowNs();
     OutputArea area(route.port ? route.port->PayloadArea(header.payload_size)
@@ -186,22 +188,22 @@ void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header
     if (result.status != 0) {
       LogError("%s %s: ProcessBlock returned status %d", name_, "ioProcess", result.status);
     }
-    if (route.port) Send(route, result, area, header, packet);
+    if (route.port) Send(route, result, area, header, packet, patience);
   }
 }
 
 void TapReader::Send(const Route& route, const BlockResult& result, OutputArea& area,
-                     const KvoxPacketHeader& header, std::byte* packet) {
+                     const KvoxPacketHeader& header, std::byte* packet, SendPatience& patience) {
   KvoxPacketHeader outgoing = stored_header_;
   outgoing.stamp = header.stamp;
   outgoing.packet_num = header.packet_num;
   outgoing.payload_size = header.payload_size;
   int32_t status;
   if (result.output_is_input) {
-    status = route.port->SendInPlace(outgoing, packet, device_);
+    status = route.port->SendInPlace(outgoing, packet, patience);
   } else {
     area.Data();  // silence, where the processor wrote nothing
-    status = route.port->SendBuilt(outgoing, device_);
+    status = route.port->SendBuilt(outgoing, patience);
   }
   if (status != kPortOk) {
     Count(statistics_.write_errors);

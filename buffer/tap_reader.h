@@ -36,6 +36,7 @@ struct TapReaderLinks {
   PacketRecorder& recorder;
   LogTarget& log;  // takes lines without waiting
   WakeEvent& wake;
+  std::atomic<bool>& gave_up;  // set when the thread ends though nobody has stopped it
 };
 
 /// Counters since the thread started. Any thread may read them.
@@ -80,7 +81,7 @@ class TapReader {
   void Dispatch(const RouteTable& table, const KvoxPacketHeader& header, std::byte* packet,
                 uint64_t arrived_ns);
   void Send(const Route& route, const BlockResult& result, OutputArea& area,
-            const KvoxPacketHeader& header, std::byte* packet);
+            const KvoxPacketHeader& header, std::byte* packet, SendPatience& patience);
   void KeepSentPackets();
 
   const TapReaderLinks links_;

@@ -1,5 +1,6 @@
 #include "buffer/wav_capture.h"
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -16,7 +17,10 @@ constexpr uint32_t kRingSize = 2u << 20;
 
 /// How often the writer checks the ring, unless it fills quickly. So a stream at real-time speed
 /// needs no wake-ups.
-constexpr int kLookIntoRingMs = 50;
+constexpr auto kLookIntoRing = std::chrono::milliseconds(50);
+
+/// How much may be behind the samples that the header counts, in bytes.
+constexpr size_t kHeaderInterval = 64 << 10;
 
 constexpr auto kPushPoll = std::chrono::microseconds(100);
 
@@ -48,13 +52,22 @@ int32_t WavCapture::Start(const std::string& file, std::string& message) {
     message += " failed";
     return -1;
   }
+  CaptureFile& present = *opened;  // not written before there are packets
   session_ = std::make_unique<Session>(buffer_, file, std::move(opened));
+  counter_ = {};
   samples_.store(0, std::memory_order_relaxed);
   dropped_.store(0, std::memory_order_relaxed);
   if (!StartWriter()) {
     session_.reset();
     LogError("%s: no thread to write the capture into %s with; end other captures first",
              buffer_.c_str(), file.c_str());
+    message += " failed";
+    return -1;
+  }
+  if (!present.CutTo(0)) {
+    LogError("Capture file %s cannot be emptied: %s; name another one", file.c_str(),
+             ErrorText(errno).c_str());
+    if (StopWriter()) session_.reset();
     message += " failed";
     return -1;
   }
@@ -77,11 +90,6 @@ int32_t WavCapture::Stop(std::string& message) {
   }
   message += " " + session->path + ", " + std::to_string(session->wav.samples()) + " samples";
   return 0;
-}
-
-void WavCapture::Abandon() {
-  abandoned_.store(true, std::memory_order_relaxed);
-  EndRecording();
 }
 
 bool WavCapture::StartWriter() {
@@ -113,7 +121,8 @@ bool WavCapture::StopWriter() {
 void WavCapture::EndRecording() {
   on_.store(false, std::memory_order_relaxed);
   if (!session_) return;
-  session_->ending.store(true, std::memory_order_relaxed);
+  // Release: hands the session back; Start may have worked on its file.
+  session_->ending.store(true, std::memory_order_release);
   session_->wake.Signal();
 }
 
@@ -134,7 +143,11 @@ void WavCapture::Record(const KvoxPacketHeader& header, std::span<const std::byt
   if (on_.load(std::memory_order_acquire)) {
     PacketRing& ring = *session_->ring;
     const bool was_half_full = ring.HalfFull();
-    if (!ring.Push(header, payload)) dropped_.fetch_add(1, std::memory_order_relaxed);
+    if (ring.Push(header, payload)) {
+      samples_.fetch_add(counter_.Count(header), std::memory_order_relaxed);
+    } else {
+      dropped_.fetch_add(1, std::memory_order_relaxed);
+    }
     if (!was_half_full && ring.HalfFull()) session_->wake.Signal();
   }
   pushing_.store(false, std::memory_order_release);
@@ -150,8 +163,8 @@ void WavCapture::KeepOthersOut() {
 void WavCapture::Run(Session& session) {
   const auto payload_area = std::make_unique<std::byte[]>(kPacketMaxPayload);
   const std::span<std::byte> area(payload_area.get(), kPacketMaxPayload);
-  while (session.wav.on() && !session.ending.load(std::memory_order_relaxed)) {
-    SystemDeviceIo().Wait(-1, DeviceIo::Direction::kRead, session.wake.fd(), kLookIntoRingMs);
+  while (session.wav.on() && !session.ending.load(std::memory_order_acquire)) {
+    SystemDeviceIo().Wait(-1, DeviceIo::Direction::kRead, session.wake.fd(), kLookIntoRing);
     session.wake.Clear();
     WriteQueued(session, area);
   }
@@ -159,39 +172,35 @@ void WavCapture::Run(Session& session) {
   KeepOthersOut();
   WriteQueued(session, area);
   session.ring.reset();
-  Report(session);
-  if (abandoned_.load(std::memory_order_relaxed)) {
-    session.wav.Abandon();
-  } else if (session.wav.on()) {
+  ReportDrops();
+  if (session.wav.on()) {
     session.wav.endCaptureWav();
     session.whole = true;
   }
   SetWriting(false);
 }
 
-void WavCapture::Report(Session& session) const {
-  const bool abandoned = abandoned_.load(std::memory_order_relaxed);
-  if (const uint32_t dropped = dropped_.load(std::memory_order_relaxed); dropped > 0) {
-    LogWarning("%s: %u packets are missing from the capture: the file could not be written %s",
-               buffer_.c_str(), dropped, abandoned ? "before the buffer was gone" : "fast enough");
-  }
-  if (abandoned && session.wav.on()) {
-    LogWarning("%s: capture into %s has no end: the buffer is gone; its header is 44 zero bytes",
-               buffer_.c_str(), session.path.c_str());
-  }
+void WavCapture::ReportDrops() const {
+  const uint32_t dropped = dropped_.load(std::memory_order_relaxed);
+  if (dropped == 0) return;
+  LogWarning(
+      "%s: %u packets are missing from the capture: the file could not be written fast "
+      "enough",
+      buffer_.c_str(), dropped);
 }
 
 void WavCapture::WriteQueued(Session& session, std::span<std::byte> payload_area) {
   KvoxPacketHeader header;
   std::span<const std::byte> payload;
+  size_t written = 0;
   while (session.wav.on() && session.ring->Pop(header, payload_area, payload)) {
-    if (abandoned_.load(std::memory_order_relaxed)) {
-      dropped_.fetch_add(1, std::memory_order_relaxed);
-      continue;
-    }
     session.wav.writeCaptureWav(header, payload);
-    samples_.store(session.wav.samples(), std::memory_order_relaxed);
+    written += payload.size();
+    if (written < kHeaderInterval) continue;
+    session.wav.UpdateHeader();
+    written = 0;
   }
+  session.wav.UpdateHeader();
 }
 
 }  // namespace kvox

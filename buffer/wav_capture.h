@@ -4,9 +4,7 @@
 // If the ring is full, the packet is missing from the file. Such packets are counted, and a warning
 // has the count when the capture has ended.
 //
-// Stop, or a change of the stream's format, ends a capture with a complete file. A failed write,
-// and Abandon, leave the file as it is. Abandon does not wait: packets that are not in the file yet
-// are counted as missing, and the header stays 44 zero bytes.
+// However a capture ends, its file is whole: the header is kept up to date while it grows.
 #pragma once
 
 #include <atomic>
@@ -46,9 +44,9 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   /// then the thread continues, and another Stop returns the result. Service threads.
   int32_t Stop(std::string& message);
 
-  /// Called when the buffer is destroyed: ends the capture without its header. The thread closes
-  /// the file when its current write has returned. No other function may be called afterwards.
-  void Abandon();
+  /// Called when the buffer is destroyed: ends the capture without waiting for it. The thread
+  /// finishes the file. No other function may be called afterwards.
+  void Abandon() { EndRecording(); }
 
   // RT. A buffer has one I/O thread at a time. If two ever meet here, the file loses a packet.
   void Record(const KvoxPacketHeader& header, std::span<const std::byte> payload) override;
@@ -77,7 +75,7 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   // The writer's thread.
   void Run(Session& session);
   void WriteQueued(Session& session, std::span<std::byte> payload_area);
-  void Report(Session& session) const;
+  void ReportDrops() const;
 
   const std::string buffer_;
   ThreadGroup& threads_;
@@ -86,9 +84,9 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
 
   std::atomic<bool> on_ = false;
   std::atomic<bool> pushing_ = false;  // a thread is using the ring's producer side
-  std::atomic<uint32_t> samples_ = 0;
+  SampleCounter counter_;              // belongs to that thread
+  std::atomic<uint32_t> samples_ = 0;  // recorded, whether written yet or not
   std::atomic<uint32_t> dropped_ = 0;
-  std::atomic<bool> abandoned_ = false;
 
   /// Starting and stopping take turns, also while one waits for the file.
   Mutex mutex_;

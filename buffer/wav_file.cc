@@ -11,8 +11,10 @@ namespace kvox {
 namespace {
 
 bool IsUsable(const KvoxTapFormat& format) {
+  const bool bytes_of_law = format.bytes_per_sample == 1 &&
+                            Kvox::DataFormat{format.data_format} == Kvox::DataFormat::SULAW;
   return format.sample_rate != 0 && format.channels != 0 &&
-         (format.bytes_per_sample == 2 || format.bytes_per_sample == 4) &&
+         (format.bytes_per_sample == 2 || format.bytes_per_sample == 4 || bytes_of_law) &&
          format.data_format < kDataFormatCount;
 }
 
@@ -22,17 +24,22 @@ bool SameFormat(const KvoxTapFormat& a, const KvoxTapFormat& b) {
          a.noninterleaved_samples == b.noninterleaved_samples;
 }
 
-/// Writes everything, or returns the result of the write that failed.
-std::optional<ssize_t> WriteAll(CaptureFile& file, std::span<const std::byte> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = file.Write(bytes);
-    if (written <= 0) return written;
-    bytes = bytes.subspan(static_cast<size_t>(written));
-  }
-  return std::nullopt;
+WavHeader HeaderOf(const KvoxTapFormat& format, uint32_t samples) {
+  WavHeader header;
+  InitHeaderWAV(&header, static_cast<int>(format.sample_rate), format.channels,
+                format.bytes_per_sample * 8, samples,
+                WavFormatOf(static_cast<Kvox::DataFormat>(format.data_format)));
+  return header;
 }
 
 }  // namespace
+
+uint32_t SampleCounter::Count(const KvoxPacketHeader& header) {
+  if (ended_ || (!format_ && !IsUsable(header.format))) return 0;
+  if (!format_) format_ = header.format;
+  ended_ = !SameFormat(*format_, header.format);
+  return ended_ ? 0 : FrameCount(header.format, header.payload_size);
+}
 
 WavFile::WavFile(std::string buffer, std::unique_ptr<CaptureFile> file)
     : buffer_(std::move(buffer)), file_(std::move(file)) {}
@@ -55,8 +62,8 @@ void WavFile::writeCaptureWav(const KvoxPacketHeader& header, std::span<const st
 }
 
 bool WavFile::Begin(const KvoxTapFormat& format) {
-  const std::byte placeholder[sizeof(WavHeader)] = {};
-  if (!Write(placeholder)) return false;
+  const WavHeader header = HeaderOf(format, 0);
+  if (!Write(std::as_bytes(std::span(&header, 1)))) return false;
   format_ = format;
   samples_ = 0;
   return true;
@@ -72,11 +79,25 @@ std::span<const std::byte> WavFile::Interleaved(std::span<const std::byte> paylo
   return std::span(converted_).first(payload.size());
 }
 
+/// A failure ends the file behind the last whole sample.
 bool WavFile::Write(std::span<const std::byte> bytes) {
-  const std::optional<ssize_t> failure = WriteAll(*file_, bytes);
-  if (!failure) return true;
-  LogError("%s %s: Error %ld", buffer_.c_str(), "writeCaptureWav", static_cast<long>(*failure));
-  Abandon();
+  std::span<const std::byte> rest = bytes;
+  ssize_t written = 0;
+  while (!rest.empty() && (written = file_->Write(rest)) > 0) {
+    rest = rest.subspan(static_cast<size_t>(written));
+  }
+  if (rest.empty()) return true;
+  LogError("%s %s: Error %ld", buffer_.c_str(), "writeCaptureWav", static_cast<long>(written));
+  if (format_) {
+    samples_ += FrameCount(*format_, static_cast<uint32_t>(bytes.size() - rest.size()));
+    const uint64_t frame = uint64_t{format_->channels} * format_->bytes_per_sample;
+    if (!file_->CutTo(sizeof(WavHeader) + samples_ * frame) || !WriteHeader()) {
+      LogError("%s %s: the header could not be written", buffer_.c_str(), "writeCaptureWav");
+    }
+  } else {
+    static_cast<void>(file_->CutTo(0));  // nothing was recorded
+  }
+  file_.reset();
   return false;
 }
 
@@ -86,20 +107,22 @@ void WavFile::endCaptureWav() {
     LogInfo("%s %s: Capture is not enabled", buffer_.c_str(), "endCaptureWav");
     return;
   }
-  if (format_) WriteHeader();
+  if (format_ && !WriteHeader()) {
+    LogError("%s %s: the header could not be written; it may count too few samples",
+             buffer_.c_str(), "endCaptureWav");
+  }
   file_.reset();
 }
 
-void WavFile::WriteHeader() {
-  WavHeader header;
-  InitHeaderWAV(&header, static_cast<int>(format_->sample_rate), format_->channels,
-                format_->bytes_per_sample * 8, samples_,
-                WavFormatOf(static_cast<Kvox::DataFormat>(format_->data_format)));
-  const bool written = file_->Rewind() && !WriteAll(*file_, std::as_bytes(std::span(&header, 1)));
-  if (!written) {
-    LogError("%s %s: the header could not be written; the file begins with 44 zero bytes",
-             buffer_.c_str(), "endCaptureWav");
-  }
+void WavFile::UpdateHeader() {
+  if (on() && format_ && samples_ != samples_in_header_) static_cast<void>(WriteHeader());
+}
+
+bool WavFile::WriteHeader() {
+  const WavHeader header = HeaderOf(*format_, samples_);
+  if (!file_->WriteStart(std::as_bytes(std::span(&header, 1)))) return false;
+  samples_in_header_ = samples_;
+  return true;
 }
 
 }  // namespace kvox

@@ -10,7 +10,8 @@ class Nowhere : public CaptureFile {
   ssize_t Write(std::span<const std::byte> bytes) override {
     return static_cast<ssize_t>(bytes.size());
   }
-  bool Rewind() override { return true; }
+  bool WriteStart(std::span<const std::byte>) override { return true; }
+  bool CutTo(uint64_t) override { return true; }
 };
 
 }  // namespace

@@ -76,7 +76,7 @@ void Recovery::RetryOpenings(const RecoveryClock& clock, Unfinished& unfinished)
 
 void Recovery::TryOpening(const RecoveryClock& clock, KvoxBuffer& buffer, unsigned number,
                           Unfinished& unfinished) {
-  const KvoxBuffer::Try outcome = buffer.TryEnable(number);
+  const KvoxBuffer::Try outcome = buffer.TryEnable(number, nullptr);
   if (outcome == KvoxBuffer::Try::kOn) links_.io.SwitchAsSaved(buffer);
   if (outcome == KvoxBuffer::Try::kAgain) ++number;
   if (outcome == KvoxBuffer::Try::kAgain || outcome == KvoxBuffer::Try::kBusy) {

@@ -25,9 +25,10 @@ class DeviceIoTest : public ::testing::Test {
     EXPECT_GE(watch_.get(), 0);
   }
   void ExpectBothAnswer(Ready expected) {
-    constexpr int kAtOnceMs = 0;
-    EXPECT_EQ(io_.Wait(device_.get(), DeviceIo::Direction::kRead, wake_.fd(), kAtOnceMs), expected);
-    EXPECT_EQ(io_.WaitWatched(watch_.get(), kAtOnceMs), expected);
+    EXPECT_EQ(
+        io_.Wait(device_.get(), DeviceIo::Direction::kRead, wake_.fd(), std::chrono::seconds(0)),
+        expected);
+    EXPECT_EQ(io_.WaitWatched(watch_.get(), 0), expected);
   }
   void Deliver() { EXPECT_EQ(write(other_end_.get(), "12345678", 8), 8); }
 

@@ -1,10 +1,12 @@
 #include "buffer/kvox_buffer.h"
 
+#include <latch>
 #include <thread>
 
 #include "kvox/common/log_ring.h"
 #include "tests/buffer/buffer_fixture.h"
 #include "tests/support/no_threads.h"
+#include "tests/support/process.h"
 
 namespace kvox {
 namespace {
@@ -23,7 +25,7 @@ class KvoxBufferTest : public BufferFixture {
   }
 
   static void WaitForBlocks(KvoxProcessor& processor, int count) {
-    while (static_cast<int>(processor.stats().blocks()) < count) std::this_thread::yield();
+    EXPECT_TRUE(YieldUntil([&] { return static_cast<int>(processor.stats().blocks()) >= count; }));
   }
 
   std::shared_ptr<KvoxBuffer> tapout_ = MakeBuffer("tapout0", 0, true);
@@ -85,15 +87,73 @@ TEST_F(KvoxBufferTest, DisablingEndsTheWaitForAMissingDevice) {
       log_.Count("E Open " + (directory_ / "tapout0").string() + " failed, status -1, errno 2"),
       1u);
   EXPECT_EQ(log_.Count("I Disable buffer tapout0: already disabled"), 1u);
+  enabler = std::thread([&] { EXPECT_EQ(tapout_->Enable(true), 0); });
+  EXPECT_TRUE(log_.WaitFor("I tapout0 Attempting to reinitialize KVO interface, attempt 1\n", 2));
+  directory_.MakeFifo("tapout0");
+  enabler.join();
+  EXPECT_EQ(tapout_->Enable(false), 0);
   tapout_->AbandonOpening();
   EXPECT_EQ(tapout_->Enable(true), -1) << "an abandoned buffer stays off";
+  for (const unsigned number : {0u, 1u}) {
+    EXPECT_EQ(tapout_->TryEnable(number, [] { return true; }), KvoxBuffer::Try::kFailed);
+  }
+}
+
+TEST_F(KvoxBufferTest, OneThatGaveUpIsEnabledAnew) {
+  ScriptedDevice device;
+  std::latch enabled(1);
+  for (int i = 0; i < 10; ++i) device.FailRead(EIO);
+  device.Do([&] { device.open_errors = 5; });
+  device.FailRead(EIO);
+  device.Do([] {});
+  KvoxBuffer buffer(
+      "tapout1", "/tapout1", 1, true,
+      {.io = device, .io_log = log_, .wiring = wiring_, .capture_threads = capture_threads_});
+  ASSERT_EQ(buffer.Enable(true), 0);
+  ASSERT_TRUE(WaitFor([&] { return buffer.gave_up(); }));
+  EXPECT_TRUE(log_.WaitFor("tapout1 ioProcess end"));
+  device.Do([&] { enabled.wait(); });
+  EXPECT_EQ(buffer.Enable(true), 0);
+  EXPECT_FALSE(buffer.gave_up());
+  EXPECT_EQ(log_.Count("Enable buffer tapout1 (0 processors connected), I/O thread start"), 2u);
+  enabled.count_down();
+  EXPECT_EQ(buffer.Enable(false), 0);
+  EXPECT_FALSE(buffer.gave_up());
+}
+
+TEST_F(KvoxBufferTest, ItsCaptureEndsWithIt) {
+  auto buffer = MakeBuffer("inject1", 1, false);
+  WavCapture& capture = buffer->capture();
+  std::string message;
+  ASSERT_EQ(capture.Start(directory_ / "a.wav", message), 0);
+  buffer.reset();
+  EXPECT_TRUE(WaitFor([&] { return capture_threads_.running() == 0; }));
+  if (capture_threads_.running() > 0) capture.Abandon();  // its thread owns it
+}
+
+TEST(RxFormatCell, AStreamDoesNotOverwriteANewerCommand) {
+  RxFormatCell cell;
+  cell.Set({.sample_rate = 16000});
+  cell.Adopt({.sample_rate = 48000}, 0);
+  EXPECT_EQ(cell.Get().format.sample_rate, 16000u);
+  cell.Adopt({.sample_rate = 48000}, cell.Get().serial);
+  EXPECT_EQ(cell.Get().format.sample_rate, 48000u);
+}
+
+TEST(IoThreadCall, RunsOnTheCallersThreadOnceTheIoThreadHasEnded) {
+  WakeEvent wake;
+  IoThreadCall calls(wake);
+  calls.End();
+  bool ran = false;
+  EXPECT_TRUE(calls.Run([&] { ran = true; }));
+  EXPECT_TRUE(ran);
 }
 
 TEST_F(KvoxBufferTest, TheStreamCorrectsTheFormatThatACommandHasSet) {
   const KvoxTapFormat format = {.sample_rate = 48000, .channels = 2, .bytes_per_sample = 2};
   ASSERT_EQ(tapout_->Enable(true), 0);
   SendPacket(MakePacket(1, 1920, format));
-  while (tapout_->RxFormat().sample_rate == 0) std::this_thread::yield();
+  ASSERT_TRUE(YieldUntil([&] { return tapout_->RxFormat().sample_rate != 0; }));
   tapout_->SetRxFormat({.sample_rate = 16000, .channels = 1, .bytes_per_sample = 4});
   SendPacket(MakePacket(2, 1920, format));
   EXPECT_TRUE(log_.WaitFor("RX format change 16kHz 1ch"));
@@ -120,7 +180,7 @@ TEST_F(KvoxBufferTest, ADumpShowsThePacketSentLastOrNothing) {
   ASSERT_TRUE(log_.WaitFor("skipping 64 bytes", 2));
   log_.Take();
   inject_->DumpBuffer(tapout_.get());
-  EXPECT_EQ(log_.Count("E inject0 buffer is null"), 1u);
+  EXPECT_EQ(log_.Count("E inject0: the packet that was sent last is no longer there"), 1u);
 
   SendPacket(MakePacket(3, 1920));
   ASSERT_EQ(ReceivePacket(kPacketHeaderSize + 1920), MakePacket(3, 1920));

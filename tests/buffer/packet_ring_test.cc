@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <future>
 
 #include "tests/support/bytes.h"
+#include "tests/support/process.h"
 
 namespace kvox {
 namespace {
@@ -70,17 +71,16 @@ TEST_F(PacketRingTest, CarriesPacketsOfAnySizeBetweenTwoThreads) {
   constexpr uint32_t kPackets = 600;
   PacketRing ring(kPacketMaxSize * 2);
   const auto size = [](uint32_t number) { return number * 7919 % kPacketMaxPayload / 4 * 4; };
-  std::thread producer([&] {
+  const std::future<void> producer = std::async(std::launch::async, [&] {
     for (uint32_t number = 0; number < kPackets; ++number) {
-      while (!Push(ring, number, size(number))) std::this_thread::yield();
+      if (!YieldUntil([&] { return Push(ring, number, size(number)); })) return;
     }
   });
   for (uint32_t number = 0; number < kPackets; ++number) {
     Bytes packet;
-    while ((packet = Pop(ring)).empty()) std::this_thread::yield();
+    ASSERT_TRUE(YieldUntil([&] { return !(packet = Pop(ring)).empty(); }));
     ASSERT_EQ(packet, MakePacket(number, size(number)));
   }
-  producer.join();
 }
 
 }  // namespace

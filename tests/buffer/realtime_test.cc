@@ -77,7 +77,7 @@ class Relay : public ProcessorHost {
     std::atomic<int> blocks = 0;
   };
   void BlockStateChanged(const KvoxProcessor&) override {}
-  int32_t EndUseCaseOf(const KvoxProcessor&) override { return 0; }
+  void EndUseCaseOf(std::shared_ptr<const KvoxProcessor>) override {}
   ThreadGroup& client_threads() override { return threads_; }
   ByteBudget& sent_audio_budget() override { return budget_; }
 

@@ -17,6 +17,7 @@ struct FileScript {
   std::function<ssize_t(ssize_t asked)> decide;  // on the result of every write, where it is set
   std::atomic<bool> blocked = false;
   std::atomic<bool> entered = false;  // a write has begun
+  bool start_fails = false;
   std::string text;
   bool closed = false;
 };
@@ -37,16 +38,19 @@ class RecordedFile : public CaptureFile {
       script_.results.pop_front();
     }
     if (result <= 0) return result;
-    const auto size = static_cast<size_t>(result);
-    script_.text.replace(at_, size, reinterpret_cast<const char*>(bytes.data()), size);
-    at_ += size;
+    script_.text.append(reinterpret_cast<const char*>(bytes.data()), static_cast<size_t>(result));
     return result;
   }
-  bool Rewind() override { return at_ = 0, true; }
+  bool WriteStart(std::span<const std::byte> bytes) override {
+    if (script_.start_fails) return false;
+    script_.text.replace(0, bytes.size(), reinterpret_cast<const char*>(bytes.data()),
+                         bytes.size());
+    return true;
+  }
+  bool CutTo(uint64_t size) override { return script_.text.resize(size), true; }
 
  private:
   FileScript& script_;
-  size_t at_ = 0;
 };
 
 /// The 44 bytes that a file of this audio begins with.

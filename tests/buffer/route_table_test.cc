@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 
 #include "processors/passthru_processor.h"
+#include "tests/support/process.h"
 #include "tests/support/scripted_device.h"
 
 namespace kvox {
@@ -43,16 +45,15 @@ TEST(RoutePublisher, AGracePeriodLastsUntilTheNudgedReaderIsDone) {
   std::atomic<int> nudges = 0;
   RoutePublisher routes([&] { ++nudges; });
   std::atomic<bool> reading = false;
-  std::thread reader([&] {
+  const std::future<void> reader = std::async(std::launch::async, [&] {
     const RoutePublisher::Use table(routes);
     reading = true;
-    while (nudges == 0) std::this_thread::yield();
+    EXPECT_TRUE(YieldUntil([&] { return nudges > 0; }));
   });
-  while (!reading) std::this_thread::yield();
+  ASSERT_TRUE(YieldUntil([&] { return reading.load(); }));
   routes.Publish(std::make_unique<RouteTable>());
   routes.WaitForGracePeriod();
   EXPECT_GE(nudges, 1);
-  reader.join();
 }
 
 TEST(RoutePublisher, ReaderAndPublisherNeverMeetOnADeadTable) {
@@ -93,12 +94,13 @@ class InjectPortTest : public ::testing::Test {
     uint32_t samples() const override { return 0; }
   };
 
-  int32_t Send(int patience) {
-    CountedWaiter waiter(patience);
+  int32_t Send(int waits) {
+    CountedWaiter waiter(waits);
     Bytes packet = packet_;
     KvoxPacketHeader header = HeaderOf(packet);
     header.stamp = 5;
-    const int32_t status = port_.SendInPlace(header, packet.data(), waiter);
+    SendPatience patience(header, waiter);
+    const int32_t status = port_.SendInPlace(header, packet.data(), patience);
     EXPECT_EQ(packet, packet_) << "the packet is as it was";
     return status;
   }
@@ -128,6 +130,46 @@ TEST_F(InjectPortTest, ATornDeviceStartsAfreshAFullOneDoesNot) {
   EXPECT_EQ(device_.closed.size(), 1u);
   EXPECT_EQ(device_.opened, (std::vector<std::string>{"/inject0"}));
   EXPECT_EQ(Send(0), kPortOk);
+}
+
+TEST_F(InjectPortTest, KeepsForDumpsOnlyWhatItHasSent) {
+  CountedWaiter waiter(0);
+  Bytes packet = packet_;
+  const KvoxPacketHeader header = HeaderOf(packet);
+  SendPatience patience(header, waiter);
+  ASSERT_EQ(port_.SendInPlace(header, packet.data(), patience), kPortOk);
+  Bytes copy;
+  const Bytes same_elsewhere = packet_;
+  port_.KeepSentPacket(same_elsewhere.data() + kPacketHeaderSize);
+  EXPECT_FALSE(port_.CopyTo(copy)) << "of another reader";
+  const Bytes next = MakePacket(2, 480);
+  std::ranges::copy(next, packet.begin());
+  port_.KeepSentPacket(packet.data() + kPacketHeaderSize);
+  EXPECT_FALSE(port_.CopyTo(copy)) << "overwritten by a packet that went elsewhere";
+  std::ranges::copy(packet_, packet.begin());
+  port_.KeepSentPacket(packet.data() + kPacketHeaderSize);
+  EXPECT_TRUE(port_.CopyTo(copy));
+  EXPECT_TRUE(std::equal(packet_.begin(), packet_.end(), copy.begin()));
+
+  device_.write_limits = {0};
+  EXPECT_EQ(Send(0), kPortWriteFailed);
+  EXPECT_TRUE(port_.CopyTo(copy)) << "a packet that was not sent replaces nothing";
+  const auto send_built = [&](const Bytes& built) {
+    std::ranges::copy(AudioOf(built), port_.PayloadArea(kPacketMaxPayload).begin());
+    return port_.SendBuilt(HeaderOf(built), patience);
+  };
+  const auto sent = [&](const Bytes& built) {
+    return port_.CopyTo(copy) && std::ranges::equal(built, std::span(copy).first(built.size())) &&
+           std::ranges::count(std::span(copy).subspan(built.size()), std::byte{}) ==
+               std::ssize(copy) - std::ssize(built);
+  };
+  ASSERT_EQ(send_built(MakePacket(3, 1920)), kPortOk);
+  EXPECT_TRUE(sent(MakePacket(3, 1920)));
+  ASSERT_EQ(send_built(MakePacket(4, 480)), kPortOk);
+  EXPECT_TRUE(sent(MakePacket(4, 480))) << "nothing of the longer one before";
+  device_.write_limits = {0};
+  EXPECT_EQ(send_built(packet_), kPortWriteFailed);
+  EXPECT_FALSE(port_.CopyTo(copy)) << "its place holds what was not sent";
 }
 
 TEST_F(InjectPortTest, ErrorsAreAnsweredAndClosedDevicesAreTriedAgain) {

@@ -130,6 +130,11 @@ TEST_F(StreamParserTest, ReportsExcessFromEightBytesOn) {
   ExpectPacket(findings, MakePacket(1, 484));
 
   parser_.Resync();
+  findings = Read(MakePacket(1, 480) + Bytes(8));
+  EXPECT_EQ(findings.excess, 8u);
+  ExpectPacket(findings, MakePacket(1, 480));
+
+  parser_.Resync();
   findings = Read(MakePacket(2, 480) + Bytes(16));
   EXPECT_EQ(findings.excess, 16u);
   EXPECT_EQ(findings.assembled, 560u);

@@ -35,19 +35,22 @@ class FailingProcessor : public KvoxProcessor {
 /// Plays a scripted device to the reader on the test's own thread, until the script ends.
 class TapReaderTest : public ::testing::Test {
  protected:
-  void RouteTo(std::shared_ptr<KvoxProcessor> processor) {
-    port_ = std::make_shared<InjectPort>("inject0", "/inject0", device_, inject_recorder_,
-                                         ScriptedDevice::kInjectFd);
+  /// To one inject device for each descriptor.
+  void RouteTo(std::shared_ptr<KvoxProcessor> processor,
+               const std::vector<int>& fds = {ScriptedDevice::kInjectFd}) {
     auto table = std::make_unique<RouteTable>();
-    table->routes.push_back({.processor = std::move(processor), .connected = true, .port = port_});
+    for (const int fd : fds) {
+      port_ = std::make_shared<InjectPort>("inject0", "/inject0", device_, inject_recorder_, fd);
+      table->routes.push_back({.processor = processor, .connected = true, .port = port_});
+    }
     routes_.Publish(std::move(table));
     routes_.WaitForGracePeriod();
   }
 
-  void RouteToPassthrough() {
+  void RouteToPassthrough(const std::vector<int>& fds = {ScriptedDevice::kInjectFd}) {
     auto processor = std::make_shared<PassthruProcessor>(MakeFourCc("pass"), MakeFourCc("pass"));
     processor->Enable(true);
-    RouteTo(processor);
+    RouteTo(processor, fds);
   }
 
   /// Plays the script to its end. The lines are counted in log_.
@@ -60,6 +63,7 @@ class TapReaderTest : public ::testing::Test {
   WakeEvent wake_;
   RoutePublisher routes_{[] {}};
   RxFormatCell rx_format_;
+  std::atomic<bool> gave_up_ = false;
   SpyRecorder recorder_;
   SpyRecorder inject_recorder_;
   std::shared_ptr<InjectPort> port_;
@@ -71,7 +75,8 @@ class TapReaderTest : public ::testing::Test {
                                                  .rx_format = rx_format_,
                                                  .recorder = recorder_,
                                                  .log = log_,
-                                                 .wake = wake_},
+                                                 .wake = wake_,
+                                                 .gave_up = gave_up_},
                                   ScriptedDevice::kTapoutFd);
 };
 
@@ -92,6 +97,36 @@ TEST_F(TapReaderTest, TellsWhatTheFirstPacketBrings) {
                 "E tapout0 select failed\n",
                 "I tapout0 ioProcess end",
             }));
+}
+
+TEST_F(TapReaderTest, StalledInjectsCostTheOthersNothing) {
+  constexpr int kHealthy = 203;
+  constexpr std::chrono::nanoseconds kQuarter{2'500'000};
+  RouteToPassthrough({201, 202, kHealthy});
+  device_.stalled = {201, 202};
+  for (uint32_t number = 1; number <= 4; ++number) {
+    device_.Deliver(MakePacket(number, kTenMs, kFormat), 10);
+  }
+  device_.Do([&] { device_.stalled = {202}; });
+  device_.Deliver(MakePacket(5, kTenMs, kFormat), 10);
+  device_.Do([&] { device_.stalled = {201, 202}; });
+  device_.Deliver(MakePacket(6, kTenMs, kFormat), 10);
+  Run();
+  EXPECT_EQ(std::ranges::count(device_.written_to, kHealthy), 6);
+  EXPECT_EQ(std::ranges::count(device_.written_to, 201), 1) << "once it takes packets again";
+  EXPECT_EQ(device_.write_waits,
+            (std::vector<std::chrono::nanoseconds>{kQuarter, kQuarter, kQuarter}))
+      << "for each device that begins to stall, and for the one that stalls anew";
+}
+
+TEST_F(TapReaderTest, ANewTableEndsTheWaitForAnInject) {
+  RouteToPassthrough();
+  device_.stalled = {ScriptedDevice::kInjectFd};
+  device_.on_write_wait = [this] { routes_.Publish(std::make_unique<RouteTable>()); };
+  device_.Deliver(MakePacket(1, kTenMs, kFormat));
+  Run();
+  EXPECT_EQ(device_.write_waits.size(), 1u);
+  routes_.WaitForGracePeriod();
 }
 
 TEST_F(TapReaderTest, PassesAudioOnWithTheStoredHeader) {
@@ -190,11 +225,36 @@ TEST_F(TapReaderTest, TenErrorsInARowReopenTheDevice) {
   EXPECT_EQ(recorder_.numbers.size(), 1u);
 }
 
+TEST_F(TapReaderTest, APacketStartsTheCountOfErrorsAfresh) {
+  for (uint32_t number = 1; number <= 2; ++number) {
+    for (int i = 0; i < 10; ++i) device_.FailRead(EIO);
+    device_.Deliver(MakePacket(number, kTenMs, kFormat));
+  }
+  Run();
+  EXPECT_TRUE(device_.opened.empty());
+  EXPECT_EQ(recorder_.numbers.size(), 2u);
+}
+
+TEST_F(TapReaderTest, WakesForNothingAreNoErrors) {
+  const Bytes packet = MakePacket(1, kTenMs, kFormat);
+  device_.Deliver(Part(packet, 0, 1000));
+  device_.FailRead(EINTR);
+  device_.Deliver(Part(packet, 1000, 984));
+  for (int i = 0; i < 30; ++i) device_.FailRead(EAGAIN);
+  device_.Deliver(MakePacket(2, kTenMs, kFormat));
+  Run();
+  EXPECT_EQ(recorder_.numbers, (std::vector<uint32_t>{1, 2}));
+  EXPECT_EQ(log_.Count("KVO read status"), 0u);
+  EXPECT_EQ(device_.pauses_ms, std::vector<int>(29, 10)) << "but a device may not spin the thread";
+  EXPECT_TRUE(device_.opened.empty());
+}
+
 TEST_F(TapReaderTest, GivesUpAfterFiveFailedReopenings) {
   for (int i = 0; i < 11; ++i) device_.FailRead(EIO);
   device_.open_errors = 5;
   Run();
   EXPECT_EQ(log_.Count("E tapout0 KVO interface error, status -1\n"), 1u);
+  EXPECT_TRUE(gave_up_);
   EXPECT_EQ(log_.Take().back(), "I tapout0 ioProcess end");
 }
 

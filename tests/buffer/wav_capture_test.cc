@@ -1,5 +1,8 @@
 #include "buffer/wav_capture.h"
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <thread>
 
 #include "tests/buffer/buffer_fixture.h"
@@ -14,6 +17,15 @@ constexpr uint32_t kPayload = 1920;
 
 class WavCaptureTest : public ::testing::Test {
  protected:
+  /// Also after a failure: threads_ waits for the writers.
+  void TearDown() override {
+    file_.blocked = false;
+    file_.blocked.notify_all();
+    for (const auto& capture : {owner_, scripted_owner_, second_owner_}) {
+      if (capture) capture->Abandon();
+    }
+  }
+
   static void Record(WavCapture& capture, uint32_t number, const KvoxTapFormat& format = kFormat) {
     const Bytes packet = MakePacket(number, kPayload, format);
     capture.Record(HeaderOf(packet), AudioOf(packet));
@@ -43,6 +55,7 @@ class WavCaptureTest : public ::testing::Test {
       "tapout0", threads_,
       [this](const std::string&) { return std::make_unique<RecordedFile>(file_); });
   WavCapture& scripted_ = *scripted_owner_;
+  std::shared_ptr<WavCapture> second_owner_;
 };
 
 TEST_F(WavCaptureTest, TheFileHoldsWhatPassedBetweenStartAndStop) {
@@ -58,9 +71,9 @@ TEST_F(WavCaptureTest, TheFileHoldsWhatPassedBetweenStartAndStop) {
     EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_ + ": Error, already enabled");
     for (uint32_t number = 1; number <= kPackets; ++number) {
       Record(capture_, number);
-      if (number % 500 == 0) {
-        ASSERT_TRUE(WaitFor([&] { return capture_.samples() == 480 * number; }));
-      }
+      EXPECT_EQ(capture_.samples(), 480 * number);
+      if (number % 500 != 0) continue;
+      ASSERT_TRUE(WaitFor([&] { return ReadText(path_).size() == 44 + kPayload * number; }));
     }
     ASSERT_EQ(Stop(capture_), 0);
     EXPECT_EQ(message_, "CaptureStop tapout0 buffer " + path_ + ", 960000 samples");
@@ -80,6 +93,11 @@ TEST_F(WavCaptureTest, EndsByItselfAndCanBeStartedAgain) {
   ASSERT_EQ(Start(capture_), 0);
   EXPECT_EQ(Stop(capture_), 0);
   EXPECT_EQ(ReadText(path_), "") << "no packet was taken";
+  ASSERT_EQ(Start(capture_), 0);
+  Record(capture_, 1);
+  EXPECT_EQ(capture_.samples(), 480u) << "the format that ended an earlier one does not count";
+  EXPECT_TRUE(WaitFor([&] { return ReadText(path_) == FileOf(1); })) << "whole at any time";
+  EXPECT_EQ(Stop(capture_), 0);
 }
 
 TEST_F(WavCaptureTest, ASlowFileCostsPacketsOfTheFileOnly) {
@@ -97,6 +115,33 @@ TEST_F(WavCaptureTest, ASlowFileCostsPacketsOfTheFileOnly) {
   EXPECT_TRUE(file_.text == FileOf(kept)) << "what fits is there, whole and in order";
   EXPECT_EQ(log_.Count("W tapout0: " + std::to_string(kPackets - kept) + " packets are missing"),
             1u);
+  log_.Take();
+  ASSERT_EQ(Start(scripted_), 0);
+  Record(scripted_, 1);
+  ASSERT_EQ(Stop(scripted_), 0);
+  EXPECT_EQ(log_.Count("packets are missing"), 0u) << "those of the capture before do not count";
+}
+
+TEST_F(WavCaptureTest, ARingThatFillsQuicklyIsWrittenAtOnce) {
+  constexpr uint32_t kMoreThanHalf = 700;  // of what the ring holds
+  constexpr auto kSoonerThanItLooks = std::chrono::milliseconds(25);
+  std::atomic<ssize_t> written = 0;
+  file_.decide = [&](ssize_t asked) { return written += asked, asked; };
+  ASSERT_EQ(Start(scripted_), 0);
+  auto shortest = std::chrono::steady_clock::duration::max();
+  const Bytes packet = MakePacket(1, kPayload, kFormat);
+  for (ssize_t round = 1; round <= 10; ++round) {
+    file_.entered = false;
+    const auto begin = std::chrono::steady_clock::now();
+    for (uint32_t i = 0; i < kMoreThanHalf; ++i) {
+      scripted_.Record(HeaderOf(packet), AudioOf(packet));
+    }
+    ASSERT_TRUE(WaitFor([&] { return file_.entered.load(); }));
+    shortest = std::min(shortest, std::chrono::steady_clock::now() - begin);
+    ASSERT_TRUE(WaitFor([&] { return written == 44 + round * kMoreThanHalf * kPayload; }));
+  }
+  EXPECT_LT(shortest, kSoonerThanItLooks);
+  EXPECT_EQ(Stop(scripted_), 0);
 }
 
 TEST_F(WavCaptureTest, AFileThatHangsIsNotWaitedForForEver) {
@@ -121,12 +166,13 @@ TEST_F(WavCaptureTest, AFileThatHangsIsNotWaitedForForEver) {
   EXPECT_EQ(file_.text, FileOf(1));
 }
 
-TEST_F(WavCaptureTest, ABufferThatGoesWaitsForNoDiskAndLeavesNoHeader) {
+TEST_F(WavCaptureTest, ABufferThatGoesWaitsForNoDiskAndLeavesAWholeFile) {
   file_.blocked = true;
   ASSERT_EQ(Start(scripted_), 0);
   Record(scripted_, 1);
   ASSERT_TRUE(WaitFor([&] { return file_.entered.load(); }));
   for (const uint32_t number : {2u, 3u}) Record(scripted_, number);
+  EXPECT_EQ(scripted_.samples(), 3 * 480u) << "counted when recorded, not when written";
   scripted_.Abandon();
   scripted_owner_.reset();
   EXPECT_EQ(threads_.running(), 1u) << "the disk still holds the thread";
@@ -134,18 +180,53 @@ TEST_F(WavCaptureTest, ABufferThatGoesWaitsForNoDiskAndLeavesNoHeader) {
   file_.blocked.notify_all();
   ASSERT_TRUE(WaitFor([&] { return threads_.running() == 0; }));
   EXPECT_TRUE(file_.closed);
-  EXPECT_EQ(file_.text, std::string(44, '\0') + FileOf(1).substr(44));
-  EXPECT_EQ(log_.Count("W tapout0: capture into " + path_ + " has no end"), 1u);
-  EXPECT_EQ(log_.Count("W tapout0: 2 packets are missing"), 1u);
+  EXPECT_EQ(file_.text, FileOf(3));
 }
 
-TEST_F(WavCaptureTest, WithoutAThreadThereIsNoCapture) {
+TEST_F(WavCaptureTest, WithoutAThreadTheFileStaysAsItIs) {
+  std::ofstream(path_) << "kept";
   ThreadGroup none(0);
   const auto capture = std::make_shared<WavCapture>("tapout0", none);
   EXPECT_EQ(Start(*capture), -1);
   EXPECT_EQ(message_, "CaptureStart tapout0 buffer " + path_ + " failed");
   EXPECT_EQ(log_.Count("E tapout0: no thread to write the capture into " + path_), 1u);
   EXPECT_EQ(Stop(*capture), -1);
+  EXPECT_EQ(ReadText(path_), "kept");
+}
+
+TEST_F(WavCaptureTest, AFileHasOneCaptureOneNameAndOurOwner) {
+  const auto second = second_owner_ = std::make_shared<WavCapture>("inject0", threads_);
+  ASSERT_EQ(Start(capture_), 0);
+  Record(capture_, 1);
+  EXPECT_EQ(Start(*second), -1);
+  EXPECT_EQ(message_, "CaptureStart inject0 buffer " + path_ + " failed");
+  EXPECT_EQ(Stop(capture_), 0);
+  EXPECT_EQ(ReadText(path_), FileOf(1));
+  std::filesystem::create_hard_link(path_, directory_ / "second.wav");
+  EXPECT_EQ(Start(*second), -1);
+  std::filesystem::remove(directory_ / "second.wav");
+  if (chown(path_.c_str(), 65534, 65534) == 0) {
+    EXPECT_EQ(Start(*second), -1);
+  }
+  EXPECT_EQ(ReadText(path_), FileOf(1)) << "untouched";
+}
+
+TEST_F(WavCaptureTest, AFullDiskLeavesAPlayableFile) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit full = before;
+  full.rlim_cur = 44 + kPayload + 100;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+  ASSERT_EQ(Start(capture_), 0);
+  Record(capture_, 1);
+  Record(capture_, 2);
+  EXPECT_TRUE(WaitFor([&] { return !capture_.recording(); }));
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  EXPECT_EQ(Stop(capture_), -1);
+  EXPECT_EQ(message_, "CaptureStop tapout0 buffer: Capture not started");
+  EXPECT_EQ(ReadText(path_), HeaderOf(48000, 2, 16, 480 + 25, WavFormat_t::kPcm) +
+                                 FileOf(2).substr(44, kPayload + 100));
 }
 
 TEST_F(WavCaptureTest, OnlyRegularFilesAreOpened) {
@@ -163,6 +244,32 @@ TEST_F(WavCaptureTest, OnlyRegularFilesAreOpened) {
   EXPECT_EQ(log_.Count("cannot be opened: not a regular file"), 5u);
   EXPECT_EQ(capture_.Start(std::string(300, 'n'), message_), -1);
   EXPECT_EQ(message_.size(), 255u + std::string(" failed").size());
+}
+
+TEST_F(WavCaptureTest, EveryPacketIsInTheFileOrMissed) {
+  constexpr uint32_t kEach = 5000;  // those of both fit into the ring
+  constexpr uint32_t kFrames = 16;
+  const Bytes packet = MakePacket(1, kFrames * 4, kFormat);
+  for (int round = 0; round < 20; ++round) {  // in some of them the producers meet
+    file_.text.clear();
+    ASSERT_EQ(Start(scripted_), 0);
+    std::atomic<int> ready = 0;
+    const auto produce = [&] {
+      ++ready;
+      YieldUntil([&] { return ready == 2; });
+      for (uint32_t i = 0; i < kEach; ++i) scripted_.Record(HeaderOf(packet), AudioOf(packet));
+    };
+    std::thread other(produce);
+    produce();
+    other.join();
+    ASSERT_EQ(Stop(scripted_), 0);
+    unsigned missing = 0;
+    for (const std::string& line : log_.Take()) {
+      sscanf(line.c_str(), "W tapout0: %u packets are missing", &missing);
+    }
+    EXPECT_EQ(scripted_.samples() / kFrames + missing, 2 * kEach);
+    EXPECT_EQ(file_.text.size(), 44 + (2 * kEach - missing) * kFrames * 4);
+  }
 }
 
 TEST_F(WavCaptureTest, ProducersAndCommandsMayMeet) {

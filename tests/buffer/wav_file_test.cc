@@ -88,15 +88,20 @@ TEST_F(WavFileTest, WhatFillsNoGroupShowsWhatTheAreaHeldBefore) {
   EXPECT_EQ(file_.text.substr(0, 44), HeaderOf(48000, 2, 16, 3 + 1 + 4 + 3, WavFormat_t::kFloat));
 }
 
-TEST_F(WavFileTest, AFailedWriteEndsItAsItStands) {
+TEST_F(WavFileTest, AFailedWriteEndsItBehindTheLastWholeSample) {
+  const auto header = [](unsigned long samples) {
+    return HeaderOf(48000, 2, 16, samples, WavFormat_t::kPcm);
+  };
   const struct {
     std::deque<ssize_t> results;  // of the writes: header, first packet, second
     std::string text;
     int result;
   } rows[] = {
       {{-1}, "", -1},
-      {{40, 4, 1, 7, 3, -1}, std::string(44, '\0') + "LLRRllrrLLR", -1},  // short ones continue
-      {{44, 8, 0}, std::string(44, '\0') + "LLRRllrr", 0},
+      {{40, -1}, "", -1},
+      {{40, 4, 1, 7, 3, -1}, header(2) + "LLRRllrr", -1},  // short ones continue
+      {{44, 8, 5, -1}, header(3) + "LLRRllrrLLRR", -1},
+      {{44, 8, 0}, header(2) + "LLRRllrr", 0},
   };
   for (const auto& row : rows) {
     StartAnew();
@@ -109,9 +114,28 @@ TEST_F(WavFileTest, AFailedWriteEndsItAsItStands) {
   }
   StartAnew();
   Add(kStereo, "LLRR");
-  file_.results = {-1};
+  file_.start_fails = true;
   wav_->endCaptureWav();
   EXPECT_EQ(log_.Count("E tapout0 endCaptureWav: the header could not be written"), 1u);
+}
+
+TEST_F(WavFileTest, IsWholeWhileItGrows) {
+  wav_->UpdateHeader();
+  EXPECT_EQ(file_.text, "");
+  Add(kStereo, "LLRR");
+  wav_->UpdateHeader();
+  EXPECT_EQ(file_.text, HeaderOf(48000, 2, 16, 1, WavFormat_t::kPcm) + "LLRR");
+}
+
+TEST_F(WavFileTest, EightBitLawIsAudioToo) {
+  const KvoxTapFormat law = {.sample_rate = 8000,
+                             .channels = 2,
+                             .bytes_per_sample = 1,
+                             .data_format = 2,
+                             .noninterleaved_samples = 2};
+  Add(law, "LlRr");
+  wav_->endCaptureWav();
+  EXPECT_EQ(file_.text, HeaderOf(8000, 2, 8, 2, WavFormat_t::kMulaw) + "LRlr");
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     return *open.insert(next_fd_++).first;
   }
   void Close(int fd) override { open.erase(fd); }
-  Ready Wait(int, Direction, int, int) override { return Ready::kFailed; }
+  Ready Wait(int, Direction, int, std::chrono::nanoseconds) override { return Ready::kFailed; }
   int Watch(int, int) override { return -1; }
   Ready WaitWatched(int, int) override { return Ready::kFailed; }
   ssize_t Read(int, std::span<std::byte>) override { return 0; }

@@ -26,7 +26,8 @@ class InterruptedIo : public DeviceIo {
     return real_.Open(path, direction);
   }
   void Close(int fd) override { real_.Close(fd); }
-  Ready Wait(int fd, Direction direction, int wake_fd, int timeout_ms) override {
+  Ready Wait(int fd, Direction direction, int wake_fd,
+             std::chrono::nanoseconds timeout_ms) override {
     return real_.Wait(fd, direction, wake_fd, timeout_ms);
   }
   int Watch(int fd, int wake_fd) override { return real_.Watch(fd, wake_fd); }

@@ -3,10 +3,13 @@
 #pragma once
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "buffer/device_io.h"
@@ -55,15 +58,17 @@ class ScriptedDevice : public DeviceIo {
   }
   void Close(int fd) override { closed.push_back(fd); }
 
-  Ready Wait(int fd, Direction direction, int, int timeout_ms) override {
+  Ready Wait(int fd, Direction direction, int, std::chrono::nanoseconds timeout) override {
     if (fd < 0) {  // a pause
-      Advance(timeout_ms);
-      pauses_ms.push_back(timeout_ms);
+      now_ns_ += static_cast<uint64_t>(timeout.count());
+      pauses_ms.push_back(static_cast<int>(timeout / std::chrono::milliseconds(1)));
       return Ready::kTimeout;
     }
     if (direction == Direction::kWrite) {
+      write_waits.push_back(timeout);
+      if (on_write_wait) return std::exchange(on_write_wait, nullptr)(), Ready::kWoken;
       if (writable) return Ready::kDevice;
-      Advance(timeout_ms);
+      now_ns_ += static_cast<uint64_t>(timeout.count());
       return Ready::kTimeout;
     }
     if (!pending_.empty()) return Ready::kDevice;  // a read left something
@@ -89,7 +94,7 @@ class ScriptedDevice : public DeviceIo {
   }
 
   ssize_t Write(int fd, std::span<const std::byte> bytes) override {
-    size_t taken = bytes.size();
+    size_t taken = stalled.contains(fd) ? 0 : bytes.size();
     if (!write_limits.empty()) {
       taken = write_limits.front();
       write_limits.pop_front();
@@ -99,7 +104,7 @@ class ScriptedDevice : public DeviceIo {
       return -1;
     }
     written.emplace_back(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(taken));
-    (void)fd;
+    written_to.push_back(fd);
     return static_cast<ssize_t>(taken);
   }
 
@@ -114,7 +119,11 @@ class ScriptedDevice : public DeviceIo {
   std::vector<int> closed;
   std::vector<size_t> requested;
   std::vector<int> pauses_ms;
+  std::vector<std::chrono::nanoseconds> write_waits;
+  std::function<void()> on_write_wait;  // wakes the next wait for an inject
+  std::set<int> stalled;                // descriptors that take nothing
   std::vector<Bytes> written;
+  std::vector<int> written_to;
 
  private:
   uint64_t now_ns_ = 1'000'000'000'000;
