@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <span>
 #include <thread>
 #include <utility>
 
@@ -19,21 +20,31 @@ namespace kvox {
 namespace {
 
 constexpr int kOpenTests = 5;
-constexpr auto kOpenPause = std::chrono::milliseconds(100);
+constexpr int kOpenPauseMs = 100;
 constexpr auto kReplyBudget = std::chrono::milliseconds(500);
 
 /// The rest of a partial record follows at once or never.
 constexpr auto kPartialRecordTimeout = std::chrono::milliseconds(20);
 
-/// The pause grows by this after each consecutive read with only stale records: a device that
-/// floods the channel must not flood the log at the same rate.
-constexpr auto kStalePause = std::chrono::milliseconds(1);
+/// How many replies to earlier commands may be there before a device counts as one that never stops
+/// sending: then each read costs a pause. The log gets a line for the first few only.
+constexpr uint32_t kMostStaleAtOnce = 4096;
+constexpr uint32_t kMostStaleLines = 32;
+constexpr auto kPause = std::chrono::milliseconds(1);
 
 constexpr char kSender[] = "SendKvoxCommand";
 
 void LogWrongSize(ssize_t actual, uint16_t opcode, size_t expected) {
   LogError("wrong data sz %d != %d for opcode 0x%x", static_cast<int>(actual),
            static_cast<int>(expected), opcode);
+}
+
+/// What one read has brought is the reply, whatever its size field says.
+bool IsWholeReply(std::span<const std::byte> bytes, uint16_t opcode, size_t size) {
+  CMD_HDR header;
+  if (bytes.size() != size || size < sizeof header) return false;
+  std::memcpy(&header, bytes.data(), sizeof header);
+  return header.opcode == opcode;
 }
 
 }  // namespace
@@ -71,13 +82,16 @@ void ControlChannel::Open() {
 
 void ControlChannel::Close() {
   const DeviceChange change(*this);
+  closing_.Signal();
   MutexLock lock(lock_);
   CloseLocked();
+  closing_.Clear();
 }
 
 void ControlChannel::CloseLocked() {
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
+  open_.store(false, std::memory_order_relaxed);
   stream_.DropPartial();
   replies_.clear();
 }
@@ -91,7 +105,8 @@ void ControlChannel::openKvoxControl() {
       fprintf(stderr, "ERROR: Cannot find %s\n", path);
       return;
     }
-    std::this_thread::sleep_for(kOpenPause);
+    pollfd closing = {.fd = closing_.fd(), .events = POLLIN, .revents = 0};
+    if (poll(&closing, 1, kOpenPauseMs) > 0) return;
   }
   fd_ = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd_ < 0) {
@@ -100,6 +115,7 @@ void ControlChannel::openKvoxControl() {
     fprintf(stderr, "ERROR: Failed to open %s: %s", path, reason.c_str());
     return;
   }
+  open_.store(true, std::memory_order_relaxed);
   LogInfo("Opened %s\n", path);
 }
 
@@ -129,12 +145,12 @@ bool ControlChannel::WriteRecord(uint16_t opcode, const CMD_HDR* record, size_t 
 
 int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t size) {
   const auto deadline = Clock::now() + kReplyBudget;
-  auto pause = std::chrono::milliseconds(0);
   int32_t result = 0;
+  stale_ = 0;
+  in_vain_ = 0;
   while (result == 0) {
-    const bool any_at_hand = !replies_.empty();
     if (TakeReply(opcode, record, size)) break;
-    if (any_at_hand) std::this_thread::sleep_for(std::exchange(pause, pause + kStalePause));
+    if (stale_ > kMostStaleAtOnce || in_vain_ > 1) std::this_thread::sleep_for(kPause);
     const auto now = Clock::now();
     if (now >= deadline) {
       DropPartial(opcode, size);
@@ -151,6 +167,9 @@ int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t si
       case Wait::kFailed:
         result = -errno;
         break;
+      case Wait::kClosing:
+        result = -1;
+        break;
       case Wait::kHangUp:
         LogError("%s: hang-up for opcode 0x%x", "waitForKvoxCommandResponse", opcode);
         result = -1;
@@ -160,6 +179,7 @@ int32_t ControlChannel::WaitForReply(uint16_t opcode, CMD_HDR* record, size_t si
         break;
     }
   }
+  if (stale_ > kMostStaleLines) LogWarning("%u stale replies for opcode 0x%x", stale_, opcode);
   if (result == 0) {
     result = record->status;
     if (result != 0) LogError("KVO opcode 0x%x reply status %d", opcode, result);
@@ -175,8 +195,9 @@ void ControlChannel::DropPartial(uint16_t opcode, size_t size) {
 
 ControlChannel::Wait ControlChannel::WaitReadable(Clock::time_point until) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
-  pollfd device{.fd = fd_, .events = POLLIN, .revents = 0};
-  const int count = poll(&device, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+  pollfd events[] = {{.fd = fd_, .events = POLLIN, .revents = 0},
+                     {.fd = closing_.fd(), .events = POLLIN, .revents = 0}};
+  const int count = poll(events, 2, static_cast<int>(std::max<int64_t>(left.count(), 0)));
   if (count < 0) {
     const int error = errno;
     LogWarning("select err %d", error);
@@ -184,13 +205,25 @@ ControlChannel::Wait ControlChannel::WaitReadable(Clock::time_point until) {
     return error == EAGAIN || error == EINTR ? Wait::kInterrupted : Wait::kFailed;
   }
   if (count == 0) return Wait::kQuiet;
-  return (device.revents & POLLIN) != 0 ? Wait::kReadable : Wait::kHangUp;
+  if (events[1].revents != 0) return Wait::kClosing;
+  return (events[0].revents & POLLIN) != 0 ? Wait::kReadable : Wait::kHangUp;
 }
 
 /// Returns 0, or the status that ends the wait.
 int32_t ControlChannel::ReadReplies(uint16_t opcode, size_t size) {
   std::array<std::byte, 4096> bytes;
   const ssize_t count = read(fd_, bytes.data(), bytes.size());
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+    ++in_vain_;
+    return 0;
+  }
+  in_vain_ = 0;
+  if (IsWholeReply(std::span(bytes).first(static_cast<size_t>(std::max<ssize_t>(count, 0))), opcode,
+                   size) &&
+      !stream_.partial() && replies_.empty()) {
+    replies_.emplace_back(bytes.begin(), bytes.begin() + count);
+    return 0;
+  }
   if (count > 0) {
     auto records = stream_.Append(std::span(bytes).first(static_cast<size_t>(count)));
     std::move(records.begin(), records.end(), std::back_inserter(replies_));
@@ -215,11 +248,17 @@ bool ControlChannel::TakeReply(uint16_t opcode, CMD_HDR* record, size_t size) {
     }
     CMD_HDR header;
     std::memcpy(&header, reply.data(), sizeof header);
-    std::memcpy(record, reply.data(), size);
-    if (header.opcode == opcode) return true;
-    LogError("mismatch reply id %u opcode 0x%x", header.opcode, opcode);
+    if (header.opcode == opcode) {
+      std::memcpy(record, reply.data(), size);
+      return true;
+    }
+    LogStale(header.opcode, opcode);
   }
   return false;
+}
+
+void ControlChannel::LogStale(uint16_t id, uint16_t opcode) {
+  if (++stale_ <= kMostStaleLines) LogError("mismatch reply id %u opcode 0x%x", id, opcode);
 }
 
 }  // namespace kvox

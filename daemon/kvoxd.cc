@@ -4,17 +4,12 @@
 #include <android/binder_process.h>
 #include <hardware_legacy/power.h>
 #include <signal.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <thread>
 
-#include "daemon/device_events.h"
 #include "interface/service_name.h"
 #include "kvox/common/device_names.h"
 #include "kvox/common/kvox_utils.h"
@@ -26,6 +21,7 @@ namespace kvox {
 namespace {
 
 constexpr char kWakeLockName[] = "kvox";
+constexpr timeval kOpenAgain = {.tv_sec = 0, .tv_usec = 100'000};
 
 /// The first scan runs before there are calls or device events: its pauses are plain sleeps.
 class StartupClock : public RecoveryClock {
@@ -37,6 +33,7 @@ class StartupClock : public RecoveryClock {
   }
   bool stopping() const override { return false; }
   void ScanBegins() override {}
+  Wake WaitForFirstArrival(TimePoint) override { return Wake::kStopping; }
   Wake WaitForArrivals(TimePoint) override { return Wake::kStopping; }
 };
 
@@ -74,7 +71,8 @@ void Kvoxd::BinderThread(int) {
       ServiceEnvironment{.link = *this,
                          .io = SystemDeviceIo(),
                          .io_log = io_log_,
-                         .device_directory = device_directory_},
+                         .device_directory = device_directory_,
+                         .call_waits = CallWaits},
       startup);
   const char* const name = KvoxDescriptor();
   const binder_exception_t status = AServiceManager_addService(service->asBinder().get(), name);
@@ -82,6 +80,7 @@ void Kvoxd::BinderThread(int) {
     LogError("Failed to find kvox service %s, status %d", name, status);
     return;
   }
+  ReleaseStaleWakeLock(kWakeLockName);  // no other daemon serves, and no command has come yet
   ABinderProcess_setThreadPoolMaxThreadCount(1);
   ABinderProcess_startThreadPool();
   ABinderProcess_joinThreadPool();
@@ -96,6 +95,7 @@ void Kvoxd::EventThread(int) {
   const timeval at_once{};
   event_add(startup_event_, &at_once);
   event_base_dispatch(event_base_);
+  devices_.reset();
   event_del(startup_event_);
   LogInfo("Stop %s\n", "EventThread");
 }
@@ -111,22 +111,10 @@ void Kvoxd::_setup_events(evutil_socket_t, short, void* daemon) {
         nullptr);
   }
   pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);  // on this thread only
-  self->WatchDevices();
-}
-
-void Kvoxd::WatchDevices() {
-  inotify_fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  const int watch =
-      inotify_add_watch(inotify_fd_, device_directory_.c_str(), IN_CREATE | IN_DELETE);
-  if (watch < 0) {
-    LogError(
-        "Cannot watch the device directory %s: %s. Devices that come or go are not noticed; "
-        "create the directory and restart kvoxd",
-        device_directory_.c_str(), std::strerror(errno));
-  }
-  inotify_event_ =
-      event_new(event_base_, inotify_fd_, EV_READ | EV_PERSIST, _inotify_read_event_cb, this);
-  event_add(inotify_event_, nullptr);
+  self->open_control_event_ = event_new(self->event_base_, -1, 0, _open_control_cb, self);
+  self->devices_ = std::make_unique<DeviceWatch>(
+      self->event_base_, self->device_directory_,
+      [self](const DeviceEvent& event) { self->HandleDeviceEvent(event); });
 }
 
 void Kvoxd::_signal_handler(evutil_socket_t, short, void* daemon) {
@@ -134,32 +122,50 @@ void Kvoxd::_signal_handler(evutil_socket_t, short, void* daemon) {
   event_base_loopexit(static_cast<Kvoxd*>(daemon)->event_base_, nullptr);
 }
 
-void Kvoxd::_inotify_read_event_cb(evutil_socket_t fd, short, void* daemon) {
-  auto* const self = static_cast<Kvoxd*>(daemon);
-  alignas(inotify_event) std::array<std::byte, 16384> bytes = {};
-  const ssize_t count = read(fd, bytes.data(), bytes.size());
-  if (count <= 0) {
-    LogError("Failed to read from inotify %d", static_cast<int>(count));
-    return;
-  }
-  for (const DeviceEvent& event :
-       ReadDeviceEvents(std::span(bytes).first(static_cast<size_t>(count)))) {
-    self->HandleDeviceEvent(event);
-  }
-}
-
 void Kvoxd::HandleDeviceEvent(const DeviceEvent& event) {
-  if (event.kind == DeviceEvent::Kind::kAllGone) {
-    LogWarning("Device events were lost; scanning all devices anew");
-  }
-  if (event.name == kControlDevice && event.kind == DeviceEvent::Kind::kArrived) {
-    LogInfo("%s online\n", control_path_.c_str());
-    control_.Open();
-  } else if (event.name == kControlDevice) {
-    LogInfo("%s offline\n", control_path_.c_str());
-    control_.Close();
+  const bool control = event.name == kControlDevice;
+  switch (event.kind) {
+    case DeviceEvent::Kind::kArrived:
+      if (control) OpenArrivedControl();
+      break;
+    case DeviceEvent::Kind::kRightsChanged:
+      if (control) OpenControlLate();
+      break;
+    case DeviceEvent::Kind::kOpened:
+      break;
+    case DeviceEvent::Kind::kAllGone:
+      LogWarning("Device events were lost; scanning all devices anew");
+      [[fallthrough]];
+    case DeviceEvent::Kind::kDirectoryGone:
+    case DeviceEvent::Kind::kLeft:
+      if (!control) break;
+      LogInfo("%s offline\n", control_path_.c_str());
+      control_closed_ = false;
+      control_.Close();
   }
   KvoxService::DispatchDeviceEvent(event);
+}
+
+/// A node may get its rights, or its driver, a moment after it has appeared.
+void Kvoxd::OpenArrivedControl() {
+  LogInfo("%s online\n", control_path_.c_str());
+  control_.Open();
+  control_closed_ = !control_.IsOpen();
+  if (control_closed_) event_add(open_control_event_, &kOpenAgain);
+}
+
+void Kvoxd::_open_control_cb(evutil_socket_t, short, void* daemon) {
+  static_cast<Kvoxd*>(daemon)->OpenControlLate();
+}
+
+/// A command may have opened it since.
+void Kvoxd::OpenControlLate() {
+  if (!control_closed_) return;
+  const bool there = access(control_path_.c_str(), F_OK) == 0;  // Open would wait for it
+  if (!control_.IsOpen() && there) control_.Open();
+  if (!control_.IsOpen()) return;
+  control_closed_ = false;
+  KvoxService::DispatchDeviceEvent({DeviceEvent::Kind::kOpened, kControlDevice});
 }
 
 int32_t Kvoxd::SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) {

@@ -5,9 +5,11 @@
 #include <event2/event.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "daemon/control_channel.h"
+#include "daemon/device_watch.h"
 #include "kvox/common/log_ring.h"
 #include "service/coprocessor_link.h"
 #include "service/device_event.h"
@@ -34,10 +36,11 @@ class Kvoxd : public CoprocessorLink {
 
   static void _setup_events(evutil_socket_t, short, void* daemon);
   static void _signal_handler(evutil_socket_t, short, void* daemon);
-  static void _inotify_read_event_cb(evutil_socket_t, short, void* daemon);
+  static void _open_control_cb(evutil_socket_t, short, void* daemon);
 
-  void WatchDevices();
   void HandleDeviceEvent(const DeviceEvent& event);
+  void OpenArrivedControl();
+  void OpenControlLate();
 
   const std::string device_directory_;
   const std::string control_path_;
@@ -48,8 +51,9 @@ class Kvoxd : public CoprocessorLink {
   // The event thread's.
   event_base* event_base_ = nullptr;
   event* startup_event_ = nullptr;
-  int inotify_fd_ = -1;
-  event* inotify_event_ = nullptr;
+  std::unique_ptr<DeviceWatch> devices_;
+  event* open_control_event_ = nullptr;
+  bool control_closed_ = false;  // it has arrived, and does not open yet
 };
 
 }  // namespace kvox

@@ -47,7 +47,6 @@ int main(int argc, char** argv) {
   if (argc > 1) return PrintUsage(argv[1]);
   PrepareSignals();
   kvox::PreparePlatform();
-  kvox::ReleaseStaleWakeLock("kvox");
   kvox::Kvoxd& daemon = kvox::Kvoxd::Instance();
   kvox::LogInfo("Start %s\n", "Main");
   kvox::LogInfo("enable_kvox_processing: %u", kEnableKvoxProcessing ? 1u : 0u);

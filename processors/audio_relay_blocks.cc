@@ -54,7 +54,8 @@ int32_t AudioRelayProcessor::ProcessBlockForTelephony(const Block& block, const 
     delivery = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
   }
   CountMissed(delivery, block.waiter.NowNs());
-  if (delivery != RelayClient::Delivery::kAccepted || out == nullptr) return 0;
+  // A late client loses what it would have sent for this block, not what it has sent before.
+  if (delivery == RelayClient::Delivery::kRefused || out == nullptr) return 0;
   const std::span<const std::byte> sent = state.stream->sent.Take();
   if (sent.empty()) return 0;
   SpreadOverChannels(sent.first(mono_size), tap.channels, {out->Data(), out->size()});

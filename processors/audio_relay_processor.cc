@@ -112,7 +112,13 @@ int32_t AudioRelayProcessor::startProcessor() {
     return -1;
   }
   const IKvox::AudioPacket shape = Shape();
-  SetStream(std::make_shared<RelayStream>(shape, block_length(), bits, host_.sent_audio_budget()));
+  const auto before = state()->stream;
+  // With the same layout, a block that the client has sent still goes out.
+  if (!before || before->shape != shape || before->block_length != block_length() ||
+      before->bytes_per_sample != bits / 8) {
+    SetStream(
+        std::make_shared<RelayStream>(shape, block_length(), bits, host_.sent_audio_budget()));
+  }
   LogInfo("startProcessor sr %u, format %s%u, ch %u, little_endian_ %u", rate,
           DataFormatName(static_cast<Kvox::DataFormat>(shape.format)), bits,
           format(FormatField::kChannels), 1u);
@@ -214,7 +220,9 @@ void AudioRelayProcessor::FollowCallback(uint64_t owner) {
     const auto before = state();
     if (before->client ? before->client->Calls(callback) : callback == nullptr) return;
     std::shared_ptr<RelayClient> client;
-    if (callback) client = RelayClient::Start(callback, host_.client_threads(), owner);
+    if (callback) {
+      client = RelayClient::Start(callback, host_.client_threads(), owner, client_thread_);
+    }
     if (callback && !client) {
       LogError("%s: no thread to call the client with, it gets no audio; end other clients first",
                id_text());
@@ -231,9 +239,7 @@ void AudioRelayProcessor::OnCallbackDied() {
   LogInfo("%s: receive_audio_callback is not alive and try to disable %s", "onCallbackDeath",
           id_text());
   FollowCallback(0);
-  if (host_.EndUseCaseOf(*this) != 0) {
-    LogError("%s: Failed to disable %s", "onCallbackDeath", id_text());
-  }
+  host_.EndUseCaseOf(shared_from_this());
 }
 
 std::shared_ptr<const RelayState> AudioRelayProcessor::state() const {

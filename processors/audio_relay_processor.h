@@ -91,7 +91,8 @@ class AudioRelayProcessor : public KvoxProcessor {
   Mutex processor_mutex_;                 // serialises switching
   std::atomic<bool> restarting_ = false;  // enabled, but drops blocks
 
-  Mutex registration_mutex_ ACQUIRED_BEFORE(audio_mutex_);  // serialises changes of the client
+  Mutex registration_mutex_ ACQUIRED_BEFORE(audio_mutex_);    // serialises changes of the client
+  size_t client_thread_ GUARDED_BY(registration_mutex_) = 0;  // of the latest client
 
   mutable Mutex audio_mutex_;  // a leaf lock
   std::shared_ptr<const RelayState> state_ GUARDED_BY(audio_mutex_);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "kvox/common/byte_budget.h"
 #include "kvox/common/thread_group.h"
@@ -20,10 +21,10 @@ class ProcessorHost {
   virtual void BlockStateChanged(const KvoxProcessor& processor) = 0;
 
   /// Switches off the use case of a relay whose client has died, unless the relay or its client has
-  /// been replaced since. Returns 0, or a status of the commands.
-  virtual int32_t EndUseCaseOf(const KvoxProcessor& relay) = 0;
+  /// been replaced since. Returns at once, because the caller's thread may be one of the few that
+  /// serve commands; a failure is logged.
+  virtual void EndUseCaseOf(std::shared_ptr<const KvoxProcessor> relay) = 0;
 
-  /// Runs the threads that call relays' clients.
   virtual ThreadGroup& client_threads() = 0;
 
   /// Memory for what clients have sent. Outlives the blocks too.

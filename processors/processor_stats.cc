@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 #include "kvox/common/log.h"
 
@@ -46,8 +47,9 @@ void KvoxProcessorStats::Flag::Release() {
 }
 
 void KvoxProcessorStats::StartMeasurement(uint64_t now_ns) {
-  const float period_ms = ElapsedMs(last_start_.load(kRelaxed), now_ns);
-  last_start_.store(now_ns, kRelaxed);
+  const uint32_t resets = resets_.load(kRelaxed);
+  if (resets != std::exchange(resets_at_start_, resets)) last_start_ = 0;
+  const float period_ms = ElapsedMs(std::exchange(last_start_, now_ns), now_ns);
   if (period_ms <= kLongestPeriodMs) {
     RecordPeriod(period_ms);
   } else if (flag_.TryAcquire()) {
@@ -74,6 +76,7 @@ void KvoxProcessorStats::RecordPeriod(float period_ms) {
 
 void KvoxProcessorStats::StopMeasurement(uint64_t begin_ns, uint64_t now_ns) {
   if (!flag_.TryAcquire()) return;
+  if (resets_.load(kRelaxed) != resets_at_start_) return flag_.Release();
   const float active_ms = ElapsedMs(begin_ns, now_ns);
   if (!ring_.empty()) {
     ring_[write_index_] = active_ms;
@@ -151,7 +154,7 @@ bool KvoxProcessorStats::Reset() {
   if (!flag_.AcquireWithin50Ms()) return false;
   write_index_ = 0;
   wrapped_ = false;
-  last_start_.store(0, kRelaxed);
+  resets_.store(resets_.load(kRelaxed) + 1, kRelaxed);
   ResetPeriods();
   flag_.Release();
   return true;

@@ -19,8 +19,8 @@ class KvoxProcessorStats {
   /// RT: the processing of a block begins. Times are those of the packet clock.
   void StartMeasurement(uint64_t now_ns);
 
-  /// RT: the block that began at `begin_ns` has ended. A reset in between does not change its
-  /// active time. Logs a line for about every second of blocks.
+  /// RT: the block that began at `begin_ns` has ended. After a reset in between it is not measured.
+  /// Logs a line for about every second of blocks.
   void StopMeasurement(uint64_t begin_ns, uint64_t now_ns);
 
   // Service threads. Each of the three waits at most 50 ms for the flag, then returns false.
@@ -71,13 +71,17 @@ class KvoxProcessorStats {
   // Written without the flag by StartMeasurement, which must not skip a period. Relaxed throughout:
   // the figures are independent, and losing one to a concurrent reset is harmless.
   std::atomic<uint32_t> blocks_ = 0;
-  std::atomic<uint64_t> last_start_ = 0;
   std::atomic<float> period_sum_ = 0;
   std::atomic<uint32_t> period_count_ = 0;
   std::atomic<float> interval_period_min_ = 1000.0f;
   std::atomic<float> interval_period_max_ = 0;
   std::atomic<float> interval_period_sum_ = 0;
   std::atomic<uint32_t> buffer_size_ = 0;
+  std::atomic<uint32_t> resets_ = 0;  // changes under the flag only
+
+  // The I/O thread's.
+  uint64_t last_start_ = 0;       // 0 after a reset
+  uint32_t resets_at_start_ = 0;  // of the present block
 
   std::vector<float> ring_ GUARDED_BY(flag_);
   uint32_t write_index_ GUARDED_BY(flag_) = 0;

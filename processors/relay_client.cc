@@ -7,12 +7,15 @@
 namespace kvox {
 
 std::shared_ptr<RelayClient> RelayClient::Start(
-    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadGroup& threads, uint64_t owner) {
+    std::shared_ptr<IKvox::IReceiveAudioCallback> callback, ThreadGroup& threads, uint64_t owner,
+    size_t& thread) {
   auto client = std::make_shared<RelayClient>(std::move(callback));
   if (client->work_.fd() < 0 || client->returned_.fd() < 0) return nullptr;
-  const bool started = threads.Start(
-      "kvox-client", [client] { client->Serve(); }, owner);
-  return started ? client : nullptr;
+  const size_t number = threads.Start(
+      "kvox-client", [client] { client->Serve(); }, owner, thread);
+  if (number == 0) return nullptr;
+  thread = number;
+  return client;
 }
 
 RelayClient::RelayClient(std::shared_ptr<IKvox::IReceiveAudioCallback> callback)

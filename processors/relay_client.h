@@ -28,10 +28,12 @@ class RelayClient : public std::enable_shared_from_this<RelayClient> {
     kInterrupted,  // the I/O thread was needed elsewhere
   };
 
-  /// The client and its thread, which ends after Stop(). `owner` is its owner in `threads`. Null
-  /// when there is no thread, or no descriptor to wait on.
+  /// The client and its thread, which ends after Stop(). `owner` is its owner in `threads`.
+  /// `thread` is the number of the thread that calls the client before this one, 0 for none: where
+  /// there is no room for another, it calls this client once its last call has returned. It becomes
+  /// the number of this client's thread. Null when there is no thread, or no descriptor to wait on.
   static std::shared_ptr<RelayClient> Start(std::shared_ptr<IKvox::IReceiveAudioCallback> callback,
-                                            ThreadGroup& threads, uint64_t owner);
+                                            ThreadGroup& threads, uint64_t owner, size_t& thread);
 
   explicit RelayClient(std::shared_ptr<IKvox::IReceiveAudioCallback> callback);
 

@@ -6,7 +6,6 @@
 #include <cstdlib>
 
 #include "kvox/common/device_names.h"
-#include "kvox/common/log.h"
 
 namespace kvox {
 namespace {
@@ -64,11 +63,7 @@ DeviceScan ScanDataDevices(const std::string& directory) {
   DeviceScan scan;
   const Glob tapouts(tapout_prefix);
   scan.any_tapout_path = tapouts.matched();
-  if (!scan.any_tapout_path) {
-    LogInfo("Scanning for kvox devices %s did not succeed", (tapout_prefix + "*").c_str());
-    LogInfo("Note: No Kvox buffers");
-    return scan;
-  }
+  if (!scan.any_tapout_path) return scan;
   scan.tapouts = tapouts.Devices(tapout_prefix, kTapOutBufferPrefix);
   scan.injects = Glob(inject_prefix).Devices(inject_prefix, kInjectBufferPrefix);
   return scan;

@@ -23,6 +23,7 @@ class Inventory {
  public:
   /// Null when there is none.
   ProcessorPtr FindProcessor(FourCc id) const;
+  BufferPtr Find(bool is_tapout, int number) const;
   BufferPtr FindTapOut(int number) const { return Find(true, number); }
   BufferPtr FindInject(int number) const { return Find(false, number); }
   /// The buffer for the same device as `buffer`, which may be an earlier one.
@@ -48,8 +49,6 @@ class Inventory {
 
  private:
   using BufferMap = std::map<int, BufferPtr>;
-
-  BufferPtr Find(bool is_tapout, int number) const;
 
   mutable Mutex mutex_;  // the table lock, a leaf lock
   std::map<FourCc, ProcessorPtr> processors_ GUARDED_BY(mutex_);

@@ -2,73 +2,99 @@
 
 #include <algorithm>
 
+#include "kvox/common/device_names.h"
 #include "kvox/common/fixed_text.h"
 #include "service/use_case_steps.h"
 
 namespace kvox {
 
+/// First saves what is wanted, then looks for the buffers: a stop that comes while devices open is
+/// the later one, and a buffer that comes later finds what is saved.
 void IoSwitch::Switch(bool enable, int tapout, Report& report) {
   const char* const verb = enable ? "Enable" : "Disable";
   report.Begin(tapout == kAllBuffers ? FormatText<96>("%s all buffers\n", verb)
                                      : FormatText<96>("%s tap-out buffer %d\n", verb, tapout));
-  const std::vector<BufferPtr> buffers = BuffersFor(tapout);
-  Outcome outcome;
-  std::vector<BufferPtr> switched;
-  for (const BufferPtr& buffer : buffers) {
-    const int32_t status = buffer->Enable(enable);
-    if (status == 0) {
-      switched.push_back(buffer);
-      continue;
-    }
-    outcome.text += FormatText<96>("%s failed to %s, status %d\n", buffer->name().c_str(),
-                                   enable ? "enable" : "disable", status);
-    outcome.status = StatusCode::kError;
+  std::vector<NamedBuffer> named = NamedBy(tapout);
+  const bool any = !named.empty() && named.front().present;
+  uint64_t start = 0;
+  if (enable) {
+    start = saved_.SaveStart(named);
+  } else {
+    saved_.SaveStop([&](const RunningBuffer& running) {
+      return tapout == kAllBuffers ||
+             std::any_of(named.begin(), named.end(),
+                         [&](const NamedBuffer& each) { return each.running.IsSame(running); });
+    });
   }
-  saved_.SaveRunning(switched, enable);
-  if (!enable) ForgetAbsent(tapout);
-  for (const BufferPtr& buffer : switched) SwitchAsSaved(*buffer);
-  UpdateWakeLock(buffers.empty() ? nullptr : &report);
+  Outcome outcome;
+  for (const NamedBuffer& each : named) {
+    const Outcome own = SwitchNamed(enable, each, start);
+    outcome.text += own.text;
+    if (own.status != StatusCode::kOk) outcome.status = own.status;
+  }
+  UpdateWakeLock(any ? &report : nullptr);
   report.End("handleEnableBuffers", outcome);
 }
 
-std::vector<BufferPtr> IoSwitch::BuffersFor(int tapout) const {
-  std::vector<BufferPtr> buffers;
-  std::vector<BufferPtr> injects;
+Outcome IoSwitch::SwitchNamed(bool enable, const NamedBuffer& named, uint64_t start) {
+  const BufferPtr buffer = inventory_.Find(named.running.tapout, named.running.number);
+  if (!buffer) return named.remembered ? Outcome() : Failure(named, enable, -1);
+  const int32_t status = enable ? buffer->Enable(true, [&] { return saved_.IsRunning(*buffer); })
+                                : buffer->Enable(false);
+  const bool failed = status != 0 && !(enable && buffer->leaving());  // which may come back
+  if (enable) saved_.ConfirmStart(*buffer, start, !failed);
+  if (status == 0) SwitchAsSaved(*buffer);
+  return failed ? Failure(named, enable, status) : Outcome();
+}
+
+Outcome IoSwitch::Failure(const NamedBuffer& named, bool enable, int32_t status) {
+  return {StatusCode::kError, FormatText<96>("%s failed to %s, status %d\n", named.name.c_str(),
+                                             enable ? "enable" : "disable", status)};
+}
+
+/// All buffers, tap-outs first; or the tap-out, whether it exists or not, and the inject buffers
+/// that its processors write. What a recovery has not connected again yet counts as connected.
+std::vector<NamedBuffer> IoSwitch::NamedBy(int tapout) const {
+  std::vector<NamedBuffer> named;
+  const auto add = [&](const RunningBuffer& running) {
+    const auto is_same = [&](const NamedBuffer& each) { return each.running.IsSame(running); };
+    if (std::any_of(named.begin(), named.end(), is_same)) return;
+    const BufferPtr present = inventory_.Find(running.tapout, running.number);
+    const char* const prefix = running.tapout ? kTapOutBufferPrefix : kInjectBufferPrefix;
+    named.push_back({present ? present->name() : prefix + std::to_string(running.number), running,
+                     present != nullptr});
+  };
+  const auto add_present = [&](const std::vector<BufferPtr>& buffers) {
+    for (const BufferPtr& buffer : buffers) {
+      add({static_cast<int32_t>(buffer->index()), buffer->is_tapout()});
+    }
+  };
   if (tapout == kAllBuffers) {
-    buffers = inventory_.TapOuts();
-    injects = inventory_.Injects();
-  } else if (const BufferPtr found = inventory_.FindTapOut(tapout)) {
-    buffers = {found};
-    injects = wiring_.WrittenBy(*found);
+    add_present(inventory_.TapOuts());
+    add_present(inventory_.Injects());
+    return named;
   }
-  buffers.insert(buffers.end(), injects.begin(), injects.end());
-  return buffers;
+  if (tapout < 0) return named;
+  add({tapout, true});
+  if (const BufferPtr found = inventory_.FindTapOut(tapout)) add_present(wiring_.WrittenBy(*found));
+  for (const ProcessorPtr& processor : inventory_.Processors()) {
+    const ConnectionState saved = saved_.FindConnection(processor->id());
+    if (saved.tapout_buffer != tapout || saved.inject_buffer < 0) continue;
+    if (!inventory_.FindInject(saved.inject_buffer) || wiring_.AwaitsRestore(*processor)) {
+      add({saved.inject_buffer, false});
+    }
+  }
+  return named;
 }
 
 void IoSwitch::SwitchAsSaved(const KvoxBuffer& buffer) {
+  const auto still_wanted = [&] { return saved_.IsRunning(buffer); };
   for (;;) {  // repeats only if another command came in between
     const BufferPtr present = inventory_.FindPresent(buffer);
     if (!present) return;
-    const bool wanted = saved_.IsRunning(buffer);
-    if (present->IsEnabled() == wanted || present->Enable(wanted) != 0) return;
+    const bool wanted = still_wanted();
+    if (present->IsEnabled() == wanted || present->Enable(wanted, still_wanted) != 0) return;
   }
-}
-
-/// Missing buffers cannot be switched off, but must not come back enabled.
-void IoSwitch::ForgetAbsent(int tapout) {
-  const auto connections = saved_.Copy().connections;
-  saved_.ForgetRunning([&](const RunningBuffer& running) {
-    if (running.tapout ? inventory_.FindTapOut(running.number) != nullptr
-                       : inventory_.FindInject(running.number) != nullptr) {
-      return false;
-    }
-    if (tapout == kAllBuffers || (running.tapout && running.number == tapout)) return true;
-    return !running.tapout &&
-           std::any_of(connections.begin(), connections.end(), [&](const auto& connection) {
-             return connection.second.tapout_buffer == tapout &&
-                    connection.second.inject_buffer == running.number;
-           });
-  });
 }
 
 void IoSwitch::UpdateWakeLock(Report* report) {

@@ -1,6 +1,8 @@
 // Switches buffers on and off, and the wake lock with them.
 #pragma once
 
+#include <map>
+#include <string>
 #include <vector>
 
 #include "kvox/common/mutex.h"
@@ -22,7 +24,8 @@ class IoSwitch {
   IoSwitch(CoprocessorLink& link, Inventory& inventory, SavedState& saved, Wiring& wiring)
       : link_(link), inventory_(inventory), saved_(saved), wiring_(wiring) {}
 
-  /// The commands StartIo and StopIo. A device that does not open takes four seconds.
+  /// The commands StartIo and StopIo. A device that does not open takes four seconds. A buffer that
+  /// is named, and those its processors write, are also switched when they come later.
   void Switch(bool enable, int tapout, Report& report);
 
   /// Brings the buffer to its saved state. The last step of every function that switches a buffer
@@ -38,7 +41,9 @@ class IoSwitch {
   std::vector<BufferPtr> BuffersFor(int tapout) const;
 
  private:
-  void ForgetAbsent(int tapout);
+  Outcome SwitchNamed(bool enable, const NamedBuffer& named, uint64_t start);
+  static Outcome Failure(const NamedBuffer& named, bool enable, int32_t status);
+  std::vector<NamedBuffer> NamedBy(int tapout) const;
 
   CoprocessorLink& link_;
   Inventory& inventory_;

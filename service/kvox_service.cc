@@ -19,7 +19,8 @@ KvoxService* instance GUARDED_BY(instance_mutex) = nullptr;
 }  // namespace
 
 KvoxService::KvoxService(const ServiceEnvironment& environment, RecoveryClock& startup)
-    : taps_(environment.link, inventory_, saved_, wiring_),
+    : call_waits_(environment.call_waits),
+      taps_(environment.link, inventory_, saved_, wiring_),
       io_(environment.link, inventory_, saved_, wiring_),
       recovery_({.device_directory = environment.device_directory,
                  .scan = environment.scan,

@@ -49,6 +49,9 @@ struct ServiceEnvironment {
   std::string device_directory;
   std::function<DeviceScan(const std::string& directory)> scan = ScanDataDevices;
   RecoveryRun::Starter start_recovery = RecoveryThread::Start;
+  /// Called with true when a command begins that may wait for the co-processor or a device, and
+  /// with false when it ends, on the same thread. Pairs may be nested.
+  std::function<void(bool)> call_waits = [](bool) {};
 };
 
 /// Commands may be called from any thread. Their outcome is in the CommandResult; the binder status
@@ -147,6 +150,17 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
     Continue(result, command);
     return Status::ok();
   }
+  /// For a command that may wait for the co-processor or a device: others are served meanwhile.
+  template <typename Command>
+  Status RunWaiting(CommandResult* result, Command command) {
+    return Run(result, [&](Report& report) { Wait([&] { command(report); }); });
+  }
+  template <typename Work>
+  void Wait(Work work) {
+    call_waits_(true);
+    work();
+    call_waits_(false);
+  }
   template <typename Command>
   static void Continue(CommandResult* result, Command command) {
     Report report{.status = StatusCode{static_cast<int8_t>(result->status)},
@@ -155,6 +169,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
     command(report);
     result->status = CommandStatus{static_cast<int8_t>(report.status)};
     result->value = report.value;
+    CutToReply(report.lines);
     result->lines = std::move(report.lines);
   }
 
@@ -169,13 +184,14 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   void DebugBufferDeinit(const Words& args, Report& report);
   void DebugBufferDump(const Words& args, Report& report);
   void DebugCapture(const Words& args, Report& report);
+  void DebugHealth(Report& report);
 
   // ProcessorHost.
   void BlockStateChanged(const KvoxProcessor& processor) override {
     wiring_.BlockStateChanged(processor);
   }
-  int32_t EndUseCaseOf(const KvoxProcessor& relay) override {
-    return use_cases_.EndUseCaseOf(relay);
+  void EndUseCaseOf(std::shared_ptr<const KvoxProcessor> relay) override {
+    use_cases_.EndUseCaseOf(std::move(relay));
   }
   ThreadGroup& client_threads() override { return client_threads_; }
   ByteBudget& sent_audio_budget() override { return sent_audio_budget_; }
@@ -185,6 +201,8 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   ThreadGroup client_threads_{kMaxClientThreads, kMaxThreadsOfClient};
   ByteBudget sent_audio_budget_{kMaxSentAudioBytes};
 
+  const std::function<void(bool)> call_waits_;
+
   Mutex stats_limit_mutex_;  // one request for statistics entries at a time
 
   Inventory inventory_;
@@ -192,8 +210,8 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   Wiring wiring_{inventory_, saved_};
   TapPoints taps_;
   IoSwitch io_;
-  UseCases use_cases_{*this, inventory_};
   Recovery recovery_;
+  UseCases use_cases_{*this, inventory_, taps_};  // the last member: its threads run commands
 };
 
 }  // namespace kvox

@@ -11,6 +11,9 @@ namespace kvox {
 /// same number of connections is remembered.
 inline constexpr size_t kMaxProcessors = 1024;
 
+/// Buffers that are to run when a client starts one that does not exist: it may name any number.
+inline constexpr size_t kMaxRunning = 1024;
+
 /// Statistics entries of all processors together: 16 MiB, enough for a few processors with the
 /// maximum. Otherwise a few small calls could use a gigabyte.
 inline constexpr uint64_t kMaxStatsEntriesOfAll = (16u << 20) / sizeof(float);
@@ -27,8 +30,8 @@ inline constexpr size_t kMaxClientThreads = 64;
 /// How many of them may serve callbacks of one process.
 inline constexpr size_t kMaxThreadsOfClient = 8;
 
-/// Threads that write captures. More than there are buffers, since one whose file hangs is kept
+/// Threads that write captures: far more than there are buffers, since one whose file hangs is kept
 /// until the write returns.
-inline constexpr size_t kMaxCaptureThreads = 128;
+inline constexpr size_t kMaxCaptureThreads = 1024;
 
 }  // namespace kvox

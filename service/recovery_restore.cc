@@ -7,10 +7,22 @@
 #include "service/recovery.h"
 
 namespace kvox {
+namespace {
 
-RecoveryClock::TimePoint Recovery::Unfinished::NextOpening() const {
+constexpr unsigned kTapRetries = 5;
+constexpr auto kTapRetryPause = std::chrono::seconds(1);
+
+}  // namespace
+
+/// One that the co-processor refuses is not tried again; it may reply to another try.
+void Recovery::Unfinished::Retry::TryLater(RecoveryClock::TimePoint now) {
+  due = ++number <= kTapRetries ? now + kTapRetryPause : RecoveryClock::TimePoint::max();
+}
+
+RecoveryClock::TimePoint Recovery::Unfinished::NextRetry() const {
   auto next = RecoveryClock::TimePoint::max();
-  for (const auto& [name, opening] : openings) next = std::min(next, opening.due);
+  for (const auto& [key, retry] : taps) next = std::min(next, retry.due);
+  for (const auto& [name, retry] : openings) next = std::min(next, retry.due);
   return next;
 }
 
@@ -29,28 +41,68 @@ void Recovery::Restore(const RecoveryClock& clock, const RestorePlan& plan,
     }
   };
   unfinished.everything = false;
-  restore(plan.taps, [&](TapKey key) {
-    if (links_.taps.Restore(key, [&clock] { return clock.stopping(); })) {
-      unfinished.taps.erase(key);
-    } else {
-      unfinished.taps.insert(key);
-    }
-  });
+  RestoreTaps(clock, plan.taps, unfinished);
   restore(plan.processors, [&](FourCc id) { links_.wiring.Restore(id); });
   restore(plan.buffers, [&](const std::string& name) { RestoreBuffer(clock, name, unfinished); });
   links_.io.UpdateWakeLock();
 }
 
-BufferPtr Recovery::Present(const RunningBuffer& running) const {
-  return running.tapout ? links_.inventory.FindTapOut(running.number)
-                        : links_.inventory.FindInject(running.number);
+/// After the first one without a reply, the others wait for their retry: a mute co-processor, half
+/// a second each, would delay processors and buffers. Bindings of clients that come in between are
+/// the newer ones, so what has to be bound once more is looked up after each round.
+void Recovery::RestoreTaps(const RecoveryClock& clock, const std::set<TapKey>& keys,
+                           Unfinished& unfinished) {
+  const auto stopping = [&clock] { return clock.stopping(); };
+  bool mute = false;
+  const auto restored = [&](TapKey key, auto command) {
+    if (mute) {
+      unfinished.taps[key].due = clock.Now();
+      return false;
+    }
+    const TapPoints::Restored outcome = command();
+    mute = outcome == TapPoints::Restored::kNoReply;
+    if (mute) unfinished.taps[key].TryLater(clock.Now());
+    return !mute;
+  };
+  std::set<TapKey> bound;
+  for (const TapKey key : keys) {
+    if (clock.stopping()) return;
+    if (!restored(key, [&] { return links_.taps.Restore(key, stopping); })) continue;
+    unfinished.taps.erase(key);
+    bound.insert(key);
+  }
+  for (bool changed = true; changed;) {
+    const SavedTables saved = links_.saved.Copy();
+    std::set<TapKey> once_more;
+    for (const TapKey key : BoundOnceMore(saved, bound)) {
+      if (clock.stopping()) return;
+      if (restored(key, [&] { return links_.taps.RestoreBinding(key); })) once_more.insert(key);
+    }
+    changed = !once_more.empty() && links_.saved.Copy().bound != saved.bound;
+    bound = std::move(once_more);
+  }
+}
+
+/// Those that were tried least go first: a silent one that comes first must not keep the others
+/// waiting.
+void Recovery::RetryTaps(const RecoveryClock& clock, Unfinished& unfinished) {
+  const auto is_due = [&](const auto& entry) { return clock.Now() >= entry.second.due; };
+  unsigned least = kTapRetries + 1;
+  for (const auto& entry : unfinished.taps) {
+    if (is_due(entry)) least = std::min(least, entry.second.number);
+  }
+  RestorePlan plan;
+  for (const auto& entry : unfinished.taps) {
+    if (is_due(entry) && entry.second.number == least) plan.taps.insert(entry.first);
+  }
+  if (!plan.taps.empty()) Restore(clock, plan, unfinished);
 }
 
 void Recovery::RestoreBuffer(const RecoveryClock& clock, const std::string& name,
                              Unfinished& unfinished) {
   const auto running = links_.saved.FindRunning(name);
   if (!running) return;
-  const BufferPtr buffer = Present(*running);
+  const BufferPtr buffer = links_.inventory.Find(running->tapout, running->number);
   if (!buffer) {
     LogError("Error restoring %s buffer %s: missing", running->tapout ? "tap-out" : "inject",
              name.c_str());
@@ -68,7 +120,8 @@ void Recovery::RetryOpenings(const RecoveryClock& clock, Unfinished& unfinished)
       continue;
     }
     const auto running = links_.saved.FindRunning(name);
-    const BufferPtr buffer = running ? Present(*running) : nullptr;
+    const BufferPtr buffer =
+        running ? links_.inventory.Find(running->tapout, running->number) : nullptr;
     if (buffer) TryOpening(clock, *buffer, opening.number, unfinished);
   }
   links_.io.UpdateWakeLock();
@@ -76,7 +129,8 @@ void Recovery::RetryOpenings(const RecoveryClock& clock, Unfinished& unfinished)
 
 void Recovery::TryOpening(const RecoveryClock& clock, KvoxBuffer& buffer, unsigned number,
                           Unfinished& unfinished) {
-  const KvoxBuffer::Try outcome = buffer.TryEnable(number, nullptr);
+  const auto still_wanted = [&] { return links_.saved.IsRunning(buffer); };
+  const KvoxBuffer::Try outcome = buffer.TryEnable(number, still_wanted);
   if (outcome == KvoxBuffer::Try::kOn) links_.io.SwitchAsSaved(buffer);
   if (outcome == KvoxBuffer::Try::kAgain) ++number;
   if (outcome == KvoxBuffer::Try::kAgain || outcome == KvoxBuffer::Try::kBusy) {

@@ -45,6 +45,18 @@ void RecoveryThread::NoteArrival() {
   changed_.NotifyAll();
 }
 
+void RecoveryThread::NoteRights() {
+  MutexLock lock(mutex_);
+  arrivals_.NoteRights(Now());
+  changed_.NotifyAll();
+}
+
+void RecoveryThread::NoteReady() {
+  MutexLock lock(mutex_);
+  arrivals_.NoteReady();
+  changed_.NotifyAll();
+}
+
 void RecoveryThread::RequestStop() {
   MutexLock lock(mutex_);
   stopping_ = true;
@@ -69,6 +81,24 @@ void RecoveryThread::ScanBegins() {
   arrivals_.ScanBegins();
 }
 
+RecoveryClock::Wake RecoveryThread::WaitForFirstArrival(TimePoint until) {
+  MutexLock lock(mutex_);
+  for (;;) {
+    if (stopping_) return Wake::kStopping;
+    if (arrivals_.arrived()) return Wake::kArrivals;
+    if (Now() >= until) return Wake::kTime;
+    WaitForChange(until);
+  }
+}
+
+void RecoveryThread::WaitForChange(TimePoint until) {
+  if (until == TimePoint::max()) {
+    changed_.Wait(mutex_);
+  } else {
+    changed_.WaitUntil(mutex_, until);
+  }
+}
+
 RecoveryClock::Wake RecoveryThread::WaitForArrivals(TimePoint until) {
   MutexLock lock(mutex_);
   for (;;) {
@@ -77,12 +107,7 @@ RecoveryClock::Wake RecoveryThread::WaitForArrivals(TimePoint until) {
     const auto now = Now();
     if (now >= due) return Wake::kArrivals;
     if (now >= until) return Wake::kTime;
-    const auto next = std::min(due, until);
-    if (next == TimePoint::max()) {
-      changed_.Wait(mutex_);
-    } else {
-      changed_.WaitUntil(mutex_, next);
-    }
+    WaitForChange(std::min(due, until));
   }
 }
 

@@ -16,16 +16,31 @@ class ArrivalWatch {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  void NoteArrival(TimePoint now) { last_ = now; }
+  void NoteArrival(TimePoint now) {
+    last_ = now;
+    arrived_ = true;
+  }
+
+  /// One that has arrived before may open now. Others may follow.
+  void NoteRights(TimePoint now) { last_ = now; }
+
+  /// One that has arrived before can be used now: there is nothing to wait for.
+  void NoteReady() { last_ = TimePoint::min(); }
 
   /// A scan starts now, which finds all devices that have arrived so far.
-  void ScanBegins() { last_.reset(); }
+  void ScanBegins() {
+    last_.reset();
+    arrived_ = false;
+  }
+
+  bool arrived() const { return arrived_; }
 
   /// When to scan again; TimePoint::max() while nothing has arrived since the last scan.
   TimePoint Due() const;
 
  private:
   std::optional<TimePoint> last_;
+  bool arrived_ = false;
 };
 
 /// The clock and waits of a recovery, which calls them without any lock. Tests have their own.
@@ -45,6 +60,10 @@ class RecoveryClock {
   /// A scan starts now, which finds all devices that have arrived so far.
   virtual void ScanBegins() = 0;
 
+  /// Waits until the recovery must end, or a device has arrived after the last scan, or it is
+  /// `until`.
+  virtual Wake WaitForFirstArrival(TimePoint until) = 0;
+
   /// Waits until the recovery must end, or devices have arrived after the last scan and none within
   /// the last half second, or it is `until`.
   virtual Wake WaitForArrivals(TimePoint until) = 0;
@@ -62,6 +81,10 @@ class RecoveryRun {
   /// Another device has arrived. Any thread.
   virtual void NoteArrival() = 0;
 
+  /// One that has arrived before may open now; can be used now. Any thread.
+  virtual void NoteRights() = 0;
+  virtual void NoteReady() = 0;
+
   /// Tells the body to end; its pauses end at once. Any thread.
   virtual void RequestStop() = 0;
 };
@@ -77,6 +100,8 @@ class RecoveryThread : public RecoveryRun, private RecoveryClock {
   ~RecoveryThread() override;
 
   void NoteArrival() override;
+  void NoteRights() override;
+  void NoteReady() override;
   void RequestStop() override;
 
  private:
@@ -84,7 +109,10 @@ class RecoveryThread : public RecoveryRun, private RecoveryClock {
   bool Pause(std::chrono::milliseconds time) override;
   bool stopping() const override;
   void ScanBegins() override;
+  Wake WaitForFirstArrival(TimePoint until) override;
   Wake WaitForArrivals(TimePoint until) override;
+
+  void WaitForChange(TimePoint until) REQUIRES(mutex_);
 
   mutable Mutex mutex_;  // a leaf lock
   CondVar changed_;

@@ -1,6 +1,7 @@
 // A command's report: text lines and a status, which also go to the log.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,7 +21,16 @@ enum class StatusCode : int8_t {
 struct Outcome {
   StatusCode status = StatusCode::kOk;
   std::string text = {};
+  bool no_reply = false;  // of the co-processor
 };
+
+/// Bytes of the lines in one reply, as UTF-16 in a parcel: the transport carries 1 MiB, the rest is
+/// for the status and what else a method returns.
+inline constexpr size_t kMaxReplyLineBytes = (1u << 20) - 4096;
+
+/// Leaves out what does not fit into one reply; a last line then says how many lines are missing. A
+/// command that took effect must not fail because of its report.
+void CutToReply(std::vector<std::string>& lines);
 
 /// The report of a running command, or of a sequence of commands that share their lines.
 struct Report {

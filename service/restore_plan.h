@@ -3,6 +3,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "service/inventory.h"
 #include "service/saved_state.h"
@@ -23,5 +24,13 @@ void PlanEverything(const SavedTables& saved, const Inventory& inventory, Restor
 /// buffer. The rest waits for that one.
 void PlanFor(const KvoxBuffer& added, const SavedTables& saved, const Inventory& inventory,
              RestorePlan& plan);
+
+/// Buffers that are to run, exist, and are off: their devices did not open.
+void PlanClosed(const SavedTables& saved, const Inventory& inventory, RestorePlan& plan);
+
+/// A buffer that several tap points name belongs to the one that was bound last, which is not
+/// always the last in key order. Returns those that have to be bound once more after `restored`, in
+/// order.
+std::vector<TapKey> BoundOnceMore(const SavedTables& saved, const std::set<TapKey>& restored);
 
 }  // namespace kvox

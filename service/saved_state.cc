@@ -14,19 +14,39 @@ SavedTables SavedState::Copy() const {
 
 void SavedState::ChangeTap(const TapArguments& tap,
                            const std::function<void(KvoxTapPointState&)>& change) {
-  const TapAddress address = tap.Address();
   MutexLock lock(mutex_);
+  change(TapLocked(tap));
+}
+
+void SavedState::BindTap(const TapArguments& tap, uint8_t tapout, uint8_t inject) {
+  MutexLock lock(mutex_);
+  KvoxTapPointState& state = TapLocked(tap);
+  state.info.tapout_buffer = tapout;
+  state.info.inject_buffer = inject;
+  tables_.bound[TapKey(tap.Address())] = ++bindings_;
+}
+
+KvoxTapPointState& SavedState::TapLocked(const TapArguments& tap) {
+  const TapAddress address = tap.Address();
   KvoxTapPointState& state = tables_.taps[TapKey(address)];
   state.info.tap = address.tap;
   state.info.index = address.index;
   state.info.core = address.core;
-  change(state);
+  return state;
 }
 
 void SavedState::ForgetTapIfIdle(const TapArguments& tap) {
   MutexLock lock(mutex_);
   const auto found = tables_.taps.find(TapKey(tap.Address()));
-  if (found != tables_.taps.end() && found->second.Idle()) tables_.taps.erase(found);
+  if (found == tables_.taps.end() || !found->second.Idle()) return;
+  tables_.bound.erase(found->first);
+  tables_.taps.erase(found);
+}
+
+void SavedState::ForgetTap(const TapArguments& tap) {
+  MutexLock lock(mutex_);
+  tables_.bound.erase(TapKey(tap.Address()));
+  tables_.taps.erase(TapKey(tap.Address()));
 }
 
 std::optional<KvoxTapPointState> SavedState::FindTap(TapKey key) const {
@@ -45,13 +65,23 @@ std::optional<KvoxTapPointState> SavedState::TapBoundTo(const KvoxBuffer& buffer
   return std::nullopt;
 }
 
-void SavedState::SaveConnection(FourCc processor, const ConnectionState& connection) {
+std::vector<FourCc> SavedState::SaveConnection(FourCc processor,
+                                               const ConnectionState& connection) {
+  std::vector<FourCc> losers;
   MutexLock lock(mutex_);
-  if (connection.tapout_buffer == -1 && connection.inject_buffer == -1) {
-    tables_.connections.erase(processor);
-  } else {
-    tables_.connections[processor] = connection;
+  for (auto& [id, other] : tables_.connections) {
+    if (connection.inject_buffer == -1 || id == processor ||
+        other.inject_buffer != connection.inject_buffer) {
+      continue;
+    }
+    other.inject_buffer = -1;
+    losers.push_back(id);
   }
+  tables_.connections[processor] = connection;
+  std::erase_if(tables_.connections, [](const auto& entry) {
+    return entry.second.tapout_buffer == -1 && entry.second.inject_buffer == -1;
+  });
+  return losers;
 }
 
 ConnectionState SavedState::FindConnection(FourCc processor) const {
@@ -72,14 +102,45 @@ void SavedState::LimitConnections(const std::vector<ProcessorPtr>& existing) {
              forgotten, kMaxProcessors);
 }
 
-void SavedState::SaveRunning(const std::vector<BufferPtr>& buffers, bool running) {
+uint64_t SavedState::SaveStart(std::vector<NamedBuffer>& buffers) {
   MutexLock lock(mutex_);
-  for (const BufferPtr& buffer : buffers) {
-    std::erase_if(tables_.running, [&](const auto& entry) { return entry.second.Is(*buffer); });
-    if (!running) continue;
-    tables_.running[buffer->name()] = {.number = static_cast<int32_t>(buffer->index()),
-                                       .tapout = buffer->is_tapout()};
+  ++starts_;
+  for (NamedBuffer& buffer : buffers) {
+    const auto same =
+        std::find_if(tables_.running.begin(), tables_.running.end(),
+                     [&buffer](const auto& entry) { return entry.second.IsSame(buffer.running); });
+    const bool known = same != tables_.running.end();
+    const bool was_running = known && same->second.confirmed;
+    if (known) tables_.running.erase(same);
+    buffer.remembered = known || buffer.present || tables_.running.size() < kMaxRunning;
+    if (!buffer.remembered) {
+      LogWarning("%s is not started: %zu others are to run, more are not remembered; stop some",
+                 buffer.name.c_str(), kMaxRunning);
+      continue;
+    }
+    buffer.running.start = starts_;
+    buffer.running.confirmed = was_running || !buffer.present;  // that wish is granted already
+    tables_.running[buffer.name] = buffer.running;
   }
+  return starts_;
+}
+
+void SavedState::ConfirmStart(const KvoxBuffer& buffer, uint64_t start, bool started) {
+  MutexLock lock(mutex_);
+  for (auto& [name, entry] : tables_.running) {
+    if (!entry.Is(buffer)) continue;
+    if (started) {
+      entry.confirmed = true;
+    } else if (entry.start == start && !entry.confirmed) {
+      tables_.running.erase(std::string(name));
+    }
+    return;
+  }
+}
+
+void SavedState::SaveStop(const std::function<bool(const RunningBuffer&)>& stops) {
+  MutexLock lock(mutex_);
+  std::erase_if(tables_.running, [&](const auto& entry) { return stops(entry.second); });
 }
 
 bool SavedState::IsRunning(const KvoxBuffer& buffer) const {
@@ -93,11 +154,6 @@ std::optional<RunningBuffer> SavedState::FindRunning(const std::string& name) co
   const auto found = tables_.running.find(name);
   if (found == tables_.running.end()) return std::nullopt;
   return found->second;
-}
-
-void SavedState::ForgetRunning(const std::function<bool(const RunningBuffer&)>& forget) {
-  MutexLock lock(mutex_);
-  std::erase_if(tables_.running, [&](const auto& entry) { return forget(entry.second); });
 }
 
 }  // namespace kvox

@@ -27,10 +27,23 @@ struct ConnectionState {
 struct RunningBuffer {
   int32_t number;
   bool tapout;
+  uint64_t start = 0;     // the command that has started it last
+  bool confirmed = true;  // false while that command is at work and it did not run before
 
   bool Is(const KvoxBuffer& buffer) const {
     return tapout == buffer.is_tapout() && number == static_cast<int32_t>(buffer.index());
   }
+  bool IsSame(const RunningBuffer& other) const {
+    return tapout == other.tapout && number == other.number;
+  }
+};
+
+/// A buffer that a StartIo or StopIo means.
+struct NamedBuffer {
+  std::string name;
+  RunningBuffer running;
+  bool present;            // a device, when the command came
+  bool remembered = true;  // false if it is absent, and too many others are to be started
 };
 
 /// The three tables, in the order in which they are restored.
@@ -38,6 +51,8 @@ struct SavedTables {
   TapMap taps;
   std::map<FourCc, ConnectionState> connections;  // by processor, also of deleted ones
   std::map<std::string, RunningBuffer> running;   // by the buffer's name
+
+  std::map<TapKey, uint64_t> bound;  // taps in the order in which they were bound
 };
 
 /// Any thread.
@@ -48,29 +63,41 @@ class SavedState {
   /// Changes the saved state of a tap point, which is initially unset. Callers hold the lock that
   /// serialises exchanges, so that saved state and co-processor agree.
   void ChangeTap(const TapArguments& tap, const std::function<void(KvoxTapPointState&)>& change);
+  /// Also remembers that no other tap point has been bound since.
+  void BindTap(const TapArguments& tap, uint8_t tapout, uint8_t inject);
   /// Forgets the tap point if it is off and unbound.
   void ForgetTapIfIdle(const TapArguments& tap);
+  void ForgetTap(const TapArguments& tap);
   std::optional<KvoxTapPointState> FindTap(TapKey key) const;
   /// The first tap point, in key order, that is bound to the buffer.
   std::optional<KvoxTapPointState> TapBoundTo(const KvoxBuffer& buffer) const;
 
-  /// A connection to no buffer is forgotten.
-  void SaveConnection(FourCc processor, const ConnectionState& connection);
+  /// Other processors lose their connections to the same inject buffer; returns these. A connection
+  /// to no buffer is forgotten.
+  std::vector<FourCc> SaveConnection(FourCc processor, const ConnectionState& connection);
   ConnectionState FindConnection(FourCc processor) const;
   /// Connections deliberately outlive their processors. When there are kMaxProcessors of them,
   /// those of processors other than `existing` are forgotten.
   void LimitConnections(const std::vector<ProcessorPtr>& existing);
 
-  /// As one change: of two callers the last one's wish holds for every buffer.
-  void SaveRunning(const std::vector<BufferPtr>& buffers, bool running);
+  /// Saves, as one change, that these buffers are to run, whether they exist or not. Sets
+  /// `remembered`. Returns the number of this start.
+  uint64_t SaveStart(std::vector<NamedBuffer>& buffers);
+  /// Start `start` has switched the buffer on; or has failed: then what it saved is void, unless
+  /// the buffer was to run before or somebody has started it since.
+  void ConfirmStart(const KvoxBuffer& buffer, uint64_t start, bool started);
   bool IsRunning(const KvoxBuffer& buffer) const;
   std::optional<RunningBuffer> FindRunning(const std::string& name) const;
-  /// Forgets running buffers for which `forget` is true.
-  void ForgetRunning(const std::function<bool(const RunningBuffer&)>& forget);
+  /// Saves, as one change, that the buffers for which `stops` is true are not to run.
+  void SaveStop(const std::function<bool(const RunningBuffer&)>& stops);
 
  private:
+  KvoxTapPointState& TapLocked(const TapArguments& tap) REQUIRES(mutex_);
+
   mutable Mutex mutex_;  // the table lock, a leaf lock
   SavedTables tables_ GUARDED_BY(mutex_);
+  uint64_t bindings_ GUARDED_BY(mutex_) = 0;
+  uint64_t starts_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace kvox

@@ -13,19 +13,13 @@ namespace {
 constexpr int kMaxListPages = 256;
 
 /// For one list; a phone's takes a few milliseconds.
-constexpr auto kListTimeout = std::chrono::seconds(5);
+constexpr auto kListTimeout = std::chrono::seconds(30);
 
 constexpr char kFormatError[] = "Error setting audio format from tap point";
 
-/// For an exchange whose reply has only a status.
-Outcome OutcomeOf(const char* opcode, int32_t status) {
-  if (status == 0) return {};
-  return {StatusCode::kError, FormatText<64>("%s failed, status %d", opcode, status)};
-}
-
 }  // namespace
 
-int32_t TapPoints::Query(const TapArguments& tap, KvoxTapPointState& state) {
+int32_t TapPoints::Query(const TapArguments& tap, KvoxTapPointState& state, bool* replied) {
   TapInfoRecord record;
   record.state.tap = tap.Address().tap;
   record.state.index = tap.Address().index;
@@ -33,6 +27,7 @@ int32_t TapPoints::Query(const TapArguments& tap, KvoxTapPointState& state) {
   const int32_t status = link_.SendKvoxCommand(CMD_TAP_INFO_ID, &record.header, sizeof record);
   if (status != 0) {
     LogError("%s failed, status %d", "CMD_TAP_INFO_ID", status);
+    if (replied != nullptr) *replied = record.header.status != 0;
     return status;
   }
   state = StateFromReply(record.state);
@@ -58,6 +53,7 @@ int32_t TapPoints::List(int core, std::vector<KvoxTapPointState>& taps) {
     record.page = static_cast<uint8_t>(page);
     const int32_t status =
         link_.SendKvoxCommand(CMD_KVOX_TAP_LIST_ID, &record.header, sizeof record);
+    if (page == 0) NoteCore(record.core, record.header.status != 0);
     if (status != 0) {
       LogError("CMD_KVOX_TAP_LIST_ID on KVO core %d, status %d", core, status);
       return -1;
@@ -71,6 +67,20 @@ int32_t TapPoints::List(int core, std::vector<KvoxTapPointState>& taps) {
   }
   LogError("CMD_KVOX_TAP_LIST_ID on KVO core %d: no end after %d pages", core, kMaxListPages);
   return -1;
+}
+
+void TapPoints::NoteCore(uint8_t core, bool refused) {
+  MutexLock lock(cores_mutex_);
+  if (refused) {
+    refused_cores_.insert(core);
+  } else {
+    refused_cores_.erase(core);
+  }
+}
+
+std::set<int> TapPoints::refused_cores() const {
+  MutexLock lock(cores_mutex_);
+  return refused_cores_;
 }
 
 void TapPoints::Enable(const TapArguments& tap, bool enable, Report& report) {
@@ -111,42 +121,48 @@ void TapPoints::Bind(const TapArguments& tap, int tapout, int inject, Report& re
   {
     MutexLock lock(service_mutex_);
     binding = SendBinding(tap, tapout, inject, Saving::kYes);
+    if (binding.outcome.status == StatusCode::kOk) RestoreRest(TapKey(tap.Address()));
   }
   FinishBinding(std::move(binding), report);
+}
+
+bool TapPoints::IsSaved(const TapArguments& tap) const {
+  return saved_.FindTap(TapKey(tap.Address())).has_value();
+}
+
+void TapPoints::Forget(const TapArguments& tap) {
+  MutexLock lock(service_mutex_);
+  saved_.ForgetTap(tap);
+}
+
+/// An exchange whose reply has only a status, which stays 0 in the record when none comes.
+template <typename Record>
+Outcome TapPoints::Send(const char* name, uint16_t opcode, Record& record) {
+  const int32_t status = link_.SendKvoxCommand(opcode, &record.header, sizeof record);
+  if (status == 0) return {};
+  return {StatusCode::kError, FormatText<64>("%s failed, status %d", name, status),
+          record.header.status == 0};
 }
 
 Outcome TapPoints::SendEnable(const TapArguments& tap, bool enable) {
   TapEnableRecord record;
   record.address = tap.Address();
   record.enable = enable ? 1 : 0;
-  return OutcomeOf("CMD_KVOX_TAP_ENABLE_ID",
-                   link_.SendKvoxCommand(CMD_KVOX_TAP_ENABLE_ID, &record.header, sizeof record));
+  return Send("CMD_KVOX_TAP_ENABLE_ID", CMD_KVOX_TAP_ENABLE_ID, record);
 }
 
 Outcome TapPoints::SendBlockLength(const TapArguments& tap, uint32_t frames) {
   TapSettingRecord record;
   record.address = tap.Address();
   record.value = frames;
-  return OutcomeOf(
-      "CMD_KVOX_TAP_SET_BLOCK_LEN_ID",
-      link_.SendKvoxCommand(CMD_KVOX_TAP_SET_BLOCK_LEN_ID, &record.header, sizeof record));
+  return Send("CMD_KVOX_TAP_SET_BLOCK_LEN_ID", CMD_KVOX_TAP_SET_BLOCK_LEN_ID, record);
 }
 
 Outcome TapPoints::SendJitterBuffer(const TapArguments& tap, uint32_t size) {
   TapSettingRecord record;
   record.address = tap.Address();
   record.value = size;
-  return OutcomeOf(
-      "CMD_KVOX_TAP_SET_JITTER_BUFFER_ID",
-      link_.SendKvoxCommand(CMD_KVOX_TAP_SET_JITTER_BUFFER_ID, &record.header, sizeof record));
-}
-
-void TapPoints::SaveBinding(const TapArguments& tap, int tapout, int inject) {
-  saved_.ChangeTap(tap, [&](KvoxTapPointState& state) {
-    state.info.tapout_buffer = static_cast<uint8_t>(tapout);
-    state.info.inject_buffer = static_cast<uint8_t>(inject);
-  });
-  saved_.ForgetTapIfIdle(tap);
+  return Send("CMD_KVOX_TAP_SET_JITTER_BUFFER_ID", CMD_KVOX_TAP_SET_JITTER_BUFFER_ID, record);
 }
 
 TapPoints::Binding TapPoints::SendBinding(const TapArguments& tap, int tapout, int inject,
@@ -165,14 +181,19 @@ TapPoints::Binding TapPoints::SendBinding(const TapArguments& tap, int tapout, i
   record.address = tap.Address();
   record.tapout_buffer = static_cast<uint8_t>(tapout);
   record.inject_buffer = static_cast<uint8_t>(inject);
-  binding.outcome =
-      OutcomeOf("CMD_KVOX_TAP_BIND_ID",
-                link_.SendKvoxCommand(CMD_KVOX_TAP_BIND_ID, &record.header, sizeof record));
+  binding.outcome = Send("CMD_KVOX_TAP_BIND_ID", CMD_KVOX_TAP_BIND_ID, record);
   if (binding.outcome.status != StatusCode::kOk) return binding;
-  if (saving == Saving::kYes) SaveBinding(tap, tapout, inject);
+  if (saving == Saving::kYes) {
+    saved_.BindTap(tap, record.tapout_buffer, record.inject_buffer);
+    saved_.ForgetTapIfIdle(tap);
+  }
   if (tapout < 0) return binding;
   KvoxTapPointState state;
-  if (Query(tap, state) != 0) return fail(kFormatError);
+  bool replied = true;
+  if (Query(tap, state, &replied) != 0) {
+    binding.outcome = {StatusCode::kError, kFormatError, !replied};
+    return binding;
+  }
   binding.tapout = source;
   binding.format.sample_rate = state.info.sample_rate;
   binding.format.channels = state.info.channels;
@@ -187,45 +208,66 @@ void TapPoints::FinishBinding(Binding binding, Report& report) {
   report.End("ConnectTap", binding.outcome);
 }
 
-bool TapPoints::Restore(TapKey key, const std::function<bool()>& stopping) {
+TapPoints::Restored TapPoints::Restore(TapKey key, const std::function<bool()>& stopping) {
+  {
+    MutexLock lock(service_mutex_);
+    half_restored_.insert(key);
+  }
+  const Restored bound = RestoreBinding(key);
+  if (bound != Restored::kDone || stopping()) return bound;
+  MutexLock lock(service_mutex_);
+  return RestoreRest(key);
+}
+
+TapPoints::Restored TapPoints::RestoreRest(TapKey key) {
+  if (!half_restored_.contains(key)) return Restored::kDone;
+  const auto saved = saved_.FindTap(key);
+  const Restored outcome = saved ? RestoreSettings(*saved) : Restored::kDone;
+  if (outcome == Restored::kDone) half_restored_.erase(key);
+  return outcome;
+}
+
+TapPoints::Restored TapPoints::RestoreBinding(TapKey key) {
   Report report;
   Binding binding;
   {
     MutexLock lock(service_mutex_);
     const auto saved = saved_.FindTap(key);
-    if (!saved) return true;
+    if (!saved) return Restored::kDone;
     LogInfo("Restore tap point state %s", TapName(saved->info).c_str());
     const int tapout = BufferNumber(saved->info.tapout_buffer);
     const int inject = BufferNumber(saved->info.inject_buffer);
     report.Begin(BindingRequest(saved->Arguments(), tapout, inject));
     binding = SendBinding(saved->Arguments(), tapout, inject, Saving::kNo);
   }
+  const bool no_reply = binding.outcome.no_reply;
   FinishBinding(std::move(binding), report);
-  if (!report.ok() || stopping()) return false;
-
-  MutexLock lock(service_mutex_);
-  const auto saved = saved_.FindTap(key);
-  return !saved || RestoreSettings(*saved);
+  if (report.ok()) return Restored::kDone;
+  return no_reply ? Restored::kNoReply : Restored::kRefused;
 }
 
-bool TapPoints::RestoreSettings(const KvoxTapPointState& saved) {
-  Report report;
+TapPoints::Restored TapPoints::RestoreSettings(const KvoxTapPointState& saved) {
   const TapArguments tap = saved.Arguments();
+  Report report;
+  Outcome outcome;
+  const auto end = [&](const char* command, Outcome sent) {
+    outcome = std::move(sent);
+    report.End(command, outcome);
+    return report.ok();
+  };
+  const auto failed = [&] { return outcome.no_reply ? Restored::kNoReply : Restored::kRefused; };
   if (const uint32_t frames = saved.info.block_length; static_cast<int32_t>(frames) >= 0) {
     report.Begin(BlockLengthRequest(tap, frames));
-    report.End("TapSetBlockLength", SendBlockLength(tap, frames));
-    if (!report.ok()) return false;
+    if (!end("TapSetBlockLength", SendBlockLength(tap, frames))) return failed();
   }
   if (saved.jitter_buffer >= 0) {
     const auto size = static_cast<uint32_t>(saved.jitter_buffer);
     report.Begin(JitterBufferRequest(tap, size));
-    report.End("tapSetJitterBuffer", SendJitterBuffer(tap, size));
-    if (!report.ok()) return false;
+    if (!end("tapSetJitterBuffer", SendJitterBuffer(tap, size))) return failed();
   }
   const bool enable = saved.info.enabled != 0;
   report.Begin(TapEnableRequest(tap, enable));
-  report.End("TapEnable", SendEnable(tap, enable));
-  return report.ok();
+  return end("TapEnable", SendEnable(tap, enable)) ? Restored::kDone : failed();
 }
 
 }  // namespace kvox

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "kvox/common/use_case_needs.h"
 #include "processors/audio_relay_processor.h"
 #include "processors/passthru_processor.h"
 
@@ -20,11 +21,20 @@ constexpr FourCc kDownlink = MakeFourCc("art0");
 constexpr FourCc kUplink = MakeFourCc("art1");
 constexpr FourCc kMedia = MakeFourCc("armd");
 
-constexpr TapArguments kMicrophoneTap = {2, MakeFourCc("imic"), 0};
-constexpr TapArguments kSpeakerTap = {2, MakeFourCc("sspk"), 0};
-constexpr TapArguments kDownlinkTap = {4, MakeFourCc("vpdl"), 0};
-constexpr TapArguments kUplinkTap = {4, MakeFourCc("vpul"), 1};
-constexpr TapArguments kMediaTap = {2, MakeFourCc("entr"), 5};
+consteval TapArguments TapOf(const UseCaseNeed& need) {
+  return {need.core, need.tap, need.index};
+}
+constexpr TapArguments kMicrophoneTap = TapOf(kMicrophoneNeed);
+constexpr TapArguments kSpeakerTap = TapOf(kSpeakerNeed);
+constexpr TapArguments kDownlinkTap = TapOf(kDownlinkNeed);
+constexpr TapArguments kUplinkTap = TapOf(kUplinkNeed);
+constexpr TapArguments kMediaTap = TapOf(kMediaNeed);
+
+constexpr int kMicrophoneBuffer = kMicrophoneNeed.buffer;
+constexpr int kSpeakerBuffer = kSpeakerNeed.buffer;
+constexpr int kDownlinkBuffer = kDownlinkNeed.buffer;
+constexpr int kUplinkBuffer = kUplinkNeed.buffer;
+constexpr int kMediaBuffer = kMediaNeed.buffer;
 
 consteval Step New(FourCc processor, FourCc type) {
   return {.command = Command::kNewProcessor, .processor = processor, .type = type};
@@ -64,58 +74,58 @@ constexpr Step kHotwordOn[] = {Enable(kHotwordProcessor)};
 constexpr Step kHotwordOff[] = {Disable(kHotwordProcessor, OnFailure::kStop)};
 
 constexpr Step kMicrophoneOn[] = {New(kMicrophone, PassthruProcessor::kType),
-                                  Connect(kMicrophone, 20),
+                                  Connect(kMicrophone, kMicrophoneBuffer),
                                   Enable(kMicrophone),
-                                  Bind(kMicrophoneTap, 20),
+                                  Bind(kMicrophoneTap, kMicrophoneBuffer),
                                   Switch(kMicrophoneTap, true),
-                                  Start(20)};
-constexpr Step kMicrophoneOff[] = {Switch(kMicrophoneTap, false), Stop(20),
+                                  Start(kMicrophoneBuffer)};
+constexpr Step kMicrophoneOff[] = {Switch(kMicrophoneTap, false), Stop(kMicrophoneBuffer),
                                    Disable(kMicrophone, OnFailure::kReport),
                                    Delete(kMicrophone, OnFailure::kReport)};
 
 constexpr Step kSpeakerOn[] = {New(kSpeaker, PassthruProcessor::kType),
-                               Connect(kSpeaker, 21),
+                               Connect(kSpeaker, kSpeakerBuffer),
                                Enable(kSpeaker),
-                               Bind(kSpeakerTap, 21),
+                               Bind(kSpeakerTap, kSpeakerBuffer),
                                Switch(kSpeakerTap, true),
-                               Start(21)};
-constexpr Step kSpeakerOff[] = {Switch(kSpeakerTap, false), Stop(21),
+                               Start(kSpeakerBuffer)};
+constexpr Step kSpeakerOff[] = {Switch(kSpeakerTap, false), Stop(kSpeakerBuffer),
                                 Disable(kSpeaker, OnFailure::kReport),
                                 Delete(kSpeaker, OnFailure::kReport)};
 
 constexpr Step kTelephonyOn[] = {New(kDownlink, AudioRelayProcessor::kType),
                                  New(kUplink, AudioRelayProcessor::kType),
-                                 Connect(kDownlink, 40),
-                                 Connect(kUplink, 41),
+                                 Connect(kDownlink, kDownlinkBuffer),
+                                 Connect(kUplink, kUplinkBuffer),
                                  Enable(kDownlink),
                                  Enable(kUplink),
-                                 Bind(kDownlinkTap, 40),
-                                 Bind(kUplinkTap, 41),
+                                 Bind(kDownlinkTap, kDownlinkBuffer),
+                                 Bind(kUplinkTap, kUplinkBuffer),
                                  TakeBlockLength(kDownlinkTap, kDownlink),
                                  TakeBlockLength(kUplinkTap, kUplink),
                                  Switch(kDownlinkTap, true),
                                  Switch(kUplinkTap, true),
-                                 Start(40),
-                                 Start(41)};
+                                 Start(kDownlinkBuffer),
+                                 Start(kUplinkBuffer)};
 constexpr Step kTelephonyOff[] = {Switch(kDownlinkTap, false),
                                   Switch(kUplinkTap, false),
                                   Unbind(kDownlinkTap),
                                   Unbind(kUplinkTap),
-                                  Stop(40),
-                                  Stop(41),
+                                  Stop(kDownlinkBuffer),
+                                  Stop(kUplinkBuffer),
                                   Disable(kDownlink, OnFailure::kIgnore),
                                   Disable(kUplink, OnFailure::kIgnore),
                                   Delete(kDownlink, OnFailure::kIgnore),
                                   Delete(kUplink, OnFailure::kIgnore)};
 
 constexpr Step kMediaOn[] = {New(kMedia, AudioRelayProcessor::kType),
-                             Connect(kMedia, 20),
+                             Connect(kMedia, kMediaBuffer),
                              Enable(kMedia),
-                             Bind(kMediaTap, 20),
+                             Bind(kMediaTap, kMediaBuffer),
                              TakeBlockLength(kMediaTap, kMedia),
                              Switch(kMediaTap, true),
-                             Start(20)};
-constexpr Step kMediaOff[] = {Switch(kMediaTap, false), Unbind(kMediaTap), Stop(20),
+                             Start(kMediaBuffer)};
+constexpr Step kMediaOff[] = {Switch(kMediaTap, false), Unbind(kMediaTap), Stop(kMediaBuffer),
                               Disable(kMedia, OnFailure::kIgnore),
                               Delete(kMedia, OnFailure::kIgnore)};
 

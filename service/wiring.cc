@@ -31,7 +31,11 @@ void Wiring::Connect(FourCc id, int tapout, int inject, Report& report) {
   MutexLock lock(operation_mutex_);
   const Outcome outcome = ConnectLocked(id, tapout, inject);
   if (outcome.status == StatusCode::kOk) {
-    saved_.SaveConnection(id, {.tapout_buffer = tapout, .inject_buffer = inject});
+    to_enable_again_.erase(id);
+    for (const FourCc loser :
+         saved_.SaveConnection(id, {.tapout_buffer = tapout, .inject_buffer = inject})) {
+      if (to_enable_again_.contains(loser)) RestoreLocked(loser);  // it waits for that buffer only
+    }
   }
   report.End("Connect", outcome);
 }
@@ -45,20 +49,28 @@ Outcome Wiring::ConnectLocked(FourCc id, int tapout_number, int inject_number) {
     return {StatusCode::kInvalidParameter, "Invalid tap out buffer"};
   }
   if (inject_number != -1 && !inject) {
-    if (!EdgesOf(*processor).source) SetSource(processor, tapout, false);
+    if (const Edges edges = EdgesOf(*processor); !edges.source) {
+      SetSource(processor, tapout, false, edges.output);
+    }
     return {StatusCode::kInvalidParameter, "Invalid inject buffer"};
   }
   std::string text;
-  SetSource(processor, tapout, true);
-  SetOutput(processor, inject, text);
+  const BufferPtr output = EdgesOf(*processor).output;
+  SetSource(processor, tapout, true, inject);
+  SetOutput(processor, output, inject, text);
+  EndAwaitingRestore(*processor);
   text += FormatText<128>("  Set %s input to %s\n", processor->id_text(), NameOf(tapout));
   text += FormatText<128>("  Set %s output to %s\n", processor->id_text(), NameOf(inject));
   return {StatusCode::kOk, text};
 }
 
-/// A processor is silent while it is connected.
 void Wiring::Restore(FourCc id) {
   MutexLock lock(operation_mutex_);
+  RestoreLocked(id);
+}
+
+/// A processor is silent while it is connected.
+void Wiring::RestoreLocked(FourCc id) {
   const ProcessorPtr processor = inventory_.FindProcessor(id);
   if (!processor) return;
   const ConnectionState saved = saved_.FindConnection(id);
@@ -120,6 +132,12 @@ void Wiring::DumpBuffer(const BufferPtr& buffer) {
 
 void Wiring::DropBuffer(const BufferPtr& buffer) {
   if (!buffer->Drop()) return;
+  {
+    MutexLock lock(edges_mutex_);
+    for (const auto& [address, edges] : edges_) {
+      if (edges.source == buffer || edges.output == buffer) awaiting_restore_.insert(address);
+    }
+  }
   LogInfo("%s %s", NameOf(buffer), "UnregisterAllOutputs");
   ChangeWhere([&](const Edges& edges) { return edges.source == buffer; },
               [](Edges& edges) { edges.source = nullptr; });
@@ -137,8 +155,11 @@ void Wiring::PortChanged(const KvoxBuffer& inject) {
   ChangeWhere([&](const Edges& edges) { return edges.output.get() == &inject; }, [](Edges&) {});
 }
 
-/// The processor leaves the tap-out buffer it had before: no two I/O threads ever feed it.
-void Wiring::SetSource(const ProcessorPtr& processor, const BufferPtr& tapout, bool shown) {
+/// The processor leaves the tap-out buffer it had before: no two I/O threads ever feed it. From
+/// then on it no longer writes an inject buffer other than `output`, which never gets the new
+/// source's audio.
+void Wiring::SetSource(const ProcessorPtr& processor, const BufferPtr& tapout, bool shown,
+                       const BufferPtr& output) {
   if (const BufferPtr before = EdgesOf(*processor).source; before && before != tapout) {
     LogInfo("%s %s: %p", NameOf(before), "UnregisterOutput", AddressOf(processor));
     ChangeOf(processor, [](Edges& edges) { edges.source = nullptr; });
@@ -148,6 +169,7 @@ void Wiring::SetSource(const ProcessorPtr& processor, const BufferPtr& tapout, b
   ChangeOf(processor, [&](Edges& edges) {
     edges.source = tapout;
     edges.source_shown = shown;
+    if (edges.output != output) edges.output = nullptr;
   });
   PropagateFormat(*processor, *tapout);
 }
@@ -166,9 +188,10 @@ void Wiring::PropagateFormat(KvoxProcessor& processor, const KvoxBuffer& tapout)
 
 /// The processor's present output and the inject buffer's present writer are disconnected first: no
 /// two I/O threads ever write an inject buffer.
-void Wiring::SetOutput(const ProcessorPtr& processor, const BufferPtr& inject, std::string& text) {
+void Wiring::SetOutput(const ProcessorPtr& processor, const BufferPtr& before,
+                       const BufferPtr& inject, std::string& text) {
   const auto clear = [](Edges& edges) { edges.output = nullptr; };
-  if (const BufferPtr before = EdgesOf(*processor).output; before && before != inject) {
+  if (before && before != inject) {
     LogInfo("%s %s", NameOf(before), "UnregisterInput");
     ChangeOf(processor, clear);
   }
@@ -184,8 +207,10 @@ void Wiring::SetOutput(const ProcessorPtr& processor, const BufferPtr& inject, s
 
 void Wiring::Disconnect(const ProcessorPtr& processor) {
   std::string text;
-  SetSource(processor, nullptr, false);
-  SetOutput(processor, nullptr, text);
+  const BufferPtr output = EdgesOf(*processor).output;
+  SetSource(processor, nullptr, false, nullptr);
+  SetOutput(processor, output, nullptr, text);
+  EndAwaitingRestore(*processor);
 }
 
 /// Collects the tap-out buffers whose routes change, and what has to be released without a lock.
@@ -257,6 +282,16 @@ Wiring::Edges Wiring::EdgesOf(const KvoxProcessor& processor) const {
   MutexLock lock(edges_mutex_);
   const auto found = edges_.find(&processor);
   return found == edges_.end() ? Edges() : found->second;
+}
+
+void Wiring::EndAwaitingRestore(const KvoxProcessor& processor) {
+  MutexLock lock(edges_mutex_);
+  awaiting_restore_.erase(&processor);
+}
+
+bool Wiring::AwaitsRestore(const KvoxProcessor& processor) const {
+  MutexLock lock(edges_mutex_);
+  return awaiting_restore_.contains(&processor);
 }
 
 Wiring::Endpoints Wiring::EndpointsOf(const KvoxProcessor& processor) const {

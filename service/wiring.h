@@ -75,6 +75,9 @@ class Wiring : public BufferWiring {
   /// The inject buffers that a tap-out buffer's processors write.
   std::vector<BufferPtr> WrittenBy(const KvoxBuffer& tapout) const;
 
+  /// Whether the processor has lost a buffer with its device and has not been connected since.
+  bool AwaitsRestore(const KvoxProcessor& processor) const;
+
   // BufferWiring.
   unsigned CountProcessors(const KvoxBuffer& buffer) override;
   void PortChanged(const KvoxBuffer& inject) override;
@@ -88,13 +91,13 @@ class Wiring : public BufferWiring {
     bool source_shown = false;
     BufferPtr output = nullptr;
   };
-  enum class Saving { kYes, kNo };
 
+  void RestoreLocked(FourCc id) REQUIRES(operation_mutex_);
   Outcome ConnectLocked(FourCc id, int tapout, int inject) REQUIRES(operation_mutex_);
-  void SetSource(const ProcessorPtr& processor, const BufferPtr& tapout, bool shown)
-      REQUIRES(operation_mutex_);
-  void SetOutput(const ProcessorPtr& processor, const BufferPtr& inject, std::string& text)
-      REQUIRES(operation_mutex_);
+  void SetSource(const ProcessorPtr& processor, const BufferPtr& tapout, bool shown,
+                 const BufferPtr& output) REQUIRES(operation_mutex_);
+  void SetOutput(const ProcessorPtr& processor, const BufferPtr& before, const BufferPtr& inject,
+                 std::string& text) REQUIRES(operation_mutex_);
   void PropagateFormat(KvoxProcessor& processor, const KvoxBuffer& tapout)
       REQUIRES(operation_mutex_);
   void Disconnect(const ProcessorPtr& processor) REQUIRES(operation_mutex_);
@@ -109,6 +112,7 @@ class Wiring : public BufferWiring {
   class RouteUpdate;
   void Publish(const BufferPtr& tapout) REQUIRES(edges_mutex_);
   Edges EdgesOf(const KvoxProcessor& processor) const EXCLUDES(edges_mutex_);
+  void EndAwaitingRestore(const KvoxProcessor& processor) EXCLUDES(edges_mutex_);
 
   Inventory& inventory_;
   SavedState& saved_;
@@ -121,6 +125,7 @@ class Wiring : public BufferWiring {
   mutable Mutex edges_mutex_;  // before leaf locks only
   /// By address, which is the order in which a tap-out buffer's processors get its blocks.
   std::map<const KvoxProcessor*, Edges> edges_ GUARDED_BY(edges_mutex_);
+  std::set<const KvoxProcessor*> awaiting_restore_ GUARDED_BY(edges_mutex_);
 };
 
 }  // namespace kvox

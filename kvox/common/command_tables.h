@@ -81,6 +81,13 @@ inline constexpr uint32_t kDefaultBlockLength = 4800;
 inline constexpr char kBlockLengthRange[] = "480 to 24000 frames in steps of 480";
 inline constexpr char kJitterBufferRange[] = "480 to 24000 frames";
 
+// Lines of the debug command "health": what is wrong and shown by no list.
+inline constexpr char kHealthWord[] = "health";
+inline constexpr char kHealthGaveUp[] =
+    "gave up: ";  // a tap-out buffer whose device failed for good
+inline constexpr char kHealthNoCore[] =
+    "no core: ";  // one that the co-processor has refused to list
+
 /// Statistics entries of one processor: more would not fit into one reply of the transport (1 MiB).
 inline constexpr uint32_t kMaxStatsEntries = ((1u << 20) - 4096) / sizeof(float);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "kvox/common/command_tables.h"
 #include "kvox/common/log.h"
 #include "service/kvox_service.h"
 
@@ -40,6 +41,7 @@ KvoxService::Status KvoxService::Debug(const Words& args, CommandResult* result)
   return Run(result, [&](Report& report) {
     std::string text = "Debug";
     for (const std::string& word : args) text += " " + word;
+    if (!args.empty() && args[0] == kHealthWord) return DebugHealth(report);  // tools poll it
     LogInfo("%s", text.c_str());
     const auto* const row =
         args.empty() ? std::end(kWords)
@@ -51,10 +53,20 @@ KvoxService::Status KvoxService::Debug(const Words& args, CommandResult* result)
     } else if (row == std::end(kWords)) {
       report.status = StatusCode::kInvalidParameter;
     } else {
-      (this->*row->run)(args, report);
+      Wait([&] { (this->*row->run)(args, report); });
     }
     report.End("Debug", text);
   });
+}
+
+/// A line for each thing that no list shows. Not in the log.
+void KvoxService::DebugHealth(Report& report) {
+  for (const BufferPtr& buffer : inventory_.TapOuts()) {
+    if (buffer->gave_up()) report.Push(kHealthGaveUp + buffer->name());
+  }
+  for (const int core : taps_.refused_cores()) {
+    report.Push(kHealthNoCore + std::to_string(core));
+  }
 }
 
 void KvoxService::DebugBufferInit(const Words&, Report&) {
@@ -87,7 +99,8 @@ void KvoxService::DebugCapture(const Words& args, Report& report) {
   const size_t words_needed = start ? (all ? 3 : 4) : 2;
   if (args.size() < words_needed) return Refuse("Missing arguments", report);
 
-  std::vector<BufferPtr> buffers = io_.BuffersFor(kAllBuffers);
+  std::vector<BufferPtr> buffers = inventory_.TapOuts();
+  for (const BufferPtr& inject : inventory_.Injects()) buffers.push_back(inject);
   if (!all) {
     std::erase_if(buffers, [&](const auto& buffer) { return buffer->name() != args[2]; });
     if (buffers.empty()) return Refuse("Unknown buffer " + args[2], report);

@@ -8,11 +8,11 @@
 namespace kvox {
 
 KvoxService::Status KvoxService::StartIo(int32_t tapout, CommandResult* result) {
-  return Run(result, [&](Report& report) { io_.Switch(true, tapout, report); });
+  return RunWaiting(result, [&](Report& report) { io_.Switch(true, tapout, report); });
 }
 
 KvoxService::Status KvoxService::StopIo(int32_t tapout, CommandResult* result) {
-  return Run(result, [&](Report& report) { io_.Switch(false, tapout, report); });
+  return RunWaiting(result, [&](Report& report) { io_.Switch(false, tapout, report); });
 }
 
 /// Any failure of `operation` is an error.

@@ -80,7 +80,7 @@ KvoxService::Status KvoxService::NewProcessor(int32_t id, CommandResult* result)
 
 KvoxService::Status KvoxService::NewProcessorWithType(int32_t id_number, int32_t type_number,
                                                       CommandResult* result) {
-  return Run(result, [&](Report& report) {
+  return RunWaiting(result, [&](Report& report) {
     const auto id = static_cast<FourCc>(id_number);
     const auto type = static_cast<FourCc>(type_number);
     const std::string name = ToString(id);
@@ -105,7 +105,7 @@ KvoxService::Status KvoxService::NewProcessorWithType(int32_t id_number, int32_t
 }
 
 KvoxService::Status KvoxService::DeleteProcessor(int32_t id_number, CommandResult* result) {
-  return Run(result, [&](Report& report) {
+  return RunWaiting(result, [&](Report& report) {
     const auto id = static_cast<FourCc>(id_number);
     const std::string name = ToString(id);
     report.Begin(FormatText<64>("Deleting processor '%s'", name.c_str()));
@@ -134,7 +134,7 @@ KvoxService::Status KvoxService::ProcessorInfo(int32_t id, CommandResult* result
 
 KvoxService::Status KvoxService::ProcessorEnable(int32_t id_number, bool enable,
                                                  CommandResult* result) {
-  return Run(result, [&](Report& report) {
+  return RunWaiting(result, [&](Report& report) {
     const auto id = static_cast<FourCc>(id_number);
     report.Begin(
         FormatText<64>("%s processor '%s'", enable ? "Enable" : "Disable", ToString(id).c_str()));

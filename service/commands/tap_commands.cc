@@ -34,7 +34,7 @@ void AppendRow(const KvoxTapPointState& state, const Inventory& inventory, std::
 }  // namespace
 
 KvoxService::Status KvoxService::TapList(int32_t core, CommandResult* result) {
-  return Run(result, [&](Report& report) {
+  return RunWaiting(result, [&](Report& report) {
     report.Begin(FormatText<64>("KVO tap list core:%d", core));
     std::string text;
     std::vector<KvoxTapPointState> taps;
@@ -51,7 +51,7 @@ KvoxService::Status KvoxService::TapList(int32_t core, CommandResult* result) {
 
 KvoxService::Status KvoxService::TapInfo(int32_t core, int32_t tap, int32_t index,
                                          CommandResult* result) {
-  return Run(result, [&](Report& report) {
+  return RunWaiting(result, [&](Report& report) {
     const TapArguments arguments = Arguments(core, tap, index);
     report.Begin(TapInfoRequest(arguments));
     Outcome outcome;
@@ -67,20 +67,20 @@ KvoxService::Status KvoxService::TapInfo(int32_t core, int32_t tap, int32_t inde
 
 KvoxService::Status KvoxService::TapEnable(int32_t core, int32_t tap, int32_t index, bool enable,
                                            CommandResult* result) {
-  return Run(result,
-             [&](Report& report) { taps_.Enable(Arguments(core, tap, index), enable, report); });
+  return RunWaiting(
+      result, [&](Report& report) { taps_.Enable(Arguments(core, tap, index), enable, report); });
 }
 
 KvoxService::Status KvoxService::TapSetBlockLength(int32_t core, int32_t tap, int32_t index,
                                                    int32_t length, CommandResult* result) {
-  return Run(result, [&](Report& report) {
+  return RunWaiting(result, [&](Report& report) {
     taps_.SetBlockLength(Arguments(core, tap, index), static_cast<uint32_t>(length), report);
   });
 }
 
 KvoxService::Status KvoxService::tapSetJitterBuffer(int32_t core, int32_t tap, int32_t index,
                                                     int32_t size, CommandResult* result) {
-  return Run(result, [&](Report& report) {
+  return RunWaiting(result, [&](Report& report) {
     taps_.SetJitterBuffer(Arguments(core, tap, index), static_cast<uint32_t>(size), report);
   });
 }

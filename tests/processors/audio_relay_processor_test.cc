@@ -1,17 +1,10 @@
 #include "processors/audio_relay_processor.h"
 
-#include <aidl/kvox/BnKvox.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <poll.h>
 
-#include <atomic>
 #include <cstring>
-#include <thread>
 
-#include "kvox/common/mutex.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/process.h"
+#include "tests/processors/relay_fixture.h"
 
 namespace kvox {
 namespace {
@@ -21,136 +14,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Id = IKvox::ParameterId;
 using Samples = std::vector<int16_t>;
-
-/// Waits instead of the I/O thread, with a clock of its own: a busy machine does not matter.
-class Waiter : public IoWaiter {
- public:
-  bool WaitWritable(int, uint64_t) override { return false; }
-  bool WaitReadable(int fd, uint64_t deadline_ns) override {
-    if (now_ns >= deadline_ns) return false;
-    asked_ms = static_cast<int>((deadline_ns - now_ns) / 1'000'000);
-    pollfd event{.fd = fd, .events = POLLIN, .revents = 0};
-    if (patient) return poll(&event, 1, 10'000) == 1;
-    now_ns = deadline_ns;
-    return false;
-  }
-  uint64_t NowNs() override { return now_ns; }
-
-  bool patient = true;
-  int asked_ms = 0;
-  uint64_t now_ns = 1'000'000'000'000;
-};
-
-/// A client that keeps what it gets; it may refuse, or hang until it is released.
-class Client : public IKvox::BnReceiveAudioCallback {
- public:
-  ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket& packet) override {
-    {
-      MutexLock lock(mutex_);
-      packets_.push_back(packet);
-    }
-    hanging.wait(true);
-    return refusing ? ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_STATE)
-                    : ndk::ScopedAStatus::ok();
-  }
-  std::vector<IKvox::AudioPacket> Packets() {
-    MutexLock lock(mutex_);
-    return packets_;
-  }
-
-  std::atomic<bool> hanging = false;
-  std::atomic<bool> refusing = false;
-
- private:
-  Mutex mutex_;
-  std::vector<IKvox::AudioPacket> packets_ GUARDED_BY(mutex_);
-};
-
-class RelayTest : public ::testing::Test, public ProcessorHost {
- protected:
-  static constexpr uint32_t kFrames = 480;
-
-  /// An enabled relay with blocks of 480 frames.
-  std::shared_ptr<AudioRelayProcessor> Relay(FourCc id) {
-    auto relay = AudioRelayProcessor::Create(id, *this);
-    SetBlockLength(*relay, kFrames);
-    EXPECT_EQ(relay->Enable(true), 0);
-    log_.Take();
-    return relay;
-  }
-
-  static int32_t SetBlockLength(AudioRelayProcessor& relay, int32_t frames, bool taken = true) {
-    return relay.SetParameter(Id::BLOCK_LENGTH, 0, frames, [=](Id, uint32_t) { return taken; });
-  }
-
-  std::shared_ptr<Client> Register(AudioRelayProcessor& relay) {
-    auto client = ndk::SharedRefBase::make<Client>();
-    relay.RegisterReceiveAudioCallback(client);
-    log_.Take();
-    return client;
-  }
-
-  static IKvox::AudioPacket Packet(FourCc id, std::vector<uint8_t> data, int8_t format, int8_t bits,
-                                   int8_t channels, int8_t rate = 5) {
-    IKvox::AudioPacket packet;
-    packet.processor_id = static_cast<int32_t>(id);
-    packet.data = std::move(data);
-    packet.sampleRate = rate;
-    packet.format = format;
-    packet.bitsPerSample = bits;
-    packet.numChannels = channels;
-    return packet;
-  }
-  static IKvox::AudioPacket CallPacket(uint8_t fill) {
-    return Packet(kDownlink, std::vector<uint8_t>(kFrames * 2, fill), 0, 1, 1);
-  }
-
-  /// Sends a block through the processor; out_ is what the inject buffer gets.
-  int32_t Process(AudioRelayProcessor& relay, std::span<const std::byte> in,
-                  const KvoxTapFormat& format, bool connected = true) {
-    const auto state = relay.block_state();
-    out_.assign(in.size(), std::byte{0x77});
-    OutputArea area(out_);
-    const Block block = {.audio = in,
-                         .format = format,
-                         .arrived_ns = waiter_.NowNs() - age_ns_,
-                         .begin_ns = waiter_.NowNs(),
-                         .connected = connected,
-                         .state = state.get(),
-                         .waiter = waiter_};
-    const BlockResult result = relay.ProcessBlock(block, connected ? &area : nullptr);
-    area.Data();
-    return result.status;
-  }
-
-  bool OutputIsSilent() const {
-    return std::all_of(out_.begin(), out_.end(), [](std::byte b) { return b == std::byte{0}; });
-  }
-
-  static constexpr FourCc kDownlink = MakeFourCc("art0");
-  static constexpr FourCc kMedia = MakeFourCc("armd");
-  static constexpr KvoxTapFormat kCallTap = {
-      .sample_rate = 48000, .channels = 2, .bytes_per_sample = 2, .noninterleaved_samples = 480};
-
-  LogCapture log_;
-  Waiter waiter_;
-  std::vector<std::byte> out_;
-  std::vector<FourCc> disabled_;
-  int32_t disable_status_ = 0;
-  uint64_t age_ns_ = 0;  // of a block when its turn comes
-  ByteBudget budget_{1u << 20};
-
- private:
-  void BlockStateChanged(const KvoxProcessor&) override {}
-  int32_t EndUseCaseOf(const KvoxProcessor& relay) override {
-    disabled_.push_back(relay.id());
-    return disable_status_;
-  }
-  ThreadGroup& client_threads() override { return threads_; }
-  ByteBudget& sent_audio_budget() override { return budget_; }
-
-  ThreadGroup threads_{8};
-};
 
 TEST_F(RelayTest, TelephonyExchangesMonoBlocksWithItsClient) {
   const auto relay = Relay(kDownlink);
@@ -242,13 +105,24 @@ TEST_F(RelayTest, AHangingClientCostsHalfABlockOnceAndNothingWaitsForIt) {
   hanging->hanging = true;
   waiter_.patient = false;
   const std::vector<std::byte> in(kFrames * 4);
+  waiter_.spurious = 1;  // as from a reply that came too late
+  EXPECT_EQ(relay->SendAudio(CallPacket(0xaa)), 0);
   EXPECT_EQ(Process(*relay, in, kCallTap), 0);
   EXPECT_EQ(waiter_.asked_ms, 5) << "half of 10 ms";
+  EXPECT_EQ(out_[0], std::byte{0xaa}) << "what it had sent before goes out all the same";
+  EXPECT_THAT(log_.Take(), ElementsAre("W art0: the client was too slow for 1 block"));
+  EXPECT_TRUE(WaitFor([&] { return hanging->Packets().size() == 1; }));
   waiter_.asked_ms = 0;
-  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
-  EXPECT_EQ(waiter_.asked_ms, 0) << "a busy client is not waited for";
-  EXPECT_THAT(log_.Take(), ElementsAre("W art0: the client was too slow for 1 block"))
-      << "once a second";
+  const std::vector<std::byte> next_block(kFrames * 4, std::byte{1});
+  for (int i = 0; i < 3; ++i) {
+    relay->RegisterReceiveAudioCallback(hanging);
+    EXPECT_EQ(Process(*relay, next_block, kCallTap), 0);
+  }
+  EXPECT_EQ(waiter_.asked_ms, 0) << "a busy client is not waited for, registered anew or not";
+  EXPECT_THAT(log_.Take(), IsEmpty());
+  waiter_.now_ns += 1'000'000'000;
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Process(*relay, next_block, kCallTap), 0);
+  EXPECT_EQ(log_.Count("W art0: the client was too slow for 4 blocks"), 1u) << "once a second";
 
   const auto next = Register(*relay);
   age_ns_ = 6'000'000;
@@ -263,8 +137,50 @@ TEST_F(RelayTest, AHangingClientCostsHalfABlockOnceAndNothingWaitsForIt) {
   EXPECT_TRUE(WaitFor(served_again)) << "another client is served while one hangs";
   EXPECT_EQ(relay->Enable(false), 0);
   relay.reset();
-  hanging->hanging = false;
-  hanging->hanging.notify_all();
+  hanging->Release();
+}
+
+TEST_F(RelayTest, WithoutAThreadToSpareAClientIsServedByItsPredecessors) {
+  std::vector<std::shared_ptr<AudioRelayProcessor>> others;
+  while (others.size() + 1 < kMaxThreads) Register(*others.emplace_back(Relay(kMedia)));
+  const auto relay = Relay(kDownlink);
+  const auto hanging = Register(*relay);
+  hanging->hanging = true;
+  waiter_.patient = false;
+  const std::vector<std::byte> in(kFrames * 4);
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  ASSERT_TRUE(WaitFor([&] { return hanging->Packets().size() == 1; }));
+
+  const auto skipped = Register(*relay);
+  relay->RegisterReceiveAudioCallback(nullptr);
+  const auto last = Register(*relay);
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_THAT(last->Packets(), IsEmpty());
+  hanging->Release();
+  waiter_.patient = true;
+  EXPECT_TRUE(
+      WaitFor([&] { return Process(*relay, in, kCallTap) == 0 && last->Packets().size() >= 2; }));
+  EXPECT_THAT(skipped->Packets(), IsEmpty());
+}
+
+TEST_F(RelayTest, ASentBlockOutlivesARestart) {
+  const auto relay = Relay(kDownlink);
+  const auto client = Register(*relay);
+  const std::vector<std::byte> in(kFrames * 4);
+  EXPECT_EQ(relay->SendAudio(CallPacket(0xaa)), 0);
+  EXPECT_EQ(relay->Enable(false), 0);
+  EXPECT_EQ(relay->Enable(true), 0);
+  EXPECT_EQ(SetBlockLength(*relay, kFrames), 0);
+  EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+  EXPECT_EQ(out_[0], std::byte{0xaa});
+  EXPECT_EQ(relay->SendAudio(CallPacket(0xbb)), 0);
+  relay->SetParameter(Id::BLOCK_LENGTH, 0, 960, [&](Id, uint32_t) {
+    EXPECT_EQ(Process(*relay, in, kCallTap), 0);
+    EXPECT_TRUE(OutputIsSilent()) << "no block passes while the tap changes";
+    return true;
+  });
+  EXPECT_EQ(Process(*relay, std::vector<std::byte>(960 * 4), kCallTap), 0);
+  EXPECT_TRUE(OutputIsSilent()) << "not in another layout";
 }
 
 TEST_F(RelayTest, OnlyBlocksOfItsOwnFormatAreTakenFromAClient) {
@@ -314,7 +230,14 @@ TEST_F(RelayTest, StartsWithWhatItCanRelayOnly) {
   tap.data_format = 1;
   relay->SetFormat(tap);
   EXPECT_EQ(relay->Enable(true), 0);
+  relay->stats().SetBufferSize(4);
+  const std::vector<std::byte> block(8);
+  EXPECT_EQ(Process(*relay, block, tap), 0);
   EXPECT_EQ(relay->Enable(true), 0);
+  float average = 0;
+  std::vector<float> measurements;
+  EXPECT_TRUE(relay->stats().GetMeasurements(average, measurements));
+  EXPECT_THAT(measurements, IsEmpty()) << "each time, they are restarted";
   EXPECT_THAT(log_.Take(),
               ElementsAre("E Invalid sample rate 44100", "E Unsupported encoding 7",
                           "I startProcessor sr 48000, format float32, ch 2, little_endian_ 1"));
@@ -334,6 +257,11 @@ TEST_F(RelayTest, RestartsOnANewBlockLengthOrAnotherTap) {
   EXPECT_EQ(SetBlockLength(*relay, 961), 4);
   EXPECT_EQ(SetBlockLength(*relay, 1440, false), 1);
   EXPECT_TRUE(relay->IsEnabled());
+  const auto client = Register(*relay);
+  const KvoxTapFormat tap = {.sample_rate = 48000, .channels = 2, .bytes_per_sample = 4};
+  EXPECT_EQ(Process(*relay, std::vector<std::byte>(960 * 8), tap), 0);
+  EXPECT_EQ(client->Packets().size(), 1u) << "audio flows after a length that was refused";
+  relay->RegisterReceiveAudioCallback(nullptr);
   log_.Take();
   // A tap's information does not include the encoding, which stays the role's.
   relay->SetFormat({.sample_rate = 48000, .channels = 2, .bytes_per_sample = 4});
@@ -342,10 +270,15 @@ TEST_F(RelayTest, RestartsOnANewBlockLengthOrAnotherTap) {
   relay->SetFormat({.sample_rate = 48000, .channels = 1, .bytes_per_sample = 2});
   EXPECT_EQ(log_.Count("startProcessor sr 48000, format int16, ch 1"), 1u);
   EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(1440 * 2), 0, 1, 1)), 0);
+  relay->SetFormat({.sample_rate = 48000, .channels = 2, .bytes_per_sample = 2});
+  EXPECT_EQ(relay->SendAudio(Packet(kMedia, std::vector<uint8_t>(1440 * 4), 0, 1, 2)), 0);
   relay->SetFormat({.sample_rate = 44100, .channels = 1, .bytes_per_sample = 2});
   EXPECT_TRUE(relay->IsEnabled());
 
   relay->Enable(false);
+  log_.Take();
+  relay->SetFormat({.sample_rate = 48000, .channels = 2, .bytes_per_sample = 4});
+  EXPECT_THAT(log_.Take(), IsEmpty());
   EXPECT_EQ(Process(*relay, std::vector<std::byte>(8), {}), 0) << "disabled: nothing happens";
 }
 
@@ -359,10 +292,6 @@ TEST_F(RelayTest, TheDeathOfItsClientEndsTheUseCase) {
   const std::vector<std::byte> in(kFrames * 4);
   EXPECT_EQ(Process(*relay, in, kCallTap), 0);
   EXPECT_THAT(client->Packets(), IsEmpty());
-  disable_status_ = 2;
-  Register(*relay);
-  relay->CallbackDied(2);
-  EXPECT_EQ(log_.Count("onCallbackDeath: Failed to disable art0"), 1u);
 }
 
 }  // namespace

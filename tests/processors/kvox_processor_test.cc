@@ -49,19 +49,16 @@ TEST_F(KvoxProcessorTest, SetParameterChecksBeforeItStores) {
     Value value;
     int32_t status;
   } rows[] = {
-      {Id::BLOCK_LENGTH, 960, 0},
-      {Id::BLOCK_LENGTH, 1000, 4},
-      {Id::BLOCK_LENGTH, 24480, 4},
-      {Id::BLOCK_LENGTH, -480, 4},
-      {Id::BLOCK_LENGTH, 960.f, 4},
-      {Id::JITTER_BUFFER, 1000, 0},
-      {Id::JITTER_BUFFER, 24001, 4},
-      {Id::JITTER_BUFFER, 1001, 1},
-      {Id::PASSTHROUGH_MODE, -7, 0},
-      {Id::TEST_MODE, 0, 0},
-      {Id::AUDIO_FORMAT, 1, 6},
-      {static_cast<Id>(9), 1, 6},
-      {Id::TEST_MODE, std::vector<float>{1.0f}, 4},
+      {Id::BLOCK_LENGTH, 960, 0},    {Id::BLOCK_LENGTH, 1000, 4},
+      {Id::BLOCK_LENGTH, 24480, 4},  {Id::BLOCK_LENGTH, 24000, 0},
+      {Id::BLOCK_LENGTH, 0, 4},      {Id::BLOCK_LENGTH, 480, 0},
+      {Id::BLOCK_LENGTH, 960, 0},    {Id::BLOCK_LENGTH, -480, 4},
+      {Id::BLOCK_LENGTH, 960.f, 4},  {Id::JITTER_BUFFER, 1000, 0},
+      {Id::JITTER_BUFFER, 24001, 4}, {Id::JITTER_BUFFER, 24000, 0},
+      {Id::JITTER_BUFFER, 480, 0},   {Id::JITTER_BUFFER, 479, 4},
+      {Id::JITTER_BUFFER, 1001, 1},  {Id::PASSTHROUGH_MODE, -7, 0},
+      {Id::TEST_MODE, 0, 0},         {Id::AUDIO_FORMAT, 1, 6},
+      {static_cast<Id>(9), 1, 6},    {Id::TEST_MODE, std::vector<float>{1.0f}, 4},
   };
   for (const auto& row : rows) {
     const auto forward = [&](Id, uint32_t frames) { return frames != 1001; };

@@ -1,10 +1,12 @@
 #include "processors/processor_stats.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <thread>
 
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 
 namespace kvox {
 namespace {
@@ -41,6 +43,13 @@ TEST_F(ProcessorStatsTest, KeepsTheLatestActiveTimesOldestFirst) {
   EXPECT_EQ(Read(), (std::vector<float>{3, 4, 5, 6}));
   EXPECT_TRUE(Read().empty()) << "reading clears";
   EXPECT_EQ(average_, 0);
+  for (const int before : {5, 9}) {  // half full, or filled again from its start
+    ASSERT_TRUE(stats_.SetBufferSize(8));
+    for (int i = 0; i < before; ++i) Block(10, 1);
+    ASSERT_TRUE(stats_.SetBufferSize(4));
+    Block(10, 2);
+    EXPECT_EQ(Read(), (std::vector<float>{2})) << "a new size starts afresh";
+  }
   ASSERT_TRUE(stats_.SetBufferSize(0));
   Block(10, 1);
   EXPECT_TRUE(Read().empty());
@@ -58,6 +67,18 @@ TEST_F(ProcessorStatsTest, LongPausesAreNotPeriods) {
   Block(10, 1);
   Read();
   EXPECT_EQ(average_, 0) << "a reset forgets when the last block began";
+}
+
+TEST_F(ProcessorStatsTest, NoMeasurementSpansAReset) {
+  ASSERT_TRUE(stats_.SetBufferSize(4));
+  Block(10, 1);
+  stats_.StartMeasurement(static_cast<uint64_t>((begin_ms_ += 10) * 1e6));
+  ASSERT_TRUE(stats_.Reset());
+  stats_.StopMeasurement(static_cast<uint64_t>(begin_ms_ * 1e6),
+                         static_cast<uint64_t>((begin_ms_ + 5) * 1e6));
+  Block(10, 2);
+  EXPECT_EQ(Read(), (std::vector<float>{2}));
+  EXPECT_EQ(average_, 0) << "the block that was reset has no start either";
 }
 
 TEST_F(ProcessorStatsTest, AverageRestartsAfterTenThousandPeriods) {
@@ -89,22 +110,32 @@ TEST_F(ProcessorStatsTest, ReportsHealthOnceASecond) {
 }
 
 TEST_F(ProcessorStatsTest, TheIoThreadNeverWaitsForAReader) {
-  // Readers hammer the flag; measurements may be lost, but the figures stay plausible.
-  ASSERT_TRUE(stats_.SetBufferSize(64));
+  // A reader holds the flag most of the time; measurements may be lost, but the figures stay
+  // plausible, and nothing sleeps.
+  std::atomic<int> rounds = 0;
   std::atomic<bool> done = false;
   std::thread reader([&] {
     std::vector<float> measurements;
     float average = 0;
     while (!done) {
+      stats_.SetBufferSize(++rounds % 2 == 0 ? 64 : 1u << 20);
       if (!stats_.GetMeasurements(average, measurements)) continue;
       for (const float active : measurements) EXPECT_EQ(active, 0.0f);
       stats_.Reset();
     }
   });
-  for (int i = 0; i < 20000; ++i) {
+  const auto sleeps = [] {
+    rusage usage{};
+    EXPECT_EQ(getrusage(RUSAGE_THREAD, &usage), 0);
+    return usage.ru_nvcsw;
+  };
+  EXPECT_TRUE(YieldUntil([&] { return rounds > 0; }));
+  const auto before = sleeps();
+  for (int i = 0; rounds < 20 && i < 100'000'000; ++i) {
     stats_.StartMeasurement(1);
     stats_.StopMeasurement(1, 1);
   }
+  EXPECT_EQ(sleeps(), before);
   done = true;
   reader.join();
 }

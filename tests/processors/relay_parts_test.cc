@@ -1,12 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <future>
 #include <latch>
-#include <thread>
 #include <vector>
 
 #include "kvox/common/thread_group.h"
 #include "processors/relay_layout.h"
 #include "processors/sent_audio.h"
+#include "tests/support/process.h"
 
 namespace kvox {
 namespace {
@@ -59,7 +60,7 @@ TEST(SentAudio, BlocksAreNeverTornAndNeverGoBack) {
   constexpr uint8_t kBlocks = 250;
   ByteBudget room(3 * 4096);
   SentAudio sent(4096, room);
-  std::thread writer([&] {
+  const std::future<void> writer = std::async(std::launch::async, [&] {
     for (uint8_t number = 1; number <= kBlocks; ++number) {
       sent.Put(std::vector<uint8_t>(4096, number));
       std::this_thread::yield();
@@ -67,14 +68,13 @@ TEST(SentAudio, BlocksAreNeverTornAndNeverGoBack) {
   });
   uint8_t last = 0;
   while (last != kBlocks) {
-    const auto block = sent.Take();
-    if (block.empty()) continue;
+    std::span<const std::byte> block;
+    ASSERT_TRUE(YieldUntil([&] { return !(block = sent.Take()).empty(); })) << +last;
     const auto number = static_cast<uint8_t>(block[0]);
     ASSERT_GT(number, last);
     for (const std::byte byte : block) ASSERT_EQ(static_cast<uint8_t>(byte), number);
     last = number;
   }
-  writer.join();
 }
 
 TEST(SentAudio, ItsRoomIsTakenOnceAndGivenBack) {
@@ -106,12 +106,45 @@ TEST(ThreadGroup, JoinsWhatEndsAndRefusesTooMany) {
     EXPECT_FALSE(reaper.Start("three", hang));
     EXPECT_EQ(reaper.running(), 2u);
     release.count_down();
-    while (reaper.running() > 0) std::this_thread::yield();
+    EXPECT_TRUE(WaitFor([&] { return reaper.running() == 0; }));
     for (int i = 0; i < 50; ++i) {
-      while (!reaper.Start("more", [&] { ++ran; })) std::this_thread::yield();
+      EXPECT_TRUE(WaitFor([&] { return reaper.Start("more", [&] { ++ran; }); }));
     }
   }
   EXPECT_EQ(ran, 52) << "the reaper waits for all";
+}
+
+TEST(ThreadGroup, OneOwnerGetsItsShareOnly) {
+  constexpr uint64_t kMe = 1;
+  constexpr uint64_t kOther = 2;
+  std::latch release(1);
+  const auto hang = [&] { release.wait(); };
+  ThreadGroup threads(4, 2);  // joins before the latch goes
+  EXPECT_TRUE(threads.Start("mine", hang, kMe));
+  const size_t mine = threads.Start("mine", hang, kMe);
+  EXPECT_TRUE(mine);
+  EXPECT_FALSE(threads.Start("mine", hang, kMe));
+  EXPECT_TRUE(threads.Start("other", hang, kOther));
+  EXPECT_TRUE(threads.Start("other", hang, kOther));
+
+  std::atomic<bool> first = false;
+  std::atomic<bool> second = false;
+  EXPECT_EQ(threads.Start(
+                "mine", [&] { first = true; }, kMe, mine),
+            mine);
+  EXPECT_EQ(threads.Start(
+                "mine", [&] { second = true; }, kMe, mine),
+            mine);
+  EXPECT_FALSE(threads.Start("other", hang, kOther, mine)) << "it would be its third";
+  release.count_down();
+  EXPECT_TRUE(WaitFor([&] { return second.load(); })) << "on the thread that was there";
+  EXPECT_FALSE(first) << "replaced before its turn";
+  EXPECT_TRUE(WaitFor([&] {
+    return threads.Start(
+               "mine", [] {}, kMe) != 0;
+  })) << "it has it back";
+  EXPECT_TRUE(WaitFor([&] { return threads.running() == 0; }));
+  EXPECT_TRUE(threads.Start("mine", hang, kMe, mine)) << "on a thread of its own again";
 }
 
 }  // namespace

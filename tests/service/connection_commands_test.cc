@@ -136,5 +136,16 @@ TEST_F(ConnectionCommands, StartIoSwitchesTheChainAndHoldsTheHostAwake) {
   EXPECT_THAT(Call(&KvoxService::StartIo, 42).lines, ElementsAre("Enable tap-out buffer 42\n"));
 }
 
+TEST_F(ConnectionCommands, StopIoOfEverythingIncludesWhatIsAway) {
+  Call(&KvoxService::Connect, Code("aaaa"), 0, 1);
+  Call(&KvoxService::StartIo, 0);
+  Leave("tapout0");
+  Call(&KvoxService::StopIo, -1);
+  Arrive("tapout0");
+  recovery_->Run();
+  EXPECT_FALSE(link_.wake_lock);
+  EXPECT_THAT(BufferRows(), HasSubstr("\n  1         inject1   aaaa      -         0"));
+}
+
 }  // namespace
 }  // namespace kvox

@@ -60,6 +60,33 @@ TEST_F(DebugCommands, DroppedBuffersLetTheHostSleepAndComeBackDisabled) {
   EXPECT_THAT(Debug("capture start all").lines[0], "No buffers");
 }
 
+TEST_F(DebugCommands, HealthNamesABufferThatGaveUpUntilItIsStartedAgain) {
+  io_.failing = true;
+  EXPECT_EQ(StatusOf(Call(&KvoxService::StartIo, 0)), 0);
+  ASSERT_TRUE(log_.WaitFor("tapout0 ioProcess end"));
+  EXPECT_TRUE(WaitFor(
+      [&] { return Debug("health").lines == Lines{kHealthGaveUp + std::string("tapout0")}; }));
+  EXPECT_THAT(BufferRows(), HasSubstr("tapout0   -         -         1")) << "as clients left it";
+  io_.failing = false;
+  log_.Take();
+  EXPECT_EQ(StatusOf(Call(&KvoxService::StartIo, 0)), 0);
+  EXPECT_EQ(log_.Count("I/O thread start"), 1u);
+  EXPECT_THAT(Debug("health").lines, ::testing::ElementsAre());
+}
+
+TEST_F(DebugCommands, CapturesAsManyBuffersAsThereAre) {
+  constexpr size_t kCount = 140;
+  std::vector<std::string> nodes;
+  for (size_t i = 100; i < 100 + kCount; ++i) nodes.push_back("tapout" + std::to_string(i));
+  MakeNodes(nodes);
+  StartService();
+  const CommandResult started = Debug("capture start all " + (directory_ / "c").string());
+  EXPECT_EQ(StatusOf(started), 0);
+  EXPECT_THAT(started.lines, ::testing::Not(::testing::Contains(HasSubstr(" failed"))));
+  EXPECT_GE(started.lines.size(), kCount);
+  EXPECT_EQ(StatusOf(Debug("capture stop all")), 0);
+}
+
 TEST_F(DebugCommands, CapturesOneBuffer) {
   const std::string file = directory_ / "a.wav";
   const std::string stop = "CaptureStop inject0 buffer " + file + ", 0 samples";

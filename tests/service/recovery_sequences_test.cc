@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <map>
+#include <optional>
 #include <random>
 #include <sstream>
+#include <string>
 
 #include "tests/service/recovery_world.h"
 
@@ -20,9 +23,10 @@ constexpr uint32_t kSequences = 100'000;
 
 using Ms = RecoveryWorld::Ms;
 using Kind = RecoveryWorld::Happening::Kind;
+using Mood = RecoveryWorld::Mood;
 
 constexpr const char* kNodes[] = {kControlNode, "tapout0", "tapout1", "inject0", "inject1"};
-constexpr FourCc kTaps[] = {MakeFourCc("imic"), MakeFourCc("genp")};
+constexpr FourCc kTaps[] = {MakeFourCc("imic"), MakeFourCc("genp"), MakeFourCc("sspk")};
 constexpr FourCc kProcessors[] = {MakeFourCc("pas0"), MakeFourCc("pas1")};
 constexpr int kGaps[] = {0, 0, 1, 100, 399, 499, 500, 501, 700, 999, 1000, 2600};
 
@@ -50,6 +54,19 @@ std::string Shown(KvoxService& service) {
   return text;
 }
 
+/// The tap that has each buffer.
+std::map<std::string, std::string> Owners(const TapSetups& taps) {
+  std::map<int, FourCc> in_order;
+  for (const auto& [id, tap] : taps) in_order[tap.bound] = id;
+  std::map<std::string, std::string> owners;
+  for (const auto& [bound, id] : in_order) {
+    const TapSetup& tap = taps.at(id);
+    if (tap.tapout != kNoBuffer) owners["tapout" + std::to_string(tap.tapout)] = ToString(id);
+    if (tap.inject != kNoBuffer) owners["inject" + std::to_string(tap.inject)] = ToString(id);
+  }
+  return owners;
+}
+
 class Sequence {
  public:
   Sequence(uint32_t seed, LogTarget& log) : random_(seed) {
@@ -72,13 +89,14 @@ class Sequence {
       } else if (kind < 9) {
         Then(Kind::kCommand, "", AnyCommand());
       } else {
-        const auto mood = RecoveryWorld::Mood{Any(3)};
-        Then(Kind::kCommand, "", [this, mood] { world_.mood = mood; });
+        BeInMood(Mood{Any(3)});
       }
     }
-    Then(Kind::kCommand, "", [this] { world_.mood = RecoveryWorld::Mood::kAnswers; });
+    BeInMood(Mood::kAnswers);
     at_ += Ms(600);  // a command's or recovery's exchange may still be under way
-    if (away_.size() < std::size(kNodes)) Toggle(Present());  // what was refused is retried
+    // What was refused, or had no reply five times, is retried after the next departure only.
+    const bool retried = !refused_ && at_ - silent_since_.value_or(at_) < Ms(4000);
+    if (!retried && away_.size() < std::size(kNodes)) Toggle(Present());
     while (!away_.empty()) Toggle(*std::next(away_.begin(), Any(away_.size())));
     const Ms back = at_;
     const Ms commands_before = world_.in_commands;
@@ -86,8 +104,10 @@ class Sequence {
     EXPECT_LT(world_.exchanges, 500);
     Ms limit = back + Ms(1500) + (world_.in_commands - commands_before);
     for (const auto& [node, until] : world_.stuck) limit = std::max(limit, until + Ms(1500));
+    if (silent_since_) limit += Ms(5 * (1000 + 500 * std::size(kTaps)));
     EXPECT_LE(world_.last_work, limit) << "since the last device is back";
-    ExpectEverythingIsThere();
+    ExpectEverythingIsThere(!retried);
+    if (retried) GoAndComeAtOnce();  // a processor made anew gets its predecessor's connection
     const std::string shown = Shown(*world_.service);
     GoAndComeAtOnce();
     EXPECT_EQ(Shown(*world_.service), shown) << "after one more restart";
@@ -101,6 +121,12 @@ class Sequence {
     at_ += Ms(kGaps[Any(std::size(kGaps))]);
     world_.happenings.push_back(
         {.at = at_, .kind = kind, .node = node, .command = std::move(command)});
+  }
+
+  void BeInMood(Mood mood) {
+    Then(Kind::kCommand, "", [this, mood] { world_.mood = mood; });
+    refused_ = refused_ || mood == Mood::kRefuses;
+    if (mood == Mood::kSilent && !silent_since_) silent_since_ = at_;
   }
 
   void Toggle(std::string node) {  // a copy: it may be an element of away_
@@ -133,10 +159,15 @@ class Sequence {
     processors_[id] = false;
   }
 
+  bool IsEnabled(FourCc id) {
+    CommandResult result;
+    static_cast<void>(world_.service->ProcessorIsEnabled(static_cast<int32_t>(id), &result));
+    return result.value != 0;
+  }
+
   std::function<void()> AnyCommand() {
-    const auto tap = static_cast<int32_t>(kTaps[Any(2)]);
-    const int which = Any(2);
-    const FourCc code = kProcessors[which];
+    const auto tap = static_cast<int32_t>(kTaps[Any(std::size(kTaps))]);
+    const FourCc code = kProcessors[Any(2)];
     const auto id = static_cast<int32_t>(code);
     const bool on = Any(3) > 0;
     const int a = Any(3) - 1;
@@ -154,9 +185,11 @@ class Sequence {
       case 5:
         return [this, tap, a] { Call(&KvoxService::TapSetBlockLength, 2, tap, 0, 960 + a); };
       case 6:
-        return [this, tap, a] { Call(&KvoxService::tapSetJitterBuffer, 2, tap, 0, 2 + a); };
-      case 7:  // an inject is one processor's own: two that claim it take it from each other
-        return [=, this] { Call(&KvoxService::Connect, id, a, b < 0 ? -1 : which); };
+        return [this, tap, a] { Call(&KvoxService::tapSetJitterBuffer, 2, tap, 0, 1 + a); };
+      case 7:  // one that a recovery has left disabled is the client's from now on
+        return [=, this] {
+          if (Call(&KvoxService::Connect, id, a, b)) processors_[code] = IsEnabled(code);
+        };
       case 8:
         return [=, this] {
           if (Call(&KvoxService::ProcessorEnable, id, on)) processors_[code] = on;
@@ -177,7 +210,7 @@ class Sequence {
       const bool meant = tapout == -1 || tapout == number;
       const bool present =
           there.find("tapout" + std::to_string(number) + " ", there.find("Tap-out")) != there.npos;
-      if (meant && present) on_[static_cast<size_t>(number)] = true;
+      if (meant && (present || tapout == number)) on_[static_cast<size_t>(number)] = true;
     }
   }
   void StopIo(int tapout) {
@@ -187,15 +220,20 @@ class Sequence {
     }
   }
 
-  void ExpectEverythingIsThere() {
+  /// A co-processor that did not restart may still have settings that clients have given up.
+  void ExpectEverythingIsThere(bool restarted) {
     for (const auto& [id, tap] : world_.clients) {
-      EXPECT_EQ(world_.told[id], tap) << "tap " << ToString(id);
+      TapSetup told = world_.told[id];
+      if (!restarted) {
+        told.block_length = tap.block_length;
+        told.jitter_buffer = tap.jitter_buffer;
+      }
+      EXPECT_EQ(told, tap) << "tap " << ToString(id);
     }
     for (const auto& [id, enabled] : processors_) {
-      CommandResult result;
-      static_cast<void>(world_.service->ProcessorIsEnabled(static_cast<int32_t>(id), &result));
-      EXPECT_EQ(result.value != 0, enabled) << "processor " << ToString(id);
+      EXPECT_EQ(IsEnabled(id), enabled) << "processor " << ToString(id);
     }
+    EXPECT_EQ(Owners(world_.told), Owners(world_.clients));
     const std::string shown = Shown(*world_.service);
     for (const char* node : kNodes) {
       if (node != std::string(kControlNode)) {
@@ -227,6 +265,8 @@ class Sequence {
   RecoveryWorld world_;
   Ms at_{0};
   std::set<std::string> away_;
+  bool refused_ = false;               // something may have been
+  std::optional<Ms> silent_since_;     // a mood for the first time
   std::map<FourCc, bool> processors_;  // enabled or not
   std::array<bool, 2> on_{};           // tap-outs that clients have started
 };

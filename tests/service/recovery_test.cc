@@ -1,5 +1,4 @@
-#include "tests/service/service_fixture.h"
-#include "tests/support/no_threads.h"
+#include "tests/service/recovery_fixture.h"
 
 namespace kvox {
 namespace {
@@ -8,34 +7,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-class RecoveryTest : public ServiceTest {
- protected:
-  void SetUp() override {
-    MakeNodes({"tapout0", "tapout1", "inject0"});
-    StartService();
-    link_.taps = {{.tap = MakeFourCc("imic"),
-                   .core = 2,
-                   .sample_rate = 48000,
-                   .channels = 2,
-                   .bytes_per_sample = 2}};
-  }
-
-  void SetUpChain() {
-    Call(&KvoxService::NewProcessor, Code("pass"));
-    Call(&KvoxService::Connect, Code("pass"), 0, 0);
-    Call(&KvoxService::ProcessorEnable, Code("pass"), true);
-    Call(&KvoxService::ConnectTap, 2, Code("imic"), 0, 0, 0);
-    Call(&KvoxService::TapSetBlockLength, 2, Code("imic"), 0, 960);
-    Call(&KvoxService::TapEnable, 2, Code("imic"), 0, true);
-    ASSERT_EQ(StatusOf(Call(&KvoxService::StartIo, 0)), 0);
-  }
-
-  std::string Graph() { return ProcessorRows(); }
-  std::string Buffers() { return BufferRows(); }
-
-  const std::string whole_chain_ = "\n  pass      pass      tapout0   inject0   1";
-};
-
 TEST(DeviceNumber, AcceptsWhatBeginsWithANumber) {
   const struct {
     const char* rest;
@@ -43,13 +14,6 @@ TEST(DeviceNumber, AcceptsWhatBeginsWithANumber) {
   } rows[] = {{"0", 0},   {"1", 1},  {"3x", 3},  {"01", 1},           {"", {}},
               {"-2", {}}, {"X", {}}, {"00", {}}, {"99999999999", {}}, {"127", 127}};
   for (const auto& row : rows) EXPECT_EQ(DeviceNumber(row.rest), row.number) << row.rest;
-}
-
-TEST(RecoveryThread, IsNotThereWithoutAThread) {
-  LogCapture log;
-  const NoThreads none;
-  EXPECT_EQ(RecoveryThread::Start([](RecoveryClock&) {}), nullptr);
-  EXPECT_EQ(log.Count("E cannot start the recovery's thread: "), 1u);
 }
 
 TEST_F(RecoveryTest, DevicesBecomeBuffersNamedByTheirPath) {
@@ -90,25 +54,37 @@ TEST_F(RecoveryTest, ADepartureDropsEverythingAndAnArrivalBringsItBack) {
 TEST_F(RecoveryTest, OtherNamesAreNotOurs) {
   service_->HandleDeviceEvent({DeviceEvent::Kind::kLeft, "null"});
   service_->HandleDeviceEvent({DeviceEvent::Kind::kArrived, "kvo"});
+  for (const char* name : {"tapout", "tapoutX", "tapout1.bak", "injector0", "controls"})
+    Leave(name);
   EXPECT_EQ(recovery_, nullptr);
   EXPECT_THAT(Buffers(), HasSubstr("tapout0"));
 }
 
-TEST_F(RecoveryTest, TriesFiveTimesAndRunsWithoutDevices) {
-  RemoveNodes({"tapout0", "tapout1", "inject0"});
-  Restart();
-  EXPECT_EQ(recovery_->pauses, 5);
-  EXPECT_EQ(log_.Count("I Found 0 tap-out buffers, 0 inject buffers"), 1u);
-  EXPECT_EQ(log_.Count("_tapout* did not succeed"), 5u);
-  EXPECT_EQ(log_.Count("Note: No Kvox buffers"), 5u);
+TEST_F(RecoveryTest, ANodeThatLeavesForGoodCostsTwoSecondsOfAudio) {
+  SetUpChain();
+  RemoveNodes({"tapout1"});
+  Leave("tapout1");
+  EXPECT_THAT(Graph(), Not(HasSubstr(whole_chain_)));
+  recovery_->Run();
+  EXPECT_EQ(recovery_->now, RecoveryClock::TimePoint() + std::chrono::seconds(2));
+  EXPECT_THAT(Graph(), HasSubstr(whole_chain_));
+  EXPECT_TRUE(link_.wake_lock);
+  RemoveNodes({"inject0"});
+  Leave("inject0");
+  log_.Take();
+  recovery_->Run();
+  EXPECT_EQ(log_.Count("Found"), 0u) << "there is nothing to do until an inject comes";
 }
 
 TEST_F(RecoveryTest, SettingsOfAnIdleTapSurviveAnyNumberOfRestarts) {
   Call(&KvoxService::TapSetBlockLength, 2, Code("imic"), 0, 1440);
-  Call(&KvoxService::tapSetJitterBuffer, 2, Code("imic"), 0, 9);
-  for (int restart = 0; restart < 3; ++restart) {
-    Restart();
-    EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCE, 0xCF, 0xCA)) << restart;
+  for (const int jitter_buffer : {9, 0}) {
+    Call(&KvoxService::tapSetJitterBuffer, 2, Code("imic"), 0, jitter_buffer);
+    for (int restart = 0; restart < 2; ++restart) {
+      Restart();
+      EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCE, 0xCF, 0xCA)) << jitter_buffer;
+      EXPECT_EQ(link_.sent[2][8], jitter_buffer);
+    }
   }
   Call(&KvoxService::TapEnable, 2, Code("imic"), 0, false);  // stays idle
   Restart();
@@ -117,7 +93,7 @@ TEST_F(RecoveryTest, SettingsOfAnIdleTapSurviveAnyNumberOfRestarts) {
 
 TEST_F(RecoveryTest, MemoryIsKeptWhileTheCoprocessorRefuses) {
   SetUpChain();
-  link_.failures[CMD_KVOX_TAP_BIND_ID] = -1;
+  link_.failures[CMD_KVOX_TAP_BIND_ID] = -7;
   Restart();
   EXPECT_THAT(link_.opcodes, ElementsAre(0xCB));
   link_.failures.clear();
@@ -155,31 +131,57 @@ TEST_F(RecoveryTest, LateDevicesLeaveTheOthersAlone) {
   EXPECT_THAT(Graph(), HasSubstr(whole_chain_));
 }
 
-TEST_F(RecoveryTest, WhatFailedIsNotTriedAgainForOtherDevices) {
-  SetUpChain();
-  link_.failures[CMD_KVOX_TAP_BIND_ID] = -1;
-  RemoveNodes({"inject0"});
-  Restart({[&] {
-    link_.failures.clear();
-    link_.opcodes.clear();
-    log_.Take();
-    MakeNodes({"tapout5"});
-  }});
-  EXPECT_THAT(Buffers(), HasSubstr("\n  5         tapout5 "));
-  EXPECT_TRUE(link_.opcodes.empty());
-  EXPECT_EQ(log_.Count("Restore"), 0u);
+TEST_F(RecoveryTest, ABufferReturnsToTheTapThatWasBoundLast) {
+  link_.taps = {{.tap = MakeFourCc("aaaa"), .core = 2}, {.tap = MakeFourCc("bbbb"), .core = 2}};
+  for (const int32_t tap : {Code("bbbb"), Code("aaaa")}) {
+    Call(&KvoxService::ConnectTap, 2, tap, 0, 0, 0);
+  }
+  const auto bound = [this] {
+    std::vector<FourCc> taps;
+    for (size_t i = 0; i < link_.opcodes.size(); ++i) {
+      if (link_.opcodes[i] != CMD_KVOX_TAP_BIND_ID) continue;
+      std::memcpy(&taps.emplace_back(), link_.sent[i].data(), sizeof(FourCc));
+    }
+    return taps;
+  };
+  constexpr FourCc kA = MakeFourCc("aaaa");
+  constexpr FourCc kB = MakeFourCc("bbbb");
+  Restart();
+  EXPECT_THAT(bound(), ElementsAre(kA, kB, kA));
+  link_.lost = 6;
+  Restart();
+  EXPECT_THAT(bound(), ElementsAre(kA, kB, kA, kA)) << "without a reply it is bound again";
 }
 
-TEST_F(RecoveryTest, WhatFailedIsTriedAgainWhenTheControlDeviceComesLast) {
-  SetUpChain();
-  link_.failures[CMD_KVOX_TAP_BIND_ID] = -1;
-  Restart({[&] {
-    link_.failures.clear();
-    link_.opcodes.clear();
-    Arrive("control");
-    Call(&KvoxService::Debug, Lines{"buffer_init"});  // its scan is not the recovery's
-  }});
-  EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCD, 0xCE, 0xCA));
+TEST(RestorePlan, BindsOnceMoreWhatLosesABufferToAnother) {
+  const TapKey keys[] = {TapKey(2, MakeFourCc("genp"), 0), TapKey(2, MakeFourCc("genp"), 1),
+                         TapKey(2, MakeFourCc("genp"), 2)};
+  const auto bound_to = [](uint8_t tapout, uint8_t inject) {
+    KvoxTapPointState state;
+    state.info.tapout_buffer = tapout;
+    state.info.inject_buffer = inject;
+    return state;
+  };
+  // Key 0 took the inject of key 2, then key 1 took the tap-out of key 0.
+  SavedTables saved;
+  saved.taps = {
+      {keys[0], bound_to(0, 0)}, {keys[1], bound_to(0, 1)}, {keys[2], bound_to(kNoBuffer, 0)}};
+  saved.bound = {{keys[2], 1}, {keys[0], 2}, {keys[1], 3}};
+  EXPECT_THAT(BoundOnceMore(saved, {keys[2]}), ElementsAre(keys[0], keys[1]));
+  EXPECT_THAT(BoundOnceMore(saved, {keys[0]}), ElementsAre(keys[1]));
+  EXPECT_THAT(BoundOnceMore(saved, {keys[1]}), ElementsAre());
+  EXPECT_THAT(BoundOnceMore(saved, {keys[0], keys[1], keys[2]}), ElementsAre(keys[0], keys[1]));
+}
+
+TEST_F(RecoveryTest, AnInjectReturnsToTheProcessorThatTookItOver) {
+  for (const int32_t id : {Code("bbbb"), Code("aaaa")}) {
+    Call(&KvoxService::NewProcessorWithType, id, Code("pass"));
+    Call(&KvoxService::Connect, id, 0, 0);
+  }
+  const std::string before = Graph();
+  ASSERT_THAT(before, HasSubstr("aaaa      pass      tapout0   inject0"));
+  Restart();
+  EXPECT_EQ(Graph(), before);
 }
 
 TEST_F(RecoveryTest, TwoMissingDevicesMayComeOneByOne) {
@@ -202,35 +204,20 @@ TEST_F(RecoveryTest, TwoMissingDevicesMayComeOneByOne) {
   EXPECT_TRUE(link_.wake_lock);
 }
 
-TEST_F(RecoveryTest, ADeviceThatDoesNotOpenKeepsNothingElseWaiting) {
-  SetUpChain();
-  RemoveNodes({"inject0"});
-  directory_.MakeFifo("xdv-kvox_inject0");  // without a reader
-  const auto begin = std::chrono::steady_clock::now();
+TEST_F(RecoveryTest, ATapWithOneBufferWaitsForThatOneOnly) {
+  Call(&KvoxService::ConnectTap, 2, Code("imic"), 0, 0, -1);
+  Call(&KvoxService::ConnectTap, 2, Code("sspk"), 0, -1, 0);
+  RemoveNodes({"tapout0", "inject0"});
   Restart({[&] {
-    EXPECT_THAT(Buffers(), HasSubstr("\n  0         tapout0   -         pass      1"));
-    EXPECT_EQ(log_.Count("inject0 Attempting to reinitialize KVO interface, attempt 1\n"), 1u);
-  }});
-  EXPECT_EQ(recovery_->now, RecoveryClock::TimePoint() + std::chrono::seconds(4));
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1))
-      << "no pause but the clock's";
-  EXPECT_EQ(log_.Count("I Restore buffer state inject0"), 1u);
-  EXPECT_EQ(log_.Count("I Enable buffer inject0 with 1 input"), 1u);
-  EXPECT_EQ(log_.Count("E Error opening"), 5u);
-  EXPECT_EQ(log_.Count("inject0 Attempting to reinitialize KVO interface, attempt 4\n"), 1u);
-  EXPECT_EQ(log_.Count("E Open " + (directory_ / "xdv-kvox_inject0").string()), 1u);
-}
-
-TEST_F(RecoveryTest, ClientsMaySwitchABufferThatIsBetweenTwoTries) {
-  SetUpChain();
-  RemoveNodes({"inject0"});
-  directory_.MakeFifo("xdv-kvox_inject0");
-  Restart({[&] {
-    Call(&KvoxService::StopIo, 0);
-    log_.Take();
-  }});
-  EXPECT_EQ(log_.Count("Attempting"), 0u);
-  EXPECT_THAT(Buffers(), HasSubstr("\n  0         inject0   pass      -         0"));
+             link_.opcodes.clear();
+             MakeNodes({"inject0"});
+           },
+           [&] {
+             EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCA)) << "sspk";
+             link_.opcodes.clear();
+             MakeNodes({"tapout0"});
+           }});
+  EXPECT_THAT(link_.opcodes, ElementsAre(0xCB, 0xCD, 0xCA)) << "imic";
 }
 
 TEST_F(RecoveryTest, AProcessorWaitsForItsDeviceThroughFurtherDepartures) {
@@ -246,6 +233,7 @@ TEST_F(RecoveryTest, AProcessorWaitsForItsDeviceThroughFurtherDepartures) {
 
 TEST_F(RecoveryTest, EverythingIsRestoredOnceThereIsATapOut) {
   SetUpChain();
+  Call(&KvoxService::TapSetBlockLength, 2, Code("genp"), 0, 1440);
   RemoveNodes({"tapout0", "tapout1", "inject0"});
   Restart({[&] { MakeNodes({"inject0"}); },
            [&] {
@@ -253,44 +241,17 @@ TEST_F(RecoveryTest, EverythingIsRestoredOnceThereIsATapOut) {
              MakeNodes({"tapout0"});
            }});
   EXPECT_THAT(Graph(), HasSubstr(whole_chain_));
+  EXPECT_EQ(log_.Count("I Restore tap point state genp.0"), 1u) << "also what needs no buffer";
   EXPECT_TRUE(link_.wake_lock);
 }
 
-TEST_F(RecoveryTest, ClientsCommandsDuringARecoveryStand) {
+TEST_F(RecoveryTest, LostEventsAreADepartureAndAnArrivalOfEverything) {
   SetUpChain();
-  RemoveNodes({"inject0"});
-  Restart({[&] {
-    Call(&KvoxService::ProcessorEnable, Code("pass"), false);
-    Call(&KvoxService::StopIo, 0);
-    Call(&KvoxService::TapEnable, 2, Code("imic"), 0, false);
-    link_.opcodes.clear();
-    link_.sent.clear();
-    MakeNodes({"inject0"});
-  }});
-  EXPECT_THAT(Graph(), HasSubstr("\n  pass      pass      tapout0   inject0   0"));
-  EXPECT_THAT(Buffers(), HasSubstr("\n  0         inject0   pass      -         0"));
-  EXPECT_THAT(Buffers(), HasSubstr("\n  0         tapout0   -         pass      0"));
-  ASSERT_EQ(link_.opcodes.back(), CMD_KVOX_TAP_ENABLE_ID);
-  EXPECT_EQ(link_.sent.back()[6], 0) << "the tap stays off";
-}
-
-TEST_F(RecoveryTest, StartAndStopThatMeetLeaveBuffersAsTheyAreRemembered) {
-  io_.interrupted = "tapout1";
-  io_.on_open = [&] { Call(&KvoxService::StopIo, 0); };  // tapout0 is on, but not recorded yet
-  Call(&KvoxService::StartIo, -1);
-  const std::string buffers = Buffers();
-  Restart();
-  EXPECT_EQ(Buffers(), buffers);
-}
-
-TEST_F(RecoveryTest, StoppingBuffersThatAreAwayForgetsThem) {
-  SetUpChain();
-  Leave("tapout0");
-  Call(&KvoxService::StopIo, 0);
-  Arrive("tapout0");
+  service_->HandleDeviceEvent({DeviceEvent::Kind::kAllGone, "xdv-kvox_control"});
+  EXPECT_THAT(Call(&KvoxService::ListTapOutBuffers).lines.back(), "  none\n");
+  Arrive("control");
   recovery_->Run();
-  EXPECT_THAT(Buffers(), Not(HasSubstr("pass      1")));
-  EXPECT_FALSE(link_.wake_lock);
+  EXPECT_THAT(Graph(), HasSubstr(whole_chain_));
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 // steps.
 #pragma once
 
+#include <poll.h>
+
 #include <cerrno>
 #include <deque>
 #include <functional>
@@ -10,6 +12,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "tests/support/service_surroundings.h"
@@ -25,7 +28,13 @@ struct TapSetup {
   uint8_t inject = kNoBuffer;
   uint32_t block_length = kBlockLengthNotSet;
   int jitter_buffer = -1;
-  bool operator==(const TapSetup&) const = default;
+  int bound = 0;  // a buffer that several taps name is that of the one with the highest number
+  bool operator==(const TapSetup& other) const {
+    const auto settings = [](const TapSetup& tap) {
+      return std::tie(tap.enabled, tap.tapout, tap.inject, tap.block_length, tap.jitter_buffer);
+    };
+    return settings(*this) == settings(other);
+  }
   bool Idle() const { return !enabled && tapout == kNoBuffer && inject == kNoBuffer; }
 };
 using TapSetups = std::map<FourCc, TapSetup>;
@@ -108,14 +117,14 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     Pass(!there ? Ms(400) : mood == Mood::kSilent ? Ms(500) : Ms(1));
     last_work = now;
     if (!there || mood == Mood::kSilent) return -1;
-    if (mood == Mood::kRefuses) return -5;
+    if (mood == Mood::kRefuses) return record->status = -5;
     Take(opcode, record, told);
     if (in_command_) Remember(opcode, record);
     return 0;
   }
   void UpdateWakeLock(bool) override {}
 
-  // DeviceIo. The I/O threads of tap-outs end at once.
+  // DeviceIo. The I/O threads of tap-outs wait for their end.
   int Open(const char* path, Direction) override {
     last_work = now;
     if (in_command_) return *open.insert(next_fd_++).first;  // clients have no time for retries
@@ -126,7 +135,10 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     return *open.insert(next_fd_++).first;
   }
   void Close(int fd) override { open.erase(fd); }
-  Ready Wait(int, Direction, int, std::chrono::nanoseconds) override { return Ready::kFailed; }
+  Ready Wait(int, Direction, int wake_fd, std::chrono::nanoseconds) override {
+    pollfd wake = {.fd = wake_fd, .events = POLLIN, .revents = 0};
+    return poll(&wake, 1, 200) > 0 ? Ready::kWoken : Ready::kTimeout;
+  }
   int Watch(int, int) override { return -1; }
   Ready WaitWatched(int, int) override { return Ready::kFailed; }
   ssize_t Read(int, std::span<std::byte>) override { return 0; }
@@ -142,18 +154,26 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     ~Thread() override { world.recovery_ = nullptr; }
 
     void NoteArrival() override { arrivals.NoteArrival(Now()); }
+    void NoteRights() override { arrivals.NoteRights(Now()); }
+    void NoteReady() override { arrivals.NoteReady(); }
     void RequestStop() override { stop = true; }
     TimePoint Now() const override { return TimePoint(world.now); }
     bool Pause(Ms time) override { return world.Elapse(world.now + time), !stop; }
     bool stopping() const override { return world.Elapse(world.now), stop; }
     void ScanBegins() override { arrivals.ScanBegins(); }
+    Wake WaitForFirstArrival(TimePoint until) override {
+      return WaitFor([this] { return arrivals.arrived() ? Now() : TimePoint::max(); }, until);
+    }
     Wake WaitForArrivals(TimePoint until) override {
+      return WaitFor([this] { return arrivals.Due(); }, until);
+    }
+    Wake WaitFor(const std::function<TimePoint()>& due, TimePoint until) {
       for (;;) {
         world.Elapse(world.now);
         if (stop) return Wake::kStopping;
-        if (Now() >= arrivals.Due()) return Wake::kArrivals;
+        if (Now() >= due()) return Wake::kArrivals;
         if (Now() >= until) return Wake::kTime;
-        auto next = std::min(arrivals.Due(), until);
+        auto next = std::min(due(), until);
         if (!world.happenings.empty()) {
           next = std::min(next, TimePoint(world.happenings.front().at));
         }
@@ -242,7 +262,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
     return reinterpret_cast<const TapEnableRecord*>(record)->address;
   }
 
-  static void Take(uint16_t opcode, const CMD_HDR* record, TapSetups& setups) {
+  void Take(uint16_t opcode, const CMD_HDR* record, TapSetups& setups) {
     if (opcode == CMD_TAP_INFO_ID) return;
     TapSetup& tap = setups[AddressOf(record).tap];
     switch (opcode) {
@@ -252,6 +272,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
       case CMD_KVOX_TAP_BIND_ID:
         tap.tapout = reinterpret_cast<const TapBindRecord*>(record)->tapout_buffer;
         tap.inject = reinterpret_cast<const TapBindRecord*>(record)->inject_buffer;
+        tap.bound = ++bindings_;
         break;
       case CMD_KVOX_TAP_SET_BLOCK_LEN_ID:
         tap.block_length = reinterpret_cast<const TapSettingRecord*>(record)->value;
@@ -269,6 +290,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
   std::string leaving_;  // a departure that waits for the recovery to end
   std::deque<std::function<void()>> waiting_commands_;
   bool in_command_ = false;
+  int bindings_ = 0;
   int next_fd_ = 1000;
 };
 

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -26,13 +27,12 @@ class InterruptedIo : public DeviceIo {
     return real_.Open(path, direction);
   }
   void Close(int fd) override { real_.Close(fd); }
-  Ready Wait(int fd, Direction direction, int wake_fd,
-             std::chrono::nanoseconds timeout_ms) override {
-    return real_.Wait(fd, direction, wake_fd, timeout_ms);
+  Ready Wait(int fd, Direction direction, int wake_fd, std::chrono::nanoseconds timeout) override {
+    return real_.Wait(fd, direction, wake_fd, timeout);
   }
   int Watch(int fd, int wake_fd) override { return real_.Watch(fd, wake_fd); }
   Ready WaitWatched(int watch, int timeout_ms) override {
-    return real_.WaitWatched(watch, timeout_ms);
+    return failing ? Ready::kFailed : real_.WaitWatched(watch, timeout_ms);
   }
   ssize_t Read(int fd, std::span<std::byte> bytes) override { return real_.Read(fd, bytes); }
   ssize_t Write(int fd, std::span<const std::byte> bytes) override {
@@ -42,6 +42,7 @@ class InterruptedIo : public DeviceIo {
 
   std::string interrupted;  // the node's name
   std::function<void()> on_open;
+  std::atomic<bool> failing = false;  // tap-outs cannot be waited for
 
  private:
   DeviceIo& real_ = SystemDeviceIo();

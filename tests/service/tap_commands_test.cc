@@ -1,5 +1,6 @@
 #include <thread>
 
+#include "kvox/common/command_tables.h"
 #include "tests/service/service_fixture.h"
 
 namespace kvox {
@@ -62,6 +63,26 @@ TEST_F(TapCommands, ListsThatFailOrNeverEndAreOneAnswer) {
   EXPECT_EQ(std::count(link_.opcodes.begin(), link_.opcodes.end(), CMD_KVOX_TAP_LIST_ID), 256);
 }
 
+TEST_F(TapCommands, ACoreIsMissingForAsLongAsItRefuses) {
+  const auto health = [this] { return Call(&KvoxService::Debug, Lines{kHealthWord}).lines; };
+  const std::string missing = std::string(kHealthNoCore) + "3";
+  link_.failures[CMD_KVOX_TAP_LIST_ID] = -22;
+  Call(&KvoxService::TapList, 3);
+  EXPECT_THAT(health(), ::testing::Contains(missing));
+  link_.failures.clear();
+  Call(&KvoxService::TapList, 3);
+  EXPECT_THAT(health(), ::testing::Not(::testing::Contains(missing)));
+  link_.failures[CMD_KVOX_TAP_LIST_ID] = -1;
+  Call(&KvoxService::TapList, 3);
+  EXPECT_THAT(health(), ::testing::Not(::testing::Contains(missing))) << "it is mute";
+  link_.failures[CMD_KVOX_TAP_LIST_ID] = -22;
+  for (int core = 0; core < 300; ++core) Call(&KvoxService::TapList, core);
+  EXPECT_EQ(std::ranges::count_if(
+                health(), [](const std::string& line) { return line.starts_with(kHealthNoCore); }),
+            256)
+      << "a client may name any number";
+}
+
 TEST_F(TapCommands, RequestsTravelAsWritten) {
   Call(&KvoxService::TapEnable, 2, Code("imic"), 1, true);
   Call(&KvoxService::TapSetBlockLength, 258, Code("imic"), 0, 960);
@@ -73,6 +94,22 @@ TEST_F(TapCommands, RequestsTravelAsWritten) {
   EXPECT_EQ(link_.sent[1], (Bytes{'c', 'i', 'm', 'i', 0, 2, 0, 0, 0xC0, 3, 0, 0}));
   EXPECT_EQ(link_.sent[2], (Bytes{'c', 'i', 'm', 'i', 0, 2, 0, 0, 0x70, 0x11, 1, 0}));
   EXPECT_EQ(link_.sent[3], (Bytes{'l', 'd', 'p', 'v', 0, 4, 0, 0, 0, 0xFF}));
+}
+
+TEST_F(TapCommands, BuffersFromNumber128OnAreBoundAndRestored) {
+  MakeNodes({"tapout200", "inject200"});
+  Restart();
+  EXPECT_EQ(StatusOf(Call(&KvoxService::ConnectTap, 2, Code("imic"), 0, 200, 200)), 0);
+  EXPECT_EQ(link_.sent[0][8], 200);
+  RemoveNodes({"inject200"});
+  Restart({[&] {
+    EXPECT_TRUE(link_.opcodes.empty()) << "it is missed like any other";
+    MakeNodes({"inject200"});
+  }});
+  ASSERT_THAT(link_.opcodes,
+              ElementsAre(CMD_KVOX_TAP_BIND_ID, CMD_TAP_INFO_ID, CMD_KVOX_TAP_ENABLE_ID));
+  EXPECT_EQ(link_.sent[0][8], 200);
+  EXPECT_EQ(link_.sent[0][9], 200);
 }
 
 TEST_F(TapCommands, FailuresNameTheOpcode) {

@@ -1,8 +1,13 @@
-#include "tests/service/service_fixture.h"
+#include <aidl/kvox/BnKvox.h>
 
+#include <latch>
+#include <optional>
 #include <thread>
 
+#include "processors/audio_relay_processor.h"
 #include "service/use_case_steps.h"
+#include "tests/service/service_fixture.h"
+#include "tests/support/process.h"
 
 namespace kvox {
 namespace {
@@ -118,6 +123,30 @@ TEST_F(UseCaseCommands, AFailingStepEndsTheUseCaseWhereItIs) {
   EXPECT_EQ(IsOn(UseCase::AREL_TELE), 1.0f);
 }
 
+TEST_F(UseCaseCommands, OneThatIsHalfOnIsSwitchedOffWhole) {
+  for (const UseCase use_case : {UseCase::AREL_TELE, UseCase::MIC_IN}) {
+    link_.failures[CMD_KVOX_TAP_ENABLE_ID] = -7;
+    EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, use_case, true)), 1);
+    EXPECT_NE(ProcessorRows(), "Kvox processors:   none");
+    Call(&KvoxService::EnableUseCase, use_case, false);
+    EXPECT_EQ(ProcessorRows(), "Kvox processors:   none") << toString(use_case);
+    link_.failures.clear();
+    EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, use_case, true)), 0);
+    EXPECT_TRUE(link_.wake_lock);
+    Call(&KvoxService::EnableUseCase, use_case, false);
+    EXPECT_FALSE(link_.wake_lock);
+  }
+}
+
+TEST_F(UseCaseCommands, OneThatIsNotOnIsRefusedEachTime) {
+  for (const UseCase use_case : {UseCase::MIC_IN, UseCase::HOTWORDAEC}) {
+    EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, UseCase::HOTWORDAEC, true)), 1);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(StatusOf(Call(&KvoxService::EnableUseCase, use_case, false)), 1) << i;
+    }
+  }
+}
+
 TEST_F(UseCaseCommands, TwoClientsCannotTearAUseCase) {
   for (const auto use_case : {UseCase::AREL_TELE, UseCase::AREL_MEDIA_PLAYBACK}) {
     const auto toggle = [&](bool first) {
@@ -133,6 +162,95 @@ TEST_F(UseCaseCommands, TwoClientsCannotTearAUseCase) {
     EXPECT_EQ(IsOn(UseCase::AREL_TELE) == 1.0f, on && use_case == UseCase::AREL_TELE);
     Call(&KvoxService::EnableUseCase, use_case, false);
   }
+}
+
+/// Use cases that run the service's commands, with relays whose clients die when a test says so.
+class ClientDeath : public UseCaseCommands, public ProcessorHost {
+ protected:
+  void SetUp() override {
+    UseCaseCommands::SetUp();
+    use_cases_.emplace(*service_, relays_, taps_);
+  }
+
+  std::shared_ptr<KvoxProcessor> Relay(FourCc id) {
+    std::shared_ptr<KvoxProcessor> relay = AudioRelayProcessor::Create(id, *this);
+    bool stored = false;
+    relays_.ReplaceProcessor(id, relay, stored);
+    return relay;
+  }
+  void SwitchOn(UseCase use_case) {
+    CommandResult result;
+    use_cases_->Switch(use_case, true, &result);
+    EXPECT_EQ(StatusOf(result), 0);
+  }
+  bool Shows(const char* processor) { return ProcessorRows().find(processor) != std::string::npos; }
+
+ private:
+  void BlockStateChanged(const KvoxProcessor&) override {}
+  void EndUseCaseOf(std::shared_ptr<const KvoxProcessor>) override {}
+  ThreadGroup& client_threads() override { return threads_; }
+  ByteBudget& sent_audio_budget() override { return budget_; }
+
+  ThreadGroup threads_{0};
+  ByteBudget budget_{0};
+  Inventory relays_;
+
+ protected:
+  SavedState saved_;
+
+ private:
+  Wiring wiring_{relays_, saved_};
+  TapPoints taps_{link_, relays_, saved_, wiring_};
+
+ protected:
+  std::optional<UseCases> use_cases_;
+};
+
+TEST_F(ClientDeath, WaitsForItsOwnUseCaseOnlyAndKeepsNobodyWaiting) {
+  SwitchOn(UseCase::AREL_MEDIA_PLAYBACK);
+  std::latch opens(1);
+  io_.interrupted = "inject41";
+  io_.on_open = [&] { opens.wait(); };
+  std::thread client([&] { SwitchOn(UseCase::AREL_TELE); });
+  EXPECT_TRUE(WaitFor([&] { return log_.Count("Enable buffer tapout41") == 1; }));
+  for (int i = 0; i < 3; ++i) use_cases_->EndUseCaseOf(Relay(MakeFourCc("art0")));
+  use_cases_->EndUseCaseOf(Relay(MakeFourCc("armd")));
+  EXPECT_TRUE(WaitFor([&] { return !Shows("armd"); }));
+  EXPECT_TRUE(Shows("art0"));
+  opens.count_down();
+  client.join();
+  EXPECT_TRUE(WaitFor([&] { return !Shows("art0") && !use_cases_->telephony_enabled(); }));
+}
+
+TEST_F(ClientDeath, LeavesNothingThatComesBackWithTheDevices) {
+  SwitchOn(UseCase::AREL_TELE);
+  const TapArguments tap = {4, MakeFourCc("vpdl"), 0};
+  saved_.BindTap(tap, 40, 40);
+  link_.failures = {{CMD_KVOX_TAP_ENABLE_ID, -1}, {CMD_KVOX_TAP_BIND_ID, -1}};
+  use_cases_->EndUseCaseOf(Relay(MakeFourCc("art0")));
+  EXPECT_TRUE(WaitFor([&] { return !use_cases_->telephony_enabled(); }));
+  EXPECT_FALSE(saved_.FindTap(TapKey(tap.Address())));
+  EXPECT_FALSE(Shows("art0") || Shows("art1"));
+  EXPECT_THAT(BufferRows(), ::testing::Not(HasSubstr("-         1")));
+}
+
+class NextClient : public IKvox::BnReceiveAudioCallback {
+  ndk::ScopedAStatus ReceiveAudio(const IKvox::AudioPacket&) override {
+    return ndk::ScopedAStatus::ok();
+  }
+};
+
+TEST_F(ClientDeath, EndsNothingThatAnotherRelayOrClientHasTakenOver) {
+  SwitchOn(UseCase::AREL_TELE);
+  const auto replaced = Relay(MakeFourCc("art0"));
+  const auto present = Relay(MakeFourCc("art0"));
+  use_cases_->EndUseCaseOf(replaced);
+  present->RegisterReceiveAudioCallback(ndk::SharedRefBase::make<NextClient>());
+  use_cases_->EndUseCaseOf(present);
+  use_cases_->EndUseCaseOf(AudioRelayProcessor::Create(MakeFourCc("xxxx"), *this));
+  EXPECT_TRUE(WaitFor([&] { return log_.Count("onCallbackDeath: Failed to disable xxxx") == 1; }));
+  use_cases_.reset();  // waits for its threads
+  EXPECT_TRUE(Shows("art0"));
 }
 
 TEST_F(UseCaseCommands, GainsAreUnavailableWhereTheyExistAtAll) {

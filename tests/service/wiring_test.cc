@@ -6,6 +6,8 @@
 #include <thread>
 
 #include "tests/buffer/buffer_fixture.h"
+#include "tests/support/process.h"
+#include "tests/support/service_surroundings.h"
 
 namespace kvox {
 namespace {
@@ -61,7 +63,7 @@ TEST_F(WiringTest, AProcessorLearnsTheFormatOfTheStreamItIsConnectedTo) {
   using Field = KvoxProcessor::FormatField;
   ASSERT_EQ(tapout_->Enable(true), 0);
   SendPacket(MakePacket(1, 1920, kFormat));
-  while (tapout_->RxFormat().sample_rate == 0) std::this_thread::yield();
+  ASSERT_TRUE(YieldUntil([&] { return tapout_->RxFormat().sample_rate != 0; }));
   const auto processor = MakePassthrough();
   Put(processor);
   EXPECT_EQ(Connect(0, -1), StatusCode::kOk);
@@ -97,6 +99,48 @@ TEST_F(WiringTest, TheNewerOfTwoFormatsReachesAProcessorLast) {
   Connect(0, -1);
   command.join();
   EXPECT_EQ(processor->format(KvoxProcessor::FormatField::kSampleRate), 16000u);
+}
+
+TEST_F(WiringTest, AudioOfTheNewSourceNeverReachesTheOldOutput) {
+  const auto processor = std::make_shared<InterruptedProcessor>(kPass, PassthruProcessor::kType);
+  Put(processor);
+  wiring_.SetRxFormat(tapout_, kFormat);
+  ASSERT_EQ(Connect(-1, 1), StatusCode::kOk);
+  bool between = false;
+  processor->on_format = [&] {
+    between = true;
+    EXPECT_EQ(wiring_.EndpointsOf(*processor).output, nullptr);
+  };
+  ASSERT_EQ(Connect(0, 0), StatusCode::kOk);
+  EXPECT_TRUE(between);
+  EXPECT_EQ(wiring_.EndpointsOf(*processor).output, inject_);
+}
+
+TEST_F(WiringTest, ADepartureEndsTheRestoringOfATap) {
+  FakeCoprocessor link;
+  TapPoints taps(link, inventory_, saved_, wiring_);
+  const TapArguments tap = {2, MakeFourCc("imic"), 0};
+  saved_.BindTap(tap, kNoBuffer, 0);
+  for (const bool stopping : {true, false}) {
+    link.opcodes.clear();
+    taps.Restore(TapKey(tap.Address()), [=] { return stopping; });
+    EXPECT_EQ(link.opcodes.size(), stopping ? 1u : 2u) << "binding, and then switching it";
+  }
+}
+
+TEST_F(WiringTest, AStartThatFailsTakesBackOnlyWhatItHasSavedItself) {
+  std::vector<NamedBuffer> tapout0 = {{"tapout0", {0, true}, true}};
+  const uint64_t first = saved_.SaveStart(tapout0);
+  saved_.SaveStop([](const RunningBuffer&) { return true; });
+  const uint64_t second = saved_.SaveStart(tapout0);
+  saved_.ConfirmStart(*tapout_, first, false);
+  EXPECT_TRUE(saved_.IsRunning(*tapout_)) << "a newer start wants it";
+  saved_.ConfirmStart(*tapout_, second, true);
+  saved_.ConfirmStart(*tapout_, saved_.SaveStart(tapout0), false);
+  EXPECT_TRUE(saved_.IsRunning(*tapout_)) << "it ran before";
+  saved_.SaveStop([](const RunningBuffer&) { return true; });
+  saved_.ConfirmStart(*tapout_, saved_.SaveStart(tapout0), false);
+  EXPECT_FALSE(saved_.IsRunning(*tapout_));
 }
 
 TEST_F(WiringTest, ADroppedBufferTakesNoConnection) {
@@ -155,6 +199,23 @@ TEST_F(WiringTest, EverythingMayChangeWhileAudioFlows) {
   EXPECT_EQ(Connect(0, 0), StatusCode::kOk);
   SendPacket(MakePacket(77, 1920));
   EXPECT_EQ(ReceivePacket(kPacketHeaderSize + 1920), MakePacket(77, 1920));
+}
+
+/// What two clients start at once is remembered if one of them has succeeded.
+TEST_F(WiringTest, StartsThatFailTogetherAreForgotten) {
+  std::vector<NamedBuffer> named = {{"tapout0", {0, true}, true}};
+  for (const bool first_starts : {false, true}) {
+    const uint64_t first = saved_.SaveStart(named);
+    const uint64_t second = saved_.SaveStart(named);
+    saved_.ConfirmStart(*tapout_, first, first_starts);
+    saved_.ConfirmStart(*tapout_, second, false);
+    EXPECT_EQ(saved_.IsRunning(*tapout_), first_starts);
+    saved_.SaveStop([](const RunningBuffer&) { return true; });
+  }
+  std::vector<NamedBuffer> away = {{"tapout0", {0, true}, false}};
+  saved_.SaveStart(away);  // was acknowledged
+  saved_.ConfirmStart(*tapout_, saved_.SaveStart(named), false);
+  EXPECT_TRUE(saved_.IsRunning(*tapout_));
 }
 
 }  // namespace

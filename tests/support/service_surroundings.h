@@ -21,8 +21,14 @@ class FakeCoprocessor : public CoprocessorLink {
     sent.emplace_back(bytes + sizeof(CMD_HDR), bytes + size);
     opcodes.push_back(opcode);
     if (on_send) std::exchange(on_send, nullptr)();
-    if (const auto failure = failures.find(opcode); failure != failures.end())
+    if (opcodes.size() == lost + 1) {
+      lost = SIZE_MAX - 1;
+      return -1;
+    }
+    if (const auto failure = failures.find(opcode); failure != failures.end()) {
+      if (failure->second != -1) record->status = static_cast<int16_t>(failure->second);
       return failure->second;
+    }
     if (opcode == CMD_KVOX_TAP_LIST_ID) List(*reinterpret_cast<TapListRecord*>(record));
     if (opcode == CMD_TAP_INFO_ID) Tell(*reinterpret_cast<TapInfoRecord*>(record));
     return 0;
@@ -30,7 +36,8 @@ class FakeCoprocessor : public CoprocessorLink {
   void UpdateWakeLock(bool needed) override { wake_lock = needed; }
 
   std::vector<TapInfoState> taps;
-  std::map<uint16_t, int32_t> failures;
+  std::map<uint16_t, int32_t> failures;  // -1: no reply
+  size_t lost = SIZE_MAX - 1;            // of `opcodes`, the one that gets no reply
   std::vector<uint16_t> opcodes;
   std::vector<std::vector<uint8_t>> sent;  // payloads
   std::function<void()> on_send;           // called in the next exchange
@@ -79,14 +86,29 @@ class ManualRecovery : public RecoveryRun, public RecoveryClock {
  public:
   explicit ManualRecovery(Body body) : body_(std::move(body)) {}
   void NoteArrival() override { arrived_ = true; }
+  void NoteRights() override { arrived_ = true; }
+  void NoteReady() override { arrived_ = true; }
   void RequestStop() override {}
 
-  bool Pause(std::chrono::milliseconds) override { return ++pauses, true; }
-  bool stopping() const override { return false; }
+  bool Pause(std::chrono::milliseconds time) override {
+    now += time;
+    return ++pauses, true;
+  }
+  bool stopping() const override {
+    if (on_look) on_look();
+    return false;
+  }
   void ScanBegins() override { arrived_ = false; }
   TimePoint Now() const override { return now; }
+  Wake WaitForFirstArrival(TimePoint until) override {
+    if (arrived_) return Wake::kArrivals;
+    if (until == TimePoint::max()) return Wake::kStopping;
+    now = until;
+    return Wake::kTime;
+  }
   /// First the arrivals, then the time that the recovery waits for, if any.
   Wake WaitForArrivals(TimePoint until) override {
+    if (++waits_ > kMostWaits) return Wake::kStopping;
     if (std::exchange(arrived_, false)) return Wake::kArrivals;
     if (!late_arrivals.empty()) {
       std::exchange(late_arrivals.front(), nullptr)();
@@ -103,10 +125,14 @@ class ManualRecovery : public RecoveryRun, public RecoveryClock {
   int pauses = 0;
   TimePoint now;
   std::vector<std::function<void()>> late_arrivals;
+  std::function<void()> on_look;  // each time that the recovery looks whether to stop
 
  private:
+  static constexpr int kMostWaits = 1000;
+
   const Body body_;
   bool arrived_ = false;
+  int waits_ = 0;  // one that never ends is a fault
 };
 
 /// `recovery` is where the last recovery that the service started is found, as long as it lives.

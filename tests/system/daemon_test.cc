@@ -39,10 +39,18 @@ TEST_F(DaemonTest, ASecondOneIsRefusedAndADeadOnesPlaceIsFree) {
     return CountOf("Failed to find kvox service kvox.IKvox/default, status", second.Err()) == 1;
   }));
   EXPECT_EQ(Run({"ping"}).exit_status, 0) << "the first one serves on";
-  EXPECT_EQ(ReadText(directory_ / "power/wake_unlock"), "") << "the wake lock is the first one's";
   second.Signal(SIGINT);
   EXPECT_EQ(second.Wait(), 0);
   EXPECT_THAT(second.Out(), HasSubstr("Kvoxd stop"));
+  const std::string runtime = getenv("KVOX_RUNTIME_DIR");
+  const auto open_to_all = directory_ / "open";
+  std::filesystem::create_directory(open_to_all);
+  std::filesystem::permissions(open_to_all, std::filesystem::perms::all);
+  setenv("KVOX_RUNTIME_DIR", open_to_all.c_str(), 1);
+  const Process third(KVOXD_PROGRAM, {}, directory_ / "third");
+  setenv("KVOX_RUNTIME_DIR", runtime.c_str(), 1);
+  EXPECT_TRUE(WaitFor([&] { return CountOf("Failed to find kvox service", third.Err()) == 1; }));
+  EXPECT_EQ(ReadText(directory_ / "power/wake_unlock"), "") << "the wake lock is the first one's";
   daemon_.reset();  // killed: its socket stays behind
   StartDaemon();
 }
@@ -67,6 +75,59 @@ TEST_F(DaemonTest, DropsAWakeLockThatAnEarlierOneLeft) {
   std::ofstream(directory_ / "power/wake_lock") << "other kvox";
   StartBoth();
   EXPECT_EQ(ReadText(directory_ / "power/wake_unlock"), "kvox");
+}
+
+TEST_F(DaemonTest, AWakeLockThatCouldNotBeReleasedIsReleasedLater) {
+  const auto release = directory_ / "power/wake_unlock";
+  StartBoth();
+  Call("StartIo 0");
+  std::filesystem::remove(release);
+  std::filesystem::create_directory(release);
+  Call("StopIo 0");
+  EXPECT_TRUE(DaemonLogs("Release wakelocked failed"));
+  std::filesystem::remove(release);
+  std::ofstream(release) << "";
+  Call("StopIo 0");
+  EXPECT_EQ(ReadText(release), "kvox");
+}
+
+TEST_F(DaemonTest, ADeviceDirectoryThatComesBackIsWatchedAgain) {
+  MakeNodes();
+  StartDaemon();
+  const auto devices = directory_ / "dev";
+  for (int times = 1; times <= 2; ++times) {
+    if (times == 1) {
+      std::filesystem::rename(devices, directory_ / "moved");
+    } else {
+      std::filesystem::remove_all(devices);
+    }
+    ASSERT_TRUE(DaemonLogs("is gone. It is looked for once a second", times));
+    EXPECT_THAT(Call("ListTapOutBuffers"), HasSubstr("none"));
+    std::filesystem::create_directory(devices);
+    MakeNodes();
+    EXPECT_TRUE(WaitFor([&] {
+      return Run(Words("call ListTapOutBuffers")).out.find("tapout0") != std::string::npos;
+    }));
+  }
+}
+
+/// More events than the kernel keeps, while the daemon stands still.
+TEST_F(DaemonTest, LostDeviceEventsAreMadeUpFor) {
+  StartBoth();
+  ASSERT_TRUE(DaemonLogs("Found 8 tap-out buffers, 8 inject buffers"));
+  daemon_->Freeze();
+  int limit = 0;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
+  const auto other = directory_ / "dev/other";
+  for (int i = 0; i < limit; ++i) {
+    std::ofstream(other).close();
+    std::filesystem::remove(other);
+  }
+  directory_.MakeFifo("dev/xdv-kvox_tapout99");
+  daemon_->Signal(SIGCONT);
+  EXPECT_TRUE(DaemonLogs("Device events were lost"));
+  EXPECT_TRUE(DaemonLogs("Found 9 tap-out buffers, 8 inject buffers"));
+  EXPECT_THAT(Call("TapInfo 2 imic 0"), HasSubstr("imic.0 ")) << "the control device is open again";
 }
 
 TEST_F(DaemonTest, AnswersWithoutAnyDevice) {

@@ -31,18 +31,13 @@ void PrintTo(const Return& row, std::ostream* out) {
 
 class ReturnTest : public SystemTest, public ::testing::WithParamInterface<Return> {
  protected:
-  void Ctl(const std::vector<std::string>& words) {
-    Process ctl(KVOSIM_PROGRAM, words, directory_ / "ctl");
-    EXPECT_EQ(ctl.Wait(), 0) << ctl.Err();
-  }
-
   /// The co-processor restarts. How long it takes from its last node's return until audio is back.
   Clock::duration Restart(const Return& row) {
     const auto last = directory_ / "dev" / row.last;
     for (const auto& [device, seconds] : row.away) {
-      Ctl({"ctl", "fault", "node-gone", "device=" + device, "for=" + std::to_string(seconds)});
+      Fault("node-gone device=" + device + " for=" + std::to_string(seconds));
     }
-    Ctl({"ctl", "fault", "restart", "gap=0.1"});
+    Fault("restart gap=0.1");
     EXPECT_TRUE(WaitFor([&] { return !exists(last); }));
     EXPECT_TRUE(WaitFor([&] { return exists(last); }));
     const auto back = Clock::now();

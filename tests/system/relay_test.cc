@@ -8,6 +8,7 @@ namespace kvox {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 /// Samples of a WAV file with one channel.
 std::vector<int16_t> Samples(const std::string& path) {
@@ -106,6 +107,22 @@ TEST_F(RelayProgramTest, RecordAndPlayCarryACallAndLeaveItOn) {
   interrupted->Signal(SIGINT);
   EXPECT_THAT(interrupted->Wait(), ::testing::AnyOf(0, 7));
   EXPECT_TRUE(CallIsOn());
+}
+
+TEST_F(RelayProgramTest, TheCallOfAClientThatDiesWhileDevicesAreAwayDoesNotReturnWithThem) {
+  StartCall();
+  const auto client = Listener();
+  const auto last = directory_ / "dev/xdv-kvox_tapout41";
+  Fault("restart gap=2");
+  ASSERT_TRUE(WaitFor([&] { return !exists(last); }));
+  client->Signal(SIGKILL);
+  ASSERT_TRUE(DaemonLogs("try to disable art0"));
+  ASSERT_TRUE(WaitFor([&] { return !CallIsOn(); }));
+  ASSERT_TRUE(WaitFor([&] { return exists(last); })) << "back";
+  ASSERT_TRUE(DaemonLogs("Found 3 tap-out buffers", 2));
+  EXPECT_THAT(Do("processor list"), HasSubstr("none"));
+  EXPECT_THAT(Do("--short tap info 4:vpdl.0"), Not(HasSubstr("tapout40")));
+  EXPECT_FALSE(CallIsOn());
 }
 
 TEST_F(RelayProgramTest, WhoTakesARelayOverKeepsIt) {

@@ -34,7 +34,7 @@ class SystemTest : public ::testing::Test {
   void StartSimulator(std::vector<std::string> options = {}) {
     options.insert(options.end(), {"--stats", (directory_ / "stats.json").string()});
     simulator_ = std::make_unique<Process>(KVOSIM_PROGRAM, options, directory_ / "kvosim");
-    ASSERT_TRUE(WaitFor([&] { return exists(directory_ / "dev/xdv-kvox_tapout41"); }));
+    ASSERT_TRUE(WaitFor([&] { return exists(directory_ / "dev/.kvosim.ctl"); }));
   }
   /// Devices for a daemon that has no simulator: without any it searches for seconds before it
   /// serves.
@@ -58,6 +58,18 @@ class SystemTest : public ::testing::Test {
     Process client(KVOXCTL_PROGRAM, std::move(words), directory_ / "kvoxctl");
     const int status = client.Wait();
     return {status, client.Out(), client.Err()};
+  }
+
+  /// Starts kvoxctl.
+  std::unique_ptr<Process> Begin(const std::string& line) {
+    const std::string output = "begun" + std::to_string(++begun_);
+    return std::make_unique<Process>(KVOXCTL_PROGRAM, Words(line), directory_ / output);
+  }
+
+  /// Tells the simulator to inject a fault.
+  void Fault(const std::string& line) {
+    Process ctl(KVOSIM_PROGRAM, Words("ctl fault " + line), directory_ / "ctl");
+    EXPECT_EQ(ctl.Wait(), 0) << ctl.Err();
   }
 
   /// Runs kvoxctl, which must end with status 0. Returns what it prints.
@@ -94,6 +106,9 @@ class SystemTest : public ::testing::Test {
   HostDirectories directory_;
   std::unique_ptr<Process> simulator_;
   std::unique_ptr<Process> daemon_;
+
+ private:
+  int begun_ = 0;
 };
 
 }  // namespace kvox
