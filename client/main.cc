@@ -9,6 +9,7 @@
 #include "client/command_line/command_line.h"
 #include "client/completion/completion.h"
 #include "client/output/printer.h"
+#include "kvox/common/fixed_text.h"
 #include "kvox/common/log.h"
 
 namespace kvox {
@@ -19,7 +20,8 @@ LogTarget& SystemLog() {
   class StandardError : public LogTarget {
    public:
     void Write(LogPriority priority, const char*, const char* line) override {
-      if (priority != LogPriority::kInfo) fprintf(stderr, "kvoxctl: %s\n", line);
+      if (priority == LogPriority::kInfo) return;
+      fprintf(stderr, "kvoxctl: %s\n", EscapeControls(line).c_str());
     }
   };
   static StandardError log;

@@ -55,10 +55,17 @@ CallDeadline::~CallDeadline() {
 }
 
 const std::shared_ptr<IKvox>& Daemon::kvox() {
-  if (!kvox_) {
-    kvox_ = IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_checkService(KvoxDescriptor())));
+  if (kvox_) return kvox_;
+  const ndk::SpAIBinder service(AServiceManager_checkService(KvoxDescriptor()));
+  if (service.get() == nullptr) {
+    throw Failure(ServiceDenied() ? kNotAllowed : kNoDaemon, ServiceError());
   }
-  if (!kvox_) throw Failure(ServiceDenied() ? kNotAllowed : kNoDaemon, ServiceError());
+  kvox_ = IKvox::fromBinder(service);
+  if (!kvox_) {
+    throw Failure(kNoDaemon, std::string("what serves as ") + KvoxDescriptor() +
+                                 " has another interface; install client and daemon of one "
+                                 "release");
+  }
   return kvox_;
 }
 

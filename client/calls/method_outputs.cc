@@ -28,12 +28,6 @@ Json Tagged(const Value& value) {
 
 }  // namespace
 
-std::string AsLines(const MethodOutputs& outputs) {
-  std::string text;
-  for (const std::string& line : outputs.result.lines) text += line + "\n";
-  return text;
-}
-
 std::string AsJson(const MethodOutputs& outputs) {
   Json json = {{"status", static_cast<int>(outputs.result.status)},
                {"value", outputs.result.value},

@@ -28,9 +28,6 @@ struct MethodOutputs {
 /// A number, or a list of numbers.
 Json ToJson(const IKvox::ParamValue& value);
 
-/// The result's lines as they are.
-std::string AsLines(const MethodOutputs& outputs);
-
 /// One JSON object on one line: status, value, lines, and the method's other outputs.
 std::string AsJson(const MethodOutputs& outputs);
 

@@ -133,8 +133,8 @@ Names Processors(Daemon& daemon) {
 /// "imic.0"; "2:imic.0" where several cores have one of that name, or where `typed` starts with a
 /// number.
 Names Taps(Daemon& daemon, const std::string& typed) {
-  std::vector<int> silent;
-  const std::vector<TapPoint> taps = QueryTaps(daemon, kAllCores, silent).rows;
+  MissingCores missing;
+  const std::vector<TapPoint> taps = QueryTaps(daemon, kAllCores, missing).rows;
   const bool with_core = !typed.empty() && typed[0] >= '0' && typed[0] <= '9';
   Names names;
   for (const TapPoint& tap : taps) {

@@ -44,9 +44,10 @@ void CheckOwnership(const Facts& facts, Subject& subject) {
     return subject.Fail("it belongs to user " + directory.owner + ", and " + daemon + " refuses it",
                         Sudo(facts.me) + "chown " + ShellWord(facts.daemon.name) + " " + word);
   }
-  if ((directory.mode & S_IWOTH) != 0 && (directory.mode & S_ISVTX) == 0) {
-    return subject.Fail("everybody may write to it, and kvoxd refuses it",
-                        Sudo(facts.me, directory.uid) + "chmod o-w " + word);
+  const bool keeps_ours = (directory.mode & S_ISVTX) != 0 && directory.uid == facts.daemon.uid;
+  if ((directory.mode & (S_IWGRP | S_IWOTH)) != 0 && !keeps_ours) {
+    return subject.Fail("others may write to it, and kvoxd refuses it",
+                        Sudo(facts.me, directory.uid) + "chmod go-w " + word);
   }
   if (!May(facts.daemon, directory, kWrite | kSearch)) {
     return subject.Fail(daemon + " has no right to write and search it",

@@ -65,9 +65,9 @@ Failure Ambiguous(const std::string& word, const std::vector<TapPoint>& taps) {
 
 /// Every tap point of some cores. Throws Failure when none of them replies.
 std::vector<TapPoint> ListTaps(Daemon& daemon, const std::vector<int>& cores) {
-  std::vector<int> silent;
-  auto taps = QueryTaps(daemon, cores, silent).rows;
-  if (taps.empty() && !silent.empty()) throw Failure(kRefused, SilenceOf(silent));
+  MissingCores missing;
+  auto taps = QueryTaps(daemon, cores, missing).rows;
+  if (taps.empty() && !missing.silent.empty()) throw Failure(kRefused, SilenceOf(missing.silent));
   return taps;
 }
 

@@ -70,6 +70,7 @@ struct Buffer {
   std::string producer = {};                // the processor that writes it
   std::vector<std::string> consumers = {};  // the processors that read it
   bool enabled = false;
+  bool gave_up = false;  // enabled, but its device failed for good
 };
 
 /// A line of the graph: audio from a tap point through a processor to a tap point.

@@ -22,6 +22,55 @@ Lines Query(Daemon& daemon, const char* name, Method method, const T&... argumen
   return std::move(result.lines);
 }
 
+/// What no list shows; none where the daemon is too old to report it.
+std::optional<Lines> QueryHealth(Daemon& daemon) {
+  auto result = daemon.Call("Debug", &IKvox::Debug, Lines{kHealthWord});
+  if (result.status != IKvox::CommandStatus::OK) return std::nullopt;
+  return std::move(result.lines);
+}
+
+/// The first tap point that is bound to the buffer, as the graph names it.
+std::string TapAt(const std::string& buffer, std::string TapPoint::*end,
+                  const std::vector<TapPoint>& taps) {
+  if (buffer.empty()) return kNotConnected;
+  for (const TapPoint& tap : taps) {
+    if (tap.*end == buffer) return tap.Name() + (tap.enabled ? "" : kGraphDisabled);
+  }
+  return kNotConnected;
+}
+
+/// As the daemon draws it.
+Lines GraphLines(const std::vector<Processor>& processors, const std::vector<TapPoint>& taps) {
+  const auto name = [](const std::string& buffer) {
+    return buffer.empty() ? kNotConnected : buffer;
+  };
+  std::string text;
+  for (const Processor& processor : processors) {
+    text += (text.empty() ? "  " : "\n  ") + TapAt(processor.input, &TapPoint::tapout, taps) +
+            kGraphArrow + name(processor.input) + kGraphArrow + processor.id +
+            (processor.enabled ? "" : kGraphDisabled) + kGraphArrow + name(processor.output) +
+            kGraphArrow + TapAt(processor.output, &TapPoint::inject, taps);
+  }
+  return {kGraphTitle, text.empty() ? kGraphEmpty : text};
+}
+
+/// The graph of a co-processor that lacks cores, which are added to `absent`. None if it lacks
+/// none, or cannot be queried.
+std::optional<TableReply<Path>> QueryGraphWithoutCores(Daemon& daemon, std::vector<int>& absent) {
+  try {
+    const auto health = QueryHealth(daemon);
+    const auto is_absence = [](const std::string& line) { return line.starts_with(kHealthNoCore); };
+    if (!health || std::ranges::none_of(*health, is_absence)) return std::nullopt;
+    MissingCores missing;
+    const std::vector<TapPoint> taps = QueryTaps(daemon, kAllCores, missing).rows;
+    if (missing.absent.empty() || !missing.silent.empty()) return std::nullopt;
+    absent = std::move(missing.absent);
+    return ParseGraph(GraphLines(QueryProcessors(daemon).rows, taps));
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
+}
+
 template <typename T, typename Matches>
 const T* FindIf(const std::vector<T>& items, Matches matches) {
   const auto found = std::find_if(items.begin(), items.end(), matches);
@@ -47,8 +96,15 @@ TableReply<Buffer> QueryBuffers(Daemon& daemon) {
   return buffers;
 }
 
-TableReply<Path> QueryGraph(Daemon& daemon) {
-  return ParseGraph(Query(daemon, "ShowGraph", &IKvox::ShowGraph));
+TableReply<Path> QueryGraph(Daemon& daemon, std::vector<int>& absent) {
+  try {
+    return ParseGraph(Query(daemon, "ShowGraph", &IKvox::ShowGraph));
+  } catch (const Failure& failure) {
+    if (failure.status() == kRefused) {
+      if (auto graph = QueryGraphWithoutCores(daemon, absent)) return *std::move(graph);
+    }
+    throw;
+  }
 }
 
 TableReply<std::string> QueryTypes(Daemon& daemon) {
@@ -78,15 +134,43 @@ std::optional<bool> QueryUseCase(Daemon& daemon, const std::string& name) {
   return result.value != 0;
 }
 
-TableReply<TapPoint> QueryTaps(Daemon& daemon, const std::vector<int>& cores,
-                               std::vector<int>& silent) {
+TableReply<TapPoint> ListTaps(Daemon& daemon, const std::vector<int>& cores,
+                              MissingCores& missing) {
   TableReply<TapPoint> taps;
   for (const int core : cores) {
     auto reply = ParseTaps(core, Query(daemon, "TapList", &IKvox::TapList, core));
-    if (!CoreReplied(reply.lines)) silent.push_back(core);
+    if (!CoreReplied(reply.lines)) missing.silent.push_back(core);
     taps.Append(std::move(reply));
   }
   return taps;
+}
+
+TableReply<TapPoint> QueryTaps(Daemon& daemon, const std::vector<int>& cores,
+                               MissingCores& missing) {
+  auto taps = ListTaps(daemon, cores, missing);
+  std::vector<Buffer> none;
+  AddHealth(daemon, none, missing);
+  return taps;
+}
+
+bool AddHealth(Daemon& daemon, std::vector<Buffer>& buffers, MissingCores& missing) {
+  const auto may_give_up = [](const Buffer& buffer) {
+    return buffer.enabled && buffer.direction == Direction::kTapOut;
+  };
+  if (missing.silent.empty() && std::ranges::none_of(buffers, may_give_up)) return true;
+  const auto health = QueryHealth(daemon);
+  if (!health) return false;
+  const auto reports = [&](const std::string& line) {
+    return std::ranges::count(*health, line) > 0;
+  };
+  for (Buffer& buffer : buffers) {
+    buffer.gave_up = may_give_up(buffer) && reports(kHealthGaveUp + buffer.name);
+  }
+  for (const int core : std::exchange(missing.silent, {})) {
+    (reports(kHealthNoCore + std::to_string(core)) ? missing.absent : missing.silent)
+        .push_back(core);
+  }
+  return true;
 }
 
 int32_t CodeOf(const std::string& name) {
@@ -113,6 +197,10 @@ std::string SilenceOf(const std::vector<int>& cores) {
          (one ? "that core" : "those cores");
 }
 
+std::string AbsenceOf(const std::vector<int>& cores) {
+  return "the co-processor has no " + NamesOfCores(cores);
+}
+
 int Snapshot::unparsed_rows() const {
   int sum = 0;
   for (const UnparsedRows& rows : unparsed) sum += rows.count;
@@ -120,7 +208,7 @@ int Snapshot::unparsed_rows() const {
 }
 
 bool CanBeTrusted(const Snapshot& snapshot) {
-  return snapshot.unparsed.empty() && snapshot.silent_cores.size() < kAllCores.size();
+  return snapshot.unparsed.empty() && snapshot.missing_cores.silent.size() < kAllCores.size();
 }
 
 std::string GapsOf(const Snapshot& snapshot) {
@@ -130,8 +218,8 @@ std::string GapsOf(const Snapshot& snapshot) {
             (rows.count == 1 ? " row" : " rows") + " of 'kvoxctl " + rows.list +
             "' cannot be read; look there for the reason";
   }
-  if (snapshot.silent_cores.empty()) return text;
-  return SilenceOf(snapshot.silent_cores) + (text.empty() ? "" : "; ") + text;
+  if (snapshot.missing_cores.silent.empty()) return text;
+  return SilenceOf(snapshot.missing_cores.silent) + (text.empty() ? "" : "; ") + text;
 }
 
 Snapshot ReadSnapshot(Daemon& daemon) {
@@ -141,17 +229,20 @@ Snapshot ReadSnapshot(Daemon& daemon) {
     return std::move(reply.rows);
   };
   snapshot.types = take(QueryTypes(daemon), "processor types");
+  snapshot.parameters = take(QueryParameters(daemon), "param list");
   snapshot.processors = take(QueryProcessors(daemon), "processor list");
   for (Processor& processor : snapshot.processors) {
     processor.settings = QuerySettings(daemon, processor.id);
   }
   for (const int core : kAllCores) {
     std::ranges::move(
-        take(QueryTaps(daemon, {core}, snapshot.silent_cores), "tap list " + std::to_string(core)),
+        take(ListTaps(daemon, {core}, snapshot.missing_cores), "tap list " + std::to_string(core)),
         std::back_inserter(snapshot.taps));
   }
   snapshot.tapouts = take(QueryBuffers(daemon, Direction::kTapOut), "buffer list tap-out");
   snapshot.injects = take(QueryBuffers(daemon, Direction::kInject), "buffer list inject");
+  std::vector<Buffer> none;
+  AddHealth(daemon, none, snapshot.missing_cores);
   for (const std::string& name : take(QueryUseCases(daemon), "usecase list")) {
     snapshot.use_cases.push_back({name, QueryUseCase(daemon, name)});
   }

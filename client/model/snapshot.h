@@ -16,7 +16,6 @@ namespace kvox::client {
 TableReply<Processor> QueryProcessors(Daemon& daemon);
 TableReply<Buffer> QueryBuffers(Daemon& daemon, Direction direction);
 TableReply<Buffer> QueryBuffers(Daemon& daemon);  // tap-out buffers first
-TableReply<Path> QueryGraph(Daemon& daemon);
 TableReply<std::string> QueryTypes(Daemon& daemon);
 TableReply<std::string> QueryUseCases(Daemon& daemon);
 TableReply<std::string> QueryParameters(Daemon& daemon);
@@ -26,9 +25,26 @@ std::optional<bool> QueryUseCase(Daemon& daemon, const std::string& name);
 /// The cores that have tap points.
 inline const std::vector<int> kAllCores(std::begin(kGraphCores), std::end(kGraphCores));
 
-/// Adds cores that did not reply to `silent`.
+/// Cores without a list of tap points.
+struct MissingCores {
+  std::vector<int> silent = {};  // did not reply
+  std::vector<int> absent = {};  // the co-processor has no such cores
+};
+
+/// The graph; where the daemon refuses it because the co-processor lacks cores, put together from
+/// the lists, in the same form. Adds these cores to `absent`.
+TableReply<Path> QueryGraph(Daemon& daemon, std::vector<int>& absent);
+
+/// Adds to `missing` the cores that have no list.
 TableReply<TapPoint> QueryTaps(Daemon& daemon, const std::vector<int>& cores,
-                               std::vector<int>& silent);
+                               MissingCores& missing);
+
+/// The same, with every core that has no list taken for a silent one until AddHealth() is called.
+TableReply<TapPoint> ListTaps(Daemon& daemon, const std::vector<int>& cores, MissingCores& missing);
+
+/// Adds what no list shows, in at most one call: which buffers gave up, and which of the silent
+/// cores are absent. False where the daemon is too old to report that.
+bool AddHealth(Daemon& daemon, std::vector<Buffer>& buffers, MissingCores& missing);
 
 /// The code of a name that is padded with blanks.
 int32_t CodeOf(const std::string& name);
@@ -39,6 +55,9 @@ std::string NamesOfCores(const std::vector<int>& cores);
 /// A message, or the end of one: that `cores` do not reply, and what to do.
 std::string SilenceOf(const std::vector<int>& cores);
 
+/// A message: that the co-processor has no such `cores`.
+std::string AbsenceOf(const std::vector<int>& cores);
+
 /// How many rows of one of kvoxctl's lists could not be parsed.
 struct UnparsedRows {
   std::string list;  // the verb that shows it: "tap list 2"
@@ -47,9 +66,10 @@ struct UnparsedRows {
 
 struct Snapshot {
   std::vector<std::string> types;
+  std::vector<std::string> parameters;
   std::vector<Processor> processors;
-  std::vector<TapPoint> taps;     // of kAllCores
-  std::vector<int> silent_cores;  // that did not reply
+  std::vector<TapPoint> taps;  // of kAllCores
+  MissingCores missing_cores;
   std::vector<Buffer> tapouts;
   std::vector<Buffer> injects;
   std::vector<UseCase> use_cases;

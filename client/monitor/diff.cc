@@ -16,6 +16,7 @@ struct Entry {
   std::string type;                                        // of a processor
   std::vector<std::pair<const char*, std::string>> links;  // roles and peers
   bool enabled;
+  bool gave_up = false;
 };
 
 Entry EntryOf(const Processor& processor) {
@@ -28,7 +29,7 @@ Entry EntryOf(const Processor& processor) {
 
 /// Readers and writers of a buffer are reported for the processors.
 Entry EntryOf(const Buffer& buffer) {
-  return {NameOf(buffer.direction), buffer.name, "", {}, buffer.enabled};
+  return {NameOf(buffer.direction), buffer.name, "", {}, buffer.enabled, buffer.gave_up};
 }
 
 Entry EntryOf(const TapPoint& tap) {
@@ -51,6 +52,7 @@ void Compare(const Entry* before, const Entry& now, std::vector<Change>& changes
   }
   const bool was_enabled = before != nullptr && before->enabled;
   if (was_enabled != now.enabled) add(now.enabled ? "enabled" : "disabled", "", "");
+  if (now.gave_up && (before == nullptr || !before->gave_up)) add("gave up", "", "");
 }
 
 template <typename T>

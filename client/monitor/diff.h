@@ -14,7 +14,7 @@ struct Change {
   std::string object;  // "processor", "tap-out", "inject", "tap", "core" or "daemon"
   std::string name;
   std::string change;     // "appeared", "gone", "enabled", "disabled", "connected", "disconnected",
-                          // "bound", "unbound", "silent", "answers"
+                          // "bound", "unbound", "gave up", "silent", "answers"
   std::string role = {};  // of the peer: "input", "output", "tapout", "inject"; for a processor
                           // that appeared, "type"
   std::string peer = {};  // what it was connected or bound to

@@ -25,7 +25,10 @@ Sample Sampler::Read(Daemon& daemon) {
   };
   sample.processors = take(QueryProcessors(daemon));
   sample.buffers = take(QueryBuffers(daemon));
-  if (wanted_.taps) sample.taps = take(QueryTaps(daemon, kAllCores, sample.silent_cores));
+  MissingCores missing;
+  if (wanted_.taps) sample.taps = take(ListTaps(daemon, kAllCores, missing));
+  if (reports_health_) reports_health_ = AddHealth(daemon, sample.buffers, missing);
+  sample.silent_cores = std::move(missing.silent);
   if (wanted_.measurements) Measure(daemon, sample);
   return sample;
 }

@@ -44,13 +44,17 @@ class Sampler {
   void Restore(Daemon& daemon);
 
   /// Call this when the daemon was replaced.
-  void Forget() { resized_.clear(); }
+  void Forget() {
+    resized_.clear();
+    reports_health_ = true;
+  }
 
  private:
   void Measure(Daemon& daemon, Sample& sample);
 
   const Wanted wanted_;
   std::set<std::string> resized_;
+  bool reports_health_ = true;  // until it turns out that the daemon is too old
 };
 
 }  // namespace kvox::client

@@ -29,6 +29,7 @@ Row RowOf(const Buffer& buffer) {
   return {.object = NameOf(buffer.direction),
           .name = buffer.name,
           .enabled = buffer.enabled,
+          .gave_up = buffer.gave_up,
           .from = OneOrNone(buffer.producer),
           .to = buffer.consumers};
 }
@@ -101,7 +102,8 @@ Json RecordOf(const Row& row) {
           {"average_active_ms", Rounded(metrics.active_ms)},
           {"max_active_ms", Rounded(metrics.max_active_ms)},
           {"active_share", Rounded(metrics.active_share)},
-          {"blocks", row.metrics ? Json(metrics.blocks) : Json()}};
+          {"blocks", row.metrics ? Json(metrics.blocks) : Json()},
+          {"gave_up", row.gave_up}};
 }
 
 void TopModel::Update(PollResult result, const std::string& time) {

@@ -28,6 +28,7 @@ struct Row {
   std::string name;
   std::string type = {};
   bool enabled = false;
+  bool gave_up = false;
   std::vector<std::string> from;  // where its audio comes from
   std::vector<std::string> to;    // where it goes
   std::optional<Metrics> metrics = {};

@@ -49,8 +49,10 @@ const Column kColumns[] = {
     {"name", "NAME", 9, 'n', false, [](const Row& row) { return row.name; }, nullptr},
     {"type", "TYPE", 4, 't', false,
      [](const Row& row) { return row.type.empty() ? "-" : row.type; }, nullptr},
-    {"state", "STATE", 5, 's', false,
-     [](const Row& row) { return std::string(row.enabled ? "on" : "off"); },
+    {"state", "STATE", 7, 's', false,
+     [](const Row& row) {
+       return std::string(row.gave_up ? "gave up" : row.enabled ? "on" : "off");
+     },
      [](const Row& row) { return Number(row.enabled ? 1 : 0); }},
     {"period", "PERIOD", 8, 'p', true, Milliseconds<&Metrics::period_ms>, Get<&Metrics::period_ms>},
     {"jitter", "JITTER", 7, 'j', true, Milliseconds<&Metrics::jitter_ms>, Get<&Metrics::jitter_ms>},

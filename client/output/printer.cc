@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 
 #include "client/model/tables.h"
 #include "client/output/json.h"
@@ -21,6 +22,9 @@
 
 namespace kvox::client {
 namespace {
+
+constexpr char kTableRowStart[] = "\n  ";
+static_assert(sizeof kTableRowStart == 2 + kRowIndent);
 
 std::string Column(const Json& value) {
   if (value.is_boolean()) return value.get<bool>() ? "1" : "0";
@@ -59,6 +63,17 @@ std::string SanitizeForTerminal(std::string text) {
   return text;
 }
 
+/// Divides the text at each newline that `separator` starts with, and escapes what is between.
+std::string EscapeBetween(std::string_view text, std::string_view separator) {
+  std::string escaped;
+  size_t end = 0;
+  while ((end = text.find(separator)) != text.npos) {
+    escaped += EscapeControls(text.substr(0, end)) + "\n";
+    text.remove_prefix(end + 1);
+  }
+  return escaped + EscapeControls(text);
+}
+
 bool UsesColor(Color color, int stream) {
   if (color != Color::kAuto) return color == Color::kAlways;
   const char* const no_color = getenv("NO_COLOR");
@@ -85,15 +100,37 @@ void PrintOut(const std::string& text) {
                            "; send it elsewhere and try again");
 }
 
+void PrintUnchanged(const std::string& text) {
+  PrintOut(isatty(STDOUT_FILENO) == 1 ? EscapeBetween(text, "\n") : text);
+}
+
+void PrintItems(const std::vector<std::string>& items, bool tables) {
+  const bool escapes = isatty(STDOUT_FILENO) == 1;
+  std::string text;
+  for (const std::string& item : items) {
+    if (!escapes) {
+      text += item + "\n";
+    } else {
+      text += (tables ? EscapeBetween(item, kTableRowStart) : EscapeControls(item)) + "\n";
+    }
+  }
+  PrintOut(text);
+}
+
 std::string AsJson(const Json& value) {
   std::string text;
   // The library's indented form without its newlines, which are only formatting: those in texts are
   // escaped.
   for (const char c : value.dump(0, ' ', false, Json::error_handler_t::replace)) {
-    if (c != '\n') {
+    if (c == '\n') {
+      if (text.back() == ',') text += ' ';
+    } else if (c == '\x7f') {  // a control character that it does not escape, as those below
+      text += "\\u007f";
+    } else if (text.ends_with('\xc2') && static_cast<unsigned char>(c) < 0xa0) {
+      text.back() = '\\';
+      text += FormatText<8>("u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+    } else {
       text += c;
-    } else if (text.back() == ',') {
-      text += ' ';
     }
   }
   return text;

@@ -57,6 +57,14 @@ void PrepareStandardStreams();
 /// that has closed is not a failure.
 void PrintOut(const std::string& text);
 
+/// The same for text that a program may read and that contains names which others have chosen: a
+/// terminal gets their control characters as escapes, "\x1b".
+void PrintUnchanged(const std::string& text);
+
+/// The same for the items of a reply, each followed by a newline. A newline within an item is
+/// escaped, too, unless the items may be `tables` and an indented row follows.
+void PrintItems(const std::vector<std::string>& items, bool tables);
+
 /// On one line: {"id": "pass", "consumers": ["art0", "art1"]}
 std::string AsJson(const Json& value);
 

@@ -40,6 +40,8 @@ IKvox::CommandResult Send(const Step& step, const Snapshot& snapshot, Daemon& da
       return on_tap("TapEnable", &IKvox::TapEnable, step.on);
     case Action::kSetBlockLength:
       return on_tap("TapSetBlockLength", &IKvox::TapSetBlockLength, value);
+    case Action::kSetJitterBuffer:
+      return on_tap("tapSetJitterBuffer", &IKvox::tapSetJitterBuffer, value);
     case Action::kBind:
       return on_tap("ConnectTap", &IKvox::ConnectTap, tapout, inject);
     case Action::kSwitchBuffer:
@@ -90,14 +92,14 @@ Outcome Apply(const std::string& text, const std::string& origin, bool keep, Dae
       outcome.cause = "the steps above are done, but what came of them is not known: " + gaps;
       return outcome;
     }
-    outcome.silent_cores = snapshot.silent_cores;
+    outcome.missing_cores = snapshot.missing_cores;
     const State actual = StateOf(snapshot);
     const State wanted = Complete(ReadState(text, origin, snapshot), actual, keep);
     outcome.differences = Differences(wanted, actual);
-    if (finished || outcome.differences.empty()) return outcome;
-    std::vector<Step> steps = Plan(wanted, actual);
+    std::vector<Step> steps = finished ? std::vector<Step>() : Plan(wanted, actual);
+    if (steps.empty()) return outcome;
     // Query what a use case sets up before planning the rest.
-    finished = steps.empty() || steps.front().action != Action::kSwitchUseCase;
+    finished = steps.front().action != Action::kSwitchUseCase;
     if (!SendAll(std::move(steps), snapshot, daemon, outcome)) return outcome;
   }
 }

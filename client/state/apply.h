@@ -15,7 +15,7 @@ struct Outcome {
   ExitStatus status = kDone;            // of the failure
   std::string cause;                    // of the failure
   std::vector<Difference> differences;  // that remain although nothing failed
-  std::vector<int> silent_cores;        // whose tap points were left alone
+  MissingCores missing_cores;           // whose tap points were left alone
 };
 
 /// Parses the file's `text`, and makes the daemon match it. Throws Failure, before anything is

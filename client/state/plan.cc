@@ -38,9 +38,12 @@ bool Changes(const ProcessorState& wanted, const ProcessorState& now) {
          wanted.output != now.output;
 }
 
+/// A jitter buffer in the file counts as a change, because the daemon does not report the present
+/// one.
 bool Changes(const TapState& wanted, const TapState& now) {
   return wanted.tapout != now.tapout || wanted.inject != now.inject ||
-         Differs(wanted.block_length_frames, now.block_length_frames);
+         Differs(wanted.block_length_frames, now.block_length_frames) ||
+         Differs(wanted.jitter_buffer_frames, now.jitter_buffer_frames);
 }
 
 class Planner {
@@ -167,17 +170,35 @@ class Planner {
   void SetTaps() {
     for (const auto& [name, wanted] : wanted_.taps) {
       const TapState& now = now_.taps[name];
-      if (Differs(wanted.block_length_frames, now.block_length_frames)) {
+      if (wanted.named ? wanted.block_length_frames.has_value()
+                       : Differs(wanted.block_length_frames, now.block_length_frames)) {
         Do({.action = Action::kSetBlockLength,
             .object = name,
             .value = int64_t{*wanted.block_length_frames}});
       }
-      if (wanted.tapout == now.tapout && wanted.inject == now.inject) continue;
+      if (const auto frames = JitterBufferOf(wanted)) {
+        Do({.action = Action::kSetJitterBuffer, .object = name, .value = *frames});
+      }
+      if (!wanted.named && wanted.tapout == now.tapout && wanted.inject == now.inject) continue;
       Do({.action = Action::kBind,
           .object = name,
           .tapout = wanted.tapout,
           .inject = wanted.inject});
     }
+  }
+
+  /// What the file gives to the tap, or to a processor that reads it: that one's was set before
+  /// there was a tap to forward it to.
+  std::optional<int64_t> JitterBufferOf(const TapState& tap) const {
+    if (!tap.named) return std::nullopt;
+    if (tap.jitter_buffer_frames) return *tap.jitter_buffer_frames;
+    for (const auto& [id, processor] : wanted_.processors) {
+      const auto& frames = processor.jitter_buffer_frames;
+      if (!tap.tapout.empty() && processor.input == tap.tapout && frames.value_or(0) != 0) {
+        return *frames;
+      }
+    }
+    return std::nullopt;
   }
 
   void EnableProcessors() {
@@ -204,8 +225,8 @@ class Planner {
 
   void EnableTaps() {
     for (const auto& [name, wanted] : wanted_.taps) {
-      if (!wanted.enabled || now_.taps[name].enabled) continue;
-      Do({.action = Action::kSwitchTap, .object = name, .on = true});
+      if (!wanted.named && (!wanted.enabled || now_.taps[name].enabled)) continue;
+      Do({.action = Action::kSwitchTap, .object = name, .on = wanted.enabled});
     }
   }
 
@@ -264,6 +285,8 @@ std::string Describe(const Step& step) {
       return describe("tap point", on);
     case Action::kSetBlockLength:
       return describe("tap point", "set block length to " + value);
+    case Action::kSetJitterBuffer:
+      return describe("tap point", "set jitter buffer to " + value);
     case Action::kBind:
       return describe("tap point", "bind to " + Ends(step));
     case Action::kSwitchBuffer:
@@ -293,6 +316,9 @@ void Perform(const Step& step, State& state) {
       return;
     case Action::kSetBlockLength:
       state.taps[object].block_length_frames = static_cast<uint32_t>(step.value);
+      return;
+    case Action::kSetJitterBuffer:
+      state.taps[object].jitter_buffer_frames = static_cast<uint32_t>(step.value);
       return;
     case Action::kBind:
       state.taps[object].tapout = step.tapout;

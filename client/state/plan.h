@@ -16,6 +16,7 @@ struct Step {
     kSwitchUseCase,
     kSwitchTap,
     kSetBlockLength,
+    kSetJitterBuffer,
     kBind,
     kSwitchBuffer,
     kSwitchProcessor,
@@ -31,7 +32,7 @@ struct Step {
   std::string tapout = {};
   std::string inject = {};  // kConnect and kBind, "" for none
   aidl::kvox::IKvox::ParameterId parameter = aidl::kvox::IKvox::ParameterId::UNSPECIFIED;
-  int64_t value = 0;  // kSetParameter and kSetBlockLength
+  int64_t value = 0;  // of those that set
 };
 
 /// "processor pass: connect to tapout0 and inject0"
@@ -42,8 +43,10 @@ void Perform(const Step& step, State& state);
 
 /// The commands that lead from `actual` to a complete `wanted`, in this order: taps whose path
 /// changes are disabled, then buffers and processors; everything is created, set and connected;
-/// then processors, buffers and at last taps are enabled, so that nothing plays half-wired. A use
-/// case that has to be switched is the only step: what it changes has to be queried first.
+/// then processors, buffers and at last taps are enabled, so that nothing plays half-wired. Taps
+/// that the file names are always set and bound: a daemon that has been restarted since does not
+/// know what the co-processor still has, and would not restore it. A use case that has to be
+/// switched is the only step: what it changes has to be queried first.
 std::vector<Step> Plan(const State& wanted, const State& actual);
 
 }  // namespace kvox::client

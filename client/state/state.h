@@ -29,6 +29,8 @@ struct TapState {
   std::string inject = {};  // "" for none
   bool enabled = false;
   std::optional<uint32_t> block_length_frames = {};
+  std::optional<uint32_t> jitter_buffer_frames = {};  // wanted only: the daemon does not report it
+  bool named = false;  // in the file: the daemon may not know what the co-processor has
 
   bool idle() const { return !enabled && tapout.empty() && inject.empty(); }
 };

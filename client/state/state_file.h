@@ -3,12 +3,24 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "client/model/snapshot.h"
 #include "client/output/printer.h"
 #include "client/state/state.h"
 
 namespace kvox::client {
+
+/// What cannot be read and is not in the file: parameters that processors may have set.
+struct Omitted {
+  std::vector<std::string> parameters;  // names that the daemon lists
+  std::vector<std::string> processors;  // ids of those whose kind may add parameters without a name
+
+  bool empty() const { return parameters.empty() && processors.empty(); }
+  std::string Text() const;  // "" for nothing
+};
+
+Omitted OmittedFrom(const Snapshot& snapshot);
 
 /// The file for a snapshot, always in the same order. Comments say what the daemon does not report.
 std::string WriteState(const Snapshot& snapshot);

@@ -125,6 +125,10 @@ class Reader {
     if (row.Find("block_length_frames") != nullptr) {
       row.Read("block_length_frames", tap.block_length_frames.emplace(), 1, INT32_MAX);
     }
+    if (row.Find("jitter_buffer_frames") != nullptr) {
+      row.Read("jitter_buffer_frames", tap.jitter_buffer_frames.emplace(), 0, INT16_MAX);
+    }
+    tap.named = true;
     if (!state_.taps.emplace(*name, tap).second) {
       Fail(row, "name", fmt::format("'{}' is there twice; expected it once", *name));
     }
@@ -140,10 +144,10 @@ class Reader {
       if (word == tap.Name() || word == tap.FullName()) found.push_back(tap.FullName());
     }
     if (found.size() == 1) return found.front();
-    if (found.empty() && !snapshot_.silent_cores.empty()) {
+    const std::vector<int>& silent = snapshot_.missing_cores.silent;
+    if (found.empty() && !silent.empty()) {
       names_unknown_ = true;
-      Fail(row, "name",
-           fmt::format("there is no tap point '{}'; {}", word, SilenceOf(snapshot_.silent_cores)));
+      Fail(row, "name", fmt::format("there is no tap point '{}'; {}", word, SilenceOf(silent)));
     } else if (found.empty()) {
       IsKnown(row, At(row, "name"), "name", "tap point", word, names);
     } else {

@@ -1,6 +1,9 @@
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
+#include <algorithm>
 #include <sstream>
+#include <string_view>
 
 #include "client/output/json.h"
 #include "client/state/state_file.h"
@@ -64,6 +67,14 @@ std::string AsToml(const char* table, const Json& record) {
   return text;
 }
 
+/// What files hold, and what cannot be set.
+constexpr std::string_view kOwnParameters[] = {"UNSPECIFIED",  "VERSION",      "PASSTHROUGH_MODE",
+                                               "TEST_MODE",    "BLOCK_LENGTH", "AUDIO_FORMAT",
+                                               "JITTER_BUFFER"};
+
+/// Kinds of processors that add no parameters.
+constexpr std::string_view kOwnTypes[] = {"pass", "arel", "phbt"};
+
 constexpr char kHead[] =
     R"(# What kvoxd is set to do; 'kvoxctl apply FILE' restores it.
 # The daemon does not report these, so they are not here: jitter buffers and gains of tap points,
@@ -73,9 +84,16 @@ constexpr char kHead[] =
 
 std::string Gaps(const Snapshot& snapshot) {
   std::string text;
-  if (!snapshot.silent_cores.empty()) {
-    text += fmt::format("# No answer came from {}, whose tap points are missing here.\n",
-                        NamesOfCores(snapshot.silent_cores));
+  if (const Omitted omitted = OmittedFrom(snapshot); !omitted.empty()) {
+    text += fmt::format("# Also {}.\n", omitted.Text());
+  }
+  const MissingCores& cores = snapshot.missing_cores;
+  if (!cores.silent.empty()) {
+    text += fmt::format("# No reply came from {}, whose tap points are missing here.\n",
+                        NamesOfCores(cores.silent));
+  }
+  if (!cores.absent.empty()) {
+    text += fmt::format("# The co-processor has no {}.\n", NamesOfCores(cores.absent));
   }
   if (snapshot.unparsed_rows() != 0) {
     text += fmt::format("# {} of the daemon's rows could not be read and are missing here.\n",
@@ -85,6 +103,29 @@ std::string Gaps(const Snapshot& snapshot) {
 }
 
 }  // namespace
+
+Omitted OmittedFrom(const Snapshot& snapshot) {
+  Omitted omitted;
+  for (const std::string& name : snapshot.parameters) {
+    if (std::ranges::count(kOwnParameters, name) == 0) omitted.parameters.push_back(name);
+  }
+  for (const Processor& processor : snapshot.processors) {
+    if (std::ranges::count(kOwnTypes, processor.type) > 0) continue;
+    omitted.processors.push_back(processor.id);
+  }
+  return omitted;
+}
+
+std::string Omitted::Text() const {
+  std::string text;
+  if (!parameters.empty()) text = fmt::format("the parameters {}", fmt::join(parameters, ", "));
+  if (!processors.empty()) {
+    text += fmt::format("{}parameters that only the kind of {} has", text.empty() ? "" : ", and ",
+                        fmt::join(processors, ", "));
+  }
+  return text.empty() ? ""
+                      : "not here: " + text + "; set them with 'kvoxctl param set' after apply";
+}
 
 std::string WriteState(const Snapshot& snapshot) {
   const State state = StateOf(snapshot);
@@ -112,13 +153,17 @@ Json StateAsJson(const Snapshot& snapshot) {
   for (const auto& [name, tap] : state.taps) {
     if (!tap.idle()) taps.push_back(RecordOf(name, tap));
   }
+  const Omitted omitted = OmittedFrom(snapshot);
   return {{"schema", 1},
           {"use_cases", UseCasesOf(state)},
           {"running", RunningTapOuts(snapshot)},
           {"processors", processors},
           {"taps", taps},
-          {"silent_cores", snapshot.silent_cores},
-          {"unread_rows", snapshot.unparsed_rows()}};
+          {"silent_cores", snapshot.missing_cores.silent},
+          {"unread_rows", snapshot.unparsed_rows()},
+          {"absent_cores", snapshot.missing_cores.absent},
+          {"omitted_parameters", omitted.parameters},
+          {"omitted_processors", omitted.processors}};
 }
 
 }  // namespace kvox::client

@@ -17,7 +17,15 @@ int List(const Context& context) {
     if (!wanted.empty() && wanted != NameOf(direction)) continue;
     buffers.Append(QueryBuffers(context.daemon, direction));
   }
-  return PrintTable(context, "buffers", buffers);
+  MissingCores none;
+  AddHealth(context.daemon, buffers.rows, none);
+  const int status = PrintTable(context, "buffers", buffers);
+  for (const Buffer& buffer : buffers.rows) {
+    if (!buffer.gave_up) continue;
+    context.out.Message(buffer.name + " gave up: its device fails; 'kvoxctl io start " +
+                        std::to_string(buffer.id) + "' tries again");
+  }
+  return status;
 }
 
 // Connect, StartIo and StopIo need a look-up first: a Connect refused for one buffer has still
@@ -37,12 +45,19 @@ int Connect(const Context& context) {
 }
 
 int Graph(const Context& context) {
-  if (!context.in.Has("--dot")) return PrintTable(context, "paths", QueryGraph(context.daemon));
+  if (!context.in.Has("--dot")) {
+    std::vector<int> absent;
+    PrintTable(context, "paths", QueryGraph(context.daemon, absent));
+    if (!absent.empty()) context.out.Message(AbsenceOf(absent));
+    return kDone;
+  }
   if (context.out.format() != Format::kText) {
     throw UsageError("--dot: a drawing has no other form; leave out --json and --short");
   }
   const Snapshot snapshot = ReadSnapshot(context.daemon);
-  PrintOut(GraphAsDot(snapshot));
+  PrintUnchanged(GraphAsDot(snapshot));
+  const std::vector<int>& absent = snapshot.missing_cores.absent;
+  if (!absent.empty()) context.out.Message(AbsenceOf(absent));
   const std::string gaps = GapsOf(snapshot);
   if (gaps.empty()) return kDone;
   context.out.Message("the drawing is not complete: " + gaps);

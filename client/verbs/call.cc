@@ -13,7 +13,12 @@ int RunCall(const Context& context) {
   const auto call = PrepareCall(method, {words.begin() + 1, words.end()});
   MethodOutputs outputs;
   context.daemon.Run(method.c_str(), [&](IKvox& kvox) { return call(kvox, outputs); });
-  PrintOut(context.out.json() ? AsJson(outputs) : AsLines(outputs));
+  if (context.out.json()) {
+    PrintUnchanged(AsJson(outputs));
+  } else {
+    // Debug has no tables, but names files of any length: newlines in them could look like rows.
+    PrintItems(outputs.result.lines, method != "Debug");
+  }
   if (outputs.afterwards && !outputs.afterwards()) throw Failure(kNoDaemon, "kvoxd has gone");
   return outputs.result.status == IKvox::CommandStatus::OK ? kDone : kRefused;
 }

@@ -43,7 +43,8 @@ Json RecordOf(const Buffer& buffer) {
           {"direction", NameOf(buffer.direction)},
           {"producer", OrNull(buffer.producer)},
           {"consumers", buffer.consumers},
-          {"enabled", buffer.enabled}};
+          {"enabled", buffer.enabled},
+          {"gave_up", buffer.gave_up}};
 }
 
 Json RecordOf(const Path& path) {

@@ -12,9 +12,17 @@ namespace {
 
 constexpr size_t kLongestFile = 1 << 20;
 
+void ReportAbsence(const Context& context, const std::vector<int>& cores) {
+  if (!cores.empty()) context.out.Message(AbsenceOf(cores));
+}
+
 int Export(const Context& context) {
   const Snapshot snapshot = ReadSnapshot(context.daemon);
-  PrintOut(context.out.json() ? AsJson(StateAsJson(snapshot)) + "\n" : WriteState(snapshot));
+  PrintUnchanged(context.out.json() ? AsJson(StateAsJson(snapshot)) + "\n" : WriteState(snapshot));
+  ReportAbsence(context, snapshot.missing_cores.absent);
+  if (const Omitted omitted = OmittedFrom(snapshot); !omitted.empty()) {
+    context.out.Message(omitted.Text());
+  }
   const std::string gaps = GapsOf(snapshot);
   if (gaps.empty()) return kDone;
   context.out.Message("the file is not complete: " + gaps);
@@ -51,7 +59,8 @@ int Compare(const Context& context, const std::string& path, bool keep) {
   }
   if (lines.empty()) lines.emplace_back("nothing differs");
   context.out.List(lines, "differences", records);
-  ReportSilence(context, snapshot.silent_cores);
+  ReportAbsence(context, snapshot.missing_cores.absent);
+  ReportSilence(context, snapshot.missing_cores.silent);
   return records.empty() ? kDone : kRefused;
 }
 
@@ -68,7 +77,8 @@ int ReportOutcome(const Context& context, const std::string& origin, const Outco
   }
   if (lines.empty()) lines.emplace_back("nothing to do");
   context.out.List(lines, "steps", records);
-  ReportSilence(context, outcome.silent_cores);
+  ReportAbsence(context, outcome.missing_cores.absent);
+  ReportSilence(context, outcome.missing_cores.silent);
   const std::string next = "; 'kvoxctl apply --dry-run' shows what differs";
   if (outcome.status != kDone) {
     const std::string failed = outcome.left.empty()
@@ -99,6 +109,9 @@ const char* ApplyNotes() {
          "are\n"
          "deleted, tap points disabled and unbound, buffers stopped; --keep leaves them as they "
          "are.\n"
+         "Tap points in it are set, bound and switched in any case: after its restart the daemon "
+         "does\n"
+         "not know what the co-processor still has.\n"
          "Nothing is done while no core of the co-processor answers; while some do not, their tap\n"
          "points are left alone.\n";
 }
@@ -127,6 +140,7 @@ const char* FileNotes() {
       "    tapout, inject       texts: names of buffers\n"
       "    enabled              true or false (false)\n"
       "    block_length_frames  1 to 2147483647\n"
+      "    jitter_buffer_frames 0 to 32767; export does not know it\n"
       "A setting that is left out stays as it is; a buffer that is left out means none.\n";
   return notes.c_str();
 }

@@ -4,7 +4,7 @@ namespace kvox::client {
 namespace {
 
 constexpr int kLargestCore = 255;
-constexpr int kLongestJitterBuffer = 65534;  // the daemon keeps 16 bits; the largest means unset
+constexpr int kLongestJitterBuffer = 32767;  // longer ones are not restored
 
 constexpr char kNextStep[] = "the daemon's log and the co-processor's tell more";
 
@@ -13,10 +13,15 @@ int List(const Context& context) {
   for (const std::string& word : context.in.All("CORE")) {
     cores.push_back(ParseNumber("CORE", word, 0, kLargestCore));
   }
-  std::vector<int> silent;
-  PrintTable(context, "taps", QueryTaps(context.daemon, cores.empty() ? kAllCores : cores, silent));
-  if (silent.empty()) return kDone;
-  context.out.Message(SilenceOf(silent));
+  MissingCores missing;
+  const auto table = QueryTaps(context.daemon, cores.empty() ? kAllCores : cores, missing);
+  if (!cores.empty() && !missing.absent.empty()) {
+    throw Failure(kNoObject, AbsenceOf(missing.absent));
+  }
+  PrintTable(context, "taps", table);
+  if (!missing.absent.empty()) context.out.Message(AbsenceOf(missing.absent));
+  if (missing.silent.empty()) return kDone;
+  context.out.Message(SilenceOf(missing.silent));
   return kRefused;
 }
 
@@ -75,12 +80,16 @@ int SetGain(const Context& context) {
 }  // namespace
 
 std::vector<Verb> TapVerbs() {
+  const auto notes = [] {
+    return "JitterBuf is always 0: the co-processor does not report jitter buffers.\n";
+  };
   return {
       {"tap list", "List the tap points, and which buffers they are bound to", List, "tap list 2",
        Arguments{{"CORE", Kind::kCore, "Core of the co-processor; 2, 3 and 4 when not given",
-                  Arity::kAnyNumber}}},
+                  Arity::kAnyNumber}},
+       Options{}, notes},
       {"tap info", "Show what a tap point is and is bound to", Info, "tap info imic.0",
-       Arguments{kTap}},
+       Arguments{kTap}, Options{}, notes},
       {"tap enable", "Start the audio of a tap point", Switch<true>, "tap enable 2:imic.0",
        Arguments{kTap}},
       {"tap disable", "Stop the audio of a tap point", Switch<false>, "tap disable imic.0",
@@ -92,7 +101,7 @@ std::vector<Verb> TapVerbs() {
       {"tap block-length", "Set how many frames a packet of a tap point holds", SetBlockLength,
        "tap block-length imic.0 960", Arguments{kTap, {"FRAMES", Kind::kNumber, "At least 1"}}},
       {"tap jitter-buffer", "Set how many frames a tap point holds back", SetJitterBuffer,
-       "tap jitter-buffer genp.0 960", Arguments{kTap, {"FRAMES", Kind::kNumber, "0 to 65534"}}},
+       "tap jitter-buffer genp.0 960", Arguments{kTap, {"FRAMES", Kind::kNumber, "0 to 32767"}}},
       {"tap gain", "Set a tap point's gain", SetGain, "tap gain imic.0 0.5 --ramp 20",
        Arguments{kTap, kGain}, Options{kRamp}, GainNotes},
   };

@@ -1,4 +1,8 @@
+#include <algorithm>
+
 #include "client/verbs/shared.h"
+#include "kvox/common/device_names.h"
+#include "kvox/common/use_case_needs.h"
 
 namespace kvox::client {
 namespace {
@@ -16,12 +20,48 @@ int List(const Context& context) {
   return kDone;
 }
 
+/// "the board lacks tap point 4:vpdl.0, tapout40", or "". Throws Failure.
+std::string FindLacks(Daemon& daemon, const std::string& use_case) {
+  const std::vector<Buffer> buffers = QueryBuffers(daemon).rows;
+  std::string lacks;
+  const auto require = [&](const auto& list, auto name_of, const std::string& name,
+                           const std::string& shown) {
+    if (std::ranges::find(list, name, name_of) != list.end()) return;
+    lacks += (lacks.empty() ? "the board lacks " : ", ") + shown;
+  };
+  for (const UseCaseNeed& need : kUseCaseNeeds) {
+    if (need.use_case != use_case) continue;
+    MissingCores missing;
+    const auto taps = QueryTaps(daemon, {need.core}, missing).rows;
+    const std::string tap =
+        std::to_string(need.core) + ":" + ToString(need.tap) + "." + std::to_string(need.index);
+    require(taps, &TapPoint::FullName, tap, "tap point " + tap);
+    const std::string number = std::to_string(need.buffer);
+    for (const char* const prefix : {kTapOutBufferPrefix, kInjectBufferPrefix}) {
+      require(buffers, &Buffer::name, prefix + number, prefix + number);
+    }
+  }
+  return lacks;
+}
+
+/// The same; "" when it cannot be found out.
+std::string WhatLacks(Daemon& daemon, const std::string& use_case) {
+  try {
+    return FindLacks(daemon, use_case);
+  } catch (const Failure&) {
+    return "";
+  }
+}
+
 template <bool kOn>
 int Switch(const Context& context) {
   const std::string name = UseCaseNamed(context.daemon, context.in.Get("USECASE"));
   const auto result = context.daemon.Call("Enable", &IKvox::Enable, name, kOn);
-  return Report(context, "use case " + name, result, {{"name", name}},
-                "'kvoxctl graph' and 'kvoxctl tap list' show what it needs");
+  const bool refused = kOn && result.status != IKvox::CommandStatus::OK;
+  const std::string lacks = refused ? WhatLacks(context.daemon, name) : "";
+  return Report(
+      context, "use case " + name, result, {{"name", name}},
+      lacks.empty() ? "'kvoxctl graph' and 'kvoxctl tap list' show what it needs" : lacks.c_str());
 }
 
 int Status(const Context& context) {

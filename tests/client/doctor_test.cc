@@ -115,7 +115,7 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatFixesIt) {
       {[](Facts& f) { f.location->directory.uid = 5; },
        "and kvoxd (user kvox) refuses it  fix: sudo chown kvox /run/kvox\n"},
       {[](Facts& f) { f.location->directory.mode = S_IFDIR | 0777; },
-       "everybody may write to it, and kvoxd refuses it  fix: sudo chmod o-w /run/kvox\n"},
+       "others may write to it, and kvoxd refuses it  fix: sudo chmod go-w /run/kvox\n"},
       {[](Facts& f) { f.me.groups = {kMe}; },
        "user ann has no right to search it  fix: sudo usermod -aG kvox ann && newgrp kvox\n"},
       {[](Facts& f) {

@@ -129,7 +129,7 @@ TEST(Rows, AreSortedByTextOrNumber) {
 
 TEST(Rows, NeverPassControlCharactersOn) {
   EXPECT_THAT(LineOf(ColumnsOf(false), RowNamed("\x1b[2J\xc3\xa9")),
-              StartsWith("tap-out   ?[2J??    -    off   -"));
+              StartsWith("tap-out   ?[2J??    -    off     -"));
 }
 
 TEST(Frame, FitsEveryScreen) {

@@ -33,7 +33,8 @@ TEST_F(ClientAudioTest, VerbsBuildAPathAndTakeItDown) {
   EXPECT_EQ(path["tapout"], "tapout0");
   EXPECT_EQ(path["processor_enabled"], true);
   EXPECT_TRUE(WaitFor([&] { return Figure("genp.0", "exact") > 2; }));
-  EXPECT_THAT(Do("buffer list tap-out --short"), StartsWith("tapout0\t0\ttap-out\t-\tpass\t1\n"));
+  EXPECT_THAT(Do("buffer list tap-out --short"),
+              StartsWith("tapout0\t0\ttap-out\t-\tpass\t1\t0\n"));
   Do("io stop all");
   Do("disconnect pass");
   EXPECT_EQ(Json("graph")["paths"][0]["tapout"], nullptr);

@@ -66,7 +66,7 @@ TEST_F(ClientDoctorTest, FindsWhatIsBroken) {
   EXPECT_THAT(TextOf(findings["control"]), "failed: is a regular file, not a device");
   EXPECT_THAT(TextOf(findings["tapouts"]), StartsWith("failed: xdv-kvox_tapout0: is a regular"));
   EXPECT_THAT(TextOf(findings["wakelock"]), StartsWith("warning: is not there: wake locks are"));
-  EXPECT_EQ(TextOf(findings["runtime"]), "failed: everybody may write to it, and kvoxd refuses it");
+  EXPECT_EQ(TextOf(findings["runtime"]), "failed: others may write to it, and kvoxd refuses it");
   EXPECT_EQ(TextOf(findings["socket"]), "warning: every user may call the daemon");
   EXPECT_EQ(TextOf(findings["captures"]), "warning: is not there");
 

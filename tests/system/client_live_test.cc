@@ -15,8 +15,21 @@ constexpr char kTake[] = "\x1b[?1049h";
 constexpr char kGiveBack[] = "\x1b[?1049l";
 constexpr char kCtrlL[] = "\f";
 
+class WatchTest : public SystemTest {
+ protected:
+  /// Returns when it has looked twice.
+  std::unique_ptr<Process> Watch(const std::string& options) {
+    const std::string look = "KVO tap list core:4";
+    const int before = CountOf(look, daemon_->Err());
+    auto watch = std::make_unique<Process>(
+        KVOXCTL_PROGRAM, Words("watch --json --interval 0.1 " + options), directory_ / "watch");
+    EXPECT_TRUE(DaemonLogs(look, before + 2));
+    return watch;
+  }
+};
+
 /// `top` and `watch`.
-class ClientLiveTest : public SystemTest {
+class ClientLiveTest : public WatchTest {
  protected:
   ClientLiveTest() {
     setenv("TERM", "xterm", 1);
@@ -53,15 +66,6 @@ class ClientLiveTest : public SystemTest {
     return drawn;
   }
 
-  std::unique_ptr<Process> Watch(const std::string& options) {
-    const std::string look = "KVO tap list core:4";
-    const int before = CountOf(look, daemon_->Err());
-    auto watch = std::make_unique<Process>(
-        KVOXCTL_PROGRAM, Words("watch --json --interval 0.1 " + options), directory_ / "watch");
-    EXPECT_TRUE(DaemonLogs(look, before + 2));
-    return watch;
-  }
-
   int BufferEntries() {
     return json::parse(
         Run(Words("--json call ProcessorGetStats pas1")).out)["stats"]["buffer_entries"];
@@ -89,6 +93,16 @@ TEST_F(ClientLiveTest, TopDrawsSortsAndQuits) {
   ExpectGivenBack(*terminal);
   EXPECT_EQ(terminal->Err(), "");
   EXPECT_EQ(BufferEntries(), 0) << "and no longer";
+}
+
+TEST_F(ClientLiveTest, ARawCallShowsControlCharactersAsEscapes) {
+  const std::string file = "/tmp/a\n  Id  \x1b[2J\xc2\x9b";
+  const std::vector<std::string> words = {"call", "Debug", file};
+  Terminal terminal(KVOXCTL_PROGRAM, words, directory_ / "call");
+  EXPECT_EQ(terminal.Wait(), 1);
+  EXPECT_EQ(CountOf("/tmp/a\\n  Id  \\x1b[2J\\xc2\\x9b\r\n", terminal.Shown()), 1)
+      << terminal.Shown();
+  EXPECT_THAT(Run(words).out, HasSubstr(file + "\n")) << "to a file as it is";
 }
 
 TEST_F(ClientLiveTest, EverySignalGivesTheTerminalBack) {
@@ -179,9 +193,9 @@ TEST_F(ClientLiveTest, BatchPrintsARefreshAtATime) {
   EXPECT_EQ(BufferEntries(), 16) << "what others have set stays";
 
   const ClientRun rows = Run(Words("top --short -n 1 --sort name --reverse"));
-  EXPECT_THAT(rows.out, HasSubstr("pas1\tpass\t1\ttapout20\tinject20\t-\t-\t-\t-\t-\t-\n"));
+  EXPECT_THAT(rows.out, HasSubstr("pas1\tpass\t1\ttapout20\tinject20\t-\t-\t-\t-\t-\t-\t0\n"));
   const ClientRun plain = Run(Words("top --batch -n 1"));
-  EXPECT_THAT(plain.out, HasSubstr("processor pas1      pass on    tapout20 > inject20\n"));
+  EXPECT_THAT(plain.out, HasSubstr("processor pas1      pass on      tapout20 > inject20\n"));
 }
 
 TEST_F(ClientLiveTest, WatchTellsEveryChange) {
@@ -206,6 +220,32 @@ TEST_F(ClientLiveTest, WatchTellsEveryChange) {
   told.resize(std::min<size_t>(told.size(), 5));
   EXPECT_THAT(told, ElementsAre("abcd appeared pass", "abcd connected tapout0",
                                 "2:genp.0 bound tapout0", "kvoxd gone", "kvoxd appeared"));
+}
+
+TEST_F(WatchTest, ABufferWhoseDeviceFailsForGoodIsShownAsGivenUp) {
+  // Reading a directory fails, and opening one that is gone does.
+  const auto broken = directory_ / "broken";
+  std::filesystem::create_directory(broken);
+  std::filesystem::create_symlink(broken, directory_ / "dev/xdv-kvox_tapout0");
+  directory_.MakeFifo("dev/xdv-kvox_tapout1");
+  directory_.MakeFifo("dev/xdv-kvox_inject0");
+  StartDaemon();
+  const auto watch = Watch("--count 3");
+  Do("io start tapout0");
+  Do("io start tapout1");
+  std::filesystem::remove(broken);
+  EXPECT_EQ(watch->Wait(), 0);
+  EXPECT_THAT(watch->Out(), HasSubstr("\"tapout0\", \"change\": \"gave up\""));
+  const ClientRun list = Run(Words("buffer list tap-out"));
+  EXPECT_EQ(list.exit_status, 0);
+  EXPECT_EQ(CountOf("gave up", list.err), 1) << list.err;
+  EXPECT_THAT(list.err, HasSubstr("tapout0 gave up: its device fails; 'kvoxctl io start 0' tries"));
+  EXPECT_EQ(Json("buffer list")["buffers"][0]["gave_up"], true);
+  EXPECT_EQ(Json("buffer list")["buffers"][1]["gave_up"], false);
+  EXPECT_THAT(Do("top --batch -n 1"), HasSubstr("tap-out   tapout0   -    gave up"));
+  std::filesystem::create_directory(broken);
+  Do("io start tapout0");
+  EXPECT_EQ(Json("buffer list")["buffers"][0]["gave_up"], false);
 }
 
 TEST_F(ClientLiveTest, WatchEndsAsAsked) {

@@ -7,12 +7,7 @@ namespace {
 using ::testing::HasSubstr;
 
 /// Waiting, and what ends it.
-class ClientWaitTest : public SystemTest {
- protected:
-  std::unique_ptr<Process> Begin(const std::string& line) {
-    return std::make_unique<Process>(KVOXCTL_PROGRAM, Words(line), directory_ / "waiting");
-  }
-};
+class ClientWaitTest : public SystemTest {};
 
 TEST_F(ClientWaitTest, EndsOnceItIsThere) {
   auto waiting = Begin("wait processor art0 --enabled --timeout 60 --json");
@@ -46,6 +41,37 @@ TEST_F(ClientWaitTest, ASilentDaemonTakesNoLongerThanTheTimeout) {
   service.TakeCall();
   EXPECT_EQ(waiting->Wait(), 6);
   EXPECT_THAT(waiting->Err(), HasSubstr("ListProcessors was not answered within 0.2 s"));
+}
+
+TEST_F(ClientWaitTest, AnotherInterfaceIsNoDaemon) {
+  MuteService service(directory_ / "run");
+  const auto client = Begin("ping");
+  service.TakeCall("other.IThing");
+  EXPECT_EQ(client->Wait(), 3);
+  EXPECT_THAT(client->Err(), HasSubstr("kvox.IKvox/default has another interface"));
+}
+
+TEST_F(ClientWaitTest, ASocketOfAStrangerIsNotTrusted) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+  std::filesystem::permissions(directory_.path(), std::filesystem::perms(0777));
+  std::filesystem::permissions(directory_ / "run", std::filesystem::perms(0777));
+  const auto listen = [this] {  // who does that is the owner
+    EXPECT_EQ(seteuid(65534), 0);
+    auto service = std::make_unique<MuteService>(directory_ / "run");
+    EXPECT_EQ(seteuid(0), 0);
+    return service;
+  };
+  auto stranger = listen();
+  ExpectRefusal("ping", 5, "belongs to user 65534, who is neither root nor you");
+  for (const char* const user : {"65534", "nobody"}) {
+    stranger.reset();
+    stranger = listen();
+    setenv("KVOX_DAEMON_USER", user, 1);
+    const auto client = Begin("ping --timeout 0.2");
+    unsetenv("KVOX_DAEMON_USER");
+    stranger->TakeCall();
+    EXPECT_EQ(client->Wait(), 6) << "it talks to that one: " << client->Err();
+  }
 }
 
 TEST_F(ClientWaitTest, ASocketOfSomebodyElseIsNoAbsentDaemon) {

@@ -32,18 +32,18 @@ class MuteService {
   MuteService& operator=(const MuteService&) = delete;
 
   /// Waits until a client's call is there.
-  void TakeCall() {
+  void TakeCall(std::string descriptor = "kvox.IKvox") {
     client_ = UniqueFd(accept(listener_.get(), nullptr, nullptr));
-    std::string descriptor = "kvox.IKvox";
     binder::ServiceGreeting greeting;
     greeting.descriptor_size = static_cast<uint32_t>(descriptor.size());
     greeting.address = 2;
-    descriptor.resize(12);  // padded
+    descriptor.resize(binder::PaddedSize(greeting.descriptor_size));
     send(client_.get(), &greeting, sizeof greeting, MSG_NOSIGNAL);
     send(client_.get(), descriptor.data(), descriptor.size(), MSG_NOSIGNAL);
+    // A client that finds another interface makes no call: it ends the connection.
     char first[sizeof(binder::ClientGreeting) + sizeof(binder::FrameHeader)];
-    EXPECT_EQ(recv(client_.get(), first, sizeof first, MSG_WAITALL),
-              static_cast<ssize_t>(sizeof first));
+    EXPECT_GE(recv(client_.get(), first, sizeof first, MSG_WAITALL),
+              static_cast<ssize_t>(sizeof(binder::ClientGreeting)));
   }
 
  private:
