@@ -1,5 +1,7 @@
 #include "tests/campaign/expected_graph.h"
 
+#include <algorithm>
+
 #include "kvox/common/command_tables.h"
 
 namespace kvox::campaign {
@@ -42,6 +44,8 @@ void ExpectedGraph::Connect(FourCc id, int tapout, int inject) {
 void ExpectedGraph::ConnectTap(const TapId& tap, int tapout, int inject) {
   taps_[tap].tapout = tapout;
   taps_[tap].inject = inject;
+  std::erase(bound_, tap);
+  bound_.push_back(tap);
   ForgetIfIdle(taps_[tap]);
 }
 
@@ -102,12 +106,20 @@ ExpectedTap ExpectedGraph::TapOf(const Stream& stream) const {
   return ValueOr(taps_, stream.Id());
 }
 
+std::optional<TapId> ExpectedGraph::SourceOf(int tapout) const {
+  if (!tapouts_.contains(tapout)) return std::nullopt;
+  const auto source = std::find_if(bound_.rbegin(), bound_.rend(), [&](const TapId& id) {
+    return taps_.at(id).enabled && taps_.at(id).tapout == tapout;
+  });
+  return source == bound_.rend() ? std::nullopt : std::optional(*source);
+}
+
 bool ExpectedGraph::Flows(const Stream& stream) const {
   const ExpectedTap tap = TapOf(stream);
   const ExpectedProcessor processor = ProcessorOf(stream);
-  return tap.enabled && processor.enabled && tap.tapout != kNone && tap.inject != kNone &&
+  return SourceOf(tap.tapout) == stream.Id() && processor.enabled && tap.inject != kNone &&
          tap.tapout == processor.tapout && tap.inject == processor.inject &&
-         tapouts_.contains(tap.tapout) && injects_.contains(tap.inject);
+         injects_.contains(tap.inject);
 }
 
 }  // namespace kvox::campaign

@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <vector>
 
 #include "kvox/common/four_cc.h"
 #include "tests/campaign/streams.h"
@@ -56,12 +57,16 @@ class ExpectedGraph {
   /// Of a stream; as it was never set up, when it was not.
   ExpectedProcessor ProcessorOf(const Stream& stream) const;
   ExpectedTap TapOf(const Stream& stream) const;
+  /// The tap point whose packets come on a tap-out buffer: of those that are on, the one that was
+  /// bound last. None if the buffer is off.
+  std::optional<TapId> SourceOf(int tapout) const;
   /// Whether audio has to flow from the tap through its processor and back.
   bool Flows(const Stream& stream) const;
 
  private:
   std::map<FourCc, ExpectedProcessor> processors_;
   std::map<TapId, ExpectedTap> taps_;
+  std::vector<TapId> bound_;  // in the order of their last bindings
   std::set<int> tapouts_;
   std::set<int> injects_;
 };

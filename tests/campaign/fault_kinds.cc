@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "tests/campaign/client_part.h"
 #include "tests/campaign/streams.h"
 
 namespace kvox::campaign {
@@ -45,7 +46,7 @@ Injection Restart(RandomSource& random, const char* order, double least_spacing,
                   double most_spacing) {
   const double gap = random.Seconds(0, 1);
   const double spacing = random.Seconds(least_spacing, most_spacing);
-  const size_t nodes = 2 * Streams().size() + 2;
+  const size_t nodes = Streams().size() + InjectNumbers().size() + 2;
   return RestartWith(fmt::format("gap={:.3f} order={} spacing={:.3f}", gap, order, spacing),
                      gap + spacing * static_cast<double>(nodes));
 }
@@ -93,6 +94,30 @@ Injection KillSimulator(RandomSource& random, const std::string&) {
   return {.commands = {}, .kills = true, .away = FromSeconds(random.Seconds(0, 1))};
 }
 
+/// It returns only when everything else has done so without it.
+Injection NodeLost(RandomSource& random, const std::string&) {
+  return {.commands = {"node-gone device=" + AnyDevice(random)}, .client = &ClientPart::LoseNode};
+}
+
+// A client's requests around a restart.
+
+Injection AroundRestart(RandomSource& random, double least_gap,
+                        void (ClientPart::*client)(const Injection&)) {
+  const double gap = random.Seconds(least_gap, 1.5);
+  Injection injection = RestartWith(fmt::format("gap={:.3f}", gap), gap);
+  injection.client = client;
+  injection.choice = random.Below(1000);
+  return injection;
+}
+
+Injection WishesAway(RandomSource& random, const std::string&) {
+  return AroundRestart(random, 0.5, &ClientPart::WishWhileAway);
+}
+
+Injection TakeOver(RandomSource& random, const std::string&) {
+  return AroundRestart(random, 0, &ClientPart::TakeOverBuffer);
+}
+
 // Replies. Clients send commands all the time, so the next ones are hit.
 
 constexpr Ms kCommandsSoon{2000};
@@ -120,6 +145,17 @@ Injection ReplyShort(RandomSource& random, const std::string& name) {
 
 Injection ReplyStatus(RandomSource& random, const std::string& name) {
   return CorruptReplies(random, name + " status=-5");
+}
+
+Injection ReplyMute(RandomSource& random, const std::string&) {
+  const double seconds = random.Seconds(1, 3);
+  return {.commands = {fmt::format("reply-lost for={:.3f}", seconds)},
+          .lasts = FromSeconds(seconds),
+          .client = &ClientPart::LookUpWhileMute};
+}
+
+Injection ConnectRefused(RandomSource& random, const std::string&) {
+  return {.client = &ClientPart::RequestRefusedConnects, .choice = random.Below(1000)};
 }
 
 // Packets, of one stream or of all.
@@ -157,6 +193,20 @@ Injection CorruptDevice(RandomSource& random, const std::string& name) {
           FromSeconds(seconds)};
 }
 
+/// Some of the inject buffers that get the same audio, not all.
+Injection StallFanOuts(RandomSource& random, const std::string&) {
+  const double seconds = random.Seconds(3, 5);
+  const size_t first = random.Below(FanOuts().size());
+  Injection injection{.lasts = FromSeconds(seconds), .client = &ClientPart::MeasureFanOuts};
+  const size_t count = 1 + random.Below(FanOuts().size() - 1);
+  for (size_t i = 0; i < count; ++i) {
+    const int inject = FanOuts()[(first + i) % FanOuts().size()].inject;
+    injection.commands.push_back(
+        fmt::format("inject-stall device=inject{} for={:.3f}", inject, seconds));
+  }
+  return injection;
+}
+
 using enum FaultGroup;
 
 constexpr FaultKind kKinds[] = {
@@ -176,12 +226,17 @@ constexpr FaultKind kKinds[] = {
     {"inject-gone", kNodes, 3, false, NodeGone},
     {"control-gone", kNodes, 3, false, NodeGone},
     {"simulator-killed", kNodes, 2, false, KillSimulator},
+    {"node-lost", kNodes, 2, false, NodeLost, true},
+    {"wishes-away", kNodes, 3, false, WishesAway},
+    {"takeover-restart", kNodes, 3, false, TakeOver},
     {"reply-late", kReplies, 3, false, ReplyLate},
     {"reply-lost", kReplies, 2, false, CorruptReplies},
     {"reply-short", kReplies, 2, false, ReplyShort},
     {"reply-opcode", kReplies, 2, false, CorruptReplies},
     {"reply-stale", kReplies, 2, false, ReplyStale},
     {"reply-status", kReplies, 2, false, ReplyStatus},
+    {"reply-mute", kReplies, 2, false, ReplyMute},
+    {"connect-refused", kBystanders, 2, false, ConnectRefused},
     {"packet-early", kPackets, 2, false, CorruptPackets},
     {"packet-late", kPackets, 2, false, PacketLate},
     {"packet-burst", kPackets, 2, false, PacketBurst},
@@ -198,6 +253,7 @@ constexpr FaultKind kKinds[] = {
     {"tapout-error", kNodes, 2, false, CorruptDevice},
     {"inject-stall", kDevices, 2, false, CorruptDevice},
     {"inject-refuse", kDevices, 2, false, CorruptDevice},
+    {"fanout-stall", kBystanders, 3, false, StallFanOuts, true},
 };
 
 }  // namespace
@@ -217,10 +273,15 @@ Ms RecoveryLimitAfter(FaultGroup group) {
       // up.
       return Ms(700);
     case kDevices:
+    case kBystanders:
       break;
   }
   // With every packet the daemon tries a hung-up or stalled device again.
   return Ms(500);
+}
+
+bool KeepsAudio(FaultGroup group) {
+  return group == kReplies || group == kBystanders;
 }
 
 std::span<const FaultKind> FaultKinds() {

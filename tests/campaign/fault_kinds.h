@@ -31,17 +31,25 @@ class RandomSource {
   std::mt19937_64 random_;
 };
 
-enum class FaultGroup { kNodes, kReplies, kPackets, kDevices };
+class ClientPart;
+
+enum class FaultGroup { kNodes, kReplies, kPackets, kDevices, kBystanders };
 
 /// From a fault's end until all audio is exact again.
 Ms RecoveryLimitAfter(FaultGroup group);
 
+/// Whether the faults concern no stream that no client changes: then none of its packets is lost.
+bool KeepsAudio(FaultGroup group);
+
 /// One fault as it is made.
 struct Injection {
-  std::vector<std::string> commands;  // for the simulator
-  Ms lasts{};                         // at most, from then on
-  bool kills = false;                 // the simulator; another one starts after `away`
+  std::vector<std::string> commands = {};  // for the simulator
+  Ms lasts{};                              // at most, from then on
+  bool kills = false;                      // the simulator; another one starts after `away`
   Ms away{};
+  /// What a client does before, during or after the simulator's part, which it starts.
+  void (ClientPart::*client)(const Injection&) = nullptr;
+  size_t choice = 0;  // of what the client does
 };
 
 struct FaultKind {
@@ -50,6 +58,7 @@ struct FaultKind {
   unsigned weight;  // how often it is chosen, relative to others; 0: only when it is its turn
   bool slow;        // takes too long for a short campaign
   Injection (*make)(RandomSource& random, const std::string& name);
+  bool alone = false;  // never together with others
 };
 
 std::span<const FaultKind> FaultKinds();

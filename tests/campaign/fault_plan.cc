@@ -36,6 +36,16 @@ bool FaultEvent::Has(FaultGroup group) const {
                      [&](const Part& part) { return part.kind->group == group; });
 }
 
+bool FaultEvent::KeepsAudio() const {
+  return std::all_of(parts.begin(), parts.end(),
+                     [](const Part& part) { return campaign::KeepsAudio(part.kind->group); });
+}
+
+bool FaultEvent::HasClient() const {
+  return std::any_of(parts.begin(), parts.end(),
+                     [](const Part& part) { return part.injection.client != nullptr; });
+}
+
 std::string FaultEvent::Text() const {
   std::string text;
   const auto add = [&](const std::string& words) { text += (text.empty() ? "" : "; ") + words; };
@@ -43,6 +53,9 @@ std::string FaultEvent::Text() const {
     for (const std::string& words : part.injection.commands) add(words);
     if (part.injection.kills) {
       add("simulator killed, away for " + std::to_string(part.injection.away.count()) + " ms");
+    }
+    if (part.injection.client != nullptr) {
+      add(std::string(part.kind->name) + " " + std::to_string(part.injection.choice));
     }
   }
   return text;
@@ -79,7 +92,10 @@ FaultEvent FaultPlan::Next() {
   } else {
     const size_t parts = 1 + random_.Below(kMostAtOnce);
     for (size_t i = 0; i < parts; ++i) {
-      add(Choose());
+      const FaultKind& kind = Choose();
+      if (i > 0 && kind.alone) continue;
+      add(kind);
+      if (kind.alone) break;
       if (i > 0) event.parts.back().delay = RandomMs(random_, kMostDelay_s);
     }
   }

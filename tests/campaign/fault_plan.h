@@ -29,6 +29,10 @@ struct FaultEvent {
   /// Whether replies may be corrupted while the daemon sets a co-processor up again. The daemon
   /// does not retry what the co-processor refuses then: clients must.
   bool MayCorruptRestore() const { return TouchesNodes() && Has(FaultGroup::kReplies); }
+  /// Whether streams that no client changes must not lose a packet.
+  bool KeepsAudio() const;
+  /// Whether a client takes part, which may change such streams.
+  bool HasClient() const;
   /// The commands for the simulator.
   std::string Text() const;
 

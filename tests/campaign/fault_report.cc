@@ -17,6 +17,7 @@ void FaultReport::Recovered(const FaultEvent& event, Ms recovery) {
   for (const auto& part : event.parts) ++kinds_[part.kind->name].recovered;
   Row& timed = event.parts.size() == 1 ? kinds_[event.parts.front().kind->name]
                                        : at_once_[event.parts.size()];
+  slowest_ = std::max(slowest_, recovery);
   timed.slowest = std::max(timed.slowest, recovery);
   if (event.parts.size() > 1) ++timed.recovered;
 }

@@ -17,6 +17,8 @@ class FaultReport {
   uint64_t events() const { return events_; }
   uint64_t faults() const { return faults_; }
   void Print() const;
+  /// Of all faults.
+  Ms slowest() const { return slowest_; }
 
  private:
   struct Row {
@@ -28,6 +30,7 @@ class FaultReport {
 
   std::map<std::string, Row> kinds_;  // times only of faults that were alone
   std::map<size_t, Row> at_once_;     // by the number of faults at once, from two on
+  Ms slowest_{};
   uint64_t events_ = 0;
   uint64_t faults_ = 0;
 };

@@ -53,7 +53,8 @@ std::string Text(const ExpectedTap& tap) {
                      tap.inject, tap.block_length.value_or(0), tap.jitter_buffer.value_or(0));
 }
 
-/// Fills in name and state of the tap that is bound to a buffer.
+/// Fills in name and state of the tap that is bound to a buffer. Of several the daemon shows the
+/// one that the co-processor lists first, which the spare one never is.
 void FindTap(const ExpectedGraph& graph, int buffer, int ExpectedTap::*end, std::string& name,
              bool& enabled) {
   for (const Stream& stream : Streams()) {
@@ -103,6 +104,13 @@ void CompareTap(const std::string& name, const ExpectedTap& expected, const TapS
                                     Text(expected), Text(actual)));
 }
 
+/// Packets on their way while a sample is taken.
+constexpr uint64_t kInFlight = 2;
+
+bool Differ(uint64_t one, uint64_t other) {
+  return std::max(one, other) - std::min(one, other) > kInFlight || (one == 0) != (other == 0);
+}
+
 }  // namespace
 
 GraphTables ExpectedTables(const ExpectedGraph& graph) {
@@ -122,11 +130,13 @@ GraphTables ExpectedTables(const ExpectedGraph& graph) {
   }
   for (const Stream& stream : Streams()) {
     Buffer& tapout = tapouts[stream.buffer];
-    Buffer& inject = injects[stream.buffer];
     tapout.enabled = graph.tapouts().contains(stream.buffer);
-    inject.enabled = graph.injects().contains(stream.buffer);
     tables.tapouts[NameOf(kTapOutBufferPrefix, stream.buffer)] = Text(tapout);
-    tables.injects[NameOf(kInjectBufferPrefix, stream.buffer)] = Text(inject);
+  }
+  for (const int number : InjectNumbers()) {
+    Buffer& inject = injects[number];
+    inject.enabled = graph.injects().contains(number);
+    tables.injects[NameOf(kInjectBufferPrefix, number)] = Text(inject);
   }
   return tables;
 }
@@ -159,11 +169,45 @@ std::vector<std::string> Differences(const ExpectedGraph& graph, const GraphTabl
   CompareTables("tap-out buffer", expected.tapouts, listed.tapouts, differences);
   CompareTables("inject buffer", expected.injects, listed.injects, differences);
   CompareTables("path of", expected.paths, listed.paths, differences);
-  for (const Stream& stream : Streams()) {
+  for (const Stream& stream : Taps()) {
     if (!graph.taps().contains(stream.Id())) continue;
     const auto found = actual.taps.find(stream.TapName());
     if (found == actual.taps.end()) continue;
     CompareTap(stream.TapName(), graph.TapOf(stream), found->second, differences);
+  }
+  return differences;
+}
+
+std::vector<std::string> FlowDifferences(const ExpectedGraph& graph, const SimStatus& before,
+                                         const SimStatus& after) {
+  std::vector<std::string> differences;
+  std::map<int, uint64_t> read;  // packets, by tap-out buffer
+  for (const Stream& tap : Taps()) {
+    const std::string name = tap.TapName();
+    const uint64_t sent = after.taps.at(name).sent - before.taps.at(name).sent;
+    const uint64_t exact = after.taps.at(name).exact - before.taps.at(name).exact;
+    const int tapout = graph.TapOf(tap).tapout;
+    const bool streams = graph.SourceOf(tapout) == tap.Id();
+    if (streams) read[tapout] = sent;
+    if (streams != (sent > 0)) {
+      differences.push_back(
+          fmt::format("tap {} is to be {}: {} packets sent", name, streams ? "on" : "off", sent));
+    }
+    if (exact > 0 && !graph.Flows(tap)) {
+      differences.push_back(
+          fmt::format("tap {}: {} packets came back, but its audio is off", name, exact));
+    }
+  }
+  std::map<int, uint64_t> written;  // by inject buffer
+  for (const auto& [id, processor] : graph.processors()) {
+    if (graph.injects().contains(processor.inject))
+      written[processor.inject] += read[processor.tapout];
+  }
+  for (const int inject : InjectNumbers()) {
+    const uint64_t came = after.injects.at(inject) - before.injects.at(inject);
+    if (!Differ(came, written[inject])) continue;
+    differences.push_back(fmt::format("inject{}: {} packets came, {} were read for it", inject,
+                                      came, written[inject]));
   }
   return differences;
 }

@@ -1,4 +1,5 @@
-// Compares the expected graph with the daemon's lists and the co-processor's state.
+// Compares the expected graph with the daemon's lists, the co-processor's state and the packets
+// that flow.
 #pragma once
 
 #include <map>
@@ -29,5 +30,12 @@ GraphTables ReadTables(DaemonClient& daemon);
 /// The differences, one per line.
 std::vector<std::string> Differences(const ExpectedGraph& graph, const GraphTables& listed,
                                      const SimStatus& actual);
+
+/// The differences between what was acknowledged and what flowed between two samples a few packets
+/// apart, one per line: tap points that stream though they are off or do not though they are on,
+/// audio that came back from what is off, and inject buffers that got other packets than the
+/// processors connected to them have read.
+std::vector<std::string> FlowDifferences(const ExpectedGraph& graph, const SimStatus& before,
+                                         const SimStatus& after);
 
 }  // namespace kvox::campaign

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "tests/campaign/streams.h"
-
 namespace kvox::campaign {
 namespace {
 
@@ -27,8 +25,16 @@ uint64_t DroppedForTiming(const LogAnalyzer& log, const Stream& stream) {
 }  // namespace
 
 LossReport LossesBetween(const LossSample& before, const LossSample& after) {
+  StreamList all;
+  for (const Stream& stream : Streams()) all.push_back(&stream);
+  return LossesBetween(before, after, all);
+}
+
+LossReport LossesBetween(const LossSample& before, const LossSample& after,
+                         const StreamList& streams) {
   LossReport report;
-  for (const Stream& stream : Streams()) {
+  for (const Stream* each : streams) {
+    const Stream& stream = *each;
     const TapStats& from = before.sim.taps.at(stream.TapName());
     const TapStats& to = after.sim.taps.at(stream.TapName());
     const uint64_t timing =

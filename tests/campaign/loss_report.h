@@ -7,6 +7,7 @@
 
 #include "tests/campaign/log_analyzer.h"
 #include "tests/campaign/sim_control.h"
+#include "tests/campaign/streams.h"
 
 namespace kvox::campaign {
 
@@ -24,7 +25,10 @@ struct LossReport {
   std::vector<std::string> streams = {};  // of the lost ones, a line each
 };
 
-/// Of a stretch of time without a fault in which clients changed streams without loss.
+/// Of a stretch of time without a fault in which clients changed these streams without loss; of all
+/// streams unless they are named.
+LossReport LossesBetween(const LossSample& before, const LossSample& after,
+                         const StreamList& streams);
 LossReport LossesBetween(const LossSample& before, const LossSample& after);
 
 /// Packets that have not come back, whatever the cause.

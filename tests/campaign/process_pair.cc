@@ -70,6 +70,18 @@ ProcessPair::ProcessPair()
   if (!service_) throw std::runtime_error("kvoxd does not serve: " + kvox::ServiceError());
 }
 
+std::optional<int> ProcessPair::CallFromAnotherProcess(std::vector<std::string> words,
+                                                       Ms limit) const {
+  words.insert(words.begin(), "call");
+  const auto until = Clock::now() + limit;
+  Process client(KVOXCTL_PROGRAM, std::move(words), home_ / "kvoxctl");
+  for (;;) {
+    const auto status = client.Ended();
+    if (status || Clock::now() > until) return status;
+    std::this_thread::sleep_for(Ms(1));
+  }
+}
+
 void ProcessPair::ReplaceSimulator(Ms away) {
   simulator_.reset();
   std::this_thread::sleep_for(away);

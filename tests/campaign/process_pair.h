@@ -5,7 +5,9 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "tests/campaign/call_watchdog.h"
 #include "tests/campaign/daemon_client.h"
@@ -27,6 +29,8 @@ class ProcessPair {
   const SimControl& sim() const { return sim_; }
   DaemonClient& client() { return client_; }
   const std::shared_ptr<IKvox>& service() const { return service_; }
+  /// `kvoxctl call` with these words. Returns its exit status; none when it has not ended in time.
+  std::optional<int> CallFromAnotherProcess(std::vector<std::string> words, Ms limit) const;
   std::string SlowestCall() const { return watchdog_.Slowest(); }
   pid_t daemon_pid() const { return daemon_.pid(); }
   ResourceUsage DaemonResources() const { return ReadResources(daemon_.pid()); }

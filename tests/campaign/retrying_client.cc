@@ -19,20 +19,18 @@ int32_t Signed(FourCc code) {
 }  // namespace
 
 template <typename Update, typename Method, typename... Arguments>
-bool RetryingClient::Request(const char* name, Accept accept, const Update& update, Method method,
+bool RetryingClient::Request(const char* name, const Update& update, Method method,
                              const Arguments&... arguments) {
   while (!run_.stopping && !run_.failures.any()) {
     const Moment sent = Now();
     const CommandReply reply = run_.daemon.Call(name, method, arguments...);
     ++run_.commands;
-    const bool undisturbed =
-        run_.faults.epoch() == sent.epoch && FaultClock::StateIn(sent.epoch) != FaultState::kActive;
-    if (reply.ok() && (accept == Accept::kAnyTime || undisturbed)) {
+    if (reply.ok()) {
       run_.graph.Update(update);
       SetPending("");
       return true;
     }
-    if (!reply.ok()) JudgeRefusal(name, sent, reply);
+    JudgeRefusal(name, sent, reply);
     SetPending(std::string(name) + ": " + reply.Text());
     std::this_thread::sleep_for(kRetryInterval);
   }
@@ -73,34 +71,33 @@ std::string RetryingClient::Pending() const {
 
 bool RetryingClient::NewProcessor(FourCc id, FourCc type) {
   return Request(
-      "NewProcessorWithType", Accept::kAnyTime, [&](auto& graph) { graph.NewProcessor(id, type); },
+      "NewProcessorWithType", [&](auto& graph) { graph.NewProcessor(id, type); },
       &IKvox::NewProcessorWithType, Signed(id), Signed(type));
 }
 
 bool RetryingClient::DeleteProcessor(FourCc id) {
   return Request(
-      "DeleteProcessor", Accept::kAnyTime, [&](auto& graph) { graph.DeleteProcessor(id); },
-      &IKvox::DeleteProcessor, Signed(id));
+      "DeleteProcessor", [&](auto& graph) { graph.DeleteProcessor(id); }, &IKvox::DeleteProcessor,
+      Signed(id));
 }
 
 bool RetryingClient::ProcessorEnable(FourCc id, bool enable) {
   return Request(
-      "ProcessorEnable", Accept::kAnyTime, [&](auto& graph) { graph.ProcessorEnable(id, enable); },
+      "ProcessorEnable", [&](auto& graph) { graph.ProcessorEnable(id, enable); },
       &IKvox::ProcessorEnable, Signed(id), enable);
 }
 
 bool RetryingClient::Connect(FourCc id, int tapout, int inject) {
   return Request(
-      "Connect", Accept::kAnyTime, [&](auto& graph) { graph.Connect(id, tapout, inject); },
-      &IKvox::Connect, Signed(id), tapout, inject);
+      "Connect", [&](auto& graph) { graph.Connect(id, tapout, inject); }, &IKvox::Connect,
+      Signed(id), tapout, inject);
 }
 
 template <typename Method, typename... Arguments>
 bool RetryingClient::TapRequest(const char* name, const Stream& stream,
                                 const std::function<void(ExpectedGraph&)>& update, Method method,
                                 const Arguments&... arguments) {
-  return Request(name, Accept::kAnyTime, update, method, stream.core, Signed(stream.tap),
-                 stream.index, arguments...);
+  return Request(name, update, method, stream.core, Signed(stream.tap), stream.index, arguments...);
 }
 
 bool RetryingClient::ConnectTap(const Stream& stream, int tapout, int inject) {
@@ -131,35 +128,24 @@ bool RetryingClient::TapSetJitterBuffer(const Stream& stream, uint32_t size) {
 
 bool RetryingClient::StartIo(int tapout) {
   return Request(
-      "StartIo", Accept::kUndisturbed, [&](auto& graph) { graph.StartIo(tapout); }, &IKvox::StartIo,
-      tapout);
+      "StartIo", [&](auto& graph) { graph.StartIo(tapout); }, &IKvox::StartIo, tapout);
 }
 
 bool RetryingClient::StopIo(int tapout) {
   return Request(
-      "StopIo", Accept::kUndisturbed, [&](auto& graph) { graph.StopIo(tapout); }, &IKvox::StopIo,
-      tapout);
+      "StopIo", [&](auto& graph) { graph.StopIo(tapout); }, &IKvox::StopIo, tapout);
 }
 
 bool RetryingClient::EnableUseCase(UseCase use_case) {
   return Request(
-      "EnableUseCase", Accept::kUndisturbed,
-      [&](auto& graph) { graph.EnableUseCase(use_case, true); }, &IKvox::EnableUseCase, use_case,
-      true);
+      "EnableUseCase", [&](auto& graph) { graph.EnableUseCase(use_case, true); },
+      &IKvox::EnableUseCase, use_case, true);
 }
 
 bool RetryingClient::DisableUseCase(UseCase use_case) {
-  for (;;) {
-    const FaultClock::Epoch epoch = AwaitNoActiveFault();
-    const bool disabled = Request(
-        "EnableUseCase", Accept::kAnyTime,
-        [&](auto& graph) { graph.EnableUseCase(use_case, false); }, &IKvox::EnableUseCase, use_case,
-        false);
-    if (!disabled || run_.faults.epoch() == epoch) return disabled;
-    // Some of its steps may have found their buffers missing. The use case is off now, so it must
-    // be switched on before it can be switched off again.
-    if (!EnableUseCase(use_case)) return false;
-  }
+  return Request(
+      "EnableUseCase", [&](auto& graph) { graph.EnableUseCase(use_case, false); },
+      &IKvox::EnableUseCase, use_case, false);
 }
 
 bool RetryingClient::RestoreTap(const Stream& stream) {
@@ -168,15 +154,6 @@ bool RetryingClient::RestoreTap(const Stream& stream) {
          (!tap.block_length || TapSetBlockLength(stream, *tap.block_length)) &&
          (!tap.jitter_buffer || TapSetJitterBuffer(stream, *tap.jitter_buffer)) &&
          TapEnable(stream, tap.enabled);
-}
-
-FaultClock::Epoch RetryingClient::AwaitNoActiveFault() const {
-  FaultClock::Epoch epoch = run_.faults.epoch();
-  while (!run_.stopping && FaultClock::StateIn(epoch) == FaultState::kActive) {
-    std::this_thread::sleep_for(kRetryInterval);
-    epoch = run_.faults.epoch();
-  }
-  return epoch;
 }
 
 }  // namespace kvox::campaign

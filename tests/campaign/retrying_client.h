@@ -29,7 +29,6 @@ class RetryingClient {
   bool StartIo(int tapout);
   bool StopIo(int tapout);
   bool EnableUseCase(UseCase use_case);
-  /// Waits for the end of an active fault first: steps whose devices are missing are skipped.
   bool DisableUseCase(UseCase use_case);
 
   /// Requests again what the expected graph says of a tap point. No other client may change that
@@ -45,12 +44,6 @@ class RetryingClient {
   std::string Pending() const;
 
  private:
-  enum class Accept {
-    kAnyTime,
-    /// The command acts on the buffers that exist at that moment, so a reply given while devices
-    /// came and went does not count.
-    kUndisturbed,
-  };
   /// The conditions under which a command was sent.
   struct Moment {
     FaultClock::Epoch epoch;
@@ -59,7 +52,7 @@ class RetryingClient {
   Moment Now() const { return {run_.faults.epoch(), run_.lag.Total()}; }
 
   template <typename Update, typename Method, typename... Arguments>
-  bool Request(const char* name, Accept accept, const Update& update, Method method,
+  bool Request(const char* name, const Update& update, Method method,
                const Arguments&... arguments);
   template <typename Method, typename... Arguments>
   bool TapRequest(const char* name, const Stream& stream,
@@ -67,7 +60,6 @@ class RetryingClient {
                   const Arguments&... arguments);
   void JudgeRefusal(const char* name, const Moment& sent, const CommandReply& reply);
   void SetPending(std::string text);
-  FaultClock::Epoch AwaitNoActiveFault() const;
 
   RunContext& run_;
   const std::string name_;

@@ -38,7 +38,8 @@ TapStats StatsOf(const nlohmann::json& row) {
           .different = count("different"),
           .missing = count("missing"),
           .in_flight = count("in_flight"),
-          .received = count("received")};
+          .received = count("received"),
+          .latency_mean_us = row.at("latency_mean_us").get<uint64_t>()};
 }
 
 }  // namespace
@@ -49,6 +50,9 @@ SimStatus SimControl::Status() const {
   try {
     const auto json = nlohmann::json::parse(text);
     for (const auto& row : json.at("taps")) status.taps[row.at("tap")] = StatsOf(row);
+    for (const auto& row : json.at("injects")) {
+      status.injects[row.at("inject").get<int>()] = row.at("packets").get<uint64_t>();
+    }
     for (const auto& row : json.at("faults")) {
       status.active_faults +=
           (row.at("active").get<bool>() ? 1 : 0) + row.at("waiting").get<uint64_t>();

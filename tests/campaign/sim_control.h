@@ -24,10 +24,12 @@ struct TapStats {
   uint64_t missing = 0;
   uint64_t in_flight = 0;
   uint64_t received = 0;
+  uint64_t latency_mean_us = 0;  // of all that came back
 };
 
 struct SimStatus {
   std::map<std::string, TapStats> taps;  // by name, "genp.0"
+  std::map<int, uint64_t> injects;       // packets that came, by the inject buffer's number
   uint64_t active_faults = 0;            // including those whose time has not come yet
 };
 
@@ -44,6 +46,8 @@ class SimControl {
   SimStatus Status() const;
   /// "restart gap=0.5"
   void Fault(const std::string& words) const { Request("fault " + words); }
+  /// Brings all nodes back.
+  void Restore() const { Request("restore"); }
 
  private:
   std::string Request(const std::string& line) const;

@@ -1,6 +1,7 @@
 #include "tests/campaign/streams.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 namespace kvox::campaign {
 namespace {
@@ -43,7 +44,20 @@ constexpr Stream kStreams[] = {
     {MakeFourCc("vpul"), 1, 4, 41, MakeFourCc("art1"), kRelay, kStatic, kEcho,
      R"(noninterleaved = 480, block_length = 4800, source = { kind = "noise", seed = 6 })",
      UseCase::AREL_TELE},
+    // The spare tap: that of the second stream in everything but its name and its audio.
+    {MakeFourCc("spar"), 0, 2, 1, MakeFourCc("ps01"), kPass, kStatic, kExact,
+     R"(rate = 16000, block_length = 800, source = { kind = "noise", seed = 7 })", std::nullopt,
+     kShortBlock},
 };
+
+// So many that a quarter of a period for each would take longer than a period.
+constexpr FanOut kFanOuts[] = {{MakeFourCc("fo60"), 0, 60}, {MakeFourCc("fo61"), 0, 61},
+                               {MakeFourCc("fo62"), 0, 62}, {MakeFourCc("fo63"), 0, 63},
+                               {MakeFourCc("fo64"), 0, 64}, {MakeFourCc("fo65"), 0, 65}};
+
+std::string Joined(const std::vector<int>& numbers) {
+  return fmt::format("{}", fmt::join(numbers, ", "));
+}
 
 }  // namespace
 
@@ -52,19 +66,38 @@ std::string Stream::TapName() const {
 }
 
 std::span<const Stream> Streams() {
+  return Taps().first(std::size(kStreams) - 1);
+}
+
+const Stream& SpareTap() {
+  return Taps().back();
+}
+
+std::span<const Stream> Taps() {
   return kStreams;
 }
 
+std::span<const FanOut> FanOuts() {
+  return kFanOuts;
+}
+
+std::vector<int> InjectNumbers() {
+  std::vector<int> numbers;
+  for (const Stream& stream : Streams()) numbers.push_back(stream.buffer);
+  for (const FanOut& fan_out : kFanOuts) numbers.push_back(fan_out.inject);
+  return numbers;
+}
+
 std::string ScenarioText() {
-  std::string numbers;
+  std::vector<int> tapouts;
+  for (const Stream& stream : Streams()) tapouts.push_back(stream.buffer);
   std::string taps;
-  for (const Stream& stream : kStreams) {
-    numbers += fmt::format("{}, ", stream.buffer);
+  for (const Stream& stream : Taps()) {
     taps += fmt::format("  {{ name = '{}', index = {}, core = {}, {} }},\n", ToString(stream.tap),
                         stream.index, stream.core, stream.scenario);
   }
-  return fmt::format("cores = [2, 3, 4]\ntapouts = [{0}]\ninjects = [{0}]\ntap = [\n{1}]\n",
-                     numbers, taps);
+  return fmt::format("cores = [2, 3, 4]\ntapouts = [{}]\ninjects = [{}]\ntap = [\n{}]\n",
+                     Joined(tapouts), Joined(InjectNumbers()), taps);
 }
 
 }  // namespace kvox::campaign

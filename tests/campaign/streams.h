@@ -55,6 +55,24 @@ using StreamList = std::vector<const Stream*>;
 
 std::span<const Stream> Streams();
 
+/// A tap point without buffers of its own, which can take over those of another one: it has the
+/// buffers and the processor of that stream.
+const Stream& SpareTap();
+/// Those of all streams, and the spare one.
+std::span<const Stream> Taps();
+
+/// One more processor that reads a stream's tap-out buffer. No tap point is bound to the inject
+/// buffer that it writes.
+struct FanOut {
+  FourCc processor;
+  int tapout;
+  int inject;
+};
+std::span<const FanOut> FanOuts();
+
+/// All inject buffers, by number. Every stream has the tap-out buffer of the same number.
+std::vector<int> InjectNumbers();
+
 /// The scenario with the taps and devices of these streams.
 std::string ScenarioText();
 

@@ -15,6 +15,14 @@ constexpr Ms kGrantLimit{5000};
 constexpr Ms kPollInterval{10};
 constexpr Ms kHealthInterval{50};
 
+/// For a look-up, a process and a connection for it included, while other clients send commands.
+constexpr Ms kLookUpLimit{200};
+/// Starting a process may take longer, but not each time.
+constexpr int kLookUpAttempts = 3;
+/// How long packets are counted, and how often if others came than expected.
+constexpr Ms kFlowTime{400};
+constexpr int kFlowSamples = 4;
+
 }  // namespace
 
 Testbed::Testbed(unsigned seed, LoadProfile profile)
@@ -38,6 +46,11 @@ Testbed::Testbed(unsigned seed, LoadProfile profile)
 
 void Testbed::SetUpGraph() {
   RetryingClient client(run_, "set-up");
+  for (const FanOut& fan_out : FanOuts()) {
+    client.NewProcessor(fan_out.processor, MakeFourCc("pass"));
+    client.Connect(fan_out.processor, fan_out.tapout, fan_out.inject);
+    client.ProcessorEnable(fan_out.processor, true);
+  }
   for (const Stream& stream : Streams()) {
     if (stream.use_case) {
       const bool is_new = !run_.graph.Copy().processors().contains(stream.processor);
@@ -97,20 +110,21 @@ bool Testbed::AwaitRestored(Ms step) {
   const auto begin = Clock::now();
   auto last_step = begin;
   uint64_t steps = processes_.log().restored();
-  const size_t buffers = Streams().size();
+  const size_t tapouts = Streams().size();
+  const size_t injects = InjectNumbers().size();
   while (Healthy()) {
     const auto now = Clock::now();
     const GraphTables tables = ReadTables(processes_.client());
-    const bool found_all = tables.tapouts.size() == buffers && tables.injects.size() == buffers;
+    const bool found_all = tables.tapouts.size() == tapouts && tables.injects.size() == injects;
     const bool restoring = processes_.log().restored() != steps;
     steps = processes_.log().restored();
     if (restoring || !found_all) last_step = now;
     if (now - last_step > step) return true;
     if (now - begin > kGrantLimit + run_.lag.Allowance(lag_before)) {
       run_.failures.Add(
-          "the daemon has not found every device, or does not end its recovery: {} tap-outs, {} "
-          "injects of {} each, {} steps",
-          tables.tapouts.size(), tables.injects.size(), buffers, steps);
+          "the daemon has not found every device, or does not end its recovery: {} of {} "
+          "tap-outs, {} of {} injects, {} steps",
+          tables.tapouts.size(), tapouts, tables.injects.size(), injects, steps);
     }
     std::this_thread::sleep_for(kPollInterval);
   }
@@ -120,7 +134,7 @@ bool Testbed::AwaitRestored(Ms step) {
 StreamList Testbed::Flowing(bool with_changing) const {
   const ExpectedGraph graph = run_.graph.Copy();
   StreamList flowing;
-  for (const Stream& stream : Streams()) {
+  for (const Stream& stream : Taps()) {
     const bool flows = stream.returns == Returns::kSilence || graph.Flows(stream);
     const bool wanted = with_changing || stream.control == Control::kStatic;
     if (flows && wanted) flowing.push_back(&stream);
@@ -141,6 +155,47 @@ bool Testbed::CheckGraph() {
     run_.failures.Add("{}", difference);
   }
   return Healthy();
+}
+
+bool Testbed::CheckFlow(SimStatus before) {
+  const ExpectedGraph graph = run_.graph.Copy();
+  std::vector<std::string> differences;
+  for (int sample = 0; sample < kFlowSamples; ++sample) {
+    SimStatus now = processes_.sim().Status();
+    differences = FlowDifferences(graph, before, now);
+    if (differences.empty()) return Healthy();
+    before = std::move(now);
+    if (!RunFor(kFlowTime)) return false;
+  }
+  for (const std::string& difference : differences) run_.failures.Add("{}", difference);
+  return false;
+}
+
+bool Testbed::CheckLookUps() {
+  static const std::vector<std::string> kLookUps[] = {
+      {"Ping"}, {"ListProcessors"}, {"ListTapOutBuffers"}, {"ProcessorIsEnabled", "ps00"}};
+  for (const std::vector<std::string>& look_up : kLookUps) {
+    std::string late;
+    for (int attempt = 0; attempt < kLookUpAttempts; ++attempt) {
+      late = LookUp(look_up);
+      if (late.empty()) break;
+    }
+    if (!late.empty()) run_.failures.Add("{}: {}", look_up.front(), late);
+  }
+  return Healthy();
+}
+
+/// From a process of its own: a process has only so many calls in flight, and its other clients
+/// wait for the co-processor. Returns what was wrong; "" when nothing was.
+std::string Testbed::LookUp(const std::vector<std::string>& words) {
+  const Ms lag_before = run_.lag.Total();
+  const auto begin = Clock::now();
+  const auto status = processes_.CallFromAnotherProcess(words, kLookUpLimit * 10);
+  const auto time = std::chrono::duration_cast<Ms>(Clock::now() - begin);
+  const Ms limit = kLookUpLimit + run_.lag.Allowance(lag_before);
+  if (status == 0 && time <= limit) return "";
+  return fmt::format("status {} after {} ms, {} times in a row; the limit is {} ms",
+                     status.value_or(-1), time.count(), kLookUpAttempts, limit.count());
 }
 
 std::optional<Ms> Testbed::Recover(const std::string& fault) {

@@ -60,6 +60,11 @@ class Testbed {
 
   /// Compares what was acknowledged with the actual state. The clients are paused.
   bool CheckGraph();
+  /// Compares it with what has flowed since `before`, a few packets ago, or flows from now on.
+  bool CheckFlow(SimStatus before);
+  /// Commands that only look something up have to return at once, also while the co-processor does
+  /// not reply.
+  bool CheckLookUps();
 
   /// A fault of the simulator after which all devices are new, up to exact audio and an idle
   /// daemon. Returns the recovery's time.
@@ -70,6 +75,7 @@ class Testbed {
 
  private:
   void SetUpGraph();
+  std::string LookUp(const std::vector<std::string>& words);
   StreamList Flowing(bool with_changing) const;
 
   ProcessPair processes_;

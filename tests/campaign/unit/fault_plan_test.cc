@@ -36,6 +36,20 @@ TEST(FaultPlanTest, EveryKindComesAloneBeforeTheyMix) {
   EXPECT_EQ(at_once.size(), 3u);
 }
 
+TEST(FaultPlanTest, SomeKindsNeverMix) {
+  FaultPlan plan(5, false, nullptr);
+  int alone = 0;
+  for (int i = 0; i < 500; ++i) {
+    const FaultEvent event = plan.Next();
+    for (const auto& part : event.parts) {
+      if (!part.kind->alone) continue;
+      ++alone;
+      EXPECT_EQ(event.parts.size(), 1u) << part.kind->name;
+    }
+  }
+  EXPECT_GT(alone, 10);
+}
+
 TEST(FaultPlanTest, KindsCanBeChosen) {
   FaultPlan quick(1, true, nullptr);
   for (int i = 0; i < 300; ++i) {
@@ -59,6 +73,14 @@ TEST(FaultEventTest, LastsUntilTheLastPartHasEnded) {
   EXPECT_EQ(event.Lasts(), Ms(1000));
   EXPECT_EQ(event.Text(), "a; b; c");
   EXPECT_EQ(event.RecoveryLimit(), RecoveryLimitAfter(kind.group));
+}
+
+TEST(FaultEventTest, KeepsAudioOnlyIfAllPartsDo) {
+  FaultEvent event;
+  event.parts = {{FindFaultKind("connect-refused"), {}}, {FindFaultKind("reply-lost"), {}}};
+  EXPECT_TRUE(event.KeepsAudio());
+  event.parts.push_back({FindFaultKind("packet-drop"), {}});
+  EXPECT_FALSE(event.KeepsAudio());
 }
 
 TEST(ExactRunTest, CountsOnlyPacketsSinceTheStart) {

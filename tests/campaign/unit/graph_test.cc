@@ -63,6 +63,65 @@ TEST(ExpectedGraphTest, FollowsTheDaemonsRules) {
   EXPECT_EQ(graph.taps().at(kTap), ExpectedTap()) << "off and unbound is forgotten";
 }
 
+TEST(ExpectedGraphTest, TheTapThatWasBoundLastHasTheBuffer) {
+  ExpectedGraph graph = CompleteGraph();
+  const TapId taker = {2, MakeFourCc("spar"), 0};
+  graph.ConnectTap(taker, 0, 0);
+  EXPECT_EQ(graph.SourceOf(0), kTap) << "the other one is off";
+  graph.TapEnable(taker, true);
+  EXPECT_EQ(graph.SourceOf(0), taker);
+  EXPECT_FALSE(graph.Flows(TheStream()));
+  graph.ConnectTap(kTap, 0, 0);
+  EXPECT_EQ(graph.SourceOf(0), kTap);
+  graph.StopIo(0);
+  EXPECT_EQ(graph.SourceOf(0), std::nullopt);
+}
+
+/// One stream is set up, and has sent ten packets.
+class FlowTest : public ::testing::Test {
+ protected:
+  FlowTest() {
+    for (const Stream& tap : Taps()) before_.taps[tap.TapName()] = {.sent = 7, .exact = 5};
+    for (const int inject : InjectNumbers()) before_.injects[inject] = 3;
+    after_ = before_;
+    after_.taps["genp.0"].sent += 10;
+    after_.taps["genp.0"].exact += 9;
+    after_.injects[0] += 9;
+  }
+  std::vector<std::string> Found() { return FlowDifferences(graph_, before_, after_); }
+
+  ExpectedGraph graph_ = CompleteGraph();
+  SimStatus before_;
+  SimStatus after_;
+};
+
+TEST_F(FlowTest, EveryInjectGetsWhatItsProcessorReads) {
+  EXPECT_THAT(Found(), IsEmpty()) << "one is in flight";
+  after_.injects[0] = before_.injects[0] + 20;
+  EXPECT_THAT(Found(), ElementsAre("inject0: 20 packets came, 10 were read for it"));
+  after_.injects[0] = before_.injects[0];
+  EXPECT_THAT(Found(), ElementsAre(HasSubstr("inject0: 0 packets came")));
+  graph_.NewProcessor(kOther, MakeFourCc("pass"));
+  graph_.Connect(kOther, 0, 60);
+  graph_.StartIo(0);
+  after_.injects[0] += 10;
+  EXPECT_THAT(Found(), ElementsAre(HasSubstr("inject60: 0 packets came, 10 were")));
+}
+
+TEST_F(FlowTest, WhatIsOffIsSilent) {
+  graph_.ProcessorEnable(kId, false);
+  EXPECT_THAT(Found(), ElementsAre("tap genp.0: 9 packets came back, but its audio is off"));
+  after_.taps["genp.0"].exact = before_.taps["genp.0"].exact;
+  EXPECT_THAT(Found(), IsEmpty()) << "silence comes back";
+  graph_.StopIo(0);
+  EXPECT_THAT(Found(), ElementsAre(HasSubstr("genp.0 is to be off: 10 packets sent"),
+                                   HasSubstr("inject0: 9 packets came, 0 were")));
+  after_ = before_;
+  EXPECT_THAT(Found(), IsEmpty());
+  graph_.StartIo(0);
+  EXPECT_THAT(Found(), ElementsAre(HasSubstr("genp.0 is to be on: 0 packets sent")));
+}
+
 class DifferencesTest : public ::testing::Test {
  protected:
   DifferencesTest() {
