@@ -63,6 +63,17 @@ inline ResourceUsage ReadResources(pid_t pid) {
           .memory_kib = memory.empty() ? 0 : std::stoll(memory)};
 }
 
+/// How many of the process's threads have that name.
+inline size_t CountThreads(pid_t pid, const std::string& name) {
+  size_t count = 0;
+  for (const auto& thread : Entries(ProcPath(pid) / "task")) {
+    std::string its_name;
+    std::ifstream stream(thread / "comm");
+    if (std::getline(stream, its_name) && its_name == name) ++count;
+  }
+  return count;
+}
+
 /// The most that was resident since the start or ForgetPeakMemory; 0 when there is no such process.
 inline int64_t PeakMemoryKib(pid_t pid) {
   const std::string memory = ProcField(ProcPath(pid) / "status", "VmHWM");

@@ -298,6 +298,8 @@ TEST_F(HostileTest, CallbacksThatNeverReturnHoldUpNeitherAudioNorCommands) {
   Call("EnableUseCase AREL_TELE true");
   Call("EnableUseCase MIC_IN true");
   const Latency before = Measure(kMeasureTime);
+  // Those of the use cases end in a second.
+  ASSERT_TRUE(WaitFor([&] { return CountThreads(daemon_->pid(), "binder:spare") == 0; }));
   const ResourceUsage resources = DaemonResources();
   const auto attacker = Attack("hanging_callbacks", kCallbackTime, 1);
   ASSERT_TRUE(Attacking(*attacker)) << attacker->Out();
