@@ -162,7 +162,7 @@ Injection ConnectRefused(RandomSource& random, const std::string&) {
 
 Injection CorruptSome(RandomSource& random, const std::string& fault, size_t most) {
   std::string text = fmt::format("{} count={}", fault, 1 + random.Below(most));
-  if (random.Below(4) != 0) text += " tap=" + StaticStream(random).TapName();
+  if (random.Below(4) != 0) text += kOfTap + StaticStream(random).TapName();
   return {{text}, Ms(0)};
 }
 

@@ -52,6 +52,9 @@ struct Injection {
   size_t choice = 0;  // of what the client does
 };
 
+/// The last words of a command that concerns the packets of one tap point.
+inline constexpr char kOfTap[] = " tap=";
+
 struct FaultKind {
   const char* name;
   FaultGroup group;

@@ -61,6 +61,16 @@ std::string FaultEvent::Text() const {
   return text;
 }
 
+/// Lets faults of packets strike any stream: the client may stop the one that they would wait for.
+void StrikeAnyStream(FaultEvent& event) {
+  for (FaultEvent::Part& part : event.parts) {
+    if (part.kind->group != FaultGroup::kPackets) continue;
+    for (std::string& command : part.injection.commands) {
+      command.erase(std::min(command.find(kOfTap), command.size()));
+    }
+  }
+}
+
 FaultPlan::FaultPlan(uint64_t seed, bool quick, const FaultKind* only) : random_(seed) {
   for (const FaultKind& kind : FaultKinds()) {
     if (only != nullptr ? &kind != only : quick && kind.slow) continue;
@@ -99,6 +109,7 @@ FaultEvent FaultPlan::Next() {
       if (i > 0) event.parts.back().delay = RandomMs(random_, kMostDelay_s);
     }
   }
+  if (event.HasClient()) StrikeAnyStream(event);
   event.pause = RandomMs(random_, kMostPause_s);
   return event;
 }
