@@ -88,13 +88,17 @@ void ClientPart::TakeOverBuffer(const Injection& fault) {
   const size_t one = fault.choice / 4;
   const FanOut& taker = FanOuts()[one % FanOuts().size()];
   const Stream& loser = StreamOf(SpareTap().buffer);
+  // A processor that a recovery has disabled, and a client connects, is the client's to enable.
+  const auto take = [&](int inject) {
+    client_.Connect(taker.processor, taker.tapout, inject);
+    client_.ProcessorEnable(taker.processor, true);
+  };
   switch (fault.choice % 4) {
     case 0:
-      client_.Connect(taker.processor, taker.tapout,
-                      FanOuts()[(one + 1) % FanOuts().size()].inject);
+      take(FanOuts()[(one + 1) % FanOuts().size()].inject);
       break;
     case 1:
-      client_.Connect(taker.processor, taker.tapout, loser.buffer);
+      take(loser.buffer);
       break;
     default:
       client_.TapEnable(SpareTap(), true);

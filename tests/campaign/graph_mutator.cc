@@ -75,6 +75,8 @@ class GraphMutator : public Worker {
   // These return whether it was acknowledged.
   bool Connect(int buffer) {
     if (!client_.Connect(stream_.processor, buffer, buffer)) return false;
+    // A recovery may have left it disabled: it stays as its client leaves it.
+    if (Now().processor.enabled && !client_.ProcessorEnable(stream_.processor, true)) return false;
     return buffer == kNone || !IoIsOn() || client_.StartIo(buffer);  // the inject buffer too
   }
   bool Bind(int buffer) { return client_.ConnectTap(stream_, buffer, buffer); }
