@@ -34,6 +34,13 @@ std::string EndText(int status) {
                      : fmt::format("signal {} ({})", -status, strsignal(-status));
 }
 
+/// Directories for children that, built with ThreadSanitizer, do not sleep for a second when they
+/// end: a look-up of kvoxctl has less time.
+HostDirectories MakeHome() {
+  setenv("TSAN_OPTIONS", "atexit_sleep_ms=50", 0);
+  return HostDirectories();
+}
+
 /// Returns when it takes commands: then its devices are there.
 std::unique_ptr<Process> StartSimulator(const HostDirectories& home) {
   const auto scenario = home / "scenario.toml";
@@ -60,7 +67,8 @@ std::unique_ptr<Process> StartSimulator(const HostDirectories& home) {
 }  // namespace
 
 ProcessPair::ProcessPair()
-    : simulator_(StartSimulator(home_)),
+    : home_(MakeHome()),
+      simulator_(StartSimulator(home_)),
       daemon_(KVOXD_PROGRAM, {}, home_ / "kvoxd"),
       service_(IKvox::fromBinder(ndk::SpAIBinder(AServiceManager_getService(KvoxDescriptor())))),
       sim_(home_ / "dev"),
