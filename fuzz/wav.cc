@@ -80,9 +80,11 @@ KvoxTapFormat MakeFormat(FuzzedDataProvider& input) {
   return format;
 }
 
+/// Law has samples of a byte, too.
 bool Usable(const KvoxTapFormat& format) {
   return format.sample_rate != 0 && format.channels != 0 && format.data_format <= 2 &&
-         (format.bytes_per_sample == 2 || format.bytes_per_sample == 4);
+         (format.bytes_per_sample == 2 || format.bytes_per_sample == 4 ||
+          (format.bytes_per_sample == 1 && format.data_format == 2));
 }
 
 /// The expected bytes after the header.
