@@ -1,4 +1,4 @@
-// Costs of single steps: finding packets in a stream, writing and reading parcels.
+// Costs of single steps: finding packets in a stream, recording them, writing and reading parcels.
 
 #include <aidl/kvox/IKvox.h>
 #include <benchmark/benchmark.h>
@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "buffer/packet_account.h"
 #include "buffer/stream_parser.h"
 #include "kvox/common/kvox_packet.h"
 #include "platform/linux/parcel.h"
@@ -65,6 +66,29 @@ void SearchMagicInNoise(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * kPacketMaxSize);
 }
 BENCHMARK(SearchMagicInNoise);
+
+/// What the flight log adds to each packet, besides its clock read; 0: without the log.
+void AccountForPacket(benchmark::State& state) {
+  const auto slot = std::make_unique<flight::StreamSlot>();
+  PacketAccount account(state.range(0) == 0 ? nullptr : slot.get());
+  KvoxPacketHeader header;
+  StreamFindings findings;
+  findings.next = StreamFindings::Next::kPacket;
+  const TimingVerdict verdict = {.period_ns = 10'000'000};
+  uint64_t now_ns = 1'000'000'000;
+  while (state.KeepRunning()) {
+    ++header.packet_num;
+    now_ns += 10'000'000 + header.packet_num % 1024;
+    account.Read(findings, kPacketHeaderSize);
+    account.Arrived(header, now_ns);
+    account.Judged(verdict);
+    account.RouteDone();
+    account.Dispatched(now_ns + 40'000);
+    account.Close();
+  }
+  benchmark::DoNotOptimize(slot->dispatched.load());
+}
+BENCHMARK(AccountForPacket)->Arg(0)->Arg(1);
 
 IKvox::CommandResult UsualResult() {
   IKvox::CommandResult result;

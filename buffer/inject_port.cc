@@ -36,12 +36,13 @@ bool SendPatience::WaitWritable(int fd) {
 }
 
 InjectPort::InjectPort(std::string name, std::string device_path, DeviceIo& io,
-                       PacketRecorder& recorder, int fd)
+                       PacketRecorder& recorder, int fd, flight::InjectLog log)
     : name_(std::move(name)),
       device_path_(std::move(device_path)),
       io_(io),
       recorder_(recorder),
       fd_(fd),
+      log_(log),
       area_(std::make_unique<std::byte[]>(kPacketMaxSize)) {}
 
 InjectPort::~InjectPort() {
@@ -106,6 +107,14 @@ bool InjectPort::CopyTo(std::vector<std::byte>& copy) const {
 
 int32_t InjectPort::Send(const KvoxPacketHeader& header, std::span<const std::byte> packet,
                          SendPatience& patience) {
+  const int32_t status = Offer(header, packet, patience);
+  log_.Count(outcome_);
+  return status;
+}
+
+int32_t InjectPort::Offer(const KvoxPacketHeader& header, std::span<const std::byte> packet,
+                          SendPatience& patience) {
+  outcome_ = flight::Written::kGone;
   if (fd_ < 0) Reopen();
   if (fd_ < 0) return kPortClosed;
   recorder_.Record(header, packet.subspan(kPacketHeaderSize));
@@ -130,8 +139,12 @@ std::span<const std::byte> InjectPort::Write(std::span<const std::byte> packet,
   std::span<const std::byte> rest = packet;
   for (int tries_in_vain = 0;;) {
     const ssize_t written = io_.Write(fd_, rest);
-    if (written < 0 && errno != EAGAIN && errno != EINTR) return rest;
+    if (written < 0 && errno != EAGAIN && errno != EINTR) {
+      outcome_ = flight::Written::kGone;
+      return rest;
+    }
     if (written > 0) rest = rest.subspan(static_cast<size_t>(written));
+    outcome_ = rest.empty() ? flight::Written::kWhole : flight::Written::kFull;
     if (rest.empty() || stalled_) return rest;
     // A device that always says that it can be written, and takes nothing, would keep us busy.
     if (written <= 0 && ++tries_in_vain > kMostTriesInVain) return rest;

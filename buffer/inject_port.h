@@ -12,6 +12,7 @@
 #include "buffer/device_io.h"
 #include "buffer/packet_recorder.h"
 #include "kvox/common/kvox_packet.h"
+#include "kvox/flight/stream_log.h"
 #include "processors/block.h"
 
 namespace kvox {
@@ -53,12 +54,16 @@ class InjectPort {
  public:
   /// Takes over `fd`. `io` and `recorder` outlive the port.
   InjectPort(std::string name, std::string device_path, DeviceIo& io, PacketRecorder& recorder,
-             int fd);
+             int fd, flight::InjectLog log = flight::InjectLog());
   ~InjectPort();
   InjectPort(const InjectPort&) = delete;
   InjectPort& operator=(const InjectPort&) = delete;
 
   const std::string& name() const { return name_; }
+
+  /// What became of the packet that was sent last.
+  flight::Written outcome() const { return outcome_; }
+  const flight::InjectLog& log() const { return log_; }
 
   /// Where the payload of the next packet may be built; contains an earlier packet's.
   std::span<std::byte> PayloadArea(uint32_t size);
@@ -81,6 +86,8 @@ class InjectPort {
  private:
   int32_t Send(const KvoxPacketHeader& header, std::span<const std::byte> packet,
                SendPatience& patience);
+  int32_t Offer(const KvoxPacketHeader& header, std::span<const std::byte> packet,
+                SendPatience& patience);
   std::span<const std::byte> Write(std::span<const std::byte> packet, SendPatience& patience);
   void Reopen();
 
@@ -90,6 +97,8 @@ class InjectPort {
   PacketRecorder& recorder_;
   int fd_;  // -1 while the device cannot be reopened
   bool stalled_ = false;
+  flight::InjectLog log_;
+  flight::Written outcome_ = flight::Written::kNothing;
   const std::unique_ptr<std::byte[]> area_;
 
   enum class LastSent { kNothing, kInWorkArea, kInPlace, kGone };

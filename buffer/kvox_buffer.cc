@@ -11,10 +11,6 @@ namespace {
 
 constexpr unsigned kOpenRetries = 4;
 
-void LogOpenFailed(const std::string& path, int status, int error) {
-  LogError("Open %s failed, status %d, errno %d", path.c_str(), status, error);
-}
-
 }  // namespace
 
 KvoxBuffer::KvoxBuffer(std::string name, std::string device_path, uint32_t index, bool is_tapout,
@@ -143,7 +139,7 @@ int KvoxBuffer::OpenWithRetries() {
     const int error = errno;
     if (fd >= 0 || !AnotherTry(number, fd, error)) return fd;
     if (!WaitBeforeRetry()) {
-      LogOpenFailed(device_path_, fd, error);
+      ReportOpenFailed(fd, error);
       return fd;
     }
   }
@@ -155,8 +151,18 @@ bool KvoxBuffer::AnotherTry(unsigned number, int fd, int error) const {
     LogInfo("%s Attempting to reinitialize KVO interface, attempt %u\n", name_.c_str(), number + 1);
     return true;
   }
-  LogOpenFailed(device_path_, fd, error);
+  ReportOpenFailed(fd, error);
   return false;
+}
+
+void KvoxBuffer::ReportOpenFailed(int status, int error) const {
+  LogError("Open %s failed, status %d, errno %d", device_path_.c_str(), status, error);
+  Note("cannot be opened", error);
+}
+
+void KvoxBuffer::Note(const char* what, int error) const {
+  environment_.flight.Record(
+      {.kind = flight::EventKind::kStream, .subject = name_, .text = what, .status = error});
 }
 
 int KvoxBuffer::OpenDevice() const {
@@ -185,6 +191,7 @@ bool KvoxBuffer::WaitBeforeRetry() {
 bool KvoxBuffer::EnableDevice(int fd) {
   if (is_tapout_) {
     SetRxFormat({});
+    stream_slot_ = environment_.flight.OpenStream(name_);
     reader_ = std::make_unique<TapReader>(TapReaderLinks{.name = name_,
                                                          .device_path = device_path_,
                                                          .io = environment_.io,
@@ -193,17 +200,21 @@ bool KvoxBuffer::EnableDevice(int fd) {
                                                          .recorder = *capture_,
                                                          .log = environment_.io_log,
                                                          .wake = wake_,
-                                                         .gave_up = gave_up_},
+                                                         .gave_up = gave_up_,
+                                                         .flight = stream_slot_},
                                           fd);
     if (!reader_->Start()) {
-      reader_.reset();
+      EndReader();
       return false;
     }
     enabled_.store(true, std::memory_order_relaxed);
+    Note("on", 0);
     return true;
   }
+  Note("on", 0);
   enabled_.store(true, std::memory_order_relaxed);
-  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *capture_, fd));
+  SwapPort(std::make_shared<InjectPort>(name_, device_path_, environment_.io, *capture_, fd,
+                                        environment_.flight.OpenInject(name_)));
   return true;
 }
 
@@ -213,10 +224,12 @@ void KvoxBuffer::EndReader() {
   enabled_.store(false, std::memory_order_relaxed);
   reader_->Stop();
   reader_.reset();
+  environment_.flight.CloseStream(std::exchange(stream_slot_, nullptr));
   gave_up_.store(false, std::memory_order_relaxed);
 }
 
 void KvoxBuffer::DisableDevice() {
+  Note("off", 0);
   enabled_.store(false, std::memory_order_relaxed);
   if (is_tapout_) {
     EndReader();
@@ -257,6 +270,9 @@ void KvoxBuffer::SetRxFormat(const KvoxTapFormat& format) {
 }
 
 void KvoxBuffer::PublishRoutes(std::vector<Route> routes) {
+  std::string text = std::to_string(routes.size());
+  for (const Route& route : routes) text += route.port ? " " + route.port->name() : "";
+  environment_.flight.Record({.kind = flight::EventKind::kRoutes, .subject = name_, .text = text});
   const RxFormatCell::Value rx_format = rx_format_.Get();
   auto table = std::make_unique<RouteTable>();
   table->routes = std::move(routes);

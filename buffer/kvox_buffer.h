@@ -25,6 +25,7 @@
 #include "kvox/common/tap_format.h"
 #include "kvox/common/thread_group.h"
 #include "kvox/common/wake_event.h"
+#include "kvox/flight/flight_log.h"
 
 namespace kvox {
 
@@ -48,6 +49,7 @@ struct BufferEnvironment {
   LogTarget& io_log;  // for I/O threads; never waits
   BufferWiring& wiring;
   ThreadGroup& capture_threads;
+  flight::FlightLog& flight;
 };
 
 /// Status results are 0 for success and -1 for failure. Any thread but an I/O thread may call.
@@ -129,6 +131,8 @@ class KvoxBuffer {
   bool EnableDevice(int fd);
   int OpenWithRetries();
   int OpenDevice() const;
+  void ReportOpenFailed(int status, int error) const;
+  void Note(const char* what, int error) const;
   bool AnotherTry(unsigned number, int fd, int error) const;
   bool WaitBeforeRetry();
   void EndReader();
@@ -157,7 +161,8 @@ class KvoxBuffer {
   int disables_waiting_ GUARDED_BY(mutex_) = 0;  // for their turn to switch
   std::atomic<bool> abandoned_ = false;          // cannot be enabled; changes under the mutex
 
-  std::unique_ptr<TapReader> reader_;  // belongs to the thread that is switching
+  std::unique_ptr<TapReader> reader_;          // belongs to the thread that is switching
+  flight::StreamSlot* stream_slot_ = nullptr;  // the reader's
 
   Mutex routes_mutex_;  // a leaf lock: one publication at a time
 

@@ -59,7 +59,10 @@ class TapDevice final : public IoWaiter {
 
   bool WaitWritable(int fd, uint64_t deadline_ns) override;
   bool WaitReadable(int fd, uint64_t deadline_ns) override;
-  uint64_t NowNs() override { return links_.io.NowNs(); }
+  uint64_t NowNs() override { return last_ns_ = links_.io.NowNs(); }
+
+  /// When the clock was read last, by the reader or by a processor that waits with this object.
+  uint64_t last_ns() const { return last_ns_; }
 
  private:
   static constexpr int kPauseMs = 10;
@@ -77,6 +80,7 @@ class TapDevice final : public IoWaiter {
   std::atomic<bool> stopping_ = false;
   int handle_ = -1;
   int watch_ = -1;  // of handle_ and the wake event; -1 if not possible
+  uint64_t last_ns_ = 0;
   uint32_t waits_ = 0;
   uint32_t read_errors_ = 0;
   uint32_t wakes_in_vain_ = 0;  // in a row

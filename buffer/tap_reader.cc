@@ -14,11 +14,6 @@ namespace {
 constexpr uint32_t kJunkReadsBeforePause = 16;
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
-/// Only the thread counts, so load and store suffice.
-void Count(auto& counter) {
-  counter.store(counter.load(kRelaxed) + 1, kRelaxed);
-}
-
 }  // namespace
 
 TapReader::TapReader(const TapReaderLinks& links, int fd)
@@ -34,7 +29,8 @@ TapReader::TapReader(const TapReaderLinks& links, int fd)
               fd),
       areas_(std::make_unique<std::byte[]>(2 * kPacketMaxSize)),
       receive_area_(areas_.get(), kPacketMaxSize),
-      parser_(receive_area_, StreamParser::Area(areas_.get() + kPacketMaxSize, kPacketMaxSize)) {}
+      parser_(receive_area_, StreamParser::Area(areas_.get() + kPacketMaxSize, kPacketMaxSize)),
+      account_(links.flight) {}
 
 TapReader::~TapReader() {
   Stop();
@@ -67,23 +63,29 @@ void TapReader::Run() {
   stored_header_.magic = 0;
   stored_header_.version = 0;
   rx_format_serial_ = links_.rx_format.Get().serial;
+  account_.Begin();
   while (std::byte* const packet = NextPacket()) {
     KvoxPacketHeader header;
     std::memcpy(&header, packet, sizeof header);
     links_.recorder.Record(header, {packet + kPacketHeaderSize, header.payload_size});
-    if (device_.stopping()) break;
-
     const uint64_t now_ns = device_.NowNs();
-    if (!JudgeTiming(header, now_ns)) continue;
-    FollowStream(header);
-
-    const RoutePublisher::Use table(links_.routes);
-    FollowFormat(*table, header);
-    Dispatch(*table, header, packet, now_ns);
+    account_.Arrived(header, now_ns);
+    if (device_.stopping()) {
+      account_.Lose(flight::Loss::kSwitchedOff);
+    } else if (JudgeTiming(header, now_ns)) {
+      FollowStream(header);
+      const RoutePublisher::Use table(links_.routes);
+      FollowFormat(*table, header);
+      Dispatch(*table, header, packet, now_ns);
+    }
+    account_.Close();
   }
   KeepSentPackets();
   LogInfo("%s %s end", name_, "ioProcess");
-  if (!device_.stopping()) links_.gave_up.store(true, kRelaxed);
+  if (!device_.stopping()) {
+    account_.End();
+    links_.gave_up.store(true, kRelaxed);
+  }
   calls_.End();
 }
 
@@ -95,6 +97,7 @@ std::byte* TapReader::NextPacket() {
     const TapDevice::Outcome outcome = device_.Read(parser_.ReadArea(), size);
     if (outcome == TapDevice::Outcome::kEnd) return nullptr;
     if (outcome != TapDevice::Outcome::kBytes) {
+      account_.DeviceFailed();
       parser_.Resync();
       if (outcome == TapDevice::Outcome::kReopened && !StartOver()) return nullptr;
       continue;
@@ -102,6 +105,7 @@ std::byte* TapReader::NextPacket() {
     last_payload_ = nullptr;
     const StreamFindings findings = parser_.Consume(size);
     LogFindings(name_, findings);
+    account_.Read(findings, size);
     if (findings.next == StreamFindings::Next::kPacket) {
       junk_reads_ = 0;
       return findings.packet;
@@ -123,12 +127,9 @@ bool TapReader::StartOver() {
 
 /// False when the stream has slipped: drops this packet and resyncs.
 bool TapReader::JudgeTiming(const KvoxPacketHeader& header, uint64_t now_ns) {
-  statistics_.samples_per_packet.store(FrameCount(header.format, header.payload_size), kRelaxed);
-  statistics_.sample_rate.store(header.format.sample_rate, kRelaxed);
   const TimingVerdict verdict = judge_.Judge(now_ns, header.format, header.payload_size);
+  account_.Judged(verdict);
   LogTiming(name_, verdict.arrival, judge_.elapsed_ms());
-  if (verdict.arrival == TimingVerdict::Arrival::kEarly) Count(statistics_.early);
-  if (verdict.arrival == TimingVerdict::Arrival::kLate) Count(statistics_.late);
   if (verdict.slipped) parser_.Resync();
   return !verdict.slipped;
 }
@@ -144,10 +145,10 @@ void TapReader::FollowStream(const KvoxPacketHeader& header) {
             header.payload_size);
   }
   previous_payload_size_ = header.payload_size;
-  Count(statistics_.packets);
+  ++packets_;
   const uint32_t interval = ReportInterval(header.format, header.payload_size);
   const bool punctual = judge_.last() == TimingVerdict::Arrival::kOnTime;
-  if (statistics_.packets.load(kRelaxed) % interval != 0 && punctual) return;
+  if (packets_ % interval != 0 && punctual) return;
   LogInfo("%s: RX packet_num:%u payload_sz:%u period:%g ms", name_, header.packet_num,
           header.payload_size, static_cast<double>(judge_.elapsed_ms()));
   if (links_.recorder.recording()) {
@@ -176,6 +177,7 @@ void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header
     if (begin_ns == 0) begin_ns = device_.NowNs();
     OutputArea area(route.port ? route.port->PayloadArea(header.payload_size)
                                : std::span<std::byte>());
+    const uint64_t route_begin_ns = begin_ns;
     const BlockResult result =
         route.processor->ProcessBlock({.audio = payload,
                                        .format = stored_header_.format,
@@ -185,11 +187,23 @@ void TapReader::Dispatch(const RouteTable& table, const KvoxPacketHeader& header
                                        .state = route.state.get(),
                                        .waiter = device_},
                                       route.port ? &area : nullptr);
+    if (device_.last_ns() == route_begin_ns) device_.NowNs();  // the processor did not look
+    account_.Processed(*route.processor, result, device_.last_ns() - route_begin_ns, WhyEnded());
     if (result.status != 0) {
       LogError("%s %s: ProcessBlock returned status %d", name_, "ioProcess", result.status);
     }
     if (route.port) Send(route, result, area, header, packet, patience);
+    account_.RouteDone();
   }
+  const bool unused = table.routes.empty() && !links_.recorder.recording();
+  if (unused) account_.Lose(flight::Loss::kNoRoute);
+  account_.Dispatched(device_.NowNs());
+}
+
+/// What has ended waits inside this packet; kNone for nothing.
+flight::Loss TapReader::WhyEnded() const {
+  if (device_.stopping()) return flight::Loss::kSwitchedOff;
+  return links_.routes.Superseded() ? flight::Loss::kRewired : flight::Loss::kNone;
 }
 
 void TapReader::Send(const Route& route, const BlockResult& result, OutputArea& area,
@@ -205,8 +219,8 @@ void TapReader::Send(const Route& route, const BlockResult& result, OutputArea& 
     area.Data();  // silence, where the processor wrote nothing
     status = route.port->SendBuilt(outgoing, patience);
   }
+  account_.Sent(*route.port, WhyEnded());
   if (status != kPortOk) {
-    Count(statistics_.write_errors);
     LogError("%s: %s writePacketToKvo returned status %d", route.port->name().c_str(), "ioProcess",
              status);
   }

@@ -15,6 +15,7 @@
 
 #include "buffer/device_io.h"
 #include "buffer/io_thread_call.h"
+#include "buffer/packet_account.h"
 #include "buffer/packet_recorder.h"
 #include "buffer/route_table.h"
 #include "buffer/rx_format.h"
@@ -36,17 +37,8 @@ struct TapReaderLinks {
   PacketRecorder& recorder;
   LogTarget& log;  // takes lines without waiting
   WakeEvent& wake;
-  std::atomic<bool>& gave_up;  // set when the thread ends though nobody has stopped it
-};
-
-/// Counters since the thread started. Any thread may read them.
-struct RxStatistics {
-  std::atomic<uint64_t> packets = 0;
-  std::atomic<uint32_t> late = 0;
-  std::atomic<uint32_t> early = 0;
-  std::atomic<uint32_t> write_errors = 0;  // packets that an inject buffer did not take
-  std::atomic<uint32_t> samples_per_packet = 0;
-  std::atomic<uint32_t> sample_rate = 0;
+  std::atomic<bool>& gave_up;            // set when the thread ends though nobody has stopped it
+  flight::StreamSlot* flight = nullptr;  // null: packets are not recorded
 };
 
 class TapReader {
@@ -69,8 +61,6 @@ class TapReader {
   /// one at a time.
   bool CopyArea(InjectPort* port, std::vector<std::byte>& copy);
 
-  const RxStatistics& statistics() const { return statistics_; }
-
  private:
   // All below: RT, on the thread.
   std::byte* NextPacket();
@@ -80,6 +70,7 @@ class TapReader {
   void FollowFormat(const RouteTable& table, const KvoxPacketHeader& header);
   void Dispatch(const RouteTable& table, const KvoxPacketHeader& header, std::byte* packet,
                 uint64_t arrived_ns);
+  flight::Loss WhyEnded() const;
   void Send(const Route& route, const BlockResult& result, OutputArea& area,
             const KvoxPacketHeader& header, std::byte* packet, SendPatience& patience);
   void KeepSentPackets();
@@ -87,7 +78,6 @@ class TapReader {
   const TapReaderLinks links_;
   const char* const name_;
   std::thread thread_;
-  RxStatistics statistics_;
   IoThreadCall calls_;
 
   // The thread's own.
@@ -96,10 +86,12 @@ class TapReader {
   const StreamParser::Area receive_area_;
   StreamParser parser_;
   TimingJudge judge_;
+  PacketAccount account_;
   KvoxPacketHeader stored_header_;
   uint32_t rx_format_serial_ = 0;
   uint32_t junk_reads_ = 0;                  // since the last packet
   const std::byte* last_payload_ = nullptr;  // dispatched last; null once it has been overwritten
+  uint64_t packets_ = 0;                     // that were not dropped, since the thread began
   uint32_t previous_number_ = 0;
   uint32_t previous_payload_size_ = 0;
 };

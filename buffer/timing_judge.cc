@@ -11,6 +11,8 @@ namespace {
 constexpr double kEarlyBelow = 0.75;  // of the nominal period
 constexpr double kLateAbove = 1.25;
 constexpr int kSlipAfter = 2;
+constexpr uint64_t kNsPerSecond = 1'000'000'000;
+constexpr uint64_t kNsPerMs = 1'000'000;
 constexpr uint32_t kUntimedInterval = 100;
 
 }  // namespace
@@ -29,11 +31,14 @@ uint32_t ReportInterval(const KvoxTapFormat& format, uint32_t payload_size) {
 TimingVerdict TimingJudge::Judge(uint64_t now_ns, const KvoxTapFormat& format,
                                  uint32_t payload_size) {
   TimingVerdict verdict;
-  if (seen_any_ && IsTimed(format, payload_size)) {
-    const uint64_t period_ms =
-        uint64_t{FrameCount(format, payload_size)} * 1000 / format.sample_rate;
+  const bool timed = IsTimed(format, payload_size);
+  if (timed) {
+    verdict.period_ns =
+        uint64_t{FrameCount(format, payload_size)} * kNsPerSecond / format.sample_rate;
+  }
+  if (seen_any_ && timed) {
     elapsed_ms_ = static_cast<float>(static_cast<double>(now_ns - previous_ns_) * 1e-6);
-    verdict.arrival = Compare(static_cast<uint32_t>(period_ms));
+    verdict.arrival = Compare(static_cast<uint32_t>(verdict.period_ns / kNsPerMs));
     switch (verdict.arrival) {
       case TimingVerdict::Arrival::kOnTime:
         drift_ = 0;

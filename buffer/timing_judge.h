@@ -7,14 +7,16 @@
 #include <cstdint>
 
 #include "kvox/common/tap_format.h"
+#include "kvox/flight/layout.h"
 
 namespace kvox {
 
 struct TimingVerdict {
-  enum class Arrival { kOnTime, kEarly, kLate };
+  using Arrival = flight::Arrival;
   Arrival arrival = Arrival::kOnTime;  // also for packets that cannot be timed
   /// The second early or late packet in a row: drop it and resynchronise.
   bool slipped = false;
+  uint64_t period_ns = 0;  // nominal; 0 when it has none
 };
 
 class TimingJudge {

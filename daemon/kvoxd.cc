@@ -8,10 +8,13 @@
 
 #include <chrono>
 #include <cstdio>
+#include <system_error>
 #include <thread>
 
+#include "daemon/command_text.h"
 #include "interface/service_name.h"
 #include "kvox/common/device_names.h"
+#include "kvox/common/fixed_text.h"
 #include "kvox/common/kvox_utils.h"
 #include "kvox/common/log.h"
 #include "platform/platform.h"
@@ -37,6 +40,24 @@ class StartupClock : public RecoveryClock {
   Wake WaitForArrivals(TimePoint) override { return Wake::kStopping; }
 };
 
+const char* TextOf(DeviceEvent::Kind kind) {
+  switch (kind) {
+    case DeviceEvent::Kind::kArrived:
+      return "arrived";
+    case DeviceEvent::Kind::kLeft:
+      return "left";
+    case DeviceEvent::Kind::kAllGone:
+      return "events were lost: all devices are scanned anew";
+    case DeviceEvent::Kind::kDirectoryGone:
+      return "the device directory is gone";
+    case DeviceEvent::Kind::kRightsChanged:
+      return "has other rights";
+    case DeviceEvent::Kind::kOpened:
+      return "opened";
+  }
+  return "";
+}
+
 bool Exists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
 }
@@ -55,12 +76,31 @@ Kvoxd::Kvoxd()
       io_log_(SystemLog()) {
   puts("Kvoxd start");
   fflush(stdout);
+  StartFlightLog();
   if (Exists(device_directory_ + "/" + kMarkerDevice) && Exists(control_path_)) control_.Open();
 }
 
 Kvoxd::~Kvoxd() {
   puts("Kvoxd stop");
   control_.Close();
+  flight_.Stop();
+  if (sampler_.joinable()) sampler_.join();
+}
+
+void Kvoxd::StartFlightLog() {
+  std::string error;
+  const std::string directory = FlightDirectory(&error);
+  if (error.empty()) error = flight_.MoveToFile(directory, "kvoxd " KVOX_VERSION);
+  if (!error.empty()) LogWarning("Running without a flight log: %s", error.c_str());
+  flight_.Record({.kind = flight::EventKind::kDaemon, .subject = "kvoxd", .text = "started"});
+  try {
+    sampler_ = std::thread([this] {
+      SetThreadName("kvox-sampler");
+      while (flight_.WaitToSample()) flight_.Sample();
+    });
+  } catch (const std::system_error& failure) {
+    LogWarning("The flight log has no scheduling delays: %s", failure.what());
+  }
 }
 
 void Kvoxd::BinderThread(int) {
@@ -71,6 +111,7 @@ void Kvoxd::BinderThread(int) {
       ServiceEnvironment{.link = *this,
                          .io = SystemDeviceIo(),
                          .io_log = io_log_,
+                         .flight = flight_,
                          .device_directory = device_directory_,
                          .call_waits = CallWaits},
       startup);
@@ -123,6 +164,8 @@ void Kvoxd::_signal_handler(evutil_socket_t, short, void* daemon) {
 }
 
 void Kvoxd::HandleDeviceEvent(const DeviceEvent& event) {
+  flight_.Record(
+      {.kind = flight::EventKind::kDevice, .subject = event.name, .text = TextOf(event.kind)});
   const bool control = event.name == kControlDevice;
   switch (event.kind) {
     case DeviceEvent::Kind::kArrived:
@@ -169,7 +212,17 @@ void Kvoxd::OpenControlLate() {
 }
 
 int32_t Kvoxd::SendKvoxCommand(uint16_t opcode, CMD_HDR* record, size_t size) {
-  return control_.Exchange(opcode, record, size);
+  const CommandText text(opcode, *record);
+  const uint64_t begin_ns = GetTimestampNs();
+  const int32_t status = control_.Exchange(opcode, record, size);
+  const bool asks = opcode == CMD_KVOX_TAP_LIST_ID || opcode == CMD_TAP_INFO_ID;
+  if (status == 0 && asks) return status;  // they come by the dozen, and change nothing
+  flight_.Record({.kind = flight::EventKind::kExchange,
+                  .subject = text.tap,
+                  .text = text.action,
+                  .status = status,
+                  .duration_ns = GetTimestampNs() - begin_ns});
+  return status;
 }
 
 void Kvoxd::UpdateWakeLock(bool needed) {

@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "daemon/control_channel.h"
 #include "daemon/device_watch.h"
 #include "kvox/common/log_ring.h"
+#include "kvox/flight/flight_log.h"
 #include "service/coprocessor_link.h"
 #include "service/device_event.h"
 
@@ -38,6 +40,7 @@ class Kvoxd : public CoprocessorLink {
   static void _signal_handler(evutil_socket_t, short, void* daemon);
   static void _open_control_cb(evutil_socket_t, short, void* daemon);
 
+  void StartFlightLog();
   void HandleDeviceEvent(const DeviceEvent& event);
   void OpenArrivedControl();
   void OpenControlLate();
@@ -46,6 +49,8 @@ class Kvoxd : public CoprocessorLink {
   const std::string control_path_;
   ControlChannel control_;
   DeferredLog io_log_;
+  flight::FlightLog flight_;
+  std::thread sampler_;          // of the flight log
   bool wake_lock_held_ = false;  // callers of UpdateWakeLock take turns
 
   // The event thread's.

@@ -21,6 +21,13 @@ std::vector<HelpRow> ClientVariables();
 /// Where the co-processor's devices are, without a slash at the end. Any thread.
 const std::string& DeviceDirectory();
 
+/// Where the flight log is written: exists when this returns. Otherwise sets `error` to the cause
+/// and the next step. Any thread.
+std::string FlightDirectory(std::string* error);
+
+/// Where clients look for it, in this order. Any thread.
+std::vector<std::string> FlightDirectories();
+
 /// A call that waits for a device rather than works says so, on its thread: until it waits no
 /// longer, the platform may serve another call in its place. Nested pairs count as one. Any thread.
 void CallWaits(bool waits);

@@ -23,12 +23,14 @@ BlockResult AudioRelayProcessor::ProcessBlock(const Block& block, OutputArea* ou
   const bool passes = IsEnabled() && !restarting_.load(std::memory_order_relaxed);
   if (!passes || state == nullptr || !state->stream || block.audio.empty()) return {};
   const MeasuredBlock measured(stats(), block);
-  return {.status = IsTelephony() ? ProcessBlockForTelephony(block, *state, out)
-                                  : ProcessBlockGeneric(block, *state, out)};
+  BlockResult result;
+  result.status = IsTelephony() ? ProcessBlockForTelephony(block, *state, out, result)
+                                : ProcessBlockGeneric(block, *state, out, result);
+  return result;
 }
 
 int32_t AudioRelayProcessor::ProcessBlockForTelephony(const Block& block, const RelayState& state,
-                                                      OutputArea* out) {
+                                                      OutputArea* out, BlockResult& result) {
   constexpr const char* kName = "ProcessBlockForTelephony";
   const RelayStream& stream = *state.stream;
   const KvoxTapFormat& tap = block.format;
@@ -48,14 +50,14 @@ int32_t AudioRelayProcessor::ProcessBlockForTelephony(const Block& block, const 
     return -1;
   }
   if (!state.client) return 0;
-  auto delivery = RelayClient::Delivery::kBusy;
+  auto delivery = Delivery::kBusy;
   if (const auto slot = state.client->Slot(mono_size); !slot.empty()) {
     TakeFirstChannel(block.audio, tap.channels, slot);
     delivery = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
   }
-  CountMissed(delivery, block.waiter.NowNs());
+  Note(delivery, block, result);
   // A late client loses what it would have sent for this block, not what it has sent before.
-  if (delivery == RelayClient::Delivery::kRefused || out == nullptr) return 0;
+  if (delivery == Delivery::kRefused || out == nullptr) return 0;
   const std::span<const std::byte> sent = state.stream->sent.Take();
   if (sent.empty()) return 0;
   SpreadOverChannels(sent.first(mono_size), tap.channels, {out->Data(), out->size()});
@@ -63,7 +65,7 @@ int32_t AudioRelayProcessor::ProcessBlockForTelephony(const Block& block, const 
 }
 
 int32_t AudioRelayProcessor::ProcessBlockGeneric(const Block& block, const RelayState& state,
-                                                 OutputArea* out) {
+                                                 OutputArea* out, BlockResult& result) {
   constexpr const char* kName = "ProcessBlockGeneric";
   const RelayStream& stream = *state.stream;
   const KvoxTapFormat& tap = block.format;
@@ -82,14 +84,14 @@ int32_t AudioRelayProcessor::ProcessBlockGeneric(const Block& block, const Relay
     return -1;
   }
   if (state.client) {
-    auto delivery = RelayClient::Delivery::kBusy;
+    auto delivery = Delivery::kBusy;
     if (const auto slot = state.client->Slot(block.audio.size()); !slot.empty()) {
       ToInterleaved(block.audio, tap, slot);
       const uint32_t frames = FrameCount(tap, static_cast<uint32_t>(block.audio.size()));
       delivery = state.client->Deliver(stream.shape, block.waiter, Deadline(block, frames));
     }
-    CountMissed(delivery, block.waiter.NowNs());
-    if (delivery == RelayClient::Delivery::kRefused) {
+    Note(delivery, block, result);
+    if (delivery == Delivery::kRefused) {
       LogError("%s %s: receive_audio_callback_->ReceiveAudio fail", kName, id_text());
     }
   }
@@ -102,9 +104,12 @@ int32_t AudioRelayProcessor::ProcessBlockGeneric(const Block& block, const Relay
   return 0;
 }
 
-void AudioRelayProcessor::CountMissed(RelayClient::Delivery delivery, uint64_t now_ns) {
-  const bool missed =
-      delivery == RelayClient::Delivery::kLate || delivery == RelayClient::Delivery::kBusy;
+/// What the client made of the block.
+void AudioRelayProcessor::Note(Delivery delivery, const Block& block, BlockResult& result) {
+  const uint64_t now_ns = block.waiter.NowNs();
+  result.delivery = delivery;
+  if (delivery != Delivery::kBusy) result.client_ns = now_ns - block.begin_ns;
+  const bool missed = delivery == Delivery::kLate || delivery == Delivery::kBusy;
   if (missed) missed_.Count();
   if (const uint32_t blocks = missed_.TakeDue(now_ns)) ReportMissed(blocks);
 }

@@ -80,9 +80,11 @@ class AudioRelayProcessor : public KvoxProcessor {
   void FollowCallback(uint64_t owner);
 
   // RT.
-  int32_t ProcessBlockForTelephony(const Block& block, const RelayState& state, OutputArea* out);
-  int32_t ProcessBlockGeneric(const Block& block, const RelayState& state, OutputArea* out);
-  void CountMissed(RelayClient::Delivery delivery, uint64_t now_ns);
+  int32_t ProcessBlockForTelephony(const Block& block, const RelayState& state, OutputArea* out,
+                                   BlockResult& result);
+  int32_t ProcessBlockGeneric(const Block& block, const RelayState& state, OutputArea* out,
+                              BlockResult& result);
+  void Note(Delivery delivery, const Block& block, BlockResult& result);
   void ReportMissed(uint32_t blocks) const;
   void ReportCut(uint32_t blocks) const;
 

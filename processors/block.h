@@ -56,10 +56,22 @@ class OutputArea {
   bool zeroed_ = false;
 };
 
+/// What the processor's client did with a block.
+enum class Delivery : uint8_t {
+  kNone,  // there is no client
+  kAccepted,
+  kRefused,      // also by a client that has died
+  kLate,         // no reply in time; a later one is ignored
+  kBusy,         // still busy with an earlier block: this one was not delivered
+  kInterrupted,  // the I/O thread was needed elsewhere
+};
+
 /// The result of processing a block.
 struct BlockResult {
   int32_t status = 0;            // 0, or the processor's error
   bool output_is_input = false;  // send the input unchanged; the output area was not used
+  Delivery delivery = Delivery::kNone;
+  uint64_t client_ns = 0;  // from begin_ns until the client had done with the block
 };
 
 }  // namespace kvox

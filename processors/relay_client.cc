@@ -35,8 +35,8 @@ std::span<std::byte> RelayClient::Slot(size_t size) {
   return std::as_writable_bytes(std::span<uint8_t>(packet_.data));
 }
 
-RelayClient::Delivery RelayClient::Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter,
-                                           uint64_t deadline_ns) {
+Delivery RelayClient::Deliver(const IKvox::AudioPacket& shape, IoWaiter& waiter,
+                              uint64_t deadline_ns) {
   if (state_.load(std::memory_order_acquire) == State::kFull) return Delivery::kBusy;
   packet_.processor_id = shape.processor_id;
   packet_.sampleRate = shape.sampleRate;

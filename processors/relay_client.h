@@ -20,14 +20,6 @@ using aidl::kvox::IKvox;
 
 class RelayClient : public std::enable_shared_from_this<RelayClient> {
  public:
-  enum class Delivery {
-    kAccepted,
-    kRefused,      // also by a client that has died
-    kLate,         // no reply in time; a later one is ignored
-    kBusy,         // still busy with an earlier block: this one was not delivered
-    kInterrupted,  // the I/O thread was needed elsewhere
-  };
-
   /// The client and its thread, which ends after Stop(). `owner` is its owner in `threads`.
   /// `thread` is the number of the thread that calls the client before this one, 0 for none: where
   /// there is no room for another, it calls this client once its last call has returned. It becomes

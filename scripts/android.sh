@@ -36,7 +36,7 @@ compile() {
     -include-pch common.pch)
 }
 
-mapfile -t daemon < <(find kvox/common platform/android processors buffer service daemon -name '*.cc')
+mapfile -t daemon < <(find kvox/common kvox/flight platform/android processors buffer service daemon -name '*.cc')
 mapfile -t client < <(find client kvox/sound -name '*.cc')
 tests=(tests/{common,processors,buffer,service,daemon}/*_test.cc)
 tests=("${tests[@]/tests\/buffer\/realtime_test.cc/}") # not for phones, see Android.bp

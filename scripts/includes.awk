@@ -3,7 +3,7 @@
 
 # Headers generated from the interface's contract are included as aidl/kvox/….
 function folder(path) {
-  if (match(path, /^(kvox\/(common|sound|toml)|platform\/(linux|android))\//)) return substr(path, 1, RLENGTH - 1)
+  if (match(path, /^(kvox\/(common|flight|sound|toml)|platform\/(linux|android))\//)) return substr(path, 1, RLENGTH - 1)
   if (path ~ /^aidl\/kvox\//) return "interface"
   sub(/\/.*/, "", path)
   return path

@@ -19,7 +19,8 @@ KvoxService* instance GUARDED_BY(instance_mutex) = nullptr;
 }  // namespace
 
 KvoxService::KvoxService(const ServiceEnvironment& environment, RecoveryClock& startup)
-    : call_waits_(environment.call_waits),
+    : flight_(environment.flight),
+      call_waits_(environment.call_waits),
       taps_(environment.link, inventory_, saved_, wiring_),
       io_(environment.link, inventory_, saved_, wiring_),
       recovery_({.device_directory = environment.device_directory,
@@ -28,7 +29,8 @@ KvoxService::KvoxService(const ServiceEnvironment& environment, RecoveryClock& s
                  .buffers = {.io = environment.io,
                              .io_log = environment.io_log,
                              .wiring = wiring_,
-                             .capture_threads = capture_threads_},
+                             .capture_threads = capture_threads_,
+                             .flight = flight_},
                  .inventory = inventory_,
                  .saved = saved_,
                  .wiring = wiring_,
@@ -59,6 +61,13 @@ int KvoxService::WaitForServiceReady() {
 void KvoxService::DispatchDeviceEvent(const DeviceEvent& event) {
   MutexLock lock(instance_mutex);
   if (instance != nullptr) instance->HandleDeviceEvent(event);
+}
+
+void KvoxService::EndUseCaseOf(std::shared_ptr<const KvoxProcessor> relay) {
+  flight_.Record({.kind = flight::EventKind::kClient,
+                  .subject = relay->id_text(),
+                  .text = flight::kClientDied});
+  use_cases_.EndUseCaseOf(std::move(relay));
 }
 
 KvoxService::Status KvoxService::Ping() {

@@ -23,6 +23,7 @@
 #include "kvox/common/mutex.h"
 #include "kvox/common/thread_group.h"
 #include "processors/processor_host.h"
+#include "service/command_note.h"
 #include "service/coprocessor_link.h"
 #include "service/device_event.h"
 #include "service/device_scan.h"
@@ -46,6 +47,7 @@ struct ServiceEnvironment {
   CoprocessorLink& link;
   DeviceIo& io;
   LogTarget& io_log;
+  flight::FlightLog& flight;
   std::string device_directory;
   std::function<DeviceScan(const std::string& directory)> scan = ScanDataDevices;
   RecoveryRun::Starter start_recovery = RecoveryThread::Start;
@@ -155,6 +157,14 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   Status RunWaiting(CommandResult* result, Command command) {
     return Run(result, [&](Report& report) { Wait([&] { command(report); }); });
   }
+  /// The same for one that changes something: the flight log keeps it.
+  template <typename Command>
+  Status RunChange(CommandResult* result, Command command) {
+    return RunWaiting(result, [&](Report& report) {
+      const CommandNote note(flight_, report);
+      command(report);
+    });
+  }
   template <typename Work>
   void Wait(Work work) {
     call_waits_(true);
@@ -190,9 +200,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   void BlockStateChanged(const KvoxProcessor& processor) override {
     wiring_.BlockStateChanged(processor);
   }
-  void EndUseCaseOf(std::shared_ptr<const KvoxProcessor> relay) override {
-    use_cases_.EndUseCaseOf(std::move(relay));
-  }
+  void EndUseCaseOf(std::shared_ptr<const KvoxProcessor> relay) override;
   ThreadGroup& client_threads() override { return client_threads_; }
   ByteBudget& sent_audio_budget() override { return sent_audio_budget_; }
 
@@ -201,6 +209,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   ThreadGroup client_threads_{kMaxClientThreads, kMaxThreadsOfClient};
   ByteBudget sent_audio_budget_{kMaxSentAudioBytes};
 
+  flight::FlightLog& flight_;
   const std::function<void(bool)> call_waits_;
 
   Mutex stats_limit_mutex_;  // one request for statistics entries at a time

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "kvox/common/fixed_text.h"
+#include "kvox/common/kvox_utils.h"
 #include "kvox/common/log.h"
 #include "service/recovery.h"
 
@@ -41,10 +43,19 @@ void Recovery::Restore(const RecoveryClock& clock, const RestorePlan& plan,
     }
   };
   unfinished.everything = false;
+  const uint64_t begin_ns = GetTimestampNs();
   RestoreTaps(clock, plan.taps, unfinished);
   restore(plan.processors, [&](FourCc id) { links_.wiring.Restore(id); });
   restore(plan.buffers, [&](const std::string& name) { RestoreBuffer(clock, name, unfinished); });
   links_.io.UpdateWakeLock();
+  links_.buffers.flight.Record(
+      {.kind = flight::EventKind::kRecovery,
+       .subject = "restored",
+       .text = FormatText<96>("%zu taps, %zu processors, %zu buffers; unfinished: %zu taps, %zu "
+                              "buffers",
+                              plan.taps.size(), plan.processors.size(), plan.buffers.size(),
+                              unfinished.taps.size(), unfinished.openings.size()),
+       .duration_ns = GetTimestampNs() - begin_ns});
 }
 
 /// After the first one without a reply, the others wait for their retry: a mute co-processor, half

@@ -44,6 +44,12 @@ uint64_t GetTimestampNs() {
                                static_cast<double>(now.tv_nsec));
 }
 
+uint64_t WallClockNs() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
 int RealtimePriority() {
   return sched_get_priority_max(SCHED_FIFO);
 }

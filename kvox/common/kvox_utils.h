@@ -23,6 +23,9 @@ uint32_t BitsPerSampleToEnum(unsigned int bits);
 /// precision, so exact up to 104 days of uptime and rounded beyond.
 uint64_t GetTimestampNs();
 
+/// Nanoseconds since 1970, as the system's clock has it.
+uint64_t WallClockNs();
+
 /// The priority that SetThreadRealtimePriority() requests.
 int RealtimePriority();
 

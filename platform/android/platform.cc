@@ -2,7 +2,15 @@
 // manager creates the nodes in /dev.
 #include "platform/platform.h"
 
+#include <linux/magic.h>
+#include <sys/vfs.h>
+
 namespace kvox {
+namespace {
+
+constexpr char kFlightDirectory[] = "/data/vendor/kvox/flight";
+
+}  // namespace
 
 void PreparePlatform() {}
 
@@ -17,6 +25,20 @@ std::vector<HelpRow> ClientVariables() {
 const std::string& DeviceDirectory() {
   static const auto* const directory = new std::string("/dev");
   return *directory;
+}
+
+/// Made by the daemon's init script. On a disk the packet path would wait for its pages.
+std::string FlightDirectory(std::string* error) {
+  struct statfs status;
+  if (statfs(kFlightDirectory, &status) != 0 || status.f_type != TMPFS_MAGIC) {
+    *error = std::string(kFlightDirectory) +
+             " is no memory file system; see in the kernel's log why init could not mount it";
+  }
+  return kFlightDirectory;
+}
+
+std::vector<std::string> FlightDirectories() {
+  return {kFlightDirectory};
 }
 
 /// The platform's pool has no places to lend.

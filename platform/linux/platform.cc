@@ -32,4 +32,14 @@ const std::string& DeviceDirectory() {
   return *directory;
 }
 
+std::string FlightDirectory(std::string* error) {
+  std::string directory;
+  binder::PrepareRuntimeDirectory(&directory, error);
+  return directory;
+}
+
+std::vector<std::string> FlightDirectories() {
+  return binder::LookupDirectories();
+}
+
 }  // namespace kvox

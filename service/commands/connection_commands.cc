@@ -40,14 +40,14 @@ std::string IdsOf(const std::vector<ProcessorPtr>& processors) {
 
 KvoxService::Status KvoxService::Connect(int32_t processor, int32_t tapout, int32_t inject,
                                          CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     wiring_.Connect(static_cast<FourCc>(processor), tapout, inject, report);
   });
 }
 
 KvoxService::Status KvoxService::ConnectTap(int32_t core, int32_t tap, int32_t index,
                                             int32_t tapout, int32_t inject, CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     taps_.Bind({core, static_cast<FourCc>(tap), index}, tapout, inject, report);
   });
 }

@@ -108,6 +108,7 @@ void KvoxService::DebugCapture(const Words& args, Report& report) {
     if (stop) std::erase_if(buffers, [](const auto& b) { return !b->capture().recording(); });
     if (buffers.empty()) report.Push(stop ? "No capture running" : "No buffers");
   }
+  const flight::CallerScope caller(CallingProcess());
   const std::string prefix = args.size() > 3 ? args[3] : kDefaultPrefix;
   for (const BufferPtr& buffer : buffers) {
     const std::string file = all ? prefix + "_" + buffer->name() + ".wav" : prefix;
@@ -117,6 +118,10 @@ void KvoxService::DebugCapture(const Words& args, Report& report) {
     if (status != 0) report.status = StatusCode::kError;
     LogTagged(status == 0 ? LogPriority::kInfo : LogPriority::kError, "kvox", "%s",
               message.c_str());
+    flight_.Record({.kind = flight::EventKind::kCapture,
+                    .subject = buffer->name(),
+                    .text = message,
+                    .status = status});
     report.Push(message);
   }
 }

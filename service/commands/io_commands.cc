@@ -8,11 +8,11 @@
 namespace kvox {
 
 KvoxService::Status KvoxService::StartIo(int32_t tapout, CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) { io_.Switch(true, tapout, report); });
+  return RunChange(result, [&](Report& report) { io_.Switch(true, tapout, report); });
 }
 
 KvoxService::Status KvoxService::StopIo(int32_t tapout, CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) { io_.Switch(false, tapout, report); });
+  return RunChange(result, [&](Report& report) { io_.Switch(false, tapout, report); });
 }
 
 /// Any failure of `operation` is an error.
@@ -39,7 +39,11 @@ KvoxService::Status KvoxService::RegisterReceiveAudioCallback(
     int32_t id, const std::shared_ptr<IKvox::IReceiveAudioCallback>& callback,
     CommandResult* result) {
   return OnProcessor(id, result, [&](KvoxProcessor& processor) {
+    const flight::CallerScope caller(CallingProcess());
     processor.RegisterReceiveAudioCallback(callback);
+    flight_.Record({.kind = flight::EventKind::kClient,
+                    .subject = processor.id_text(),
+                    .text = callback ? "receives the audio" : "no longer receives the audio"});
     return true;
   });
 }

@@ -41,7 +41,7 @@ StatusCode Code(int32_t parameter_status) {
 
 KvoxService::Status KvoxService::SetParameter(int32_t id, ParameterId parameter, int32_t element,
                                               const Value& value, CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     std::string text = "SetParameter" + Describe(id, parameter, element);
     LogInfo("%s", text.c_str());
     const ProcessorPtr processor = inventory_.FindProcessor(static_cast<FourCc>(id));
@@ -100,7 +100,7 @@ KvoxService::Status KvoxService::GetParameter(int32_t id, ParameterId parameter,
 KvoxService::Status KvoxService::SetParameterBulk(int32_t id, const std::vector<Pair>& pairs,
                                                   const std::vector<Value>&,
                                                   CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     const std::string text = DescribeBulk("SetParameterBulk", id, pairs);
     LogInfo("%s", text.c_str());
     if (!TooManyPairs("SetParameterBulk", pairs, report)) report.End("SetParameterBulk", text);

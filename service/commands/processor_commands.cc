@@ -9,14 +9,10 @@
 #include "processors/passthru_processor.h"
 #include "processors/phone_booth_processor.h"
 #include "service/kvox_service.h"
+#include "service/processor_kinds.h"
 
 namespace kvox {
 namespace {
-
-struct ProcessorKind {
-  FourCc type;
-  ProcessorPtr (*make)(FourCc id, ProcessorHost& host);
-};
 
 template <typename Kind>
 ProcessorPtr Make(FourCc id, ProcessorHost&) {
@@ -28,15 +24,9 @@ ProcessorPtr Make<AudioRelayProcessor>(FourCc id, ProcessorHost& host) {
   return AudioRelayProcessor::Create(id, host);
 }
 
-constexpr ProcessorKind kKinds[] = {
-    {PassthruProcessor::kType, Make<PassthruProcessor>},
-    {AudioRelayProcessor::kType, Make<AudioRelayProcessor>},
-    {PhoneBoothProcessor::kType, Make<PhoneBoothProcessor>},
-};
-
 /// Null for an unknown type.
 ProcessorPtr MakeProcessor(FourCc id, FourCc type, ProcessorHost& host) {
-  for (const ProcessorKind& kind : kKinds) {
+  for (const ProcessorKind& kind : ProcessorKinds()) {
     if (kind.type == type) return kind.make(id, host);
   }
   return nullptr;
@@ -50,10 +40,19 @@ constexpr char kNotFound[] = "Kvox processor not found";
 
 }  // namespace
 
+std::vector<ProcessorKind>& ProcessorKinds() {
+  static std::vector<ProcessorKind> kinds = {
+      {PassthruProcessor::kType, Make<PassthruProcessor>},
+      {AudioRelayProcessor::kType, Make<AudioRelayProcessor>},
+      {PhoneBoothProcessor::kType, Make<PhoneBoothProcessor>},
+  };
+  return kinds;
+}
+
 KvoxService::Status KvoxService::ListSupportedProcessors(CommandResult* result) {
   return Run(result, [](Report& report) {
     std::string text = "Supported Kvox processors: ";
-    for (const ProcessorKind& kind : kKinds) text += ToString(kind.type) + " ";
+    for (const ProcessorKind& kind : ProcessorKinds()) text += ToString(kind.type) + " ";
     report.End("ListSupportedProcessors", text);
   });
 }
@@ -80,7 +79,7 @@ KvoxService::Status KvoxService::NewProcessor(int32_t id, CommandResult* result)
 
 KvoxService::Status KvoxService::NewProcessorWithType(int32_t id_number, int32_t type_number,
                                                       CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     const auto id = static_cast<FourCc>(id_number);
     const auto type = static_cast<FourCc>(type_number);
     const std::string name = ToString(id);
@@ -105,7 +104,7 @@ KvoxService::Status KvoxService::NewProcessorWithType(int32_t id_number, int32_t
 }
 
 KvoxService::Status KvoxService::DeleteProcessor(int32_t id_number, CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     const auto id = static_cast<FourCc>(id_number);
     const std::string name = ToString(id);
     report.Begin(FormatText<64>("Deleting processor '%s'", name.c_str()));
@@ -134,7 +133,7 @@ KvoxService::Status KvoxService::ProcessorInfo(int32_t id, CommandResult* result
 
 KvoxService::Status KvoxService::ProcessorEnable(int32_t id_number, bool enable,
                                                  CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     const auto id = static_cast<FourCc>(id_number);
     report.Begin(
         FormatText<64>("%s processor '%s'", enable ? "Enable" : "Disable", ToString(id).c_str()));

@@ -67,20 +67,20 @@ KvoxService::Status KvoxService::TapInfo(int32_t core, int32_t tap, int32_t inde
 
 KvoxService::Status KvoxService::TapEnable(int32_t core, int32_t tap, int32_t index, bool enable,
                                            CommandResult* result) {
-  return RunWaiting(
+  return RunChange(
       result, [&](Report& report) { taps_.Enable(Arguments(core, tap, index), enable, report); });
 }
 
 KvoxService::Status KvoxService::TapSetBlockLength(int32_t core, int32_t tap, int32_t index,
                                                    int32_t length, CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     taps_.SetBlockLength(Arguments(core, tap, index), static_cast<uint32_t>(length), report);
   });
 }
 
 KvoxService::Status KvoxService::tapSetJitterBuffer(int32_t core, int32_t tap, int32_t index,
                                                     int32_t size, CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     taps_.SetJitterBuffer(Arguments(core, tap, index), static_cast<uint32_t>(size), report);
   });
 }

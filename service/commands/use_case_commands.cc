@@ -50,7 +50,7 @@ KvoxService::Status KvoxService::IsEnabled(const std::string& name, CommandResul
 
 KvoxService::Status KvoxService::EnableUseCase(UseCase use_case, bool enable,
                                                CommandResult* result) {
-  return RunWaiting(result, [&](Report& report) {
+  return RunChange(result, [&](Report& report) {
     std::string text =
         std::string(enable ? "Enable" : "Disable") + " use case " + toString(use_case);
     report.Begin(text);

@@ -7,14 +7,14 @@ require {
   class process { fork transition };
   class binder { call transfer };
   class service_manager { add find };
-  class dir { getattr open read search watch watch_reads write add_name remove_name ioctl lock };
+  class dir { getattr open read search watch watch_reads write add_name remove_name ioctl lock mounton relabelfrom relabelto };
   class file { getattr open read write append create unlink rename setattr execute entrypoint map ioctl lock };
   class chr_file { getattr open read write append map ioctl lock };
   role object_r;
   attribute domain, dev_type, file_type, data_file_type, exec_type, vendor_file_type;
   attribute service_manager_type, hal_service_type, protected_service;
   attribute halserverdomain, halclientdomain;
-  type device, vendor_data_file, init, servicemanager, su, sysfs_wake_lock;
+  type device, vendor_data_file, tmpfs, init, servicemanager, su, sysfs_wake_lock;
 }
 define(`global_capability_class_set', `capability')
 define(`r_dir_perms', `{ open getattr read search ioctl lock watch watch_reads }')

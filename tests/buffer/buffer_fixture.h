@@ -66,7 +66,8 @@ class BufferFixture : public ::testing::Test {
                                         BufferEnvironment{.io = SystemDeviceIo(),
                                                           .io_log = io_log(),
                                                           .wiring = wiring_,
-                                                          .capture_threads = capture_threads_});
+                                                          .capture_threads = capture_threads_,
+                                                          .flight = flight_});
   }
 
   virtual LogTarget& io_log() { return log_; }
@@ -98,6 +99,7 @@ class BufferFixture : public ::testing::Test {
   LogCapture log_;
   TempDirectory directory_;
   ThreadGroup capture_threads_{4};
+  flight::FlightLog flight_;
   TestWiring wiring_;
   UniqueFd source_;  // writes into the tap-out FIFO made last
   UniqueFd sink_;    // reads from the inject FIFO made last

@@ -106,9 +106,12 @@ TEST_F(KvoxBufferTest, OneThatGaveUpIsEnabledAnew) {
   device.Do([&] { device.open_errors = 5; });
   device.FailRead(EIO);
   device.Do([] {});
-  KvoxBuffer buffer(
-      "tapout1", "/tapout1", 1, true,
-      {.io = device, .io_log = log_, .wiring = wiring_, .capture_threads = capture_threads_});
+  KvoxBuffer buffer("tapout1", "/tapout1", 1, true,
+                    {.io = device,
+                     .io_log = log_,
+                     .wiring = wiring_,
+                     .capture_threads = capture_threads_,
+                     .flight = flight_});
   ASSERT_EQ(buffer.Enable(true), 0);
   ASSERT_TRUE(WaitFor([&] { return buffer.gave_up(); }));
   EXPECT_TRUE(log_.WaitFor("tapout1 ioProcess end"));

@@ -17,9 +17,10 @@ class SpyRecorder : public PacketRecorder {
   void Record(const KvoxPacketHeader& header, std::span<const std::byte>) override {
     numbers.push_back(header.packet_num);
   }
-  bool recording() const override { return !numbers.empty(); }
+  bool recording() const override { return on && !numbers.empty(); }
   uint32_t samples() const override { return 77; }
   std::vector<uint32_t> numbers;
+  bool on = true;
 };
 
 /// Fails every block, and writes half of its output first.
@@ -30,6 +31,21 @@ class FailingProcessor : public KvoxProcessor {
     if (out != nullptr) std::memset(out->Data(), 0x55, out->size() / 2);
     return {.status = -1};
   }
+};
+
+/// Takes that long, and passes its blocks on.
+class SlowProcessor : public KvoxProcessor {
+ public:
+  SlowProcessor(FourCc id, ScriptedDevice& device, double ms)
+      : KvoxProcessor(id, id), device_(device), ms_(ms) {}
+  BlockResult ProcessBlock(const Block&, OutputArea*) override {
+    device_.Advance(ms_);
+    return {.output_is_input = true};
+  }
+
+ private:
+  ScriptedDevice& device_;
+  const double ms_;
 };
 
 /// Plays a scripted device to the reader on the test's own thread, until the script ends.
@@ -56,6 +72,15 @@ class TapReaderTest : public ::testing::Test {
   /// Plays the script to its end. The lines are counted in log_.
   void Run() { reader_->Run(); }
 
+  /// What the flight log has of each packet.
+  std::vector<flight::PacketRecord> Records() const {
+    std::vector<flight::PacketRecord> records(slot_->packets.load());
+    for (size_t i = 0; i < records.size(); ++i) {
+      EXPECT_TRUE(flight::Unseal(slot_->records[i], i, records[i]));
+    }
+    return records;
+  }
+
   const std::string name_ = "tapout0";
   const std::string path_ = "/tapout0";
   ScriptedDevice device_;
@@ -67,6 +92,7 @@ class TapReaderTest : public ::testing::Test {
   SpyRecorder recorder_;
   SpyRecorder inject_recorder_;
   std::shared_ptr<InjectPort> port_;
+  const std::unique_ptr<flight::StreamSlot> slot_ = std::make_unique<flight::StreamSlot>();
   std::unique_ptr<TapReader> reader_ =
       std::make_unique<TapReader>(TapReaderLinks{.name = name_,
                                                  .device_path = path_,
@@ -76,9 +102,119 @@ class TapReaderTest : public ::testing::Test {
                                                  .recorder = recorder_,
                                                  .log = log_,
                                                  .wake = wake_,
-                                                 .gave_up = gave_up_},
+                                                 .gave_up = gave_up_,
+                                                 .flight = slot_.get()},
                                   ScriptedDevice::kTapoutFd);
 };
+
+TEST_F(TapReaderTest, TheFlightLogSaysWhatBecameOfEachPacket) {
+  using enum flight::Loss;
+  constexpr KvoxTapFormat kUntimed = {.channels = 2, .bytes_per_sample = 2};
+  struct Expected {
+    uint32_t number;
+    flight::Loss loss;
+    uint32_t missing = 0;
+    flight::Loss because = kNone;
+  };
+  std::vector<Expected> expected;
+  const auto packet = [&](const Expected& one, const Bytes& behind = {}) {
+    const uint32_t size = behind.empty() ? kTenMs : kTenMs / 2;  // so that one read has both
+    device_.Deliver(MakePacket(one.number, size, kUntimed) + behind);
+    expected.push_back(one);
+  };
+  recorder_.on = false;
+  packet({1, kNoRoute});
+  device_.Do([&] { recorder_.on = true; });
+  packet({2, kNone});  // a capture has it
+  device_.Do([&] { RouteToPassthrough(); });
+  packet({3, kNone});
+  device_.Do([&] { device_.write_limits = {0}; });
+  packet({4, kInjectFull});
+  device_.Do([&] { device_.write_errno = EPIPE, device_.write_limits = {0}; });
+  packet({5, kInjectGone});
+  device_.Do([&] { device_.writable = true, device_.write_limits = {64, 0}; });
+  packet({6, kInjectFull});  // after a part
+  device_.Do([&] {
+    device_.write_errno = EAGAIN;
+    RouteTo(std::make_shared<FailingProcessor>(MakeFourCc("fail"), MakeFourCc("fail")));
+  });
+  packet({7, kProcessor});
+  device_.Do([&] { RouteToPassthrough(); });
+  packet({9, kNone, 1, kJump});
+  device_.FailRead(EIO);
+  packet({11, kNone, 1, kDevice});
+  device_.Deliver(Bytes(12));
+  packet({13, kNone, 1, kAlignment});
+  device_.Deliver(Bytes(4096));
+  packet({15, kNone, 1, kNoMagic});
+  packet({16, kNone}, Bytes(16));
+  packet({18, kNone, 1, kExcess});
+  device_.Do([&] {
+    device_.writable = false;
+    device_.stalled = {ScriptedDevice::kInjectFd};
+    device_.on_write_wait = [&] { routes_.Publish(std::make_unique<RouteTable>()); };
+  });
+  packet({19, kRewired});
+  device_.Do([&] {
+    RouteToPassthrough();
+    device_.on_write_wait = [&] { reader_->Stop(); };
+  });
+  packet({20, kSwitchedOff});
+  Run();
+  const auto records = Records();
+  ASSERT_EQ(records.size(), expected.size());
+  for (size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ(records[i].number, expected[i].number);
+    EXPECT_EQ(records[i].loss, expected[i].loss) << "packet " << records[i].number;
+    EXPECT_EQ(records[i].missing, expected[i].missing) << "packet " << records[i].number;
+    EXPECT_EQ(records[i].missing_because, expected[i].because) << "packet " << records[i].number;
+  }
+  EXPECT_EQ(records[6].slowest_id, static_cast<uint32_t>(MakeFourCc("fail")));
+  uint64_t accounted = slot_->dispatched.load();
+  for (const flight::Word& lost : slot_->lost) accounted += lost.load();
+  EXPECT_EQ(accounted, 20u);
+  routes_.WaitForGracePeriod();
+}
+
+TEST_F(TapReaderTest, TheFlightLogSaysWhatTookHowLong) {
+  auto table = std::make_unique<RouteTable>();
+  flight::InjectSlot inject_slot = {};
+  const auto port = [&](int fd) {
+    const auto number = static_cast<uint8_t>(fd % 100);
+    return std::make_shared<InjectPort>("inject0", "/inject0", device_, inject_recorder_, fd,
+                                        flight::InjectLog(&inject_slot, number));
+  };
+  const auto add = [&](FourCc id, double ms, int fd) {
+    table->routes.push_back({.processor = std::make_shared<SlowProcessor>(id, device_, ms),
+                             .connected = true,
+                             .port = fd < 0 ? nullptr : port(fd)});
+  };
+  add(MakeFourCc("aaaa"), 1, 201);
+  add(MakeFourCc("bbbb"), 3, -1);
+  add(MakeFourCc("cccc"), 0.5, 202);
+  routes_.Publish(std::move(table));
+  device_.stalled = {202};  // for the whole patience of 2.5 ms
+  device_.Deliver(MakePacket(1, kTenMs, kFormat));
+  device_.stalled = {202};
+  device_.Deliver(MakePacket(2, kTenMs, kFormat), 3);
+  Run();
+  const auto records = Records();
+  ASSERT_EQ(records.size(), 2u);
+  const flight::PacketRecord& first = records[0];
+  EXPECT_EQ(first.period_ns, 10'000'000u);
+  EXPECT_EQ(first.routes, 3);
+  EXPECT_EQ(first.slowest_id, static_cast<uint32_t>(MakeFourCc("bbbb")));
+  EXPECT_EQ(first.slowest_ns, 3'000'000u);
+  EXPECT_EQ(first.dispatch_ns, 7'000'000u);
+  EXPECT_EQ(first.write_ns, 2'500'000u);
+  EXPECT_EQ(first.written, 0b10'00'01) << "whole, nothing, full";
+  EXPECT_EQ(first.failed_inject, 2);
+  EXPECT_EQ(inject_slot.written.load(), 2u);
+  EXPECT_EQ(inject_slot.full.load(), 2u);
+  EXPECT_EQ(records[1].arrived_ns, first.arrived_ns + 10'000'000) << "7 ms of work, 3 ms of wait";
+  EXPECT_EQ(records[1].write_ns, 0u) << "a stalled device costs nothing";
+  EXPECT_EQ(records[1].flags & flight::kQueued, 0);
+}
 
 TEST_F(TapReaderTest, TellsWhatTheFirstPacketBrings) {
   device_.Deliver(MakePacket(1, kTenMs, kFormat));
@@ -175,8 +311,9 @@ TEST_F(TapReaderTest, SlippedPacketsAreNotDispatched) {
   EXPECT_EQ(log_.Count("W tapout0 RX packet is early, period:7 ms"), 2u);
   EXPECT_EQ(log_.Count("I tapout0 RX resync"), 2u);
   EXPECT_EQ(log_.Count("I tapout0 ioProcess RX packet_num jump 2 -> 4"), 1u);
-  EXPECT_EQ(reader_->statistics().early, 2u);
-  EXPECT_EQ(reader_->statistics().packets, 3u);
+  EXPECT_EQ(Records()[2].loss, flight::Loss::kSlip);
+  EXPECT_EQ(Records()[2].arrival, flight::Arrival::kEarly);
+  EXPECT_EQ(slot_->early.load(), 2u);
 }
 
 TEST_F(TapReaderTest, ReportsEveryTwoSecondsOfPackets) {

@@ -81,6 +81,7 @@ TEST(ServiceFiles, PutTheSocketWhereClientsLook) {
   EXPECT_THAT(binder::LookupDirectories(), ElementsAre("/run/" + unit["RuntimeDirectory"]));
   EXPECT_EQ(unit["Environment"], "KVOX_RUNTIME_DIR=%t/" + unit["RuntimeDirectory"]);
   EXPECT_EQ(unit["RuntimeDirectoryMode"], "0750");
+  EXPECT_EQ(unit["RuntimeDirectoryPreserve"], "yes") << "the flight log outlives a crash";
 }
 
 TEST(ServiceFiles, LetTheDaemonDoWhatItDoes) {

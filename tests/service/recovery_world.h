@@ -57,6 +57,7 @@ class RecoveryWorld : public CoprocessorLink, public DeviceIo {
         ServiceEnvironment{.link = *this,
                            .io = *this,
                            .io_log = log,
+                           .flight = MemoryFlightLog(),
                            .device_directory = "",
                            .scan = [this](const std::string&) { return Scan(); },
                            .start_recovery =

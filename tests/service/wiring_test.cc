@@ -28,7 +28,8 @@ class WiringTest : public BufferFixture {
                           {.io = SystemDeviceIo(),
                            .io_log = log_,
                            .wiring = wiring_,
-                           .capture_threads = capture_threads_});
+                           .capture_threads = capture_threads_,
+                           .flight = flight_});
     tapout_ = inventory_.FindTapOut(0);
     inject_ = inventory_.FindInject(0);
   }

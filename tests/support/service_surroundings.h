@@ -135,6 +135,12 @@ class ManualRecovery : public RecoveryRun, public RecoveryClock {
   int waits_ = 0;  // one that never ends is a fault
 };
 
+/// One for all services of the process, in memory.
+inline flight::FlightLog& MemoryFlightLog() {
+  static auto* const log = new flight::FlightLog;
+  return *log;
+}
+
 /// `recovery` is where the last recovery that the service started is found, as long as it lives.
 inline std::shared_ptr<KvoxService> MakeService(CoprocessorLink& link, DeviceIo& io, LogTarget& log,
                                                 const std::string& devices, ManualRecovery& startup,
@@ -143,6 +149,7 @@ inline std::shared_ptr<KvoxService> MakeService(CoprocessorLink& link, DeviceIo&
       ServiceEnvironment{.link = link,
                          .io = io,
                          .io_log = log,
+                         .flight = MemoryFlightLog(),
                          .device_directory = devices,
                          .start_recovery =
                              [&recovery](RecoveryRun::Body body) {
