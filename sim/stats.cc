@@ -141,6 +141,8 @@ std::string SourceText(const SourceConfig& source) {
       return fmt::format("noise, seed {}, {} dB", source.seed, source.level);
     case SourceKind::kWav:
       return fmt::format("{}{}", source.file.string(), source.repeat ? ", repeated" : "");
+    case SourceKind::kLoop:
+      return "what comes back";
     case SourceKind::kSilence:
       break;
   }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <numbers>
 #include <utility>
 
@@ -40,6 +41,32 @@ class Synthesizer : public Source {
   const size_t copies_;  // of each value, one a channel
   const size_t values_per_frame_;
   const Generator generator_;
+};
+
+/// Delivers what has come back, in its order; silence when that is used up. What waits longer than
+/// a second is dropped.
+class Loop : public Source {
+ public:
+  explicit Loop(const KvoxTapFormat& format)
+      : most_(size_t{format.sample_rate} * FrameSize(format)) {}
+
+  void Read(uint64_t, std::span<std::byte> block) override {
+    const size_t size = std::min(block.size(), waiting_.size());
+    const auto end = waiting_.begin() + static_cast<ptrdiff_t>(size);
+    std::copy(waiting_.begin(), end, block.begin());
+    waiting_.erase(waiting_.begin(), end);
+    std::fill(block.begin() + static_cast<ptrdiff_t>(size), block.end(), std::byte{});
+  }
+
+  void Returned(std::span<const std::byte> payload) override {
+    waiting_.insert(waiting_.end(), payload.begin(), payload.end());
+    if (waiting_.size() > most_)
+      waiting_.erase(waiting_.begin(), waiting_.end() - static_cast<ptrdiff_t>(most_));
+  }
+
+ private:
+  const size_t most_;  // bytes
+  std::deque<std::byte> waiting_;
 };
 
 double Amplitude(double level) {
@@ -92,6 +119,8 @@ std::unique_ptr<Source> MakeSource(const TapConfig& tap, std::string& error) {
       return synthesize(Noise(tap.source), true);
     case SourceKind::kWav:
       return MakeWavSource(tap, error);
+    case SourceKind::kLoop:
+      return std::make_unique<Loop>(tap.format);
     case SourceKind::kSilence:
       break;
   }

@@ -17,6 +17,7 @@ void Tap::Receive(const KvoxPacketHeader& header, std::span<const std::byte> pay
                   uint64_t now_ns) {
   ++counts.received;
   if (tapout != kNoBuffer) round_trip.Returned(header, payload, now_ns);
+  source->Returned(payload);
   if (sink == nullptr) return;
   KvoxTapFormat format = header.format;
   if (format.sample_rate == 0) format.sample_rate = config.format.sample_rate;  // untimed packets

@@ -15,7 +15,7 @@
 
 namespace kvox::sim {
 
-enum class SourceKind { kSilence, kSine, kSweep, kNoise, kWav };
+enum class SourceKind { kSilence, kSine, kSweep, kNoise, kWav, kLoop };
 enum class SinkKind { kNone, kWav };
 
 /// The audio that a tap delivers. Which fields are used depends on the kind.

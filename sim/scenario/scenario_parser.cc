@@ -45,6 +45,7 @@ constexpr SourceRow kSources[] = {
        table.Read("seed", source.seed, 0, std::numeric_limits<int64_t>::max());
        table.Read("level", source.level, kMinLevel, 0.0);
      }},
+    {"loop", SourceKind::kLoop, [](TableReader&, SourceConfig&, const KvoxTapFormat&) {}},
     {"wav", SourceKind::kWav,
      [](TableReader& table, SourceConfig& source, const KvoxTapFormat&) {
        table.ReadFile("file", source.file, source.where);
