@@ -35,7 +35,7 @@ check_runs() {
   case "$1" in
     scenario) echo 30000 ;;
     parcels) echo 4000 ;;
-    stream_parser | transport_frames) echo 2000 ;;
+    flight_log | stream_parser | transport_frames) echo 2000 ;;
     *) echo 10000 ;;
   esac
 }

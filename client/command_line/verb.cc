@@ -20,6 +20,8 @@ const std::vector<int>& StatusesOf(VerbKind kind) {
       /*kWait*/ {kNotAllowed, kTimedOut},
       /*kCheck*/ {kRefused},
       /*kLocal*/ {},
+      /*kFlight*/ {kNoDaemon, kNoObject},
+      /*kWhy*/ {kNoDaemon, kNoObject, kGaps},
   };
   return statuses[static_cast<size_t>(kind)];
 }
@@ -55,6 +57,7 @@ const std::vector<Noun>& AllNouns() {
       {"io", "Reading and writing the buffers' devices"},
       {"capture", "Recording what passes through buffers"},
       {"wait", "Waiting until something exists"},
+      {"flight", "What kvoxd has recorded of every packet"},
   };
   return nouns;
 }
@@ -64,7 +67,7 @@ const std::vector<Verb>& AllVerbs() {
     std::vector<Verb> all;
     for (const auto rows :
          {ProcessorVerbs, TapVerbs, BufferVerbs, UseCaseVerbs, ParameterVerbs, WaitVerbs,
-          MonitorVerbs, StateVerbs, AudioVerbs, DoctorVerbs, CallVerbs}) {
+          MonitorVerbs, StateVerbs, AudioVerbs, DoctorVerbs, FlightVerbs, CallVerbs}) {
       std::ranges::move(rows(), std::back_inserter(all));
     }
     return all;

@@ -65,6 +65,8 @@ enum class VerbKind {
   kWait,     // until an object exists, but no longer than --timeout
   kCheck,    // its status is the result of the check, whether or not a daemon runs
   kLocal,    // needs no daemon
+  kFlight,   // reads the flight log
+  kWhy,      // the same; kGaps when it shows losses
 };
 
 using Arguments = std::vector<Argument>;
@@ -125,6 +127,7 @@ std::vector<Verb> MonitorVerbs();
 std::vector<Verb> StateVerbs();
 std::vector<Verb> AudioVerbs();
 std::vector<Verb> DoctorVerbs();
+std::vector<Verb> FlightVerbs();
 std::vector<Verb> CallVerbs();
 
 }  // namespace kvox::client

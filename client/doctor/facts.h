@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "client/errors.h"
+#include "client/flight/incidents.h"
 
 namespace kvox::client {
 
@@ -72,6 +73,10 @@ struct Facts {
   DaemonReply reply;
   double waited_s = 0;      // the longest wait for it
   int32_t own_version = 0;  // of the client's interface
+
+  bool has_flight_log = false;
+  uint64_t covered_ns = 0;          // what the flight log tells about: a minute at most
+  std::vector<Incident> incidents;  // of that time
 
   std::vector<PathFacts> wake_locks;  // to take and to drop; none where the system has another way
   PathFacts captures;                 // their directory

@@ -63,7 +63,7 @@ std::string UserOf(const User& user) {
 std::vector<Finding> Diagnose(const Facts& facts) {
   std::vector<Finding> findings;
   for (const auto check : {CheckDevices, CheckScheduling, CheckRuntimeDirectory, CheckDaemon,
-                           CheckWakeLocks, CheckCaptures}) {
+                           CheckAudio, CheckWakeLocks, CheckCaptures}) {
     check(facts, findings);
   }
   return findings;

@@ -58,6 +58,7 @@ void CheckDevices(const Facts& facts, std::vector<Finding>& findings);
 void CheckScheduling(const Facts& facts, std::vector<Finding>& findings);
 void CheckRuntimeDirectory(const Facts& facts, std::vector<Finding>& findings);
 void CheckDaemon(const Facts& facts, std::vector<Finding>& findings);
+void CheckAudio(const Facts& facts, std::vector<Finding>& findings);
 void CheckWakeLocks(const Facts& facts, std::vector<Finding>& findings);
 void CheckCaptures(const Facts& facts, std::vector<Finding>& findings);
 

@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "client/calls/daemon.h"
+#include "client/flight/log_file.h"
 #include "interface/service_name.h"
 #include "kvox/common/device_names.h"
 #include "kvox/common/kvox_utils.h"
@@ -168,6 +169,7 @@ void InspectDevices(Facts& facts) {
   facts.injects = InspectNodes(directory, kInjectPrefix);
 }
 
+constexpr uint64_t kMinuteNs = 60'000'000'000;
 constexpr int kSysNice = 23;  // the kernel's number of CAP_SYS_NICE
 
 std::string ReadText(const std::string& path) {
@@ -197,6 +199,23 @@ std::optional<uint64_t> ReadNumber(const std::string& word, int base) {
   uint64_t number = 0;
   if (base == 16) stream >> std::hex;
   return stream >> number ? std::optional(number) : std::nullopt;
+}
+
+/// A log that cannot be read is nothing that keeps audio away.
+void InspectAudio(Facts& facts) {
+  const auto path = FindFlight();
+  std::string error;
+  const auto flight = path ? flight::ReadFlight(*path, {}, &error) : std::nullopt;
+  if (!flight || !flight->live) return;
+  facts.has_flight_log = true;
+  const uint64_t end_ns = EndOf(*flight);
+  const uint64_t from_ns = end_ns - std::min(end_ns, kMinuteNs);
+  uint64_t covered_from_ns = from_ns;
+  for (const auto& stream : flight->streams) {
+    covered_from_ns = std::max(covered_from_ns, CoveredFrom(stream, from_ns));
+    std::ranges::move(FindIncidents(*flight, stream, from_ns), std::back_inserter(facts.incidents));
+  }
+  facts.covered_ns = end_ns - std::min(end_ns, covered_from_ns);
 }
 
 }  // namespace
@@ -243,6 +262,7 @@ Facts GatherFacts(const std::string& captures, std::chrono::milliseconds wait) {
   }
 
   InspectDevices(facts);
+  InspectAudio(facts);
   facts.priority = RealtimePriority();
   facts.own = InspectProcess(getpid());
   facts.rt_runtime_us = ReadRealtimeRuntime();

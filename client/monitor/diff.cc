@@ -103,6 +103,7 @@ std::vector<Change> Diff(const Sample& before, Sample& now) {
 
 std::string LineOf(const Change& change) {
   std::string line = change.object + " " + change.name + " " + change.change;
+  if (!change.text.empty()) return line + ": " + change.text;
   for (const std::string& word : {change.role, change.peer}) {
     if (!word.empty()) line += " " + word;
   }
@@ -110,11 +111,9 @@ std::string LineOf(const Change& change) {
 }
 
 Json RecordOf(const Change& change) {
-  return {{"object", change.object},
-          {"name", change.name},
-          {"change", change.change},
-          {"role", OrNull(change.role)},
-          {"peer", OrNull(change.peer)}};
+  return {{"object", change.object},     {"name", change.name},
+          {"change", change.change},     {"role", OrNull(change.role)},
+          {"peer", OrNull(change.peer)}, {"text", OrNull(change.text)}};
 }
 
 }  // namespace kvox::client

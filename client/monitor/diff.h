@@ -14,10 +14,12 @@ struct Change {
   std::string object;  // "processor", "tap-out", "inject", "tap", "core" or "daemon"
   std::string name;
   std::string change;     // "appeared", "gone", "enabled", "disabled", "connected", "disconnected",
-                          // "bound", "unbound", "gave up", "silent", "answers"
+                          // "bound", "unbound", "gave up", "silent", "answers", "lost"
   std::string role = {};  // of the peer: "input", "output", "tapout", "inject"; for a processor
                           // that appeared, "type"
-  std::string peer = {};  // what it was connected or bound to
+  std::string peer = {};  // what it was connected or bound to; for "lost", with the role "cause",
+                          // the cause's word
+  std::string text = {};  // more words, for people
 };
 
 /// The changes of processors, buffers and tap points, in this order. Objects appear disabled and

@@ -14,7 +14,7 @@ namespace kvox::client {
 
 struct PollResult {
   std::optional<Sample> sample;  // none: see error
-  std::string error;
+  std::string error = {};
   double took_ms = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "client/flight/log_file.h"
 #include "client/model/snapshot.h"
 
 namespace kvox::client {
@@ -30,6 +31,11 @@ Sample Sampler::Read(Daemon& daemon) {
   if (reports_health_) reports_health_ = AddHealth(daemon, sample.buffers, missing);
   sample.silent_cores = std::move(missing.silent);
   if (wanted_.measurements) Measure(daemon, sample);
+  std::string error;
+  if (const auto path = FindFlight()) {
+    sample.flight = flight::ReadFlight(*path, {.packets = false, .events = false}, &error);
+    if (sample.flight && !sample.flight->live) sample.flight.reset();  // of an earlier daemon
+  }
   return sample;
 }
 

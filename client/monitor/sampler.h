@@ -2,12 +2,14 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "client/calls/daemon.h"
 #include "client/model/objects.h"
+#include "kvox/flight/reader.h"
 
 namespace kvox::client {
 
@@ -24,6 +26,7 @@ struct Sample {
   std::vector<TapPoint> taps;                       // where they are wanted
   std::vector<int> silent_cores;                    // that returned no tap points
   std::map<std::string, Measurement> measurements;  // by processor, where they are wanted
+  std::optional<flight::FlightView> flight = {};    // its counters, where there is a log
   int unparsed = 0;                                 // rows that could not be parsed
 };
 

@@ -24,7 +24,7 @@ namespace kvox::client {
 #define KVOX_CURSES_FUNCTIONS(F)                                                        \
   F(newterm) F(endwin) F(cbreak) F(noecho) F(curs_set) F(keypad) F(nodelay)             \
   F(set_escdelay) F(wgetch) F(werase) F(wmove) F(wattrset) F(waddnstr) F(wrefresh)      \
-  F(resizeterm)
+  F(resizeterm) F(has_colors) F(start_color) F(use_default_colors) F(init_pair) F(COLOR_PAIR)
 // clang-format on
 
 /// The functions of ncurses that we use, with the library's own types. Loaded when top needs them,
@@ -99,12 +99,18 @@ void OnFatal(int number) {
   raise(number);  // delivered when this has returned
 }
 
+constexpr int kDelete = 127;
 constexpr int kEscapeDelayMs = 25;  // between the bytes of one key
 constexpr char kAlternative[] = "; 'kvoxctl top --batch' needs no terminal";
 
-attr_t AttributeOf(Style style) {
-  constexpr attr_t kAttributes[] = {A_NORMAL, A_BOLD, A_REVERSE};  // in Style's order
-  return kAttributes[static_cast<int>(style)];
+constexpr short kAlarmPair = 1;
+
+/// Without colors an alarm is bold.
+attr_t AttributeOf(const CursesLibrary& curses, Style style) {
+  constexpr attr_t kAttributes[] = {A_NORMAL, A_BOLD, A_REVERSE, A_DIM, A_BOLD};  // in its order
+  const attr_t attribute = kAttributes[static_cast<int>(style)];
+  const bool colored = style == Style::kAlarm && curses.has_colors();
+  return colored ? attribute | static_cast<attr_t>(curses.COLOR_PAIR(kAlarmPair)) : attribute;
 }
 
 bool OutputReady() {
@@ -181,6 +187,11 @@ Screen::Screen() : curses_(Curses()) {
   curses_.set_escdelay(kEscapeDelayMs);
   curses_.keypad(*curses_.screen, true);
   curses_.nodelay(*curses_.screen, true);
+  if (curses_.has_colors()) {
+    curses_.start_color();
+    curses_.use_default_colors();
+    curses_.init_pair(kAlarmPair, COLOR_RED, -1);
+  }
 }
 
 Screen::~Screen() {
@@ -201,7 +212,7 @@ void Screen::Show(const std::vector<FrameLine>& lines) {
   curses_.werase(screen);
   for (size_t i = 0; i < lines.size(); ++i) {
     curses_.wmove(screen, static_cast<int>(i), 0);
-    curses_.wattrset(screen, static_cast<int>(AttributeOf(lines[i].style)));
+    curses_.wattrset(screen, static_cast<int>(AttributeOf(curses_, lines[i].style)));
     curses_.waddnstr(screen, lines[i].text.c_str(), static_cast<int>(lines[i].text.size()));
   }
   curses_.wattrset(screen, A_NORMAL);
@@ -218,7 +229,11 @@ int Screen::TakeKey() {
                {KEY_HOME, kKeyHome},
                {KEY_PPAGE, kKeyPageUp},
                {KEY_NPAGE, kKeyPageDown},
-               {KEY_END, kKeyEnd}};
+               {KEY_END, kKeyEnd},
+               {KEY_LEFT, kKeyLeft},
+               {KEY_RIGHT, kKeyRight},
+               {KEY_BACKSPACE, kKeyBackspace},
+               {kDelete, kKeyBackspace}};
   const int code = curses_.wgetch(*curses_.screen);
   for (const auto& row : kKeys) {
     if (row.code == code) return row.key;

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "client/flight/log_file.h"
 #include "client/monitor/monitor.h"
 #include "client/monitor/run_loop.h"
 #include "client/monitor/screen.h"
@@ -42,7 +43,7 @@ const Column* ReadSort(const std::string& word, const Columns& columns) {
 TopOptions ReadOptions(const Input& in) {
   const bool measured = in.Has("--measure");
   TopOptions options{.interval = IntervalOf(in),
-                     .limit = LimitOf(in, "-n"),
+                     .limit = in.Has("--once") ? 1 : LimitOf(in, "-n"),
                      .columns = ColumnsOf(measured),
                      .measured = measured};
   options.order = {ReadSort(in.Get("--sort"), options.columns), in.Has("--reverse")};
@@ -59,13 +60,16 @@ void CheckTimeout(const Context& context, RunLoop& loop) {
 }
 
 /// One refresh as plain rows.
-void Print(const Context& context, const TopOptions& options, const TopModel& model, bool first) {
+/// `log` is the flight log that the rows come from; null for those of the daemon.
+void Print(const Context& context, const TopOptions& options, const TopModel& model, bool first,
+           const flight::FlightView* log = nullptr) {
   std::vector<Row> rows;
   if (model.present()) rows = model.rows();
   Sort(rows, options.order);
   std::vector<std::string> lines;
   if (!first) lines.emplace_back();
-  lines.push_back(model.Head({}));
+  lines.push_back(log == nullptr ? model.Head({})
+                                 : "flight log of " + log->program + ", as it was left");
   if (model.present()) lines.push_back(HeaderLine(options.columns));
   Json records = Json::array();
   for (const Row& row : rows) {
@@ -74,7 +78,27 @@ void Print(const Context& context, const TopOptions& options, const TopModel& mo
   }
   if (!first && context.out.format() == Format::kShort) PrintOut("\n");
   context.out.List(lines, "rows", records, model.unparsed(),
-                   {{"time", UtcTime()}, {"daemon", model.present()}});
+                   {{"time", UtcTime()}, {"daemon", log == nullptr && model.present()}});
+}
+
+/// The buffers of a flight log, without a daemon.
+int OfSavedLog(const Context& context, const TopOptions& options) {
+  const flight::FlightView log = OpenFlight(context.in, {.packets = false, .events = false});
+  Sample sample;
+  sample.flight = log;
+  for (const auto& stream : log.streams) {
+    sample.buffers.push_back(
+        {.name = stream.name, .direction = Direction::kTapOut, .enabled = stream.on});
+  }
+  for (const auto& inject : log.injects) {
+    if (inject.name.empty()) continue;
+    sample.buffers.push_back(
+        {.name = inject.name, .direction = Direction::kInject, .enabled = log.live});
+  }
+  TopModel model;
+  model.Update({.sample = std::move(sample)}, LocalTime());
+  Print(context, options, model, true, &log);
+  return kDone;
 }
 
 End InBatch(const Context& context, const TopOptions& options, const SignalFd& signals) {
@@ -135,16 +159,19 @@ class FullScreen {
   bool TakeKeys() {
     const int rows = static_cast<int>(model_.rows().size());
     for (int key = screen_.TakeKey(); key != -1; key = screen_.TakeKey()) {
-      if (key == 'q') return false;
-      if (key == ' ') loop_.Refresh();
+      if (key == 'q' && !view_.typing) return false;
+      if (key == ' ' && !view_.typing) loop_.Refresh();
       if (key == kCtrlL) screen_.Release();  // the next frame redraws everything
       ApplyKey(key, options_.columns, rows, PageOf(screen_.size()), view_);
     }
     return true;
   }
 
+  /// The rows are not those of now.
+  bool Stale() { return count_ > 0 && (!model_.present() || loop_.InFlight() >= TopModel::kSlow); }
+
   void Draw() {
-    screen_.Show(DrawFrame(model_.Head(loop_.InFlight()), model_.rows(), options_.columns,
+    screen_.Show(DrawFrame(model_.Head(loop_.InFlight()), model_.rows(), Stale(), options_.columns,
                            screen_.size(), view_));
   }
 
@@ -161,7 +188,9 @@ class FullScreen {
 
 int Top(const Context& context) {
   const TopOptions options = ReadOptions(context.in);
-  const bool batch = context.in.Has("--batch") || context.out.format() != Format::kText;
+  if (context.in.Has("--flight")) return OfSavedLog(context, options);
+  const bool batch = context.in.Has("--batch") || context.in.Has("--once") ||
+                     context.out.format() != Format::kText;
   if (!batch) RequireTerminal();
   const SignalFd signals = batch ? SignalFd({SIGINT, SIGTERM, SIGHUP})
                                  : SignalFd({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2,

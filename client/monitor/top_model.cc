@@ -2,15 +2,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <numeric>
 
 #include "client/output/json.h"
+#include "client/output/units.h"
 #include "kvox/common/fixed_text.h"
 
 namespace kvox::client {
 namespace {
-
-constexpr auto kSlow = std::chrono::seconds(2);
 
 std::vector<std::string> OneOrNone(const std::string& name) {
   return name.empty() ? std::vector<std::string>() : std::vector<std::string>{name};
@@ -34,15 +34,25 @@ Row RowOf(const Buffer& buffer) {
           .to = buffer.consumers};
 }
 
-std::vector<Row> RowsOf(const Sample& sample, const PeriodHistory& history) {
+using Figures = std::map<std::string, StreamFigures>;
+
+std::vector<Row> RowsOf(const Sample& sample, const Figures& figures) {
   std::vector<Row> rows;
+  const auto take_figures = [&](const std::string& buffer) {
+    if (const auto found = figures.find(buffer); found != figures.end()) {
+      rows.back().figures = found->second;
+    }
+  };
   for (const Processor& processor : sample.processors) {
     rows.push_back(RowOf(processor));
+    take_figures(processor.input);
     const auto found = sample.measurements.find(processor.id);
-    if (found == sample.measurements.end()) continue;
-    rows.back().metrics = MetricsOf(found->second, history.JitterMs(processor.id));
+    if (found != sample.measurements.end()) rows.back().metrics = MetricsOf(found->second);
   }
-  for (const Buffer& buffer : sample.buffers) rows.push_back(RowOf(buffer));
+  for (const Buffer& buffer : sample.buffers) {
+    rows.push_back(RowOf(buffer));
+    take_figures(buffer.name);
+  }
   return rows;
 }
 
@@ -51,34 +61,10 @@ Json Rounded(const std::optional<double>& number) {
   return number ? Json(std::round(*number * 1e6) / 1e6) : Json();
 }
 
-std::string Counted(size_t count, const char* what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 }  // namespace
 
-void PeriodHistory::Add(const Sample& sample) {
-  std::erase_if(periods_ms_, [&](const auto& entry) {
-    const auto found = sample.measurements.find(entry.first);
-    return found == sample.measurements.end() || found->second.average_period_ms <= 0;
-  });
-  for (const auto& [processor, measurement] : sample.measurements) {
-    if (measurement.average_period_ms <= 0) continue;
-    std::deque<double>& periods_ms = periods_ms_[processor];
-    periods_ms.push_back(measurement.average_period_ms);
-    if (periods_ms.size() > kPolls) periods_ms.pop_front();
-  }
-}
-
-std::optional<double> PeriodHistory::JitterMs(const std::string& processor) const {
-  const auto found = periods_ms_.find(processor);
-  if (found == periods_ms_.end() || found->second.size() < 2) return std::nullopt;
-  const auto [least, most] = std::minmax_element(found->second.begin(), found->second.end());
-  return *most - *least;
-}
-
-Metrics MetricsOf(const Measurement& measurement, std::optional<double> jitter_ms) {
-  Metrics metrics{.blocks = measurement.blocks, .jitter_ms = jitter_ms};
+Metrics MetricsOf(const Measurement& measurement) {
+  Metrics metrics{.blocks = measurement.blocks};
   const auto& active_ms = measurement.active_ms;
   if (measurement.average_period_ms > 0) metrics.period_ms = measurement.average_period_ms;
   if (active_ms.empty()) return metrics;
@@ -91,6 +77,7 @@ Metrics MetricsOf(const Measurement& measurement, std::optional<double> jitter_m
 
 Json RecordOf(const Row& row) {
   const Metrics metrics = row.metrics.value_or(Metrics());
+  const StreamFigures figures = row.figures.value_or(StreamFigures());
   return {{"object", row.object},
           {"name", row.name},
           {"type", OrNull(row.type)},
@@ -98,12 +85,15 @@ Json RecordOf(const Row& row) {
           {"from", row.from},
           {"to", row.to},
           {"average_period_ms", Rounded(metrics.period_ms)},
-          {"period_jitter_ms", Rounded(metrics.jitter_ms)},
+          {"period_jitter_ms", Rounded(figures.jitter_ms)},
           {"average_active_ms", Rounded(metrics.active_ms)},
           {"max_active_ms", Rounded(metrics.max_active_ms)},
           {"active_share", Rounded(metrics.active_share)},
           {"blocks", row.metrics ? Json(metrics.blocks) : Json()},
-          {"gave_up", row.gave_up}};
+          {"gave_up", row.gave_up},
+          {"lost", row.figures ? Json(figures.lost) : Json()},
+          {"late", row.figures ? Json(figures.late) : Json()},
+          {"busy_us", Rounded(figures.busy_us)}};
 }
 
 void TopModel::Update(PollResult result, const std::string& time) {
@@ -117,8 +107,8 @@ void TopModel::Update(PollResult result, const std::string& time) {
   }
   time_ = time;
   took_ms_ = result.took_ms;
-  history_.Add(*result.sample);
-  rows_ = RowsOf(*result.sample, history_);
+  const auto& flight = result.sample->flight;
+  rows_ = RowsOf(*result.sample, flight ? history_.Add(*flight) : Figures());
   processors_ = result.sample->processors.size();
   unparsed_ = result.sample->unparsed;
 }

@@ -2,13 +2,12 @@
 #pragma once
 
 #include <chrono>
-#include <deque>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "client/monitor/poller.h"
+#include "client/monitor/stream_figures.h"
 #include "client/output/printer.h"
 
 namespace kvox::client {
@@ -17,7 +16,6 @@ namespace kvox::client {
 struct Metrics {
   int64_t blocks = 0;
   std::optional<double> period_ms = {};      // average since the last poll
-  std::optional<double> jitter_ms = {};      // see PeriodHistory
   std::optional<double> active_ms = {};      // average
   std::optional<double> max_active_ms = {};  // longest
   std::optional<double> active_share = {};   // of the period: 0.5 is half of it
@@ -32,31 +30,19 @@ struct Row {
   std::vector<std::string> from;  // where its audio comes from
   std::vector<std::string> to;    // where it goes
   std::optional<Metrics> metrics = {};
+  std::optional<StreamFigures> figures = {};  // of a buffer; of a processor those of its input
 };
 
-/// The average periods of processors over the last polls. The daemon reports no single periods, so
-/// jitter is the range of these averages.
-class PeriodHistory {
- public:
-  static constexpr size_t kPolls = 10;
-
-  /// Adds the averages of a poll. Forgets processors that are not in it or have paused.
-  void Add(const Sample& sample);
-
-  /// None before the second poll.
-  std::optional<double> JitterMs(const std::string& processor) const;
-
- private:
-  std::map<std::string, std::deque<double>> periods_ms_;
-};
-
-Metrics MetricsOf(const Measurement& measurement, std::optional<double> jitter_ms);
+Metrics MetricsOf(const Measurement& measurement);
 
 Json RecordOf(const Row& row);
 
 /// The results of polls, one after the other. The last rows stay when the daemon goes away.
 class TopModel {
  public:
+  /// A daemon that does not reply for so long is named silent.
+  static constexpr auto kSlow = std::chrono::seconds(2);
+
   /// `time` is when it came, for people.
   void Update(PollResult result, const std::string& time);
 
@@ -72,7 +58,7 @@ class TopModel {
   int unparsed() const { return unparsed_; }
 
  private:
-  PeriodHistory history_;
+  FigureHistory history_;
   std::vector<Row> rows_;
   size_t processors_ = 0;
   int unparsed_ = 0;

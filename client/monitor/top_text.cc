@@ -1,7 +1,9 @@
 #include "client/monitor/top_text.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "kvox/common/fixed_text.h"
@@ -33,6 +35,26 @@ std::string Milliseconds(const Row& row) {
   return number ? FormatText<32>("%.3f", *number) : "-";
 }
 
+template <auto figure>
+Number GetFigure(const Row& row) {
+  if (!row.figures) return std::nullopt;
+  const auto value = (*row.figures).*figure;
+  if constexpr (std::is_same_v<decltype(value), const uint64_t>) {
+    return static_cast<double>(value);
+  } else {
+    return value;
+  }
+}
+
+/// With as many digits as say something: 0.02, 3.1, 42.
+template <auto figure>
+std::string FigureText(const Row& row) {
+  const Number number = GetFigure<figure>(row);
+  if (!number) return "-";
+  const bool whole = *number >= 100 || *number == std::floor(*number);
+  return FormatText<32>("%.*f", whole ? 0 : *number < 1 ? 3 : 1, *number);
+}
+
 std::string Percent(const Row& row) {
   const Number share = Get<&Metrics::active_share>(row);
   return share ? FormatText<32>("%.1f%%", *share * 100) : "-";
@@ -54,8 +76,15 @@ const Column kColumns[] = {
        return std::string(row.gave_up ? "gave up" : row.enabled ? "on" : "off");
      },
      [](const Row& row) { return Number(row.enabled ? 1 : 0); }},
+    {"lost", "LOST", 6, 'l', false, FigureText<&StreamFigures::lost>,
+     GetFigure<&StreamFigures::lost>},
+    {"late", "LATE", 6, 'e', false, FigureText<&StreamFigures::late>,
+     GetFigure<&StreamFigures::late>},
+    {"jitter", "JITTER", 6, 'j', false, FigureText<&StreamFigures::jitter_ms>,
+     GetFigure<&StreamFigures::jitter_ms>},
+    {"busy", "BUSY", 6, 'u', false, FigureText<&StreamFigures::busy_us>,
+     GetFigure<&StreamFigures::busy_us>},
     {"period", "PERIOD", 8, 'p', true, Milliseconds<&Metrics::period_ms>, Get<&Metrics::period_ms>},
-    {"jitter", "JITTER", 7, 'j', true, Milliseconds<&Metrics::jitter_ms>, Get<&Metrics::jitter_ms>},
     {"active", "ACTIVE", 7, 'a', true, Milliseconds<&Metrics::active_ms>, Get<&Metrics::active_ms>},
     {"max", "MAX", 7, 'm', true, Milliseconds<&Metrics::max_active_ms>,
      Get<&Metrics::max_active_ms>},
@@ -106,11 +135,12 @@ std::string Trimmed(std::string text) {
   return text;
 }
 
-/// Texts are left-aligned, numbers right-aligned.
+/// Texts are left-aligned, numbers right-aligned; the state is a text.
 std::string Cell(const Column& column, const std::string& text) {
   const auto width = static_cast<size_t>(column.width);
   const std::string fill(width - std::min(width, text.size()), ' ');
-  return (column.measured ? fill + text : text + fill) + " ";
+  const bool is_number = column.number != nullptr && column.key != 's';
+  return (is_number ? fill + text : text + fill) + " ";
 }
 
 void SortByText(std::vector<Row>& rows, const Order& order) {
@@ -144,8 +174,11 @@ std::string KeysLine(const Columns& columns) {
     if (at != name.npos) name[at] = static_cast<char>(name[at] - 'a' + 'A');
     line += " " + name;
   }
-  return line + "  again: reverse";
+  return line + "  again: reverse  / filter";
 }
+
+constexpr int kSideStep = 10;  // columns
+constexpr int kEscape = 27;
 
 int LastFirst(int rows, int page) {
   return std::max(rows - page, 0);
@@ -203,7 +236,27 @@ int PageOf(const Size& size) {
   return std::max(size.lines - others, 1);
 }
 
+bool Matches(const Row& row, const std::string& filter) {
+  const std::string text = row.object + (" " + row.name) + " " + row.type + " " + Connection(row);
+  return text.find(filter) != text.npos;
+}
+
+void EditFilter(int key, View& view) {
+  if (key == '\n' || key == '\r') view.typing = false;
+  if (key == kEscape) view.filter.clear(), view.typing = false;
+  if (key == kKeyBackspace && !view.filter.empty()) view.filter.pop_back();
+  if (key >= ' ' && key <= '~') view.filter += static_cast<char>(key);
+}
+
 void ApplyKey(int key, const Columns& columns, int rows, int page, View& view) {
+  if (view.typing) return EditFilter(key, view);
+  if (key == '/') {
+    view.filter.clear();
+    view.typing = true;
+    return;
+  }
+  if (key == kKeyLeft) view.left = std::max(view.left - kSideStep, 0);
+  if (key == kKeyRight) view.left += kSideStep;
   const struct {
     int key;
     int first;
@@ -222,29 +275,50 @@ void ApplyKey(int key, const Columns& columns, int rows, int page, View& view) {
   }
 }
 
-std::vector<FrameLine> DrawFrame(const std::string& head, std::vector<Row> rows,
+Style StyleOf(const Row& row, bool stale) {
+  if (stale || !row.enabled) return Style::kDim;
+  return row.figures && row.figures->fresh ? Style::kAlarm : Style::kPlain;
+}
+
+std::string BottomLine(const Columns& columns, const View& view) {
+  if (view.typing) return "filter: " + view.filter + "_  (Enter done  Esc none)";
+  return view.filter.empty() ? KeysLine(columns)
+                             : "filter: " + view.filter + "  (/ another  q quit)";
+}
+
+std::vector<FrameLine> DrawFrame(const std::string& head, std::vector<Row> rows, bool stale,
                                  const Columns& columns, const Size& size, View& view) {
+  std::erase_if(rows, [&](const Row& row) { return !Matches(row, view.filter); });
   const int page = PageOf(size);
   const auto count = static_cast<int>(rows.size());
   view.first = std::clamp(view.first, 0, LastFirst(count, page));
   Sort(rows, view.order);
-  std::vector<FrameLine> frame;
-  if (size.lines >= kLinesForHead) frame.push_back({head, Style::kBold});
-  if (size.lines >= kLinesForTitles) frame.push_back({HeaderLine(columns), Style::kReverse});
+  std::vector<FrameLine> body;
   for (int i = view.first; i < std::min(view.first + page, count); ++i) {
-    frame.push_back({LineOf(columns, rows[static_cast<size_t>(i)])});
+    const Row& row = rows[static_cast<size_t>(i)];
+    body.push_back({LineOf(columns, row), StyleOf(row, stale)});
+  }
+  if (size.lines >= kLinesForTitles) {
+    body.insert(body.begin(), {HeaderLine(columns), Style::kReverse});
+  }
+  size_t widest = 0;
+  for (const FrameLine& line : body) widest = std::max(widest, line.text.size());
+  view.left = std::clamp(view.left, 0, std::max(static_cast<int>(widest) - size.columns, 0));
+  for (FrameLine& line : body) line.text.erase(0, static_cast<size_t>(view.left));
+  if (size.lines >= kLinesForHead) {
+    body.insert(body.begin(), {head, stale ? Style::kAlarm : Style::kBold});
   }
   if (size.lines >= kLinesForKeys) {
-    frame.resize(static_cast<size_t>(size.lines) - 1);
-    frame.push_back({KeysLine(columns), Style::kReverse});
+    body.resize(static_cast<size_t>(size.lines) - 1);
+    body.push_back({BottomLine(columns, view), Style::kReverse});
   }
-  for (FrameLine& line : frame) {
+  for (FrameLine& line : body) {
     if (line.style == Style::kReverse) {
       line.text.resize(std::max(line.text.size(), static_cast<size_t>(size.columns)), ' ');
     }
     line.text.resize(std::min(line.text.size(), static_cast<size_t>(size.columns)));
   }
-  return frame;
+  return body;
 }
 
 }  // namespace kvox::client

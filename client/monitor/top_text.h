@@ -50,7 +50,7 @@ struct Size {
   int columns = 80;
 };
 
-enum class Style { kPlain, kBold, kReverse };
+enum class Style { kPlain, kBold, kReverse, kDim, kAlarm };
 
 struct FrameLine {
   std::string text;
@@ -60,14 +60,28 @@ struct FrameLine {
 /// What the user has chosen.
 struct View {
   Order order = {};
-  int first = 0;  // the row at the top
+  int first = 0;            // the row at the top
+  int left = 0;             // the column at the left
+  std::string filter = {};  // rows must contain it
+  bool typing = false;      // keys are for the filter
 };
 
 /// Keys that are not characters.
-enum SpecialKey { kKeyUp = 1000, kKeyDown, kKeyPageUp, kKeyPageDown, kKeyHome, kKeyEnd };
+enum SpecialKey {
+  kKeyUp = 1000,
+  kKeyDown,
+  kKeyPageUp,
+  kKeyPageDown,
+  kKeyHome,
+  kKeyEnd,
+  kKeyLeft,
+  kKeyRight,
+  kKeyBackspace
+};
 
 /// Handles a key: a column's key, in either case, sorts by it and, pressed again, reverses the
-/// order; others scroll through `rows` rows, of which a page shows `page`. Unknown keys do nothing.
+/// order; '/' begins a filter; others scroll through `rows` rows, of which a page shows `page`, and
+/// sideways. Unknown keys do nothing.
 void ApplyKey(int key, const Columns& columns, int rows, int page, View& view);
 
 /// How many rows a screen of that size shows; at least one.
@@ -75,8 +89,9 @@ int PageOf(const Size& size);
 
 /// At most as many lines as the screen has, none wider than it: the head line, the titles, the rows
 /// from view.first on, and the keys. A small screen omits the keys, then the titles, then the head
-/// line. Clamps view.first to the rows.
-std::vector<FrameLine> DrawFrame(const std::string& head, std::vector<Row> rows,
+/// line. What is off is dimmed, as everything is when the picture is `stale`; fresh losses stand
+/// out. Clamps view.first and view.left.
+std::vector<FrameLine> DrawFrame(const std::string& head, std::vector<Row> rows, bool stale,
                                  const Columns& columns, const Size& size, View& view);
 
 }  // namespace kvox::client

@@ -1,5 +1,8 @@
+#include <algorithm>
 #include <utility>
 
+#include "client/flight/incidents.h"
+#include "client/flight/log_file.h"
 #include "client/monitor/diff.h"
 #include "client/monitor/monitor.h"
 #include "client/monitor/run_loop.h"
@@ -12,6 +15,7 @@ namespace {
 using Clock = RunLoop::Clock;
 
 constexpr auto kSilence = std::chrono::seconds(5);
+constexpr uint64_t kEvidenceNs = 300'000'000;
 
 /// Turns poll results into lines, and counts those.
 class Watcher {
@@ -39,6 +43,7 @@ class Watcher {
       for (const Change& change : Diff(*sample_, *result.sample)) Print(change);
     }
     sample_ = std::move(result.sample);
+    if (sample_->flight) ReportLosses(*sample_->flight);
   }
 
   void CheckSilence(Clock::duration in_flight) {
@@ -51,10 +56,39 @@ class Watcher {
   void Print(const Change& change) {
     if (Done()) return;
     ++count_;
+    Show(change);
+  }
+
+  void Show(const Change& change) {
     Json record = {{"time", UtcTime()}};
     record.update(RecordOf(change));
     const SignalFd::Unblocked scope(signals_);
     context_.out.One({LocalTime() + " " + LineOf(change)}, record);
+  }
+
+  /// Of the time since the last report, but for the last moments: evidence may be still to come.
+  /// They count as no change. The records are read only when something was lost.
+  void ReportLosses(const FlightView& counters) {
+    uint64_t lost = 0;
+    for (const StreamView& stream : counters.streams)
+      lost += stream.Lost() + stream.renumbered + stream.since_ns;
+    const uint64_t now_ns = EndOf(counters);
+    if (lost != std::exchange(lost_, lost)) lost_at_ns_ = now_ns;
+    const uint64_t from_ns = losses_since_ns_;
+    const uint64_t until_ns = now_ns - std::min(now_ns, kEvidenceNs);
+    losses_since_ns_ = std::max(from_ns, from_ns == 0 ? now_ns : until_ns);
+    if (from_ns == 0 || from_ns > lost_at_ns_ || until_ns <= from_ns) return;
+    const auto path = FindFlight();
+    std::string error;
+    const auto flight = path ? flight::ReadFlight(*path, {}, &error) : std::nullopt;
+    if (!flight) return;
+    for (const StreamView& stream : flight->streams) {
+      for (const Incident& incident : FindIncidents(*flight, stream, from_ns, until_ns)) {
+        if (!IsLoss(incident)) continue;
+        Show({"tap-out", stream.name, "lost", "cause", CauseWord(incident.blame.cause),
+              CountsOf(incident) + ": " + CauseText(incident.blame)});
+      }
+    }
   }
 
   void ReportUnparsed(int unparsed) {
@@ -75,6 +109,9 @@ class Watcher {
   bool present_ = true;
   bool silent_ = false;
   int unparsed_ = 0;
+  uint64_t losses_since_ns_ = 0;  // not reported yet, on the packet clock; 0 at first
+  uint64_t lost_ = 0;
+  uint64_t lost_at_ns_ = 0;  // when that was seen to grow
 };
 
 /// When --timeout expires.

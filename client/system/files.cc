@@ -51,6 +51,12 @@ std::vector<uint8_t> ReadAll(int fd, const std::string& name, size_t limit) {
 
 }  // namespace
 
+UniqueFd CreateNew(const std::string& path) {
+  UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (!fd.valid()) Refuse("create", Quoted(path), errno);
+  return fd;
+}
+
 std::vector<uint8_t> ReadFile(const std::string& path, size_t limit) {
   return ReadAll(OpenRegular("read", path, O_RDONLY).get(), Quoted(path), limit);
 }

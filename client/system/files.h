@@ -20,6 +20,9 @@ std::vector<uint8_t> ReadStandardInput(size_t limit);
 /// Opens the file at `path` for appending, creating it if necessary. Throws UsageError.
 UniqueFd OpenToAppend(const std::string& path);
 
+/// Creates the file at `path`, for this user alone. Throws UsageError, also when it exists.
+UniqueFd CreateNew(const std::string& path);
+
 /// Throws UsageError when no file can be written at `path`. Changes nothing, and leaves no new file
 /// behind.
 void CheckWritable(const std::string& path);

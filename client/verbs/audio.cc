@@ -1,8 +1,8 @@
 #include <utility>
 
-#include "client/audio/sessions.h"
 #include "client/calls/arguments.h"
 #include "client/system/files.h"
+#include "client/verbs/relay.h"
 #include "client/verbs/shared.h"
 
 namespace kvox::client {
@@ -23,35 +23,22 @@ SoundReader OpenToPlay(const std::string& path) {
   }
 }
 
-/// Runs `session(kvox, options)` with the relay that was named.
-template <typename Session>
-int RunSession(const Context& context, Session session) {
-  RelaySession::BlockInterrupts();
-  const ProcessorId id = LookUpRelay(context.daemon, context.in.Get("PROCESSOR"));
-  try {
-    return session(context.daemon.kvox(), SessionOptions{.processor = id.id,
-                                                         .name = id.name,
-                                                         .json = context.out.json(),
-                                                         .wait = context.daemon.wait()});
-  } catch (const SoundFileError& error) {
-    throw Failure(kRefused, error.what());
-  }
-}
-
 int RunRecord(const Context& context) {
   const double seconds = Seconds(context.in.Get("--seconds"));
   const std::string& path = context.in.Get("FILE");
   CheckWritable(path);  // before the relay is taken from another client
-  return RunSession(context, [&](const auto& kvox, const SessionOptions& options) {
-    return Record(kvox, options, path, seconds);
-  });
+  return RunSession(context, context.in.Get("PROCESSOR"),
+                    [&](const auto& kvox, const SessionOptions& options) {
+                      return Record(kvox, options, path, seconds);
+                    });
 }
 
 int RunPlay(const Context& context) {
   SoundReader file = OpenToPlay(context.in.Get("FILE"));
-  return RunSession(context, [&](const auto& kvox, const SessionOptions& options) {
-    return Play(kvox, options, std::move(file));
-  });
+  return RunSession(context, context.in.Get("PROCESSOR"),
+                    [&](const auto& kvox, const SessionOptions& options) {
+                      return Play(kvox, options, std::move(file));
+                    });
 }
 
 const char* Notes() {

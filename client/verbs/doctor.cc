@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "client/command_line/verb.h"
+#include "client/doctor/bugreport.h"
 #include "client/doctor/gather.h"
 #include "client/output/json.h"
 #include "kvox/common/fixed_text.h"
@@ -65,6 +66,14 @@ const char* Notes() {
          "A failure keeps audio or clients away, a warning may cost something.\n";
 }
 
+const char* ReportNotes() {
+  return "The archive has what doctor, why, graph, export and the like print, the flight log and "
+         "its\n"
+         "predecessor, the last lines of the log, and facts of the machine; no audio. README.txt "
+         "in\n"
+         "it says what is what.\n";
+}
+
 }  // namespace
 
 std::vector<Verb> DoctorVerbs() {
@@ -75,6 +84,11 @@ std::vector<Verb> DoctorVerbs() {
        Options{{"--captures", "DIRECTORY", Kind::kFile,
                 "Where captures are to go (/tmp, or the service's home)"}},
        Notes, VerbKind::kCheck},
+      {"bugreport", "Collect what an expert needs to see in one archive", BugReport,
+       "bugreport /tmp/report.tar.gz",
+       Arguments{{"FILE", Kind::kFile, "A file that does not exist (kvox-bugreport-DATE.tar.gz)",
+                  Arity::kOptional}},
+       Options{}, ReportNotes, VerbKind::kLocal},
   };
 }
 

@@ -1,5 +1,6 @@
 #include "client/monitor/monitor.h"
 
+#include "client/flight/log_file.h"
 #include "client/monitor/top_text.h"
 
 namespace kvox::client {
@@ -8,12 +9,16 @@ namespace {
 const char* TopNotes() {
   return "Keys: q quits, those of the help line sort (again: reverses), arrow and page keys\n"
          "scroll, space refreshes at once, Ctrl-L redraws. --json and --short imply --batch.\n"
-         "Times are in ms: PERIOD and ACTIVE are averages since the last refresh, MAX is the "
-         "longest\n"
-         "time on a block, SHARE is ACTIVE divided by PERIOD. The daemon reports no single "
-         "periods:\n"
-         "JITTER is the range of the averages of the last ten refreshes. Reading the times clears\n"
-         "them for other readers; processors that keep no times keep some while top runs.\n";
+         "LOST and LATE are packets since kvoxd started, from the flight log, a processor's those "
+         "of\n"
+         "its input; red: lost during the last ten refreshes, see kvoxctl why. Of these refreshes\n"
+         "JITTER is what 99 % of the arrivals stay within, in ms, and BUSY what the slowest "
+         "processor\n"
+         "of a packet and its writes took on average, in us. With --measure, in ms: PERIOD and "
+         "ACTIVE are averages since the last\n"
+         "refresh, MAX is the longest time on a block, SHARE is ACTIVE divided by PERIOD. Reading\n"
+         "these clears them for other readers; processors that keep no times keep some while top\n"
+         "runs.\n";
 }
 
 const char* WatchNotes() {
@@ -44,7 +49,9 @@ std::vector<Verb> MonitorVerbs() {
            {"--reverse", nullptr, Kind::kText, "Reverse the order"},
            interval,
            {"--batch", nullptr, Kind::kText, "Print plain rows; needs no terminal"},
-           {"-n", "COUNT", Kind::kNumber, "End after so many refreshes"}},
+           {"-n", "COUNT", Kind::kNumber, "End after so many refreshes"},
+           {"--once", nullptr, Kind::kText, "The same as --batch -n 1"},
+           kFlightOption},
        TopNotes},
       {"watch", "Print a line for every change of processors, buffers, tap points and daemon",
        Watch, "watch --json --timeout 60", Arguments{},

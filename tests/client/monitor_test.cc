@@ -77,24 +77,48 @@ TEST(Diff, TapPointsOfASilentCoreAreNotGone) {
   EXPECT_THAT(LinesOf(Diff(silent, after)), ElementsAre("core 2 answers", "tap 2:imic.0 gone"));
 }
 
-TEST(Rows, MetricsAreOfTheLastPollAndJitterOfTen) {
-  const Metrics metrics =
-      MetricsOf({.blocks = 9, .average_period_ms = 10, .active_ms = {1, 4, 1}}, std::nullopt);
+TEST(Rows, MetricsAreOfTheLastPoll) {
+  const Metrics metrics = MetricsOf({.blocks = 9, .average_period_ms = 10, .active_ms = {1, 4, 1}});
   EXPECT_DOUBLE_EQ(*metrics.active_ms, 2);
   EXPECT_DOUBLE_EQ(*metrics.max_active_ms, 4);
   EXPECT_DOUBLE_EQ(*metrics.active_share, 0.2);
-  EXPECT_EQ(MetricsOf({.active_ms = {1}}, std::nullopt).active_share, std::nullopt)
+  EXPECT_EQ(MetricsOf({.active_ms = {1}}).active_share, std::nullopt)
       << "there is no period to divide by";
+}
 
-  PeriodHistory history;
-  history.Add(Measured(20));
-  EXPECT_EQ(history.JitterMs("pass"), std::nullopt);
-  for (const double period_ms : {10.0, 10.5, 10.0}) history.Add(Measured(period_ms));
-  EXPECT_DOUBLE_EQ(*history.JitterMs("pass"), 10);
-  for (size_t i = 0; i < PeriodHistory::kPolls - 2; ++i) history.Add(Measured(10.25));
-  EXPECT_DOUBLE_EQ(*history.JitterMs("pass"), 0.5) << "the first polls are forgotten";
-  history.Add(Measured(0));
-  EXPECT_EQ(history.JitterMs("pass"), std::nullopt) << "it has paused";
+flight::FlightView Log(uint64_t lost, uint64_t arrivals_3ms_off) {
+  flight::FlightView log;
+  log.started_ns = 7;
+  log.streams.resize(1);
+  flight::StreamView& stream = log.streams[0];
+  stream.name = "tapout0";
+  stream.lost[1] = lost;
+  stream.late = 2;
+  stream.arrival_error.counts[flight::BucketOf(3'000'000)] = arrivals_3ms_off;
+  stream.processing.counts[flight::BucketOf(80'000)] = 4 + arrivals_3ms_off;
+  stream.processing.sum = 80'000 * (4 + arrivals_3ms_off);
+  log.injects = {{.name = "inject0", .written = 5, .full = 1, .gone = 1}};
+  return log;
+}
+
+TEST(Rows, FiguresAreLossesSinceTheStartAndJitterOfTenPolls) {
+  FigureHistory history;
+  auto figures = history.Add(Log(5, 0));
+  EXPECT_EQ(figures["tapout0"].lost, 5u);
+  EXPECT_EQ(figures["tapout0"].late, 2u);
+  EXPECT_FALSE(figures["tapout0"].fresh) << "when it was lost is not known";
+  EXPECT_EQ(figures["tapout0"].jitter_ms, std::nullopt);
+  EXPECT_DOUBLE_EQ(*figures["tapout0"].busy_us, 80);
+  EXPECT_EQ(figures["inject0"].lost, 2u);
+  figures = history.Add(Log(6, 10));
+  EXPECT_TRUE(figures["tapout0"].fresh);
+  EXPECT_NEAR(*figures["tapout0"].jitter_ms, 3, 0.7);
+  for (size_t i = 0; i < FigureHistory::kPolls; ++i) figures = history.Add(Log(6, 10));
+  EXPECT_FALSE(figures["tapout0"].fresh);
+  EXPECT_EQ(figures["tapout0"].jitter_ms, std::nullopt) << "no packet has come lately";
+  flight::FlightView restarted = Log(1, 1);
+  restarted.started_ns = 8;
+  EXPECT_FALSE(history.Add(restarted)["tapout0"].fresh);
 }
 
 std::vector<std::string> NamesAfter(std::vector<Row> rows, const Order& order) {
@@ -129,7 +153,7 @@ TEST(Rows, AreSortedByTextOrNumber) {
 
 TEST(Rows, NeverPassControlCharactersOn) {
   EXPECT_THAT(LineOf(ColumnsOf(false), RowNamed("\x1b[2J\xc3\xa9")),
-              StartsWith("tap-out   ?[2J??    -    off     -"));
+              StartsWith("tap-out   ?[2J??    -    off          -      -      -      - -"));
 }
 
 TEST(Frame, FitsEveryScreen) {
@@ -138,7 +162,7 @@ TEST(Frame, FitsEveryScreen) {
   for (int lines = 1; lines <= 40; ++lines) {
     for (const int width : {1, 9, 80, 300}) {
       View view{.first = 1000};
-      const auto frame = DrawFrame("kvoxd", rows, columns, {lines, width}, view);
+      const auto frame = DrawFrame("kvoxd", rows, false, columns, {lines, width}, view);
       EXPECT_LE(frame.size(), static_cast<size_t>(lines));
       EXPECT_EQ(view.first, std::max(30 - PageOf({lines, width}), 0));
       for (const FrameLine& line : frame) {
@@ -147,13 +171,54 @@ TEST(Frame, FitsEveryScreen) {
     }
   }
   View view;
-  const auto frame = DrawFrame("kvoxd", {}, columns, {8, 200}, view);
+  const auto frame = DrawFrame("kvoxd", {}, false, columns, {8, 200}, view);
   ASSERT_EQ(frame.size(), 8u);
   EXPECT_EQ(frame[0].text, "kvoxd");
   EXPECT_THAT(frame[1].text, StartsWith("OBJECT"));
   EXPECT_THAT(
       frame[7].text,
-      StartsWith("q quit  sort by Object Name Type State Period Jitter Active Max sHare Blocks"));
+      StartsWith(
+          "q quit  sort by Object Name Type State Lost latE Jitter bUsy Period Active Max sHare"));
+}
+
+TEST(Frame, ShowsWhatMattersAndOnlyWhatIsAskedFor) {
+  const auto columns = ColumnsOf(false);
+  std::vector<Row> rows = {RowNamed("tapout0"), RowNamed("tapout1"), RowNamed("inject1")};
+  rows[0].enabled = rows[2].enabled = true;
+  rows[0].figures = StreamFigures{.lost = 3, .fresh = true};
+  rows[0].to = {"a-very-long-name-of-a-processor"};
+  View view;
+  const auto styles = [&](bool stale) {
+    std::vector<Style> result;
+    for (const FrameLine& line : DrawFrame("kvoxd", rows, stale, columns, {6, 60}, view)) {
+      result.push_back(line.style);
+    }
+    return result;
+  };
+  using enum Style;
+  EXPECT_THAT(styles(false), ElementsAre(kBold, kReverse, kAlarm, kDim, kPlain, kReverse));
+  EXPECT_THAT(styles(true), ElementsAre(kAlarm, kReverse, kDim, kDim, kDim, kReverse));
+
+  for (const int key : {int{'/'}, int{'t'}, int{'q'}, int{kKeyBackspace}})
+    ApplyKey(key, columns, 3, 3, view);
+  for (const char key : std::string("apout1")) ApplyKey(key, columns, 3, 3, view);
+  auto frame = DrawFrame("kvoxd", rows, false, columns, {6, 60}, view);
+  EXPECT_THAT(frame[2].text, StartsWith("tap-out   tapout1"));
+  EXPECT_EQ(frame[3].text, "");
+  EXPECT_THAT(frame[5].text, StartsWith("filter: tapout1_"));
+  ApplyKey('\n', columns, 3, 3, view);
+  ApplyKey('n', columns, 3, 3, view);
+  EXPECT_EQ(view.filter, "tapout1") << "letters sort again";
+  for (const int key : {int{'/'}, 27}) ApplyKey(key, columns, 3, 3, view);
+  EXPECT_EQ(view.filter, "");
+
+  for (int i = 0; i < 9; ++i) ApplyKey(kKeyRight, columns, 3, 3, view);
+  frame = DrawFrame("kvoxd", rows, false, columns, {6, 60}, view);
+  EXPECT_TRUE(frame[3].text.ends_with("a-very-long-name-of-a-processor"));
+  EXPECT_EQ(frame[3].text.size(), 60u);
+  EXPECT_EQ(frame[0].text, "kvoxd");
+  for (int i = 0; i < 9; ++i) ApplyKey(kKeyLeft, columns, 3, 3, view);
+  EXPECT_EQ(view.left, 0);
 }
 
 TEST(Frame, KeysSortAndMove) {

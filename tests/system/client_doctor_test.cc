@@ -41,7 +41,7 @@ TEST_F(ClientDoctorTest, HasNothingAgainstDaemonAndSimulator) {
   StartBoth();
   ASSERT_TRUE(WaitFor([&] { return exists(directory_ / "dev/xdv-kvox_control"); }));
   const auto findings = Doctor();
-  EXPECT_EQ(findings.size(), 12u);
+  EXPECT_EQ(findings.size(), 13u);
   for (const auto& [check, finding] : findings) {
     if (check == "realtime" || check == "captures") continue;
     EXPECT_EQ(finding["verdict"], "ok") << finding;

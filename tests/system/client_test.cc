@@ -110,7 +110,10 @@ TEST_F(ClientTest, DoesNotWaitForAnAnswerForEver) {
     MuteService service(directory_ / "run");
     Process client(KVOXCTL_PROGRAM, Words(line), directory_ / "kvoxctl");
     service.TakeCall();
-    client.Signal(SIGALRM);  // time passes
+    EXPECT_TRUE(WaitFor([&] {
+      client.Signal(SIGALRM);  // time passes
+      return client.Ended().has_value();
+    }));
     EXPECT_EQ(client.Wait(), line == std::string("ping") ? 6 : 3);
     EXPECT_EQ(client.Err(),
               "kvoxctl: Ping was not answered within 300 s; see whether kvoxd hangs, and restart "
