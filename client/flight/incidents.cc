@@ -22,42 +22,42 @@ struct CauseRow {
 };
 
 constexpr std::array<CauseRow, kCauses> kCauseRows{{
-    {Cause::kCoprocessorLate, "coprocessor-late", "the co-processor sent packets late",
+    {Cause::kCoprocessorLate, "coprocessor_late", "the co-processor sent packets late",
      "look at the load and the clock of the co-processor"},
-    {Cause::kCoprocessorEarly, "coprocessor-early", "the co-processor sent packets early",
+    {Cause::kCoprocessorEarly, "coprocessor_early", "the co-processor sent packets early",
      "look at the clock of the co-processor, and whether its block length is what the tap shows"},
-    {Cause::kCoprocessorSkipped, "coprocessor-skipped", "the co-processor skipped packets",
+    {Cause::kCoprocessorSkipped, "coprocessor_skipped", "the co-processor skipped packets",
      "look whether the co-processor, or the driver's queue, drops packets"},
-    {Cause::kCoprocessorRepeated, "coprocessor-repeated", "the co-processor sent packets twice",
+    {Cause::kCoprocessorRepeated, "coprocessor_repeated", "the co-processor sent packets twice",
      "look at the firmware: each packet needs a new number"},
-    {Cause::kDeviceLate, "device-late", "the device delivered packets late",
+    {Cause::kDeviceLate, "device_late", "the device delivered packets late",
      "look at the driver: interrupts, wake-ups, power states between the co-processor and the "
      "node"},
-    {Cause::kNoProcessorTime, "no-cpu", "kvoxd's thread got no processor",
+    {Cause::kNoProcessorTime, "no_cpu", "kvoxd's thread got no processor",
      "see what else runs at real-time priority, and give kvoxd that right: kvoxctl doctor"},
-    {Cause::kProcessorSlow, "processor-slow", "processor %s took too long",
+    {Cause::kProcessorSlow, "processor_slow", "processor %s took too long",
      "shorten its work, or use longer blocks: kvoxctl tap length"},
-    {Cause::kProcessorRefused, "processor-refused", "processor %s returned errors",
+    {Cause::kProcessorRefused, "processor_refused", "processor %s returned errors",
      "compare its format with that of the tap: kvoxctl graph"},
-    {Cause::kClientLate, "client-late", "the client of processor %s replied too late",
+    {Cause::kClientLate, "client_late", "the client of processor %s replied too late",
      "make the client return sooner from ReceiveAudio, or use longer blocks"},
-    {Cause::kClientRefused, "client-refused", "the client of processor %s refused packets",
+    {Cause::kClientRefused, "client_refused", "the client of processor %s refused packets",
      "see whether the client still runs"},
-    {Cause::kClientDied, "client-died", "the client of processor %s died",
+    {Cause::kClientDied, "client_died", "the client of processor %s died",
      "see the client's own log; it may register again"},
-    {Cause::kInjectFull, "inject-full", "%s took no packets in time",
+    {Cause::kInjectFull, "inject_full", "%s took no packets in time",
      "look whether the co-processor reads that device"},
-    {Cause::kInjectGone, "inject-gone", "writing to %s failed",
+    {Cause::kInjectGone, "inject_gone", "writing to %s failed",
      "look whether the node is there and has a reader"},
     {Cause::kRewired, "rewired", "%s changed the connections",
      "nothing, if that was wanted; else change them while the audio is off"},
-    {Cause::kNoRoute, "no-route", "no processor reads the buffer",
+    {Cause::kNoRoute, "no_route", "no processor reads the buffer",
      "connect one: kvoxctl processor connect"},
-    {Cause::kRestart, "restart", "devices left and returned",
+    {Cause::kRestart, "coprocessor_restarted", "devices left and returned",
      "if the co-processor did not restart on purpose, look at its own log"},
     {Cause::kJunk, "junk", "the stream contained bytes that are no packet",
      "look at the driver: reads must end with a packet"},
-    {Cause::kReadErrors, "read-errors", "reading the device failed",
+    {Cause::kReadErrors, "read_errors", "reading the device failed",
      "see the errors in kvoxd's log, and the driver's"},
     {Cause::kUndecided, "undecided", "the evidence does not decide why",
      "save the log for an expert: kvoxctl flight save"},
@@ -148,6 +148,11 @@ const char* CauseWord(Cause cause) {
 
 const char* Advice(Cause cause) {
   return RowOf(cause).advice;
+}
+
+uint64_t CountOf(const Incident& incident) {
+  if (incident.lost > 0) return incident.lost;
+  return incident.late + incident.early + incident.repeated + incident.interruptions;
 }
 
 std::string CountsOf(const Incident& incident) {

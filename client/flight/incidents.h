@@ -30,7 +30,7 @@ struct Incident {
 
 /// In a sentence: "the co-processor sent packets late".
 std::string CauseText(const Blame& blame);
-/// For programs: "coprocessor-late"; the same words in every release.
+/// For programs: "coprocessor_late"; the same words in every release.
 const char* CauseWord(Cause cause);
 /// What to do about it.
 const char* Advice(Cause cause);
@@ -42,6 +42,9 @@ std::vector<Incident> FindIncidents(const FlightView& flight, const StreamView& 
 
 /// Since when the stream's records are complete: `from_ns`, or later when they reach back less far.
 uint64_t CoveredFrom(const StreamView& stream, uint64_t from_ns);
+
+/// The packets lost; where none is, the packets late, early and sent twice, and interruptions.
+uint64_t CountOf(const Incident& incident);
 
 /// "12 packets lost, 3 late by up to 8.1 ms"
 std::string CountsOf(const Incident& incident);

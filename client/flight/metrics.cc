@@ -16,9 +16,9 @@ using flight::StreamView;
 
 /// Indexed by flight::Loss; the same words in every release.
 constexpr std::array<const char*, flight::kLosses> kReasons = {
-    "",          "jump",        "alignment",      "no-magic",     "header",
-    "excess",    "slip",        "device",         "switched-off", "no-route",
-    "processor", "client-late", "client-refused", "inject-full",  "inject-gone",
+    "",          "jump",        "alignment",      "no_magic",     "header",
+    "excess",    "slip",        "device",         "switched_off", "no_route",
+    "processor", "client_late", "client_refused", "inject_full",  "inject_gone",
     "rewired"};
 
 struct CounterRow {
@@ -135,7 +135,7 @@ std::string MetricsText(const FlightView& flight) {
     Head(row.name, "histogram", row.help, text);
     for (const auto& stream : flight.streams) AddHistogram(row, stream, text);
   }
-  return text;
+  return text + "# EOF\n";
 }
 
 int Metrics(const Context& context) {

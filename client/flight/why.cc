@@ -38,6 +38,7 @@ Json RecordOf(const FlightView& flight, const Incident& incident) {
           {"first_ms", Ms(WallNs(flight, incident.first_ns))},
           {"last_ms", Ms(WallNs(flight, incident.last_ns))},
           {"packet", incident.first_number},
+          {"count", CountOf(incident)},
           {"lost", incident.lost},
           {"late", incident.late},
           {"early", incident.early},
@@ -94,7 +95,7 @@ int Why(const Context& context) {
     lines.push_back(std::to_string(flight.unrecorded) +
                     " time(s) a stream found no place in the log: what it lost is not here");
   }
-  context.out.List(lines, "incidents", records, 0,
+  context.out.List(lines, "causes", records, 0,
                    {{"audio_lost", lost},
                     {"covered_ms", Ms(end_ns - std::min(end_ns, covered_from_ns))},
                     {"live", flight.live},

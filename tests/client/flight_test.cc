@@ -368,7 +368,7 @@ TEST(MetricsTest, CountersAndHistogramsHaveTheirLabels) {
   const std::string text = MetricsText(story.flight);
   for (const char* line :
        {"kvox_packets_dispatched_total{stream=\"a\\\"b\\\\c\"} 7\n",
-        "kvox_packets_lost_total{stream=\"a\\\"b\\\\c\",reason=\"inject-full\"} 3\n",
+        "kvox_packets_lost_total{stream=\"a\\\"b\\\\c\",reason=\"inject_full\"} 3\n",
         "kvox_inject_packets_total{inject=\"inject20\",outcome=\"full\"} 3\n",
         "kvox_processing_seconds_bucket{stream=\"a\\\"b\\\\c\",le=\"2.048e-06\"} 0\n",
         "kvox_processing_seconds_bucket{stream=\"a\\\"b\\\\c\",le=\"4.096e-06\"} 1\n",

@@ -11,6 +11,7 @@ namespace kvox {
 namespace {
 
 using nlohmann::json;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 
 /// 20 ms blocks: a busy machine delays them by less than the quarter that counts as late.
@@ -48,7 +49,7 @@ class FlightTest : public SystemTest {
     std::map<std::string, int> lost;
     const ClientRun run = Run(Words("why --json"));
     const json document = json::parse(run.out);
-    for (const json& incident : document["incidents"]) {
+    for (const json& incident : document["causes"]) {
       lost[incident["cause"]] += incident["lost"].get<int>();
     }
     return lost;
@@ -64,7 +65,7 @@ TEST_F(FlightTest, LossesAreSeenAtFirstSightAndExplained) {
   ASSERT_TRUE(WaitFor([&] { return Figure("genp.0", "sent") > 30; }));
   Fault("packet-drop tap=genp.0 count=10");
   ASSERT_TRUE(WaitFor([&] { return Figure("genp.0", "sent") > 60; }));
-  EXPECT_GE(Lost()["coprocessor-skipped"], 10);
+  EXPECT_GE(Lost()["coprocessor_skipped"], 10);
   const ClientRun why = Run(Words("why tapout0"));
   EXPECT_EQ(why.exit_status, 7);
   EXPECT_THAT(why.out, HasSubstr("the co-processor skipped packets: 10 packets lost"));
@@ -119,7 +120,7 @@ TEST_F(FlightTest, ABlackBoxTellsWhatADeadDaemonSawLast) {
   for (const std::string& file : {copy, FlightFile() + ".previous"}) {
     EXPECT_THAT(Run({"why", "--flight", file}).out, HasSubstr("Connect Kvox processor"));
     EXPECT_THAT(Run({"metrics", "--flight", file}).out,
-                HasSubstr("kvox_packets_lost_total{stream=\"tapout0\",reason=\"no-route\"}"));
+                HasSubstr("kvox_packets_lost_total{stream=\"tapout0\",reason=\"no_route\"}"));
   }
   EXPECT_EQ(Run({"flight", "save", copy}).exit_status, 2) << "no file is overwritten";
 }
@@ -169,6 +170,7 @@ TEST_F(FlightTest, MetricsAreServedAndAcceptedByTheirChecker) {
   StartStream("pass");
   const std::string text = Do("metrics");
   EXPECT_THAT(text, HasSubstr("kvox_packets_dispatched_total{stream=\"tapout0\"} "));
+  EXPECT_THAT(text, EndsWith("\n# EOF\n"));
   std::ofstream(directory_ / "metrics.txt") << text;
   const auto check = [&](const std::string& line) {
     Process promtool("sh", {"-c", line}, directory_ / "promtool");
