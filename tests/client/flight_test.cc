@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <sstream>
 
+#include "client/command_line/verb.h"
 #include "client/flight/incidents.h"
 #include "client/flight/verbs.h"
 #include "kvox/common/four_cc.h"
@@ -333,6 +335,18 @@ TEST(IncidentsTest, OnesOfTheSameCauseAreOneUntilTwoSecondsPass) {
   EXPECT_EQ(incidents[1].blame.cause, Cause::kProcessorRefused);
   EXPECT_EQ(incidents[2].lost, 1u);
   EXPECT_EQ(FindIncidents(story.flight, story.flight.streams[0], incidents[1].first_ns).size(), 2u);
+}
+
+TEST(IncidentsTest, AdviceNamesOnlyVerbsThatExist) {
+  for (size_t i = 0; i < kCauses; ++i) {
+    const std::string advice = Advice(static_cast<Cause>(i));
+    const size_t at = advice.find("kvoxctl ");
+    if (at == std::string::npos) continue;
+    std::istringstream words(advice.substr(at));
+    std::string program, first, second;
+    words >> program >> first >> second;
+    EXPECT_TRUE(FindVerb("", first) != nullptr || FindVerb(first, second) != nullptr) << advice;
+  }
 }
 
 /// A log may be damaged in ways that its checksums do not show.
