@@ -118,7 +118,11 @@ TEST(ThreadGroup, OneOwnerGetsItsShareOnly) {
   constexpr uint64_t kMe = 1;
   constexpr uint64_t kOther = 2;
   std::latch release(1);
-  const auto hang = [&] { release.wait(); };
+  std::atomic<int> begun = 0;
+  const auto hang = [&] {
+    ++begun;
+    release.wait();
+  };
   ThreadGroup threads(4, 2);  // joins before the latch goes
   EXPECT_TRUE(threads.Start("mine", hang, kMe));
   const size_t mine = threads.Start("mine", hang, kMe);
@@ -126,6 +130,7 @@ TEST(ThreadGroup, OneOwnerGetsItsShareOnly) {
   EXPECT_FALSE(threads.Start("mine", hang, kMe));
   EXPECT_TRUE(threads.Start("other", hang, kOther));
   EXPECT_TRUE(threads.Start("other", hang, kOther));
+  EXPECT_TRUE(WaitFor([&] { return begun == 4; })) << "what has not begun yet can be replaced";
 
   std::atomic<bool> first = false;
   std::atomic<bool> second = false;
