@@ -131,11 +131,13 @@ TEST_F(ProcessorStatsTest, TheIoThreadNeverWaitsForAReader) {
   };
   EXPECT_TRUE(YieldUntil([&] { return rounds > 0; }));
   const auto before = sleeps();
-  for (int i = 0; rounds < 20 && i < 100'000'000; ++i) {
+  for (int i = 0; rounds < 40 && i < 100'000'000; ++i) {
     stats_.StartMeasurement(1);
     stats_.StopMeasurement(1, 1);
   }
-  EXPECT_EQ(sleeps(), before);
+  // Waiting for the reader would take a sleep or two a round. The kernel has a few of its own,
+  // while the reader changes the memory map.
+  EXPECT_LT(sleeps() - before, 10);
   done = true;
   reader.join();
 }
