@@ -33,7 +33,11 @@ class OpenFile : public CaptureFile {
     do {
       written = write(fd_, bytes.data(), bytes.size());
     } while (written < 0 && errno == EINTR);
-    if (written < 0) LogError("Capture file %s: %s", path_.c_str(), ErrorText(errno).c_str());
+    if (written < 0) {
+      const int cause = errno;
+      LogError("Capture file %s: %s", path_.c_str(), ErrorText(cause).c_str());
+      errno = cause;
+    }
     return written;
   }
 
@@ -81,20 +85,21 @@ bool IsSomethingElse(const char* path) {
   return lstat(path, &status) == 0 && !S_ISREG(status.st_mode);
 }
 
-std::unique_ptr<CaptureFile> Refuse(const std::string& path, const char* why) {
+std::unique_ptr<CaptureFile> Refuse(const std::string& path, const char* cause, std::string& why) {
   LogError("Capture file %s cannot be opened: %s; name a file in a directory that can be written",
-           path.c_str(), why);
+           path.c_str(), cause);
+  why = cause;
   return nullptr;
 }
 
 }  // namespace
 
-std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path) {
-  if (IsSomethingElse(path.c_str())) return Refuse(path, "not a regular file");
+std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path, std::string& why) {
+  if (IsSomethingElse(path.c_str())) return Refuse(path, "not a regular file", why);
   const int fd = open(path.c_str(), kOpenFlags, kMode);
-  if (fd < 0) return Refuse(path, ErrorText(errno).c_str());
+  if (fd < 0) return Refuse(path, ErrorText(errno).c_str(), why);
   auto file = std::make_unique<OpenFile>(fd, path);
-  if (const char* const objection = file->Objection()) return Refuse(path, objection);
+  if (const char* const objection = file->Objection()) return Refuse(path, objection, why);
   return file;
 }
 

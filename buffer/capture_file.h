@@ -28,12 +28,13 @@ class CaptureFile {
   virtual bool CutTo(uint64_t size) = 0;
 };
 
-/// Opens the file of that path; null, after a log line with the cause, when that fails.
-using CaptureFileOpener = std::function<std::unique_ptr<CaptureFile>(const std::string& path)>;
+/// Opens the file of that path; null, after a log line, when that fails, with the cause in `why`.
+using CaptureFileOpener =
+    std::function<std::unique_ptr<CaptureFile>(const std::string& path, std::string& why)>;
 
 /// Creates the file (mode 0640), or opens the one that is there as it is. Only regular files of
 /// this user that have one name and that nobody else captures into: everything else is refused
 /// untouched.
-std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path);
+std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path, std::string& why);
 
 }  // namespace kvox

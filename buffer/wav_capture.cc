@@ -47,8 +47,10 @@ int32_t WavCapture::Start(const std::string& file, std::string& message) {
     message += ": Error, the last file is still being written";
     return -1;
   }
-  auto opened = open_(file);
+  std::string why;
+  auto opened = open_(file, why);
   if (!opened) {
+    SetState(file, why);
     message += " failed";
     return -1;
   }
@@ -61,16 +63,19 @@ int32_t WavCapture::Start(const std::string& file, std::string& message) {
     session_.reset();
     LogError("%s: no thread to write the capture into %s with; end other captures first",
              buffer_.c_str(), file.c_str());
+    SetState(file, "there is no thread for it; end other captures first");
     message += " failed";
     return -1;
   }
   if (!present.CutTo(0)) {
     LogError("Capture file %s cannot be emptied: %s; name another one", file.c_str(),
              ErrorText(errno).c_str());
+    SetState(file, "it cannot be emptied");
     if (StopWriter()) session_.reset();
     message += " failed";
     return -1;
   }
+  SetState(file, "");
   // Release: pairs with the acquire in Record and hands over the session.
   on_.store(true, std::memory_order_release);
   return 0;
@@ -88,8 +93,19 @@ int32_t WavCapture::Stop(std::string& message) {
     message += ": Capture not started";
     return -1;
   }
+  SetState("", "");
   message += " " + session->path + ", " + std::to_string(session->wav.samples()) + " samples";
   return 0;
+}
+
+WavCapture::State WavCapture::state() const {
+  MutexLock lock(state_mutex_);
+  return state_;
+}
+
+void WavCapture::SetState(const std::string& file, const std::string& trouble) {
+  MutexLock lock(state_mutex_);
+  state_ = {file, trouble};
 }
 
 bool WavCapture::StartWriter() {
@@ -176,6 +192,8 @@ void WavCapture::Run(Session& session) {
   if (session.wav.on()) {
     session.wav.endCaptureWav();
     session.whole = true;
+  } else {
+    SetState(session.path, session.wav.trouble());
   }
   SetWriting(false);
 }

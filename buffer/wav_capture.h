@@ -44,6 +44,14 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   /// then the thread continues, and another Stop returns the result. Service threads.
   int32_t Stop(std::string& message);
 
+  /// Of the capture that runs, or of the last one when it failed.
+  struct State {
+    std::string file = {};     // "" when there is neither
+    std::string trouble = {};  // why it could not begin, or ended by itself
+  };
+  /// Service threads; does not wait for the file.
+  State state() const EXCLUDES(state_mutex_);
+
   /// Called when the buffer is destroyed: ends the capture without waiting for it. The thread
   /// finishes the file. No other function may be called afterwards.
   void Abandon() { EndRecording(); }
@@ -71,6 +79,7 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   void EndRecording();
   void KeepOthersOut();
   void SetWriting(bool writing) EXCLUDES(writing_mutex_);
+  void SetState(const std::string& file, const std::string& trouble) EXCLUDES(state_mutex_);
 
   // The writer's thread.
   void Run(Session& session);
@@ -97,6 +106,9 @@ class WavCapture final : public PacketRecorder, public std::enable_shared_from_t
   Mutex writing_mutex_ ACQUIRED_AFTER(mutex_);  // a leaf lock
   CondVar writing_changed_;
   bool writing_ GUARDED_BY(writing_mutex_) = false;  // a writer uses session_
+
+  mutable Mutex state_mutex_;  // a leaf lock
+  State state_ GUARDED_BY(state_mutex_);
 };
 
 }  // namespace kvox

@@ -1,9 +1,11 @@
 #include "buffer/wav_file.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "kvox/common/channel_runs.h"
+#include "kvox/common/fixed_text.h"
 #include "kvox/common/log.h"
 #include "kvox/common/wav_header.h"
 
@@ -51,6 +53,7 @@ void WavFile::writeCaptureWav(const KvoxPacketHeader& header, std::span<const st
     if (!IsUsable(format) || !Begin(format)) return;
   } else if (!SameFormat(*format_, format)) {
     LogError("%s: Format changed during capture!", buffer_.c_str());
+    trouble_ = "the format changed";
     endCaptureWav();
     return;
   }
@@ -87,6 +90,7 @@ bool WavFile::Write(std::span<const std::byte> bytes) {
     rest = rest.subspan(static_cast<size_t>(written));
   }
   if (rest.empty()) return true;
+  trouble_ = written < 0 ? ErrorText(errno).c_str() : "the file takes no more";
   LogError("%s %s: Error %ld", buffer_.c_str(), "writeCaptureWav", static_cast<long>(written));
   if (format_) {
     samples_ += FrameCount(*format_, static_cast<uint32_t>(bytes.size() - rest.size()));

@@ -39,6 +39,9 @@ class WavFile {
   /// Whether packets are still taken.
   bool on() const { return file_ != nullptr; }
 
+  /// Why it takes no more by itself; "" while it does.
+  const std::string& trouble() const { return trouble_; }
+
   /// Samples per channel in the file.
   uint32_t samples() const { return samples_; }
 
@@ -60,6 +63,7 @@ class WavFile {
   const std::string buffer_;
   std::unique_ptr<CaptureFile> file_;
   std::optional<KvoxTapFormat> format_;  // of the first packet, once the file has a header
+  std::string trouble_;
   uint32_t samples_ = 0;
   uint32_t samples_in_header_ = 0;
   std::vector<std::byte> converted_;  // keeps its contents between packets

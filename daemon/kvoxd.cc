@@ -160,6 +160,7 @@ void Kvoxd::_setup_events(evutil_socket_t, short, void* daemon) {
 
 void Kvoxd::_signal_handler(evutil_socket_t, short, void* daemon) {
   LogInfo("Caught signal. Exiting\n");
+  LogInfo("kvoxd still serves, but sees no devices come or go; SIGTERM, or Ctrl-\\, ends it");
   event_base_loopexit(static_cast<Kvoxd*>(daemon)->event_base_, nullptr);
 }
 

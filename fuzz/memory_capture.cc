@@ -16,7 +16,7 @@ class Nowhere : public CaptureFile {
 
 }  // namespace
 
-std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path) {
+std::unique_ptr<CaptureFile> OpenCaptureFile(const std::string& path, std::string&) {
   return path.size() % 8 == 7 ? nullptr : std::make_unique<Nowhere>();
 }
 

@@ -195,6 +195,7 @@ class KvoxService final : public aidl::kvox::BnKvox, private ProcessorHost {
   void DebugBufferDump(const Words& args, Report& report);
   void DebugCapture(const Words& args, Report& report);
   void DebugHealth(Report& report);
+  std::vector<BufferPtr> AllBuffers();
 
   // ProcessorHost.
   void BlockStateChanged(const KvoxProcessor& processor) override {

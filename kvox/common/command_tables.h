@@ -88,6 +88,12 @@ inline constexpr char kHealthGaveUp[] =
 inline constexpr char kHealthNoCore[] =
     "no core: ";  // one that the co-processor has refused to list
 
+/// A capture that runs, or the last one when it failed, with tabs between the fields: buffer,
+/// "recording" or "failed", samples, cause, file.
+inline constexpr char kHealthCapture[] = "capture\t";
+inline constexpr char kCaptureRecording[] = "recording";
+inline constexpr char kCaptureFailed[] = "failed";
+
 /// Statistics entries of one processor: more would not fit into one reply of the transport (1 MiB).
 inline constexpr uint32_t kMaxStatsEntries = ((1u << 20) - 4096) / sizeof(float);
 

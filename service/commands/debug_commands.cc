@@ -61,12 +61,24 @@ KvoxService::Status KvoxService::Debug(const Words& args, CommandResult* result)
 
 /// A line for each thing that no list shows. Not in the log.
 void KvoxService::DebugHealth(Report& report) {
-  for (const BufferPtr& buffer : inventory_.TapOuts()) {
+  for (const BufferPtr& buffer : AllBuffers()) {
     if (buffer->gave_up()) report.Push(kHealthGaveUp + buffer->name());
+    const WavCapture& capture = buffer->capture();
+    const auto [file, trouble] = capture.state();
+    if (file.empty()) continue;
+    report.Push(kHealthCapture + buffer->name() + "\t" +
+                (trouble.empty() ? kCaptureRecording : kCaptureFailed) + "\t" +
+                std::to_string(capture.samples()) + "\t" + trouble + "\t" + file);
   }
   for (const int core : taps_.refused_cores()) {
     report.Push(kHealthNoCore + std::to_string(core));
   }
+}
+
+std::vector<BufferPtr> KvoxService::AllBuffers() {
+  std::vector<BufferPtr> buffers = inventory_.TapOuts();
+  for (const BufferPtr& inject : inventory_.Injects()) buffers.push_back(inject);
+  return buffers;
 }
 
 void KvoxService::DebugBufferInit(const Words&, Report&) {
@@ -99,8 +111,7 @@ void KvoxService::DebugCapture(const Words& args, Report& report) {
   const size_t words_needed = start ? (all ? 3 : 4) : 2;
   if (args.size() < words_needed) return Refuse("Missing arguments", report);
 
-  std::vector<BufferPtr> buffers = inventory_.TapOuts();
-  for (const BufferPtr& inject : inventory_.Injects()) buffers.push_back(inject);
+  std::vector<BufferPtr> buffers = AllBuffers();
   if (!all) {
     std::erase_if(buffers, [&](const auto& buffer) { return buffer->name() != args[2]; });
     if (buffers.empty()) return Refuse("Unknown buffer " + args[2], report);

@@ -53,7 +53,7 @@ class WavCaptureTest : public ::testing::Test {
   /// Writes into file_ instead of the path.
   std::shared_ptr<WavCapture> scripted_owner_ = std::make_shared<WavCapture>(
       "tapout0", threads_,
-      [this](const std::string&) { return std::make_unique<RecordedFile>(file_); });
+      [this](const std::string&, std::string&) { return std::make_unique<RecordedFile>(file_); });
   WavCapture& scripted_ = *scripted_owner_;
   std::shared_ptr<WavCapture> second_owner_;
 };
@@ -147,7 +147,7 @@ TEST_F(WavCaptureTest, ARingThatFillsQuicklyIsWrittenAtOnce) {
 TEST_F(WavCaptureTest, AFileThatHangsIsNotWaitedForForEver) {
   const auto hasty = std::make_shared<WavCapture>(
       "tapout0", threads_,
-      [this](const std::string&) { return std::make_unique<RecordedFile>(file_); },
+      [this](const std::string&, std::string&) { return std::make_unique<RecordedFile>(file_); },
       std::chrono::milliseconds(20));
   file_.blocked = true;
   ASSERT_EQ(Start(*hasty), 0);
@@ -200,6 +200,7 @@ TEST_F(WavCaptureTest, AFileHasOneCaptureOneNameAndOurOwner) {
   Record(capture_, 1);
   EXPECT_EQ(Start(*second), -1);
   EXPECT_EQ(message_, "CaptureStart inject0 buffer " + path_ + " failed");
+  EXPECT_EQ(second->state().trouble, "another capture writes it");
   EXPECT_EQ(Stop(capture_), 0);
   EXPECT_EQ(ReadText(path_), FileOf(1));
   std::filesystem::create_hard_link(path_, directory_ / "second.wav");
