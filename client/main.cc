@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <iostream>
 #include <string>
 #include <vector>
 
 #include "client/command_line/command_line.h"
+#include "client/command_line/script.h"
 #include "client/completion/completion.h"
 #include "client/output/printer.h"
 #include "kvox/common/fixed_text.h"
@@ -39,6 +41,12 @@ int Run(const std::vector<std::string>& words, Printer& out) {
   if (!words.empty() && words.front() == kCompletionOption) {
     return Complete({words.begin() + 1, words.end()});
   }
+  if (words == std::vector<std::string>{"-"}) {
+    return RunLines(std::cin, [&](const auto& next) {
+      if (next == words) throw UsageError("standard input is being read already; leave out -");
+      return Run(next, out);
+    });
+  }
   const CommandLine line = ReadCommandLine(words, "kvoxctl " KVOX_VERSION);
   if (line.verb == nullptr || !line.help.empty()) {
     PrintOut(line.help);
@@ -46,7 +54,7 @@ int Run(const std::vector<std::string>& words, Printer& out) {
   }
   out = Printer(line.format, line.color);
   Daemon daemon(line.wait, line.verb->kind == VerbKind::kRawCall ? kNoDaemon : kTimedOut);
-  return line.verb->run({.in = line.in, .out = out, .daemon = daemon});
+  return RunVerb(*line.verb, {.in = line.in, .out = out, .daemon = daemon});
 }
 
 }  // namespace

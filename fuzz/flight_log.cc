@@ -6,11 +6,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "client/flight/incidents.h"
 #include "client/flight/verbs.h"
 #include "fuzz/check.h"
 #include "kvox/flight/flight_log.h"
 #include "kvox/flight/reader.h"
+#include "libkvox/flight/incidents.h"
 
 namespace kvox::fuzz {
 namespace {

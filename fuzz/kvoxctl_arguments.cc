@@ -2,7 +2,7 @@
 // What the parsers accept is unambiguous and can be written again; a prepared call calls the named
 // method.
 
-#include "client/calls/arguments.h"
+#include "libkvox/calls/arguments.h"
 
 #include <aidl/kvox/BnKvox.h>
 
@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "client/calls/call_table.h"
-#include "client/errors.h"
 #include "fuzz/check.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/errors.h"
 
 namespace kvox::fuzz {
 namespace {

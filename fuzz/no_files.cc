@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "client/errors.h"
+#include "libkvox/errors.h"
 
 namespace kvox::client {
 

@@ -12,7 +12,7 @@ trap 'rm -rf "$tree"' EXIT
 
 # A tree without platform/linux, except for the platform's own headers.
 mkdir -p "$tree"/{include,platform}
-for folder in kvox processors buffer service daemon client interface tests; do
+for folder in kvox processors buffer service daemon libkvox client interface tests; do
   ln -s "$PWD/$folder" "$tree/$folder"
 done
 ln -s "$PWD"/platform/{platform.h,android} "$tree/platform"
@@ -37,7 +37,7 @@ compile() {
 }
 
 mapfile -t daemon < <(find kvox/common kvox/flight platform/android processors buffer service daemon -name '*.cc')
-mapfile -t client < <(find client kvox/sound -name '*.cc')
+mapfile -t client < <(find libkvox client kvox/sound -name '*.cc')
 tests=(tests/{common,processors,buffer,service,daemon}/*_test.cc)
 tests=("${tests[@]/tests\/buffer\/realtime_test.cc/}") # not for phones, see Android.bp
 

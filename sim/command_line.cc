@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <limits>
 
+#include "sim/completion.h"
 #include "sim/coprocessor/pacer.h"
+#include "sim/faults/fault.h"
 #include "sim/output.h"
 
 namespace kvox::sim {
@@ -58,14 +60,19 @@ void Describe(CLI::App& app, CommandLine& line) {
   app.add_flag("--print", line.run.print, "Print what runs, every change, and the counters");
   app.add_option("--stats", line.run.stats, "Write the counters as JSON")->type_name("FILE");
   CLI::App* compare = app.add_subcommand("compare", "Compare a recording with what was played");
-  compare->add_option("SOURCE", line.source, "What was played")->required();
-  compare->add_option("RECORDED", line.recorded, "What arrived")->required();
+  compare->add_option("SOURCE", line.source, "What was played")->required()->type_name("FILE");
+  compare->add_option("RECORDED", line.recorded, "What arrived")->required()->type_name("FILE");
   compare->add_flag("--skip-silence", line.skip_silence, "Skip silence before the recording");
   CLI::App* ctl = app.add_subcommand("ctl", "Send a command to the running simulator");
   ctl->add_option("COMMAND", line.ctl_words, "The command and its arguments")
       ->required()
       ->expected(1, -1);
   ctl->footer(Footer(HelpSection("Commands", CtlCommands())));
+  CLI::App* completion =
+      app.add_subcommand("completion", "Print a script that lets a shell complete these words");
+  completion->add_option("SHELL", line.shell, "bash, zsh or fish (bash)")
+      ->type_name("SHELL")
+      ->check(CLI::IsMember(kShells));
   // Last, for commands would inherit it.
   app.footer(Footer(HelpSection("Environment", Variables()) + HelpSection("Signals", Signals()) +
                     HelpSection("Exit status", Exits()) + kExample));
@@ -88,6 +95,20 @@ std::vector<HelpRow> OptionsOf(const CLI::App& app) {
     rows.push_back({UsageOf(*option), option->get_description()});
   }
   return rows;
+}
+
+Place PlaceOf(const CLI::App& app) {
+  Place place{.words = app.get_parent() == nullptr ? "" : app.get_name()};
+  for (const CLI::Option* const option : app.get_options()) {
+    if (option->get_positional()) {
+      place.files = place.files || option->get_type_name() == "FILE";
+    } else {
+      const bool flag = option->get_items_expected_max() == 0;
+      place.options.push_back({"--" + option->get_lnames().front(), option->get_description(),
+                               flag ? "" : option->get_type_name()});
+    }
+  }
+  return place;
 }
 
 }  // namespace
@@ -122,6 +143,28 @@ std::vector<CommandHelp> Commands() {
     commands.push_back({{command->get_name(), command->get_description()}, OptionsOf(*command)});
   }
   return commands;
+}
+
+std::vector<Place> Places() {
+  CLI::App app;
+  CommandLine line;
+  Describe(app, line);
+  std::vector<Place> places = {PlaceOf(app)};
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    places.front().next.push_back({command->get_name(), command->get_description()});
+    places.push_back(PlaceOf(*command));
+    std::vector<HelpRow>& next = places.back().next;
+    if (command->get_name() == "ctl") {
+      for (const auto& [usage, help] : CtlCommands()) {
+        next.push_back({usage.substr(0, usage.find(' ')), help});
+      }
+    } else if (command->get_name() == "completion") {
+      for (const std::string& shell : kShells) next.push_back({shell, "For " + shell});
+    }
+  }
+  places.push_back({.words = "ctl fault"});
+  for (const FaultKindRow& row : FaultKinds()) places.back().next.push_back({row.name, row.help});
+  return places;
 }
 
 std::vector<HelpRow> CtlCommands() {

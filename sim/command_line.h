@@ -12,7 +12,7 @@
 namespace kvox::sim {
 
 struct CommandLine {
-  std::string command;  // "compare" or "ctl"; empty to simulate
+  std::string command;  // "compare", "ctl" or "completion"; empty to simulate
   RunOptions run;
   std::filesystem::path scenario;
   std::filesystem::path write_default;
@@ -20,6 +20,7 @@ struct CommandLine {
   std::filesystem::path recorded;
   bool skip_silence = false;
   std::vector<std::string> ctl_words;
+  std::string shell;
 };
 
 /// Reads the program's arguments into `line`. With --help, --version or a mistake it prints what is
@@ -40,6 +41,25 @@ struct CommandHelp {
 /// The options of the program itself.
 std::vector<HelpRow> Options();
 std::vector<CommandHelp> Commands();
+
+// What may follow on the command line, for shells to complete.
+
+struct PlaceOption {
+  std::string name;  // "--seconds"
+  std::string help;
+  std::string value;  // "N"; "" for a flag
+
+  bool takes_file() const { return value.starts_with("FILE"); }
+};
+
+/// What may follow behind the words of a command: "", "ctl", "ctl fault".
+struct Place {
+  std::string words;
+  std::vector<PlaceOption> options = {};
+  std::vector<HelpRow> next = {};  // words
+  bool files = false;
+};
+std::vector<Place> Places();
 
 /// The commands of `kvosim ctl`, the signals, variables of the environment and exit statuses.
 std::vector<HelpRow> CtlCommands();

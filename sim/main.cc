@@ -11,6 +11,7 @@
 
 #include "sim/audio/compare.h"
 #include "sim/command_line.h"
+#include "sim/completion.h"
 #include "sim/output.h"
 #include "sim/simulator.h"
 
@@ -61,6 +62,10 @@ int Main(int argc, char** argv) {
     return CompareFiles(line.source, line.recorded, line.skip_silence);
   }
   if (line.command == "ctl") return RunCtl(DeviceDirectoryPath(), line.ctl_words);
+  if (line.command == "completion") {
+    Print(stdout, "{}", CompletionScript(line.shell));
+    return 0;
+  }
   if (!line.write_default.empty()) return WriteDefault(line.write_default);
   return Simulate(line);
 }

@@ -1,132 +1,74 @@
-#include <deque>
-#include <mutex>
-#include <utility>
+#include "client/audio/play.h"
 
-#include "client/audio/block_queue.h"
-#include "client/audio/sessions.h"
+#include <cmath>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "client/audio/session.h"
+#include "client/output/json.h"
+#include "kvox/common/fixed_text.h"
+#include "libkvox/audio/sender.h"
 
 namespace kvox::client {
 namespace {
 
-constexpr size_t kBlocksAhead = 16;
+/// Seconds of what was sent.
+double SecondsOf(const SendCounts& counts, const SendFormat& format) {
+  if (format.block_frames == 0) return 0;
+  return static_cast<double>(counts.blocks * format.block_frames) / format.format.sample_rate;
+}
 
-/// Reads blocks on the main thread, and sends one on the serving thread whenever a block comes. A
-/// block sent before that callback returns replaces the received one. If the callback takes too
-/// long the relay does not wait, and the block is sent with the next one.
-class Player {
- public:
-  Player(std::shared_ptr<IKvox> kvox, SoundReader file, const SessionOptions& options)
-      : kvox_(std::move(kvox)), options_(options), file_(std::move(file)) {}
-
-  void OnBlock(const IKvox::AudioPacket& packet) {
-    const int64_t begin_ns = NowNs();
-    std::unique_lock lock(mutex_);
-    if (!shape_) {
-      shape_ = packet;
-      return;
-    }
-    const int64_t block_ns = BlockNs(packet);
-    clock_.Arrived(begin_ns, block_ns);
-    if (std::exchange(late_, false)) {
-      ++missed_;
-      return;
-    }
-    if (queue_.empty()) {
-      if (at_end_) {
-        finished_ = true;
-      } else if (started_) {
-        ++missed_;
-      }
-      return;
-    }
-    started_ = true;
-    IKvox::AudioPacket block = packet;
-    block.data = std::move(queue_.front());
-    queue_.pop_front();
-    lock.unlock();
-    IKvox::CommandResult result;
-    const bool sent = kvox_->SendAudio(options_.processor, block, &result).isOk() &&
-                      result.status == IKvox::CommandStatus::OK;
-    lock.lock();
-    ++blocks_;
-    if (!sent) refused_ = true;
-    late_ = NowNs() - begin_ns > block_ns * 9 / 20;
+/// Until the end of the file, an interrupt, or the end of the audio, which throws Failure.
+void Run(Sender& sender, PlaySource& source, SendFormat& format, Interrupts& interrupts,
+         Progress& progress) {
+  progress.Note("playing to " + sender.point() + "; Ctrl-C ends it");
+  while (!sender.WaitForFormat(kStep, format)) {
+    if (interrupts.Came()) return;
+    progress.Hint(sender.point(), false);
   }
-
-  /// Reads ahead. True when everything has been sent, or nothing more can be.
-  bool ReadAhead() {
-    std::unique_lock lock(mutex_);
-    ShowProgress(StatsLocked());
-    if (!shape_) return false;
-    if (!format_) {
-      format_ = FormatOf(*shape_);
-      if (!format_) throw SoundFileError(options_.name + " wants audio of an unknown format");
-      if (shape_->data.empty() || shape_->data.size() % format_->FrameSize() != 0) {
-        throw SoundFileError(options_.name + " wants blocks that are no whole frames");
-      }
-      file_.ConvertTo(*format_);
+  source.ConvertTo(format.format);
+  std::vector<std::byte> block(format.block_frames * format.format.FrameSize());
+  while (source.Fill(block)) {
+    while (!sender.Send(block, kStep)) {
+      if (interrupts.Came()) return;
+      const SendCounts counts = sender.counts();
+      progress.Show(SecondsOf(counts, format), counts.missed);
     }
-    while (!at_end_ && queue_.size() < kBlocksAhead) {
-      lock.unlock();
-      std::vector<uint8_t> block(shape_->data.size());
-      const size_t size = file_.Read(std::as_writable_bytes(std::span(block)));
-      lock.lock();
-      if (size > 0) queue_.push_back(std::move(block));
-      at_end_ = size < shape_->data.size();
-    }
-    return finished_ || refused_;
   }
-
-  bool refused() {
-    std::lock_guard lock(mutex_);
-    return refused_;
+  while (!interrupts.Came() && !sender.Drain(kStep)) {
   }
-  /// A callback may still be running: what it sends is not counted any more.
-  SessionStats stats() {
-    std::lock_guard lock(mutex_);
-    return StatsLocked();
-  }
-
- private:
-  SessionStats StatsLocked() const {
-    const size_t frames = format_ ? shape_->data.size() / format_->FrameSize() : 0;
-    return {.seconds = format_ ? static_cast<double>(blocks_ * frames) / format_->sample_rate : 0,
-            .blocks = blocks_,
-            .missed = missed_ + clock_.missed()};
-  }
-
-  const std::shared_ptr<IKvox> kvox_;
-  const SessionOptions options_;
-  SoundReader file_;                   // the main thread's
-  std::optional<SoundFormat> format_;  // the main thread's
-
-  std::mutex mutex_;
-  std::optional<IKvox::AudioPacket> shape_;  // of every block; set once
-  std::deque<std::vector<uint8_t>> queue_;
-  BlockClock clock_;
-  uint64_t blocks_ = 0;
-  uint64_t missed_ = 0;
-  bool started_ = false;
-  bool at_end_ = false;
-  bool late_ = false;
-  bool finished_ = false;
-  bool refused_ = false;
-};
+}
 
 }  // namespace
 
-ExitStatus Play(const std::shared_ptr<IKvox>& kvox, const SessionOptions& options,
-                SoundReader file) {
-  const auto player = std::make_shared<Player>(kvox, std::move(file), options);
-  const ExitStatus end = RelaySession(kvox, options)
-                             .Run(
-                                 "playing to " + options.name,
-                                 [player](const auto& packet) { player->OnBlock(packet); },
-                                 [player] { return player->ReadAhead(); });
-  if (player->refused()) {
-    throw Failure(kRefused, options.name + " does not accept the audio any more; see kvoxd's log");
+int Play(Daemon& daemon, const std::string& point, SoundReader file, const PlayOptions& options,
+         Interrupts& interrupts, const Printer& out) {
+  Progress progress;
+  PlaySource source(std::move(file), options);
+  Sender sender(daemon, point);
+  SendFormat format;
+  std::optional<Failure> over;
+  try {
+    Run(sender, source, format, interrupts, progress);
+  } catch (const Failure& failure) {
+    if (failure.status() == kRefused) throw;
+    progress.Note(failure.what());
+    over = failure;
+  } catch (const SoundFileError& error) {
+    throw Failure(kRefused, error.what());
   }
-  return Finish("played", end, player->stats(), options.json);
+  progress.Clear();
+  const SendCounts counts = sender.counts();
+  const double seconds = SecondsOf(counts, format);
+  out.One({FormatText<128>("played %.3f s in %llu blocks, %llu missed", seconds,
+                           static_cast<unsigned long long>(counts.blocks),
+                           static_cast<unsigned long long>(counts.missed))},
+          {{"seconds", std::round(seconds * 1000) / 1000},
+           {"blocks", counts.blocks},
+           {"missed_blocks", counts.missed}});
+  if (over && over->status() == kNoDaemon) throw *over;
+  return over || counts.missed > 0 ? kGaps : kDone;
 }
 
 }  // namespace kvox::client

@@ -9,13 +9,13 @@
 #include <type_traits>
 #include <utility>
 
-#include "client/calls/arguments.h"
-#include "client/calls/daemon.h"
-#include "client/errors.h"
 #include "client/system/files.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/log.h"
 #include "kvox/common/near_matches.h"
+#include "libkvox/calls/arguments.h"
+#include "libkvox/calls/daemon.h"
+#include "libkvox/errors.h"
 
 namespace kvox::client {
 namespace {

@@ -84,7 +84,8 @@ void AddOptions(CLI::App& app, const Verb& verb, Input& in) {
     if (option.value == nullptr) {
       app.add_flag_function(option.name, [&words](int64_t) { words = {"1"}; });
     } else {
-      app.add_option(option.name, words)
+      const std::string letter = option.letter == nullptr ? "" : option.letter + std::string(",");
+      app.add_option(letter + option.name, words)
           ->type_name(option.value)
           ->expected(1)
           ->allow_extra_args(false)
@@ -109,10 +110,10 @@ void AssignArguments(const Words& words, const Verb& verb, const std::string& hi
   }
   auto word = words.begin();
   for (const Argument& argument : verb.arguments) {
-    const bool all = argument.arity == Arity::kAnyNumber;
+    const bool all = TakesMany(argument.arity);
     const auto end = all || word == words.end() ? words.end() : word + 1;
     in.words[argument.name].assign(word, end);
-    if (word == end && argument.arity == Arity::kOnce) {
+    if (word == end && !MayBeAbsent(argument.arity)) {
       throw UsageError(std::string(argument.name) + " is missing; " + hint);
     }
     word = end;
@@ -198,10 +199,15 @@ CommandLine ReadCommandLine(const Words& words, const std::string& version) {
   Parser program("kvoxctl", common);
   program.app().prefix_command();
   bool show_version = false;
-  program.app().add_flag("--version", show_version);
+  program.app().add_flag("-V,--version", show_version);
   if (!program.Parse(words)) return help(Help());
   if (show_version) return help(version + "\n");
   Words rest = program.app().remaining();
+  if (!rest.empty() && rest.front() == "help") {
+    rest.erase(rest.begin());
+    if (rest.empty()) return help(Help());
+    rest.push_back("--help");
+  }
   const Verb* const verb = TakeVerb(program, rest, line.help);
   if (verb == nullptr) return line;
   if (verb->kind == VerbKind::kRawCall) {

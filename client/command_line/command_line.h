@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "client/calls/daemon.h"
 #include "client/command_line/verb.h"
+#include "libkvox/calls/daemon.h"
 
 namespace kvox::client {
 

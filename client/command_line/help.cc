@@ -36,13 +36,13 @@ std::string ExitSection(const std::vector<ExitRow>& exits) {
 }  // namespace
 
 std::string Shown(const Argument& argument) {
-  std::string name = argument.name;
-  if (argument.arity == Arity::kOnce) return name;
-  return "[" + name + (argument.arity == Arity::kAnyNumber ? "...]" : "]");
+  const std::string name = argument.name + std::string(TakesMany(argument.arity) ? "..." : "");
+  return MayBeAbsent(argument.arity) ? "[" + name + "]" : name;
 }
 
 std::string Shown(const Option& option) {
-  return option.name + (option.value == nullptr ? "" : std::string(" ") + option.value);
+  return (option.letter == nullptr ? "" : std::string(option.letter) + ", ") + option.name +
+         (option.value == nullptr ? "" : std::string(" ") + option.value);
 }
 
 std::vector<HelpRow> Variables() {
@@ -85,7 +85,8 @@ std::string Help() {
   text += HelpSection("Other verbs", RowsOfVerbs(""));
   return text + CommonSection() + HelpSection("Environment", Variables()) +
          ExitSection(AllExits()) +
-         "\nEvery verb has a --help of its own, with an example.\n"
+         "\nEvery verb has a --help of its own, with an example; 'kvoxctl help VERB' is the same.\n"
+         "'kvoxctl -' reads such lines from standard input, and ends with the first that fails.\n"
          "Example: kvoxctl --json processor list\n";
 }
 

@@ -4,9 +4,9 @@
 
 #include <cmath>
 
-#include "client/calls/arguments.h"
-#include "client/errors.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/calls/arguments.h"
+#include "libkvox/errors.h"
 
 namespace kvox::client {
 

@@ -22,6 +22,7 @@ const std::vector<int>& StatusesOf(VerbKind kind) {
       /*kLocal*/ {},
       /*kFlight*/ {kNoDaemon, kNoObject},
       /*kWhy*/ {kNoDaemon, kNoObject, kGaps},
+      /*kFileCheck*/ {kRefused, kGaps},
   };
   return statuses[static_cast<size_t>(kind)];
 }
@@ -67,7 +68,7 @@ const std::vector<Verb>& AllVerbs() {
     std::vector<Verb> all;
     for (const auto rows :
          {ProcessorVerbs, TapVerbs, BufferVerbs, UseCaseVerbs, ParameterVerbs, WaitVerbs,
-          MonitorVerbs, StateVerbs, AudioVerbs, DoctorVerbs, FlightVerbs, CallVerbs}) {
+          MonitorVerbs, StateVerbs, AudioVerbs, RouteVerbs, DoctorVerbs, FlightVerbs, CallVerbs}) {
       std::ranges::move(rows(), std::back_inserter(all));
     }
     return all;
@@ -105,6 +106,30 @@ std::vector<std::string> VerbNames(std::string_view noun) {
   return names;
 }
 
+int RunVerb(const Verb& verb, const Context& context) {
+  const auto each = std::ranges::find_if(verb.arguments, [](const Argument& argument) {
+    return argument.arity == Arity::kEach || argument.arity == Arity::kEachOptional;
+  });
+  if (each == verb.arguments.end() || context.in.All(each->name).size() < 2) {
+    return verb.run(context);
+  }
+  int status = kDone;
+  for (const std::string& word : context.in.All(each->name)) {
+    Input one = context.in;
+    one.words[each->name] = {word};
+    int ended = kDone;
+    try {
+      ended = verb.run({.in = one, .out = context.out, .daemon = context.daemon});
+    } catch (const Failure& failure) {
+      if (failure.status() == kNoDaemon || failure.status() == kTimedOut) throw;
+      context.out.Message(failure.what());
+      ended = failure.status();
+    }
+    if (status == kDone) status = ended;
+  }
+  return status;
+}
+
 const std::vector<ExitRow>& AllExits() {
   static const std::vector<ExitRow> exits = {
       {kDone, "done"},
@@ -124,7 +149,8 @@ std::vector<ExitRow> ExitsOf(const Verb& verb) {
   std::vector<ExitRow> exits;
   for (const ExitRow& row : AllExits()) {
     if (!MayEndWith(verb, row.status)) continue;
-    const bool finding = verb.kind == VerbKind::kCheck && row.status == kRefused;
+    const bool finding = row.status == kRefused &&
+                         (verb.kind == VerbKind::kCheck || verb.kind == VerbKind::kFileCheck);
     exits.push_back(finding ? ExitRow{row.status, "something has failed"} : row);
   }
   return exits;

@@ -6,10 +6,10 @@
 #include <string_view>
 #include <vector>
 
-#include "client/calls/daemon.h"
 #include "client/command_line/input.h"
-#include "client/errors.h"
 #include "client/output/printer.h"
+#include "libkvox/calls/daemon.h"
+#include "libkvox/errors.h"
 
 namespace kvox::client {
 
@@ -28,11 +28,19 @@ enum class Kind {
   kTapOut,  // a tap-out buffer, or none
   kInject,  // an inject buffer, or none
   kBuffer,  // of either direction
+  kPoint,   // a tap point, buffer or processor
   kUseCase,
   kParameter,
 };
 
-enum class Arity { kOnce, kOptional, kAnyNumber };
+enum class Arity {
+  kOnce,
+  kOptional,
+  kAnyNumber,
+  kMany,          // once or more
+  kEach,          // once or more; the verb runs for each, so it sees one
+  kEachOptional,  // the same, or none
+};
 
 struct Argument {
   const char* name;  // "PROCESSOR"; unique within the verb
@@ -48,6 +56,7 @@ struct Option {
   Kind kind;          // of the value
   const char* help;
   std::vector<const char*> choices = {};
+  const char* letter = nullptr;  // "-n"
 };
 
 struct Context {
@@ -58,15 +67,16 @@ struct Context {
 
 /// How a verb runs, which determines its exit statuses.
 enum class VerbKind {
-  kCommand,  // calls the daemon
-  kStream,   // carries audio, and may end with kGaps
-  kRawCall,  // takes all following words unparsed, including options
-  kApply,    // calls the daemon with names from a file
-  kWait,     // until an object exists, but no longer than --timeout
-  kCheck,    // its status is the result of the check, whether or not a daemon runs
-  kLocal,    // needs no daemon
-  kFlight,   // reads the flight log
-  kWhy,      // the same; kGaps when it shows losses
+  kCommand,    // calls the daemon
+  kStream,     // carries audio, and may end with kGaps
+  kRawCall,    // takes all following words unparsed, including options
+  kApply,      // calls the daemon with names from a file
+  kWait,       // until an object exists, but no longer than --timeout
+  kCheck,      // its status is the result of the check, whether or not a daemon runs
+  kLocal,      // needs no daemon
+  kFlight,     // reads the flight log
+  kWhy,        // the same; kGaps when it shows losses
+  kFileCheck,  // needs no daemon; kGaps when the file lacks something
 };
 
 using Arguments = std::vector<Argument>;
@@ -94,6 +104,14 @@ struct Noun {
   const char* summary;
 };
 
+/// Whether an argument takes all words that are left.
+inline bool TakesMany(Arity arity) {
+  return arity >= Arity::kAnyNumber;
+}
+inline bool MayBeAbsent(Arity arity) {
+  return arity != Arity::kOnce && arity != Arity::kMany && arity != Arity::kEach;
+}
+
 /// In the order in which help shows them.
 const std::vector<Verb>& AllVerbs();
 const std::vector<Noun>& AllNouns();
@@ -106,6 +124,10 @@ const Verb* FindVerb(std::string_view noun, std::string_view name);
 
 /// The names of a noun's verbs; of those without a noun for "".
 std::vector<std::string> VerbNames(std::string_view noun);
+
+/// Runs the verb, for each word of an argument of which it takes one at a time. Returns the exit
+/// status, of the first that failed. Throws Failure when there is only one, or the daemon is gone.
+int RunVerb(const Verb& verb, const Context& context);
 
 struct ExitRow {
   int status;
@@ -126,6 +148,7 @@ std::vector<Verb> WaitVerbs();
 std::vector<Verb> MonitorVerbs();
 std::vector<Verb> StateVerbs();
 std::vector<Verb> AudioVerbs();
+std::vector<Verb> RouteVerbs();
 std::vector<Verb> DoctorVerbs();
 std::vector<Verb> FlightVerbs();
 std::vector<Verb> CallVerbs();

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <string_view>
 
-#include "client/calls/arguments.h"
 #include "client/calls/call_table.h"
-#include "client/model/snapshot.h"
+#include "libkvox/calls/arguments.h"
+#include "libkvox/model/snapshot.h"
 
 namespace kvox::client {
 namespace {
@@ -73,7 +73,10 @@ class Cursor {
   /// One that takes a value; nullptr when there is none of that name.
   const Option* FindOption(const std::string& name) const {
     for (const Option* const option : Options()) {
-      if (option->name == name && option->value != nullptr) return option;
+      if (option->value == nullptr) continue;
+      if (name == option->name || (option->letter != nullptr && name == option->letter)) {
+        return option;
+      }
     }
     return nullptr;
   }
@@ -109,7 +112,7 @@ class Cursor {
   const Argument* ArgumentHere() const {
     const auto& arguments = verb_->arguments;
     if (position_ < arguments.size()) return &arguments[position_];
-    const bool repeats = !arguments.empty() && arguments.back().arity == Arity::kAnyNumber;
+    const bool repeats = !arguments.empty() && TakesMany(arguments.back().arity);
     return repeats ? &arguments.back() : nullptr;
   }
 
@@ -152,6 +155,13 @@ Names Buffers(const TableReply<Buffer>& buffers) {
   return names;
 }
 
+Names Points(Daemon& daemon, const std::string& typed) {
+  Names names = Taps(daemon, typed);
+  std::ranges::move(Buffers(QueryBuffers(daemon)), std::back_inserter(names));
+  std::ranges::move(Processors(daemon), std::back_inserter(names));
+  return names;
+}
+
 Names Cores() {
   Names names;
   for (const int core : kAllCores) names.push_back(std::to_string(core));
@@ -184,6 +194,8 @@ Names AllNames(Kind kind, const std::string& typed, Daemon& daemon) {
       return Buffers(QueryBuffers(daemon, Direction::kInject));
     case Kind::kBuffer:
       return Buffers(QueryBuffers(daemon));
+    case Kind::kPoint:
+      return Points(daemon, typed);
     case Kind::kUseCase:
       return QueryUseCases(daemon).rows;
     case Kind::kParameter:
@@ -222,7 +234,6 @@ Candidates CandidatesFor(const Names& words) {
 }
 
 int Complete(const Names& words) {
-  const CallDeadline deadline(nullptr, kDone, kLongestWaitAtKey);
   const Candidates wanted = CandidatesFor(words);
   if (wanted.kind == Kind::kFile) {
     PrintOut(std::string(kFilesWanted) + "\n");
@@ -230,7 +241,7 @@ int Complete(const Names& words) {
   }
   Print(wanted.words, wanted);
   try {
-    Daemon daemon(kNoLimit);
+    Daemon daemon(kLongestWaitAtKey);
     Print(AllNames(wanted.kind, wanted.typed, daemon), wanted);
   } catch (const Failure&) {
     // No daemon, no names.

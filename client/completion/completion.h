@@ -20,7 +20,7 @@ constexpr char kFilesWanted[] = ":files";
 /// failures are silent. Main thread, before any thread starts.
 int Complete(const std::vector<std::string>& words);
 
-/// The script for bash.
+/// The script for bash. zsh.h and fish.h have the others; all run kvoxctl in the same way.
 const char* BashCompletion();
 
 /// What may follow, according to the table of verbs.

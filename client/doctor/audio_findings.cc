@@ -1,7 +1,7 @@
 // Findings about the audio of the last minute.
 
 #include "client/doctor/findings.h"
-#include "client/output/units.h"
+#include "libkvox/units.h"
 
 namespace kvox::client {
 

@@ -15,9 +15,9 @@
 
 #include "client/flight/log_file.h"
 #include "client/output/json.h"
-#include "client/output/units.h"
 #include "client/system/files.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/units.h"
 
 extern char** environ;
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "client/errors.h"
-#include "client/flight/incidents.h"
+#include "libkvox/errors.h"
+#include "libkvox/flight/incidents.h"
 
 namespace kvox::client {
 

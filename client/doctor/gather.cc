@@ -14,11 +14,11 @@
 #include <iterator>
 #include <sstream>
 
-#include "client/calls/daemon.h"
 #include "client/flight/log_file.h"
 #include "interface/service_name.h"
 #include "kvox/common/device_names.h"
 #include "kvox/common/kvox_utils.h"
+#include "libkvox/calls/daemon.h"
 #include "platform/platform.h"
 
 namespace kvox::client {

@@ -9,15 +9,13 @@
 namespace kvox::client {
 
 /// Opens no device and changes nothing. `captures` is the directory for captures, "" for the
-/// default; `wait` is the longest wait for a reply of the daemon. Call it before any thread starts.
-/// Throws std::runtime_error.
+/// default; `wait` is the longest wait for a reply of the daemon.
 Facts GatherFacts(const std::string& captures, std::chrono::milliseconds wait);
 
 // Parts of it.
 
-/// Finds the daemon, pings it and asks for its interface's version, and gives up after `wait`. A
-/// child process does that, because a call without a reply only ends with its process. To be called
-/// before any thread starts. Throws std::runtime_error when no child can be started.
+/// Finds the daemon, pings it and asks for its interface's version; waits for each for `wait` at
+/// most.
 DaemonReply ProbeDaemon(std::chrono::milliseconds wait);
 
 /// A running process; mostly unknown if it may not be inspected.

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
-#include "client/flight/incidents.h"
+#include "client/audio/click_probe.h"
 #include "client/flight/log_file.h"
 #include "client/flight/verbs.h"
 #include "client/output/json.h"
-#include "client/output/units.h"
-#include "client/verbs/relay.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/flight/incidents.h"
+#include "libkvox/units.h"
 
 namespace kvox::client {
 namespace {
@@ -95,11 +95,9 @@ Json LatencyOfDaemon(const Context& context, std::vector<std::string>& lines) {
 /// Through the co-processor and back. Adds to `record`. Returns the exit status.
 int LatencyOfLoop(const Context& context, std::vector<std::string>& lines, Json& record) {
   const std::string& relay = context.in.Get("--probe");
-  ProbeResult result = RunSession(
-      context, relay, [](const auto& kvox, const auto& options) { return Probe(kvox, options); });
-  if (result.unsupported) {
-    throw Failure(kRefused, relay + ": only integer and float samples can be probed");
-  }
+  ClickResult result = SendClicks(context.daemon, relay);
+  if (result.over) context.out.Message(result.over->what());
+  const int end = result.over ? kGaps : kDone;
   std::ranges::sort(result.returned_ms);
   record["probes"] = result.sent;
   record["returned"] = result.returned_ms.size();
@@ -111,7 +109,7 @@ int LatencyOfLoop(const Context& context, std::vector<std::string>& lines, Json&
     context.out.Message(relay + ": none of " + Counted(result.sent, "click") +
                         " came back; the co-processor must loop the relay's inject buffer back "
                         "to its tap point");
-    return result.end == kDone ? kGaps : result.end;
+    return kGaps;
   }
   const double median = result.returned_ms[result.returned_ms.size() / 2];
   lines.push_back(relay + ": through the co-processor and back, " +
@@ -120,7 +118,7 @@ int LatencyOfLoop(const Context& context, std::vector<std::string>& lines, Json&
                   ", max " + TimeText(result.returned_ms.back() * 1e6));
   record["loop_p50_ms"] = median;
   record["loop_max_ms"] = result.returned_ms.back();
-  return result.returned_ms.size() < result.sent ? kGaps : static_cast<int>(result.end);
+  return result.returned_ms.size() < result.sent ? kGaps : end;
 }
 
 }  // namespace

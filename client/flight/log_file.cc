@@ -1,14 +1,13 @@
 #include "client/flight/log_file.h"
 
-#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
 #include <cerrno>
 
-#include "client/errors.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/kvox_utils.h"
+#include "libkvox/errors.h"
 #include "platform/platform.h"
 
 namespace kvox::client {
@@ -17,24 +16,7 @@ namespace {
 constexpr double kNsPerSecond = 1e9;
 constexpr float kLongest_s = 86'400;
 
-bool Exists(const std::string& path) {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0;
-}
-
 }  // namespace
-
-/// One that is being written goes before those that daemons have left behind.
-std::optional<std::string> FindFlight() {
-  std::optional<std::string> found;
-  for (const std::string& directory : FlightDirectories()) {
-    const std::string path = directory + "/" + flight::kFileName;
-    if (!Exists(path)) continue;
-    if (flight::IsWritten(path)) return path;
-    if (!found) found = path;
-  }
-  return found;
-}
 
 std::string FlightPath(const Input& in) {
   if (in.Has("--flight")) return in.Get("--flight");

@@ -1,20 +1,17 @@
 // The flight log that a verb looks at: the daemon's, or a saved one.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "client/command_line/verb.h"
 #include "kvox/flight/reader.h"
+#include "libkvox/flight/find_flight.h"
 
 namespace kvox::client {
 
 inline const Option kFlightOption = {"--flight", "FILE", Kind::kFile,
                                      "Look at this flight log instead of the daemon's"};
-
-/// The log of the daemon, in the first of the directories where there is one.
-std::optional<std::string> FindFlight();
 
 /// The file that --flight names, else the log of the daemon in the first of the directories where
 /// there is one. Throws Failure when there is none.

@@ -3,23 +3,17 @@
 
 #include <array>
 
-#include "client/flight/incidents.h"
 #include "client/flight/log_file.h"
 #include "client/flight/scrape_server.h"
 #include "client/flight/verbs.h"
 #include "kvox/common/fixed_text.h"
+#include "kvox/flight/loss_names.h"
+#include "libkvox/flight/incidents.h"
 
 namespace kvox::client {
 namespace {
 
 using flight::StreamView;
-
-/// Indexed by flight::Loss; the same words in every release.
-constexpr std::array<const char*, flight::kLosses> kReasons = {
-    "",          "jump",        "alignment",      "no_magic",     "header",
-    "excess",    "slip",        "device",         "switched_off", "no_route",
-    "processor", "client_late", "client_refused", "inject_full",  "inject_gone",
-    "rewired"};
 
 struct CounterRow {
   const char* name;
@@ -119,7 +113,7 @@ std::string MetricsText(const FlightView& flight) {
   Head(kLost, "counter", "Packets that were lost, each for one reason.", text);
   for (const auto& stream : flight.streams) {
     for (size_t i = 1; i < flight::kLosses; ++i) {
-      sample(kLost, of(stream) + ",reason=" + Label(kReasons[i]), stream.lost[i]);
+      sample(kLost, of(stream) + ",reason=" + Label(flight::kLossNames[i]), stream.lost[i]);
     }
   }
   constexpr const char* kInject = "kvox_inject_packets_total";

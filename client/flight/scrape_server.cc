@@ -11,10 +11,10 @@
 #include <charconv>
 #include <chrono>
 
-#include "client/errors.h"
 #include "client/system/signals.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/unique_fd.h"
+#include "libkvox/errors.h"
 
 namespace kvox::client {
 namespace {

@@ -5,13 +5,13 @@
 
 #include <map>
 
-#include "client/flight/incidents.h"
 #include "client/flight/log_file.h"
 #include "client/flight/verbs.h"
 #include "client/output/json.h"
 #include "client/system/files.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/four_cc.h"
+#include "libkvox/flight/incidents.h"
 
 namespace kvox::client {
 namespace {

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "client/flight/incidents.h"
 #include "client/flight/log_file.h"
 #include "client/flight/verbs.h"
 #include "client/output/json.h"
-#include "client/output/units.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/flight/incidents.h"
+#include "libkvox/units.h"
 
 namespace kvox::client {
 namespace {

@@ -1,5 +1,8 @@
 #include "client/monitor/poller.h"
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <utility>
 
 #include "kvox/common/kvox_utils.h"
@@ -32,12 +35,19 @@ PollResult Poll(Daemon& daemon, Sampler& sampler) {
 Poller::Poller(Sampler::Wanted wanted) : sampler_(wanted), thread_([this] { Run(); }) {}
 
 Poller::~Poller() {
-  {
-    const MutexLock lock(mutex_);
-    ending_ = true;
-    changed_.NotifyOne();
+  const auto deadline = Clock::now() + kLongestWaitAtEnd;
+  MutexLock lock(mutex_);
+  ending_ = true;
+  changed_.NotifyAll();
+  while (!ended_) {
+    if (changed_.WaitUntil(mutex_, deadline) || ended_) continue;
+    fputs(
+        "kvoxctl: the last call was not answered within 2 s; see whether kvoxd hangs, and "
+        "restart it\n",
+        stderr);
+    _exit(kTimedOut);
   }
-  const CallDeadline deadline("the last call", kTimedOut, kLongestWaitAtEnd);
+  lock.Unlock();
   thread_.join();
 }
 
@@ -46,7 +56,7 @@ void Poller::Start() {
   if (phase_ != Phase::kIdle) return;
   phase_ = Phase::kPolling;
   start_ = Clock::now();
-  changed_.NotifyOne();
+  changed_.NotifyAll();
 }
 
 std::optional<PollResult> Poller::Take() {
@@ -83,6 +93,9 @@ void Poller::Run() {
   } catch (const std::exception&) {
     // Without a daemon there is nothing to restore.
   }
+  const MutexLock lock(mutex_);
+  ended_ = true;
+  changed_.NotifyAll();
 }
 
 }  // namespace kvox::client

@@ -55,6 +55,7 @@ class Poller {
   CondVar changed_;
   Phase phase_ GUARDED_BY(mutex_) = Phase::kIdle;
   bool ending_ GUARDED_BY(mutex_) = false;
+  bool ended_ GUARDED_BY(mutex_) = false;
   Clock::time_point start_ GUARDED_BY(mutex_);
   PollResult result_ GUARDED_BY(mutex_);
   std::thread thread_;

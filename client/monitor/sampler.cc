@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "client/flight/log_file.h"
-#include "client/model/snapshot.h"
+#include "libkvox/model/snapshot.h"
 
 namespace kvox::client {
 namespace {
@@ -41,11 +41,7 @@ Sample Sampler::Read(Daemon& daemon) {
 
 void Sampler::Measure(Daemon& daemon, Sample& sample) {
   for (const Processor& processor : sample.processors) {
-    IKvox::CommandResult result;
-    IKvox::ProcessorStats stats;
-    daemon.Run("ProcessorGetStats", [&](IKvox& kvox) {
-      return kvox.ProcessorGetStats(CodeOf(processor.id), &stats, &result);
-    });
+    auto [result, stats] = QueryStats(daemon, CodeOf(processor.id));
     if (result.status != IKvox::CommandStatus::OK) continue;  // it is gone, or busy
     if (stats.bufferEntries == 0) {
       Resize(daemon, processor.id, kEntries);

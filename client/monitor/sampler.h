@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "client/calls/daemon.h"
-#include "client/model/objects.h"
 #include "kvox/flight/reader.h"
+#include "libkvox/calls/daemon.h"
+#include "libkvox/model/objects.h"
 
 namespace kvox::client {
 

@@ -15,8 +15,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "client/errors.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/errors.h"
 
 namespace kvox::client {
 

@@ -43,7 +43,7 @@ const Column* ReadSort(const std::string& word, const Columns& columns) {
 TopOptions ReadOptions(const Input& in) {
   const bool measured = in.Has("--measure");
   TopOptions options{.interval = IntervalOf(in),
-                     .limit = in.Has("--once") ? 1 : LimitOf(in, "-n"),
+                     .limit = in.Has("--once") ? 1 : LimitOf(in, "--count"),
                      .columns = ColumnsOf(measured),
                      .measured = measured};
   options.order = {ReadSort(in.Get("--sort"), options.columns), in.Has("--reverse")};

@@ -6,8 +6,8 @@
 #include <numeric>
 
 #include "client/output/json.h"
-#include "client/output/units.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/units.h"
 
 namespace kvox::client {
 namespace {

@@ -1,13 +1,13 @@
 #include <algorithm>
 #include <utility>
 
-#include "client/flight/incidents.h"
 #include "client/flight/log_file.h"
 #include "client/monitor/diff.h"
 #include "client/monitor/monitor.h"
 #include "client/monitor/run_loop.h"
 #include "client/output/json.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/flight/incidents.h"
 
 namespace kvox::client {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "client/model/snapshot.h"
+#include "libkvox/model/snapshot.h"
 
 namespace kvox::client {
 

@@ -14,11 +14,11 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "client/model/tables.h"
 #include "client/output/json.h"
 #include "client/system/files.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
+#include "libkvox/model/tables.h"
 
 namespace kvox::client {
 namespace {

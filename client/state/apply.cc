@@ -1,82 +1,21 @@
 #include "client/state/apply.h"
 
-#include <algorithm>
-
 #include "client/state/state_file.h"
+#include "libkvox/graph/perform.h"
 
 namespace kvox::client {
 namespace {
 
-using Action = Step::Action;
-
-const TapPoint& TapOf(const Snapshot& snapshot, const std::string& name) {
-  const auto found = std::find_if(snapshot.taps.begin(), snapshot.taps.end(),
-                                  [&](const TapPoint& tap) { return tap.FullName() == name; });
-  if (found != snapshot.taps.end()) return *found;
-  throw Failure(kNoObject, "tap point " + name + " has gone; run apply again");
-}
-
-/// Sends one step. Throws Failure when the daemon is gone; a refusal is in the result.
-IKvox::CommandResult Send(const Step& step, const Snapshot& snapshot, Daemon& daemon) {
-  // The number of a buffer of the snapshot, -1 for none.
-  const auto number = [](const std::vector<Buffer>& buffers, const std::string& name) {
-    const Buffer* const buffer = FindBuffer(buffers, name);
-    return buffer == nullptr ? -1 : buffer->id;
-  };
-  const auto on_processor = [&](const char* name, auto method, const auto&... more) {
-    return daemon.Call(name, method, CodeOf(step.object), more...);
-  };
-  const auto on_tap = [&](const char* name, auto method, const auto&... more) {
-    const TapPoint& tap = TapOf(snapshot, step.object);
-    return daemon.Call(name, method, tap.core, CodeOf(tap.code), tap.index, more...);
-  };
-  const int32_t tapout = number(snapshot.tapouts, step.tapout);
-  const int32_t inject = number(snapshot.injects, step.inject);
-  const auto value = static_cast<int32_t>(step.value);
-  switch (step.action) {
-    case Action::kSwitchUseCase:
-      return daemon.Call("Enable", &IKvox::Enable, step.object, step.on);
-    case Action::kSwitchTap:
-      return on_tap("TapEnable", &IKvox::TapEnable, step.on);
-    case Action::kSetBlockLength:
-      return on_tap("TapSetBlockLength", &IKvox::TapSetBlockLength, value);
-    case Action::kSetJitterBuffer:
-      return on_tap("tapSetJitterBuffer", &IKvox::tapSetJitterBuffer, value);
-    case Action::kBind:
-      return on_tap("ConnectTap", &IKvox::ConnectTap, tapout, inject);
-    case Action::kSwitchBuffer:
-      return daemon.Call(step.on ? "StartIo" : "StopIo", step.on ? &IKvox::StartIo : &IKvox::StopIo,
-                         number(snapshot.tapouts, step.object));
-    case Action::kDelete:
-      return on_processor("DeleteProcessor", &IKvox::DeleteProcessor);
-    case Action::kNew:
-      return on_processor("NewProcessorWithType", &IKvox::NewProcessorWithType, CodeOf(step.type));
-    case Action::kSetParameter:
-      return on_processor("SetParameter", &IKvox::SetParameter, step.parameter, 0,
-                          IKvox::ParamValue::make<IKvox::ParamValue::i>(value));
-    case Action::kConnect:
-      return on_processor("Connect", &IKvox::Connect, tapout, inject);
-    case Action::kSwitchProcessor:
-      break;
-  }
-  return on_processor("ProcessorEnable", &IKvox::ProcessorEnable, step.on);
-}
-
 /// True when the daemon accepted every step.
-bool SendAll(std::vector<Step> steps, const Snapshot& snapshot, Daemon& daemon, Outcome& outcome) {
-  for (auto step = steps.begin(); step != steps.end(); ++step) {
-    try {
-      const auto result = Send(*step, snapshot, daemon);
-      if (result.status != IKvox::CommandStatus::OK) throw Failure(kRefused, CauseOf(result));
-    } catch (const Failure& failure) {
-      outcome.status = failure.status();
-      outcome.cause = failure.what();
-      outcome.left.assign(step, steps.end());
-      return false;
-    }
-    outcome.done.push_back(std::move(*step));
-  }
-  return true;
+bool SendAll(const std::vector<Step>& steps, const Snapshot& snapshot, Daemon& daemon,
+             Outcome& outcome) {
+  const Performed performed = SendSteps(steps, snapshot, daemon);
+  const auto left = steps.begin() + static_cast<ptrdiff_t>(performed.done);
+  outcome.done.insert(outcome.done.end(), steps.begin(), left);
+  outcome.left.assign(left, steps.end());
+  outcome.status = performed.status;
+  outcome.cause = performed.cause;
+  return outcome.left.empty();
 }
 
 }  // namespace
@@ -96,11 +35,11 @@ Outcome Apply(const std::string& text, const std::string& origin, bool keep, Dae
     const State actual = StateOf(snapshot);
     const State wanted = Complete(ReadState(text, origin, snapshot), actual, keep);
     outcome.differences = Differences(wanted, actual);
-    std::vector<Step> steps = finished ? std::vector<Step>() : Plan(wanted, actual);
+    const std::vector<Step> steps = finished ? std::vector<Step>() : Plan(wanted, actual);
     if (steps.empty()) return outcome;
     // Query what a use case sets up before planning the rest.
-    finished = steps.front().action != Action::kSwitchUseCase;
-    if (!SendAll(std::move(steps), snapshot, daemon, outcome)) return outcome;
+    finished = steps.front().action != Step::Action::kSwitchUseCase;
+    if (!SendAll(steps, snapshot, daemon, outcome)) return outcome;
   }
 }
 

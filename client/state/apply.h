@@ -1,10 +1,10 @@
 // Executes plans.
 #pragma once
 
-#include "client/calls/daemon.h"
-#include "client/errors.h"
-#include "client/model/snapshot.h"
-#include "client/state/plan.h"
+#include "libkvox/calls/daemon.h"
+#include "libkvox/errors.h"
+#include "libkvox/graph/plan.h"
+#include "libkvox/model/snapshot.h"
 
 namespace kvox::client {
 

@@ -5,9 +5,9 @@
 #include <string_view>
 #include <vector>
 
-#include "client/model/snapshot.h"
 #include "client/output/printer.h"
-#include "client/state/state.h"
+#include "libkvox/graph/state.h"
+#include "libkvox/model/snapshot.h"
 
 namespace kvox::client {
 

@@ -1,11 +1,11 @@
 #include <optional>
 
-#include "client/model/lookup.h"
 #include "client/state/state_file.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/near_matches.h"
 #include "kvox/toml/table_reader.h"
+#include "libkvox/model/lookup.h"
 
 namespace kvox::client {
 namespace {

@@ -6,8 +6,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
-#include "client/errors.h"
+#include "libkvox/errors.h"
 
 namespace kvox::client {
 namespace {
@@ -69,6 +70,10 @@ UniqueFd OpenToAppend(const std::string& path) {
   return OpenRegular("write", path, O_WRONLY | O_APPEND | O_CREAT);
 }
 
+UniqueFd OpenToReplace(const std::string& path) {
+  return OpenRegular("write", path, O_WRONLY | O_TRUNC | O_CREAT);
+}
+
 void CheckWritable(const std::string& path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0 && errno == ENOENT) {
@@ -77,6 +82,20 @@ void CheckWritable(const std::string& path) {
   } else if (stat(path.c_str(), &status) == 0 || errno != ENOENT) {  // not a link to nothing
     OpenRegular("write", path, O_RDWR);
   }
+}
+
+bool AreSameFile(const std::string& path, const std::string& other) {
+  struct stat one {};
+  struct stat two {};
+  if (stat(path.c_str(), &one) == 0 && stat(other.c_str(), &two) == 0) {
+    return one.st_dev == two.st_dev && one.st_ino == two.st_ino;
+  }
+  const auto whole = [](const std::string& name) {
+    std::error_code ignored;
+    const auto absolute = std::filesystem::absolute(name, ignored);
+    return std::filesystem::weakly_canonical(absolute, ignored);
+  };
+  return path == other || whole(path) == whole(other);
 }
 
 bool WriteAll(int fd, const void* bytes, size_t size) {

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "client/errors.h"
+#include "libkvox/errors.h"
 
 namespace kvox::client {
 namespace {
@@ -42,11 +42,6 @@ sigset_t BlockSignals(std::initializer_list<int> numbers) {
   const sigset_t signals = NotIgnored(numbers);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   return signals;
-}
-
-void UnblockAlarm() {
-  const sigset_t alarm = Only(SIGALRM);
-  pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
 }
 
 SignalFd::SignalFd(std::initializer_list<int> numbers) : blocked_(BlockSignals(numbers)) {

@@ -14,9 +14,6 @@ sigset_t NotIgnored(std::initializer_list<int> numbers);
 /// Blocks NotIgnored() in every thread, and returns them. To be called before any thread starts.
 sigset_t BlockSignals(std::initializer_list<int> numbers);
 
-/// Unblocks SIGALRM, which ends waits: the parent process may have blocked it.
-void UnblockAlarm();
-
 /// Blocks signals, and makes them something to poll for. To be made before any thread starts; the
 /// signals stay blocked until the process ends. Ignored signals stay ignored.
 class SignalFd {

@@ -1,11 +1,16 @@
 // Buffers, their connections, devices and captures.
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
+#include <functional>
+#include <sstream>
 
-#include "client/calls/arguments.h"
 #include "client/output/graphviz.h"
 #include "client/verbs/shared.h"
+#include "kvox/common/command_tables.h"
+#include "kvox/common/fixed_text.h"
+#include "libkvox/calls/arguments.h"
 
 namespace kvox::client {
 namespace {
@@ -77,7 +82,7 @@ int Switch(const Context& context) {
 
 /// Runs one of the daemon's debug commands.
 int RunDebug(const Context& context, const std::string& object, const Lines& words,
-             const std::string& next_step) {
+             const std::function<std::string()>& next_step) {
   for (const std::string& word : words) {
     if (!ParseText(word)) throw UsageError("'" + object + "': a word is no text in UTF-8");
   }
@@ -87,7 +92,8 @@ int RunDebug(const Context& context, const std::string& object, const Lines& wor
     std::stable_partition(result.lines.begin(), result.lines.end(),
                           [](const std::string& line) { return line.starts_with("Debug "); });
   }
-  return Report(context, object, result, Json::object(), next_step);
+  const bool done = result.status == IKvox::CommandStatus::OK;
+  return Report(context, object, result, Json::object(), done ? "" : next_step());
 }
 
 /// A path that means the same to the daemon, which has its own working directory.
@@ -101,7 +107,64 @@ std::string AbsolutePath(const std::string& path) {
 std::string BufferName(const Context& context) {
   const std::string& word = context.in.Get("BUFFER");
   if (word.empty()) return "all";
+  if (word.find('.') != word.npos && ParseTapWord(word)) {
+    throw UsageError("BUFFER: " + ValidUtf8(word) + " is a tap point; 'kvoxctl record " +
+                     ValidUtf8(word) + " FILE' records it");
+  }
   return ParseInt(word) ? LookUpBuffer(context.daemon, word).name : word;
+}
+
+/// A capture that runs, or has failed.
+struct Capture {
+  std::string buffer;
+  bool recording = false;
+  std::string samples;
+  std::string trouble;
+  std::string file;
+};
+
+std::vector<Capture> QueryCaptures(Daemon& daemon) {
+  std::vector<Capture> captures;
+  for (const std::string& line : daemon.Call("Debug", &IKvox::Debug, Lines{kHealthWord}).lines) {
+    if (!line.starts_with(kHealthCapture)) continue;
+    std::istringstream fields(line.substr(std::strlen(kHealthCapture)));
+    Capture capture;
+    std::string state;
+    for (std::string* const field : {&capture.buffer, &state, &capture.samples, &capture.trouble}) {
+      std::getline(fields, *field, '\t');
+    }
+    std::getline(fields, capture.file, '\0');
+    capture.recording = state == kCaptureRecording;
+    captures.push_back(capture);
+  }
+  return captures;
+}
+
+int ShowCaptures(const Context& context) {
+  std::vector<std::string> lines;
+  Json records = Json::array();
+  for (const Capture& it : QueryCaptures(context.daemon)) {
+    lines.push_back(it.buffer + ": " + it.file +
+                    (it.recording ? ", " + it.samples + " samples so far"
+                                  : " failed or ended by itself: " + it.trouble));
+    records.push_back({{"buffer", it.buffer},
+                       {"recording", it.recording},
+                       {"samples", ParseInt(it.samples).value_or(0)},
+                       {"trouble", OrNull(it.trouble)},
+                       {"file", it.file}});
+  }
+  if (lines.empty()) lines.push_back("no capture runs");
+  context.out.List(lines, "captures", records);
+  return kDone;
+}
+
+/// Why the last capture of the buffer failed, or of any for "all".
+std::string TroubleOf(Daemon& daemon, const std::string& buffer) {
+  for (const Capture& capture : QueryCaptures(daemon)) {
+    if (capture.recording || (buffer != "all" && capture.buffer != buffer)) continue;
+    return capture.file + ": " + capture.trouble + "; the daemon must be able to write the file";
+  }
+  return "one is running already; 'kvoxctl capture status' shows it";
 }
 
 int StartCapture(const Context& context) {
@@ -112,19 +175,35 @@ int StartCapture(const Context& context) {
   Lines words = {"capture", "start", BufferName(context)};
   if (!file.empty()) words.push_back(AbsolutePath(file));
   return RunDebug(context, "capture of " + words[2], words,
-                  "the daemon must be able to write the file, and none may be running");
+                  [&] { return TroubleOf(context.daemon, words[2]); });
 }
 
 int StopCapture(const Context& context) {
   const std::string name = BufferName(context);
   return RunDebug(context, "capture of " + name, {"capture", "stop", name},
-                  "'kvoxctl capture start' starts one");
+                  [] { return "'kvoxctl capture status' shows which run"; });
+}
+
+/// The daemon lists its commands on one line, with two blanks before each.
+int DebugHelp(const Context& context) {
+  auto result = context.daemon.Call("Debug", &IKvox::Debug, Lines{"help"});
+  Lines commands;
+  for (const std::string& line : result.lines) {
+    for (size_t at = line.find("  "); at != line.npos;) {
+      const size_t end = line.find("  ", at + 1);
+      commands.push_back(line.substr(at + 2, end == line.npos ? end : end - at - 2));
+      at = end;
+    }
+  }
+  if (!commands.empty()) result.lines = commands;
+  return Report(context, "debug", result);
 }
 
 int Debug(const Context& context) {
   const Lines& words = context.in.All("WORD");
+  if (words.empty() || words == Lines{"help"}) return DebugHelp(context);
   return RunDebug(context, words.empty() ? "debug" : words.front(), words,
-                  "'kvoxctl debug help' lists the commands");
+                  [] { return "'kvoxctl debug help' lists the commands"; });
 }
 
 }  // namespace
@@ -134,7 +213,7 @@ std::vector<Verb> BufferVerbs() {
       "TAPOUT",
       Kind::kTapOut,
       "Tap-out buffer by name or number; every buffer when not given or all",
-      Arity::kOptional,
+      Arity::kEachOptional,
       {"all"}};
   return {
       {"buffer list", "List the buffers, and which processors use them", List,
@@ -147,7 +226,7 @@ std::vector<Verb> BufferVerbs() {
       {"connect", "Connect a processor to the buffers that it reads and writes", Connect,
        "connect pass tapout0 inject0", Arguments{kProcessor, kTapOut, kInject}},
       {"disconnect", "Disconnect a processor from its buffers", Connect, "disconnect pass",
-       Arguments{kProcessor}},
+       Arguments{kProcessors}},
       {"graph", "Show the paths of the audio, from tap point to tap point", Graph, "graph --dot",
        Arguments{},
        Options{{"--dot", nullptr, Kind::kText,
@@ -166,12 +245,14 @@ std::vector<Verb> BufferVerbs() {
             {"all"}},
            {"FILE", Kind::kFile, "File; for all, the start of the files' names (/tmp/kvox_capture)",
             Arity::kOptional}}},
+      {"capture status", "List the captures that run, and those that failed", ShowCaptures,
+       "capture status"},
       {"capture stop", "End a capture; its file is then complete", StopCapture,
        "capture stop tapout0",
        Arguments{{"BUFFER",
                   Kind::kBuffer,
                   "Buffer by name; every one when not given or all",
-                  Arity::kOptional,
+                  Arity::kEachOptional,
                   {"all"}}}},
       {"debug", "Run one of the daemon's debug commands", Debug, "debug buffer_dump tapout 0",
        Arguments{{"WORD", Kind::kText, "The command's words; help lists the commands",

@@ -2,6 +2,8 @@
 
 #include "client/command_line/verb.h"
 #include "client/completion/completion.h"
+#include "client/completion/fish.h"
+#include "client/completion/zsh.h"
 
 namespace kvox::client {
 namespace {
@@ -11,8 +13,7 @@ int RunCall(const Context& context) {
   if (words.empty()) throw UsageError("METHOD is missing; 'kvoxctl call --help' lists them");
   const std::string& method = words.front();
   const auto call = PrepareCall(method, {words.begin() + 1, words.end()});
-  MethodOutputs outputs;
-  context.daemon.Run(method.c_str(), [&](IKvox& kvox) { return call(kvox, outputs); });
+  const auto outputs = context.daemon.Get<MethodOutputs>(method.c_str(), call);
   if (context.out.json()) {
     PrintUnchanged(AsJson(outputs));
   } else {
@@ -48,13 +49,16 @@ int Completion(const Context& context) {
   if (context.out.format() != Format::kText) {
     throw UsageError("completion: a script has no other form; leave out --json and --short");
   }
-  PrintOut(BashCompletion());
+  const std::string& shell = context.in.Get("SHELL");
+  PrintOut(shell == "zsh" ? kZshCompletion : shell == "fish" ? kFishCompletion : BashCompletion());
   return kDone;
 }
 
 const char* CompletionNotes() {
-  return "In a shell, or in ~/.bashrc for new ones:\n"
-         "  source <(kvoxctl completion bash)\n"
+  return "In a shell, or in its start-up file for new ones:\n"
+         "  source <(kvoxctl completion bash)    # ~/.bashrc\n"
+         "  source <(kvoxctl completion zsh)     # ~/.zshrc, after compinit\n"
+         "  kvoxctl completion fish | source     # ~/.config/fish/config.fish\n"
          "Names of objects are those that the daemon has at that moment.\n";
 }
 
@@ -66,7 +70,12 @@ std::vector<Verb> CallVerbs() {
        Arguments{{"METHOD", Kind::kMethod, "The method, then its arguments", Arity::kAnyNumber}},
        Options{}, CallNotes, VerbKind::kRawCall},
       {"completion", "Print a script that lets a shell complete the words of kvoxctl", Completion,
-       "completion bash", Arguments{{"SHELL", Kind::kChoice, "bash", Arity::kOnce, {"bash"}}},
+       "completion bash",
+       Arguments{{"SHELL",
+                  Kind::kChoice,
+                  "bash, zsh or fish (bash)",
+                  Arity::kOptional,
+                  {"bash", "zsh", "fish"}}},
        Options{}, CompletionNotes, VerbKind::kLocal},
   };
 }

@@ -49,13 +49,14 @@ std::vector<Verb> MonitorVerbs() {
            {"--reverse", nullptr, Kind::kText, "Reverse the order"},
            interval,
            {"--batch", nullptr, Kind::kText, "Print plain rows; needs no terminal"},
-           {"-n", "COUNT", Kind::kNumber, "End after so many refreshes"},
+           {"--count", "COUNT", Kind::kNumber, "End after so many refreshes", {}, "-n"},
            {"--once", nullptr, Kind::kText, "The same as --batch -n 1"},
            kFlightOption},
        TopNotes},
       {"watch", "Print a line for every change of processors, buffers, tap points and daemon",
        Watch, "watch --json --timeout 60", Arguments{},
-       Options{interval, {"--count", "COUNT", Kind::kNumber, "End after so many changes"}},
+       Options{interval,
+               {"--count", "COUNT", Kind::kNumber, "End after so many changes", {}, "-n"}},
        WatchNotes},
   };
 }

@@ -1,17 +1,19 @@
 // The parameters of processors, and their measurements.
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <numeric>
 #include <optional>
 
-#include "client/calls/arguments.h"
 #include "client/calls/method_outputs.h"
 #include "client/flight/log_file.h"
-#include "client/output/units.h"
 #include "client/verbs/shared.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/near_matches.h"
+#include "libkvox/calls/arguments.h"
+#include "libkvox/units.h"
 
 namespace kvox::client {
 namespace {
@@ -60,11 +62,14 @@ ParameterId ReadParameter(const std::string& word) {
   throw Failure(kNoObject, NotFound("parameter", word, names, "'kvoxctl param list' shows all"));
 }
 
-/// "960", or with its kind as in call: "i:960", "f:0.5".
+/// "960", "0.5", or with its kind as in call: "i:960", "f:0.5".
 ParamValue ReadValue(const std::string& word) {
   if (const auto number = ParseInt(word)) return ParamValue::make<ParamValue::i>(*number);
   if (const auto flag = ParseBool(word)) return ParamValue::make<ParamValue::i>(*flag ? 1 : 0);
   if (const auto value = ParseParamValue(word)) return *value;
+  if (const auto value = ParseFloat(word); value && word.find('.') != word.npos) {
+    return ParamValue::make<ParamValue::f>(*value);
+  }
   if (word.find_first_not_of("-0123456789") == word.npos) {
     ParseNumber("VALUE", word, INT32_MIN, INT32_MAX);  // which names the range
   }
@@ -91,10 +96,16 @@ std::vector<Element> Wanted(const Input& in) {
   return wanted;
 }
 
+/// Floats with as many digits as they have.
+Json Shown(const ParamValue& value) {
+  if (value.getTag() != ParamValue::f) return ToJson(value);
+  return Json::parse(fmt::format("{:#}", value.get<ParamValue::f>()));
+}
+
 std::string LineOf(const Element& row, const ParamValue& value) {
   std::string name = toString(row.id);
   if (row.id == ParameterId::AUDIO_FORMAT) name += " " + std::to_string(row.element);
-  return FormatText<128>("%-18s %-9s %s", name.c_str(), AsColumns({{"", ToJson(value)}}).c_str(),
+  return FormatText<128>("%-18s %-9s %s", name.c_str(), AsColumns({{"", Shown(value)}}).c_str(),
                          row.meaning);
 }
 
@@ -104,11 +115,11 @@ int Get(const Context& context) {
   std::vector<std::string> lines;
   Json records = Json::array();
   for (const Element& row : wanted) {
-    CommandResult result;
-    ParamValue value;
-    context.daemon.Run("GetParameter", [&](IKvox& kvox) {
-      return kvox.GetParameter(id.id, row.id, row.element, &value, &result);
-    });
+    using Reply = std::pair<CommandResult, ParamValue>;
+    const auto [result, value] =
+        context.daemon.Get<Reply>("GetParameter", [id = id.id, row](IKvox& kvox, Reply& reply) {
+          return kvox.GetParameter(id, row.id, row.element, &reply.second, &reply.first);
+        });
     if (result.status != IKvox::CommandStatus::OK) {
       const std::string name = toString(row.id) + " " + std::to_string(row.element);
       return Report(context, name + " of " + id.name, result, Json::object(),
@@ -116,7 +127,7 @@ int Get(const Context& context) {
     }
     lines.push_back(LineOf(row, value));
     records.push_back(
-        {{"parameter", toString(row.id)}, {"element", row.element}, {"value", ToJson(value)}});
+        {{"parameter", toString(row.id)}, {"element", row.element}, {"value", Shown(value)}});
   }
   context.out.List(lines, "parameters", records);
   return kDone;
@@ -127,8 +138,14 @@ int Set(const Context& context) {
   const ParamValue value = ReadValue(context.in.Get("VALUE"));
   const int32_t element = context.in.Number("--element", INT32_MIN, INT32_MAX, 0);
   const ProcessorId id = ProcessorOf(context);
-  const auto result =
+  auto result =
       context.daemon.Call("SetParameter", &IKvox::SetParameter, id.id, parameter, element, value);
+  for (std::string& line : result.lines) {  // which has the processor as a number
+    const std::string number = ":" + std::to_string(id.id);
+    if (const size_t at = line.find(number); at != line.npos) {
+      line.replace(at, number.size(), ":" + id.name);
+    }
+  }
   const std::string meaning = MeaningOf(parameter, element);
   const int status =
       Report(context, toString(parameter) + " of " + id.name, result,
@@ -241,11 +258,7 @@ int Show(const Context& context) {
   return ForEach(
       context,
       [&](const ProcessorId& id, auto& lines, Json& records) {
-        CommandResult result;
-        IKvox::ProcessorStats stats;
-        context.daemon.Run("ProcessorGetStats", [&](IKvox& kvox) {
-          return kvox.ProcessorGetStats(id.id, &stats, &result);
-        });
+        const auto [result, stats] = QueryStats(context.daemon, id.id);
         if (result.status != IKvox::CommandStatus::OK) return result;
         lines.push_back(LineOf(id.name, stats));
         records.push_back({{"id", id.name},

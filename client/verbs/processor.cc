@@ -11,6 +11,15 @@ int Types(const Context& context) {
   return PrintNames(context, "types", "type", QueryTypes(context.daemon));
 }
 
+/// The daemon would replace it, and disconnect what it was connected to.
+void RequireAbsent(Daemon& daemon, const std::string& id) {
+  const auto processors = QueryProcessors(daemon).rows;
+  const Processor* const present = FindProcessor(processors, id);
+  if (present == nullptr) return;
+  throw Failure(kRefused, "there is a processor " + id + ", of type " + present->type +
+                              "; --replace replaces it, and what it is connected to is free then");
+}
+
 int New(const Context& context) {
   const std::string& word = context.in.Get("ID");
   const ProcessorId id = NewProcessorId("ID", word);
@@ -18,6 +27,7 @@ int New(const Context& context) {
   // this id.
   const ProcessorId type =
       LookUpType(context.daemon, context.in.Has("TYPE") ? context.in.Get("TYPE") : word);
+  if (!context.in.Has("--replace")) RequireAbsent(context.daemon, id.name);
   const auto result =
       context.daemon.Call("NewProcessorWithType", &IKvox::NewProcessorWithType, id.id, type.id);
   return Report(context, "processor " + id.name, result, {{"id", id.name}, {"type", type.name}});
@@ -65,22 +75,22 @@ std::vector<Verb> ProcessorVerbs() {
   return {
       {"processor list", "List the processors", List, "processor list"},
       {"processor types", "List the types that processors can have", Types, "processor types"},
-      {"processor new",
-       "Make a processor, disabled and unconnected; one of the same name is replaced", New,
+      {"processor new", "Make a processor, disabled and unconnected", New,
        "processor new art0 arel",
        Arguments{
            {"ID", Kind::kText, "Four printable characters, or their number"},
-           {"TYPE", Kind::kProcessorType, "Its type; the id when not given", Arity::kOptional}}},
+           {"TYPE", Kind::kProcessorType, "Its type; the id when not given", Arity::kOptional}},
+       Options{{"--replace", nullptr, Kind::kText, "Replace the one that has this name"}}},
       {"processor delete", "Delete a processor", Delete, "processor delete pass",
-       Arguments{kProcessor}},
+       Arguments{kProcessors}},
       {"processor info", "Show a processor's state and settings", Info,
-       "--json processor info pass", Arguments{kProcessor}},
+       "--json processor info pass", Arguments{kProcessors}},
       {"processor enable", "Enable a processor", Switch<true>, "processor enable pass",
-       Arguments{kProcessor}},
+       Arguments{kProcessors}},
       {"processor disable", "Disable a processor", Switch<false>, "processor disable pass",
-       Arguments{kProcessor}},
+       Arguments{kProcessors}},
       {"processor status", "Show whether a processor is enabled", Status, "processor status pass",
-       Arguments{kProcessor}},
+       Arguments{kProcessors}},
   };
 }
 

@@ -5,12 +5,16 @@
 #include <vector>
 
 #include "client/command_line/verb.h"
-#include "client/model/lookup.h"
 #include "client/output/json.h"
+#include "libkvox/model/lookup.h"
 
 namespace kvox::client {
 
 inline const Argument kProcessor = {"PROCESSOR", Kind::kProcessor, "Four characters such as art0"};
+inline const Argument kProcessors = {"PROCESSOR", Kind::kProcessor, "Four characters such as art0",
+                                     Arity::kEach};
+inline const Argument kTaps = {"TAP", Kind::kTap, "Such as imic.0, or 2:imic.0 for core 2",
+                               Arity::kEach};
 inline const Argument kTap = {"TAP", Kind::kTap, "Such as imic.0, or 2:imic.0 for core 2"};
 inline const Argument kTapOut = {
     "TAPOUT", Kind::kTapOut, "Tap-out buffer by name or number, or none", Arity::kOnce, {"none"}};

@@ -1,5 +1,5 @@
-// What the use cases need of a board: of each row the tap point, and both a tap-out and an inject
-// buffer of that number.
+// The use cases, as far as clients have to know them: what they need of a board, and which of them
+// report their state.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,7 @@
 
 namespace kvox {
 
+/// A tap point, and both a tap-out and an inject buffer of that number.
 struct UseCaseNeed {
   std::string_view use_case;
   int32_t core;
@@ -25,5 +26,13 @@ inline constexpr UseCaseNeed kMediaNeed = {"AREL_MEDIA_PLAYBACK", 2, MakeFourCc(
 
 inline constexpr UseCaseNeed kUseCaseNeeds[] = {kMicrophoneNeed, kSpeakerNeed, kDownlinkNeed,
                                                 kUplinkNeed, kMediaNeed};
+
+/// Use cases whose state the daemon reports; "" for the processor where none has to exist for that.
+struct UseCaseReport {
+  std::string_view use_case;
+  std::string_view processor;
+};
+inline constexpr UseCaseReport kUseCaseReports[] = {
+    {"AREL_TELE", ""}, {"PHONEBOOTH", ""}, {"HOTWORDAEC", "hwae"}};
 
 }  // namespace kvox

@@ -26,12 +26,13 @@ File* Map(int fd, int flags) {
   return memory == MAP_FAILED ? nullptr : static_cast<File*>(memory);
 }
 
-/// Locks the file until its last descriptor is closed. False, with errno set, when another process
-/// has locked it.
+/// Locks the file, but nothing beyond its end, until its last descriptor is closed. False, with
+/// errno set, when another process has locked it.
 bool Lock(int fd) {
   struct flock lock = {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
+  lock.l_len = sizeof(File);
   return fcntl(fd, F_OFD_SETLK, &lock) == 0;
 }
 

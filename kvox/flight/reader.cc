@@ -17,6 +17,9 @@ namespace {
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
+/// The last records of a ring that a reader may see before all of their words.
+constexpr uint64_t kBeingWritten = 2;
+
 uint64_t Get(const Word& word) {
   return word.load(kRelaxed);
 }
@@ -124,15 +127,16 @@ StreamView ToView(const StreamSlot& slot, bool packets) {
   return view;
 }
 
-bool ReadStreams(int fd, bool packets, std::vector<StreamView>& streams) {
+bool ReadStreams(int fd, const Wanted& wanted, std::vector<StreamView>& streams) {
   const auto slot = std::make_unique<StreamSlot>();
   for (size_t i = 0; i < kStreams; ++i) {
     const size_t offset = offsetof(File, streams) + i * sizeof(StreamSlot);
     if (!ReadAt(fd, offset, slot.get(), offsetof(StreamSlot, arrival_error))) return false;
     if (Get(slot->name[0]) == 0) continue;
-    const size_t size = packets ? sizeof *slot : offsetof(StreamSlot, scheduling);
+    if (!wanted.stream.empty() && NameOf(slot->name) != wanted.stream) continue;
+    const size_t size = wanted.packets ? sizeof *slot : offsetof(StreamSlot, scheduling);
     if (!ReadAt(fd, offset, slot.get(), size)) return false;
-    StreamView view = ToView(*slot, packets);
+    StreamView view = ToView(*slot, wanted.packets);
     const bool known = std::ranges::count(streams, view.name, &StreamView::name) > 0;
     if (!known) streams.push_back(std::move(view));  // a damaged log may name one twice
   }
@@ -233,13 +237,53 @@ std::optional<FlightView> ReadFlight(const std::string& path, const Wanted& want
                   .started_ns = header.started_ns,
                   .wall_offset_ns = Get(header.wall_offset_ns),
                   .unrecorded = Get(header.unrecorded)};
-  if (ReadStreams(fd.get(), wanted.packets, view.streams) && ReadInjects(fd.get(), view.injects) &&
+  if (ReadStreams(fd.get(), wanted, view.streams) && ReadInjects(fd.get(), view.injects) &&
       (!wanted.events || ReadEvents(fd.get(), view.events))) {
     for (StreamView& stream : view.streams) stream.on = stream.on && view.live;
     return view;
   }
   *error = path + " was cut while it was read; copy it with 'kvoxctl flight save'";
   return std::nullopt;
+}
+
+/// Finds the stream's slot.
+bool PacketTail::Open() {
+  UniqueFd fd(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status;
+  FileHeader header = {};
+  if (!fd.valid() || fstat(fd.get(), &status) != 0) return false;
+  if (!ReadAt(fd.get(), 0, &header, sizeof header)) return false;
+  if (!Judge(header, static_cast<uint64_t>(status.st_size)).empty()) return false;
+  for (size_t i = 0; i < kStreams; ++i) {
+    const size_t offset = offsetof(File, streams) + i * sizeof(StreamSlot);
+    NameWords name = {};
+    if (!ReadAt(fd.get(), offset, &name, sizeof name)) return false;
+    if (NameOf(name) != stream_) continue;
+    fd_ = std::move(fd);
+    slot_ = offset;
+    return ReadAt(fd_.get(), slot_ + offsetof(StreamSlot, packets), &read_, sizeof read_);
+  }
+  return false;
+}
+
+bool PacketTail::Read(std::vector<PacketRecord>& records) {
+  if (!fd_.valid() && !Open()) return true;
+  uint64_t written = 0;
+  if (!ReadAt(fd_.get(), slot_ + offsetof(StreamSlot, packets), &written, sizeof written)) {
+    return false;
+  }
+  for (read_ = std::max(read_, Oldest(written, kPackets)); read_ < written; ++read_) {
+    RecordWords<PacketRecord> words = {};
+    PacketRecord record;
+    const size_t offset = offsetof(StreamSlot, records) + read_ % kPackets * sizeof words;
+    if (!ReadAt(fd_.get(), slot_ + offset, &words, sizeof words)) return false;
+    if (Unseal(words, read_, record) && IsValid(record)) {
+      records.push_back(record);
+    } else if (read_ + kBeingWritten >= written) {
+      break;  // it may be whole next time
+    }
+  }
+  return HasWriter(fd_.get());
 }
 
 }  // namespace kvox::flight

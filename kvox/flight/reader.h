@@ -8,8 +8,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "kvox/common/unique_fd.h"
 #include "kvox/flight/layout.h"
 
 namespace kvox::flight {
@@ -90,6 +92,29 @@ bool IsWritten(const std::string& path);
 struct Wanted {
   bool packets = true;  // and scheduling
   bool events = true;
+  std::string stream = {};  // this one only; "" for all
+};
+
+/// The records of one stream as they are written. One thread at a time.
+class PacketTail {
+ public:
+  /// Begins with the records that are written from now on. A log without the stream, or of another
+  /// version, has none until it has it.
+  PacketTail(std::string path, std::string stream)
+      : path_(std::move(path)), stream_(std::move(stream)) {}
+
+  /// Adds the records that are new; those that could not be read are left out. False when the log
+  /// is not written any more: there will be no others.
+  bool Read(std::vector<PacketRecord>& records);
+
+ private:
+  bool Open();
+
+  const std::string path_;
+  const std::string stream_;
+  UniqueFd fd_;
+  size_t slot_ = 0;  // offset of the stream's
+  uint64_t read_ = 0;
 };
 
 /// None, with `error` set to the file, the cause and the next step, when it is no flight log of

@@ -1,6 +1,5 @@
 #include "kvox/sound/sound_file.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sndfile.h>
 #include <sys/stat.h>
@@ -12,6 +11,7 @@
 #include <cstring>
 
 #include "kvox/common/fixed_text.h"
+#include "kvox/sound/library.h"
 
 namespace kvox {
 namespace {
@@ -19,7 +19,7 @@ namespace {
 // clang-format off
 #define KVOX_SNDFILE_FUNCTIONS(F)                                                       \
   F(open_fd) F(close) F(command) F(strerror) F(seek) F(write_raw) F(read_raw)           \
-  F(readf_int) F(readf_float) F(readf_double)
+  F(readf_int) F(readf_float) F(readf_double) F(writef_int)
 // clang-format on
 
 /// The functions we use, with the library's own types.
@@ -29,28 +29,19 @@ struct Library {
 #undef KVOX_DECLARE
 };
 
-template <typename Function>
-bool Load(void* handle, const char* name, Function& function) {
-  function = reinterpret_cast<Function>(dlsym(handle, name));
-  return function != nullptr;
-}
-
 const Library& Sndfile() {
   static const Library library = [] {
+    const LateLibrary late("libsndfile.so.1", "libsndfile1");
     Library loaded;
-    void* const handle = dlopen("libsndfile.so.1", RTLD_NOW);
-    bool complete = handle != nullptr;
-#define KVOX_LOAD(function) complete = complete && Load(handle, "sf_" #function, loaded.function);
+#define KVOX_LOAD(function) late.Load("sf_" #function, loaded.function);
     KVOX_SNDFILE_FUNCTIONS(KVOX_LOAD)
 #undef KVOX_LOAD
-    if (complete) return loaded;
-    const char* const cause = dlerror();
-    throw SoundFileError(std::string("libsndfile cannot be used: ") +
-                         (cause != nullptr ? cause : "unknown version") +
-                         "; install the package libsndfile1");
+    return loaded;
   }();
   return library;
 }
+
+constexpr uint32_t kMostFlacChannels = 8;
 
 struct SubtypeRow {
   Kvox::DataFormat encoding;
@@ -113,26 +104,25 @@ int Quantize(double value, uint32_t bits) {
 
 }  // namespace
 
-std::string Describe(const SoundFormat& format) {
-  const char* const name = DataFormatName(format.encoding);
-  return std::to_string(format.sample_rate) + " Hz, " + std::to_string(format.channels) +
-         (format.channels == 1 ? " channel, " : " channels, ") + (name != nullptr ? name : "?") +
-         std::to_string(format.bits);
-}
-
 void SoundFileCloser::operator()(sf_private_tag* file) const {
   Sndfile().close(file);
 }
 
-SoundWriter::SoundWriter(const std::string& path, const SoundFormat& format) : path_(path) {
+SoundWriter::SoundWriter(const std::string& path, const SoundFormat& format, Container container)
+    : path_(path), format_(format), container_(container) {
   const int subtype = SubtypeOf(format);
-  if (subtype == 0 || format.channels == 0) Fail(path, "cannot hold " + Describe(format));
+  const bool fits =
+      container == Container::kWav || (format.encoding == Kvox::DataFormat::INT &&
+                                       format.bits < 32 && format.channels <= kMostFlacChannels);
+  if (subtype == 0 || format.channels == 0 || !fits) {
+    Fail(path, "cannot hold " + Describe(format) + (fits ? "" : "; a WAV file can"));
+  }
   const Library& library = Sndfile();
   const int fd = Open(path, O_RDWR | O_CREAT, SoundReader::Kind::kFile);
   SF_INFO info{};
   info.samplerate = static_cast<int>(format.sample_rate);
   info.channels = static_cast<int>(format.channels);
-  info.format = SF_FORMAT_WAV | subtype;
+  info.format = (container == Container::kWav ? SF_FORMAT_WAV : SF_FORMAT_FLAC) | subtype;
   if (ftruncate(fd, 0) == 0) file_.reset(library.open_fd(fd, SFM_WRITE, &info, SF_TRUE));
   if (!file_) Fail(path, "cannot be created", library.strerror(nullptr));
   library.command(file_.get(), SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
@@ -140,8 +130,24 @@ SoundWriter::SoundWriter(const std::string& path, const SoundFormat& format) : p
 
 void SoundWriter::Write(std::span<const std::byte> frames) {
   const auto size = static_cast<sf_count_t>(frames.size());
-  if (Sndfile().write_raw(file_.get(), frames.data(), size) == size) return;
+  if (container_ == Container::kWav) {
+    if (Sndfile().write_raw(file_.get(), frames.data(), size) == size) return;
+  } else {
+    const size_t width = format_.bits / 8;
+    ints_.assign(frames.size() / width, 0);
+    for (size_t i = 0; i < ints_.size(); ++i) {  // the upper bytes of 32 bits
+      std::memcpy(reinterpret_cast<std::byte*>(&ints_[i]) + sizeof(int) - width, &frames[i * width],
+                  width);
+    }
+    const auto count = static_cast<sf_count_t>(frames.size() / format_.FrameSize());
+    if (Sndfile().writef_int(file_.get(), ints_.data(), count) == count) return;
+  }
   Fail(path_, "cannot be written", Sndfile().strerror(file_.get()));
+}
+
+void SoundWriter::Close() {
+  if (!file_ || Sndfile().close(file_.release()) == 0) return;
+  Fail(path_, "cannot be completed; see that its disk has room");
 }
 
 SoundReader::SoundReader(const std::string& path, Kind kind) : path_(path) {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "kvox/common/tap_format.h"
+#include "kvox/common/sound_format.h"
 
 struct sf_private_tag;
 
@@ -22,37 +22,34 @@ class SoundFileError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Interleaved audio.
-struct SoundFormat {
-  uint32_t sample_rate = 0;  // Hz
-  uint32_t channels = 0;
-  uint32_t bits = 0;  // of a sample
-  Kvox::DataFormat encoding = Kvox::DataFormat::INT;
-
-  size_t FrameSize() const { return size_t{channels} * (bits / 8); }
-  bool operator==(const SoundFormat&) const = default;
-};
-
-/// "48000 Hz, 2 channels, int16"
-std::string Describe(const SoundFormat& format);
-
 struct SoundFileCloser {
   void operator()(sf_private_tag* file) const;
 };
 using SoundFileHandle = std::unique_ptr<sf_private_tag, SoundFileCloser>;
 
-/// A WAV file that is being written. It is valid at any moment: every write updates its header.
+/// A sound file that is being written. A WAV file is valid at any moment: every write updates its
+/// header.
 class SoundWriter {
  public:
-  /// Replaces the regular file at `path`. Throws SoundFileError.
-  SoundWriter(const std::string& path, const SoundFormat& format);
+  enum class Container { kWav, kFlac };
+
+  /// Replaces the regular file at `path`. Throws SoundFileError, also for a format that the
+  /// container cannot hold: FLAC holds integers of 16 and 24 bits.
+  SoundWriter(const std::string& path, const SoundFormat& format,
+              Container container = Container::kWav);
 
   /// Throws SoundFileError.
   void Write(std::span<const std::byte> frames);
 
+  /// Ends the file. Throws SoundFileError when it could not be completed.
+  void Close();
+
  private:
   std::string path_;
+  SoundFormat format_;
+  Container container_;
   SoundFileHandle file_;
+  std::vector<int> ints_;
 };
 
 /// Audio in any format that libsndfile reads. One thread at a time.

@@ -81,8 +81,8 @@ Words ListedByAndroid(const std::string& list) {
 TEST(AndroidBuild, CompilesTheSourcesThatTheHostCompilesEachOnce) {
   Words expected = {"platform/android/platform.cc"};
   for (const char* folder : {"kvox/common", "kvox/flight", "kvox/sound", "processors", "buffer",
-                             "service", "daemon", "client", "tests/common", "tests/processors",
-                             "tests/buffer", "tests/service", "tests/daemon"}) {
+                             "service", "daemon", "libkvox", "client", "tests/common",
+                             "tests/processors", "tests/buffer", "tests/service", "tests/daemon"}) {
     const Words sources = ListedByCMake(folder);
     expected.insert(expected.end(), sources.begin(), sources.end());
   }

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "client/model/tables.h"
+#include "libkvox/model/tables.h"
 
 namespace kvox::campaign {
 namespace {

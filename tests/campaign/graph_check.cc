@@ -5,9 +5,9 @@
 
 #include <algorithm>
 
-#include "client/model/tables.h"
 #include "kvox/common/command_tables.h"
 #include "kvox/common/device_names.h"
+#include "libkvox/model/tables.h"
 #include "tests/campaign/streams.h"
 
 namespace kvox::campaign {

@@ -1,4 +1,4 @@
-#include "client/calls/arguments.h"
+#include "libkvox/calls/arguments.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

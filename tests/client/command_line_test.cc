@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "client/command_line/help.h"
-#include "client/model/lookup.h"
 #include "kvox/common/near_matches.h"
+#include "libkvox/model/lookup.h"
 
 namespace kvox::client {
 namespace {
@@ -73,7 +73,7 @@ TEST(CommandLine, WhatIsWrongIsNamedWithTheNextStep) {
       {"buffer list tapout", "DIRECTION: 'tapout' is none of tap-out, inject"},
   };
   EXPECT_THAT(Refusal({"io", "stop", ""}), HasSubstr("an empty word names nothing"));
-  EXPECT_THAT(Refusal({"top", "-n", ""}), HasSubstr("-n: an empty word is no value"));
+  EXPECT_THAT(Refusal({"top", "-n", ""}), HasSubstr("--count: an empty word is no value"));
   EXPECT_THAT(Refusal({"ping", "--timeout", ""}), HasSubstr("--timeout: '' is not a number"));
   for (const auto& row : rows)
     EXPECT_THAT(Refusal(Words(row.line)), HasSubstr(row.message)) << row.line;

@@ -36,13 +36,17 @@ TEST(Completion, KnowsWhatEachArgumentNames) {
       {"tap list 2 3 ", Kind::kCore},
       {"processor new art0 ", Kind::kProcessorType},
       {"capture start all ", Kind::kFile},
-      {"record -- ", Kind::kProcessor},
-      {"record -- -x- ", Kind::kFile},
+      {"record -- ", Kind::kPoint},
+      {"play -- -x- ", Kind::kPoint},
       {"param get pass ", Kind::kParameter},
       {"usecase gain M", Kind::kUseCase},
       {"--json call ", Kind::kMethod},
       {"call Debug ", Kind::kText},
-      {"tap info imic.0 ", Kind::kText},
+      {"tap info imic.0 ", Kind::kTap},
+      {"record imic.0 sspk.0 ", Kind::kPoint},
+      {"route imic.0 pass ", Kind::kPoint},
+      {"route imic.0 pass inject0 ", Kind::kText},
+      {"top -n ", Kind::kNumber},
       {"tip info ", Kind::kText},
   };
   for (const auto& row : rows) EXPECT_EQ(At(row.line).kind, row.kind) << row.line;
@@ -59,6 +63,7 @@ TEST(Completion, OffersVerbsOptionsAndTheirValues) {
   EXPECT_THAT(At("io stop ").words, ElementsAre("all"));
   EXPECT_THAT(At("connect pass ").words, ElementsAre("none"));
   EXPECT_THAT(At("top --sort ").words, Contains("share"));
+  EXPECT_THAT(At("top -").words, Contains("--count"));
   EXPECT_THAT(At("record -").words, Contains("--seconds"));
   EXPECT_THAT(At("record --").words, Not(Contains("--version")));
   EXPECT_THAT(At("-").words, Contains("--version"));

@@ -6,9 +6,9 @@
 #include <sstream>
 
 #include "client/command_line/verb.h"
-#include "client/flight/incidents.h"
 #include "client/flight/verbs.h"
 #include "kvox/common/four_cc.h"
+#include "libkvox/flight/incidents.h"
 
 namespace kvox::client {
 namespace {

@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client/model/tables.h"
+#include "libkvox/model/tables.h"
 
 namespace kvox::client {
 namespace {

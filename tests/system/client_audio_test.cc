@@ -74,6 +74,12 @@ TEST_F(ClientAudioTest, CapturesGoWhereTheClientStands) {
   EXPECT_THAT(Do("capture stop"), HasSubstr("all_inject41.wav, 0 samples"));
   std::filesystem::current_path("/");
   ExpectRefusal("capture start tapout0", 2, "FILE is missing");
+  ExpectRefusal("capture start imic.0 a.wav", 2, "imic.0 is a tap point; 'kvoxctl record imic.0");
+  for (const auto& [file, why] : {std::pair("/nowhere/a.wav", "No such file or directory"),
+                                  std::pair("/tmp", "not a regular file")}) {
+    ExpectRefusal(std::string("capture start tapout0 ") + file, 1, why);
+    EXPECT_THAT(Do("capture status"), HasSubstr(std::string(file) + " failed"));
+  }
   ExpectRefusal("capture start 0 a.wav", 2, "BUFFER: '0' may be tapout0 or inject0; name one");
   EXPECT_EQ(Do("debug buffer_dump tapout 0"), Call("Debug buffer_dump tapout 0"));
   EXPECT_EQ(Do("--short debug buffer_dump tapout 0"), Call("Debug buffer_dump tapout 0"));
@@ -86,7 +92,8 @@ TEST_F(ClientAudioTest, RecordingThatCannotBeginTouchesNoFile) {
   const std::string fresh = (directory_ / "fresh.wav").string();
   std::ofstream(kept) << "kept" << std::flush;
   for (const std::string& file : {kept, fresh}) {
-    ExpectRefusal("record pass " + file, 2, "pass is of type pass, and only relays (type arel)");
+    ExpectRefusal("record pass " + file, 1, "pass reads nothing; 'kvoxctl connect' connects it");
+    ExpectRefusal("record inject0 " + file, 2, "'kvoxctl capture start inject0 FILE' writes");
   }
   EXPECT_EQ(ReadText(kept), "kept");
   EXPECT_FALSE(exists(std::filesystem::path(fresh)));

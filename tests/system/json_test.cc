@@ -4,6 +4,7 @@
 #include <set>
 
 #include "client/command_line/verb.h"
+#include "tests/sim/wav_file.h"
 #include "tests/system/system_fixture.h"
 
 namespace kvox {
@@ -93,7 +94,7 @@ stats pass; stats --entries 9; stats --reset;
 param list; param get pass; param set pass BLOCK_LENGTH 480;
 tap connect genp.0 tapout0 inject0; tap block-length genp.0 480; tap jitter-buffer genp.0 480;
 tap gain genp.0 1; io start tapout0; tap enable genp.0; tap list; tap info genp.0; buffer list; graph;
-capture start tapout0 heard.wav; capture stop tapout0; debug buffer_dump tapout 0;
+capture start tapout0 heard.wav; capture status; capture stop tapout0; verify quiet.wav; debug buffer_dump tapout 0;
 export; disconnect pass; top -n 1 --measure; apply --dry-run state.toml; apply state.toml;
 usecase list; usecase enable AREL_TELE; usecase status AREL_TELE; usecase gain AREL_TELE 1;
 record art0 heard.wav --seconds 0.3; play art1 heard.wav; usecase disable AREL_TELE;
@@ -101,14 +102,18 @@ stats; why tapout0; latency tapout40; trace trace.json; flight save flight; bugr
 processor new idle pass; processor disable idle; disconnect idle;
 call ListProcessors; call GetParameter idle BLOCK_LENGTH 0; call ProcessorGetStats idle;
 call GetParameterBulk idle BLOCK_LENGTH:0; processor delete idle;
-tap disable imic.0; tap disconnect imic.0; io stop)";
+tap disable imic.0; tap disconnect imic.0; io stop;
+meter imic.0 --once; route imic.0 rout --type pass; unroute rout)";
 
 TEST_F(JsonPageTest, NamesTheKeysThatVerbsPrint) {
   std::filesystem::current_path(directory_.path());
   std::ofstream("state.toml") << "schema = 1\n[[processor]]\nid = 'none'\ntype = 'pass'\n";
+  sim::WriteWav("quiet.wav", SF_FORMAT_PCM_16, 1, std::vector<int16_t>(480));
   std::istringstream lines(kLines);
   for (std::string line; std::getline(lines >> std::ws, line, ';');) Try(line);
   TryWatch();
+  Fault("packet-drop probability=0.5 for=20");
+  Try("record imic.0 gaps.wav --seconds 0.5");
   std::filesystem::current_path("/");
 
   const std::vector<Section> page = ReadPage();
@@ -129,7 +134,7 @@ TEST_F(JsonPageTest, NamesTheKeysThatVerbsPrint) {
     EXPECT_EQ(section.keys, printed) << *section.verbs.begin();
   }
   for (const client::Verb& verb : client::AllVerbs()) {
-    const bool prints_other_text = Names{"completion", "metrics"}.contains(verb.words);
+    const bool prints_other_text = Names{"completion", "metrics", "listen"}.contains(verb.words);
     if (prints_other_text) continue;
     EXPECT_EQ(verbs.count(verb.words), 1u) << verb.words;
   }

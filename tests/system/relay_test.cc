@@ -190,7 +190,8 @@ TEST_F(RelayProgramTest, AStoppedDaemonKeepsNoRecorder) {
 TEST_F(RelayProgramTest, AStayingClientNoticesThatTheDaemonHasGone) {
   StartCall();
   const auto raw = Listener();
-  Process record(KVOXCTL_PROGRAM, Words("record art1 " + (directory_ / "r.wav").string()),
+  Process record(KVOXCTL_PROGRAM,
+                 Words("--timeout 2 record art1 " + (directory_ / "r.wav").string()),
                  directory_ / "record");
   ASSERT_TRUE(WaitFor([&] { return record.Err().find("recording from art1") != -1ul; }));
   daemon_->Signal(SIGTERM);

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "client/flight/incidents.h"
 #include "kvox/common/kvox_utils.h"
+#include "libkvox/flight/incidents.h"
 #include "tests/campaign/blame/world.h"
 
 namespace kvox::campaign {
