@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Usage: ./dev build [PRESET]
 #
-# Builds kvoxd, kvosim and kvoxctl, optimised and with symbols, into build/bin, and their manual
-# pages into build/release/man. With a preset (release, dev, asan, tsan) builds everything,
-# including the tests, under build/PRESET.
+# Builds kvoxd, kvosim and kvoxctl, optimised and with symbols, into build/bin, the Python module
+# into build/python, and manual pages into build/release/man. With a preset (release, dev, asan,
+# tsan) builds everything, including the tests, under build/PRESET.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 options=()
@@ -11,7 +11,7 @@ parse_options "$@"
 
 if [ "${#words[@]}" -eq 0 ]; then
   need_packages build
-  build_preset release programs manual completion
+  build_preset release programs manual completion kvox_python kvox_python_sources
   exit 0
 fi
 preset=${words[0]}

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Usage: ./dev package [--check]
 #
-# Builds the Debian packages kvoxd, kvoxctl, kvosim and libkvox-dev from the tree into
+# Builds the Debian packages kvoxd, kvoxctl, kvosim, libkvox-dev and python3-kvox from the tree into
 # build/packages, and checks them with lintian.
 #
 #   --check  installs them into a temporary Debian tree and tests them there. As root; other packages

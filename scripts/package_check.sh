@@ -2,8 +2,8 @@
 # Usage: scripts/package_check.sh
 #
 # Installs build/packages into a fresh Debian tree and tests there: the service's files, who may use
-# the daemon, a client built with libkvox-dev, removal. As root. The tree is temporary; its mounts
-# and processes end with this script, however it ends.
+# the daemon, clients built with libkvox-dev, a test in Python, removal. As root. The tree is
+# temporary; its mounts and processes end with this script, however it ends.
 cd "$(dirname "$0")/.."
 . scripts/common.sh
 logs=$PWD/build/packages/check
@@ -81,10 +81,11 @@ make_tree() {
 
 install_packages() {
   mkdir "$tree/packages"
-  cp build/packages/{kvoxd,kvoxctl,kvosim,libkvox-dev}_*.deb "$tree/packages"
+  cp build/packages/{kvoxd,kvoxctl,kvosim,libkvox-dev,python3-kvox}_*.deb "$tree/packages"
   in_tree "${proxy[@]}" DEBIAN_FRONTEND=noninteractive sh -e -c '
     apt-get update -qq
-    apt-get install -y -qq --no-install-recommends /packages/*.deb udev cmake g++ make pkg-config
+    apt-get install -y -qq --no-install-recommends /packages/*.deb udev cmake g++ make pkg-config \
+      python3-pytest
     useradd --create-home --groups kvox member
     useradd --create-home outsider'
 }
@@ -99,14 +100,22 @@ start_daemon() {
   as_user member kvoxctl wait buffer tapout0 --timeout 20
 }
 
-build_example() {
+build_examples() {
   # shellcheck disable=SC2016 # for the shell in the tree
   as_user member sh -e -c '
-    cp -r /usr/share/doc/libkvox-dev/examples/call_daemon /tmp/example
-    cmake -S /tmp/example -B /tmp/example/build
-    cmake --build /tmp/example/build
-    cd /tmp/example
+    cp -r /usr/share/doc/libkvox-dev/examples /tmp/examples
+    cd /tmp/examples
+    for example in call_daemon receive_audio send_audio; do
+      cmake -S "$example" -B "$example/build"
+      cmake --build "$example/build"
+    done
+    cd call_daemon
     g++ -std=c++20 main.cc $(pkg-config --cflags --libs kvox) -o with_pkg_config'
+}
+
+test_in_python() {
+  cp tests/packaging/test_simulator.py "$tree/tmp"
+  as_user member python3 -m pytest -p no:cacheprovider /tmp/test_simulator.py
 }
 
 step "Debian tree" 0 make_tree
@@ -114,10 +123,16 @@ step "packages install" 0 install_packages
 step "the service's file is sound" 0 in_tree systemd-analyze verify --man=no kvoxd.service
 step "a daemon as user kvox serves a member of the group" 0 start_daemon
 step "an outsider may not use it" 5 as_user outsider kvoxctl ping
-step "a client builds with CMake and with pkg-config" 0 build_example
+step "clients build with CMake and with pkg-config" 0 build_examples
 for program in build/call_daemon with_pkg_config; do
-  step "$program calls the daemon" 0 as_user member "/tmp/example/$program"
+  step "$program calls the daemon" 0 as_user member "/tmp/examples/call_daemon/$program"
   grep -q tapout0 "$logs/step.log"
 done
-step "packages go" 0 in_tree dpkg --purge kvoxd kvoxctl kvosim libkvox-dev
+step "a client receives audio" 0 as_user member \
+  /tmp/examples/receive_audio/build/receive_audio imic.0
+grep -q 'peak -12.0 dBFS' "$logs/step.log"
+step "a client sends audio" 0 as_user member /tmp/examples/send_audio/build/send_audio genp.0
+grep -q ' blocks sent' "$logs/step.log"
+step "a test in Python simulates a phone" 0 test_in_python
+step "packages go" 0 in_tree dpkg --purge kvoxd kvoxctl kvosim libkvox-dev python3-kvox
 step "nothing of theirs is left" 1 in_tree sh -c 'find /etc /usr | grep -i kvo'
