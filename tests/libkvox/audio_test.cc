@@ -150,7 +150,7 @@ TEST(Samples, AreTheSameAfterDecodingAndEncoding) {
     for (std::byte& byte : data) byte = static_cast<std::byte>(random());
     if (format.encoding == Kvox::DataFormat::FLOAT) {
       std::vector<double> values(300);
-      for (double& value : values) value = (random() % 20001) / 10000.0 - 1;
+      for (double& value : values) value = static_cast<double>(random() % 20001) / 10000.0 - 1;
       Encode(values, format, data);
     }
     for (std::byte& byte : data) {

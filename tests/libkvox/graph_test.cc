@@ -31,7 +31,8 @@ TapPoint MakeTap(const char* code) {
 
 /// Three tap points, and two buffers of each direction beside one that a use case needs.
 Snapshot Board() {
-  Snapshot board{.types = {"pass", "arel"}};
+  Snapshot board;
+  board.types = {"pass", "arel"};
   for (const int id : {20, 0, 1}) {
     board.tapouts.push_back(MakeBuffer(Direction::kTapOut, id));
     board.injects.push_back(MakeBuffer(Direction::kInject, id));
