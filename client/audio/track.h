@@ -17,7 +17,7 @@ namespace kvox::client {
 
 /// Silence that stands for audio that never came.
 struct Gap {
-  std::string point;
+  std::string point = {};
   uint64_t position = 0;  // frames from the begin
   uint64_t frames = 0;
   uint64_t blocks = 0;     // that should have come
