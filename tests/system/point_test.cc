@@ -98,13 +98,13 @@ void ExpectEverySampleInItsPlace(const std::vector<int32_t>& samples, size_t cha
     const int64_t sample = samples[frame * channels + channel];
     if (unsure[frame]) origin.reset();
     if (silent[frame]) {
-      wrong += sample == 0 ? 0 : 1;
+      wrong += sample == 0 ? 0U : 1U;
       continue;
     }
     const int64_t place = (sample - 1 - static_cast<int64_t>(frame)) % kRamp;
     const int64_t found = (place + kRamp) % kRamp;
     if (!origin) origin = found;
-    wrong += sample != 0 && found == *origin ? 0 : 1;
+    wrong += sample != 0 && found == *origin ? 0U : 1U;
   }
   EXPECT_EQ(wrong, 0u) << "channel " << channel;
 }
