@@ -145,7 +145,8 @@ std::string TakingFiles(const std::vector<Place>& places, const std::string& sep
                         const std::string& quote) {
   std::string list;
   for (const Place& place : places) {
-    if (place.files) Add(list, separator, quote + place.words + ":*" + quote);
+    if (!place.files) continue;
+    Add(list, separator, std::string(quote).append(place.words).append(":*").append(quote));
   }
   return list;
 }

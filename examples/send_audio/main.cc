@@ -24,7 +24,8 @@ int main(int argc, char** argv) {
     std::vector<std::byte> block(block_frames * audio.FrameSize());
     for (uint64_t at = 0; at < audio.sample_rate; at += block_frames) {
       for (size_t i = 0; i < samples.size(); ++i) {
-        const double t = static_cast<double>(at + i / audio.channels) / audio.sample_rate;
+        const uint64_t frame = at + i / audio.channels;
+        const double t = static_cast<double>(frame) / audio.sample_rate;
         samples[i] = 0.25 * std::sin(2 * std::numbers::pi * 1000 * t);
       }
       Encode(samples, audio, block);

@@ -91,7 +91,7 @@ GraphChange PlanChange(Daemon& daemon, const Edit& edit) {
 GraphChange MakeChange(Daemon& daemon, const Edit& edit) {
   const ChangeLock lock;
   const Snapshot snapshot = ReadWhole(daemon);
-  const GraphChange change = ChangeOf(snapshot, edit);
+  GraphChange change = ChangeOf(snapshot, edit);
   const Performed performed = SendSteps(change.steps, snapshot, daemon);
   if (performed.done == change.steps.size()) return change;
   const std::string failed = FailureOf(change.steps, performed);

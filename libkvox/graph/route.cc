@@ -124,6 +124,11 @@ std::string FreeBuffer(Direction direction, const Snapshot& snapshot, const Stat
                     (buffers.empty() ? "; see 'kvoxctl doctor'" : "; 'kvoxctl unroute' frees one"));
 }
 
+Failure HasWriter(const std::string& output, const std::string& id) {
+  return {kRefused, output + " is written by " + id + ", and has one writer; 'kvoxctl unroute " +
+                        id + "' frees it"};
+}
+
 State WithRoute(const Route& route, const Snapshot& snapshot) {
   State state = StateOf(snapshot);
   const std::string input = BufferAt(route.source, Direction::kTapOut, snapshot, state);
@@ -132,8 +137,7 @@ State WithRoute(const Route& route, const Snapshot& snapshot) {
   ProcessorState processor = ProcessorOf(route, state, snapshot, input, output);
   for (const auto& [id, other] : state.processors) {
     if (output.empty() || id == route.processor || other.output != output) continue;
-    throw Failure(kRefused, output + " is written by " + id + ", and has one writer; 'kvoxctl " +
-                                "unroute " + id + "' frees it");
+    throw HasWriter(output, id);
   }
   processor.input = input;
   processor.output = output;

@@ -66,9 +66,13 @@ void KvoxService::DebugHealth(Report& report) {
     const WavCapture& capture = buffer->capture();
     const auto [file, trouble] = capture.state();
     if (file.empty()) continue;
-    report.Push(kHealthCapture + buffer->name() + "\t" +
-                (trouble.empty() ? kCaptureRecording : kCaptureFailed) + "\t" +
-                std::to_string(capture.samples()) + "\t" + trouble + "\t" + file);
+    std::string line = kHealthCapture + buffer->name();
+    for (const std::string& field :
+         {std::string(trouble.empty() ? kCaptureRecording : kCaptureFailed),
+          std::to_string(capture.samples()), trouble, file}) {
+      line.append("\t").append(field);
+    }
+    report.Push(line);
   }
   for (const int core : taps_.refused_cores()) {
     report.Push(kHealthNoCore + std::to_string(core));
