@@ -39,7 +39,14 @@ constexpr Wanted kInjects = {
 std::string NodesFix(const Facts& facts) {
   const std::string& directory = facts.devices.path;
   if (directory == "/dev") return Sudo(facts.me) + "dmesg | grep -i kvox";
-  return "KVOX_DEV_DIR=" + ShellWord(directory) + " kvosim";
+  return "KVOX_DEV_DIR=" + ShellWord(directory) + " kvosim >kvosim.log 2>&1 &";
+}
+
+/// Removes what is no device. A simulator that runs already refuses a second one.
+std::string ReplaceFix(const Facts& facts, const Nodes& others) {
+  std::string fix = "rm -ri";
+  for (const PathFacts& node : others) fix.append(" ").append(ShellWord(node.path));
+  return facts.devices.path == "/dev" ? fix : fix + "; " + NodesFix(facts);
 }
 
 bool IsDevice(const PathFacts& node, bool takes_fifo) {
@@ -76,7 +83,7 @@ void CheckNodes(const Facts& facts, const Wanted& wanted, const Nodes& nodes, Fi
     const PathFacts& first = others.front();
     subject.Fail(Named(others, wanted) + WhatIsThere(first) +
                      (wanted.takes_fifo ? ", not a device or FIFO" : ", not a device"),
-                 first.error == EACCES ? kAsRoot : "rm -ri " + ShellWord(first.path));
+                 first.error == EACCES ? kAsRoot : ReplaceFix(facts, others));
   }
   const std::string who = UserOf(facts.daemon);
   const std::string rights = NameOf(wanted.rights);
@@ -108,7 +115,7 @@ bool CheckDirectory(const Facts& facts, Findings& findings) {
   const bool any = facts.marker.error == 0 || facts.control.error != ENOENT ||
                    !facts.tapouts.empty() || !facts.injects.empty();
   if (directory.error != 0) {
-    subject.Fail(WhatIsThere(directory), "mkdir -p " + word);
+    subject.Fail(WhatIsThere(directory), "mkdir -p " + word + "; " + NodesFix(facts));
   } else if (!S_ISDIR(directory.mode)) {
     subject.Fail(WhatIsThere(directory), "export KVOX_DEV_DIR=/dev");
   } else if (!May(facts.daemon, directory, kRead | kSearch)) {

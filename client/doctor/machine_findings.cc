@@ -24,6 +24,16 @@ std::string Duration(double minutes) {
                        : FormatText<32>("%.0f h", minutes / 60);
 }
 
+/// Only the kernel's own files keep it awake; others stand for them.
+std::string KeepAwake(const std::string& missing) {
+  const std::filesystem::path directory = std::filesystem::path(missing).parent_path();
+  if (directory.string().starts_with("/sys")) {
+    return "systemd-inhibit --what=sleep:idle --why=audio sleep infinity &";
+  }
+  const std::string word = ShellWord(directory);
+  return "mkdir -p " + word + " && touch " + word + "/wake_lock " + word + "/wake_unlock";
+}
+
 }  // namespace
 
 void CheckScheduling(const Facts& facts, std::vector<Finding>& findings) {
@@ -63,7 +73,7 @@ void CheckWakeLocks(const Facts& facts, std::vector<Finding>& findings) {
       return subject.Warn(
           WhatIsThere(file) +
               ": wake locks are counted, but this machine may sleep while audio flows",
-          "systemd-inhibit --what=sleep:idle --why=audio sleep infinity");
+          KeepAwake(file.path));
     }
     if (May(facts.daemon, file, kWrite)) {
       subject.Ok(user + " may write");

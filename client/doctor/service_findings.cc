@@ -89,8 +89,10 @@ std::string ProcessOf(const Facts& facts) {
 /// A command for a daemon that does not reply.
 std::string WakeCommand(const Facts& facts) {
   if (!facts.running) return StartCommand(facts);
-  const char* const signal = facts.running->state == 'T' ? "CONT " : "KILL ";
-  return Sudo(facts.me, facts.daemon.uid) + "kill -" + signal + std::to_string(facts.running->pid);
+  const std::string sudo = Sudo(facts.me, facts.daemon.uid);
+  const std::string pid = std::to_string(facts.running->pid);
+  if (facts.running->state == 'T') return sudo + "kill -CONT " + pid;
+  return sudo + "kill -KILL " + pid + "; sleep 1; " + StartCommand(facts);
 }
 
 void DiagnoseSilence(const Facts& facts, Subject& subject) {
@@ -143,7 +145,7 @@ void CheckRuntimeDirectory(const Facts& facts, std::vector<Finding>& findings) {
                         facts.location->socket.path.size(), kLongestSocketPath),
         kAnotherDirectory);
   }
-  if (IsFree(directory)) return subject.Warn("is not there; kvoxd makes it", StartCommand(facts));
+  if (IsFree(directory)) return subject.Ok("is not there; kvoxd makes it");
   if (!IsDirectory(directory)) return subject.Fail(WhatIsThere(directory), kAnotherDirectory);
   CheckOwnership(facts, subject);
   CheckSocket(facts, findings);

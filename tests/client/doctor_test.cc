@@ -71,7 +71,8 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatFixesIt) {
     const char* line;
   } rows[] = {
       {[](Facts& f) { f.devices = Missing("/my dev"); },
-       "failed   device directory /my dev: is not there  fix: mkdir -p '/my dev'\n"},
+       "failed   device directory /my dev: is not there  fix: mkdir -p '/my dev'; "
+       "KVOX_DEV_DIR='/my dev' kvosim >kvosim.log 2>&1 &\n"},
       {[](Facts& f) { f.devices.mode = S_IFDIR | 0700; },
        "user kvox has no right to read and search it  fix: sudo chmod g+rx /dev\n"},
       {[](Facts& f) {
@@ -137,7 +138,7 @@ TEST(Doctor, NamesWhatIsBrokenWithACommandThatFixesIt) {
          f.reply = {.status = kTimedOut};
          f.waited_s = 5;
        },
-       "no answer within 5 s  fix: sudo kill -KILL 12\n"},
+       "no answer within 5 s  fix: sudo kill -KILL 12; sleep 1; sudo systemctl start kvoxd\n"},
       {[](Facts& f) {
          f.reply = {.status = kNoDaemon, .error = "does not answer"};
          f.running->state = 'T';
