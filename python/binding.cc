@@ -46,7 +46,26 @@ namespace {
 
 using namespace kvox;
 using namespace kvox::client;
-using Unlocked = py::call_guard<py::gil_scoped_release>;
+
+/// Without the interpreter's lock, which its thread has again at the end.
+class Unlocked {
+ public:
+  /// The threads that are without it. At the interpreter's exit there must be none: a thread that
+  /// wants the lock after that ends in the midst of its call, and the program is aborted.
+  static int threads() { return count; }
+
+ private:
+  static inline std::atomic<int> count = 0;
+  struct Counted {
+    Counted() { ++count; }
+    ~Counted() { --count; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+  };
+  Counted counted_;  // outlives the other
+  py::gil_scoped_release released_;
+};
+using WhileUnlocked = py::call_guard<Unlocked>;
 
 /// For waits, which are repeated.
 std::chrono::milliseconds Milliseconds(double seconds) {
@@ -64,48 +83,52 @@ template <typename Audio>
 class Shared {
  public:
   Shared(Device& device, const std::string& point)
-      : audio_(std::in_place, device.daemon(), point) {}
+      : point_(point), audio_(std::in_place, device.daemon(), point) {}
 
   /// With the interpreter's lock held, which it releases: to leave may take a while.
   ~Shared() {
-    const py::gil_scoped_release unlocked;
+    const Unlocked unlocked;
     audio_.reset();
   }
   Shared(const Shared&) = delete;
   Shared& operator=(const Shared&) = delete;
 
   static std::unique_ptr<Shared> Make(Device& device, const std::string& point) {
-    const py::gil_scoped_release unlocked;
+    const Unlocked unlocked;
     return std::make_unique<Shared>(device, point);
   }
 
   /// Throws Failure once it is closed. `call` touches no Python.
   template <typename Call>
   auto Do(Call call) {
-    const py::gil_scoped_release unlocked;
+    CheckOpen();
+    const Unlocked unlocked;
     const MutexLock lock(mutex_);
-    if (closed_) {
-      throw Failure(kGaps, audio_->point() + " was closed by this program; open it anew");
-    }
+    CheckOpen();
     return call(*audio_);
   }
 
   void Close() {
-    const py::gil_scoped_release unlocked;
-    closed_ = true;  // before the lock: of those who wait for it, nobody goes on
+    closed_ = true;  // before the locks: of those who wait for them, nobody goes on
+    const Unlocked unlocked;
     const MutexLock lock(mutex_);
     audio_->Leave();
   }
 
   bool closed() const { return closed_; }
 
+  void CheckOpen() const {
+    if (closed_) throw Failure(kGaps, point_ + " was closed by this program; open it anew");
+  }
+
   auto Counts() {
-    const py::gil_scoped_release unlocked;
+    const Unlocked unlocked;
     const MutexLock lock(mutex_);
     return audio_->counts();
   }
 
  private:
+  const std::string point_;
   Mutex mutex_;
   std::optional<Audio> audio_ GUARDED_BY(mutex_);  // until the end
   std::atomic<bool> closed_ = false;
@@ -284,11 +307,11 @@ PYBIND11_MODULE(_kvox, module) {
   py::class_<Device, std::shared_ptr<Device>>(module, "Device")
       .def(py::init([](double timeout) { return std::make_shared<Device>(Timeout(timeout)); }))
       .def(
-          "ping", [](Device& device) { return device.daemon().Ping(); }, Unlocked())
-      .def("taps", &Device::Taps, Unlocked())
-      .def("buffers", &Device::Buffers, Unlocked())
-      .def("processors", &Device::Processors, Unlocked())
-      .def("graph", &Device::Graph, Unlocked())
+          "ping", [](Device& device) { return device.daemon().Ping(); }, WhileUnlocked())
+      .def("taps", &Device::Taps, WhileUnlocked())
+      .def("buffers", &Device::Buffers, WhileUnlocked())
+      .def("processors", &Device::Processors, WhileUnlocked())
+      .def("graph", &Device::Graph, WhileUnlocked())
       .def(
           "add_route",
           [](Device& device, std::string source, std::string processor, std::string sink,
@@ -296,8 +319,8 @@ PYBIND11_MODULE(_kvox, module) {
             device.AddRoute(
                 {std::move(source), std::move(processor), std::move(sink), std::move(type)});
           },
-          Unlocked())
-      .def("remove_routes", &Device::RemoveRoutes, Unlocked());
+          WhileUnlocked())
+      .def("remove_routes", &Device::RemoveRoutes, WhileUnlocked());
   // Keeps the device alive for as long as they need it.
   py::class_<SharedReceiver>(module, "Receiver")
       .def(py::init(&SharedReceiver::Make), py::keep_alive<1, 2>())
@@ -327,9 +350,10 @@ PYBIND11_MODULE(_kvox, module) {
            [](SharedSender& sender, double wait_s) {
              return sender.Do([&](Sender& it) { return it.Drain(Milliseconds(wait_s)); });
            })
-      .def("check_open", [](SharedSender& sender) { sender.Do([](Sender&) {}); })
+      .def("check_open", &SharedSender::CheckOpen)
       .def("close", &SharedSender::Close)
       .def("missed", [](SharedSender& sender) { return sender.Counts().missed; });
-  module.def("why", &Why, Unlocked());
+  module.def("why", &Why, WhileUnlocked());
   module.def("metrics", &Metrics);
+  module.def("threads_in_calls", &Unlocked::threads);
 }

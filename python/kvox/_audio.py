@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import atexit
 import time
+import weakref
 from types import TracebackType
 from typing import Any, Iterable, Iterator, Optional, Union
 
@@ -13,6 +15,19 @@ from kvox import _kvox
 
 # How long to wait before looking for Ctrl-C.
 _STEP = 0.1
+
+# What is closed when the interpreter exits.
+_open: weakref.WeakSet[Union[Recorder, Player]] = weakref.WeakSet()
+
+
+@atexit.register
+def _leave() -> None:
+    """Ends what daemon threads wait for, since the exit would abort the program under them."""
+    for audio in list(_open):
+        audio.close()
+    deadline = time.monotonic() + 2
+    while _kvox.threads_in_calls() and time.monotonic() < deadline:
+        time.sleep(0.001)
 
 
 class Block(np.ndarray[Any, Any]):
@@ -84,6 +99,7 @@ class Recorder:
     def __init__(self, device: _kvox.Device, point: str) -> None:
         self.point = point
         self._receiver = _kvox.Receiver(device, point)
+        _open.add(self)
 
     def next(self, timeout: Optional[float] = None) -> Optional[Block]:
         """The next block; None when none has come within `timeout` seconds.
@@ -175,6 +191,7 @@ class Player:
         self._sender = _kvox.Sender(device, point)
         self._format: Optional[_kvox.SendFormat] = None
         self._rest = np.zeros((0, 0))
+        _open.add(self)
 
     @property
     def format(self) -> _kvox.SendFormat:

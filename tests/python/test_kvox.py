@@ -165,6 +165,25 @@ def test_another_thread_may_close_what_waits(phone):
     assert not device.processors
 
 
+def test_a_program_ends_while_its_threads_receive_and_send(phone):
+    device = phone.connect()
+    program = (
+        "import kvox, threading, time\n"
+        "import numpy as np\n"
+        "device = kvox.connect()\n"
+        "recorders = [device.record(point) for point in ('imic.0', 'eref.0')]\n"
+        "for blocks in recorders:\n"
+        "    threading.Thread(target=list, args=[blocks], daemon=True).start()\n"
+        "player = device.player('genp.0')\n"
+        "write = lambda: player.write(np.zeros(480_000))\n"
+        "threading.Thread(target=write, daemon=True).start()\n"
+        "time.sleep(0.3)\n"
+    )
+    ran = subprocess.run([sys.executable, "-c", program], capture_output=True, check=False)
+    assert ran.returncode == 0, ran.stderr
+    assert not device.processors
+
+
 def test_a_killed_client_leaves_nothing_for_long(phone):
     device = phone.connect()
     program = (
@@ -224,11 +243,7 @@ count = 100000
 def test_reading_fills_gaps_with_silence_and_no_further_than_asked():
     with kvox.Simulator(LOSSY_MU_LAW) as simulator:
         device = simulator.connect()
-        # The stream's format is known from its first packet on.
-        with device.record("call.0") as first:
-            next(first)
-            blocks = device.record("call.0")
-        with blocks:
+        with device.record("call.0") as blocks:
             heard = blocks.read(1.0)
             assert heard.shape == (48_000, 1) and heard.dtype == np.uint8
             assert heard.missing >= 480
