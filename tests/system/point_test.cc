@@ -123,8 +123,9 @@ TEST_F(PointTest, UnderFaultsEverySampleIsInItsPlaceAndEveryGapListed) {
   before_ = Json("export");
   const auto recorder =
       Begin("record left.0 rght.0 both.wav --gaps gaps.json --seconds " + seconds);
-  for (unsigned long s = 0; s < std::stoul(seconds) && !recorder->Ended(); s += 10) {
-    WaitFor([&] { return recorder->Ended().has_value(); });  // no longer than 20 s
+  for (unsigned long s = 20; s < std::stoul(seconds) && !recorder->Ended(); s += 20) {
+    if (WaitFor([&] { return recorder->Ended().has_value(); })) break;  // 20 s
+    if (s % 60 == 0) Fault("restart gap=0.5");
   }
   EXPECT_EQ(recorder->Wait(), 7) << recorder->Err();
   const json file = json::parse(ReadText(directory_ / "gaps.json"))["files"][0];
