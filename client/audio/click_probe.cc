@@ -31,6 +31,7 @@ class Clicker {
  public:
   /// On the serving thread. What is sent before it returns replaces the received block.
   void OnBlock(const RelayClient::Delivery& delivery) {
+    if (!delivery.settled) return;
     IKvox::AudioPacket block = delivery.packet;
     const auto format = FormatOf(block);
     if (!format || block.data.size() % format->FrameSize() != 0) return;

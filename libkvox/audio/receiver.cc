@@ -29,6 +29,7 @@ struct RawBlock {
   IKvox::AudioPacket packet;
   uint64_t received_ns = 0;
   int connection = 0;
+  bool settled = false;
 };
 
 /// From the thread that serves the daemon to the one that takes the blocks.
@@ -42,7 +43,7 @@ class Queue {
       return;
     }
     length_ns_ += std::max(block_ns, kShortestNs);
-    blocks_.push_back({delivery.packet, GetTimestampNs(), delivery.connection});
+    blocks_.push_back({delivery.packet, GetTimestampNs(), delivery.connection, delivery.settled});
     came_.NotifyAll();
   }
 
@@ -101,7 +102,8 @@ class Receiver::Impl {
       while (!raw_.empty()) {
         std::optional<BlockMatcher::Match> match;
         if (!FindPacket(match)) break;
-        auto block = ToBlock(std::move(raw_.front()), match);
+        // One that has not settled, too, or its packet would be taken for the next one's.
+        auto block = raw_.front().settled ? ToBlock(std::move(raw_.front()), match) : std::nullopt;
         raw_.pop_front();
         if (block) return block;
       }

@@ -71,12 +71,14 @@ void RelayClient::Connect() {
       [on_block = on_block_, kvox = kvox_, connection = connections_ + 1, last_ns = last_block_ns_,
        settling](const IKvox::AudioPacket& packet) {
         const uint64_t now_ns = GetTimestampNs();
-        if (settling && packet.bitsPerSample != k16Bits && now_ns < settling->end_ns) {
+        const bool settled =
+            !settling || packet.bitsPerSample == k16Bits || now_ns >= settling->end_ns;
+        if (settled) {
+          *last_ns = now_ns;
+        } else {
           settling->has_begun = true;
-          return true;
         }
-        *last_ns = now_ns;
-        on_block({packet, kvox, connection});
+        on_block({packet, kvox, connection, settled});
         return true;
       });
   probe_ = std::move(probe);

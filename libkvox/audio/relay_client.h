@@ -22,6 +22,7 @@ class RelayClient {
     const IKvox::AudioPacket& packet;
     const std::shared_ptr<IKvox>& kvox;
     int connection;  // 1 for the first
+    bool settled;    // else it counts, but its samples may have been taken for another type
   };
   /// A block has come. On the thread that serves the daemon, which waits half a block for it.
   using OnBlock = std::function<void(const Delivery&)>;
@@ -57,8 +58,7 @@ class RelayClient {
 
  private:
   /// A relay that is connected before its stream's first packet takes samples of 8 or 32 bits for
-  /// integers. A temporary one is refreshed once there is a packet, and what came before is left
-  /// out.
+  /// integers. A temporary one is refreshed once there is a packet.
   struct Settling {
     std::atomic<bool> has_begun = false;
     std::atomic<uint64_t> end_ns = UINT64_MAX;

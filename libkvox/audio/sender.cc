@@ -26,6 +26,7 @@ constexpr auto kTick = std::chrono::milliseconds(20);
 class Blocks {
  public:
   void OnBlock(const RelayClient::Delivery& delivery) {
+    if (!delivery.settled) return;
     const uint64_t begin_ns = GetTimestampNs();
     MutexLock lock(mutex_);
     // After the daemon's restart a temporary relay has another name.

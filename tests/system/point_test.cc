@@ -94,6 +94,7 @@ void ExpectEverySampleInItsPlace(const std::vector<int32_t>& samples, size_t cha
   }
   std::optional<int64_t> origin;
   size_t wrong = 0;
+  std::string first;
   for (size_t frame = 0; frame < silent.size(); ++frame) {
     const int64_t sample = samples[frame * channels + channel];
     if (unsure[frame]) origin.reset();
@@ -104,9 +105,14 @@ void ExpectEverySampleInItsPlace(const std::vector<int32_t>& samples, size_t cha
     const int64_t place = (sample - 1 - static_cast<int64_t>(frame)) % kRamp;
     const int64_t found = (place + kRamp) % kRamp;
     if (!origin) origin = found;
-    wrong += sample != 0 && found == *origin ? 0U : 1U;
+    const bool right = sample != 0 && found == *origin;
+    if (!right && wrong == 0) {
+      first = "first at frame " + std::to_string(frame) + ": " + std::to_string(sample) +
+              ", off by " + std::to_string(found - *origin);
+    }
+    wrong += right ? 0U : 1U;
   }
-  EXPECT_EQ(wrong, 0u) << "channel " << channel;
+  EXPECT_EQ(wrong, 0u) << "channel " << channel << ", " << first << "\n" << gaps.dump(1);
 }
 
 TEST_F(PointTest, UnderFaultsEverySampleIsInItsPlaceAndEveryGapListed) {
