@@ -70,17 +70,33 @@ class Queue {
   bool overflowed_ GUARDED_BY(mutex_) = false;
 };
 
-/// What the flight log says of a gap. Unknown where it does not tell.
-GapCause CauseOf(const std::string& stream, uint64_t from_ns, uint64_t to_ns) {
-  const auto path = FindFlight();
-  std::string error;
-  const auto flight = path ? flight::ReadFlight(*path, {.stream = stream}, &error) : std::nullopt;
-  if (!flight || flight->streams.empty()) return {};
-  const auto incidents = FindIncidents(*flight, flight->streams.front(), from_ns, to_ns + 1);
-  const auto worst = std::ranges::max_element(incidents, {}, CountOf);
-  if (worst == incidents.end()) return {};
-  return {CauseWord(worst->blame.cause), CauseText(worst->blame), worst->blame.evidence};
-}
+/// What the flight log says of gaps.
+class GapCauses {
+ public:
+  /// Unknown where the log does not tell.
+  GapCause Of(const std::string& stream, uint64_t from_ns, uint64_t to_ns) {
+    // A reading tells of all gaps before it: a reader that is behind reads no more often.
+    if (read_ns_ <= to_ns || stream != stream_) Read(stream);
+    if (!flight_ || flight_->streams.empty()) return {};
+    const auto incidents = FindIncidents(*flight_, flight_->streams.front(), from_ns, to_ns + 1);
+    const auto worst = std::ranges::max_element(incidents, {}, CountOf);
+    if (worst == incidents.end()) return {};
+    return {CauseWord(worst->blame.cause), CauseText(worst->blame), worst->blame.evidence};
+  }
+
+ private:
+  void Read(const std::string& stream) {
+    const auto path = FindFlight();
+    std::string error;
+    stream_ = stream;
+    read_ns_ = GetTimestampNs();
+    flight_ = path ? flight::ReadFlight(*path, {.stream = stream}, &error) : std::nullopt;
+  }
+
+  std::optional<flight::FlightView> flight_;
+  std::string stream_;
+  uint64_t read_ns_ = 0;
+};
 
 }  // namespace
 
@@ -191,7 +207,7 @@ class Receiver::Impl {
   GapCause Explain(bool restarted, uint64_t at_ns) {
     if (restarted) return {"daemon_restarted", "kvoxd was restarted"};
     if (queue_->TakeOverflowed()) return {"queue_full", "this client took too long with the audio"};
-    return client_.connected() ? CauseOf(client_.stream(), last_ns_, at_ns) : GapCause();
+    return client_.connected() ? causes_.Of(client_.stream(), last_ns_, at_ns) : GapCause();
   }
 
   const ReceiverOptions options_;
@@ -201,6 +217,7 @@ class Receiver::Impl {
   std::optional<flight::PacketTail> tail_;
   std::optional<BlockMatcher> matcher_;
   BlockTimeline timeline_;
+  GapCauses causes_;
   std::deque<RawBlock> raw_;
   std::optional<Failure> over_;
   Clock::time_point tend_at_ = {};

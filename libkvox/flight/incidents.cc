@@ -11,6 +11,8 @@ namespace {
 /// Packets that are lost when a process switches a stream off or connects it anew.
 constexpr uint64_t kOnTheirWay = 1;
 constexpr uint64_t kApartNs = 2'000'000'000;
+/// For how long a packet that is late or early may explain later ones.
+constexpr uint64_t kExplainsNs = 10'000'000'000;
 /// A damaged log may have as many incidents as packets.
 constexpr ptrdiff_t kRecent = 100;
 
@@ -187,6 +189,7 @@ std::vector<Incident> FindIncidents(const FlightView& flight, const StreamView& 
   std::vector<Incident> incidents;
   for (size_t i = 0; i < stream.packets.size(); ++i) {
     const PacketRecord& packet = stream.packets[i];
+    if (packet.arrived_ns + kExplainsNs < from_ns) continue;
     const PacketRecord& before = stream.packets[PacketBefore(stream.packets, i)];
     const uint64_t interval_ns = packet.arrived_ns - std::min(packet.arrived_ns, before.arrived_ns);
     for (const Symptom symptom : SymptomsOf(stream.packets, i)) {
