@@ -21,7 +21,7 @@ BlockMatcher::Result BlockMatcher::Find(uint64_t received_ns, Match& match) {
     const bool during = received_ns <= record.arrived_ns + record.dispatch_ns;
     const bool late =
         record.loss == Loss::kClientLate && record.slowest_id == relay_ && record.client_ns > 0;
-    if (during || late) {
+    if ((during || late) && record.arrived_ns > given_up_ns_) {
       match = {record, std::exchange(renumbered_, false)};
       records_.pop_front();
       return Result::kFound;

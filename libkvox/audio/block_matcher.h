@@ -32,10 +32,15 @@ class BlockMatcher {
   /// come.
   Result Find(uint64_t received_ns, Match& match);
 
+  /// The packet of a block that was received then will not be waited for: if it is recorded after
+  /// all, it is no later block's.
+  void GiveUp(uint64_t received_ns) { given_up_ns_ = received_ns; }
+
  private:
   const uint32_t relay_;
   std::deque<flight::PacketRecord> records_;
   bool renumbered_ = false;
+  uint64_t given_up_ns_ = 0;
 };
 
 }  // namespace kvox::client

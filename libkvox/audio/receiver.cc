@@ -172,7 +172,9 @@ class Receiver::Impl {
         break;
     }
     const uint64_t patience_ns = static_cast<uint64_t>(BlockNs(first.packet)) + kPatienceNs;
-    return over_ || GetTimestampNs() - first.received_ns > patience_ns;
+    if (!over_ && GetTimestampNs() - first.received_ns <= patience_ns) return false;
+    matcher_->GiveUp(first.received_ns);
+    return true;
   }
 
   /// None for one that has come before. Throws Failure for a format that is unknown.

@@ -88,6 +88,16 @@ TEST(BlockMatcher, FindsThePacketOfEachBlock) {
     EXPECT_EQ(match.record.number, row.number);
     EXPECT_EQ(match.renumbered, row.renumbered) << row.number;
   }
+  // This process stood still, and so did the daemon: it records 9 only now, as late.
+  matcher.GiveUp(181 * kMs);
+  late.number = 9;
+  late.arrived_ns = 180 * kMs;
+  const PacketRecord after[] = {late, Packet(75, 840)};
+  matcher.Add(std::span(after).first(1));
+  EXPECT_EQ(matcher.Find(841 * kMs, match), BlockMatcher::Result::kNotYet);
+  matcher.Add(std::span(after).last(1));
+  ASSERT_EQ(matcher.Find(841 * kMs, match), BlockMatcher::Result::kFound);
+  EXPECT_EQ(match.record.number, 75u);
 }
 
 TEST(BlockTimeline, CountsByNumbersAndFallsBackToTheClock) {
