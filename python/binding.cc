@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "kvox/common/fixed_text.h"
 #include "kvox/common/log.h"
@@ -232,7 +233,7 @@ std::array exceptions = {
 
 void SetError(std::exception_ptr pointer) {
   try {
-    if (pointer) std::rethrow_exception(pointer);
+    if (pointer) std::rethrow_exception(std::move(pointer));
   } catch (const Failure& failure) {
     const auto* found = std::ranges::find(exceptions, failure.status(), &Exception::status);
     if (found == exceptions.end()) found = exceptions.begin();
