@@ -3,10 +3,11 @@
 from __future__ import annotations
 
 import atexit
+import contextlib
 import time
 import weakref
 from types import TracebackType
-from typing import Any, Iterable, Iterator, Optional, Union
+from typing import Any, Iterable, Iterator, Optional, TypeVar, Union
 
 import numpy as np
 from numpy.typing import ArrayLike
@@ -17,14 +18,18 @@ from kvox import _kvox
 _STEP = 0.1
 
 # What is closed when the interpreter exits.
-_open: weakref.WeakSet[Union[Recorder, Player]] = weakref.WeakSet()
+_open: weakref.WeakSet[_OpenPoint] = weakref.WeakSet()
+_Self = TypeVar("_Self", bound="_OpenPoint")
 
 
 @atexit.register
 def _leave() -> None:
     """Ends what daemon threads wait for, since the exit would abort the program under them."""
     for audio in list(_open):
-        audio.close()
+        # One that cannot be left, as when the daemon hangs, does not keep the others open. The next
+        # client takes down what then stays.
+        with contextlib.suppress(_kvox.Error):
+            audio.close()
     deadline = time.monotonic() + 2
     while _kvox.threads_in_calls() and time.monotonic() < deadline:
         time.sleep(0.001)
@@ -87,7 +92,29 @@ def _silence(dtype: np.dtype[Any]) -> int:
     return 0xFF if dtype == np.uint8 else 0  # of mu-law, the former
 
 
-class Recorder:
+class _OpenPoint:
+    """A point that is in use: left at the end of `with`, and at the program's end."""
+
+    def __init__(self, point: str) -> None:
+        self.point = point
+        _open.add(self)
+
+    def close(self) -> None:
+        raise NotImplementedError
+
+    def __enter__(self: _Self) -> _Self:
+        return self
+
+    def __exit__(
+        self,
+        kind: Optional[type[BaseException]],
+        error: Optional[BaseException],
+        traceback: Optional[TracebackType],
+    ) -> None:
+        self.close()
+
+
+class Recorder(_OpenPoint):
     """Receives the audio of a point: an iterator of blocks, and a context manager.
 
     Up to 16 s are queued, so the reader may take its time. When the daemon or the co-processor
@@ -97,9 +124,8 @@ class Recorder:
     """
 
     def __init__(self, device: _kvox.Device, point: str) -> None:
-        self.point = point
         self._receiver = _kvox.Receiver(device, point)
-        _open.add(self)
+        super().__init__(point)
 
     def next(self, timeout: Optional[float] = None) -> Optional[Block]:
         """The next block; None when none has come within `timeout` seconds.
@@ -167,19 +193,8 @@ class Recorder:
                 raise StopIteration from None
             raise
 
-    def __enter__(self) -> "Recorder":
-        return self
 
-    def __exit__(
-        self,
-        kind: Optional[type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()
-
-
-class Player:
+class Player(_OpenPoint):
     """Sends audio to a point, at the pace of its stream; a context manager.
 
     One thread writes. Any may close it: what waits, and what is written then, raises
@@ -187,11 +202,10 @@ class Player:
     """
 
     def __init__(self, device: _kvox.Device, point: str) -> None:
-        self.point = point
         self._sender = _kvox.Sender(device, point)
         self._format: Optional[_kvox.SendFormat] = None
         self._rest = np.zeros((0, 0))
-        _open.add(self)
+        super().__init__(point)
 
     @property
     def format(self) -> _kvox.SendFormat:
@@ -251,17 +265,6 @@ class Player:
         block = np.ascontiguousarray(block)
         while not self._sender.send(self.format, block, _STEP):
             pass
-
-    def __enter__(self) -> "Player":
-        return self
-
-    def __exit__(
-        self,
-        kind: Optional[type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
 
 def play(player: Player, audio: Union[ArrayLike, Iterable[ArrayLike]], rate: Optional[int]) -> int:

@@ -184,6 +184,22 @@ def test_a_program_ends_while_its_threads_receive_and_send(phone):
     assert not device.processors
 
 
+def test_a_program_ends_while_the_daemon_hangs(phone):
+    daemon = phone._processes[1].pid
+    program = (
+        "import kvox, os, signal\n"
+        "recorders = [kvox.connect().record(point) for point in ('imic.0', 'eref.0')]\n"
+        f"os.kill({daemon}, signal.SIGSTOP)\n"
+    )
+    try:
+        ran = subprocess.run(
+            [sys.executable, "-c", program], capture_output=True, check=False, timeout=20
+        )
+    finally:
+        os.kill(daemon, signal.SIGCONT)
+    assert (ran.returncode, ran.stderr) == (0, b"")
+
+
 def test_a_killed_client_leaves_nothing_for_long(phone):
     device = phone.connect()
     program = (
