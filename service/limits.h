@@ -25,10 +25,10 @@ inline constexpr size_t kMaxSentAudioBytes = 32u << 20;
 
 /// Threads that call the clients of relays. More than needed, since one that hangs in a client is
 /// kept until the client returns or dies.
-inline constexpr size_t kMaxClientThreads = 64;
+inline constexpr size_t kMaxClientThreads = 256;
 
-/// How many of them may serve callbacks of one process.
-inline constexpr size_t kMaxThreadsOfClient = 8;
+/// How many of them may serve callbacks of one process: a page watches dozens of points.
+inline constexpr size_t kMaxThreadsOfClient = 64;
 
 /// Threads that write captures: far more than there are buffers, since one whose file hangs is kept
 /// until the write returns.

@@ -158,11 +158,15 @@ class Receiver::Impl {
   bool FindPacket(std::optional<BlockMatcher::Match>& match) {
     const RawBlock& first = raw_.front();
     if (!tail_ || first.connection != client_.connections()) return true;
-    std::vector<flight::PacketRecord> records;
-    tail_->Read(records);
-    matcher_->Add(records);
     BlockMatcher::Match found;
-    switch (matcher_->Find(first.received_ns, found)) {
+    auto result = matcher_->Find(first.received_ns, found);
+    if (result == BlockMatcher::Result::kNotYet) {
+      std::vector<flight::PacketRecord> records;
+      tail_->Read(records);
+      matcher_->Add(records);
+      result = matcher_->Find(first.received_ns, found);
+    }
+    switch (result) {
       case BlockMatcher::Result::kFound:
         match = found;
         return true;
@@ -207,6 +211,7 @@ class Receiver::Impl {
   }
 
   GapCause Explain(bool restarted, uint64_t at_ns) {
+    if (!options_.causes) return {};
     if (restarted) return {"daemon_restarted", "kvoxd was restarted"};
     if (queue_->TakeOverflowed()) return {"queue_full", "this client took too long with the audio"};
     return client_.connected() ? causes_.Of(client_.stream(), last_ns_, at_ns) : GapCause();

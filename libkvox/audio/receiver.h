@@ -38,6 +38,8 @@ struct ReceiverOptions {
   /// Wait for each block's packet in the flight log, for half a block or so. Without it there are
   /// no numbers, stamps and causes.
   bool numbers = true;
+  /// Look up the causes of gaps in the flight log, which takes a millisecond or so for each.
+  bool causes = true;
 };
 
 /// A point is a tap point ("imic.0", "2:imic.0"), a tap-out buffer ("tapout20"), or a processor: of

@@ -16,6 +16,7 @@ constexpr std::chrono::seconds kLongestAbsence{30};     // of the daemon
 constexpr uint64_t kEndAfterNs = 5 * kNsPerSecond;      // without further audio
 constexpr uint64_t kTryEveryNs = kNsPerSecond / 5;
 constexpr uint64_t kRefreshEveryNs = kNsPerSecond;  // longer than any block
+constexpr uint64_t kFirstRefreshNs = kNsPerSecond / 20;
 constexpr uint64_t kLongestDeliveryNs = kNsPerSecond / 50;
 constexpr int8_t k16Bits = 1;
 
@@ -92,6 +93,7 @@ void RelayClient::Connect() {
   registered_ = callback;
   ++connections_;
   tried_ns_ = 0;
+  refresh_after_ns_ = kFirstRefreshNs;
   since_ns_ = GetTimestampNs();
 }
 
@@ -138,10 +140,12 @@ void RelayClient::Tend() {
   }
   const uint64_t last_ns = *last_block_ns_;
   const uint64_t silent_ns = now_ns - std::min(now_ns, std::max(last_ns, since_ns_));
-  const bool silent = silent_ns > kRefreshEveryNs && now_ns - tried_ns_ > kRefreshEveryNs;
+  if (last_ns > since_ns_) refresh_after_ns_ = kRefreshEveryNs;
+  const bool silent = silent_ns > refresh_after_ns_ && now_ns - tried_ns_ > refresh_after_ns_;
   const bool settles = settling_ && settling_->has_begun && settling_->end_ns == UINT64_MAX;
   if (silent || settles) {
     tried_ns_ = now_ns;
+    refresh_after_ns_ = std::min(2 * refresh_after_ns_, kRefreshEveryNs);
     probe_->Refresh();
     if (settles) settling_->end_ns = GetTimestampNs() + kLongestDeliveryNs;
   }

@@ -79,8 +79,9 @@ class RelayClient {
   std::weak_ptr<IKvox::IReceiveAudioCallback> registered_;  // only the relay holds it
   int connections_ = 0;
   bool left_ = false;
-  uint64_t since_ns_ = 0;  // when it was connected, or the daemon went
-  uint64_t tried_ns_ = 0;  // to connect, or to refresh
+  uint64_t since_ns_ = 0;          // when it was connected, or the daemon went
+  uint64_t tried_ns_ = 0;          // to connect, or to refresh
+  uint64_t refresh_after_ns_ = 0;  // of silence; short while nothing has come
   /// When the last block came; 0 before the first. Outlives a callback that is still running.
   const std::shared_ptr<std::atomic<uint64_t>> last_block_ns_ =
       std::make_shared<std::atomic<uint64_t>>(0);

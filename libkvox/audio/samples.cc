@@ -32,11 +32,19 @@ uint8_t ToMuLaw(int value) {
   return static_cast<uint8_t>(~code);
 }
 
-/// A little-endian integer in the upper bits of 32.
-int32_t LoadInt(const std::byte* from, size_t width) {
+/// A little-endian integer, scaled.
+template <size_t kWidth>
+double LoadInt(const std::byte* from) {
   uint32_t bits = 0;
-  std::memcpy(reinterpret_cast<std::byte*>(&bits) + sizeof bits - width, from, width);
-  return static_cast<int32_t>(bits);
+  std::memcpy(reinterpret_cast<std::byte*>(&bits) + sizeof bits - kWidth, from, kWidth);
+  return static_cast<int32_t>(bits) * 0x1p-31;
+}
+
+/// With the encoding known to the loop, which runs for each sample of each stream.
+template <size_t kWidth>
+void DecodeEach(std::span<const std::byte> data, std::span<double> samples, auto load) {
+  const size_t count = std::min(samples.size(), data.size() / kWidth);
+  for (size_t i = 0; i < count; ++i) samples[i] = load(&data[i * kWidth]);
 }
 
 void StoreInt(double value, size_t width, std::byte* to) {
@@ -48,20 +56,31 @@ void StoreInt(double value, size_t width, std::byte* to) {
 }  // namespace
 
 void Decode(std::span<const std::byte> data, const SoundFormat& format, std::span<double> samples) {
-  const size_t width = format.bits / 8;
-  for (size_t i = 0; i < samples.size() && (i + 1) * width <= data.size(); ++i) {
-    const std::byte* const from = &data[i * width];
-    if (IsFloat(format)) {
+  if (IsFloat(format)) {
+    DecodeEach<sizeof(float)>(data, samples, [](const std::byte* from) {
       float value;
       std::memcpy(&value, from, sizeof value);
-      samples[i] = static_cast<double>(value);
-    } else if (format.encoding == DataFormat::SULAW) {
-      samples[i] = FromMuLaw(static_cast<uint8_t>(*from)) / 32768.0;
-    } else if (width >= 1 && width <= 4) {
-      samples[i] = std::ldexp(LoadInt(from, width), -31);
-    } else {
-      samples[i] = 0;
-    }
+      return static_cast<double>(value);
+    });
+    return;
+  }
+  if (format.encoding == DataFormat::SULAW) {
+    DecodeEach<1>(data, samples, [](const std::byte* from) {
+      return FromMuLaw(static_cast<uint8_t>(*from)) / 32768.0;
+    });
+    return;
+  }
+  switch (format.bits / 8) {
+    case 1:
+      return DecodeEach<1>(data, samples, LoadInt<1>);
+    case 2:
+      return DecodeEach<2>(data, samples, LoadInt<2>);
+    case 3:
+      return DecodeEach<3>(data, samples, LoadInt<3>);
+    case 4:
+      return DecodeEach<4>(data, samples, LoadInt<4>);
+    default:
+      std::ranges::fill(samples, 0.0);
   }
 }
 
