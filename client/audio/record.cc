@@ -14,89 +14,7 @@
 namespace kvox::client {
 namespace {
 
-constexpr uint64_t kFramesAtOnce = 48'000;
 constexpr size_t kGapsShown = 10;
-
-/// One file, and what goes into it.
-class Recording {
- public:
-  Recording(const RecordingPlan& plan, double seconds, Interrupts& interrupts)
-      : points_(plan.points),
-        seconds_(seconds),
-        file_(plan.path, plan.kind, [&interrupts] { return interrupts.Came(); }),
-        track_(plan.points) {}
-
-  Track& track() { return track_; }
-  const Track& track() const { return track_; }
-  const std::string& path() const { return file_.path(); }
-
-  /// Writes what is complete. True when there is enough, or nobody reads it any more.
-  bool Write() {
-    while (!full()) {
-      const auto data = track_.TakeFrames(std::min(kFramesAtOnce, limit() - frames_));
-      if (data.empty()) return false;
-      format_ = track_.format();
-      frames_ += data.size() / format_->FrameSize();
-      if (!file_.Write(*format_, data)) return true;
-    }
-    return true;
-  }
-
-  std::vector<ListedGap> gaps() const {
-    std::vector<ListedGap> listed;
-    for (Gap& gap : track_.GapsUntil(frames_)) {
-      const uint32_t first = track_.ChannelOf(gap.point);
-      const uint32_t channels = track_.ChannelsOf(gap.point);
-      listed.push_back({std::move(gap), first, channels});
-    }
-    return listed;
-  }
-
-  void Close() {
-    file_.Close();
-    if (format_ && file_.can_hold_marks()) AppendCues(file_.path(), MarksOf(gaps()));
-  }
-
-  /// Whether it has as many frames as it should have, or can hold.
-  bool full() const { return frames_ >= limit(); }
-
-  /// Throws SoundFileError when it ends because it can hold no more.
-  void CheckRoom() const {
-    if (!format_ || frames_ < file_.longest() / format_->FrameSize()) return;
-    throw SoundFileError("'" + path() +
-                         "' is full: a WAV file holds 4 GiB; record to a .flac or .raw file");
-  }
-
-  double seconds() const {
-    return format_ ? static_cast<double>(frames_) / format_->sample_rate : 0;
-  }
-  uint32_t sample_rate() const { return format_ ? format_->sample_rate : 0; }
-
-  Json ToJson() const {
-    return {{"file", path()},
-            {"points", points_},
-            {"sample_rate_hz", sample_rate()},
-            {"channels", format_ ? format_->channels : 0},
-            {"frames", frames_},
-            {"gaps", RecordsOf(gaps())}};
-  }
-
- private:
-  uint64_t limit() const {
-    const auto format = track_.format();
-    if (!format) return UINT64_MAX;
-    const uint64_t most = file_.longest() / format->FrameSize();
-    if (seconds_ == 0) return most;
-    return std::min(most, static_cast<uint64_t>(std::ceil(seconds_ * format->sample_rate)));
-  }
-
-  const std::vector<std::string> points_;
-  const double seconds_;
-  RecordingFile file_;
-  Track track_;
-  std::optional<SoundFormat> format_;
-  uint64_t frames_ = 0;
-};
 
 /// A stream of one of the recordings.
 struct Source {
@@ -129,7 +47,8 @@ class Session {
       : options_(options) {
     recordings_.reserve(options.files.size());
     for (const RecordingPlan& plan : options.files) {
-      recordings_.push_back(std::make_unique<Recording>(plan, options.seconds, interrupts));
+      recordings_.push_back(std::make_unique<Recording>(
+          plan, options.seconds, [&interrupts] { return interrupts.Came(); }));
       for (size_t i = 0; i < plan.points.size(); ++i) {
         sources_.push_back(
             {*recordings_.back(), i, std::make_unique<Receiver>(daemon, plan.points[i])});
@@ -232,7 +151,7 @@ class Session {
         auto block = source.receiver->Next(std::exchange(wait, std::chrono::milliseconds(0)));
         if (!block) return;
         source.recording.track().Add(source.stream, *std::move(block));
-        if (source.recording.track().ready() > kFramesAtOnce) return;
+        if (source.recording.track().ready() > Recording::kFramesAtOnce) return;
       }
     } catch (const Failure& failure) {
       if (failure.status() == kWrongUsage) throw;

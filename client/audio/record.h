@@ -4,19 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "client/audio/gap_list.h"
-#include "client/audio/recording_file.h"
+#include "client/audio/recording.h"
 #include "client/output/printer.h"
 #include "libkvox/calls/daemon.h"
 
 namespace kvox::client {
-
-/// A file to write, and the points whose audio it holds, side by side.
-struct RecordingPlan {
-  std::string path;
-  FileKind kind = FileKind::kWav;
-  std::vector<std::string> points;
-};
 
 struct RecordOptions {
   std::vector<RecordingPlan> files;

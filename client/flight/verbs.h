@@ -10,6 +10,7 @@ namespace kvox::client {
 
 int Why(const Context& context);
 int SaveFlight(const Context& context);
+int ShowFlight(const Context& context);
 int WriteTrace(const Context& context);
 int Metrics(const Context& context);
 int Latency(const Context& context);

@@ -57,6 +57,10 @@ std::vector<Verb> FlightVerbs() {
       {"flight save", "Save the flight log for somebody else to look at", SaveFlight,
        "flight save /tmp/flight", Arguments{{"FILE", Kind::kFile, "A file that does not exist"}},
        Options{kFlightOption}, nullptr, VerbKind::kFlight},
+      {"flight show", "Show what kvoxweb's flight recorder has kept", ShowFlight,
+       "flight show ~/.local/state/kvox/2026-11-23T16.02.11.480-loss",
+       Arguments{{"FOLDER", Kind::kFile, "A folder that it has kept"}}, Options{}, nullptr,
+       VerbKind::kFlight},
   };
 }
 

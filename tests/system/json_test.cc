@@ -83,6 +83,16 @@ class JsonPageTest : public SystemTest {
     Note("watch", watch.Out());
   }
 
+  /// A folder as kvoxweb's flight recorder keeps it.
+  void TryFlightShow() {
+    std::filesystem::create_directory("kept");
+    std::ofstream("kept/report.json")
+        << R"({"schema": 1, "kept_ms": 1, "reason": "asked", "files": [], "errors": []})";
+    std::ofstream("kept/why.json") << R"({"causes": []})";
+    std::ofstream("kept/log.json") << R"({"entries": []})";
+    Try("flight show kept");
+  }
+
   std::map<std::string, Names> printed_;
 };
 
@@ -114,6 +124,7 @@ TEST_F(JsonPageTest, NamesTheKeysThatVerbsPrint) {
   TryWatch();
   Fault("packet-drop probability=0.5 for=20");
   Try("record imic.0 gaps.wav --seconds 0.5");
+  TryFlightShow();
   std::filesystem::current_path("/");
 
   const std::vector<Section> page = ReadPage();
