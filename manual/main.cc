@@ -173,7 +173,11 @@ std::string Fill(std::string page, const Texts& texts) {
 
 std::string PageOf(const std::filesystem::path& path, const std::string& version) {
   static const std::map<std::string, Texts (*)()> kTexts = {
-      {"kvoxctl", KvoxctlTexts}, {"kvosim", KvosimTexts}, {"kvoxd", KvoxdTexts}};
+      {"kvoxctl", KvoxctlTexts},
+      {"kvosim", KvosimTexts},
+      {"kvoxd", KvoxdTexts},
+      {"kvoxweb", [] { return Texts(); }},
+  };
   const std::string file = path.filename().string();
   Texts texts = kTexts.at(file.substr(0, file.find('.')))();
   texts["VERSION"] = version;

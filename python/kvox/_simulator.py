@@ -74,6 +74,16 @@ class Simulator:
         self._processes[1] = self._start("kvoxd", [])
         self._wait()
 
+    def fault(self, line: str) -> None:
+        """Injects a fault into the simulated co-processor: "restart gap=0.5", "packet-drop".
+
+        docs/simulator.md lists them. Raises kvox.Error when the simulator refuses it.
+        """
+        command = [_find("kvosim"), "ctl", "fault", *line.split()]
+        ran = subprocess.run(command, capture_output=True, text=True, check=False)
+        if ran.returncode != 0:
+            raise _kvox.Error(ran.stderr.strip() or ran.stdout.strip())
+
     def log(self, program: str = "kvoxd") -> str:
         """What kvosim or kvoxd has logged."""
         return (self.directory / f"{program}.log").read_text(errors="replace")
