@@ -4,10 +4,11 @@
 # Compares kvoxd with minimal programs that do the same work, alternating in one run: packets with a
 # bare relay, calls with a bare socket, kvoxctl with an empty process. Also measures the CPU use of
 # the idle daemon and of kvoxctl top, and single steps. Prints targets next to results. A missed
-# target is not a failure; a lost or wrong packet or call is.
+# target is not a failure; a lost or wrong packet or call is. The group page has 32 streams watched
+# in a browser, and the daemon with and without four pages.
 #
-#   --quick       well under a minute; otherwise about two
-#   --only GROUP  one of ping-pong, paced, calls, client, idle, top, micro
+#   --quick       well under a minute; otherwise about four
+#   --only GROUP  one of ping-pong, paced, calls, client, idle, top, micro, page
 #   --json FILE   also write the results to FILE, except for the single steps
 #
 # Ping-pong on one core is repeatable; the other figures need an idle machine.
@@ -49,14 +50,14 @@ fi
 
 need_packages build test bench
 echo "Building ..."
-build_preset release benchmarks | tail -n 1
+build_preset release benchmarks programs kvox_python kvox_python_sources | tail -n 1
 
 private=$(mktemp -d)
 trap 'rm -rf "$private"' EXIT
 export TMPDIR=$private
 programs=build/release/bench
 
-if [ "$only" != micro ]; then
+if [ "$only" != micro ] && [ "$only" != page ]; then
   timeout --foreground "$deadline_s" "$programs/kvox_bench" "${arguments[@]}"
 fi
 if [ -z "$only" ] || [ "$only" = micro ]; then
@@ -66,4 +67,8 @@ if [ -z "$only" ] || [ "$only" = micro ]; then
     cat "$private/micro.err" >&2
     exit 1
   }
+fi
+if [ "$only" = page ] || { [ -z "$only" ] && ! is_chosen --quick; }; then
+  KVOX_BIN_DIR=build/bin PYTHONPATH=build/python timeout --foreground "$deadline_s" \
+    /usr/bin/python3 bench/page_bench.py
 fi

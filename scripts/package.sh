@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Usage: ./dev package [--check]
 #
-# Builds the Debian packages kvoxd, kvoxctl, kvosim, libkvox-dev and python3-kvox from the tree into
-# build/packages, and checks them with lintian.
+# Builds the Debian packages kvoxd, kvoxctl, kvoxweb, kvosim, libkvox-dev and python3-kvox from the
+# tree into build/packages, and checks them with lintian.
 #
 #   --check  installs them into a temporary Debian tree and tests them there. As root; other packages
 #            come from this machine's own apt sources

@@ -81,7 +81,7 @@ make_tree() {
 
 install_packages() {
   mkdir "$tree/packages"
-  cp build/packages/{kvoxd,kvoxctl,kvosim,libkvox-dev,python3-kvox}_*.deb "$tree/packages"
+  cp build/packages/{kvoxd,kvoxctl,kvoxweb,kvosim,libkvox-dev,python3-kvox}_*.deb "$tree/packages"
   in_tree "${proxy[@]}" DEBIAN_FRONTEND=noninteractive sh -e -c '
     apt-get update -qq
     apt-get install -y -qq --no-install-recommends /packages/*.deb udev cmake g++ make pkg-config \
@@ -118,6 +118,23 @@ test_in_python() {
   as_user member python3 -m pytest -p no:cacheprovider /tmp/test_simulator.py
 }
 
+look_at_page() {
+  # shellcheck disable=SC2016 # for the shell in the tree
+  as_user member bash -e -c '
+    kvoxweb --listen 127.0.0.1:8490 --no-open >/tmp/link &
+    for _ in $(seq 50); do
+      [ -s /tmp/link ] && break
+      sleep 0.1
+    done
+    python3 -c "
+from urllib.request import urlopen
+at = \"http://127.0.0.1:8490\"
+assert b\"patchbay\" in urlopen(at + \"/\").read()
+assert urlopen(at + \"/healthz\").read() == b\"ok\n\"
+"
+    kill %1'
+}
+
 step "Debian tree" 0 make_tree
 step "packages install" 0 install_packages
 step "the service's file is sound" 0 in_tree systemd-analyze verify --man=no kvoxd.service
@@ -134,5 +151,6 @@ grep -q 'peak -12.0 dBFS' "$logs/step.log"
 step "a client sends audio" 0 as_user member /tmp/examples/send_audio/build/send_audio genp.0
 grep -q ' blocks sent' "$logs/step.log"
 step "a test in Python simulates a phone" 0 test_in_python
-step "packages go" 0 in_tree dpkg --purge kvoxd kvoxctl kvosim libkvox-dev python3-kvox
+step "the page is served, and knows the daemon" 0 look_at_page
+step "packages go" 0 in_tree dpkg --purge kvoxd kvoxweb kvoxctl kvosim libkvox-dev python3-kvox
 step "nothing of theirs is left" 1 in_tree sh -c 'find /etc /usr | grep -i kvo'
