@@ -272,18 +272,25 @@ bool PacketTail::Read(std::vector<PacketRecord>& records) {
   if (!ReadAt(fd_.get(), slot_ + offsetof(StreamSlot, packets), &written, sizeof written)) {
     return false;
   }
-  for (read_ = std::max(read_, Oldest(written, kPackets)); read_ < written; ++read_) {
-    RecordWords<PacketRecord> words = {};
-    PacketRecord record;
-    const size_t offset = offsetof(StreamSlot, records) + read_ % kPackets * sizeof words;
-    if (!ReadAt(fd_.get(), slot_ + offset, &words, sizeof words)) return false;
-    if (Unseal(words, read_, record) && IsValid(record)) {
-      records.push_back(record);
-    } else if (read_ + kBeingWritten >= written) {
-      break;  // it may be whole next time
+  read_ = std::max(read_, Oldest(written, kPackets));
+  if (read_ >= written) return HasWriter(fd_.get());
+  while (read_ < written) {
+    const size_t place = read_ % kPackets;
+    const size_t count = std::min<uint64_t>(written - read_, kPackets - place);
+    std::vector<RecordWords<PacketRecord>> words(count);
+    const size_t offset = slot_ + offsetof(StreamSlot, records) + place * sizeof words[0];
+    if (!ReadAt(fd_.get(), offset, words.data(), count * sizeof words[0])) return false;
+    for (const RecordWords<PacketRecord>& each : words) {
+      PacketRecord record;
+      if (Unseal(each, read_, record) && IsValid(record)) {
+        records.push_back(record);
+      } else if (read_ + kBeingWritten >= written) {
+        return true;  // it may be whole next time
+      }
+      ++read_;
     }
   }
-  return HasWriter(fd_.get());
+  return true;
 }
 
 }  // namespace kvox::flight
