@@ -325,3 +325,17 @@ def test_it_goes_on_after_restarts_without_a_reload(open_page, phone):
     kvoxctl("processor", "new", "aftr", "pass")
     wait_for(lambda: node(browser, "processor:aftr"), "what was made after the restarts")
     kvoxctl("processor", "delete", "aftr")
+
+
+def test_a_lane_that_somebody_has_ended_goes_on_when_it_is_switched_on(open_page):
+    browser = open_page
+    look(browser, "sspk.0")
+    heard(browser, "sspk.0", 1)
+    kvoxctl("tap", "disable", "sspk.0")
+    lane = "return window.kvox.lanes.lane('sspk.0')"
+    wait_for(lambda: browser.execute_script(f"{lane}.error"), "the reason")
+    end = browser.execute_script(f"{lane}.history.end")
+    kvoxctl("route", "sspk.0", "back", "--type", "pass")
+    wait_for(lambda: browser.execute_script(f"{lane}.history.end") > end + 48_000, "audio again")
+    kvoxctl("processor", "disable", "back")
+    kvoxctl("processor", "delete", "back")

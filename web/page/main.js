@@ -7,7 +7,9 @@ import { ask, causesOf, findingsOf, tableOf } from "./dialog.js";
 import { explain } from "./explain.js";
 import { Kept } from "./kept.js";
 import { Lanes } from "./lanes.js";
-import { livePoints, makeGraph, planCut, planRemoval, planSwitch, planWire } from "./model.js";
+import {
+  livePoints, makeGraph, planCut, planRemoval, planSwitch, planWire, switchedOn,
+} from "./model.js";
 import { Captures, Log, UseCases } from "./panels.js";
 import { Patchbay } from "./patchbay.js";
 import { styled } from "./style.js";
@@ -82,8 +84,10 @@ const page = {
 const patchbay = new Patchbay($("patchbay"));
 const lanes = new Lanes($("lanes"));
 const changes = new Changes({ run, say, done: showChanges });
-const troubles = new Troubles((name, lost) =>
-  say(`${name} lost ${lost} packets; Why? says more`, "bad"));
+const troubles = new Troubles({
+  lost: (name, packets) => say(`${name} lost ${packets} packets; Why? says more`, "bad"),
+  skipped: (blocks) => say(`This page was too slow for ${blocks} blocks; close a lane`, "bad"),
+});
 const timings = new Map(); // Timing by tap-out
 const log = new Log($("panels"), page);
 const useCases = new UseCases($("panels"), page);
@@ -134,7 +138,9 @@ async function readGraph() {
   const [{ taps }, { buffers }, { processors }] = await Promise.all(
     [["tap", "taps"], ["buffer", "buffers"], ["processor", "processors"]]
       .map(([object, key]) => runForAll([object, "list"], key)));
+  const before = graph;
   graph = makeGraph(taps, buffers, processors);
+  if (switchedOn(lanes.points, before, graph).length > 0) watched = ""; // those that had ended, too
   patchbay.show(graph);
   captures.setBuffers(buffers.map(({ name }) => name));
   watch();
@@ -245,6 +251,7 @@ const handlers = {
   levels(message) {
     Object.assign(levels, message.levels);
     troubles.setLevels(message.levels, performance.now());
+    troubles.skip(message.skipped);
     lanes.setLevels(message, performance.now());
   },
   log: ({ entries }) => log.add(entries),

@@ -147,6 +147,13 @@ export function planRemoval(node, parameters) {
   ]);
 }
 
+/** Those of the points that are on in `graph` and were not in the one before. */
+export function switchedOn(points, before, graph) {
+  const isOn = ({ nodes }, point) => [...nodes.values()]
+    .some(({ name, label, on }) => on && (name === point || label === point));
+  return points.filter((point) => isOn(graph, point) && !isOn(before, point));
+}
+
 /**
  * The tap-outs whose levels are shown, those that run for somebody else than those who watch, each
  * with the point that is watched for it: the tap point that it reads when that is watched already.

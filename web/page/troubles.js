@@ -6,9 +6,13 @@ const TOLD_EVERY_MS = 5000;
 /** Reasons that somebody wanted, or that a change of the set-up has. */
 const WANTED = new Set(["no_route", "switched_off", "rewired"]);
 
-/** `tell` is called with a stream and how many packets it has lost since it was told last. */
+/**
+ * `tell` has lost(stream, packets) and skipped(blocks), which are called with how many there are
+ * since the last call.
+ */
 export class Troubles {
   #tell;
+  #skipped = { count: 0, untold: 0, toldMs: -Infinity };
   #lost = new Map(); // by stream: {count, untold, toldMs}
   #clipped = new Map();
   #until = new Map(); // until when a stream is shown as troubled
@@ -41,13 +45,21 @@ export class Troubles {
     }
   }
 
+  /** How many blocks this page has missed since it was connected. */
+  skip(count) {
+    this.#skipped.untold += Math.max(0, count - this.#skipped.count);
+    this.#skipped.count = count;
+  }
+
   /** The streams that are in trouble now. Tells what has not been told. */
   now(nowMs) {
-    for (const [name, known] of this.#lost) {
-      if (known.untold === 0 || nowMs < known.toldMs + TOLD_EVERY_MS) continue;
-      this.#tell(name, known.untold);
+    const tellOf = (known, tell) => {
+      if (known.untold === 0 || nowMs < known.toldMs + TOLD_EVERY_MS) return;
+      tell(known.untold);
       Object.assign(known, { untold: 0, toldMs: nowMs });
-    }
+    };
+    for (const [name, known] of this.#lost) tellOf(known, (lost) => this.#tell.lost(name, lost));
+    tellOf(this.#skipped, (blocks) => this.#tell.skipped(blocks));
     return new Set([...this.#until].filter(([, until]) => nowMs < until).map(([name]) => name));
   }
 }
