@@ -15,15 +15,6 @@
 namespace kvox::sim {
 namespace {
 
-event_base* NewBase() {
-  event_config* config = event_config_new();
-  // Without it timers go off in steps of the scheduler's tick.
-  event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);
-  event_base* base = event_base_new_with_config(config);
-  event_config_free(config);
-  return base;
-}
-
 /// Writes the counters atomically. Throws std::runtime_error.
 void WriteStatsFile(const std::filesystem::path& file, const Stats& stats) {
   std::filesystem::path next = file;
@@ -44,7 +35,7 @@ Simulator::Simulator(const RunOptions& options, const Scenario& scenario)
       start_ns_(GetTimestampNs()),
       journal_(options.print ? stdout : nullptr),
       co_processor_(scenario),
-      base_(NewBase()),
+      base_(NewEventBase()),
       commands_(co_processor_, journal_),
       plan_(start_ns_) {
   signal(SIGPIPE, SIG_IGN);

@@ -46,9 +46,6 @@ class Simulator {
   bool Run();
 
  private:
-  struct FreeBase {
-    void operator()(event_base* base) const { event_base_free(base); }
-  };
   using Words = std::vector<std::string>;
 
   void CreateDevices();
@@ -61,7 +58,7 @@ class Simulator {
   const uint64_t start_ns_;
   Journal journal_;
   CoProcessor co_processor_;
-  const std::unique_ptr<event_base, FreeBase> base_;
+  const EventBase base_;
   CommandHandler commands_;
   FaultPlan plan_;
   std::optional<DeviceDirectory> directory_;

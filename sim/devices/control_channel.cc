@@ -1,16 +1,9 @@
 #include "sim/devices/control_channel.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
-#include <stdlib.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
 #include <utility>
 
 #include "kvox/common/kvox_utils.h"
@@ -25,13 +18,6 @@ constexpr uint64_t kPartialNs = 100'000'000;
 /// dropped.
 constexpr ptrdiff_t kMaxReplies = 64;
 
-bool MakeRaw(int terminal) {
-  termios settings{};
-  if (tcgetattr(terminal, &settings) != 0) return false;
-  cfmakeraw(&settings);
-  return tcsetattr(terminal, TCSANOW, &settings) == 0;
-}
-
 }  // namespace
 
 ControlChannel::ControlChannel(event_base* base, CommandHandler& handler, FaultPlan& plan,
@@ -45,23 +31,12 @@ ControlChannel::ControlChannel(event_base* base, CommandHandler& handler, FaultP
       due_(base, -1, 0, [this] { Flush(); }) {}
 
 std::string ControlChannel::Open() {
-  master_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  std::array<char, 64> path{};
-  if (master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0 &&
-      ptsname_r(master_, path.data(), path.size()) == 0) {
-    slave_ = open(path.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-  }
-  if (slave_ < 0 || !MakeRaw(slave_)) {
-    const int problem = errno;
-    Close();
-    throw std::runtime_error(
-        fmt::format("no pseudo-terminal for the control device ({}); is /dev/pts mounted?",
-                    std::strerror(problem)));
-  }
-  readable_ = std::make_unique<Event>(base_, master_, EV_READ | EV_PERSIST, [this] { Read(); });
-  writable_ = std::make_unique<Event>(base_, master_, EV_WRITE, [this] { Flush(); });
+  terminal_ = OpenRawTerminal();
+  const int master = terminal_.master.get();
+  readable_ = std::make_unique<Event>(base_, master, EV_READ | EV_PERSIST, [this] { Read(); });
+  writable_ = std::make_unique<Event>(base_, master, EV_WRITE, [this] { Flush(); });
   readable_->Add();
-  return path.data();
+  return terminal_.path;
 }
 
 void ControlChannel::Close() {
@@ -72,14 +47,12 @@ void ControlChannel::Close() {
   splitter_.DropPartial();
   replies_dropped_ += replies_.size();
   replies_.clear();
-  if (slave_ >= 0) close(slave_);
-  if (master_ >= 0) close(master_);
-  slave_ = master_ = -1;
+  terminal_ = {};
 }
 
 void ControlChannel::Read() {
   std::array<std::byte, 4096> bytes;
-  const ssize_t size = read(master_, bytes.data(), bytes.size());
+  const ssize_t size = read(terminal_.master.get(), bytes.data(), bytes.size());
   if (size <= 0) return;
   splitter_.Feed(std::span(bytes).first(static_cast<size_t>(size)));
   if (splitter_.partial()) {
@@ -121,9 +94,12 @@ void ControlChannel::Flush() {
   while (!replies_.empty()) {
     auto& [due, reply] = *replies_.begin();
     if (due > now) return due_.AddIn(due - now);
-    const ssize_t written = write(master_, reply.data(), reply.size());
+    const ssize_t written = write(terminal_.master.get(), reply.data(), reply.size());
     if (written > 0) reply.erase(reply.begin(), reply.begin() + written);
-    if (!reply.empty()) return writable_->Add();
+    if (!reply.empty()) {
+      writable_->Add();
+      return;
+    }
     replies_.erase(replies_.begin());
   }
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "sim/coprocessor/command_handler.h"
+#include "sim/devices/raw_terminal.h"
 #include "sim/devices/record_splitter.h"
 #include "sim/event.h"
 #include "sim/faults/fault_plan.h"
@@ -46,8 +47,7 @@ class ControlChannel {
   CommandHandler& handler_;
   FaultPlan& plan_;
   const std::function<void()> on_commands_;
-  int master_ = -1;
-  int slave_ = -1;  // held open, so that a daemon that closes its end is no hang-up
+  RawTerminal terminal_;
   RecordSplitter splitter_;
   std::vector<std::byte> last_reply_;  // before faults changed it
   /// Replies to send, by the time when they are due. The first may be sent in part.
