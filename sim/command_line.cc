@@ -24,20 +24,62 @@ Example: a phone in a directory of its own, for ten seconds
   kvosim --print --seconds 10)";
 
 constexpr double kMaxNumber = 1'000'000;
+constexpr double kLeastRotation = 65536;
+constexpr double kMostRotation = 1e15;
 
-/// A check for numbers from `low` on.
-auto CheckNumber(double low, const std::string& expected) {
+/// A check for numbers from `low` to `high`.
+auto CheckNumber(double low, const std::string& expected, double high = kMaxNumber) {
   return [=](const std::string& text) -> std::string {
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
-    if (end != text.c_str() && *end == '\0' && value >= low && value <= kMaxNumber) return "";
+    if (end != text.c_str() && *end == '\0' && value >= low && value <= high) return "";
     return fmt::format("found {}; expected a number {}", text, expected);
   };
+}
+
+auto CheckSeconds() {
+  return CheckNumber(std::numeric_limits<double>::denorm_min(),
+                     fmt::format("above 0, {} at most", kMaxNumber));
 }
 
 /// The parser has an empty line before it already.
 std::string Footer(const std::string& text) {
   return text.substr(1);
+}
+
+void DescribeRecord(CLI::App& app, CommandLine& line) {
+  app.add_option("--from", line.record.from, "Directory of the co-processor's nodes")
+      ->required()
+      ->type_name("DIR");
+  app.add_option("--to", line.record.to, "Directory of the nodes for the daemon, as KVOX_DEV_DIR")
+      ->required()
+      ->type_name("DIR");
+  app.add_option("--rotate", line.record.recording.rotate_at,
+                 "Begin the next file after so many bytes, such as 100M")
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CheckNumber(kLeastRotation, fmt::format("of bytes from {} on", kLeastRotation),
+                          kMostRotation))
+      ->type_name("SIZE");
+  app.add_flag("--no-audio", line.no_audio, "Leave the audio out: packets' headers and sizes only");
+  app.add_option("--seconds", line.record.seconds, "Exit after N seconds")
+      ->type_name("N")
+      ->check(CheckSeconds());
+  app.add_option("FILE", line.record.recording.file, "The recording, in the format pcapng")
+      ->required()
+      ->type_name("FILE");
+}
+
+void DescribeReplay(CLI::App& app, CommandLine& line) {
+  app.add_option("FILE", line.replay.file, "The recording")->required()->type_name("FILE");
+  app.add_flag("--check", line.replay.check,
+               "Compare what the daemon sends with what it sent in the recording");
+  app.add_option("--speed", line.replay.speed, "N times faster than it was (1)")
+      ->type_name("N")
+      ->check(CheckNumber(kMinSpeed, fmt::format("from {} to {}", kMinSpeed, kMaxNumber)));
+  app.add_option("--from", line.replay.from_s, "Begin so many seconds after the recording's begin")
+      ->type_name("SECONDS")
+      ->check(CheckNumber(0, fmt::format("from 0 to {}", kMaxNumber)));
+  app.add_flag("--loop", line.replay.loop, "Begin anew at the end, until a signal");
 }
 
 /// Gives the parser all options and commands; what it reads goes into `line`.
@@ -55,10 +97,13 @@ void Describe(CLI::App& app, CommandLine& line) {
                "Packets carry their sample rate at any speed");
   app.add_option("--seconds", line.run.seconds, "Exit after N seconds")
       ->type_name("N")
-      ->check(CheckNumber(std::numeric_limits<double>::denorm_min(),
-                          fmt::format("above 0, {} at most", kMaxNumber)));
+      ->check(CheckSeconds());
   app.add_flag("--print", line.run.print, "Print what runs, every change, and the counters");
   app.add_option("--stats", line.run.stats, "Write the counters as JSON")->type_name("FILE");
+  DescribeRecord(
+      *app.add_subcommand("record", "Record what passes between co-processor and daemon"), line);
+  DescribeReplay(*app.add_subcommand("replay", "Play the co-processor's side of a recording"),
+                 line);
   CLI::App* compare = app.add_subcommand("compare", "Compare a recording with what was played");
   compare->add_option("SOURCE", line.source, "What was played")->required()->type_name("FILE");
   compare->add_option("RECORDED", line.recorded, "What arrived")->required()->type_name("FILE");
@@ -190,8 +235,10 @@ std::vector<HelpRow> Variables() {
 
 std::vector<HelpRow> Exits() {
   return {
-      {"0", "as asked; compare: the same"},
-      {"1", "devices or counters could not be written; compare: not the same; ctl: refused"},
+      {"0", "as asked; compare, replay --check: the same"},
+      {"1",
+       "devices, counters or a recording could not be used; compare, replay --check: not the "
+       "same; ctl: refused"},
       {"2", "wrong command line or scenario; compare: a file cannot be read"},
       {"3", "ctl: no simulator answers"},
   };

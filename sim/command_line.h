@@ -7,13 +7,18 @@
 #include <vector>
 
 #include "kvox/common/help_text.h"
+#include "sim/recording/recorder.h"
+#include "sim/recording/replay.h"
 #include "sim/simulator.h"
 
 namespace kvox::sim {
 
 struct CommandLine {
-  std::string command;  // "compare", "ctl" or "completion"; empty to simulate
+  std::string command;  // "record", "replay", "compare" and so on; empty to simulate
   RunOptions run;
+  RecordOptions record;
+  ReplayOptions replay;
+  bool no_audio = false;
   std::filesystem::path scenario;
   std::filesystem::path write_default;
   std::filesystem::path source;
@@ -49,7 +54,7 @@ struct PlaceOption {
   std::string help;
   std::string value;  // "N"; "" for a flag
 
-  bool takes_file() const { return value.starts_with("FILE"); }
+  bool takes_file() const { return value.starts_with("FILE") || value == "DIR"; }
 };
 
 /// What may follow behind the words of a command: "", "ctl", "ctl fault".

@@ -54,10 +54,21 @@ int Simulate(CommandLine& line) {
   }
 }
 
+int RecordOrReplay(CommandLine& line) {
+  line.record.recording.audio = !line.no_audio;
+  try {
+    return line.command == "record" ? Record(line.record)
+                                    : Replay(DeviceDirectoryPath(), line.replay);
+  } catch (const std::exception& error) {
+    return Fail(kFailed, error.what());
+  }
+}
+
 int Main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   CommandLine line;
   if (const std::optional<int> status = ReadCommandLine(argc, argv, line)) return *status;
+  if (line.command == "record" || line.command == "replay") return RecordOrReplay(line);
   if (line.command == "compare") {
     return CompareFiles(line.source, line.recorded, line.skip_silence);
   }
