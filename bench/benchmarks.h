@@ -32,6 +32,10 @@ struct PacketWorkload {
 uint64_t MeasurePackets(const PacketCase& packet_case, const PacketWorkload& workload,
                         Report& report);
 
+/// What `kvosim record` adds to a packet's way. Returns likewise.
+uint64_t MeasureRecorder(const PacketCase& packet_case, const PacketWorkload& workload,
+                         Report& report);
+
 // The command path: calls of kvoxd against bare ones of the same size with the same thread hops.
 
 struct CommandWorkload {

@@ -81,6 +81,10 @@ constexpr struct {
     {"ping-pong",
      [](auto& plan, auto& report) { return MeasureCases(Pattern::kPingPong, plan, report); }},
     {"paced", [](auto& plan, auto& report) { return MeasureCases(Pattern::kPaced, plan, report); }},
+    {"record",
+     [](auto& plan, auto& report) {
+       return MeasureRecorder({Pattern::kPaced, 1920, 8, 0}, plan.packets, report);
+     }},
     {"calls",
      [](auto& plan, auto& report) {
        MeasureCommands(plan.commands, report);

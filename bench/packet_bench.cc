@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +29,7 @@ constexpr unsigned kWarmUpPackets = 50;
 struct Forwarder {
   HostDirectories home;
   LoopbackStreams streams;
+  std::unique_ptr<Process> recorder;  // between the streams and the relay
   std::unique_ptr<Process> relay;
   std::unique_ptr<DaemonUnderTest> daemon;
   pid_t pid = -1;
@@ -54,15 +57,34 @@ void WaitUntilReady(const Forwarder& forwarder) {
   }
 }
 
+void StartRelay(Forwarder& relay, const std::filesystem::path& devices, unsigned streams) {
+  relay.relay = std::make_unique<Process>(
+      kOwnProgram, std::vector<std::string>{"relay", devices, std::to_string(streams)},
+      relay.home / "relay");
+  relay.pid = relay.relay->pid();
+  relay.io_threads = kRelayThread;
+  WaitUntilReady(relay);
+}
+
 std::unique_ptr<Forwarder> StartRelay(const PacketCase& packet_case) {
   auto relay = MakeForwarder(packet_case);
-  relay->relay = std::make_unique<Process>(
-      kOwnProgram,
-      std::vector<std::string>{"relay", relay->home / "dev", std::to_string(packet_case.streams)},
-      relay->home / "relay");
-  relay->pid = relay->relay->pid();
-  relay->io_threads = kRelayThread;
-  WaitUntilReady(*relay);
+  StartRelay(*relay, relay->home / "dev", packet_case.streams);
+  return relay;
+}
+
+/// What it reads and writes passes through `kvosim record`.
+std::unique_ptr<Forwarder> StartRecordedRelay(const PacketCase& packet_case) {
+  auto relay = MakeForwarder(packet_case);
+  const std::filesystem::path recorded = relay->home / "recorded";
+  create_directory(recorded);
+  relay->recorder =
+      std::make_unique<Process>(KVOSIM_PROGRAM,
+                                std::vector<std::string>{"record", "--from", relay->home / "dev",
+                                                         "--to", recorded, relay->home / "pcapng"},
+                                relay->home / "recorder");
+  const auto last = recorded / fmt::format("xdv-kvox_tapout{}", packet_case.streams - 1);
+  if (!WaitFor([&] { return exists(last); })) throw std::runtime_error(relay->recorder->Err());
+  StartRelay(*relay, recorded, packet_case.streams);
   return relay;
 }
 
@@ -162,6 +184,30 @@ uint64_t MeasurePackets(const PacketCase& packet_case, const PacketWorkload& wor
   BindToCore(std::nullopt);
   report.Add(Compare(packet_case, workload, *relay, *daemon));
   return Sum(relay->streams).faults() + Sum(daemon->streams).faults();
+}
+
+uint64_t MeasureRecorder(const PacketCase& packet_case, const PacketWorkload& workload,
+                         Report& report) {
+  const auto bare = StartRelay(packet_case);
+  const auto recorded = StartRecordedRelay(packet_case);
+  for (unsigned round = 0; round < workload.rounds; ++round) {
+    PlayRound(*bare, packet_case, workload);
+    PlayRound(*recorded, packet_case, workload);
+  }
+  Section section{Title(packet_case, workload), "bare relay", "recorded"};
+  const auto add = [&](const char* what, double share, std::optional<Aim> aim) {
+    const double with = Percentile(recorded->round_trips_ns, share) / 1000;
+    const double without = Percentile(bare->round_trips_ns, share) / 1000;
+    section.rows.push_back({fmt::format("round trip, {}", what), "us", with, {}, without});
+    section.rows.push_back(
+        {fmt::format("added to each way, {}", what), "us", (with - without) / 2, aim});
+  };
+  add("median", 0.5, {});
+  add("99 %", 0.99, AtMost(60));
+  const uint64_t faults = Sum(bare->streams).faults() + Sum(recorded->streams).faults();
+  section.rows.push_back({"lost or wrong packets", "", static_cast<double>(faults), AtMost(0)});
+  report.Add(section);
+  return faults;
 }
 
 }  // namespace kvox::bench

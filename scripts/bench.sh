@@ -8,7 +8,7 @@
 # in a browser, and the daemon with and without four pages.
 #
 #   --quick       well under a minute; otherwise about four
-#   --only GROUP  one of ping-pong, paced, calls, client, idle, top, micro, page
+#   --only GROUP  one of ping-pong, paced, record, calls, client, idle, top, micro, page
 #   --json FILE   also write the results to FILE, except for the single steps
 #
 # Ping-pong on one core is repeatable; the other figures need an idle machine.
